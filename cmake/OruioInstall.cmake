@@ -1,0 +1,36 @@
+# Installation: the libraries, their headers, the CMake package and the pkg-config file.
+
+include(CMakePackageConfigHelpers)
+
+set(_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/oruio")
+
+install(TARGETS oruio orulog EXPORT oruio-targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+)
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/oruio"
+                  "${PROJECT_SOURCE_DIR}/liborulog/include/orulog"
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h"
+)
+install(EXPORT oruio-targets NAMESPACE oruio:: DESTINATION ${_package_dir})
+
+configure_package_config_file(
+  "${PROJECT_SOURCE_DIR}/cmake/oruio-config.cmake.in"
+  "${PROJECT_BINARY_DIR}/oruio-config.cmake"
+  INSTALL_DESTINATION ${_package_dir}
+)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/oruio-config-version.cmake"
+  COMPATIBILITY SameMajorVersion
+)
+# The file finds its prefix from where it lies, so that an installed tree can be moved.
+file(RELATIVE_PATH ORUIO_PC_TO_PREFIX
+  "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix"
+)
+configure_file("${PROJECT_SOURCE_DIR}/cmake/oruio.pc.in" "${PROJECT_BINARY_DIR}/oruio.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/oruio.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES
+  "${PROJECT_BINARY_DIR}/oruio-config.cmake"
+  "${PROJECT_BINARY_DIR}/oruio-config-version.cmake"
+  DESTINATION ${_package_dir}
+)

@@ -1,0 +1,351 @@
+#include <oruio/error.h>
+#include <oruio/fdadapter.h>
+#include <oruio/fsswitch.h>
+
+#include "systemtext_p.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <limits>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace oru::io {
+
+namespace {
+
+/// The number of open files that the device is dimensioned for. Not a limit: a recorder that needs
+/// more gets more.
+[[maybe_unused]] constexpr int MAX_FDS = 4096;
+
+FDMap fdMap;
+
+/// Refuses a call for the reason in errno.
+int refused() {
+    liberrno = Ok;
+    return -1;
+}
+
+/// The result of `operation` on the text of `path`; -1 when it has none.
+template <class Operation>
+int withText(const char* path, Operation operation) {
+    QString text;
+    return fromSystem(path, text) ? operation(text) : refused();
+}
+
+/// As withText(), for two texts.
+template <class Operation>
+int withTexts(const char* first, const char* second, Operation operation) {
+    return withText(first, [&](const QString& firstText) {
+        return withText(
+            second, [&](const QString& secondText) { return operation(firstText, secondText); });
+    });
+}
+
+/// As withText(), for an operation that fills `*record`.
+template <class Record, class Operation>
+int withRecord(const char* path, Record* record, Operation operation) {
+    if (!record) {
+        errno = EFAULT;
+        return refused();
+    }
+    return withText(path, [&](const QString& text) { return operation(text, *record); });
+}
+
+/// The result of `operation` on the open file; -1 when there is none.
+template <class Operation>
+auto withFile(int fd, Operation operation) -> decltype(operation(*fdMap.get(fd))) {
+    const auto file = fdMap.get(fd);
+    return file ? operation(*file) : -1;
+}
+
+} // namespace
+
+FDMap::FDMap() : m_base(static_cast<int>(sysconf(_SC_OPEN_MAX))), m_next(m_base) {
+}
+
+FDMap::~FDMap() = default;
+
+int FDMap::lowestFree() {
+    if (m_freed.empty())
+        return m_next == std::numeric_limits<int>::max() ? -1 : m_next++;
+    const int fd = m_freed.top();
+    m_freed.pop();
+    return fd;
+}
+
+int FDMap::add(QSharedPointer<File>& file) {
+    if (!file || m_base == -1)
+        return -1;
+    const QMutexLocker lock(&m_fileMutex);
+    const int fd = lowestFree();
+    if (fd == -1)
+        errno = EMFILE;
+    else
+        m_files.insert(fd, file);
+    return fd;
+}
+
+QSharedPointer<File> FDMap::get(int fd) {
+    QSharedPointer<File> file;
+    {
+        const QMutexLocker lock(&m_fileMutex);
+        file = m_files.value(fd);
+    }
+    liberrno = file ? Ok : NotFound;
+    return file;
+}
+
+int FDMap::remove(int fd) {
+    QSharedPointer<File> file;
+    {
+        const QMutexLocker lock(&m_fileMutex);
+        file = m_files.take(fd);
+        if (file)
+            m_freed.push(fd);
+    }
+    liberrno = file ? Ok : NotFound;
+    return file ? file->close() : -1;
+}
+
+void* FDMap::add(QSharedPointer<Directory>& dir) {
+    if (!dir)
+        return nullptr;
+    const QMutexLocker lock(&m_dirMutex);
+    m_dirs.insert(dir.data(), dir);
+    return dir.data();
+}
+
+QSharedPointer<Directory> FDMap::getdir(void* handle) {
+    const QMutexLocker lock(&m_dirMutex);
+    return m_dirs.value(handle);
+}
+
+int FDMap::remove(void* handle) {
+    if (!handle)
+        return -1;
+    // Outlives the lock: the directory may be closed with it.
+    QSharedPointer<Directory> dir;
+    const QMutexLocker lock(&m_dirMutex);
+    dir = m_dirs.take(handle);
+    return 0;
+}
+
+FDAdapter::FDAdapter(QSharedPointer<FS> fs)
+    : m_fs(fs ? std::move(fs) : QSharedPointer<FSSwitch>::create()) {
+}
+
+FDAdapter::~FDAdapter() = default;
+
+FDAdapter* FDAdapter::rootfs() {
+    static QMutex initMutex;
+    static QSharedPointer<FDAdapter> theRootfsAdapter;
+    static std::atomic<FDAdapter*> created{nullptr};
+
+    FDAdapter* adapter = created.load(std::memory_order_acquire);
+    if (adapter)
+        return adapter;
+    const QMutexLocker lock(&initMutex);
+    if (!theRootfsAdapter) {
+        theRootfsAdapter = SPtr::create(FSSwitch::rootfs());
+        created.store(theRootfsAdapter.data(), std::memory_order_release);
+    }
+    return theRootfsAdapter.data();
+}
+
+int FDAdapter::lstat(const char* path, struct stat* st) {
+    return withRecord(path, st, [this](const QString& p, auto& record) {
+        return m_fs->lstat(p, record);
+    });
+}
+
+int FDAdapter::stat(const char* path, struct stat* st) {
+    return withRecord(path, st, [this](const QString& p, auto& record) {
+        return m_fs->stat(p, record);
+    });
+}
+
+int FDAdapter::statfs(const char* path, struct statfs* st) {
+    return withRecord(path, st, [this](const QString& p, auto& record) {
+        return m_fs->statfs(p, record);
+    });
+}
+
+int FDAdapter::link(const char* oldPath, const char* newPath) {
+    return withTexts(oldPath, newPath, [this](const QString& from, const QString& to) {
+        return m_fs->link(from, to);
+    });
+}
+
+int FDAdapter::unlink(const char* path) {
+    return withText(path, [this](const QString& p) { return m_fs->unlink(p); });
+}
+
+int FDAdapter::mkdir(const char* path, int mode) {
+    return withText(path, [=](const QString& p) { return m_fs->mkdir(p, mode); });
+}
+
+int FDAdapter::rmdir(const char* path) {
+    return withText(path, [this](const QString& p) { return m_fs->rmdir(p); });
+}
+
+int FDAdapter::rename(const char* oldPath, const char* newPath) {
+    return withTexts(oldPath, newPath, [this](const QString& from, const QString& to) {
+        return m_fs->rename(from, to);
+    });
+}
+
+void FDAdapter::sync() {
+    m_fs->sync();
+}
+
+int FDAdapter::getxattr(const char* path, const char* name, void* value, unsigned int size) {
+    return withTexts(path, name, [=](const QString& p, const QString& n) {
+        return m_fs->getxattr(p, n, value, size);
+    });
+}
+
+int FDAdapter::setxattr(const char* path, const char* name, void* value, unsigned int size,
+                        int flags) {
+    return withTexts(path, name, [=](const QString& p, const QString& n) {
+        return m_fs->setxattr(p, n, value, size, flags);
+    });
+}
+
+int FDAdapter::removexattr(const char* path, const char* name) {
+    return withTexts(path, name, [this](const QString& p, const QString& n) {
+        return m_fs->removexattr(p, n);
+    });
+}
+
+int FDAdapter::listxattr(const char* path, char* list, unsigned int size) {
+    return withText(path, [=](const QString& p) { return m_fs->listxattr(p, list, size); });
+}
+
+int FDAdapter::symlink(const char* target, const char* linkPath) {
+    return withTexts(target, linkPath, [this](const QString& to, const QString& p) {
+        return m_fs->symlink(to, p);
+    });
+}
+
+int FDAdapter::readlink(const char* path, char* buf, unsigned int size) {
+    return withText(path, [=](const QString& p) { return m_fs->readlink(p, buf, size); });
+}
+
+int FDAdapter::truncate(const char* path, long long length) {
+    return withText(path, [=](const QString& p) { return m_fs->truncate(p, length); });
+}
+
+int FDAdapter::chmod(const char* path, int mode) {
+    return withText(path, [=](const QString& p) { return m_fs->chmod(p, mode); });
+}
+
+void* FDAdapter::opendir(const char* path) {
+    QSharedPointer<Directory> dir;
+    withText(path, [&](const QString& p) {
+        dir = m_fs->opendir(p);
+        return 0;
+    });
+    return fdMap.add(dir);
+}
+
+struct dirent* FDAdapter::readdir(void* handle) {
+    const auto dir = fdMap.getdir(handle);
+    return dir ? dir->readdir() : nullptr;
+}
+
+void FDAdapter::rewinddir(void* handle) {
+    if (const auto dir = fdMap.getdir(handle))
+        dir->rewinddir();
+}
+
+int FDAdapter::closedir(void* handle) {
+    return fdMap.remove(handle);
+}
+
+int FDAdapter::open(const char* path, int flags, int mode) {
+    liberrno = Ok;
+    QSharedPointer<File> file;
+    withText(path, [&](const QString& p) {
+        file = m_fs->open(p, flags, mode);
+        return 0;
+    });
+    return fdMap.add(file);
+}
+
+int FDAdapter::creat(const char* path, int mode) {
+    return open(path, O_WRONLY | O_CREAT | O_TRUNC, mode);
+}
+
+int FDAdapter::read(int fd, void* buf, unsigned int len) {
+    return withFile(fd, [=](File& file) { return file.read(buf, len); });
+}
+
+int FDAdapter::write(int fd, const void* buf, unsigned int len) {
+    return withFile(fd, [=](File& file) { return file.write(buf, len); });
+}
+
+int FDAdapter::pread(int fd, void* buf, unsigned int len, long long offset) {
+    return withFile(fd, [=](File& file) { return file.pread(buf, len, offset); });
+}
+
+int FDAdapter::pwrite(int fd, const void* buf, unsigned int len, long long offset) {
+    return withFile(fd, [=](File& file) { return file.pwrite(buf, len, offset); });
+}
+
+long long FDAdapter::lseek(int fd, long long offset, int whence) {
+    return withFile(fd, [=](File& file) { return file.lseek(offset, whence); });
+}
+
+int FDAdapter::fstat(int fd, struct stat* st) {
+    return withFile(fd, [=](File& file) {
+        if (st)
+            return file.fstat(*st);
+        errno = EFAULT;
+        return refused();
+    });
+}
+
+int FDAdapter::ftruncate(int fd, long long length) {
+    return withFile(fd, [=](File& file) { return file.ftruncate(length); });
+}
+
+int FDAdapter::fsync(int fd) {
+    return withFile(fd, [](File& file) { return file.fsync(); });
+}
+
+int FDAdapter::fdatasync(int fd) {
+    return withFile(fd, [](File& file) { return file.fdatasync(); });
+}
+
+int FDAdapter::fcntl(int fd, int cmd, ...) {
+    va_list args;
+    va_start(args, cmd);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    return withFile(fd, [=](File& file) { return file.fcntl(cmd, argument); });
+}
+
+int FDAdapter::flock(int fd, int operation) {
+    return withFile(fd, [=](File& file) { return file.flock(operation); });
+}
+
+int FDAdapter::fchmod(int fd, int mode) {
+    return withFile(fd, [=](File& file) { return file.fchmod(mode); });
+}
+
+int FDAdapter::close(int fd) {
+    return fdMap.remove(fd);
+}
+
+int FDAdapter::ioctl(int fd, const QString& request, QString& response) {
+    return withFile(fd, [&](File& file) { return file.ioctl(request, response); });
+}
+
+QString FDAdapter::type() {
+    return m_fs->type();
+}
+
+} // namespace oru::io

@@ -1,0 +1,54 @@
+#include <oruio/fs.h>
+
+#include <cerrno>
+#include <limits>
+
+namespace oru::io {
+
+File::File(const QString& type) : m_type(type) {
+}
+
+File::~File() = default;
+
+const QString& File::type() {
+    return m_type;
+}
+
+QByteArray File::readAll(unsigned int maxSize) {
+    struct stat st;
+    if (fstat(st) != 0)
+        return {};
+    const auto size = qMin<qint64>(maxSize, st.st_size);
+    // A size of nothing, or a backend that tells a negative one: there is nothing to read.
+    if (size <= 0)
+        return {};
+    // What a byte array can hold, with room for its own header.
+    if (size > std::numeric_limits<int>::max() - 64) {
+        errno = EFBIG;
+        return {};
+    }
+    QByteArray data(static_cast<int>(size), Qt::Uninitialized);
+    if (read(data.data(), static_cast<unsigned int>(size)) != size)
+        return {};
+    return data;
+}
+
+Directory::Directory(QString type) : m_type(std::move(type)) {
+}
+
+Directory::~Directory() = default;
+
+QString Directory::type() {
+    return m_type;
+}
+
+FS::FS(QString type) : m_type(std::move(type)) {
+}
+
+FS::~FS() = default;
+
+QString FS::type() {
+    return m_type;
+}
+
+} // namespace oru::io

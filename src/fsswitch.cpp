@@ -1,0 +1,284 @@
+#include <oruio/fsswitch.h>
+
+#include <QMutex>
+
+#include <cstring>
+
+#include "log_p.h"
+#include "notimplemented_p.h"
+
+namespace oru::io {
+
+ORUIO_LOG_CHANNEL("libio");
+
+namespace {
+
+QSharedPointer<FSSwitch> theRootfs;
+
+QMutex& rootfsMutex() {
+    static QMutex mutex;
+    return mutex;
+}
+
+/// Makes `mountPoint` end with a slash. \returns false when it is not absolute.
+bool normalise(QString& mountPoint) {
+    if (!mountPoint.startsWith(QLatin1Char('/')))
+        return false;
+    if (!mountPoint.endsWith(QLatin1Char('/')))
+        mountPoint.append(QLatin1Char('/'));
+    return true;
+}
+
+/// Whether `path` lies under `mountPoint` or names it without its slash. This runs for every entry
+/// on every call, so the cheap test of the slash comes before the comparison of the texts.
+bool serves(const QString& mountPoint, const QString& path) {
+    const int stem = mountPoint.size() - 1;
+    if (path.size() < stem || (path.size() > stem && path.at(stem) != QLatin1Char('/')))
+        return false;
+    return std::memcmp(path.constData(), mountPoint.constData(), stem * sizeof(QChar)) == 0;
+}
+
+} // namespace
+
+class FSSwitch::Data {
+public:
+    /// The entry that serves `path`, with the rest of the path if asked for; an entry without a
+    /// file system when there is none. Tells liberrno which.
+    FSEntry lookup(const QString& path, QString* rest);
+
+    /// The result of `operation` on the file system that serves `path` and the rest of the path.
+    template <class Operation>
+    int forward(const QString& path, Operation operation) {
+        QString rest;
+        const FSEntry entry = lookup(path, &rest);
+        return entry.fs ? operation(*entry.fs, rest) : -1;
+    }
+
+    /// As forward(), for two paths that the same entry must serve.
+    template <class Operation>
+    int forward(const QString& first, const QString& second, Operation operation) {
+        QString firstRest;
+        QString secondRest;
+        const FSEntry entry = lookup(first, &firstRest);
+        const FSEntry other = lookup(second, &secondRest);
+        // Mount points are unique, so equal ones with the same file system are the same row.
+        if (!entry.fs || entry.fs != other.fs || entry.mountPoint != other.mountPoint)
+            return -1;
+        return operation(*entry.fs, firstRest, secondRest);
+    }
+
+    QVector<FSEntry> entries;
+    QMutex mutex; // guards entries
+};
+
+FSEntry FSSwitch::Data::lookup(const QString& path, QString* rest) {
+    FSEntry found;
+    {
+        const QMutexLocker lock(&mutex);
+        for (int i = entries.size() - 1; i >= 0; --i) {
+            if (serves(entries.at(i).mountPoint, path)) {
+                found = entries.at(i);
+                break;
+            }
+        }
+    }
+    liberrno = found.fs ? Ok : NotFound;
+    if (found.fs && rest) {
+        const int stem = found.mountPoint.size() - 1;
+        *rest = path.size() > stem ? path.mid(stem) : QStringLiteral("/");
+    }
+    return found;
+}
+
+FSSwitch::FSSwitch() : FS(QStringLiteral("FSSwitchFS")), m_data(new Data) {
+}
+
+FSSwitch::~FSSwitch() = default;
+
+void FSSwitch::add(QString mountPoint, QSharedPointer<FS> fs) {
+    const QString asWritten = mountPoint;
+    if (!normalise(mountPoint)) {
+        ORUIO_LOG(LogDebug, "Invalid mount point '%s'. Must be an absolute path.",
+                  qUtf8Printable(asWritten));
+        return;
+    }
+    if (!fs) {
+        ORUIO_LOG(LogDebug, "No file system for mount point '%s'.", qUtf8Printable(asWritten));
+        return;
+    }
+    const QMutexLocker lock(&m_data->mutex);
+    auto& entries = m_data->entries;
+    int index = 0;
+    for (int i = 0; i < entries.size(); ++i) {
+        const QString& existing = entries.at(i).mountPoint;
+        if (existing == mountPoint)
+            return;
+        if (index == 0 && existing.size() < mountPoint.size())
+            index = i + 1;
+    }
+    entries.insert(index, FSEntry{std::move(mountPoint), std::move(fs)});
+}
+
+void FSSwitch::remove(QString mountPoint) {
+    if (!normalise(mountPoint))
+        return;
+    // Outlives the lock: the file system may be destroyed with it, and take its time.
+    FSEntry removed;
+    const QMutexLocker lock(&m_data->mutex);
+    auto& entries = m_data->entries;
+    for (int i = 0; i < entries.size(); ++i) {
+        if (entries.at(i).mountPoint == mountPoint) {
+            removed = entries.takeAt(i);
+            return;
+        }
+    }
+}
+
+QSharedPointer<FS> FSSwitch::getFS(QString path, QString* rest) {
+    return m_data->lookup(path, rest).fs;
+}
+
+QStringList FSSwitch::getMountPoints(QSharedPointer<FS> fs) {
+    QStringList mountPoints;
+    const QMutexLocker lock(&m_data->mutex);
+    for (const FSEntry& entry : qAsConst(m_data->entries)) {
+        if (entry.fs == fs)
+            mountPoints.append(entry.mountPoint);
+    }
+    return mountPoints;
+}
+
+QSharedPointer<FSSwitch> FSSwitch::rootfs() {
+    const QMutexLocker lock(&rootfsMutex());
+    if (!theRootfs)
+        theRootfs = SPtr::create();
+    return theRootfs;
+}
+
+void FSSwitch::setRootfs(QSharedPointer<FSSwitch>& fs) {
+    // Declared first, so that the old switch goes after the lock does.
+    SPtr replaced = fs;
+    const QMutexLocker lock(&rootfsMutex());
+    theRootfs.swap(replaced);
+}
+
+int FSSwitch::addWatch(QString) {
+    return notImplemented();
+}
+
+int FSSwitch::remWatch(QString) {
+    return notImplemented();
+}
+
+QSharedPointer<File> FSSwitch::open(QString path, int flags, int mode) {
+    QString rest;
+    const auto fs = m_data->lookup(path, &rest).fs;
+    return fs ? fs->open(rest, flags, mode) : nullptr;
+}
+
+QSharedPointer<Directory> FSSwitch::opendir(QString path) {
+    QString rest;
+    const auto fs = m_data->lookup(path, &rest).fs;
+    return fs ? fs->opendir(rest) : nullptr;
+}
+
+int FSSwitch::lstat(QString path, struct stat& st) {
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.lstat(rest, st); });
+}
+
+int FSSwitch::stat(QString path, struct stat& st) {
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.stat(rest, st); });
+}
+
+int FSSwitch::statfs(QString path, struct statfs& st) {
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.statfs(rest, st); });
+}
+
+int FSSwitch::link(QString oldPath, QString newPath) {
+    return m_data->forward(oldPath, newPath,
+                           [](FS& fs, const QString& oldRest, const QString& newRest) {
+                               return fs.link(oldRest, newRest);
+                           });
+}
+
+int FSSwitch::unlink(QString path) {
+    return m_data->forward(path, [](FS& fs, const QString& rest) { return fs.unlink(rest); });
+}
+
+int FSSwitch::mkdir(QString path, int mode) {
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.mkdir(rest, mode); });
+}
+
+int FSSwitch::rmdir(QString path) {
+    return m_data->forward(path, [](FS& fs, const QString& rest) { return fs.rmdir(rest); });
+}
+
+int FSSwitch::rename(QString oldPath, QString newPath) {
+    return m_data->forward(oldPath, newPath,
+                           [](FS& fs, const QString& oldRest, const QString& newRest) {
+                               return fs.rename(oldRest, newRest);
+                           });
+}
+
+void FSSwitch::sync() {
+    const QMutexLocker lock(&m_data->mutex);
+    for (const FSEntry& entry : qAsConst(m_data->entries))
+        entry.fs->sync();
+}
+
+int FSSwitch::getxattr(QString path, QString name, void* value, unsigned int size) {
+    return m_data->forward(path, [&](FS& fs, const QString& rest) {
+        return fs.getxattr(rest, name, value, size);
+    });
+}
+
+int FSSwitch::setxattr(QString path, QString name, void* value, unsigned int size, int flags) {
+    return m_data->forward(path, [&](FS& fs, const QString& rest) {
+        return fs.setxattr(rest, name, value, size, flags);
+    });
+}
+
+int FSSwitch::removexattr(QString path, QString name) {
+    return m_data->forward(
+        path, [&](FS& fs, const QString& rest) { return fs.removexattr(rest, name); });
+}
+
+int FSSwitch::listxattr(QString path, QVector<QString>& names) {
+    return m_data->forward(
+        path, [&](FS& fs, const QString& rest) { return fs.listxattr(rest, names); });
+}
+
+int FSSwitch::listxattr(QString path, char* list, unsigned int size) {
+    return m_data->forward(
+        path, [&](FS& fs, const QString& rest) { return fs.listxattr(rest, list, size); });
+}
+
+int FSSwitch::symlink(QString target, QString linkPath) {
+    return m_data->forward(
+        linkPath, [&](FS& fs, const QString& rest) { return fs.symlink(target, rest); });
+}
+
+int FSSwitch::readlink(QString path, QString& target) {
+    return m_data->forward(
+        path, [&](FS& fs, const QString& rest) { return fs.readlink(rest, target); });
+}
+
+int FSSwitch::readlink(QString path, char* buf, unsigned int size) {
+    return m_data->forward(
+        path, [&](FS& fs, const QString& rest) { return fs.readlink(rest, buf, size); });
+}
+
+int FSSwitch::truncate(QString path, long long length) {
+    return m_data->forward(
+        path, [&](FS& fs, const QString& rest) { return fs.truncate(rest, length); });
+}
+
+int FSSwitch::chmod(QString path, int mode) {
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.chmod(rest, mode); });
+}
+
+int FSSwitch::ioctl(QString, QString&) {
+    return notImplemented();
+}
+
+} // namespace oru::io

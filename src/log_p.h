@@ -1,0 +1,72 @@
+// Logging to the device's logging service, one channel per source file.
+//
+// Include last, and only in sources: everything here has internal linkage, so that each source has
+// its own channel. Follow the include with ORUIO_LOG_CHANNEL("name"); then log with
+// ORUIO_LOG(level, format, ...). Logging leaves errno as it is, and whatever the service does, it
+// never fails visibly.
+#pragma once
+
+#include <orulog/orulog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace oru::io {
+
+// The service's scale; a message is logged when its level is at most its channel's threshold.
+enum LogLevel : int {
+    LogFailure = 9,
+    LogWarning = 10,
+    LogNotice = 11,
+    LogDebug = 12,
+};
+
+/// Formats the message into a record of the service and hands it over, if `level` is within the
+/// threshold of `channel`. Without a record, the bare text goes to standard error.
+__attribute__((format(printf, 5, 6))) static void
+__oruLog(int channel, int level, const char* file, int line, const char* format, ...) {
+    constexpr int channels = 1000;
+    if (channel < 0 || channel >= channels)
+        return;
+    // Other threads may change the threshold at any time.
+    if (level > __atomic_load_n(&oruLogLevel[channel], __ATOMIC_RELAXED))
+        return;
+
+    const int savedErrno = errno;
+    va_list args;
+    va_start(args, format);
+    if (oruLogMsg* msg = oruLogMsgAlloc()) {
+        clock_gettime(CLOCK_REALTIME, &msg->time);
+        msg->channel = channel;
+        msg->level = level;
+        msg->line = line;
+        msg->file = file;
+        msg->tid = static_cast<decltype(msg->tid)>(syscall(SYS_gettid));
+        msg->length = vsnprintf(msg->text, sizeof msg->text, format, args);
+        oruLogMsgPush(msg);
+    } else {
+        // The text is written over the prefix and cut as if it stood behind it: standard error
+        // gets the message alone, in the length that readers of it have always seen.
+        char text[sizeof msg->text];
+        const int prefix = snprintf(text, sizeof text, "LOG DROP: %s:%d: ", file, line);
+        const auto used = std::clamp<size_t>(prefix, 0, sizeof text - 1);
+        vsnprintf(text, sizeof text - used, format, args);
+        fputs(text, stderr);
+    }
+    va_end(args);
+    errno = savedErrno;
+}
+
+} // namespace oru::io
+
+/// Registers the source file's channel while the library is loaded.
+#define ORUIO_LOG_CHANNEL(name)                                                                    \
+    static const int LOG_CHAN = __oruLogChanReg(name, __FILE__, __LINE__, name)
+
+#define ORUIO_LOG(level, ...) __oruLog(LOG_CHAN, level, __FILE__, __LINE__, __VA_ARGS__)

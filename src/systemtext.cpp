@@ -1,0 +1,46 @@
+#include "systemtext_p.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace oru::io {
+
+bool toSystem(const QString& text, QByteArray& utf8) {
+    if (text.contains(QChar::Null)) {
+        errno = EINVAL;
+        return false;
+    }
+    if (!text.isValidUtf16()) {
+        errno = EILSEQ;
+        return false;
+    }
+    utf8 = text.toUtf8();
+    return true;
+}
+
+bool fromSystem(const char* utf8, QString& text) {
+    if (!utf8) {
+        errno = EFAULT;
+        return false;
+    }
+    const auto length = static_cast<int>(std::strlen(utf8));
+    const bool ascii =
+        std::all_of(utf8, utf8 + length, [](char c) { return static_cast<signed char>(c) >= 0; });
+    if (ascii) {
+        text = QString::fromLatin1(utf8, length);
+        return true;
+    }
+    // The decoder replaces what is invalid, so that only a text that comes back the same was
+    // decoded as it is; and it would drop a byte order mark, were that not behind something.
+    const QByteArray given = '/' + QByteArray::fromRawData(utf8, length);
+    const QString decoded = QString::fromUtf8(given);
+    if (decoded.toUtf8() != given) {
+        errno = EILSEQ;
+        return false;
+    }
+    text = decoded.mid(1);
+    return true;
+}
+
+} // namespace oru::io

@@ -1,0 +1,20 @@
+// How text crosses between QString and the C interface: as UTF-8, unchanged or not at all.
+//
+// A text that would arrive as a different one (cut at a NUL, or with its invalid parts replaced)
+// could name the wrong file, so it is refused.
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+namespace oru::io {
+
+/// The UTF-8 form of `text`. \returns false with errno EINVAL when it contains a NUL, EILSEQ when
+/// it is not valid UTF-16; `utf8` is then unchanged.
+bool toSystem(const QString& text, QByteArray& utf8);
+
+/// The text that `utf8` spells. \returns false with errno EFAULT when it is null, EILSEQ when it is
+/// not valid UTF-8; `text` is then unchanged.
+bool fromSystem(const char* utf8, QString& text);
+
+} // namespace oru::io
