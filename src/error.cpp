@@ -37,8 +37,7 @@ bool isError() {
     return liberrno != Ok || errno != 0;
 }
 
-Error::Error() : code(liberrno), sysErrno(errno) {
-}
+Error::Error() : code(liberrno), sysErrno(errno) {}
 
 const char* Error::strerror() const {
     return describe(code, sysErrno);

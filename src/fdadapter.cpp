@@ -63,8 +63,7 @@ auto withFile(int fd, Operation operation) -> decltype(operation(*fdMap.get(fd))
 
 } // namespace
 
-FDMap::FDMap() : m_base(static_cast<int>(sysconf(_SC_OPEN_MAX))), m_next(m_base) {
-}
+FDMap::FDMap() : m_base(static_cast<int>(sysconf(_SC_OPEN_MAX))), m_next(m_base) {}
 
 FDMap::~FDMap() = default;
 
@@ -134,8 +133,7 @@ int FDMap::remove(void* handle) {
 }
 
 FDAdapter::FDAdapter(QSharedPointer<FS> fs)
-    : m_fs(fs ? std::move(fs) : QSharedPointer<FSSwitch>::create()) {
-}
+    : m_fs(fs ? std::move(fs) : QSharedPointer<FSSwitch>::create()) {}
 
 FDAdapter::~FDAdapter() = default;
 
@@ -156,21 +154,18 @@ FDAdapter* FDAdapter::rootfs() {
 }
 
 int FDAdapter::lstat(const char* path, struct stat* st) {
-    return withRecord(path, st, [this](const QString& p, auto& record) {
-        return m_fs->lstat(p, record);
-    });
+    return withRecord(path, st,
+                      [this](const QString& p, auto& record) { return m_fs->lstat(p, record); });
 }
 
 int FDAdapter::stat(const char* path, struct stat* st) {
-    return withRecord(path, st, [this](const QString& p, auto& record) {
-        return m_fs->stat(p, record);
-    });
+    return withRecord(path, st,
+                      [this](const QString& p, auto& record) { return m_fs->stat(p, record); });
 }
 
 int FDAdapter::statfs(const char* path, struct statfs* st) {
-    return withRecord(path, st, [this](const QString& p, auto& record) {
-        return m_fs->statfs(p, record);
-    });
+    return withRecord(path, st,
+                      [this](const QString& p, auto& record) { return m_fs->statfs(p, record); });
 }
 
 int FDAdapter::link(const char* oldPath, const char* newPath) {
@@ -215,9 +210,8 @@ int FDAdapter::setxattr(const char* path, const char* name, void* value, unsigne
 }
 
 int FDAdapter::removexattr(const char* path, const char* name) {
-    return withTexts(path, name, [this](const QString& p, const QString& n) {
-        return m_fs->removexattr(p, n);
-    });
+    return withTexts(
+        path, name, [this](const QString& p, const QString& n) { return m_fs->removexattr(p, n); });
 }
 
 int FDAdapter::listxattr(const char* path, char* list, unsigned int size) {
@@ -225,9 +219,8 @@ int FDAdapter::listxattr(const char* path, char* list, unsigned int size) {
 }
 
 int FDAdapter::symlink(const char* target, const char* linkPath) {
-    return withTexts(target, linkPath, [this](const QString& to, const QString& p) {
-        return m_fs->symlink(to, p);
-    });
+    return withTexts(target, linkPath,
+                     [this](const QString& to, const QString& p) { return m_fs->symlink(to, p); });
 }
 
 int FDAdapter::readlink(const char* path, char* buf, unsigned int size) {

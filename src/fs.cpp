@@ -5,8 +5,7 @@
 
 namespace oru::io {
 
-File::File(const QString& type) : m_type(type) {
-}
+File::File(const QString& type) : m_type(type) {}
 
 File::~File() = default;
 
@@ -33,8 +32,7 @@ QByteArray File::readAll(unsigned int maxSize) {
     return data;
 }
 
-Directory::Directory(QString type) : m_type(std::move(type)) {
-}
+Directory::Directory(QString type) : m_type(std::move(type)) {}
 
 Directory::~Directory() = default;
 
@@ -42,8 +40,7 @@ QString Directory::type() {
     return m_type;
 }
 
-FS::FS(QString type) : m_type(std::move(type)) {
-}
+FS::FS(QString type) : m_type(std::move(type)) {}
 
 FS::~FS() = default;
 

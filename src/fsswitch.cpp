@@ -90,8 +90,7 @@ FSEntry FSSwitch::Data::lookup(const QString& path, QString* rest) {
     return found;
 }
 
-FSSwitch::FSSwitch() : FS(QStringLiteral("FSSwitchFS")), m_data(new Data) {
-}
+FSSwitch::FSSwitch() : FS(QStringLiteral("FSSwitchFS")), m_data(new Data) {}
 
 FSSwitch::~FSSwitch() = default;
 
@@ -227,9 +226,8 @@ void FSSwitch::sync() {
 }
 
 int FSSwitch::getxattr(QString path, QString name, void* value, unsigned int size) {
-    return m_data->forward(path, [&](FS& fs, const QString& rest) {
-        return fs.getxattr(rest, name, value, size);
-    });
+    return m_data->forward(
+        path, [&](FS& fs, const QString& rest) { return fs.getxattr(rest, name, value, size); });
 }
 
 int FSSwitch::setxattr(QString path, QString name, void* value, unsigned int size, int flags) {
@@ -239,13 +237,13 @@ int FSSwitch::setxattr(QString path, QString name, void* value, unsigned int siz
 }
 
 int FSSwitch::removexattr(QString path, QString name) {
-    return m_data->forward(
-        path, [&](FS& fs, const QString& rest) { return fs.removexattr(rest, name); });
+    return m_data->forward(path,
+                           [&](FS& fs, const QString& rest) { return fs.removexattr(rest, name); });
 }
 
 int FSSwitch::listxattr(QString path, QVector<QString>& names) {
-    return m_data->forward(
-        path, [&](FS& fs, const QString& rest) { return fs.listxattr(rest, names); });
+    return m_data->forward(path,
+                           [&](FS& fs, const QString& rest) { return fs.listxattr(rest, names); });
 }
 
 int FSSwitch::listxattr(QString path, char* list, unsigned int size) {
@@ -254,13 +252,13 @@ int FSSwitch::listxattr(QString path, char* list, unsigned int size) {
 }
 
 int FSSwitch::symlink(QString target, QString linkPath) {
-    return m_data->forward(
-        linkPath, [&](FS& fs, const QString& rest) { return fs.symlink(target, rest); });
+    return m_data->forward(linkPath,
+                           [&](FS& fs, const QString& rest) { return fs.symlink(target, rest); });
 }
 
 int FSSwitch::readlink(QString path, QString& target) {
-    return m_data->forward(
-        path, [&](FS& fs, const QString& rest) { return fs.readlink(rest, target); });
+    return m_data->forward(path,
+                           [&](FS& fs, const QString& rest) { return fs.readlink(rest, target); });
 }
 
 int FSSwitch::readlink(QString path, char* buf, unsigned int size) {
@@ -269,8 +267,8 @@ int FSSwitch::readlink(QString path, char* buf, unsigned int size) {
 }
 
 int FSSwitch::truncate(QString path, long long length) {
-    return m_data->forward(
-        path, [&](FS& fs, const QString& rest) { return fs.truncate(rest, length); });
+    return m_data->forward(path,
+                           [&](FS& fs, const QString& rest) { return fs.truncate(rest, length); });
 }
 
 int FSSwitch::chmod(QString path, int mode) {

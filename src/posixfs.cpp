@@ -37,12 +37,10 @@ int withPaths(const QString& first, const QString& second, Call call) {
 
 } // namespace
 
-PosixFS::PosixFS(QString mountPoint) : PosixFS(std::move(mountPoint), QStringLiteral("PosixFS")) {
-}
+PosixFS::PosixFS(QString mountPoint) : PosixFS(std::move(mountPoint), QStringLiteral("PosixFS")) {}
 
 PosixFS::PosixFS(QString mountPoint, QString type)
-    : FS(std::move(type)), m_mountPoint(std::move(mountPoint)) {
-}
+    : FS(std::move(type)), m_mountPoint(std::move(mountPoint)) {}
 
 PosixFS::~PosixFS() = default;
 
@@ -153,9 +151,8 @@ int PosixFS::listxattr(QString path, QVector<QString>& names) {
 }
 
 int PosixFS::listxattr(QString path, char* list, unsigned int size) {
-    return withPath(mapped(path), [=](const char* p) {
-        return static_cast<int>(::listxattr(p, list, size));
-    });
+    return withPath(mapped(path),
+                    [=](const char* p) { return static_cast<int>(::listxattr(p, list, size)); });
 }
 
 int PosixFS::symlink(QString target, QString linkPath) {
@@ -174,9 +171,8 @@ int PosixFS::readlink(QString path, QString& target) {
 }
 
 int PosixFS::readlink(QString path, char* buf, unsigned int size) {
-    return withPath(mapped(path), [=](const char* p) {
-        return static_cast<int>(::readlink(p, buf, size));
-    });
+    return withPath(mapped(path),
+                    [=](const char* p) { return static_cast<int>(::readlink(p, buf, size)); });
 }
 
 int PosixFS::truncate(QString path, long long length) {
@@ -191,8 +187,7 @@ int PosixFS::ioctl(QString, QString&) {
     return notImplemented();
 }
 
-PosixFile::PosixFile(int fd) : File(QStringLiteral("PosixFile")), m_fd(fd) {
-}
+PosixFile::PosixFile(int fd) : File(QStringLiteral("PosixFile")), m_fd(fd) {}
 
 PosixFile::~PosixFile() {
     PosixFile::close();
@@ -272,8 +267,7 @@ int PosixFile::ioctl(QString, QString&) {
     return notImplemented();
 }
 
-PosixDir::PosixDir(DIR* dir) : Directory(QStringLiteral("PosixDirectory")), m_dir(dir) {
-}
+PosixDir::PosixDir(DIR* dir) : Directory(QStringLiteral("PosixDirectory")), m_dir(dir) {}
 
 PosixDir::~PosixDir() {
     PosixDir::closedir();

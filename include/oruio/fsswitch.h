@@ -25,9 +25,9 @@ struct FSEntry {
 /// to 0 or NotFound by the lookup of every call.
 ///
 /// Of several mount points that fit a path, the one that stands latest in the table serves it. A
-/// new mount point is inserted behind the first one that is shorter than itself, so this is usually,
-/// but not always, the longest: after mounting /, /a/ and /a/b/ in this order, /a/ serves /a/b/x.
-/// Mount longer mount points first where it matters.
+/// new mount point is inserted behind the first one that is shorter than itself, so this is
+/// usually, but not always, the longest: after mounting /, /a/ and /a/b/ in this order, /a/ serves
+/// /a/b/x. Mount longer mount points first where it matters.
 ///
 /// Threads: all operations may be called from any thread. The table's mutex is held during sync()
 /// only; a mounted file system's sync() must not call back into the same switch.

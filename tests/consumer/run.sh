@@ -1,0 +1,80 @@
+#!/bin/bash
+# Installs a build tree, moves the installation to another place, and builds and runs a program out
+# of the tree against it: once through the CMake package, once through pkg-config.
+#   usage: run.sh BUILD_DIRECTORY
+#
+# A cross build is only compiled and linked against, through the CMake package: the pkg-config of
+# the sysroot describes the sysroot.
+set -euo pipefail
+
+build=$(readlink -f "$1")
+source=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# cached NAME: a variable of the build tree.
+cached() {
+    sed -n "s|^$1:[A-Z]*=||p" "$build/CMakeCache.txt"
+}
+
+# quietly COMMAND...: shows the output only of a failure.
+quietly() {
+    "$@" >"$work/log" 2>&1 || {
+        cat "$work/log" >&2
+        exit 1
+    }
+}
+
+# run PROGRAM
+run() {
+    local files
+    files=$(mktemp -d "$work/files.XXXXXX")
+    "$1" "$files"
+    [[ -s $files/clip ]]
+}
+
+quietly cmake --install "$build" --prefix "$work/first"
+prefix=$work/moved
+mv "$work/first" "$prefix"
+
+flags=()
+sanitizers=$(cached ORUIO_SANITIZE)
+[[ -z $sanitizers ]] || flags+=("-fsanitize=$sanitizers")
+options=("-DCMAKE_PREFIX_PATH=$prefix" "-DCMAKE_CXX_FLAGS=${flags[*]}"
+    -DCMAKE_DISABLE_FIND_PACKAGE_spdlog=ON)
+toolchain=$(cached CMAKE_TOOLCHAIN_FILE)
+if [[ -n $toolchain ]]; then
+    options+=(
+        "-DCMAKE_TOOLCHAIN_FILE=$toolchain"
+        "-DARMHF_SYSROOT=$(cached ARMHF_SYSROOT)"
+        "-DCMAKE_FIND_ROOT_PATH=$prefix"
+    )
+fi
+quietly cmake -G "$(cached CMAKE_GENERATOR)" -S "$source" -B "$work/build" "${options[@]}"
+quietly cmake --build "$work/build"
+if grep -r spdlog "$work/build" --include=build.ninja --include=link.txt; then
+    echo "the program is linked with what the libraries are built with" >&2
+    exit 1
+fi
+
+if [[ -n $toolchain ]]; then
+    echo "compiled and linked through the CMake package"
+    exit
+fi
+
+libraries=$prefix/$(cached CMAKE_INSTALL_LIBDIR)
+# Linker and loader look only in the system's directories for the libraries that a library needs.
+export LD_LIBRARY_PATH=$libraries
+run "$work/build/consumer"
+
+if ! command -v pkg-config >/dev/null; then
+    echo "SKIP: no pkg-config"
+    exit 77
+fi
+export PKG_CONFIG_PATH=$libraries/pkgconfig
+compile=$(pkg-config --cflags oruio)
+link=$(pkg-config --libs oruio)
+# shellcheck disable=SC2086 # lists of flags
+"$(cached CMAKE_CXX_COMPILER)" -std=c++17 -fPIC "${flags[@]}" $compile \
+    "$source/main.cpp" -o "$work/consumer" $link
+run "$work/consumer"

@@ -1,0 +1,31 @@
+# Tests of what is installed, as a user of it sees it. Included by the tests' CMakeLists.txt.
+
+add_test(NAME Consumer.InstalledAndMoved_BuildsAndRuns
+  COMMAND "${CMAKE_CURRENT_LIST_DIR}/run.sh" "${PROJECT_BINARY_DIR}"
+)
+set_tests_properties(Consumer.InstalledAndMoved_BuildsAndRuns PROPERTIES
+  SKIP_RETURN_CODE 77
+  LABELS slow
+)
+
+# Where file offsets have 32 bits by default, the records of a source that does not ask for 64 are
+# not the library's: the header has to refuse it, and to say how to ask.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(_flags -std=c++17 -fPIC -fsyntax-only "-I${PROJECT_SOURCE_DIR}/include")
+  foreach(_directory IN LISTS Qt5Core_INCLUDE_DIRS)
+    list(APPEND _flags -isystem "${_directory}")
+  endforeach()
+  if(CMAKE_SYSROOT)
+    list(APPEND _flags "--sysroot=${CMAKE_SYSROOT}")
+  endif()
+  list(APPEND _flags -x c++ /dev/null -include oruio/fs.h)
+  add_test(NAME Consumer.SmallFiles_Refused COMMAND "${CMAKE_CXX_COMPILER}" ${_flags})
+  set_tests_properties(Consumer.SmallFiles_Refused PROPERTIES
+    PASS_REGULAR_EXPRESSION "compile with -D_FILE_OFFSET_BITS=64"
+    LABELS unit
+  )
+  add_test(NAME Consumer.LargeFiles_Accepted
+    COMMAND "${CMAKE_CXX_COMPILER}" -D_FILE_OFFSET_BITS=64 ${_flags}
+  )
+  set_tests_properties(Consumer.LargeFiles_Accepted PROPERTIES LABELS unit)
+endif()

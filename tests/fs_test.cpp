@@ -1,0 +1,172 @@
+// What the bases implement themselves: readAll() and type().
+
+#include "support/recordingfs.h"
+
+#include <oruio/error.h>
+#include <oruio/fs.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+
+namespace oru::io {
+
+namespace {
+
+/// A file whose fstat() and read() answer as told.
+class ScriptedFile : public File {
+public:
+    ScriptedFile() : File(QStringLiteral("ScriptedFile")) {}
+
+    int fstatResult = 0;
+    long long size = 0;
+    int readResult = 0;
+    int reads = 0;
+    unsigned int readLength = 0;
+
+    int fstat(struct stat& st) override {
+        st = {};
+        st.st_size = size;
+        errno = fstatResult == 0 ? errno : EIO;
+        return fstatResult;
+    }
+    int read(void* buf, unsigned int len) override {
+        ++reads;
+        readLength = len;
+        if (readResult > 0)
+            std::memset(buf, 'r', static_cast<size_t>(readResult));
+        else if (readResult < 0)
+            errno = EIO;
+        return readResult;
+    }
+    int write(const void*, unsigned int) override {
+        return -1;
+    }
+    int pread(void*, unsigned int, long long) override {
+        ADD_FAILURE() << "readAll() reads from the position";
+        return -1;
+    }
+    int pwrite(const void*, unsigned int, long long) override {
+        return -1;
+    }
+    long long lseek(long long, int) override {
+        return -1;
+    }
+    int ftruncate(long long) override {
+        return -1;
+    }
+    int fsync() override {
+        return -1;
+    }
+    int fdatasync() override {
+        return -1;
+    }
+    int fcntl(int, ...) override {
+        return -1;
+    }
+    int flock(int) override {
+        return -1;
+    }
+    int fchmod(int) override {
+        return -1;
+    }
+    int close() override {
+        return -1;
+    }
+    int ioctl(QString, QString&) override {
+        return -1;
+    }
+};
+
+} // namespace
+
+TEST(FileReadAll, FstatFails_EmptyWithoutReading) {
+    ScriptedFile file;
+    file.fstatResult = -1;
+    file.size = 10;
+    EXPECT_TRUE(file.readAll(100).isEmpty());
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(file.reads, 0);
+}
+
+TEST(FileReadAll, MaximumZero_EmptyWithoutReading) {
+    ScriptedFile file;
+    file.size = 10;
+    EXPECT_TRUE(file.readAll(0).isEmpty());
+    EXPECT_EQ(file.reads, 0);
+}
+
+TEST(FileReadAll, WholeFile_OneReadOfItsSize) {
+    ScriptedFile file;
+    file.size = file.readResult = 10;
+    EXPECT_EQ(file.readAll(100), QByteArray(10, 'r'));
+    EXPECT_EQ(file.reads, 1);
+    EXPECT_EQ(file.readLength, 10U);
+}
+
+TEST(FileReadAll, ShortRead_EmptyWithoutRetry) {
+    ScriptedFile file;
+    file.size = 10;
+    file.readResult = 9;
+    EXPECT_TRUE(file.readAll(100).isEmpty());
+    EXPECT_EQ(file.reads, 1);
+}
+
+TEST(FileReadAll, ReadFails_EmptyAndErrnoTellsWhy) {
+    ScriptedFile file;
+    file.size = 10;
+    file.readResult = -1;
+    EXPECT_TRUE(file.readAll(100).isEmpty());
+    EXPECT_EQ(file.reads, 1);
+    EXPECT_EQ(errno, EIO);
+}
+
+TEST(FileReadAll, MaximumBeyondTwoGiB_ComparedWithSixtyFourBits) {
+    ScriptedFile file;
+    file.size = file.readResult = 10;
+    EXPECT_EQ(file.readAll(0xffffffffU).size(), 10);
+}
+
+TEST(FileReadAll, SizeBeyondFourGiB_MaximumCounts) {
+    ScriptedFile file;
+    file.size = (1LL << 32) + 5;
+    file.readResult = 20;
+    EXPECT_EQ(file.readAll(20).size(), 20);
+    EXPECT_EQ(file.readLength, 20U);
+}
+
+TEST(FileReadAll, MoreThanAnArrayHolds_EmptyWithEFBIG) {
+    ScriptedFile file;
+    file.size = 1LL << 33;
+    EXPECT_TRUE(file.readAll(0xffffffffU).isEmpty());
+    EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(file.reads, 0);
+}
+
+TEST(FileReadAll, NegativeSize_EmptyWithoutReading) {
+    ScriptedFile file;
+    file.size = -5;
+    EXPECT_TRUE(file.readAll(100).isEmpty());
+    EXPECT_EQ(file.reads, 0);
+}
+
+TEST(FSTypes, Names_AreWhatTheConstructorsWereGiven) {
+    test::RecordingFS fs;
+    EXPECT_EQ(fs.type(), "RecordingFS");
+    EXPECT_EQ(fs.opendir("/")->type(), "RecordingDirectory");
+    ScriptedFile file;
+    EXPECT_EQ(file.type(), "ScriptedFile");
+}
+
+TEST(FSTypes, FileType_IsAReferenceToTheStoredName) {
+    ScriptedFile file;
+    EXPECT_EQ(&file.type(), &file.type());
+    static_assert(std::is_same_v<decltype(file.type()), const QString&>);
+    static_assert(std::is_same_v<decltype(std::declval<FS>().type()), QString>);
+    static_assert(std::is_same_v<decltype(std::declval<Directory>().type()), QString>);
+}
+
+} // namespace oru::io

@@ -1,0 +1,480 @@
+#include "support/faultfs.h"
+#include "support/fs_conformance.h"
+#include "support/logcapture.h"
+#include "support/memfs.h"
+#include "support/recordingfs.h"
+#include "support/tempdir.h"
+
+#include <oruio/error.h>
+#include <oruio/fsswitch.h>
+#include <oruio/posixfs.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+
+namespace oru::io {
+
+using test::LogCapture;
+using test::MemFS;
+using test::RecordingFS;
+using test::TempDir;
+
+namespace test {
+
+ORUIO_CONFORMS(FSSwitchOverPosixFS, [] {
+    Backend backend;
+    const auto dir = std::make_shared<TempDir>();
+    const auto fs = QSharedPointer<FSSwitch>::create();
+    fs->add("/", QSharedPointer<MemFS>::create());
+    fs->add("/media/sd1", QSharedPointer<PosixFS>::create(dir->path()));
+    backend.fs = fs;
+    backend.root = "/media/sd1";
+    backend.can.type = "FSSwitchFS";
+    backend.can.fileType = "PosixFile";
+    backend.can.directoryType = "PosixDirectory";
+    backend.can.opendirIsNeverNull = true;
+    backend.keep = dir;
+    return backend;
+});
+
+} // namespace test
+
+class FSSwitchTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        errno = EXDEV;
+        liberrno = Ok;
+    }
+
+    /// Which of the file systems serves `path`, and with what rest.
+    QString served(const QString& path) {
+        QString rest;
+        const auto fs = root.getFS(path, &rest);
+        if (!fs)
+            return "none";
+        return (fs == a ? "a " : fs == b ? "b " : "c ") + rest;
+    }
+
+    FSSwitch root;
+    QSharedPointer<RecordingFS> a = QSharedPointer<RecordingFS>::create();
+    QSharedPointer<RecordingFS> b = QSharedPointer<RecordingFS>::create();
+    QSharedPointer<RecordingFS> c = QSharedPointer<RecordingFS>::create();
+};
+
+TEST_F(FSSwitchTest, NewSwitch_NothingIsMountedAnywhere) {
+    EXPECT_EQ(served("/"), "none");
+    EXPECT_EQ(served(""), "none");
+    EXPECT_EQ(served("/a"), "none");
+    EXPECT_EQ(root.type(), "FSSwitchFS");
+}
+
+TEST_F(FSSwitchTest, RelativeMountPoint_LoggedAndIgnored) {
+    LogCapture log("libio=12");
+    root.add("media", a);
+    EXPECT_EQ(log.messages(),
+              QStringList{"libio 12 Invalid mount point 'media'. Must be an absolute path."});
+    EXPECT_EQ(root.getMountPoints(a), QStringList());
+    EXPECT_EQ(errno, EXDEV);
+    root.add("", a);
+    EXPECT_EQ(log.messages(),
+              QStringList{"libio 12 Invalid mount point ''. Must be an absolute path."});
+}
+
+TEST_F(FSSwitchTest, NullFileSystem_LoggedAndIgnored) {
+    LogCapture log("libio=12");
+    root.add("/media", QSharedPointer<FS>());
+    EXPECT_EQ(log.messages(), QStringList{"libio 12 No file system for mount point '/media'."});
+    EXPECT_EQ(served("/media/x"), "none");
+}
+
+TEST_F(FSSwitchTest, AddTwice_FirstStays) {
+    LogCapture log("libio=12");
+    root.add("/media", a);
+    root.add("/media/", b);
+    root.add("/media", b);
+    EXPECT_EQ(served("/media/x"), "a /x");
+    EXPECT_EQ(root.getMountPoints(b), QStringList());
+    EXPECT_EQ(log.messages(), QStringList());
+}
+
+TEST_F(FSSwitchTest, NothingElseIsNormalised_MountPointsStayAsWritten) {
+    root.add("//a", a);
+    root.add("/a/./b", b);
+    EXPECT_EQ(root.getMountPoints(a), QStringList{"//a/"});
+    EXPECT_EQ(root.getMountPoints(b), QStringList{"/a/./b/"});
+    EXPECT_EQ(served("/a/b/x"), "none");
+    EXPECT_EQ(served("//a/x"), "a /x");
+    EXPECT_EQ(served("/a/./b/x"), "b /x");
+}
+
+TEST_F(FSSwitchTest, Lookup_OnlyWholeComponents) {
+    root.add("/media/sd1/", a);
+    EXPECT_EQ(served("/media/sd1/clip/a"), "a /clip/a");
+    EXPECT_EQ(served("/media/sd1/"), "a /");
+    EXPECT_EQ(served("/media/sd1"), "a /");
+    EXPECT_EQ(served("/media/sd1x"), "none");
+    EXPECT_EQ(served("/media/sd1x/y"), "none");
+    EXPECT_EQ(served("/media/sd"), "none");
+    EXPECT_EQ(served("/media"), "none");
+    EXPECT_EQ(served("/MEDIA/SD1/x"), "none");
+    EXPECT_EQ(served("media/sd1/x"), "none");
+    EXPECT_EQ(served("/media/sd1//x"), "a //x");
+}
+
+TEST_F(FSSwitchTest, RootMount_ServesEveryAbsolutePathAndTheEmptyOne) {
+    root.add("/", a);
+    EXPECT_EQ(served("/x/y"), "a /x/y");
+    EXPECT_EQ(served("/"), "a /");
+    EXPECT_EQ(served(""), "a /");
+    EXPECT_EQ(served(QString()), "a /");
+    EXPECT_EQ(served("x"), "none");
+}
+
+TEST_F(FSSwitchTest, Lookup_SetsLiberrnoAndLeavesErrno) {
+    root.add("/media", a);
+    liberrno = LibraryFailure;
+    EXPECT_EQ(served("/media/x"), "a /x");
+    EXPECT_EQ(liberrno, Ok);
+    EXPECT_EQ(served("/other"), "none");
+    EXPECT_EQ(liberrno, NotFound);
+    EXPECT_EQ(errno, EXDEV);
+}
+
+TEST_F(FSSwitchTest, LookupFails_RestIsUntouched) {
+    QString rest = "before";
+    EXPECT_FALSE(root.getFS("/x", &rest));
+    EXPECT_EQ(rest, "before");
+}
+
+TEST_F(FSSwitchTest, GetFSWithoutRest_StillFinds) {
+    root.add("/media", a);
+    EXPECT_EQ(root.getFS("/media/x", nullptr), a);
+    EXPECT_EQ(root.getFS("/other", nullptr), nullptr);
+}
+
+TEST_F(FSSwitchTest, LongestFirst_LongestWins) {
+    root.add("/a/b", b);
+    root.add("/a", a);
+    root.add("/", c);
+    EXPECT_EQ(served("/a/b/x"), "b /x");
+    EXPECT_EQ(served("/a/x"), "a /x");
+    EXPECT_EQ(served("/x"), "c /x");
+}
+
+TEST_F(FSSwitchTest, ShorterFirst_TableOrderDecides) {
+    // The table reads /, /a/b/, /a/: the latest that fits serves.
+    root.add("/", a);
+    root.add("/a", b);
+    root.add("/a/b", c);
+    EXPECT_EQ(served("/a/b/x"), "b /b/x");
+    EXPECT_EQ(served("/a/x"), "b /x");
+    EXPECT_EQ(served("/x"), "a /x");
+}
+
+TEST_F(FSSwitchTest, TwoLevels_LongestWins) {
+    root.add("/", a);
+    root.add("/a", b);
+    EXPECT_EQ(served("/a/x"), "b /x");
+    EXPECT_EQ(served("/b"), "a /b");
+}
+
+TEST_F(FSSwitchTest, InsertionIndex_BehindTheFirstShorterEntry) {
+    root.add("/ccc", a); // nothing there: index 0
+    root.add("/b", a);   // none is shorter: in front
+    root.add("/dddd", a);
+    EXPECT_EQ(root.getMountPoints(a), QStringList({"/b/", "/dddd/", "/ccc/"}));
+    root.add("/", a);
+    EXPECT_EQ(root.getMountPoints(a), QStringList({"/", "/b/", "/dddd/", "/ccc/"}));
+    root.add("/ee", a);
+    EXPECT_EQ(root.getMountPoints(a), QStringList({"/", "/ee/", "/b/", "/dddd/", "/ccc/"}));
+    root.add("/fff", a);
+    EXPECT_EQ(root.getMountPoints(a),
+              QStringList({"/", "/fff/", "/ee/", "/b/", "/dddd/", "/ccc/"}));
+}
+
+TEST_F(FSSwitchTest, InsertionIndex_LaterShorterEntriesDoNotMoveIt) {
+    root.add("/bbb", a);
+    root.add("/cc", a);
+    root.add("/ddd", a);
+    // /cc/ is shorter than /ddd/ and stands first, so /ddd/ goes behind it.
+    EXPECT_EQ(root.getMountPoints(a), QStringList({"/cc/", "/ddd/", "/bbb/"}));
+}
+
+TEST_F(FSSwitchTest, GetMountPoints_ByIdentityInTableOrder) {
+    root.add("/x", a);
+    root.add("/z", b);
+    root.add("/y", a);
+    EXPECT_EQ(root.getMountPoints(a), QStringList({"/y/", "/x/"}));
+    EXPECT_EQ(root.getMountPoints(b), QStringList({"/z/"}));
+    EXPECT_EQ(root.getMountPoints(c), QStringList());
+    EXPECT_EQ(root.getMountPoints({}), QStringList());
+}
+
+TEST_F(FSSwitchTest, Remove_WithOrWithoutTheSlash) {
+    root.add("/x", a);
+    root.add("/y/", b);
+    root.remove("/x/");
+    root.remove("/y");
+    EXPECT_EQ(served("/x/f"), "none");
+    EXPECT_EQ(served("/y/f"), "none");
+}
+
+TEST_F(FSSwitchTest, RemoveUnknownOrRelative_SilentAndHarmless) {
+    LogCapture log("libio=12");
+    root.add("/x", a);
+    root.remove("/z");
+    root.remove("x");
+    root.remove("");
+    EXPECT_EQ(served("/x/f"), "a /f");
+    EXPECT_EQ(log.messages(), QStringList());
+}
+
+TEST_F(FSSwitchTest, Remove_ReleasesTheFileSystem) {
+    const QWeakPointer<RecordingFS> weak = a;
+    root.add("/x", a);
+    a.reset();
+    EXPECT_FALSE(weak.isNull());
+    root.remove("/x");
+    EXPECT_TRUE(weak.isNull());
+}
+
+TEST_F(FSSwitchTest, ForwardedCalls_GetTheRestAndEveryArgument) {
+    root.add("/m", a);
+    const auto hex = [](const void* p) {
+        return QString::number(reinterpret_cast<quintptr>(p), 16);
+    };
+    struct stat st;
+    struct statfs sfs;
+    char buf[8];
+    QVector<QString> names;
+    QString text;
+    a->answerWith(7);
+    EXPECT_TRUE(root.open("/m/f", O_RDWR, 0640));
+    EXPECT_TRUE(root.opendir("/m/d"));
+    EXPECT_EQ(root.lstat("/m/f", st), 7);
+    EXPECT_EQ(root.stat("/m/f", st), 7);
+    EXPECT_EQ(root.statfs("/m", sfs), 7);
+    EXPECT_EQ(root.link("/m/f", "/m/g"), 7);
+    EXPECT_EQ(root.unlink("/m/f"), 7);
+    EXPECT_EQ(root.mkdir("/m/d", 0750), 7);
+    EXPECT_EQ(root.rmdir("/m/d"), 7);
+    EXPECT_EQ(root.rename("/m/f", "/m/g"), 7);
+    EXPECT_EQ(root.getxattr("/m/f", "user.n", buf, 8), 7);
+    EXPECT_EQ(root.setxattr("/m/f", "user.n", buf, 8, 2), 7);
+    EXPECT_EQ(root.removexattr("/m/f", "user.n"), 7);
+    EXPECT_EQ(root.listxattr("/m/f", names), 7);
+    EXPECT_EQ(root.listxattr("/m/f", buf, 8), 7);
+    EXPECT_EQ(root.symlink("/m/target", "/m/l"), 7);
+    EXPECT_EQ(root.readlink("/m/l", text), 7);
+    EXPECT_EQ(root.readlink("/m/l", buf, 8), 7);
+    EXPECT_EQ(root.truncate("/m/f", 1LL << 40), 7);
+    EXPECT_EQ(root.chmod("/m/f", 0604), 7);
+    EXPECT_EQ(a->take(), QStringList({"open /f 2 416",
+                                      "~file",
+                                      "opendir /d",
+                                      "~directory",
+                                      "lstat /f " + hex(&st),
+                                      "stat /f " + hex(&st),
+                                      "statfs / " + hex(&sfs),
+                                      "link /f /g",
+                                      "unlink /f",
+                                      "mkdir /d 488",
+                                      "rmdir /d",
+                                      "rename /f /g",
+                                      "getxattr /f user.n " + hex(buf) + " 8",
+                                      "setxattr /f user.n " + hex(buf) + " 8 2",
+                                      "removexattr /f user.n",
+                                      "listxattr-names /f",
+                                      "listxattr /f " + hex(buf) + " 8",
+                                      "symlink /m/target /l",
+                                      "readlink-text /l",
+                                      "readlink /l " + hex(buf) + " 8",
+                                      "truncate /f 1099511627776",
+                                      "chmod /f 388"}));
+    EXPECT_EQ(names, QVector<QString>{"listed"});
+    EXPECT_EQ(text, "linked");
+}
+
+TEST_F(FSSwitchTest, NothingMounted_EveryOperationIsNotFoundWithErrnoUntouched) {
+    root.add("/m", a);
+    struct stat st;
+    struct statfs sfs;
+    char buf[8];
+    QVector<QString> names;
+    QString text;
+    const auto notFound = [](bool failed) {
+        const bool asDocumented = failed && liberrno == NotFound && errno == EXDEV;
+        liberrno = Ok;
+        return asDocumented;
+    };
+    EXPECT_TRUE(notFound(root.open("/f", O_RDWR, 0640).isNull()));
+    EXPECT_TRUE(notFound(root.opendir("/d").isNull()));
+    EXPECT_TRUE(notFound(root.lstat("/f", st) == -1));
+    EXPECT_TRUE(notFound(root.stat("/f", st) == -1));
+    EXPECT_TRUE(notFound(root.statfs("/", sfs) == -1));
+    EXPECT_TRUE(notFound(root.link("/f", "/g") == -1));
+    EXPECT_TRUE(notFound(root.unlink("/f") == -1));
+    EXPECT_TRUE(notFound(root.mkdir("/d", 0750) == -1));
+    EXPECT_TRUE(notFound(root.rmdir("/d") == -1));
+    EXPECT_TRUE(notFound(root.rename("/f", "/g") == -1));
+    EXPECT_TRUE(notFound(root.getxattr("/f", "user.n", buf, 8) == -1));
+    EXPECT_TRUE(notFound(root.setxattr("/f", "user.n", buf, 8, 2) == -1));
+    EXPECT_TRUE(notFound(root.removexattr("/f", "user.n") == -1));
+    EXPECT_TRUE(notFound(root.listxattr("/f", names) == -1));
+    EXPECT_TRUE(notFound(root.listxattr("/f", buf, 8) == -1));
+    EXPECT_TRUE(notFound(root.symlink("/m/x", "/l") == -1));
+    EXPECT_TRUE(notFound(root.readlink("/l", text) == -1));
+    EXPECT_TRUE(notFound(root.readlink("/l", buf, 8) == -1));
+    EXPECT_TRUE(notFound(root.truncate("/f", 1) == -1));
+    EXPECT_TRUE(notFound(root.chmod("/f", 0604) == -1));
+    EXPECT_EQ(a->take(), QStringList());
+}
+
+TEST_F(FSSwitchTest, TwoMounts_RenameAndLinkAreRefused) {
+    root.add("/a", a);
+    root.add("/b", b);
+    EXPECT_EQ(root.rename("/a/x", "/b/y"), -1);
+    EXPECT_EQ(liberrno, Ok);
+    EXPECT_EQ(root.link("/a/x", "/b/y"), -1);
+    EXPECT_EQ(liberrno, Ok);
+    EXPECT_EQ(root.rename("/a/x", "/nowhere"), -1);
+    EXPECT_EQ(liberrno, NotFound);
+    EXPECT_EQ(root.rename("/nowhere", "/a/x"), -1);
+    EXPECT_EQ(liberrno, Ok);
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(a->take() + b->take(), QStringList());
+}
+
+TEST_F(FSSwitchTest, OneFileSystemTwice_RenameBetweenItsMountsIsRefused) {
+    root.add("/x", a);
+    root.add("/y", a);
+    EXPECT_EQ(root.rename("/x/f", "/y/f"), -1);
+    EXPECT_EQ(liberrno, Ok);
+    EXPECT_EQ(a->take(), QStringList());
+}
+
+TEST_F(FSSwitchTest, Sync_EveryMountInTableOrder) {
+    root.sync();
+    root.add("/x", a);
+    root.add("/y", a);
+    root.add("/z", b);
+    root.sync();
+    EXPECT_EQ(a->take(), QStringList({"sync", "sync"}));
+    EXPECT_EQ(b->take(), QStringList{"sync"});
+}
+
+TEST_F(FSSwitchTest, WatchesAndIoctl_NotImplemented) {
+    root.add("/m", a);
+    QString response;
+    EXPECT_EQ(root.addWatch("/m/f"), -1);
+    EXPECT_EQ(liberrno, NotImplemented);
+    liberrno = Ok;
+    EXPECT_EQ(root.remWatch("/m/f"), -1);
+    EXPECT_EQ(liberrno, NotImplemented);
+    liberrno = Ok;
+    EXPECT_EQ(root.ioctl("x", response), -1);
+    EXPECT_EQ(liberrno, NotImplemented);
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(a->take(), QStringList());
+}
+
+TEST_F(FSSwitchTest, FailureOfTheMountedFileSystem_PassesThrough) {
+    const auto faulty = QSharedPointer<test::FaultFS>::create(QSharedPointer<MemFS>::create());
+    root.add("/m", faulty);
+    faulty->plan().failCall(2, EIO);
+    EXPECT_EQ(root.mkdir("/m/d", 0755), 0);
+    EXPECT_EQ(root.mkdir("/m/e", 0755), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(liberrno, Ok);
+    EXPECT_EQ(root.mkdir("/m/e", 0755), 0);
+}
+
+namespace {
+
+/// A file system that unmounts itself in the middle of a call, as another thread might.
+class LeavingFS : public MemFS {
+public:
+    LeavingFS(FSSwitch& root, QString mountPoint)
+        : m_root(root), m_mountPoint(std::move(mountPoint)) {}
+    int mkdir(QString path, int mode) override {
+        m_root.remove(m_mountPoint);
+        return MemFS::mkdir(path, mode);
+    }
+
+private:
+    FSSwitch& m_root;
+    const QString m_mountPoint;
+};
+
+} // namespace
+
+TEST_F(FSSwitchTest, RemoveDuringACall_FileSystemLivesUntilItReturns) {
+    auto leaving = QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m"));
+    const QWeakPointer<LeavingFS> weak = leaving;
+    root.add("/m", leaving);
+    leaving.reset();
+    EXPECT_EQ(root.mkdir("/m/d", 0755), 0);
+    EXPECT_TRUE(weak.isNull());
+    EXPECT_EQ(served("/m"), "none");
+}
+
+TEST_F(FSSwitchTest, MountsComeAndGo_LookupsSeeOneOrTheOther) {
+    const auto stay = QSharedPointer<MemFS>::create();
+    root.add("/", stay);
+    ASSERT_EQ(stay->mkdir("/m", 0755), 0);
+    std::atomic<bool> done{false};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> users;
+    for (int i = 0; i < 3; ++i) {
+        users.emplace_back([&] {
+            struct stat st;
+            while (!done) {
+                // "/m" exists in the root file system and is the root of the mounted one.
+                wrong += root.stat("/m", st) != 0 || !S_ISDIR(st.st_mode);
+                root.sync();
+            }
+        });
+    }
+    for (int i = 0; i < 2000; ++i) {
+        root.add("/m", QSharedPointer<MemFS>::create());
+        root.remove("/m");
+    }
+    done = true;
+    for (std::thread& user : users)
+        user.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST(FSSwitchRootfs, ManyThreads_OneSwitch) {
+    std::vector<QSharedPointer<FSSwitch>> seen(8);
+    std::vector<std::thread> threads;
+    for (auto& slot : seen)
+        threads.emplace_back([&slot] { slot = FSSwitch::rootfs(); });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const auto& fs : seen)
+        EXPECT_EQ(fs, seen.front());
+    EXPECT_TRUE(seen.front());
+    EXPECT_FALSE(seen.front()->getFS("/", nullptr));
+}
+
+TEST(FSSwitchRootfs, SetRootfs_Replaces) {
+    const auto before = FSSwitch::rootfs();
+    auto other = QSharedPointer<FSSwitch>::create();
+    FSSwitch::setRootfs(other);
+    EXPECT_EQ(FSSwitch::rootfs(), other);
+    EXPECT_NE(FSSwitch::rootfs(), before);
+    QSharedPointer<FSSwitch> none;
+    FSSwitch::setRootfs(none);
+    const auto fresh = FSSwitch::rootfs();
+    EXPECT_TRUE(fresh);
+    EXPECT_NE(fresh, other);
+}
+
+} // namespace oru::io

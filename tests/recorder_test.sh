@@ -1,0 +1,298 @@
+#!/bin/bash
+# Runs the example recorder the way its users do and checks what they get to see.
+#
+#   recorder_test.sh RECORDER...     the program, with what starts it in front of it if need be
+#
+# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did.
+set -u
+
+if [ $# -eq 0 ]; then
+    echo "usage: $0 RECORDER..." >&2
+    exit 2
+fi
+
+recorder=("$@")
+work=$(mktemp -d "${TMPDIR:-/tmp}/recorder-test-XXXXXX") || exit 1
+trap 'rm -rf "$work"' EXIT
+export TMPDIR=$work/tmp
+failures=0
+
+# --- what the cases are made of ---------------------------------------------------------------
+
+# Runs a command to its end; leaves its output in $work/out and $work/err, its result in $status.
+run() {
+    "$@" >"$work/out" 2>"$work/err"
+    status=$?
+}
+
+# One condition of the current case, as a command.
+expect() {
+    "$@" || problems+="  failed: $*"$'\n'
+}
+
+# Whether the summary has the row LABEL with a text that matches the extended expression PATTERN.
+has_row() {
+    grep -Eq "^$1 +($2)\$" "$work/out"
+}
+
+has_one_error_line() {
+    [ "$(wc -l <"$work/err")" -eq 1 ] && grep -Eq "^recorder: .*$1" "$work/err"
+}
+
+is_empty() {
+    [ -z "$(ls -A "$1")" ]
+}
+
+contains_only() {
+    local directory=$1
+    shift
+    [ "$(ls -A "$directory")" = "$(printf '%s\n' "$@")" ]
+}
+
+has_size() {
+    [ "$(stat -c %s "$1")" -eq "$2" ]
+}
+
+has_text() {
+    [ "$(cat "$1")" = "$2" ]
+}
+
+expect_success() {
+    expect [ "$status" -eq 0 ]
+    expect [ ! -s "$work/err" ]
+    expect has_row verified yes
+}
+
+# $1 exit status, $2 pattern of the one line on standard error.
+expect_error() {
+    expect [ "$status" -eq "$1" ]
+    expect has_one_error_line "$2"
+}
+
+# Waits until the file $1 has $2 bytes, at most ten seconds.
+wait_for_bytes() {
+    local deadline=$((SECONDS + 10))
+    until [ "$(stat -c %s "$1" 2>/dev/null || echo 0)" -ge "$2" ]; do
+        [ "$SECONDS" -lt "$deadline" ] || return 1
+        sleep 0.02
+    done
+}
+
+# Runs the case function $1 in a fresh directory $clips.
+run_case() {
+    problems='' skipped=''
+    clips=$work/$1
+    mkdir -p "$clips" "$TMPDIR"
+    "$1"
+    rm -rf "$clips" "$TMPDIR"
+    if [ -n "$skipped" ]; then
+        echo "ok $1 # SKIP $skipped"
+    elif [ -z "$problems" ]; then
+        echo "ok $1"
+    else
+        failures=$((failures + 1))
+        echo "not ok $1"
+        printf '%s' "$problems"
+        sed 's/^/  stdout: /' "$work/out"
+        sed 's/^/  stderr: /' "$work/err"
+    fi
+}
+
+# Runs the recorder with the arguments from $2 on, on a tmpfs with the mount options $1 at $clips,
+# in a mount namespace of its own. Leaves the names of the files there in $work/left.
+# Returns 1 when this system lets nobody mount.
+run_on_tmpfs() {
+    local options=$1 namespace=-m
+    shift
+    [ "$(id -u)" -eq 0 ] || namespace=-rm
+    unshare $namespace mount -t tmpfs none "$clips" 2>/dev/null || return 1
+    # shellcheck disable=SC2016  # the inner shell expands these
+    run unshare $namespace sh -c '
+        mount -t tmpfs -o "$1" none "$2" || exit 99
+        directory=$2 left=$3
+        shift 3
+        "$@"
+        status=$?
+        ls -A "$directory" >"$left"
+        exit $status
+    ' sh "$options" "$clips" "$work/left" "${recorder[@]}" --to "$clips" "$@"
+}
+
+# --- the cases --------------------------------------------------------------------------------
+
+help_is_printed() {
+    run "${recorder[@]}" --help
+    expect [ "$status" -eq 0 ]
+    expect [ ! -s "$work/err" ]
+    for option in --to --keep --name --rate --seconds --size; do
+        expect grep -q -- "$option" "$work/out"
+    done
+}
+
+ordinary_run_leaves_a_verified_clip() {
+    run "${recorder[@]}" --to "$clips" --size 3M
+    expect_success
+    expect contains_only "$clips" clip-0001.oru
+    expect has_size "$clips/clip-0001.oru" 3145728
+    expect has_row clip "$clips/clip-0001\.oru"
+    expect has_row size '3145728 bytes .*'
+    expect has_row frames 3
+    expect has_row write 'p50 [0-9.]+ ms, p99 [0-9.]+ ms, max [0-9.]+ ms'
+}
+
+size_need_not_be_whole_frames() {
+    run "${recorder[@]}" --to "$clips" --size 1500001
+    expect_success
+    expect has_size "$clips/clip-0001.oru" 1500001
+    expect has_row frames 2
+}
+
+clips_are_numbered() {
+    run "${recorder[@]}" --to "$clips" --size 1K
+    expect_success
+    touch "$clips/clip-0007.oru.part"
+    run "${recorder[@]}" --to "$clips" --size 1K
+    expect_success
+    expect contains_only "$clips" clip-0001.oru clip-0007.oru.part clip-0008.oru
+}
+
+temporary_directory_is_removed() {
+    run "${recorder[@]}" --size 1M
+    expect_success
+    expect is_empty "$TMPDIR"
+}
+
+temporary_directory_is_kept_on_demand() {
+    run "${recorder[@]}" --size 1M --keep --name kept.oru
+    expect_success
+    expect has_size "$TMPDIR"/recorder-*/kept.oru 1048576
+}
+
+time_and_rate_are_honoured() {
+    run "${recorder[@]}" --to "$clips" --seconds 1 --rate 80
+    expect_success
+    # 25 frames of 400000 bytes; a busy storage may cost some of them, and some time at the end.
+    local frames seconds
+    frames=$(awk '$1 == "frames" { print $2 + 0 }' "$work/out")
+    seconds=$(awk '$1 == "duration" { print $2 }' "$work/out")
+    expect [ "$frames" -ge 20 ]
+    expect [ "$frames" -le 25 ]
+    expect has_size "$clips/clip-0001.oru" $((frames * 400000))
+    expect awk "BEGIN { exit !($seconds >= 0.95 && $seconds < 3) }"
+}
+
+signal_leaves_a_verified_clip() {
+    local signal recording
+    for signal in INT TERM; do
+        "${recorder[@]}" --to "$clips" --name $signal.oru --seconds 60 --rate 20 \
+            >"$work/out" 2>"$work/err" &
+        recording=$!
+        expect wait_for_bytes "$clips/$signal.oru.part" 300000
+        kill -$signal $recording
+        wait $recording
+        status=$?
+        expect_success
+        expect grep -q '^Stopped early' "$work/out"
+        expect test "$(stat -c %s "$clips/$signal.oru")" -ge 300000
+    done
+    expect contains_only "$clips" INT.oru TERM.oru
+}
+
+changed_clip_is_not_verified() {
+    local recording
+    "${recorder[@]}" --to "$clips" --name c --seconds 1.5 --rate 20 >"$work/out" 2>"$work/err" &
+    recording=$!
+    expect wait_for_bytes "$clips/c.part" 200000
+    printf 'not what was written' | dd of="$clips/c.part" seek=50000 bs=1 conv=notrunc 2>/dev/null
+    wait $recording
+    status=$?
+    expect_error 1 "$clips/c reads differently"
+    expect has_row verified no
+}
+
+full_disk_is_reported() {
+    if ! run_on_tmpfs size=4m --size 16M; then
+        skipped="mounting a small file system is not permitted"
+        return
+    fi
+    expect_error 1 "cannot write $clips/clip-0001\.oru\.part: No space left on device"
+    expect [ ! -s "$work/left" ]
+}
+
+read_only_destination_is_reported() {
+    if run_on_tmpfs ro --size 1M; then
+        expect_error 1 "cannot create $clips/clip-0001\.oru\.part: Read-only file system"
+    elif [ "$(id -u)" -ne 0 ]; then
+        chmod a-w "$clips"
+        run "${recorder[@]}" --to "$clips" --size 1M
+        expect_error 1 "cannot create $clips/clip-0001\.oru\.part: Permission denied"
+    else
+        skipped="mounting a read-only file system is not permitted"
+    fi
+}
+
+missing_directory_is_reported() {
+    run "${recorder[@]}" --to "$clips/missing" --size 1M
+    expect_error 1 "cannot use $clips/missing: No such file or directory"
+    expect is_empty "$clips"
+}
+
+file_as_directory_is_reported() {
+    touch "$clips/file"
+    run "${recorder[@]}" --to "$clips/file" --size 1M
+    expect_error 1 "cannot use $clips/file: Not a directory"
+}
+
+existing_clip_is_refused() {
+    echo precious >"$clips/clip.oru"
+    run "${recorder[@]}" --to "$clips" --name clip.oru --size 1M
+    expect_error 1 "cannot record $clips/clip\.oru: File exists"
+    expect contains_only "$clips" clip.oru
+    expect has_text "$clips/clip.oru" precious
+}
+
+clip_of_another_recorder_is_refused() {
+    echo precious >"$clips/clip.oru.part"
+    run "${recorder[@]}" --to "$clips" --name clip.oru --size 1M
+    expect_error 1 "cannot record $clips/clip\.oru: File exists"
+    expect contains_only "$clips" clip.oru.part
+    expect has_text "$clips/clip.oru.part" precious
+}
+
+file_made_meanwhile_is_not_replaced() {
+    local recording
+    "${recorder[@]}" --to "$clips" --name c --seconds 1 --rate 20 >"$work/out" 2>"$work/err" &
+    recording=$!
+    expect wait_for_bytes "$clips/c.part" 1
+    echo precious >"$clips/c"
+    wait $recording
+    status=$?
+    expect_error 1 "cannot finish $clips/c: File exists"
+    expect contains_only "$clips" c
+    expect has_text "$clips/c" precious
+}
+
+bad_arguments_are_refused() {
+    local arguments
+    for arguments in --nonsense stray '--size 5X' '--size 0' '--size -1' '--size' \
+        '--size 9999999999G' '--seconds soon' '--seconds 0' '--rate fast' '--rate 0' '--rate nan' \
+        '--name a/b' '--name ..'; do
+        # shellcheck disable=SC2086  # several words each
+        run "${recorder[@]}" --to "$clips" $arguments
+        expect_error 2 '\(--help explains\)$'
+        expect [ ! -s "$work/out" ]
+        expect is_empty "$clips"
+    done
+    run "${recorder[@]}" --to ''
+    expect_error 2 "--to must be a directory, not ''"
+}
+
+for case in help_is_printed ordinary_run_leaves_a_verified_clip size_need_not_be_whole_frames \
+    clips_are_numbered temporary_directory_is_removed temporary_directory_is_kept_on_demand \
+    time_and_rate_are_honoured signal_leaves_a_verified_clip changed_clip_is_not_verified \
+    full_disk_is_reported read_only_destination_is_reported missing_directory_is_reported \
+    file_as_directory_is_reported existing_clip_is_refused clip_of_another_recorder_is_refused \
+    file_made_meanwhile_is_not_replaced bad_arguments_are_refused; do
+    run_case $case
+done
+[ "$failures" -eq 0 ]

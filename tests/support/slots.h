@@ -1,0 +1,30 @@
+// Which slot of its class's virtual table a virtual function stands in.
+//
+// Programs built against one version of the library call the slots of another, so the order is part
+// of its interface. Counts from 0; a virtual destructor takes two slots. (Itanium C++ ABI.)
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+
+namespace oru::io::test {
+
+template <class Function>
+int slotOf(Function function) {
+    struct {
+        std::ptrdiff_t pointer;
+        std::ptrdiff_t adjustment;
+    } parts;
+    static_assert(sizeof parts == sizeof function, "not a pointer to a member function");
+    std::memcpy(&parts, &function, sizeof parts);
+#if defined(__arm__)
+    const bool isVirtual = parts.adjustment & 1;
+    const std::ptrdiff_t offset = parts.pointer;
+#else
+    const bool isVirtual = parts.pointer & 1;
+    const std::ptrdiff_t offset = parts.pointer - 1;
+#endif
+    return isVirtual ? static_cast<int>(offset / static_cast<std::ptrdiff_t>(sizeof(void*))) : -1;
+}
+
+} // namespace oru::io::test

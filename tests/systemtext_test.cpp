@@ -1,0 +1,76 @@
+#include "systemtext_p.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace oru::io {
+
+TEST(SystemText, ToSystem_Utf8) {
+    QByteArray utf8;
+    EXPECT_TRUE(toSystem(QString::fromUtf8("/Ä/録画/🎬"), utf8));
+    EXPECT_EQ(utf8, "/Ä/録画/🎬");
+    EXPECT_TRUE(toSystem(QString(), utf8));
+    EXPECT_EQ(utf8, "");
+}
+
+TEST(SystemText, ToSystemWithNul_EINVAL) {
+    QByteArray utf8 = "before";
+    for (const int at : {0, 1, 2}) {
+        QString text = "ab";
+        text.insert(at, QChar(QChar::Null));
+        errno = 0;
+        EXPECT_FALSE(toSystem(text, utf8));
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(utf8, "before");
+}
+
+TEST(SystemText, ToSystemInvalidUtf16_EILSEQ) {
+    QByteArray utf8 = "before";
+    const QChar high(0xd83c);
+    const QChar low(0xdfac);
+    for (const QString& text : {QString(high), QString(low), QString(low) + high,
+                                QStringLiteral("a") + high + QStringLiteral("b")}) {
+        errno = 0;
+        EXPECT_FALSE(toSystem(text, utf8));
+        EXPECT_EQ(errno, EILSEQ);
+    }
+    EXPECT_TRUE(toSystem(QString(high) + low, utf8));
+}
+
+TEST(SystemText, FromSystem_RoundTrip) {
+    for (const char* utf8 : {"", "/plain", "/Ä/録画/🎬", "\xEF\xBB\xBFmark", "\xEF\xBF\xBD"}) {
+        QString text = "before";
+        EXPECT_TRUE(fromSystem(utf8, text)) << utf8;
+        EXPECT_EQ(text.toUtf8(), utf8);
+    }
+}
+
+TEST(SystemText, FromSystemNull_EFAULT) {
+    QString text = "before";
+    errno = 0;
+    EXPECT_FALSE(fromSystem(nullptr, text));
+    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(text, "before");
+}
+
+TEST(SystemText, FromSystemInvalidUtf8_EILSEQ) {
+    const char* const invalid[] = {
+        "\xff",             // never a part of UTF-8
+        "a\x80",            // a continuation without its start
+        "\xc3",             // cut off
+        "\xc0\xaf",         // a slash, too long
+        "\xed\xa0\x80",     // half a surrogate pair
+        "\xf4\x90\x80\x80", // beyond U+10FFFF
+    };
+    for (const char* utf8 : invalid) {
+        QString text = "before";
+        errno = 0;
+        EXPECT_FALSE(fromSystem(utf8, text));
+        EXPECT_EQ(errno, EILSEQ);
+        EXPECT_EQ(text, "before");
+    }
+}
+
+} // namespace oru::io
