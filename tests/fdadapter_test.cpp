@@ -10,8 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -30,10 +28,15 @@ long openMax = asTheSystemSays;
 
 } // namespace
 
-// The library asks this one, as the program's symbols come before the C library's.
-extern "C" __attribute__((visibility("default"))) long sysconf(int name) noexcept {
-    static const auto real = reinterpret_cast<long (*)(int)>(dlsym(RTLD_NEXT, "sysconf"));
-    return name == _SC_OPEN_MAX && openMax != asTheSystemSays ? openMax : real(name);
+// The C library's own, under the name that nothing overrides.
+extern "C" long __sysconf(int name) noexcept;
+
+// The library asks this one, as the program's symbols come before the C library's. So do the
+// sanitizers, before they are ready to watch anything.
+extern "C"
+    __attribute__((visibility("default"), no_sanitize("address", "thread", "undefined"))) long
+    sysconf(int name) noexcept {
+    return name == _SC_OPEN_MAX && openMax != asTheSystemSays ? openMax : __sysconf(name);
 }
 
 namespace oru::io {

@@ -25,7 +25,7 @@ QStringList LogCapture::messages() {
     return std::exchange(m_messages, {});
 }
 
-void LogCapture::take(void* user, const oruLogMsg* msg, const char* channel) {
+void LogCapture::take(const oruLogMsg* msg, const char* channel, void* user) {
     auto* const capture = static_cast<LogCapture*>(user);
     const QMutexLocker lock(&capture->m_mutex);
     capture->m_messages.append(QStringLiteral("%1 %2 %3")

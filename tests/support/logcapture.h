@@ -21,7 +21,7 @@ public:
 private:
     Q_DISABLE_COPY(LogCapture)
 
-    static void take(void* user, const oruLogMsg* msg, const char* channel);
+    static void take(const oruLogMsg* msg, const char* channel, void* capture);
 
     QMutex m_mutex; // guards m_messages
     QStringList m_messages;

@@ -1,15 +1,7 @@
-# Tests of what is installed, as a user of it sees it. Included by the tests' CMakeLists.txt.
-
-add_test(NAME Consumer.InstalledAndMoved_BuildsAndRuns
-  COMMAND "${CMAKE_CURRENT_LIST_DIR}/run.sh" "${PROJECT_BINARY_DIR}"
-)
-set_tests_properties(Consumer.InstalledAndMoved_BuildsAndRuns PROPERTIES
-  SKIP_RETURN_CODE 77
-  LABELS slow
-)
-
 # Where file offsets have 32 bits by default, the records of a source that does not ask for 64 are
-# not the library's: the header has to refuse it, and to say how to ask.
+# not the library's: the header has to refuse it, and to say how to ask. Included by the tests'
+# CMakeLists.txt.
+
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(_flags -std=c++17 -fPIC -fsyntax-only "-I${PROJECT_SOURCE_DIR}/include")
   foreach(_directory IN LISTS Qt5Core_INCLUDE_DIRS)
@@ -19,6 +11,7 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     list(APPEND _flags "--sysroot=${CMAKE_SYSROOT}")
   endif()
   list(APPEND _flags -x c++ /dev/null -include oruio/fs.h)
+
   add_test(NAME Consumer.SmallFiles_Refused COMMAND "${CMAKE_CXX_COMPILER}" ${_flags})
   set_tests_properties(Consumer.SmallFiles_Refused PROPERTIES
     PASS_REGULAR_EXPRESSION "compile with -D_FILE_OFFSET_BITS=64"

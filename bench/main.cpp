@@ -1,0 +1,41 @@
+// Runs all benchmarks and compares what they measured with the targets.
+//
+// Takes the options of Google Benchmark. A missed target is reported, and is no error: only a
+// benchmark that cannot run makes the exit status 1.
+#include "report.h"
+
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+namespace {
+
+// What the machine does beside the benchmarks should meet both sides of a comparison alike. So
+// there are many rounds, and each runs all benchmarks one after the other, for a short time; those
+// that are compared are registered next to each other.
+constexpr int rounds = 51;
+char minTime[] = "--benchmark_min_time=0.01";
+
+/// The command line behind the defaults of this program, so that it prevails.
+std::vector<char*> withDefaults(int argc, char* argv[]) {
+    std::vector<char*> arguments{argv[0], minTime};
+    arguments.insert(arguments.end(), argv + 1, argv + argc);
+    return arguments;
+}
+
+} // namespace
+
+int main(int argc, char* argv[]) {
+    std::vector<char*> arguments = withDefaults(argc, argv);
+    int count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(count, arguments.data()))
+        return 1;
+
+    Report report;
+    for (int round = 0; round < rounds && !report.hasErrors(); ++round)
+        benchmark::RunSpecifiedBenchmarks(&report);
+    report.printTargets();
+    benchmark::Shutdown();
+    return report.hasErrors() ? 1 : 0;
+}

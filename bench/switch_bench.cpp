@@ -1,0 +1,30 @@
+// How the lookup of a path grows with the mount table.
+#include <oruio/fsswitch.h>
+#include <oruio/posixfs.h>
+
+#include <benchmark/benchmark.h>
+
+namespace {
+
+using benchmark::State;
+using oru::io::FSSwitch;
+using oru::io::PosixFS;
+
+void lookup(State& state, int mounts) {
+    FSSwitch fsSwitch;
+    // As long as each other: the last one stands first in the table, and a lookup, which walks it
+    // from the end, comes to it after comparing the path with all the others.
+    for (int number = 99; number > 99 - mounts; --number)
+        fsSwitch.add(QStringLiteral("/media/sd%1").arg(number), PosixFS::SPtr::create(QString()));
+    const QString path = QStringLiteral("/media/sd%1/DCIM/clip-0001.mov").arg(99 - mounts + 1);
+    QString rest;
+    for (auto _ : state) {
+        if (!fsSwitch.getFS(path, &rest))
+            state.SkipWithError("nothing is mounted there");
+    }
+}
+
+BENCHMARK_CAPTURE(lookup, 1, 1)->Name("lookup/1_mount");
+BENCHMARK_CAPTURE(lookup, 16, 16)->Name("lookup/16_mounts");
+
+} // namespace

@@ -1,0 +1,54 @@
+// A clip on its way to the storage.
+#pragma once
+
+#include "checksum.h"
+#include "clock.h"
+#include "destination.h"
+#include "latency.h"
+
+#include <QString>
+
+#include <cstddef>
+#include <memory>
+
+/// Writes a clip under NAME.part; finish() gives it its name. A clip that is not finished leaves
+/// nothing behind.
+///
+/// All functions throw Failure.
+class ClipWriter {
+public:
+    struct Statistics {
+        qint64 bytes = 0;
+        LatencyHistogram writes;
+        LatencyHistogram syncs;
+        Clock::duration busy{}; ///< time spent in writes and syncs
+        Checksum checksum;      ///< of the bytes written
+    };
+
+    /// Starts the clip `name`, or clip-NNNN.oru with the next free number if it is empty.
+    static std::unique_ptr<ClipWriter> create(const Destination& destination, const QString& name);
+    ~ClipWriter();
+
+    void write(const char* data, size_t size);
+    /// Returns when all that was written is on the medium.
+    void sync();
+    void finish();
+
+    const QString& name() const;
+    const Statistics& statistics() const;
+
+private:
+    Q_DISABLE_COPY(ClipWriter)
+
+    explicit ClipWriter(const Destination& destination);
+
+    bool start(const QString& name);
+    QString part() const;
+    void discard();
+
+    const Destination& m_destination;
+    QString m_name;
+    int m_fd = -1;
+    bool m_partExists = false;
+    Statistics m_statistics;
+};

@@ -1,0 +1,35 @@
+// Where the clip goes: turns the text after --to into a file system in the root switch.
+#pragma once
+
+#include <oruio/fs.h>
+
+#include <QString>
+#include <QTemporaryDir>
+
+#include <memory>
+
+/// A file system, mounted in the root switch for as long as this object lives.
+class Destination {
+public:
+    /// Mounts what `text` names: a local directory; or, if it is empty, a temporary directory,
+    /// which is removed at the end unless `keep` is set. Throws Failure when there is no such
+    /// thing.
+    Destination(const QString& text, bool keep);
+    ~Destination();
+
+    /// Its directory in the root switch.
+    QString directory() const;
+    /// The path of `name` in the root switch.
+    QString path(const QString& name) const;
+    /// The path of `name` as the user knows it, for messages.
+    QString shown(const QString& name) const;
+
+    /// Whether clips are still there when this object is gone.
+    bool isKept() const;
+
+private:
+    Q_DISABLE_COPY(Destination)
+
+    std::unique_ptr<QTemporaryDir> m_temporary;
+    QString m_shown;
+};

@@ -1,0 +1,14 @@
+// Ctrl-C and SIGTERM as a request to come to an end, not as a sudden death.
+#pragma once
+
+namespace stopsignal {
+
+/// From here on SIGINT and SIGTERM set the request. SIGPIPE is ignored: a reader of the output that
+/// goes away must not end a recording.
+void install();
+
+/// Whether one of them came since the start or the last clear().
+bool isRequested();
+void clear();
+
+} // namespace stopsignal

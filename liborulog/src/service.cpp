@@ -1,0 +1,329 @@
+// The service: the four operations, the controls, and the thread that writes.
+
+#include "callersthread_p.h"
+#include "levels_p.h"
+#include "output_p.h"
+#include "records_p.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include <pthread.h>
+#include <signal.h>
+
+namespace orulog {
+
+namespace {
+
+// Of the static kind, so that a thread's first look at it allocates nothing.
+__attribute__((tls_model("initial-exec"))) thread_local bool isWriting = false;
+
+/// Holds the right to write. The hook runs with it held, and gets it again.
+class WritingLock {
+public:
+    explicit WritingLock(std::mutex& mutex) : m_mutex(mutex), m_nested(isWriting) {
+        if (m_nested)
+            return;
+        m_mutex.lock();
+        isWriting = true;
+    }
+
+    ~WritingLock() {
+        if (m_nested)
+            return;
+        isWriting = false;
+        m_mutex.unlock();
+    }
+
+    WritingLock(const WritingLock&) = delete;
+    WritingLock& operator=(const WritingLock&) = delete;
+
+private:
+    std::mutex& m_mutex;
+    const bool m_nested;
+};
+
+class Service {
+public:
+    static Service& instance();
+
+    oruLogMsg* alloc();
+    void push(oruLogMsg* msg);
+
+    void setSink(Sink sink);
+    void setHook(oruLogHook hook, void* user);
+    int flush();
+
+    /// Writes what is queued and ends the thread.
+    void stop();
+
+    void beforeFork();
+    void afterForkInParent();
+    void afterForkInChild();
+
+private:
+    bool ensureThread();
+    static void* runThread(void* service);
+    void writeAsTheyCome();
+    void writeQueued();
+    bool writeOldest();
+
+    // Held while a record is written, so that records are written one after the other and as they
+    // were queued. Taken before any other mutex.
+    std::mutex m_writing;
+    Sink m_sink;
+    oruLogHook m_hook = nullptr;
+    void* m_user = nullptr;
+
+    // Guards what follows. Held briefly: every writer takes it.
+    std::mutex m_mutex;
+    pthread_cond_t m_arrived = PTHREAD_COND_INITIALIZER; // a record was queued, or m_stopping set
+    pthread_cond_t m_written = PTHREAD_COND_INITIALIZER; // m_writtenCount has grown
+    uint64_t m_pushedCount = 0;
+    uint64_t m_writtenCount = 0;
+    pthread_t m_thread{};
+    bool m_hasThread = false;
+    bool m_stopping = false;
+    Records m_records;
+};
+
+Service& Service::instance() {
+    // Never destroyed: who is destroyed after this library may log, too.
+    alignas(Service) static unsigned char storage[sizeof(Service)];
+    static Service& service = *new (storage) Service;
+    return service;
+}
+
+oruLogMsg* Service::alloc() {
+    // A hook that logged would never come to an end.
+    if (isWriting)
+        return nullptr;
+    const std::lock_guard lock(m_mutex);
+    return m_records.take();
+}
+
+void Service::push(oruLogMsg* msg) {
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_records.queue(msg))
+            return;
+        ++m_pushedCount;
+        if (ensureThread()) {
+            pthread_cond_signal(&m_arrived);
+            return;
+        }
+    }
+    // A hook runs within this already, further up in its thread.
+    if (!isWriting) {
+        const CallersThread guard;
+        writeQueued();
+    }
+}
+
+void Service::setSink(Sink sink) {
+    {
+        const WritingLock lock(m_writing);
+        m_sink.swap(sink);
+    }
+    // The former one is closed here, without the lock.
+}
+
+void Service::setHook(oruLogHook hook, void* user) {
+    const WritingLock lock(m_writing);
+    m_hook = hook;
+    m_user = user;
+}
+
+int Service::flush() {
+    if (isWriting)
+        return EDEADLK;
+    std::unique_lock lock(m_mutex);
+    const uint64_t pushed = m_pushedCount;
+    while (m_writtenCount < pushed)
+        pthread_cond_wait(&m_written, m_mutex.native_handle());
+    return 0;
+}
+
+/// Starts the thread if it is not running. \returns false when there is to be none, or none can be
+/// had. With m_mutex held.
+bool Service::ensureThread() {
+    if (m_stopping)
+        return false;
+    if (m_hasThread)
+        return true;
+    // The thread inherits the mask: the program's signal handlers never run in it.
+    sigset_t all;
+    sigset_t mask;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &mask);
+    m_hasThread = pthread_create(&m_thread, nullptr, runThread, this) == 0;
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    return m_hasThread;
+}
+
+void* Service::runThread(void* service) {
+    pthread_setname_np(pthread_self(), "orulog");
+    static_cast<Service*>(service)->writeAsTheyCome();
+    return nullptr;
+}
+
+void Service::writeAsTheyCome() {
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        while (!m_records.hasQueued() && !m_stopping)
+            pthread_cond_wait(&m_arrived, m_mutex.native_handle());
+        if (!m_records.hasQueued())
+            return;
+        lock.unlock();
+        writeQueued();
+        lock.lock();
+    }
+}
+
+void Service::writeQueued() {
+    while (writeOldest())
+        continue;
+}
+
+bool Service::writeOldest() {
+    const WritingLock writing(m_writing);
+    oruLogMsg* msg = nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        msg = m_records.takeOldest();
+    }
+    if (!msg)
+        return false;
+    const char* const channel = Levels::instance().name(msg->channel);
+    write(m_sink, *msg, channel);
+    if (m_hook)
+        m_hook(msg, channel, m_user);
+
+    const std::lock_guard lock(m_mutex);
+    m_records.release(msg);
+    ++m_writtenCount;
+    pthread_cond_broadcast(&m_written);
+    return true;
+}
+
+void Service::stop() {
+    bool hadThread = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stopping = true;
+        hadThread = std::exchange(m_hasThread, false);
+        pthread_cond_signal(&m_arrived);
+    }
+    // A hook that ends the process cannot wait for itself.
+    if (hadThread && !isWriting)
+        pthread_join(m_thread, nullptr);
+}
+
+void Service::beforeFork() {
+    if (!isWriting)
+        m_writing.lock();
+    m_mutex.lock();
+    Levels::instance().mutex.lock();
+}
+
+void Service::afterForkInParent() {
+    Levels::instance().mutex.unlock();
+    m_mutex.unlock();
+    if (!isWriting)
+        m_writing.unlock();
+}
+
+void Service::afterForkInChild() {
+    m_hasThread = false;
+    m_pushedCount -= m_records.releaseQueued();
+    // Threads may have waited for them that the child does not have.
+    m_arrived = PTHREAD_COND_INITIALIZER;
+    m_written = PTHREAD_COND_INITIALIZER;
+    afterForkInParent();
+}
+
+void complain(const char* variable, const char* text, const char* instead) {
+    fprintf(stderr, "orulog: cannot use %s='%s', %s instead\n", variable, text, instead);
+}
+
+bool setThresholds(const char* text) {
+    try {
+        if (Levels::instance().set(text))
+            return true;
+        errno = EINVAL;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+    }
+    return false;
+}
+
+bool setOutput(const char* text) {
+    const CallersThread guard;
+    Sink sink = openSink(text);
+    if (!sink)
+        return false;
+    Service::instance().setSink(std::move(sink));
+    return true;
+}
+
+__attribute__((constructor)) void load() {
+    pthread_atfork([] { Service::instance().beforeFork(); },
+                   [] { Service::instance().afterForkInParent(); },
+                   [] { Service::instance().afterForkInChild(); });
+    const char* const level = secure_getenv("ORULOG_LEVEL");
+    if (level && !setThresholds(level))
+        complain("ORULOG_LEVEL", level, "10");
+    const char* const output = secure_getenv("ORULOG_OUTPUT");
+    if (output && !setOutput(output))
+        complain("ORULOG_OUTPUT", output, "stderr");
+}
+
+__attribute__((destructor)) void unload() {
+    Service::instance().stop();
+}
+
+} // namespace
+
+} // namespace orulog
+
+using orulog::Levels;
+using orulog::Service;
+
+int __oruLogChanReg(const char* name, const char*, int, const char*) {
+    return Levels::instance().add(name);
+}
+
+oruLogMsg* oruLogMsgAlloc() {
+    return Service::instance().alloc();
+}
+
+void oruLogMsgPush(oruLogMsg* msg) {
+    const int savedErrno = errno;
+    Service::instance().push(msg);
+    errno = savedErrno;
+}
+
+int oruLogSetThresholds(const char* text) {
+    return orulog::setThresholds(text) ? 0 : -1;
+}
+
+int oruLogSetOutput(const char* text) {
+    return orulog::setOutput(text) ? 0 : -1;
+}
+
+void oruLogSetHook(oruLogHook hook, void* user) {
+    Service::instance().setHook(hook, user);
+}
+
+int oruLogFlush() {
+    const int error = Service::instance().flush();
+    if (error == 0)
+        return 0;
+    errno = error;
+    return -1;
+}

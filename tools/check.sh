@@ -1,0 +1,104 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2154 # root is set by ./dev, which sources this
+# What ./dev check looks at; sourced by it.
+
+# sources KIND: the tree's files of this kind, cpp or shell, relative and NUL-terminated; new ones
+# count before they are added to the index.
+sources() {
+    local file first shebang='^#!.*(/| )(ba|da)?sh( |$)'
+    git -C "$root" ls-files -z --cached --others --exclude-standard |
+        while IFS= read -r -d '' file; do
+            [[ -f $root/$file ]] || continue # deleted, and not yet removed from the index
+            case $1 in
+            cpp) [[ $file =~ \.(cpp|h)$ ]] || continue ;;
+            shell)
+                IFS= read -r first <"$root/$file" || true
+                [[ $file == *.sh || $first =~ $shebang ]] || continue
+                ;;
+            esac
+            printf '%s\0' "$file"
+        done
+}
+
+check_format() {
+    sources cpp | xargs -0 -r clang-format --dry-run -Werror
+}
+
+check_includes() {
+    tools/check-includes --self-test && tools/check-includes
+}
+
+check_scripts() {
+    sources shell | xargs -0 -r shellcheck -x
+}
+
+# Each public header compiles alone, with the flags of the installed package and under warnings
+# that a user may have turned on; the logging service's is also C.
+check_headers() {
+    local qt common=(-fsyntax-only -Wall -Wextra -Wpedantic -Wshadow -Werror -Iliborulog/include)
+    read -ra qt < <(pkg-config --cflags Qt5Core)
+    printf '%s\0' include/oruio/*.h liborulog/include/orulog/*.h |
+        xargs -0 -n 1 -P "$(nproc)" g++ "${common[@]}" -std=c++17 -fPIC -D_FILE_OFFSET_BITS=64 \
+            -DQT_NO_KEYWORDS -Iinclude "${qt[@]/#-I/-isystem}" -x c++ /dev/null -include || return 1
+    printf '%s\0' liborulog/include/orulog/*.h |
+        xargs -0 -n 1 gcc "${common[@]}" -std=c11 -x c /dev/null -include
+}
+
+# Words that have no place in the tree: references to documents that are not in it, paths of
+# somebody's machine, hosts of package registries, and notes of unfinished work. The patterns are
+# spelled so that they do not match themselves.
+check_words() {
+    local everywhere=(
+        '[s]pec\.md'
+        '\b(the|our) [s]pec(ification)?\b'
+        '\b[P]arts? [1-6]\.[1-6]'
+        '\.\./[s]hared'
+        '[F]IELD_GUIDE'
+        '/[w]ork/(main|steering|shared|\.library)'
+        '\b(deb|ftp|archive|security|snapshot|packages)\.[d]ebian\.org'
+        '\b[p]ypi\.org' 'python[h]osted\.org' '[n]pmjs\.(com|org)' 'crates\.[i]o\b' 'ruby[g]ems\.org'
+        '[d]ocker\.io' '[g]hcr\.io' '\bquay\.[i]o' '[p]kg\.dev\b' 'proxy\.[g]olang'
+        'conan\.[i]o\b' 'maven\.[o]rg'
+    )
+    local unfinished='\b([T]ODO|[F]IXME|[X]XX|[H]ACK)\b'
+    local found=0 pattern
+    for pattern in "${everywhere[@]}"; do
+        is_absent -i -e "$pattern" || found=1
+    done
+    is_absent -e "$unfinished" || found=1
+    return "$found"
+}
+
+# is_absent ARGUMENT...: git grep's; prints what is found. A failure of grep is no absence.
+is_absent() {
+    local status=0
+    git grep --untracked -I -n -P "$@" || status=$?
+    [[ $status -eq 1 ]]
+}
+
+# tidy PRESET PATTERN: the files of the tree that the preset compiles and the pattern fits.
+tidy() {
+    local compiled files
+    compiled=$(sed -n 's/^ *"file": "\(.*\)",\{0,1\}$/\1/p' "build/$1/compile_commands.json")
+    files=$(comm -12 <(sort -u <<<"$compiled") \
+        <(sources cpp | tr '\0' '\n' | sed "s|^|$root/|" | sort) | grep "$2") || return 1
+    xargs -d '\n' -n 1 -P "$(nproc)" clang-tidy -p "build/$1" --quiet <<<"$files"
+}
+
+check_tidy() {
+    build dev && configure release || return 1
+    local failed=0
+    tidy dev . || failed=1
+    tidy release "^$root/bench/" || failed=1
+    return "$failed"
+}
+
+check() {
+    local name failed=()
+    cd "$root" || return
+    for name in words includes scripts format headers tidy; do
+        say "checking $name"
+        quietly "check-$name" "check_$name" || failed+=("$name")
+    done
+    [[ ${#failed[@]} -eq 0 ]] || die "check failed: ${failed[*]}"
+}
