@@ -125,7 +125,8 @@ TEST_F(FDMapTest, RandomOpensAndCloses_AlwaysTheLowestFreeNumber) {
             ASSERT_EQ(map->add(file), lowest);
             open.insert(lowest);
         } else {
-            const auto victim = std::next(open.begin(), (state >> 8) % open.size());
+            const auto victim =
+                std::next(open.begin(), static_cast<long>((state >> 8) % open.size()));
             ASSERT_EQ(map->remove(*victim), 0);
             open.erase(victim);
         }

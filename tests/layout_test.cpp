@@ -47,12 +47,4 @@ TEST(Layout, LogRecord_FieldsInOrder) {
     EXPECT_EQ(offsetof(oruLogMsg, length), offsetof(oruLogMsg, text) + 256);
 }
 
-TEST(Layout, LogRecord_TargetOffsets) {
-    if (sizeof(void*) != 4)
-        GTEST_SKIP() << "not a 32-bit target";
-    EXPECT_EQ(offsetof(oruLogMsg, time), 24U);
-    EXPECT_EQ(offsetof(oruLogMsg, text), 32U);
-    EXPECT_EQ(offsetof(oruLogMsg, length), 288U);
-}
-
 } // namespace oru::io

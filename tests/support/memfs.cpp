@@ -23,7 +23,7 @@ namespace {
 constexpr size_t nameMax = 255;
 constexpr size_t pathMax = 4095;
 constexpr int linkDepth = 40;
-constexpr size_t blockSize = 4096;
+constexpr long long blockSize = 4096;
 
 int fail(int error) {
     errno = error;
@@ -92,8 +92,8 @@ private:
         for (size_t done = 0; done < count;) {
             const long long at = offset + static_cast<long long>(done);
             const auto start = static_cast<size_t>(at % blockSize);
-            const size_t part = std::min(blockSize - start, count - done);
-            call(at / static_cast<long long>(blockSize), start, done, part);
+            const size_t part = std::min<size_t>(blockSize - start, count - done);
+            call(at / blockSize, start, done, part);
             done += part;
         }
     }
