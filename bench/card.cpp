@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 #include <cstdio>
 #include <cstdlib>
@@ -14,9 +15,14 @@ constexpr char clipPath[] = "/media/sd1/DCIM/clip-0001.mov";
 constexpr int clipSize = 2 << 20;
 
 /// Not /tmp, which may well be in memory only, unless it is asked for.
-QString rootTemplate() {
-    const QString parent = qEnvironmentVariable("TMPDIR", QStringLiteral("/var/tmp"));
-    return parent + "/oruio-bench-XXXXXX";
+QString parentDirectory() {
+    return qEnvironmentVariable("TMPDIR", QStringLiteral("/var/tmp"));
+}
+
+bool makeClip(const QString& path) {
+    QFile clip(path);
+    return QDir().mkpath(QFileInfo(path).path()) && clip.open(QFile::WriteOnly) &&
+           clip.write(QByteArray(clipSize, 'c')) == clipSize && clip.flush();
 }
 
 } // namespace
@@ -27,7 +33,8 @@ Card& Card::instance() {
 }
 
 Card::Card()
-    : m_root(rootTemplate()), m_systemClip((m_root.path() + clipPath).toStdString()),
+    : m_root(parentDirectory() + "/oruio-bench-XXXXXX"),
+      m_systemClip((m_root.path() + clipPath).toStdString()),
       m_switch(oru::io::FSSwitch::SPtr::create()), m_adapter(m_switch) {
     // Of mount points of the same length, the one added last stands first in the table and is the
     // last that a lookup comes to.
@@ -35,10 +42,9 @@ Card::Card()
         const QString mountPoint = QStringLiteral("/media/sd%1").arg(number);
         m_switch->add(mountPoint, oru::io::PosixFS::SPtr::create(m_root.path() + mountPoint));
     }
-    QFile clip(QString::fromStdString(m_systemClip));
-    if (!QDir().mkpath(m_root.path() + "/media/sd1/DCIM") || !clip.open(QFile::WriteOnly) ||
-        clip.write(QByteArray(clipSize, 'c')) != clipSize) {
-        std::fprintf(stderr, "cannot prepare %s\n", m_systemClip.c_str());
+    if (!m_root.isValid() || !makeClip(m_root.path() + clipPath)) {
+        std::fprintf(stderr, "cannot make a clip below %s\n", qUtf8Printable(parentDirectory()));
+        m_root.remove();
         std::exit(1);
     }
 }

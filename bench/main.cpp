@@ -33,9 +33,12 @@ int main(int argc, char* argv[]) {
         return 1;
 
     Report report;
-    for (int round = 0; round < rounds && !report.hasErrors(); ++round)
+    int round = 0;
+    do
         benchmark::RunSpecifiedBenchmarks(&report);
-    report.printTargets();
+    while (++round < rounds && report.hasResults() && !report.hasErrors());
+    if (report.hasResults())
+        report.printTargets();
     benchmark::Shutdown();
     return report.hasErrors() ? 1 : 0;
 }

@@ -70,6 +70,10 @@ void Report::printTargets() const {
     }
 }
 
+bool Report::hasResults() const {
+    return !m_nanoseconds.empty();
+}
+
 bool Report::hasErrors() const {
     return m_hasErrors;
 }

@@ -17,6 +17,8 @@ public:
     /// Prints the targets as a Markdown table. Those that the run left out are not shown.
     void printTargets() const;
 
+    /// Whether anything was measured: not so if the benchmarks were only listed, or none selected.
+    bool hasResults() const;
     /// Whether a benchmark could not run.
     bool hasErrors() const;
 

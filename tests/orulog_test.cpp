@@ -486,8 +486,20 @@ void outgrowTheFileSystem() {
         logSurely(channel, 10, text);
 }
 
+/// Makes this process the root of a user namespace in which it may make others.
+bool enterUserNamespace() {
+    const std::string user = std::to_string(getuid());
+    const std::string group = std::to_string(getgid());
+    if (unshare(CLONE_NEWUSER) == -1)
+        return false;
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/uid_map") << "0 " + user + " 1";
+    std::ofstream("/proc/self/gid_map") << "0 " + group + " 1";
+    return getuid() == 0 && getgid() == 0;
+}
+
 bool enterPrivateMounts() {
-    if (unshare(CLONE_NEWNS) == -1 && unshare(CLONE_NEWUSER | CLONE_NEWNS) == -1)
+    if (unshare(CLONE_NEWNS) == -1 && !(enterUserNamespace() && unshare(CLONE_NEWNS) == 0))
         return false;
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("none", "/dev", "tmpfs", 0, nullptr) == 0;

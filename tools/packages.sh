@@ -10,15 +10,15 @@ packages_test=("${packages_googletest[@]}" pkgconf)
 packages_armhf=(debian-archive-keyring g++-arm-linux-gnueabihf qemu-user-static)
 packages_check=(clang-format clang-tidy git pkgconf shellcheck)
 packages_docs=(doxygen graphviz)
-packages_package=(build-essential git lintian)
+packages_package=(build-essential debhelper git lintian "${packages_docs[@]}")
 
-# The names in the Build-Depends of debian/control.
+# What the source package with this debian/control builds with, apart from packaging itself.
 build_depends() {
     awk '
         /^[^ \t#]/ { wanted = 0 }
-        sub(/^Build-Depends(-Indep)?:/, "") { wanted = 1 }
+        sub(/^Build-Depends:/, "") { wanted = 1 }
         wanted && !/^#/ { gsub(/\([^)]*\)|<[^>]*>|[ \t]/, ""); gsub(/,/, "\n"); print }
-    ' "$1" | sed -e '/^$/d' -e 's/^debhelper-compat$/debhelper/'
+    ' "$1" | grep -v -e '^$' -e '^debhelper-compat$'
 }
 
 # missing_packages NAME...: those that are not installed.

@@ -20,7 +20,7 @@ namespace orulog {
 
 namespace {
 
-// Of the static kind, so that a thread's first look at it allocates nothing.
+// In the static block of thread-locals: a thread's first look at it allocates nothing.
 __attribute__((tls_model("initial-exec"))) thread_local bool isWriting = false;
 
 /// Holds the right to write. The hook runs with it held, and gets it again.
