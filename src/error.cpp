@@ -7,7 +7,7 @@
 
 namespace oru::io {
 
-thread_local ErrorCode liberrno = Ok;
+__thread ErrorCode liberrno = Ok;
 
 namespace {
 

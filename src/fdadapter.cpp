@@ -32,15 +32,16 @@ int refused() {
 template <class Operation>
 int withText(const char* path, Operation operation) {
     QString text;
-    return fromSystem(path, text) ? operation(text) : refused();
+    return fromSystem(path, text) ? operation(std::move(text)) : refused();
 }
 
 /// As withText(), for two texts.
 template <class Operation>
 int withTexts(const char* first, const char* second, Operation operation) {
-    return withText(first, [&](const QString& firstText) {
-        return withText(
-            second, [&](const QString& secondText) { return operation(firstText, secondText); });
+    return withText(first, [&](QString&& firstText) {
+        return withText(second, [&](QString&& secondText) {
+            return operation(std::move(firstText), std::move(secondText));
+        });
     });
 }
 
@@ -51,7 +52,7 @@ int withRecord(const char* path, Record* record, Operation operation) {
         errno = EFAULT;
         return refused();
     }
-    return withText(path, [&](const QString& text) { return operation(text, *record); });
+    return withText(path, [&](QString&& text) { return operation(std::move(text), *record); });
 }
 
 /// The result of `operation` on the open file; -1 when there is none.
@@ -91,7 +92,9 @@ QSharedPointer<File> FDMap::get(int fd) {
     QSharedPointer<File> file;
     {
         const QMutexLocker lock(&m_fileMutex);
-        file = m_files.value(fd);
+        const auto found = m_files.constFind(fd);
+        if (found != m_files.constEnd())
+            file = *found;
     }
     liberrno = file ? Ok : NotFound;
     return file;
@@ -154,41 +157,41 @@ FDAdapter* FDAdapter::rootfs() {
 }
 
 int FDAdapter::lstat(const char* path, struct stat* st) {
-    return withRecord(path, st,
-                      [this](const QString& p, auto& record) { return m_fs->lstat(p, record); });
+    return withRecord(
+        path, st, [this](QString&& p, auto& record) { return m_fs->lstat(std::move(p), record); });
 }
 
 int FDAdapter::stat(const char* path, struct stat* st) {
-    return withRecord(path, st,
-                      [this](const QString& p, auto& record) { return m_fs->stat(p, record); });
+    return withRecord(
+        path, st, [this](QString&& p, auto& record) { return m_fs->stat(std::move(p), record); });
 }
 
 int FDAdapter::statfs(const char* path, struct statfs* st) {
-    return withRecord(path, st,
-                      [this](const QString& p, auto& record) { return m_fs->statfs(p, record); });
+    return withRecord(
+        path, st, [this](QString&& p, auto& record) { return m_fs->statfs(std::move(p), record); });
 }
 
 int FDAdapter::link(const char* oldPath, const char* newPath) {
-    return withTexts(oldPath, newPath, [this](const QString& from, const QString& to) {
-        return m_fs->link(from, to);
+    return withTexts(oldPath, newPath, [this](QString&& from, QString&& to) {
+        return m_fs->link(std::move(from), std::move(to));
     });
 }
 
 int FDAdapter::unlink(const char* path) {
-    return withText(path, [this](const QString& p) { return m_fs->unlink(p); });
+    return withText(path, [this](QString&& p) { return m_fs->unlink(std::move(p)); });
 }
 
 int FDAdapter::mkdir(const char* path, int mode) {
-    return withText(path, [=](const QString& p) { return m_fs->mkdir(p, mode); });
+    return withText(path, [=](QString&& p) { return m_fs->mkdir(std::move(p), mode); });
 }
 
 int FDAdapter::rmdir(const char* path) {
-    return withText(path, [this](const QString& p) { return m_fs->rmdir(p); });
+    return withText(path, [this](QString&& p) { return m_fs->rmdir(std::move(p)); });
 }
 
 int FDAdapter::rename(const char* oldPath, const char* newPath) {
-    return withTexts(oldPath, newPath, [this](const QString& from, const QString& to) {
-        return m_fs->rename(from, to);
+    return withTexts(oldPath, newPath, [this](QString&& from, QString&& to) {
+        return m_fs->rename(std::move(from), std::move(to));
     });
 }
 
@@ -197,48 +200,50 @@ void FDAdapter::sync() {
 }
 
 int FDAdapter::getxattr(const char* path, const char* name, void* value, unsigned int size) {
-    return withTexts(path, name, [=](const QString& p, const QString& n) {
-        return m_fs->getxattr(p, n, value, size);
+    return withTexts(path, name, [=](QString&& p, QString&& n) {
+        return m_fs->getxattr(std::move(p), std::move(n), value, size);
     });
 }
 
 int FDAdapter::setxattr(const char* path, const char* name, void* value, unsigned int size,
                         int flags) {
-    return withTexts(path, name, [=](const QString& p, const QString& n) {
-        return m_fs->setxattr(p, n, value, size, flags);
+    return withTexts(path, name, [=](QString&& p, QString&& n) {
+        return m_fs->setxattr(std::move(p), std::move(n), value, size, flags);
     });
 }
 
 int FDAdapter::removexattr(const char* path, const char* name) {
-    return withTexts(
-        path, name, [this](const QString& p, const QString& n) { return m_fs->removexattr(p, n); });
+    return withTexts(path, name, [this](QString&& p, QString&& n) {
+        return m_fs->removexattr(std::move(p), std::move(n));
+    });
 }
 
 int FDAdapter::listxattr(const char* path, char* list, unsigned int size) {
-    return withText(path, [=](const QString& p) { return m_fs->listxattr(p, list, size); });
+    return withText(path, [=](QString&& p) { return m_fs->listxattr(std::move(p), list, size); });
 }
 
 int FDAdapter::symlink(const char* target, const char* linkPath) {
-    return withTexts(target, linkPath,
-                     [this](const QString& to, const QString& p) { return m_fs->symlink(to, p); });
+    return withTexts(target, linkPath, [this](QString&& to, QString&& p) {
+        return m_fs->symlink(std::move(to), std::move(p));
+    });
 }
 
 int FDAdapter::readlink(const char* path, char* buf, unsigned int size) {
-    return withText(path, [=](const QString& p) { return m_fs->readlink(p, buf, size); });
+    return withText(path, [=](QString&& p) { return m_fs->readlink(std::move(p), buf, size); });
 }
 
 int FDAdapter::truncate(const char* path, long long length) {
-    return withText(path, [=](const QString& p) { return m_fs->truncate(p, length); });
+    return withText(path, [=](QString&& p) { return m_fs->truncate(std::move(p), length); });
 }
 
 int FDAdapter::chmod(const char* path, int mode) {
-    return withText(path, [=](const QString& p) { return m_fs->chmod(p, mode); });
+    return withText(path, [=](QString&& p) { return m_fs->chmod(std::move(p), mode); });
 }
 
 void* FDAdapter::opendir(const char* path) {
     QSharedPointer<Directory> dir;
-    withText(path, [&](const QString& p) {
-        dir = m_fs->opendir(p);
+    withText(path, [&](QString&& p) {
+        dir = m_fs->opendir(std::move(p));
         return 0;
     });
     return fdMap.add(dir);
@@ -261,8 +266,8 @@ int FDAdapter::closedir(void* handle) {
 int FDAdapter::open(const char* path, int flags, int mode) {
     liberrno = Ok;
     QSharedPointer<File> file;
-    withText(path, [&](const QString& p) {
-        file = m_fs->open(p, flags, mode);
+    withText(path, [&](QString&& p) {
+        file = m_fs->open(std::move(p), flags, mode);
         return 0;
     });
     return fdMap.add(file);

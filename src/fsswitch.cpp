@@ -42,52 +42,57 @@ bool serves(const QString& mountPoint, const QString& path) {
 
 class FSSwitch::Data {
 public:
-    /// The entry that serves `path`, with the rest of the path if asked for; an entry without a
-    /// file system when there is none. Tells liberrno which.
-    FSEntry lookup(const QString& path, QString* rest);
+    /// Where a path leads: the file system, null when there is none, and the length of its mount
+    /// point without the slash at the end.
+    struct Target {
+        QSharedPointer<FS> fs;
+        int stem = 0;
+
+        /// What is left of the path within the file system.
+        QString rest(const QString& path) const {
+            return path.size() > stem ? path.mid(stem) : QStringLiteral("/");
+        }
+    };
+
+    /// Finds the entry that serves `path`. Tells liberrno whether there is one.
+    Target lookup(const QString& path);
 
     /// The result of `operation` on the file system that serves `path` and the rest of the path.
     template <class Operation>
     int forward(const QString& path, Operation operation) {
-        QString rest;
-        const FSEntry entry = lookup(path, &rest);
-        return entry.fs ? operation(*entry.fs, rest) : -1;
+        const Target target = lookup(path);
+        return target.fs ? operation(*target.fs, target.rest(path)) : -1;
     }
 
     /// As forward(), for two paths that the same entry must serve.
     template <class Operation>
     int forward(const QString& first, const QString& second, Operation operation) {
-        QString firstRest;
-        QString secondRest;
-        const FSEntry entry = lookup(first, &firstRest);
-        const FSEntry other = lookup(second, &secondRest);
-        // Mount points are unique, so equal ones with the same file system are the same row.
-        if (!entry.fs || entry.fs != other.fs || entry.mountPoint != other.mountPoint)
-            return -1;
-        return operation(*entry.fs, firstRest, secondRest);
+        const Target target = lookup(first);
+        const Target other = lookup(second);
+        // Mount points are unique, and each path begins with its own.
+        const bool sameEntry = target.fs && target.fs == other.fs && target.stem == other.stem &&
+                               first.leftRef(target.stem) == second.leftRef(other.stem);
+        return sameEntry ? operation(*target.fs, target.rest(first), target.rest(second)) : -1;
     }
 
     QVector<FSEntry> entries;
     QMutex mutex; // guards entries
 };
 
-FSEntry FSSwitch::Data::lookup(const QString& path, QString* rest) {
-    FSEntry found;
+FSSwitch::Data::Target FSSwitch::Data::lookup(const QString& path) {
+    Target target;
     {
         const QMutexLocker lock(&mutex);
         for (int i = entries.size() - 1; i >= 0; --i) {
-            if (serves(entries.at(i).mountPoint, path)) {
-                found = entries.at(i);
+            const FSEntry& entry = entries.at(i);
+            if (serves(entry.mountPoint, path)) {
+                target = {entry.fs, entry.mountPoint.size() - 1};
                 break;
             }
         }
     }
-    liberrno = found.fs ? Ok : NotFound;
-    if (found.fs && rest) {
-        const int stem = found.mountPoint.size() - 1;
-        *rest = path.size() > stem ? path.mid(stem) : QStringLiteral("/");
-    }
-    return found;
+    liberrno = target.fs ? Ok : NotFound;
+    return target;
 }
 
 FSSwitch::FSSwitch() : FS(QStringLiteral("FSSwitchFS")), m_data(new Data) {}
@@ -134,7 +139,10 @@ void FSSwitch::remove(QString mountPoint) {
 }
 
 QSharedPointer<FS> FSSwitch::getFS(QString path, QString* rest) {
-    return m_data->lookup(path, rest).fs;
+    const Data::Target target = m_data->lookup(path);
+    if (target.fs && rest)
+        *rest = target.rest(path);
+    return target.fs;
 }
 
 QStringList FSSwitch::getMountPoints(QSharedPointer<FS> fs) {
@@ -170,53 +178,53 @@ int FSSwitch::remWatch(QString) {
 }
 
 QSharedPointer<File> FSSwitch::open(QString path, int flags, int mode) {
-    QString rest;
-    const auto fs = m_data->lookup(path, &rest).fs;
-    return fs ? fs->open(rest, flags, mode) : nullptr;
+    const Data::Target target = m_data->lookup(path);
+    return target.fs ? target.fs->open(target.rest(path), flags, mode) : nullptr;
 }
 
 QSharedPointer<Directory> FSSwitch::opendir(QString path) {
-    QString rest;
-    const auto fs = m_data->lookup(path, &rest).fs;
-    return fs ? fs->opendir(rest) : nullptr;
+    const Data::Target target = m_data->lookup(path);
+    return target.fs ? target.fs->opendir(target.rest(path)) : nullptr;
 }
 
 int FSSwitch::lstat(QString path, struct stat& st) {
-    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.lstat(rest, st); });
+    return m_data->forward(path,
+                           [&](FS& fs, QString&& rest) { return fs.lstat(std::move(rest), st); });
 }
 
 int FSSwitch::stat(QString path, struct stat& st) {
-    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.stat(rest, st); });
+    return m_data->forward(path,
+                           [&](FS& fs, QString&& rest) { return fs.stat(std::move(rest), st); });
 }
 
 int FSSwitch::statfs(QString path, struct statfs& st) {
-    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.statfs(rest, st); });
+    return m_data->forward(path,
+                           [&](FS& fs, QString&& rest) { return fs.statfs(std::move(rest), st); });
 }
 
 int FSSwitch::link(QString oldPath, QString newPath) {
-    return m_data->forward(oldPath, newPath,
-                           [](FS& fs, const QString& oldRest, const QString& newRest) {
-                               return fs.link(oldRest, newRest);
-                           });
+    return m_data->forward(oldPath, newPath, [](FS& fs, QString&& oldRest, QString&& newRest) {
+        return fs.link(std::move(oldRest), std::move(newRest));
+    });
 }
 
 int FSSwitch::unlink(QString path) {
-    return m_data->forward(path, [](FS& fs, const QString& rest) { return fs.unlink(rest); });
+    return m_data->forward(path, [](FS& fs, QString&& rest) { return fs.unlink(std::move(rest)); });
 }
 
 int FSSwitch::mkdir(QString path, int mode) {
-    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.mkdir(rest, mode); });
+    return m_data->forward(path,
+                           [&](FS& fs, QString&& rest) { return fs.mkdir(std::move(rest), mode); });
 }
 
 int FSSwitch::rmdir(QString path) {
-    return m_data->forward(path, [](FS& fs, const QString& rest) { return fs.rmdir(rest); });
+    return m_data->forward(path, [](FS& fs, QString&& rest) { return fs.rmdir(std::move(rest)); });
 }
 
 int FSSwitch::rename(QString oldPath, QString newPath) {
-    return m_data->forward(oldPath, newPath,
-                           [](FS& fs, const QString& oldRest, const QString& newRest) {
-                               return fs.rename(oldRest, newRest);
-                           });
+    return m_data->forward(oldPath, newPath, [](FS& fs, QString&& oldRest, QString&& newRest) {
+        return fs.rename(std::move(oldRest), std::move(newRest));
+    });
 }
 
 void FSSwitch::sync() {
@@ -226,53 +234,55 @@ void FSSwitch::sync() {
 }
 
 int FSSwitch::getxattr(QString path, QString name, void* value, unsigned int size) {
-    return m_data->forward(
-        path, [&](FS& fs, const QString& rest) { return fs.getxattr(rest, name, value, size); });
+    return m_data->forward(path, [&](FS& fs, QString&& rest) {
+        return fs.getxattr(std::move(rest), name, value, size);
+    });
 }
 
 int FSSwitch::setxattr(QString path, QString name, void* value, unsigned int size, int flags) {
-    return m_data->forward(path, [&](FS& fs, const QString& rest) {
-        return fs.setxattr(rest, name, value, size, flags);
+    return m_data->forward(path, [&](FS& fs, QString&& rest) {
+        return fs.setxattr(std::move(rest), name, value, size, flags);
     });
 }
 
 int FSSwitch::removexattr(QString path, QString name) {
-    return m_data->forward(path,
-                           [&](FS& fs, const QString& rest) { return fs.removexattr(rest, name); });
+    return m_data->forward(
+        path, [&](FS& fs, QString&& rest) { return fs.removexattr(std::move(rest), name); });
 }
 
 int FSSwitch::listxattr(QString path, QVector<QString>& names) {
-    return m_data->forward(path,
-                           [&](FS& fs, const QString& rest) { return fs.listxattr(rest, names); });
+    return m_data->forward(
+        path, [&](FS& fs, QString&& rest) { return fs.listxattr(std::move(rest), names); });
 }
 
 int FSSwitch::listxattr(QString path, char* list, unsigned int size) {
     return m_data->forward(
-        path, [&](FS& fs, const QString& rest) { return fs.listxattr(rest, list, size); });
+        path, [&](FS& fs, QString&& rest) { return fs.listxattr(std::move(rest), list, size); });
 }
 
 int FSSwitch::symlink(QString target, QString linkPath) {
-    return m_data->forward(linkPath,
-                           [&](FS& fs, const QString& rest) { return fs.symlink(target, rest); });
+    return m_data->forward(
+        linkPath, [&](FS& fs, QString&& rest) { return fs.symlink(target, std::move(rest)); });
 }
 
 int FSSwitch::readlink(QString path, QString& target) {
-    return m_data->forward(path,
-                           [&](FS& fs, const QString& rest) { return fs.readlink(rest, target); });
+    return m_data->forward(
+        path, [&](FS& fs, QString&& rest) { return fs.readlink(std::move(rest), target); });
 }
 
 int FSSwitch::readlink(QString path, char* buf, unsigned int size) {
     return m_data->forward(
-        path, [&](FS& fs, const QString& rest) { return fs.readlink(rest, buf, size); });
+        path, [&](FS& fs, QString&& rest) { return fs.readlink(std::move(rest), buf, size); });
 }
 
 int FSSwitch::truncate(QString path, long long length) {
-    return m_data->forward(path,
-                           [&](FS& fs, const QString& rest) { return fs.truncate(rest, length); });
+    return m_data->forward(
+        path, [&](FS& fs, QString&& rest) { return fs.truncate(std::move(rest), length); });
 }
 
 int FSSwitch::chmod(QString path, int mode) {
-    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.chmod(rest, mode); });
+    return m_data->forward(path,
+                           [&](FS& fs, QString&& rest) { return fs.chmod(std::move(rest), mode); });
 }
 
 int FSSwitch::ioctl(QString, QString&) {

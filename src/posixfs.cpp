@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -135,9 +136,9 @@ int PosixFS::removexattr(QString path, QString name) {
 
 int PosixFS::listxattr(QString path, QVector<QString>& names) {
     constexpr size_t capacity = 65536;
-    QByteArray list(capacity, '\0');
+    std::vector<char> list(capacity);
     const int size = listxattr(path, list.data(), capacity);
-    const char* text = list.constData();
+    const char* text = list.data();
     const char* const end = text + capacity;
     // One text per byte of the list: the names, then empty texts from the zeroes behind them.
     for (int i = 0; i < size; ++i) {

@@ -3,10 +3,32 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace oru::io {
 
+namespace {
+
+/// Most texts are plain: for these, one pass both checks and converts.
+bool toAscii(const QString& text, QByteArray& ascii) {
+    QByteArray bytes(text.size(), Qt::Uninitialized);
+    char* const to = bytes.data();
+    const ushort* const from = reinterpret_cast<const ushort*>(text.constData());
+    bool plain = true;
+    for (int i = 0; i < text.size(); ++i) {
+        plain &= from[i] - 1U < 0x7fU;
+        to[i] = static_cast<char>(from[i]);
+    }
+    if (plain)
+        ascii = std::move(bytes);
+    return plain;
+}
+
+} // namespace
+
 bool toSystem(const QString& text, QByteArray& utf8) {
+    if (toAscii(text, utf8))
+        return true;
     if (text.contains(QChar::Null)) {
         errno = EINVAL;
         return false;

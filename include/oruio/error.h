@@ -23,7 +23,9 @@ enum ErrorCode : std::int32_t {
 /// The calling thread's last library error; 0 in every new thread.
 ///
 /// May be read and written freely by its own thread, like errno.
-extern ORUIO_EXPORT thread_local ErrorCode liberrno;
+// As every call of the library sets it, it is reached without a call: it needs no initialisation
+// at run time (__thread) and its place is known when the program is loaded (initial-exec).
+extern ORUIO_EXPORT __thread ErrorCode liberrno __attribute__((tls_model("initial-exec")));
 
 /// The text for the calling thread's current error.
 ///
