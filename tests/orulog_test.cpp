@@ -1419,6 +1419,9 @@ TEST_F(LogFork, ParentAndChild_WriteEachTheirOwnOnce) {
 }
 
 TEST_F(LogFork, WhileOtherThreadsLog_ChildCanLog) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer's allocator may be locked for ever in a child forked meanwhile";
+#endif
     const Outcome outcome = run("fork while threads log");
     EXPECT_TRUE(outcome.succeeded()) << outcome.standardError.substr(0, 2000);
     Strings children;

@@ -43,6 +43,7 @@ class ORUIO_EXPORT File {
 public:
     using SPtr = QSharedPointer<File>;
 
+    /// `type` is what type() answers.
     explicit File(const QString& type);
 
     /// read(2): up to `len` bytes at the file position, which moves. \returns the count, 0 at the
@@ -99,6 +100,7 @@ class ORUIO_EXPORT Directory {
 public:
     using SPtr = QSharedPointer<Directory>;
 
+    /// `type` is what type() answers.
     explicit Directory(QString type);
 
     /// readdir(3). \returns the next entry, valid until the next call on this directory, or null
@@ -125,6 +127,7 @@ class ORUIO_EXPORT FS {
 public:
     using SPtr = QSharedPointer<FS>;
 
+    /// `type` is what type() answers.
     explicit FS(QString type);
 
     /// Asks for notice of changes under `path`. No backend provides it yet.

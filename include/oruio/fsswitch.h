@@ -13,8 +13,8 @@ namespace oru::io {
 
 /// One row of a mount table.
 struct FSEntry {
-    QString mountPoint; ///< absolute, always with a slash at the end
-    QSharedPointer<FS> fs;
+    QString mountPoint;    ///< absolute, always with a slash at the end
+    QSharedPointer<FS> fs; ///< what is mounted there
 };
 
 /// An FS that forwards each operation to the file system mounted for its path.
