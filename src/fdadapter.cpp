@@ -4,6 +4,8 @@
 
 #include "systemtext_p.h"
 
+#include <QMutex>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -57,9 +59,9 @@ int withRecord(const char* path, Record* record, Operation operation) {
 
 /// The result of `operation` on the open file; -1 when there is none.
 template <class Operation>
-auto withFile(int fd, Operation operation) -> decltype(operation(*fdMap.get(fd))) {
-    const auto file = fdMap.get(fd);
-    return file ? operation(*file) : -1;
+auto withFile(int fd, Operation operation) -> decltype(operation(**fdMap.hold(fd))) {
+    const auto file = fdMap.hold(fd);
+    return file ? operation(**file) : -1;
 }
 
 } // namespace
@@ -79,19 +81,24 @@ int FDMap::lowestFree() {
 int FDMap::add(QSharedPointer<File>& file) {
     if (!file || m_base == -1)
         return -1;
-    const QMutexLocker lock(&m_fileMutex);
+    const std::lock_guard lock(m_fileMutex);
     const int fd = lowestFree();
     if (fd == -1)
         errno = EMFILE;
     else
-        m_files.insert(fd, file);
+        m_files.insert(fd, std::make_shared<const QSharedPointer<File>>(file));
     return fd;
 }
 
 QSharedPointer<File> FDMap::get(int fd) {
-    QSharedPointer<File> file;
+    const Hold file = hold(fd);
+    return file ? *file : nullptr;
+}
+
+FDMap::Hold FDMap::hold(int fd) {
+    Hold file;
     {
-        const QMutexLocker lock(&m_fileMutex);
+        const std::lock_guard lock(m_fileMutex);
         const auto found = m_files.constFind(fd);
         if (found != m_files.constEnd())
             file = *found;
@@ -101,27 +108,27 @@ QSharedPointer<File> FDMap::get(int fd) {
 }
 
 int FDMap::remove(int fd) {
-    QSharedPointer<File> file;
+    Hold file;
     {
-        const QMutexLocker lock(&m_fileMutex);
+        const std::lock_guard lock(m_fileMutex);
         file = m_files.take(fd);
         if (file)
             m_freed.push(fd);
     }
     liberrno = file ? Ok : NotFound;
-    return file ? file->close() : -1;
+    return file ? (*file)->close() : -1;
 }
 
 void* FDMap::add(QSharedPointer<Directory>& dir) {
     if (!dir)
         return nullptr;
-    const QMutexLocker lock(&m_dirMutex);
+    const std::lock_guard lock(m_dirMutex);
     m_dirs.insert(dir.data(), dir);
     return dir.data();
 }
 
 QSharedPointer<Directory> FDMap::getdir(void* handle) {
-    const QMutexLocker lock(&m_dirMutex);
+    const std::lock_guard lock(m_dirMutex);
     return m_dirs.value(handle);
 }
 
@@ -130,7 +137,7 @@ int FDMap::remove(void* handle) {
         return -1;
     // Outlives the lock: the directory may be closed with it.
     QSharedPointer<Directory> dir;
-    const QMutexLocker lock(&m_dirMutex);
+    const std::lock_guard lock(m_dirMutex);
     dir = m_dirs.take(handle);
     return 0;
 }
