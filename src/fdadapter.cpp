@@ -2,6 +2,7 @@
 #include <oruio/fdadapter.h>
 #include <oruio/fsswitch.h>
 
+#include "release_p.h"
 #include "systemtext_p.h"
 
 #include <QMutex>
@@ -60,8 +61,12 @@ int withRecord(const char* path, Record* record, Operation operation) {
 /// The result of `operation` on the open file; -1 when there is none.
 template <class Operation>
 auto withFile(int fd, Operation operation) -> decltype(operation(**fdMap.hold(fd))) {
-    const auto file = fdMap.hold(fd);
-    return file ? operation(**file) : -1;
+    auto file = fdMap.hold(fd);
+    if (!file)
+        return -1;
+    const auto result = operation(**file);
+    release(file);
+    return result;
 }
 
 } // namespace
@@ -81,12 +86,13 @@ int FDMap::lowestFree() {
 int FDMap::add(QSharedPointer<File>& file) {
     if (!file || m_base == -1)
         return -1;
+    const auto held = std::make_shared<const QSharedPointer<File>>(file);
     const std::lock_guard lock(m_fileMutex);
     const int fd = lowestFree();
     if (fd == -1)
         errno = EMFILE;
     else
-        m_files.insert(fd, std::make_shared<const QSharedPointer<File>>(file));
+        m_files.insert(fd, held);
     return fd;
 }
 
@@ -116,7 +122,11 @@ int FDMap::remove(int fd) {
             m_freed.push(fd);
     }
     liberrno = file ? Ok : NotFound;
-    return file ? (*file)->close() : -1;
+    if (!file)
+        return -1;
+    const int result = (*file)->close();
+    release(file);
+    return result;
 }
 
 void* FDMap::add(QSharedPointer<Directory>& dir) {
@@ -257,8 +267,12 @@ void* FDAdapter::opendir(const char* path) {
 }
 
 struct dirent* FDAdapter::readdir(void* handle) {
-    const auto dir = fdMap.getdir(handle);
-    return dir ? dir->readdir() : nullptr;
+    auto dir = fdMap.getdir(handle);
+    if (!dir)
+        return nullptr;
+    struct dirent* const entry = dir->readdir();
+    release(dir);
+    return entry;
 }
 
 void FDAdapter::rewinddir(void* handle) {

@@ -1,9 +1,23 @@
 #include <oruio/fs.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <limits>
+#include <utility>
 
 namespace oru::io {
+
+namespace {
+
+/// Whether there is memory for `size` bytes. An array that cannot have it would end the process.
+bool canAllocate(size_t size) {
+    // Volatile: else the compiler may take the success of an unused allocation for granted.
+    void* volatile const memory = std::malloc(size);
+    std::free(memory);
+    return memory;
+}
+
+} // namespace
 
 File::File(const QString& type) : m_type(type) {}
 
@@ -24,6 +38,10 @@ QByteArray File::readAll(unsigned int maxSize) {
     // What a byte array can hold, with room for its own header.
     if (size > std::numeric_limits<int>::max() - 64) {
         errno = EFBIG;
+        return {};
+    }
+    if (!canAllocate(static_cast<size_t>(size) + 64)) {
+        errno = ENOMEM;
         return {};
     }
     QByteArray data(static_cast<int>(size), Qt::Uninitialized);

@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "release_p.h"
+
 #include "log_p.h"
 #include "notimplemented_p.h"
 
@@ -20,7 +22,7 @@ QMutex& rootfsMutex() {
     return mutex;
 }
 
-/// Makes `mountPoint` end with a slash. \returns false when it is not absolute.
+/// Makes `mountPoint` end with a slash. \returns false, without a change, when it is not absolute.
 bool normalise(QString& mountPoint) {
     if (!mountPoint.startsWith(QLatin1Char('/')))
         return false;
@@ -60,19 +62,38 @@ public:
     /// The result of `operation` on the file system that serves `path` and the rest of the path.
     template <class Operation>
     int forward(const QString& path, Operation operation) {
-        const Target target = lookup(path);
-        return target.fs ? operation(*target.fs, target.rest(path)) : -1;
+        Target target = lookup(path);
+        if (!target.fs)
+            return -1;
+        const int result = operation(*target.fs, target.rest(path));
+        release(target.fs);
+        return result;
     }
 
     /// As forward(), for two paths that the same entry must serve.
     template <class Operation>
     int forward(const QString& first, const QString& second, Operation operation) {
-        const Target target = lookup(first);
-        const Target other = lookup(second);
+        Target target = lookup(first);
+        Target other = lookup(second);
         // Mount points are unique, and each path begins with its own.
         const bool sameEntry = target.fs && target.fs == other.fs && target.stem == other.stem &&
                                first.leftRef(target.stem) == second.leftRef(other.stem);
-        return sameEntry ? operation(*target.fs, target.rest(first), target.rest(second)) : -1;
+        const int result =
+            sameEntry ? operation(*target.fs, target.rest(first), target.rest(second)) : -1;
+        release(other.fs);
+        release(target.fs);
+        return result;
+    }
+
+    /// As forward(), for an operation that gives an open file or directory.
+    template <class Opened, class Operation>
+    QSharedPointer<Opened> opened(const QString& path, Operation operation) {
+        Target target = lookup(path);
+        if (!target.fs)
+            return {};
+        const QSharedPointer<Opened> result = operation(*target.fs, target.rest(path));
+        release(target.fs);
+        return result;
     }
 
     QVector<FSEntry> entries;
@@ -100,14 +121,13 @@ FSSwitch::FSSwitch() : FS(QStringLiteral("FSSwitchFS")), m_data(new Data) {}
 FSSwitch::~FSSwitch() = default;
 
 void FSSwitch::add(QString mountPoint, QSharedPointer<FS> fs) {
-    const QString asWritten = mountPoint;
     if (!normalise(mountPoint)) {
         ORUIO_LOG(LogDebug, "Invalid mount point '%s'. Must be an absolute path.",
-                  qUtf8Printable(asWritten));
+                  qUtf8Printable(mountPoint));
         return;
     }
     if (!fs) {
-        ORUIO_LOG(LogDebug, "No file system for mount point '%s'.", qUtf8Printable(asWritten));
+        ORUIO_LOG(LogDebug, "No file system for mount point '%s'.", qUtf8Printable(mountPoint));
         return;
     }
     const QMutexLocker lock(&m_data->mutex);
@@ -178,13 +198,13 @@ int FSSwitch::remWatch(QString) {
 }
 
 QSharedPointer<File> FSSwitch::open(QString path, int flags, int mode) {
-    const Data::Target target = m_data->lookup(path);
-    return target.fs ? target.fs->open(target.rest(path), flags, mode) : nullptr;
+    return m_data->opened<File>(
+        path, [=](FS& fs, QString&& rest) { return fs.open(std::move(rest), flags, mode); });
 }
 
 QSharedPointer<Directory> FSSwitch::opendir(QString path) {
-    const Data::Target target = m_data->lookup(path);
-    return target.fs ? target.fs->opendir(target.rest(path)) : nullptr;
+    return m_data->opened<Directory>(
+        path, [](FS& fs, QString&& rest) { return fs.opendir(std::move(rest)); });
 }
 
 int FSSwitch::lstat(QString path, struct stat& st) {

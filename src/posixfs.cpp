@@ -20,11 +20,20 @@ namespace oru::io {
 
 namespace {
 
-/// The result of `call` on the system form of `path`; -1 when there is none.
+/// The result of `call` on the system form of `path`; -1 when there is none. Releasing the path
+/// leaves errno as the call set it.
 template <class Call>
 int withPath(const QString& path, Call call) {
-    QByteArray systemPath;
-    return toSystem(path, systemPath) ? call(systemPath.constData()) : -1;
+    int result = -1;
+    int reason = 0;
+    {
+        QByteArray systemPath;
+        if (toSystem(path, systemPath))
+            result = call(systemPath.constData());
+        reason = errno;
+    }
+    errno = reason;
+    return result;
 }
 
 /// The result of `call` on the system forms of two texts; -1 when there is none.
@@ -256,12 +265,9 @@ int PosixFile::fchmod(int mode) {
 
 int PosixFile::close() {
     liberrno = Ok;
-    if (m_fd < 0)
-        return 0;
     // On Linux the descriptor is gone whatever the result; a second close could hit another file.
-    const int result = ::close(m_fd);
-    m_fd = -1;
-    return result;
+    const int fd = m_fd.exchange(-1);
+    return fd < 0 ? 0 : ::close(fd);
 }
 
 int PosixFile::ioctl(QString, QString&) {

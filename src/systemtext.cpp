@@ -46,7 +46,12 @@ bool fromSystem(const char* utf8, QString& text) {
         errno = EFAULT;
         return false;
     }
-    const auto length = static_cast<int>(std::strlen(utf8));
+    constexpr size_t longest = 1 << 20;
+    const auto length = static_cast<int>(strnlen(utf8, longest + 1));
+    if (length > static_cast<int>(longest)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
     const bool ascii =
         std::all_of(utf8, utf8 + length, [](char c) { return static_cast<signed char>(c) >= 0; });
     if (ascii) {

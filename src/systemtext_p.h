@@ -13,8 +13,9 @@ namespace oru::io {
 /// it is not valid UTF-16; `utf8` is then unchanged.
 bool toSystem(const QString& text, QByteArray& utf8);
 
-/// The text that `utf8` spells. \returns false with errno EFAULT when it is null, EILSEQ when it is
-/// not valid UTF-8; `text` is then unchanged.
+/// The text that `utf8` spells. \returns false with errno EFAULT when it is null, ENAMETOOLONG when
+/// it has more than 1 MiB, which no system takes, EILSEQ when it is not valid UTF-8; `text` is then
+/// unchanged.
 bool fromSystem(const char* utf8, QString& text);
 
 } // namespace oru::io

@@ -13,6 +13,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <functional>
+#include <limits>
+#include <memory>
 #include <set>
 #include <thread>
 #include <vector>
@@ -147,6 +150,10 @@ TEST_F(FDMapTest, UnknownLimit_EveryAddFails) {
     EXPECT_EQ(map->add(file), -1);
     EXPECT_EQ(errno, EXDEV);
     EXPECT_EQ(map->get(-1), nullptr);
+    // The table has not kept it: with its opener it is gone, and closed.
+    fs.take();
+    file.reset();
+    EXPECT_EQ(fs.take(), QStringList{"~file"});
 }
 
 TEST_F(FDMapTest, NumbersUsedUp_EMFILE) {
@@ -178,6 +185,67 @@ TEST_F(FDMapTest, Get_SetsLiberrnoAndLeavesErrno) {
     EXPECT_EQ(map->get(fd + 1), nullptr);
     EXPECT_EQ(liberrno, NotFound);
     EXPECT_EQ(errno, EXDEV);
+}
+
+namespace {
+
+/// A file that does what it is told while it is used and while it closes.
+class ActingFile : public PosixFile {
+public:
+    ActingFile() : PosixFile(-1) {}
+    std::function<void()> onClose = [] {};
+    std::function<void()> onFlock = [] {};
+    int flock(int) override {
+        onFlock();
+        errno = EDOM;
+        liberrno = NotImplemented;
+        return -1;
+    }
+    int close() override {
+        onClose();
+        errno = EDOM;
+        liberrno = LibraryFailure;
+        return -1;
+    }
+};
+
+} // namespace
+
+TEST_F(FDMapTest, Remove_CloseMayUseTheTableAndItsReasonStands) {
+    LimitedMap map(1024);
+    const auto acting = QSharedPointer<ActingFile>::create();
+    ErrorCode whenClosing = LibraryFailure;
+    acting->onClose = [&] {
+        whenClosing = liberrno;
+        // Would hang if the table were locked.
+        EXPECT_EQ(map->get(1024), nullptr);
+    };
+    QSharedPointer<File> file = acting;
+    ASSERT_EQ(map->add(file), 1024);
+    liberrno = NotFound;
+    EXPECT_EQ(map->remove(1024), -1);
+    EXPECT_EQ(whenClosing, Ok);
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(liberrno, LibraryFailure);
+}
+
+TEST_F(FDMapTest, Hold_KeepsTheFileAndSetsLiberrno) {
+    LimitedMap map(1024);
+    auto file = newFile();
+    const int fd = map->add(file);
+    fs.take();
+    liberrno = LibraryFailure;
+    FDMap::Hold held = map->hold(fd);
+    ASSERT_TRUE(held);
+    EXPECT_EQ(*held, file);
+    EXPECT_EQ(liberrno, Ok);
+    EXPECT_EQ(map->remove(fd), 0);
+    file.reset();
+    EXPECT_EQ(fs.take(), QStringList{"close"});
+    held.reset();
+    EXPECT_EQ(fs.take(), QStringList{"~file"});
+    EXPECT_FALSE(map->hold(fd));
+    EXPECT_EQ(liberrno, NotFound);
 }
 
 TEST_F(FDMapTest, Remove_ClosesOnceAndReturnsItsResult) {
@@ -413,6 +481,43 @@ TEST_F(FDAdapterTest, InvalidUtf8_EILSEQAndTheFileSystemIsNotAsked) {
     EXPECT_EQ(liberrno, Ok);
     EXPECT_EQ(adapter.opendir("/\xff"), nullptr);
     EXPECT_EQ(fs->take(), QStringList());
+}
+
+TEST_F(FDAdapterTest, OpenClearsLiberrno_BeforeTheFileSystemIsAsked) {
+    liberrno = NotFound;
+    fs->answerWith(-1);
+    EXPECT_EQ(adapter.open("/f", O_RDONLY, 0), -1);
+    EXPECT_EQ(liberrno, Ok);
+}
+
+namespace {
+
+/// Opens one given file.
+class OneFileFS : public RecordingFS {
+public:
+    QSharedPointer<File> file;
+    QSharedPointer<File> open(QString, int, int) override {
+        return std::exchange(file, {});
+    }
+};
+
+} // namespace
+
+TEST_F(FDAdapterTest, ClosedDuringACall_ReasonOutlivesTheFile) {
+    const auto one = QSharedPointer<OneFileFS>::create();
+    FDAdapter over(one);
+    auto acting = QSharedPointer<ActingFile>::create();
+    const QWeakPointer<ActingFile> weak = acting;
+    int fd = -1;
+    acting->onFlock = [&] { over.close(fd); };
+    one->file = acting;
+    acting.reset();
+    fd = over.open("/f", O_RDWR, 0);
+    ASSERT_NE(fd, -1);
+    EXPECT_EQ(over.flock(fd, 1), -1);
+    EXPECT_TRUE(weak.isNull());
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(liberrno, NotImplemented);
 }
 
 TEST_F(FDAdapterTest, OpenRefused_ReasonOfTheFileSystemStands) {

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 
 namespace oru::io {
 
@@ -144,6 +145,26 @@ TEST(FileReadAll, MoreThanAnArrayHolds_EmptyWithEFBIG) {
     EXPECT_TRUE(file.readAll(0xffffffffU).isEmpty());
     EXPECT_EQ(errno, EFBIG);
     EXPECT_EQ(file.reads, 0);
+}
+
+TEST(FileReadAll, MoreThanMemoryHas_EmptyWithENOMEM) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizers need more address space than a limit leaves";
+#endif
+    struct rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
+    struct rlimit limit = before;
+    limit.rlim_cur = 1UL << 30;
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &limit), 0);
+    ScriptedFile file;
+    file.size = (1LL << 31) - 1000;
+    const QByteArray data = file.readAll(0xffffffffU);
+    const int reason = errno;
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
+    if (file.reads > 0)
+        GTEST_SKIP() << "the limit of address space is not enforced here";
+    EXPECT_TRUE(data.isEmpty());
+    EXPECT_EQ(reason, ENOMEM);
 }
 
 TEST(FileReadAll, NegativeSize_EmptyWithoutReading) {

@@ -89,7 +89,7 @@ TEST_F(FSSwitchTest, RelativeMountPoint_LoggedAndIgnored) {
 TEST_F(FSSwitchTest, NullFileSystem_LoggedAndIgnored) {
     LogCapture log("libio=12");
     root.add("/media", QSharedPointer<FS>());
-    EXPECT_EQ(log.messages(), QStringList{"libio 12 No file system for mount point '/media'."});
+    EXPECT_EQ(log.messages(), QStringList{"libio 12 No file system for mount point '/media/'."});
     EXPECT_EQ(served("/media/x"), "none");
 }
 
@@ -402,9 +402,20 @@ class LeavingFS : public MemFS {
 public:
     LeavingFS(FSSwitch& root, QString mountPoint)
         : m_root(root), m_mountPoint(std::move(mountPoint)) {}
+    /// What is destroyed last may leave anything behind.
+    ~LeavingFS() override {
+        // Calls back into the switch: this would hang if it were destroyed under the switch's lock.
+        m_root.getMountPoints({});
+        errno = ETXTBSY;
+        liberrno = LibraryFailure;
+    }
     int mkdir(QString path, int mode) override {
         m_root.remove(m_mountPoint);
         return MemFS::mkdir(path, mode);
+    }
+    QSharedPointer<File> open(QString path, int flags, int mode) override {
+        m_root.remove(m_mountPoint);
+        return MemFS::open(path, flags, mode);
     }
 
 private:
@@ -421,6 +432,23 @@ TEST_F(FSSwitchTest, RemoveDuringACall_FileSystemLivesUntilItReturns) {
     leaving.reset();
     EXPECT_EQ(root.mkdir("/m/d", 0755), 0);
     EXPECT_TRUE(weak.isNull());
+    EXPECT_EQ(served("/m"), "none");
+}
+
+TEST_F(FSSwitchTest, RemoveDuringAFailingCall_ReasonOutlivesTheFileSystem) {
+    root.add("/m", QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m")));
+    EXPECT_EQ(root.mkdir("/m/missing/d", 0755), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(liberrno, Ok);
+    root.add("/m", QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m")));
+    EXPECT_FALSE(root.open("/m/missing", O_RDONLY, 0));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(liberrno, Ok);
+}
+
+TEST_F(FSSwitchTest, Remove_DestroysWithoutTheLock) {
+    root.add("/m", QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m")));
+    root.remove("/m");
     EXPECT_EQ(served("/m"), "none");
 }
 
@@ -442,7 +470,9 @@ TEST_F(FSSwitchTest, MountsComeAndGo_LookupsSeeOneOrTheOther) {
         });
     }
     for (int i = 0; i < 2000; ++i) {
-        root.add("/m", QSharedPointer<MemFS>::create());
+        const auto fs = QSharedPointer<MemFS>::create();
+        root.add("/m", fs);
+        wrong += root.getMountPoints(fs) != QStringList{"/m/"};
         root.remove("/m");
     }
     done = true;

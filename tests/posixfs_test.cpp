@@ -8,9 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -125,6 +127,14 @@ TEST_F(PosixFSTest, PathQueries_LeaveLiberrno) {
     EXPECT_EQ(fs.readlink("/l", target), 1);
     EXPECT_EQ(fs.truncate("/missing", 0), -1);
     EXPECT_EQ(fs.link("/missing", "/m"), -1);
+    char buf[16] = {};
+    QVector<QString> names;
+    EXPECT_EQ(fs.readlink("/l", buf, sizeof buf), 1);
+    EXPECT_EQ(fs.setxattr("/missing", "user.a", buf, 1, 0), -1);
+    EXPECT_EQ(fs.getxattr("/missing", "user.a", buf, 1), -1);
+    EXPECT_EQ(fs.removexattr("/missing", "user.a"), -1);
+    EXPECT_EQ(fs.listxattr("/missing", buf, sizeof buf), -1);
+    EXPECT_EQ(fs.listxattr("/missing", names), -1);
     EXPECT_EQ(liberrno, NotFound);
 }
 
@@ -289,6 +299,35 @@ TEST_F(PosixFSTest, CloseTwice_SecondMakesNoSystemCall) {
     EXPECT_EQ(file.close(), 0);
     EXPECT_NE(::fcntl(reused, F_GETFD), -1);
     ::close(reused);
+}
+
+TEST_F(PosixFSTest, CloseByTwoThreads_OnlyOneSystemCall) {
+    std::atomic<int> failures{0};
+    for (int round = 0; round < 1000; ++round) {
+        const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
+        std::atomic<int> ready{0};
+        const auto close = [&] {
+            ++ready;
+            while (ready < 2)
+                continue;
+            // A second close(2) of the number would fail with EBADF, or hit another file.
+            failures += file->close() != 0;
+        };
+        std::thread other(close);
+        close();
+        other.join();
+    }
+    EXPECT_EQ(failures, 0);
+}
+
+TEST_F(PosixFSTest, DirectoryLastHolderGone_StreamIsClosed) {
+    DIR* const stream = ::opendir(qPrintable(dir.path()));
+    ASSERT_NE(stream, nullptr);
+    const int fd = ::dirfd(stream);
+    auto directory = QSharedPointer<PosixDir>::create(stream);
+    directory.reset();
+    EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
+    EXPECT_EQ(errno, EBADF);
 }
 
 TEST_F(PosixFSTest, CloseFails_FileIsClosedAllTheSame) {

@@ -55,6 +55,18 @@ TEST(SystemText, FromSystemNull_EFAULT) {
     EXPECT_EQ(text, "before");
 }
 
+TEST(SystemText, FromSystemEndless_ENAMETOOLONG) {
+    const QByteArray longest(1 << 20, 'x');
+    QString text = "before";
+    EXPECT_TRUE(fromSystem(longest.constData(), text));
+    EXPECT_EQ(text.size(), longest.size());
+    text = "before";
+    errno = 0;
+    EXPECT_FALSE(fromSystem((longest + 'x').constData(), text));
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(text, "before");
+}
+
 TEST(SystemText, FromSystemInvalidUtf8_EILSEQ) {
     const char* const invalid[] = {
         "\xff",             // never a part of UTF-8

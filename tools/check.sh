@@ -86,10 +86,10 @@ tidy() {
 }
 
 check_tidy() {
-    build dev && configure release || return 1
+    build dev && configure bench || return 1
     local failed=0
     tidy dev . || failed=1
-    tidy release "^$root/bench/" || failed=1
+    tidy bench "^$root/bench/" || failed=1
     return "$failed"
 }
 

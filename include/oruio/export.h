@@ -2,3 +2,5 @@
 #pragma once
 
 #define ORUIO_EXPORT __attribute__((visibility("default")))
+/// For a class within an exported one that stays inside the library.
+#define ORUIO_LOCAL __attribute__((visibility("hidden")))

@@ -79,9 +79,9 @@ public:
     /// The bytes from the file position on, at most `maxSize` and at most the size that fstat()
     /// tells.
     ///
-    /// Makes a single read(): a read that fails or comes back short gives an empty array, as does
-    /// a file of more than 2 GiB (errno EFBIG) unless `maxSize` is below that. An empty file and a
-    /// failure look alike; only errno and liberrno tell them apart.
+    /// Makes a single read(): a read that fails or comes back short gives an empty array. So do
+    /// more bytes than an array holds (2 GiB, errno EFBIG) or than memory has (errno ENOMEM). An
+    /// empty file and a failure look alike; only errno and liberrno tell them apart.
     virtual QByteArray readAll(unsigned int maxSize);
 
     /// The name of the concrete class, such as "PosixFile". The reference lives as long as the
@@ -162,18 +162,15 @@ public:
     virtual int setxattr(QString path, QString name, void* value, unsigned int size, int flags) = 0;
     /// removexattr(2).
     virtual int removexattr(QString path, QString name) = 0;
-    /// The attribute names of `path`, appended to `names`. \returns the result of the other form
-    /// on a 64 KiB buffer: the size of the list in bytes, or -1.
-    ///
-    /// Appends as many texts as the result says bytes: the attribute names first, in the system's
-    /// order, then empty texts.
+    /// As the other form, with the names appended to `names`; backends say whether empty texts
+    /// follow them. \returns the size that the list of the other form has.
     virtual int listxattr(QString path, QVector<QString>& names) = 0;
     /// listxattr(2): NUL-terminated names, one behind the other. \returns the size of the list;
     /// with a `size` of 0, without storing it.
     virtual int listxattr(QString path, char* list, unsigned int size) = 0;
     /// symlink(2). `target` is stored as it is.
     virtual int symlink(QString target, QString linkPath) = 0;
-    /// readlink(2) into a text. `target` is empty when the call fails.
+    /// readlink(2) into a text.
     virtual int readlink(QString path, QString& target) = 0;
     /// readlink(2): no terminating NUL is added.
     virtual int readlink(QString path, char* buf, unsigned int size) = 0;

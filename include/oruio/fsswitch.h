@@ -29,8 +29,9 @@ struct FSEntry {
 /// usually, but not always, the longest: after mounting /, /a/ and /a/b/ in this order, /a/ serves
 /// /a/b/x. Mount longer mount points first where it matters.
 ///
-/// Threads: all operations may be called from any thread. The table's mutex is held during sync()
-/// only; a mounted file system's sync() must not call back into the same switch.
+/// Threads: all operations may be called from any thread. No lock is held during a forwarded call,
+/// except that sync() holds the table's mutex: a mounted file system's sync() must not call back
+/// into the same switch.
 class ORUIO_EXPORT FSSwitch : public FS {
 public:
     using SPtr = QSharedPointer<FSSwitch>;
@@ -91,7 +92,7 @@ public:
     static void setRootfs(QSharedPointer<FSSwitch>& fs);
 
 private:
-    class Data;
+    class ORUIO_LOCAL Data;
     const std::unique_ptr<Data> m_data;
 };
 

@@ -9,6 +9,8 @@
 
 #include <oruio/fs.h>
 
+#include <atomic>
+
 namespace oru::io {
 
 /// A directory tree of the local system.
@@ -48,10 +50,13 @@ public:
     int getxattr(QString path, QString name, void* value, unsigned int size) override;
     int setxattr(QString path, QString name, void* value, unsigned int size, int flags) override;
     int removexattr(QString path, QString name) override;
+    /// \returns the result of the other form on a buffer of 64 KiB, and appends as many texts as
+    /// that list has bytes: the attribute names, then empty texts.
     int listxattr(QString path, QVector<QString>& names) override;
     int listxattr(QString path, char* list, unsigned int size) override;
     /// Only `linkPath` is prefixed with the root directory.
     int symlink(QString target, QString linkPath) override;
+    /// `target` is empty when the call fails.
     int readlink(QString path, QString& target) override;
     int readlink(QString path, char* buf, unsigned int size) override;
     int truncate(QString path, long long length) override;
@@ -84,13 +89,16 @@ public:
     int fcntl(int cmd, ...) override;
     int flock(int operation) override;
     int fchmod(int mode) override;
-    /// After the first call the file is closed, whatever the result; a further call returns 0.
+    /// After the first call the file is closed, whatever the result; a further call returns 0, also
+    /// from another thread at the same time. As with close(2), an operation that is under way in
+    /// another thread goes on, and one that is about to start may meet a descriptor that the system
+    /// has given away again: callers keep the two apart.
     int close() override;
     /// Not implemented.
     int ioctl(QString request, QString& response) override;
 
 private:
-    int m_fd;
+    std::atomic<int> m_fd;
 };
 
 /// An open directory stream of the local system.

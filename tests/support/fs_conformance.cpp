@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QSet>
 
+#include <atomic>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -537,7 +538,7 @@ TEST_P(FSConformance, Stat_TellsFileFromDirectory) {
 TEST_P(FSConformance, MissingPath_EveryOperationFailsENOENT) {
     struct stat st;
     struct statfs sfs;
-    char buf[16];
+    char buf[16] = {};
     QString text;
     const QString missing = at("missing");
     EXPECT_EQ(fs().stat(missing, st), -1);
@@ -574,6 +575,10 @@ TEST_P(FSConformance, MissingPath_EveryOperationFailsENOENT) {
     }
     if (provides(Op::Xattr)) {
         EXPECT_EQ(fs().getxattr(missing, "user.a", buf, sizeof buf), -1);
+        expectRefusal(ENOENT);
+        EXPECT_EQ(fs().setxattr(missing, "user.a", buf, 1, 0), -1);
+        expectRefusal(ENOENT);
+        EXPECT_EQ(fs().removexattr(missing, "user.a"), -1);
         expectRefusal(ENOENT);
         EXPECT_EQ(fs().listxattr(missing, buf, sizeof buf), -1);
         expectRefusal(ENOENT);
@@ -704,9 +709,9 @@ TEST_P(FSConformance, ReadlinkIntoABuffer_AddsNoTerminator) {
     EXPECT_EQ(fs().readlink(at("l"), buf, 3), 3);
 }
 
-TEST_P(FSConformance, ReadlinkOfAFile_AsTabledWithAnEmptyTarget) {
+TEST_P(FSConformance, ReadlinkOfAFile_AsTabled) {
     put("f");
-    QString target = "before";
+    QString target;
     EXPECT_FALSE(works(Op::ReadlinkOfFile, fs().readlink(at("f"), target)));
     char buf[16];
     EXPECT_FALSE(works(Op::ReadlinkOfFile, fs().readlink(at("f"), buf, sizeof buf)));
