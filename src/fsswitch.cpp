@@ -91,7 +91,7 @@ public:
         Target target = lookup(path);
         if (!target.fs)
             return {};
-        const QSharedPointer<Opened> result = operation(*target.fs, target.rest(path));
+        QSharedPointer<Opened> result = operation(*target.fs, target.rest(path));
         release(target.fs);
         return result;
     }
