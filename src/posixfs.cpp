@@ -27,7 +27,7 @@ int withPath(const QString& path, Call call) {
     int result = -1;
     int reason = 0;
     {
-        QByteArray systemPath;
+        SystemText systemPath;
         if (toSystem(path, systemPath))
             result = call(systemPath.constData());
         reason = errno;

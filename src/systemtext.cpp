@@ -1,32 +1,33 @@
 #include "systemtext_p.h"
 
+#include <QByteArray>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 namespace oru::io {
 
 namespace {
 
 /// Most texts are plain: for these, one pass both checks and converts.
-bool toAscii(const QString& text, QByteArray& ascii) {
-    QByteArray bytes(text.size(), Qt::Uninitialized);
-    char* const to = bytes.data();
-    const ushort* const from = reinterpret_cast<const ushort*>(text.constData());
+bool toAscii(const QString& text, SystemText& ascii) {
+    const int length = text.size();
+    ascii.resize(length + 1);
+    char* const to = ascii.data();
+    const QChar* const from = text.constData();
     bool plain = true;
-    for (int i = 0; i < text.size(); ++i) {
-        plain &= from[i] - 1U < 0x7fU;
-        to[i] = static_cast<char>(from[i]);
+    for (int i = 0; i < length; ++i) {
+        plain &= from[i].unicode() - 1U < 0x7fU;
+        to[i] = from[i].toLatin1();
     }
-    if (plain)
-        ascii = std::move(bytes);
+    to[length] = '\0';
     return plain;
 }
 
 } // namespace
 
-bool toSystem(const QString& text, QByteArray& utf8) {
+bool toSystem(const QString& text, SystemText& utf8) {
     if (toAscii(text, utf8))
         return true;
     if (text.contains(QChar::Null)) {
@@ -37,7 +38,9 @@ bool toSystem(const QString& text, QByteArray& utf8) {
         errno = EILSEQ;
         return false;
     }
-    utf8 = text.toUtf8();
+    const QByteArray bytes = text.toUtf8();
+    utf8.resize(bytes.size() + 1);
+    std::copy_n(bytes.constData(), bytes.size() + 1, utf8.data());
     return true;
 }
 

@@ -4,14 +4,17 @@
 // could name the wrong file, so it is refused.
 #pragma once
 
-#include <QByteArray>
 #include <QString>
+#include <QVarLengthArray>
 
 namespace oru::io {
 
+/// A NUL-terminated text as the C interface takes it. Most fit without an allocation.
+using SystemText = QVarLengthArray<char, 256>;
+
 /// The UTF-8 form of `text`. \returns false with errno EINVAL when it contains a NUL, EILSEQ when
-/// it is not valid UTF-16; `utf8` is then unchanged.
-bool toSystem(const QString& text, QByteArray& utf8);
+/// it is not valid UTF-16; what is in `utf8` then is unspecified.
+bool toSystem(const QString& text, SystemText& utf8);
 
 /// The text that `utf8` spells. \returns false with errno EFAULT when it is null, ENAMETOOLONG when
 /// it has more than 1 MiB, which no system takes, EILSEQ when it is not valid UTF-8; `text` is then

@@ -7,15 +7,31 @@
 namespace oru::io {
 
 TEST(SystemText, ToSystem_Utf8) {
-    QByteArray utf8;
+    SystemText utf8;
+    EXPECT_TRUE(toSystem(QStringLiteral("/plain"), utf8));
+    EXPECT_STREQ(utf8.constData(), "/plain");
     EXPECT_TRUE(toSystem(QString::fromUtf8("/Ä/録画/🎬"), utf8));
-    EXPECT_EQ(utf8, "/Ä/録画/🎬");
+    EXPECT_STREQ(utf8.constData(), "/Ä/録画/🎬");
     EXPECT_TRUE(toSystem(QString(), utf8));
-    EXPECT_EQ(utf8, "");
+    EXPECT_STREQ(utf8.constData(), "");
+    EXPECT_TRUE(toSystem(QString(1, QChar(0x7f)), utf8));
+    EXPECT_STREQ(utf8.constData(), "\x7f");
+    EXPECT_TRUE(toSystem(QString(1, QChar(0x80)), utf8));
+    EXPECT_STREQ(utf8.constData(), "\xc2\x80");
+}
+
+TEST(SystemText, ToSystemOfAnyLength_WholeAndTerminated) {
+    SystemText utf8;
+    for (const int length : {254, 255, 256, 257, 5000}) {
+        EXPECT_TRUE(toSystem(QString(length, 'x'), utf8));
+        EXPECT_EQ(QByteArray(utf8.constData()), QByteArray(length, 'x'));
+        EXPECT_TRUE(toSystem(QString(length, QChar(0xe4)), utf8));
+        EXPECT_EQ(QByteArray(utf8.constData()), QByteArray("\xc3\xa4").repeated(length));
+    }
 }
 
 TEST(SystemText, ToSystemWithNul_EINVAL) {
-    QByteArray utf8 = "before";
+    SystemText utf8;
     for (const int at : {0, 1, 2}) {
         QString text = "ab";
         text.insert(at, QChar(QChar::Null));
@@ -23,11 +39,10 @@ TEST(SystemText, ToSystemWithNul_EINVAL) {
         EXPECT_FALSE(toSystem(text, utf8));
         EXPECT_EQ(errno, EINVAL);
     }
-    EXPECT_EQ(utf8, "before");
 }
 
 TEST(SystemText, ToSystemInvalidUtf16_EILSEQ) {
-    QByteArray utf8 = "before";
+    SystemText utf8;
     const QChar high(0xd83c);
     const QChar low(0xdfac);
     for (const QString& text : {QString(high), QString(low), QString(low) + high,
