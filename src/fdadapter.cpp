@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <limits>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -291,7 +292,9 @@ int FDAdapter::open(const char* path, int flags, int mode) {
         file = m_fs->open(std::move(p), flags, mode);
         return 0;
     });
-    return fdMap.add(file);
+    const int fd = fdMap.add(file);
+    release(file);
+    return fd;
 }
 
 int FDAdapter::creat(const char* path, int mode) {

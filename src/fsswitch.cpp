@@ -3,6 +3,7 @@
 #include <QMutex>
 
 #include <cstring>
+#include <utility>
 
 #include "release_p.h"
 

@@ -1,0 +1,84 @@
+// The descriptor adapter in a process whose limit of system descriptors is unknown.
+
+#include "support/recordingfs.h"
+#include "support/tempdir.h"
+
+#include <oruio/error.h>
+#include <oruio/fdadapter.h>
+#include <oruio/posixfs.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+// The C library's own, under the name that nothing overrides.
+extern "C" long __sysconf(int name) noexcept;
+
+// The library asks this one when it is loaded. So do the sanitizers, before they are ready to watch
+// anything.
+extern "C"
+    __attribute__((visibility("default"), no_sanitize("address", "thread", "undefined"))) long
+    sysconf(int name) noexcept {
+    return name == _SC_OPEN_MAX ? -1 : __sysconf(name);
+}
+
+namespace oru::io {
+
+TEST(FDAdapterWithoutLimit, Open_MinusOneThoughTheFileSystemOpened) {
+    const auto fs = QSharedPointer<test::RecordingFS>::create();
+    FDAdapter adapter(fs);
+    errno = EXDEV;
+    liberrno = NotFound;
+    EXPECT_EQ(adapter.open("/f", O_RDWR, 0), -1);
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(liberrno, Ok);
+    EXPECT_EQ(fs->take(), QStringList({"open /f 2 0", "~file"}));
+}
+
+TEST(FDAdapterWithoutLimit, OpenedFile_IsClosedAgainAtOnce) {
+    test::TempDir dir;
+    FDAdapter adapter(QSharedPointer<PosixFS>::create(dir.path()));
+    const int free = dup(0);
+    ASSERT_NE(free, -1);
+    ASSERT_EQ(close(free), 0);
+    EXPECT_EQ(adapter.creat("/f", 0644), -1);
+    struct stat st;
+    EXPECT_EQ(adapter.stat("/f", &st), 0);
+    EXPECT_EQ(fcntl(free, F_GETFD), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+namespace {
+
+/// A file that says goodbye with an error of its own.
+class LoudFile : public PosixFile {
+public:
+    LoudFile() : PosixFile(-1) {}
+    ~LoudFile() override {
+        errno = ETXTBSY;
+        liberrno = LibraryFailure;
+    }
+};
+
+class LoudFS : public test::RecordingFS {
+public:
+    QSharedPointer<File> open(QString, int, int) override {
+        liberrno = Ok;
+        return QSharedPointer<LoudFile>::create();
+    }
+};
+
+} // namespace
+
+TEST(FDAdapterWithoutLimit, ReasonOfTheFilesEnd_DoesNotReachTheCaller) {
+    FDAdapter adapter(QSharedPointer<LoudFS>::create());
+    errno = EXDEV;
+    EXPECT_EQ(adapter.open("/f", O_RDWR, 0), -1);
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(liberrno, Ok);
+}
+
+} // namespace oru::io
