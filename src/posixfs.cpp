@@ -18,35 +18,6 @@
 
 namespace oru::io {
 
-namespace {
-
-/// The result of `call` on the system form of `path`; -1 when there is none. Releasing the path
-/// leaves errno as the call set it.
-template <class Call>
-int withPath(const QString& path, Call call) {
-    int result = -1;
-    int reason = 0;
-    {
-        SystemText systemPath;
-        if (toSystem(path, systemPath))
-            result = call(systemPath.constData());
-        reason = errno;
-    }
-    errno = reason;
-    return result;
-}
-
-/// The result of `call` on the system forms of two texts; -1 when there is none.
-template <class Call>
-int withPaths(const QString& first, const QString& second, Call call) {
-    return withPath(first, [&](const char* firstPath) {
-        return withPath(second,
-                        [&](const char* secondPath) { return call(firstPath, secondPath); });
-    });
-}
-
-} // namespace
-
 PosixFS::PosixFS(QString mountPoint) : PosixFS(std::move(mountPoint), QStringLiteral("PosixFS")) {}
 
 PosixFS::PosixFS(QString mountPoint, QString type)

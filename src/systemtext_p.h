@@ -7,6 +7,8 @@
 #include <QString>
 #include <QVarLengthArray>
 
+#include <cerrno>
+
 namespace oru::io {
 
 /// A NUL-terminated text as the C interface takes it. Most fit without an allocation.
@@ -20,5 +22,30 @@ bool toSystem(const QString& text, SystemText& utf8);
 /// it has more than 1 MiB, which no system takes, EILSEQ when it is not valid UTF-8; `text` is then
 /// unchanged.
 bool fromSystem(const char* utf8, QString& text);
+
+/// The result of `call` on the system form of `path`; -1 when there is none. Releasing the path
+/// leaves errno as the call set it.
+template <class Call>
+int withPath(const QString& path, Call call) {
+    int result = -1;
+    int reason = 0;
+    {
+        SystemText systemPath;
+        if (toSystem(path, systemPath))
+            result = call(systemPath.constData());
+        reason = errno;
+    }
+    errno = reason;
+    return result;
+}
+
+/// The result of `call` on the system forms of two texts; -1 when there is none.
+template <class Call>
+int withPaths(const QString& first, const QString& second, Call call) {
+    return withPath(first, [&](const char* firstPath) {
+        return withPath(second,
+                        [&](const char* secondPath) { return call(firstPath, secondPath); });
+    });
+}
 
 } // namespace oru::io

@@ -1,0 +1,144 @@
+// The server's session with its client, and what it does with a request.
+#pragma once
+
+#include <oruio/fdadapter.h>
+#include <oruio/fsipc.h>
+#include <oruio/ipc_server.h>
+
+#include "ipcwire_p.h"
+
+#include <QList>
+#include <QMap>
+
+#include <atomic>
+#include <mutex>
+
+namespace oru::io {
+
+/// Descriptors and handles travel to the client as this adapter hands them out; only those are
+/// taken back.
+class IPCServer::Data : public FDAdapter {
+public:
+    enum State : int { Stopped = 0, Initialising = 1, Serving = 2, Terminating = 3 };
+
+    explicit Data(QSharedPointer<FS> fs);
+    ~Data() override;
+
+    int run(Properties* props);
+    int terminate();
+    /// Terminates for good, and waits until run() has returned.
+    void finish();
+
+    /// Creates the block and takes it over. \returns its area, or null with nothing changed.
+    IPCShm* init(Properties* props);
+    /// Closes what the session had open and makes the area as new. \returns 0 or -1.
+    int resetSession();
+    /// Waits until the client has sent something or run() is to end. \returns 0.
+    int getRequest(IPCShm* area);
+    /// Carries out the request that was taken out of the area, and answers it.
+    void process();
+
+    /// Answers with a result, errno and liberrno, and a text unless `format` is null. \returns 0;
+    /// -1 when the text did not fit, which is then answered instead, with errno E2BIG.
+    int sendResponse(IPCShm* area, int result, const char* format, ...)
+        __attribute__((format(printf, 4, 5)));
+    /// As sendResponse(), with a record of `length` bytes.
+    int sendBufResponse(IPCShm* area, int result, const void* data, unsigned int length);
+
+    std::atomic<int> state{Stopped};
+    QSharedPointer<ShmBlock> block; ///< guarded by m_blockMutex; changed by run() only
+    IPCShm* shm = nullptr;
+    QList<int> files;  ///< the descriptors that the session has open
+    QList<void*> dirs; ///< the directory handles
+    QMap<QString, int (Data::*)(const char* args)> handlers;
+    ipcwire::Text request; ///< of which the handlers get the arguments
+
+private:
+    Q_DISABLE_COPY(Data)
+
+    ipcwire::Area& area();
+    QSharedPointer<ShmBlock> currentBlock();
+    void setBlock(const QSharedPointer<ShmBlock>& newBlock);
+    bool retirePredecessor();
+    IPCShm* takeOver(const ShmBlock::Access<IPCShm>& access);
+    bool initialiseMutexes(ipcwire::AreaControl& control);
+    void serve();
+    bool isServing() const;
+    void cancel(IPCShm* to);
+    void cancelLate(IPCShm* to);
+    int tearDown();
+    void stop(const ShmBlock& current);
+    void closeSession();
+    bool isClientConnected();
+    int replaceTooLong(IPCShm* to);
+
+    bool isOpen(int fd);
+    bool isOpen(void* handle);
+    const char* secondText(const char* first) const;
+    void* dataBuffer(int index, std::size_t count);
+
+    int respond(int result);
+    int respondCount(ssize_t count);
+    int refuse(int reason);
+    template <class Operation>
+    int onPath(const char* args, Operation operation);
+    template <class Operation>
+    int onTwoTexts(const char* args, Operation operation);
+    template <class Number, class Operation>
+    int onNumberAndPath(const char* args, Operation operation);
+    template <class Operation>
+    int onFile(const char* args, Operation operation);
+    template <class Number, class Operation>
+    int onFileAndNumber(const char* args, Operation operation);
+    template <class Record, class Operation>
+    int forRecord(Operation operation);
+    template <class Record, class Operation>
+    int onPathForRecord(const char* args, Operation operation);
+    void* openHandle(const char* args);
+    struct Transfer;
+    template <class Operation>
+    ssize_t move(const Transfer& transfer, Operation operation);
+    template <class Operation>
+    int moveOut(const Transfer& transfer, Operation operation);
+
+    int rq_connect(const char* args);
+    int rq_disconnect(const char* args);
+    int rq_mkdir(const char* args);
+    int rq_rmdir(const char* args);
+    int rq_statfs(const char* args);
+    int rq_stat(const char* args);
+    int rq_lstat(const char* args);
+    int rq_link(const char* args);
+    int rq_symlink(const char* args);
+    int rq_unlink(const char* args);
+    int rq_readlink(const char* args);
+    int rq_rename(const char* args);
+    int rq_chmod(const char* args);
+    int rq_truncate(const char* args);
+    int rq_sync(const char* args);
+    int rq_opendir(const char* args);
+    int rq_readdir(const char* args);
+    int rq_rewinddir(const char* args);
+    int rq_closedir(const char* args);
+    int rq_open(const char* args);
+    int rq_read(const char* args);
+    int rq_write(const char* args);
+    int rq_pread(const char* args);
+    int rq_pwrite(const char* args);
+    int rq_lseek(const char* args);
+    int rq_ftruncate(const char* args);
+    int rq_fsync(const char* args);
+    int rq_fdatasync(const char* args);
+    int rq_fstat(const char* args);
+    int rq_fcntl(const char* args);
+    int rq_flock(const char* args);
+    int rq_fchmod(const char* args);
+    int rq_close(const char* args);
+    int rq_notfound(const char* args);
+
+    std::mutex m_running;    // held by run()
+    std::mutex m_blockMutex; // guards block
+    std::atomic<bool> m_isFinished{false};
+};
+
+} // namespace oru::io

@@ -1,0 +1,182 @@
+#include "ipcwire_p.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace oru::io::ipcwire {
+
+namespace {
+
+/// Never part of a text in UTF-8, and no NUL.
+constexpr char wiped = '\xff';
+
+bool replaceMark(Area& area, char from, char to) {
+    return __atomic_compare_exchange_n(&area.request[0], &from, to, false, __ATOMIC_ACQ_REL,
+                                       __ATOMIC_RELAXED);
+}
+
+/// Whether the request is the operation `name`, with or without arguments.
+bool names(const Text& request, const char* name) {
+    const std::size_t length = std::strlen(name);
+    return std::strncmp(request.bytes, name, length) == 0 &&
+           (request.bytes[length] == '\0' || request.bytes[length] == ' ');
+}
+
+/// Sequentially consistent: who then looks at the server's mutex, and who releases that and then
+/// looks at the mark, must not miss each other.
+void setMark(Area& area, char to) {
+    __atomic_store_n(&area.request[0], to, __ATOMIC_SEQ_CST);
+}
+
+} // namespace
+
+bool isOwned(const Area& area) {
+    return __atomic_load_n(&area.control.magic, __ATOMIC_ACQUIRE) == magic;
+}
+
+void setOwned(Area& area, bool owned) {
+    __atomic_store_n(&area.control.magic, owned ? magic : 0, __ATOMIC_RELEASE);
+}
+
+int wireLockCommand(int command) {
+    switch (command) {
+    case F_GETLK:
+        return WireGetLock;
+    case F_SETLK:
+        return WireSetLock;
+    case F_SETLKW:
+        return WireSetLockWait;
+    default:
+        return -1;
+    }
+}
+
+int platformLockCommand(int wireCommand) {
+    switch (wireCommand) {
+    case WireGetLock:
+        return F_GETLK;
+    case WireSetLock:
+        return F_SETLK;
+    case WireSetLockWait:
+        return F_SETLKW;
+    default:
+        return -1;
+    }
+}
+
+bool isIntegerCommand(int command) {
+    switch (command) {
+    case F_DUPFD:
+    case F_GETFD:
+    case F_SETFD:
+    case F_GETFL:
+    case F_SETFL:
+    case F_DUPFD_CLOEXEC:
+        return true;
+    default:
+        return false;
+    }
+}
+
+char mark(const Area& area) {
+    return __atomic_load_n(&area.request[0], __ATOMIC_SEQ_CST);
+}
+
+void publish(Area& area, const char* text, std::size_t length) {
+    std::memcpy(area.request + 1, text + 1, std::min(length, textSize) - 1);
+    setMark(area, text[0]);
+}
+
+bool withdraw(Area& area) {
+    const char request = mark(area);
+    return isRequest(request) && replaceMark(area, request, Done);
+}
+
+void setDone(Area& area) {
+    setMark(area, Done);
+}
+
+bool take(Area& area, Text& request) {
+    const char first = mark(area);
+    if (!isRequest(first) || !replaceMark(area, first, Taking))
+        return false;
+    request.bytes[0] = first;
+    std::memcpy(request.bytes + 1, area.request + 1, textSize - 1);
+    request.bytes[textSize] = request.bytes[textSize + 1] = '\0';
+    std::memset(area.request + 1, wiped, textSize - 1);
+    setMark(area, names(request, op::disconnect) ? Ending : Taken);
+    return true;
+}
+
+void setIdle(Area& area) {
+    std::memset(area.request + 1, wiped, textSize - 1);
+    setMark(area, Idle);
+}
+
+void copyResponse(const Area& area, Text& response) {
+    std::memcpy(response.bytes, area.response, textSize);
+    response.bytes[textSize] = response.bytes[textSize + 1] = '\0';
+}
+
+FieldReader::FieldReader(const char* text)
+    : m_next(text), m_end(text ? text + std::strlen(text) : nullptr), m_isGood(text) {}
+
+FieldReader& FieldReader::pointer(void*& value) {
+    std::uintptr_t address = 0;
+    if (m_isGood && std::strncmp(m_next, "0x", 2) == 0) {
+        const auto [next, error] = std::from_chars(m_next + 2, m_end, address, 16);
+        m_isGood = error == std::errc();
+        m_next = next;
+    } else {
+        m_isGood = false;
+    }
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the other end's address is only ever compared.
+    value = reinterpret_cast<void*>(address);
+    return *this;
+}
+
+FieldReader& FieldReader::separator(char wanted) {
+    m_isGood = m_isGood && m_next != m_end && *m_next == wanted;
+    if (m_isGood)
+        ++m_next;
+    return *this;
+}
+
+SharedMutexAttributes::SharedMutexAttributes()
+    : m_initError(pthread_mutexattr_init(&m_attributes)) {
+    if (m_initError != 0)
+        return;
+    m_setError = pthread_mutexattr_setrobust(&m_attributes, PTHREAD_MUTEX_ROBUST);
+    if (m_setError == 0)
+        m_setError = pthread_mutexattr_setpshared(&m_attributes, PTHREAD_PROCESS_SHARED);
+}
+
+SharedMutexAttributes::~SharedMutexAttributes() {
+    if (m_initError == 0)
+        pthread_mutexattr_destroy(&m_attributes);
+}
+
+int SharedMutexAttributes::makeMutex(pthread_mutex_t& mutex) const {
+    if (m_initError != 0)
+        return m_initError;
+    return m_setError != 0 ? m_setError : pthread_mutex_init(&mutex, &m_attributes);
+}
+
+int lockShared(pthread_mutex_t& mutex, const struct timespec* deadline) {
+    int error =
+        deadline ? pthread_mutex_timedlock(&mutex, deadline) : pthread_mutex_trylock(&mutex);
+    if (error == EOWNERDEAD)
+        error = pthread_mutex_consistent(&mutex);
+    return error;
+}
+
+int waitFor(sem_t& semaphore, const struct timespec* deadline) {
+    int result;
+    do
+        result = deadline ? sem_timedwait(&semaphore, deadline) : sem_wait(&semaphore);
+    while (result != 0 && errno == EINTR);
+    return result;
+}
+
+} // namespace oru::io::ipcwire
