@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <sched.h>
+
 namespace oru::io::ipcwire {
 
 namespace {
@@ -21,6 +23,17 @@ bool names(const Text& request, const char* name) {
     const std::size_t length = std::strlen(name);
     return std::strncmp(request.bytes, name, length) == 0 &&
            (request.bytes[length] == '\0' || request.bytes[length] == ' ');
+}
+
+/// The other end usually answers within the time that putting a processor to sleep and waking it up
+/// takes. So before a wait there is a moment in which this thread only makes way for others.
+constexpr int polls = 100;
+
+/// Copies `length` bytes to the place `at` of a text, which ends there.
+void copy(Text& text, const char* from, std::size_t length, std::size_t at) {
+    std::memcpy(text.bytes + at, from, length);
+    text.length = at + length;
+    text.bytes[text.length] = text.bytes[text.length + 1] = '\0';
 }
 
 /// Sequentially consistent: who then looks at the server's mutex, and who releases that and then
@@ -101,10 +114,14 @@ bool take(Area& area, Text& request) {
     const char first = mark(area);
     if (!isRequest(first) || !replaceMark(area, first, Taking))
         return false;
+    // Most requests are short, and nothing stands behind their text.
+    char* const behind = area.request + 1;
+    const std::size_t text = strnlen(behind, textSize - 1);
+    const bool isAll = text + 1 >= textSize - 1 || behind[text + 1] == wiped;
+    const std::size_t used = isAll ? std::min(text + 1, textSize - 1) : textSize - 1;
+    copy(request, behind, used, 1);
     request.bytes[0] = first;
-    std::memcpy(request.bytes + 1, area.request + 1, textSize - 1);
-    request.bytes[textSize] = request.bytes[textSize + 1] = '\0';
-    std::memset(area.request + 1, wiped, textSize - 1);
+    std::memset(behind, wiped, used);
     setMark(area, names(request, op::disconnect) ? Ending : Taken);
     return true;
 }
@@ -115,8 +132,8 @@ void setIdle(Area& area) {
 }
 
 void copyResponse(const Area& area, Text& response) {
-    std::memcpy(response.bytes, area.response, textSize);
-    response.bytes[textSize] = response.bytes[textSize + 1] = '\0';
+    const std::size_t text = strnlen(area.response, textSize);
+    copy(response, area.response, std::min(text + 1 + recordSize, textSize), 0);
 }
 
 FieldReader::FieldReader(const char* text)
@@ -172,6 +189,11 @@ int lockShared(pthread_mutex_t& mutex, const struct timespec* deadline) {
 }
 
 int waitFor(sem_t& semaphore, const struct timespec* deadline) {
+    for (int i = 0; i < polls; ++i) {
+        if (sem_trywait(&semaphore) == 0)
+            return 0;
+        sched_yield();
+    }
     int result;
     do
         result = deadline ? sem_timedwait(&semaphore, deadline) : sem_wait(&semaphore);

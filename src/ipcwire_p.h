@@ -2,6 +2,7 @@
 // layout of the shared memory, and how a request changes hands.
 #pragma once
 
+#include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -36,6 +37,9 @@ constexpr std::size_t textSize = 8704;
 constexpr int dataBuffers = 2;
 constexpr unsigned int dataBufferSize = 1U << 20;
 constexpr unsigned int linkTextSize = 4096;
+/// The largest record that follows a response.
+constexpr std::size_t recordSize =
+    std::max({sizeof(struct stat), sizeof(struct statfs), sizeof(struct dirent)});
 
 constexpr int answerTimeoutMs = 10'000;
 constexpr int clientPollMs = 30'000;
@@ -221,9 +225,10 @@ void setDone(Area& area);
 /// one.
 struct Text {
     char bytes[textSize + 2];
+    std::size_t length;
 
     const char* end() const {
-        return bytes + textSize;
+        return bytes + length;
     }
 };
 
@@ -233,6 +238,7 @@ bool take(Area& area, Text& request);
 /// Server: no session, nothing in the request area.
 void setIdle(Area& area);
 
+/// Client: copies the response, with as much behind its text as may be a record.
 void copyResponse(const Area& area, Text& response);
 
 // --- Reading what the other end wrote -----------------------------------------------------------
