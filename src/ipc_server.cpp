@@ -98,9 +98,9 @@ IPCShm* IPCServer::Data::init(Properties*) {
             ORUIO_LOG(LogDebug, "Invalid shmblock");
             return nullptr;
         }
-        const ShmBlock::Access<IPCShm> access(created);
-        if (access.data())
-            return takeOver(access);
+        m_beginning.emplace(created);
+        if (m_beginning->data())
+            return takeOver(*m_beginning);
         // Another server that begins at this moment may have removed it.
         if (created->isValid())
             break;
@@ -195,23 +195,31 @@ int IPCServer::Data::run(Properties* props) {
     liberrno = Ok;
     if (DBG_MASK & TraceLifecycle)
         ORUIO_LOG(LogDebug, "IPC Server initializing");
-    IPCShm* const initialised = running ? init(props) : nullptr;
-    if (running)
-        shm = initialised;
     int result = -1;
-    if (initialised && resetSession() == 0)
-        serve();
-    else
-        ORUIO_LOG(LogDebug, "IPC Server init failed");
-    if (initialised)
-        result = tearDown();
-    if (running)
+    if (running) {
+        result = begin(props) ? serve() : -1;
+        if (shm)
+            result = tearDown();
         state = Stopped;
+    } else {
+        ORUIO_LOG(LogDebug, "IPC Server init failed");
+    }
     ORUIO_LOG(LogDebug, "IPC Server stopped");
     return result;
 }
 
-void IPCServer::Data::serve() {
+/// Makes everything ready for the first client, which is kept out until then. \returns false,
+/// having said so, when that failed; tearDown() is then still due if there is an area.
+bool IPCServer::Data::begin(Properties* props) {
+    shm = init(props);
+    const bool isReady = shm && resetSession() == 0;
+    m_beginning.reset();
+    if (!isReady)
+        ORUIO_LOG(LogDebug, "IPC Server init failed");
+    return isReady;
+}
+
+int IPCServer::Data::serve() {
     ORUIO_LOG(LogDebug, "IPC Server Ready");
     int initialising = Initialising;
     state.compare_exchange_strong(initialising, Serving);
@@ -235,6 +243,7 @@ void IPCServer::Data::serve() {
         take(area(), request);
         cancel(shm);
     }
+    return 0;
 }
 
 bool IPCServer::Data::isServing() const {

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <optional>
 
 namespace oru::io {
 
@@ -29,7 +30,8 @@ public:
     /// Terminates for good, and waits until run() has returned.
     void finish();
 
-    /// Creates the block and takes it over. \returns its area, or null with nothing changed.
+    /// Creates the block and takes it over; it stays locked until m_beginning is reset. \returns
+    /// its area, or null with the service as it was.
     IPCShm* init(Properties* props);
     /// Closes what the session had open and makes the area as new. \returns 0 or -1.
     int resetSession();
@@ -62,7 +64,8 @@ private:
     bool retirePredecessor();
     IPCShm* takeOver(const ShmBlock::Access<IPCShm>& access);
     bool initialiseMutexes(ipcwire::AreaControl& control);
-    void serve();
+    bool begin(Properties* props);
+    int serve();
     bool isServing() const;
     void cancel(IPCShm* to);
     void cancelLate(IPCShm* to);
@@ -136,6 +139,7 @@ private:
     int rq_close(const char* args);
     int rq_notfound(const char* args);
 
+    std::optional<ShmBlock::Access<IPCShm>> m_beginning;
     std::mutex m_running;    // held by run()
     std::mutex m_blockMutex; // guards block
     std::atomic<bool> m_isFinished{false};

@@ -51,6 +51,8 @@ bool FSConformance::works(Op op, long long result) const {
         EXPECT_NE(result, -1) << seen.strerror();
         return result != -1;
     }
+    if (expected.kind == Answer::IsSomethingElse)
+        return false;
     EXPECT_EQ(result, -1);
     if (expected.kind == Answer::NotImplementedHere) {
         EXPECT_EQ(seen.code, NotImplemented);
@@ -466,7 +468,7 @@ TEST_P(FSConformance, CloseTwice_IsHarmless) {
     const auto file = fs().open(at("f"), O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
     EXPECT_EQ(file->close(), 0);
-    EXPECT_EQ(file->close(), 0);
+    EXPECT_EQ(file->close(), can().closeAgain);
 }
 
 TEST_P(FSConformance, ClosedFile_EveryOperationFails) {
@@ -699,14 +701,18 @@ TEST_P(FSConformance, Symlink_TargetIsStoredAsItIs) {
     expectRefusal(ENOENT);
 }
 
-TEST_P(FSConformance, ReadlinkIntoABuffer_AddsNoTerminator) {
+TEST_P(FSConformance, ReadlinkIntoABuffer_RestAsTabled) {
     if (!works(Op::Symlink, fs().symlink("target", at("l"))))
         return;
     char buf[16];
     std::memset(buf, '#', sizeof buf);
     EXPECT_EQ(fs().readlink(at("l"), buf, sizeof buf), 6);
-    EXPECT_EQ(std::string(buf, 8), "target##");
+    EXPECT_EQ(std::string(buf, 6), "target");
+    EXPECT_EQ(buf[6], can().readlinkPads ? '\0' : '#');
+    EXPECT_EQ(buf[15], can().readlinkPads ? '\0' : '#');
+    std::memset(buf, '#', sizeof buf);
     EXPECT_EQ(fs().readlink(at("l"), buf, 3), 3);
+    EXPECT_EQ(std::string(buf, 4), "tar#");
 }
 
 TEST_P(FSConformance, ReadlinkOfAFile_AsTabled) {
@@ -837,7 +843,7 @@ TEST_P(FSConformance, Closedir_OnceOnlyAndNothingIsReadAfter) {
     ASSERT_TRUE(dir);
     EXPECT_EQ(dir->closedir(), 0);
     EXPECT_EQ(dir->readdir(), nullptr);
-    EXPECT_EQ(dir->closedir(), -1);
+    EXPECT_EQ(dir->closedir(), can().closedirAgain);
 }
 
 TEST_P(FSConformance, OpendirMissing_AsTabled) {
@@ -848,7 +854,7 @@ TEST_P(FSConformance, OpendirMissing_AsTabled) {
         return;
     EXPECT_EQ(dir->readdir(), nullptr);
     EXPECT_EQ(dir->rewinddir(), 0);
-    EXPECT_EQ(dir->closedir(), -1);
+    EXPECT_EQ(dir->closedir(), can().closedirAgain);
 }
 
 TEST_P(FSConformance, OpendirOfAFile_FailsENOTDIR) {

@@ -45,7 +45,7 @@ enum class Op {
 
 /// How a backend answers an operation.
 struct Answer {
-    enum Kind { Works, NotImplementedHere, Fails } kind;
+    enum Kind { Works, NotImplementedHere, Fails, IsSomethingElse } kind;
     int error;
 
     static Answer works() {
@@ -56,6 +56,10 @@ struct Answer {
     }
     static Answer fails(int error) {
         return {Fails, error};
+    }
+    /// It is not what its name says; the backend's own tests hold what it is.
+    static Answer isSomethingElse() {
+        return {IsSomethingElse, 0};
     }
 };
 
@@ -81,6 +85,9 @@ struct Capabilities {
     };
 
     bool opendirIsNeverNull = false; ///< a directory that cannot be opened is an empty one
+    int closeAgain = 0;              ///< the result of closing a closed file
+    int closedirAgain = -1;          ///< the result of closing a directory that is not open
+    bool readlinkPads = false;       ///< what is left of the buffer is filled with NULs
     bool keepsModes = true;          ///< permission bits are stored as given
     bool appends = true;             ///< O_APPEND is honoured
     bool caseSensitive = true;

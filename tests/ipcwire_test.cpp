@@ -1,0 +1,261 @@
+// What the two ends of the file service agree on, and how a request changes hands.
+
+#include "ipcwire_p.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace oru::io {
+
+using namespace ipcwire;
+
+TEST(IpcLayout, Area_SameSizesOnEveryPlatform) {
+    EXPECT_EQ(areaSize, 0x205000U);
+    EXPECT_EQ(blockOverhead, 40U);
+    EXPECT_EQ(sizeof(Area::request), 8704U);
+    EXPECT_EQ(sizeof(Area::response), 8704U);
+    EXPECT_EQ(sizeof(Area::buffers[0]), 0x100000U);
+    EXPECT_EQ(sizeof(Area::buffers), 0x200000U);
+}
+
+TEST(IpcLayout, Area_FieldsInOrder) {
+    EXPECT_EQ(offsetof(AreaControl, magic), 0U);
+    EXPECT_LT(offsetof(AreaControl, clientMutex), offsetof(AreaControl, serverMutex));
+    EXPECT_LT(offsetof(AreaControl, serverMutex), offsetof(AreaControl, bufferMutex));
+    EXPECT_LT(offsetof(AreaControl, bufferMutex), offsetof(AreaControl, requestSem));
+    EXPECT_LT(offsetof(AreaControl, requestSem), offsetof(AreaControl, responseSem));
+    EXPECT_LT(offsetof(AreaControl, responseSem), offsetof(AreaControl, bufferSem));
+    EXPECT_LT(offsetof(AreaControl, bufferSem), offsetof(AreaControl, bufferMap));
+    EXPECT_EQ(offsetof(Area, request), sizeof(AreaControl));
+    EXPECT_EQ(offsetof(Area, response), offsetof(Area, request) + 8704);
+    EXPECT_EQ(offsetof(Area, unused), offsetof(Area, response) + 8704);
+    EXPECT_EQ(offsetof(Area, buffers) % 16, 0U);
+}
+
+TEST(IpcLayout, Area_WithinTheObject) {
+    EXPECT_LE(sizeof(BlockHeader) + sizeof(Area), 0x205028U);
+    EXPECT_GE(sizeof(BlockHeader) + sizeof(Area), 0x205020U);
+}
+
+TEST(IpcLocks, Commands_HaveTheTargetsNumbersOnTheWire) {
+    EXPECT_EQ(wireLockCommand(F_GETLK), 12);
+    EXPECT_EQ(wireLockCommand(F_SETLK), 13);
+    EXPECT_EQ(wireLockCommand(F_SETLKW), 14);
+    EXPECT_EQ(wireLockCommand(F_GETFL), -1);
+    EXPECT_EQ(platformLockCommand(12), F_GETLK);
+    EXPECT_EQ(platformLockCommand(13), F_SETLK);
+    EXPECT_EQ(platformLockCommand(14), F_SETLKW);
+    EXPECT_EQ(platformLockCommand(11), -1);
+    EXPECT_EQ(platformLockCommand(15), -1);
+}
+
+TEST(IpcLocks, IntegerCommands_ZeroToFourAnd1030) {
+    for (int command = -1; command < 2000; ++command)
+        EXPECT_EQ(isIntegerCommand(command), (command >= 0 && command <= 4) || command == 1030)
+            << command;
+}
+
+class IpcRequest : public ::testing::Test {
+protected:
+    IpcRequest() {
+        setIdle(*area);
+    }
+
+    void publishText(const std::string& request) {
+        publish(*area, request.c_str(), request.size() + 1);
+    }
+
+    std::unique_ptr<Area> area = std::make_unique<Area>();
+    Text text;
+};
+
+TEST_F(IpcRequest, Idle_NothingToTake) {
+    EXPECT_EQ(mark(*area), Idle);
+    EXPECT_FALSE(take(*area, text));
+    EXPECT_EQ(mark(*area), Idle);
+}
+
+TEST_F(IpcRequest, Published_TakenOnce) {
+    publishText("stat /a");
+    EXPECT_TRUE(isRequest(mark(*area)));
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_STREQ(text.bytes, "stat /a");
+    EXPECT_EQ(mark(*area), Taken);
+    EXPECT_FALSE(take(*area, text));
+}
+
+TEST_F(IpcRequest, Disconnect_TakenAsTheEnd) {
+    publishText("disconnect");
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_EQ(mark(*area), Ending);
+    setIdle(*area);
+    publishText("disconnect now");
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_EQ(mark(*area), Ending);
+    setIdle(*area);
+    publishText("disconnected");
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_EQ(mark(*area), Taken);
+}
+
+TEST_F(IpcRequest, Withdrawn_NotTaken) {
+    publishText("unlink /a");
+    EXPECT_TRUE(withdraw(*area));
+    EXPECT_EQ(mark(*area), Done);
+    EXPECT_FALSE(take(*area, text));
+    EXPECT_FALSE(withdraw(*area));
+}
+
+TEST_F(IpcRequest, Taken_NotWithdrawn) {
+    publishText("unlink /a");
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_FALSE(withdraw(*area));
+    EXPECT_EQ(mark(*area), Taken);
+}
+
+TEST_F(IpcRequest, WhatStoodThereBefore_CompletesNothing) {
+    publish(*area, "link /first\0/second", 20);
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_STREQ(text.bytes + 12, "/second");
+    publishText("link /first");
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_STREQ(text.bytes, "link /first");
+    EXPECT_EQ(text.end() - text.bytes, 12);
+}
+
+TEST_F(IpcRequest, PayloadBehindTheText_TakenToo) {
+    const char request[] = "fcntl 7 13\0\x01\x02\x03\0\x05";
+    publish(*area, request, sizeof request);
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_EQ(std::memcmp(text.bytes, request, sizeof request), 0);
+    EXPECT_EQ(text.end(), text.bytes + 8704);
+}
+
+TEST_F(IpcRequest, NoNulInTheArea_TakenWithOneBehind) {
+    std::memset(area->request, 'x', sizeof area->request);
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_EQ(std::strlen(text.bytes), 8704U);
+    EXPECT_EQ(text.bytes[8705], '\0');
+}
+
+TEST_F(IpcRequest, LongestPublished_TakenWhole) {
+    const std::string longest = "stat /" + std::string(8703 - 6, 'p');
+    publishText(longest);
+    ASSERT_TRUE(take(*area, text));
+    EXPECT_EQ(text.bytes, longest);
+}
+
+TEST_F(IpcRequest, LongerThanTheArea_StaysInside) {
+    const std::string tooLong(20'000, 'p');
+    std::memset(area->response, 'r', sizeof area->response);
+    publish(*area, tooLong.data(), tooLong.size());
+    EXPECT_EQ(area->response[0], 'r');
+}
+
+TEST_F(IpcRequest, Response_WithARecordBehindItsText) {
+    std::memset(area->response, 'x', sizeof area->response);
+    std::memcpy(area->response, "0,0,0", 6);
+    copyResponse(*area, text);
+    EXPECT_STREQ(text.bytes, "0,0,0");
+    EXPECT_GE(text.end() - text.bytes, 6 + 280);
+    EXPECT_EQ(text.bytes[6 + 279], 'x');
+    EXPECT_EQ(*text.end(), '\0');
+}
+
+TEST_F(IpcRequest, ResponseWithoutANul_CopiedWithOneBehind) {
+    std::memset(area->response, '1', sizeof area->response);
+    area->unused[0] = '2';
+    copyResponse(*area, text);
+    EXPECT_EQ(std::strlen(text.bytes), 8704U);
+}
+
+// A client withdraws while the server takes: one of them has it, and the next one is whole.
+TEST_F(IpcRequest, TakenAndWithdrawnAtOnce_OneOfThem) {
+    constexpr int rounds = 20'000;
+    std::atomic<bool> ends{false};
+    int served = 0;
+    std::thread server([&] {
+        Text request;
+        while (!ends) {
+            if (!take(*area, request))
+                continue;
+            ++served;
+            const std::string got = request.bytes;
+            EXPECT_TRUE(got == "rename /aaaa" || got == "unlink /bb") << got;
+        }
+    });
+    int withdrawn = 0;
+    int taken = 0;
+    for (int i = 0; i < rounds; ++i) {
+        publishText(i % 2 ? "rename /aaaa" : "unlink /bb");
+        if (withdraw(*area)) {
+            ++withdrawn;
+        } else {
+            ++taken;
+            while (mark(*area) != Taken)
+                std::this_thread::yield();
+            setDone(*area);
+        }
+    }
+    ends = true;
+    server.join();
+    EXPECT_EQ(served, taken);
+    EXPECT_EQ(withdrawn + taken, rounds);
+}
+
+TEST(IpcFields, Numbers_InOrder) {
+    int fd = 0;
+    long long offset = 0;
+    unsigned long long length = 0;
+    FieldReader fields("7 -5000000000 18446744073709551615");
+    EXPECT_TRUE(
+        fields.number(fd).separator(' ').number(offset).separator(' ').number(length).isGood());
+    EXPECT_EQ(fd, 7);
+    EXPECT_EQ(offset, -5'000'000'000);
+    EXPECT_EQ(length, ~0ULL);
+    EXPECT_TRUE(fields.atEnd());
+}
+
+TEST(IpcFields, Rest_IsWhatFollowsOneSeparator) {
+    int mode = 0;
+    FieldReader fields("511  two blanks");
+    EXPECT_TRUE(fields.number(mode).separator(' ').isGood());
+    EXPECT_STREQ(fields.rest(), " two blanks");
+}
+
+TEST(IpcFields, NotANumber_NothingMoreIsRead) {
+    for (const char* text : {"", "x", " 1", "+1", "99999999999999999999", "--1"}) {
+        int value = 42;
+        int next = 43;
+        FieldReader fields(text);
+        EXPECT_FALSE(fields.number(value).isGood()) << text;
+        EXPECT_FALSE(fields.number(next).isGood()) << text;
+        EXPECT_EQ(next, 43) << text;
+    }
+    std::size_t count = 0;
+    EXPECT_FALSE(FieldReader("-1").number(count).isGood());
+    EXPECT_FALSE(FieldReader(nullptr).number(count).isGood());
+    EXPECT_FALSE(FieldReader(nullptr).separator(' ').isGood());
+}
+
+TEST(IpcFields, Pointer_AsPrinted) {
+    int object = 0;
+    char text[32];
+    snprintf(text, sizeof text, "%p", static_cast<void*>(&object));
+    void* read = nullptr;
+    EXPECT_TRUE(FieldReader(text).pointer(read).isGood());
+    EXPECT_EQ(read, &object);
+    for (const char* bad : {"(nil)", "", "1234", "0x", "0xg", "0x11111111111111111"}) {
+        read = &object;
+        EXPECT_FALSE(FieldReader(bad).pointer(read).isGood()) << bad;
+        EXPECT_EQ(read, nullptr) << bad;
+    }
+}
+
+} // namespace oru::io

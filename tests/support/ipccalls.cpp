@@ -1,0 +1,241 @@
+#include "ipccalls.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <mutex>
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/mman.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace oru::io::test {
+
+namespace {
+
+std::atomic<int> passed{0};
+std::atomic<int> deadly{0};
+std::atomic<int> longestWait{0};
+std::atomic<long long> clockSeconds{0};
+std::atomic<long> clockNanoseconds{-1};
+
+/// What happens at a call of one function, counted down.
+struct Plan {
+    std::atomic<const char*> function{nullptr};
+    std::atomic<int> count{0};
+
+    void set(const char* name, int calls) {
+        count = calls;
+        function = name;
+    }
+    bool isDue(const char* name) {
+        const char* const planned = function;
+        return planned && std::string(planned) == name && --count == 0;
+    }
+};
+
+Plan death;
+Plan failure;
+std::atomic<bool> diesAfter{false};
+std::atomic<int> failureError{0};
+
+void die() {
+    ::kill(getpid(), SIGKILL);
+    pause();
+}
+
+void point() {
+    if (++passed == deadly)
+        die();
+}
+
+bool fails(const char* function) {
+    const bool isDue = failure.isDue(function);
+    if (isDue)
+        errno = failureError;
+    return isDue;
+}
+
+/// Makes the call, with what is planned for it.
+template <class Result, class Call>
+Result watched(const char* function, Result failed, Call call) {
+    const bool isDue = death.isDue(function);
+    if (isDue && !diesAfter)
+        die();
+    point();
+    const Result result = fails(function) ? failed : call();
+    point();
+    if (isDue)
+        die();
+    return result;
+}
+
+/// For functions that return an error number.
+template <class Call>
+int watchedNumber(const char* function, Call call) {
+    return watched<int>(function, failureError, call);
+}
+
+} // namespace
+
+void dieAtPoint(int number) {
+    passed = 0;
+    deadly = number;
+}
+
+int pointsPassed() {
+    return passed;
+}
+
+void dieAtCall(const char* function, int count, bool after) {
+    diesAfter = after;
+    death.set(function, count);
+}
+
+void failCall(const char* function, int count, int error) {
+    failureError = error;
+    failure.set(function, count);
+}
+
+void setClock(long long seconds, long nanoseconds) {
+    clockSeconds = seconds;
+    clockNanoseconds = nanoseconds;
+}
+
+void shortenWaits(int ms) {
+    longestWait = ms;
+}
+
+} // namespace oru::io::test
+
+using oru::io::test::fails;
+using oru::io::test::watched;
+using oru::io::test::watchedNumber;
+
+// The linker passes the calls of the sources here: --wrap.
+extern "C" {
+
+int __real_shm_open(const char* name, int flags, mode_t mode);
+int __wrap_shm_open(const char* name, int flags, mode_t mode) {
+    return watched("shm_open", -1, [=] { return __real_shm_open(name, flags, mode); });
+}
+
+int __real_shm_unlink(const char* name);
+int __wrap_shm_unlink(const char* name) {
+    return watched("shm_unlink", -1, [=] { return __real_shm_unlink(name); });
+}
+
+int __real_ftruncate64(int fd, off_t size);
+int __wrap_ftruncate64(int fd, off_t size) {
+    return watched("ftruncate", -1, [=] { return __real_ftruncate64(fd, size); });
+}
+
+void* __real_mmap64(void* address, size_t size, int protection, int flags, int fd, off_t offset);
+void* __wrap_mmap64(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
+    return watched("mmap", MAP_FAILED,
+                   [=] { return __real_mmap64(address, size, protection, flags, fd, offset); });
+}
+
+int __real_munmap(void* address, size_t size);
+int __wrap_munmap(void* address, size_t size) {
+    return watched("munmap", -1, [=] { return __real_munmap(address, size); });
+}
+
+int __real_flock(int fd, int operation);
+int __wrap_flock(int fd, int operation) {
+    return watched("flock", -1, [=] { return __real_flock(fd, operation); });
+}
+
+int __real_pthread_mutexattr_init(pthread_mutexattr_t* attributes);
+int __wrap_pthread_mutexattr_init(pthread_mutexattr_t* attributes) {
+    return watchedNumber("pthread_mutexattr_init",
+                         [=] { return __real_pthread_mutexattr_init(attributes); });
+}
+
+int __real_pthread_mutexattr_setrobust(pthread_mutexattr_t* attributes, int robust);
+int __wrap_pthread_mutexattr_setrobust(pthread_mutexattr_t* attributes, int robust) {
+    return watchedNumber("pthread_mutexattr_setrobust",
+                         [=] { return __real_pthread_mutexattr_setrobust(attributes, robust); });
+}
+
+int __real_pthread_mutexattr_setpshared(pthread_mutexattr_t* attributes, int shared);
+int __wrap_pthread_mutexattr_setpshared(pthread_mutexattr_t* attributes, int shared) {
+    return watchedNumber("pthread_mutexattr_setpshared",
+                         [=] { return __real_pthread_mutexattr_setpshared(attributes, shared); });
+}
+
+int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
+int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
+    return watchedNumber("pthread_mutex_init",
+                         [=] { return __real_pthread_mutex_init(mutex, attributes); });
+}
+
+int __real_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline);
+int __wrap_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline) {
+    return watchedNumber("pthread_mutex_timedlock",
+                         [=] { return __real_pthread_mutex_timedlock(mutex, deadline); });
+}
+
+int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_trylock(pthread_mutex_t* mutex) {
+    if (fails("pthread_mutex_trylock"))
+        return errno;
+    const int error = __real_pthread_mutex_trylock(mutex);
+    if (error == EBUSY)
+        return error;
+    return watchedNumber("pthread_mutex_trylock", [=] { return error; });
+}
+
+int __real_pthread_mutex_consistent(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_consistent(pthread_mutex_t* mutex) {
+    return watchedNumber("pthread_mutex_consistent",
+                         [=] { return __real_pthread_mutex_consistent(mutex); });
+}
+
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    return watchedNumber("pthread_mutex_unlock",
+                         [=] { return __real_pthread_mutex_unlock(mutex); });
+}
+
+int __real_sem_init(sem_t* semaphore, int shared, unsigned int value);
+int __wrap_sem_init(sem_t* semaphore, int shared, unsigned int value) {
+    return watched("sem_init", -1, [=] { return __real_sem_init(semaphore, shared, value); });
+}
+
+int __real_sem_post(sem_t* semaphore);
+int __wrap_sem_post(sem_t* semaphore) {
+    return watched("sem_post", -1, [=] { return __real_sem_post(semaphore); });
+}
+
+int __real_clock_gettime(clockid_t clock, struct timespec* time);
+int __wrap_clock_gettime(clockid_t clock, struct timespec* time) {
+    const long nanoseconds = oru::io::test::clockNanoseconds;
+    if (clock != CLOCK_REALTIME || nanoseconds < 0)
+        return __real_clock_gettime(clock, time);
+    time->tv_sec = static_cast<time_t>(oru::io::test::clockSeconds);
+    time->tv_nsec = nanoseconds;
+    return 0;
+}
+
+int __real_sem_timedwait(sem_t* semaphore, const struct timespec* deadline);
+int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
+    if (fails("sem_timedwait"))
+        return -1;
+    const int longest = oru::io::test::longestWait;
+    if (longest == 0)
+        return __real_sem_timedwait(semaphore, deadline);
+    struct timespec earliest;
+    __real_clock_gettime(CLOCK_REALTIME, &earliest);
+    const long long nanoseconds = earliest.tv_nsec + longest * 1'000'000LL;
+    earliest.tv_sec += static_cast<time_t>(nanoseconds / 1'000'000'000);
+    earliest.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+    const bool isLater =
+        earliest.tv_sec > deadline->tv_sec ||
+        (earliest.tv_sec == deadline->tv_sec && earliest.tv_nsec > deadline->tv_nsec);
+    return __real_sem_timedwait(semaphore, isLater ? deadline : &earliest);
+}
+}
