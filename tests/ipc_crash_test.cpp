@@ -1,0 +1,410 @@
+// Either end killed at every point of its life: the other end, or the next one, goes on.
+//
+// The ends run in child processes; SIGKILL comes at a chosen call of the C library. Every case has
+// the same aftermath: a server and a client that work, with nothing left open or taken.
+
+#include "support/childprocess.h"
+#include "support/ipccalls.h"
+#include "support/ipcservice.h"
+#include "support/tempdir.h"
+
+#include <oruio/error.h>
+#include <oruio/fsipc.h>
+#include <oruio/posixfs.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <semaphore.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace oru::io {
+
+using namespace ipcwire;
+using test::ChildProcess;
+using test::ServerProcess;
+using test::TempDir;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// A local directory whose files can be made to hold a caller up, or to kill it.
+class TrapFS : public PosixFS {
+public:
+    explicit TrapFS(const QString& root) : PosixFS(root) {}
+
+    int stat(QString path, struct stat& st) override {
+        if (path == "/trap")
+            ::kill(getpid(), SIGKILL);
+        if (path == "/hold") {
+            const int result = PosixFS::stat("/held", st); // says that it is inside
+            if (result == -1)
+                close(::open(qPrintable(mountPoint() + "/held"), O_CREAT | O_WRONLY, 0644));
+            while (access(qPrintable(mountPoint() + "/go"), F_OK) != 0)
+                usleep(1000);
+        }
+        return PosixFS::stat(path, st);
+    }
+};
+
+/// A session as a recorder has it. \returns 0, or the number of the step that failed.
+int record(IPCFS& fs, const char* name = "/clip") {
+    std::vector<char> frame(300'000);
+    for (size_t i = 0; i < frame.size(); ++i)
+        frame[i] = static_cast<char>(i * 7 + i / 251);
+    if (fs.connect(1, nullptr) != 0)
+        return 1;
+    const auto file = fs.open(name, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    const auto directory = fs.opendir("/");
+    if (!file || !directory)
+        return 2;
+    if (file->write(frame.data(), frame.size()) != static_cast<int>(frame.size()))
+        return 3;
+    std::vector<char> back(frame.size());
+    if (file->pread(back.data(), back.size(), 0) != static_cast<int>(back.size()) || back != frame)
+        return 4;
+    struct stat st;
+    if (fs.stat(name, st) != 0 || st.st_size != static_cast<off_t>(frame.size()))
+        return 5;
+    if (!directory->readdir() || directory->closedir() != 0 || file->close() != 0)
+        return 6;
+    return fs.disconnect() == 0 ? 0 : 7;
+}
+
+class IpcCrash : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!test::ownerDeathIsSeen())
+            GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+        // A client that waits for a server that is dead waits no longer than this.
+        test::shortenWaits(300);
+    }
+
+    std::unique_ptr<ServerProcess> startServer(const std::function<void()>& prepare = {}) {
+        const QString root = dir.path();
+        return std::make_unique<ServerProcess>(
+            [root] { return QSharedPointer<TrapFS>::create(root); }, prepare);
+    }
+
+    /// A client in a child process, which first does what `prepare` does.
+    std::unique_ptr<ChildProcess> startClient(const std::function<void()>& prepare,
+                                              const std::function<int(IPCFS&)>& session) {
+        return std::make_unique<ChildProcess>([&] {
+            prepare();
+            IPCFS fs;
+            return session(fs);
+        });
+    }
+
+    /// A client that works, at once; and afterwards a server with nothing open or taken.
+    void expectService(ServerProcess& server, int idleDescriptors) {
+        const auto start = Clock::now();
+        IPCFS fs;
+        EXPECT_EQ(record(fs, "/next"), 0) << strerror();
+        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 5);
+        EXPECT_EQ(server.process().descriptors(), idleDescriptors);
+        const test::AreaView view;
+        ASSERT_TRUE(view.isThere());
+        EXPECT_EQ(mark(view.area()), Idle);
+        EXPECT_EQ(view.area().control.bufferMap, 0U);
+        expectValue(view.area().control.bufferSem, 2);
+        expectValue(view.area().control.responseSem, 0);
+    }
+
+    static void expectValue(sem_t& semaphore, int expected) {
+        int value = -1;
+        EXPECT_EQ(sem_getvalue(&semaphore, &value), 0);
+        EXPECT_EQ(value, expected);
+    }
+
+    /// The server ends in good order and leaves nothing.
+    static void expectOrderlyEnd(ServerProcess& server) {
+        EXPECT_EQ(server.terminate(), 0);
+        EXPECT_FALSE(test::serviceExists());
+    }
+
+    TempDir dir;
+};
+
+} // namespace
+
+// --- The client dies
+// --------------------------------------------------------------------------------
+
+struct ClientDeath {
+    const char* name;
+    std::function<void()> prepare;
+};
+
+std::ostream& operator<<(std::ostream& out, const ClientDeath& death) {
+    return out << death.name;
+}
+
+class IpcClientDeath : public IpcCrash, public ::testing::WithParamInterface<ClientDeath> {};
+
+TEST_P(IpcClientDeath, NextClientWorks) {
+    const auto server = startServer();
+    ASSERT_TRUE(server->isReady());
+    const int idle = server->process().descriptors();
+    const auto client = startClient(GetParam().prepare, [](IPCFS& fs) { return record(fs); });
+    ASSERT_EQ(client->wait(), -SIGKILL);
+    expectService(*server, idle);
+    expectOrderlyEnd(*server);
+}
+
+namespace {
+
+/// The posts of a session, in their order.
+enum Post { Connect = 1, Open, OpenDir, Write, Pread };
+
+std::function<void()> atPost(int count, bool after) {
+    return [=] { test::dieAtCall("sem_post", count, after); };
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(
+    , IpcClientDeath,
+    ::testing::Values(ClientDeath{"BeforeThePostOfConnect", atPost(Connect, false)},
+                      ClientDeath{"AfterThePostOfConnect", atPost(Connect, true)},
+                      ClientDeath{"BeforeThePostOfOpen", atPost(Open, false)},
+                      ClientDeath{"AfterThePostOfOpen", atPost(Open, true)},
+                      ClientDeath{"HoldingADataBufferBeforeThePost", atPost(Write, false)},
+                      ClientDeath{"HoldingADataBufferAfterThePost", atPost(Write, true)},
+                      ClientDeath{"HoldingADataBufferForReading", atPost(Pread, true)},
+                      ClientDeath{"HoldingTheBufferMutex",
+                                  [] { test::dieAtCall("pthread_mutex_timedlock", 2, true); }},
+                      ClientDeath{"InsideInitHoldingTheBlock",
+                                  [] { test::dieAtCall("pthread_mutex_timedlock", 1, true); }},
+                      ClientDeath{"InsideInitHoldingTheClientMutex",
+                                  [] { test::dieAtCall("pthread_mutex_trylock", 1, true); }}),
+    [](const auto& tested) { return tested.param.name; });
+
+TEST_F(IpcCrash, ClientKilledWhileTheServerIsInTheFileSystem_NextClientWorks) {
+    const auto server = startServer();
+    ASSERT_TRUE(server->isReady());
+    const int idle = server->process().descriptors();
+    const auto client =
+        startClient([] {},
+                    [](IPCFS& fs) {
+                        struct stat st;
+                        return fs.connect(1, nullptr) == 0 ? fs.stat("/hold", st) : 1;
+                    });
+    const std::string held = qPrintable(dir / "held");
+    ASSERT_TRUE(test::eventually([&] { return access(held.c_str(), F_OK) == 0; }));
+    client->signal(SIGKILL);
+    ASSERT_EQ(client->wait(), -SIGKILL);
+    // The next one comes while the server is still inside, and goes on when it is done.
+    ChildProcess later([&] {
+        usleep(200'000);
+        return ::close(::open(qPrintable(dir / "go"), O_CREAT | O_WRONLY, 0644));
+    });
+    expectService(*server, idle);
+    EXPECT_EQ(later.wait(), 0);
+    expectOrderlyEnd(*server);
+}
+
+// The answer comes when nobody waits for it any more.
+TEST_F(IpcCrash, ClientKilledAfterTheResponse_NextClientTakesNoneOfIt) {
+    const auto server = startServer();
+    ASSERT_TRUE(server->isReady());
+    const int idle = server->process().descriptors();
+    const auto client = startClient([] {},
+                                    [](IPCFS& fs) {
+                                        struct stat st;
+                                        if (fs.connect(1, nullptr) != 0)
+                                            return 1;
+                                        test::dieAtCall("sem_post", 1, true);
+                                        return fs.stat("/missing", st);
+                                    });
+    ASSERT_EQ(client->wait(), -SIGKILL);
+    const test::AreaView view;
+    ASSERT_TRUE(test::eventually([&] {
+        int answers = 0;
+        sem_getvalue(&view.area().control.responseSem, &answers);
+        return answers == 1;
+    }));
+    expectService(*server, idle);
+    expectOrderlyEnd(*server);
+}
+
+TEST_F(IpcCrash, ClientKilledAtEveryCall_NextClientWorks) {
+    const auto server = startServer();
+    ASSERT_TRUE(server->isReady());
+    const int idle = server->process().descriptors();
+    int deaths = 0;
+    int status = -SIGKILL;
+    for (int point = 1; status == -SIGKILL; ++point) {
+        ASSERT_LT(point, 1000);
+        const auto client =
+            startClient([point] { test::dieAtPoint(point); }, [](IPCFS& fs) { return record(fs); });
+        status = client->wait();
+        ASSERT_TRUE(status == -SIGKILL || status == 0) << status << " at point " << point;
+        deaths += status == -SIGKILL;
+        SCOPED_TRACE("point " + std::to_string(point));
+        expectService(*server, idle);
+        if (HasFailure())
+            break;
+    }
+    EXPECT_GT(deaths, 40);
+    RecordProperty("deaths", deaths);
+    expectOrderlyEnd(*server);
+}
+
+// --- The server dies
+// --------------------------------------------------------------------------------
+
+struct ServerDeath {
+    const char* name;
+    std::function<void()> prepare; ///< in the server, before it runs
+    bool serves;                   ///< it dies only when it has begun to serve
+    int failingStep;               ///< of record(); 0 when it ends well, -1 without a session
+    int orStep = -1;
+};
+
+std::ostream& operator<<(std::ostream& out, const ServerDeath& death) {
+    return out << death.name;
+}
+
+class IpcServerDeath : public IpcCrash, public ::testing::WithParamInterface<ServerDeath> {};
+
+TEST_P(IpcServerDeath, NextServerWorks) {
+    const auto server = startServer(GetParam().prepare);
+    EXPECT_EQ(server->isReady(), GetParam().serves);
+    IPCFS fs;
+    if (GetParam().failingStep >= 0) {
+        const auto start = Clock::now();
+        const int step = record(fs);
+        // Once the answer is there, it depends on whether the death is seen first.
+        EXPECT_TRUE(step == GetParam().failingStep || step == GetParam().orStep) << step;
+        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 3);
+    }
+    EXPECT_EQ(GetParam().failingStep == 0 ? server->terminate() : server->process().wait(),
+              -SIGKILL);
+    const auto next = startServer();
+    ASSERT_TRUE(next->isReady());
+    const int idle = next->process().descriptors();
+    // The client of old finds its server gone, and comes back.
+    if (fs.isConnected()) {
+        struct stat st;
+        EXPECT_EQ(fs.stat("/", st), -1);
+        EXPECT_EQ(errno, ENOTCONN);
+    }
+    EXPECT_EQ(record(fs), 0);
+    expectService(*next, idle);
+    expectOrderlyEnd(*next);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , IpcServerDeath,
+    ::testing::Values(
+        ServerDeath{"InsideInitCreatingTheBlock", [] { test::dieAtCall("ftruncate", 1, true); },
+                    false, -1},
+        ServerDeath{"InsideInitHoldingTheBlock",
+                    [] { test::dieAtCall("pthread_mutex_timedlock", 1, true); }, false, -1},
+        ServerDeath{"InsideInitWithHalfOfTheMutexes",
+                    [] { test::dieAtCall("pthread_mutex_init", 3, true); }, false, -1},
+        ServerDeath{"InsideInitHoldingTheServerMutex",
+                    [] { test::dieAtCall("pthread_mutex_timedlock", 2, true); }, false, -1},
+        ServerDeath{"InsideInitResettingTheSession", [] { test::dieAtCall("sem_init", 2, true); },
+                    false, -1},
+        ServerDeath{"BeforeTheResponseToConnect", [] { test::dieAtCall("sem_post", 1, false); },
+                    true, 1},
+        ServerDeath{"AfterTheResponseToConnect", [] { test::dieAtCall("sem_post", 1, true); }, true,
+                    2, 1},
+        ServerDeath{"BeforeTheResponseToOpen", [] { test::dieAtCall("sem_post", 2, false); }, true,
+                    2},
+        ServerDeath{"AfterTheResponseToOpen", [] { test::dieAtCall("sem_post", 2, true); }, true,
+                    2},
+        // The fourth post frees the data buffer, the fifth answers.
+        ServerDeath{"HoldingADataBuffer", [] { test::dieAtCall("sem_post", 4, false); }, true, 3},
+        ServerDeath{"AfterFreeingADataBuffer", [] { test::dieAtCall("sem_post", 4, true); }, true,
+                    3},
+        ServerDeath{"InsideTearDownHoldingTheBlock",
+                    [] { test::dieAtCall("shm_unlink", 1, false); }, true, 0},
+        ServerDeath{"InsideTearDownWithTheNameGone", [] { test::dieAtCall("shm_unlink", 1, true); },
+                    true, 0},
+        ServerDeath{"InsideTearDownUnmapping", [] { test::dieAtCall("munmap", 1, false); }, true,
+                    0}),
+    [](const auto& tested) { return tested.param.name; });
+
+TEST_F(IpcCrash, ServerKilledInTheFileSystem_ClientIsToldAndTheNextServerWorks) {
+    const auto server = startServer();
+    ASSERT_TRUE(server->isReady());
+    IPCFS fs;
+    ASSERT_EQ(fs.connect(1, nullptr), 0);
+    struct stat st;
+    EXPECT_EQ(fs.stat("/trap", st), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_FALSE(fs.isConnected());
+    EXPECT_EQ(server->process().wait(), -SIGKILL);
+    const auto next = startServer();
+    ASSERT_TRUE(next->isReady());
+    const int idle = next->process().descriptors();
+    expectService(*next, idle);
+    expectOrderlyEnd(*next);
+}
+
+TEST_F(IpcCrash, ServerKilledAtEveryCall_NextServerWorks) {
+    int deaths = 0;
+    int status = -SIGKILL;
+    IPCFS fs;
+    for (int point = 1; status == -SIGKILL; ++point) {
+        ASSERT_LT(point, 1000);
+        SCOPED_TRACE("point " + std::to_string(point));
+        const auto server = startServer([point] { test::dieAtPoint(point); });
+        if (server->isReady())
+            record(fs);
+        status = server->terminate();
+        ASSERT_TRUE(status == -SIGKILL || status == 0) << status;
+        deaths += status == -SIGKILL;
+        const auto next = startServer();
+        ASSERT_TRUE(next->isReady());
+        const int idle = next->process().descriptors();
+        struct stat st;
+        if (fs.isConnected()) {
+            EXPECT_EQ(fs.stat("/", st), -1);
+        }
+        EXPECT_FALSE(fs.isConnected());
+        expectService(*next, idle);
+        expectOrderlyEnd(*next);
+        if (HasFailure())
+            break;
+    }
+    EXPECT_GT(deaths, 60);
+    RecordProperty("deaths", deaths);
+}
+
+TEST_F(IpcCrash, BothKilled_NextOnesWork) {
+    auto server = startServer();
+    ASSERT_TRUE(server->isReady());
+    const auto client =
+        startClient([] {},
+                    [](IPCFS& fs) {
+                        struct stat st;
+                        return fs.connect(1, nullptr) == 0 ? fs.stat("/hold", st) : 1;
+                    });
+    const std::string held = qPrintable(dir / "held");
+    ASSERT_TRUE(test::eventually([&] { return access(held.c_str(), F_OK) == 0; }));
+    server->process().signal(SIGKILL);
+    client->signal(SIGKILL);
+    EXPECT_EQ(client->wait(), -SIGKILL);
+    EXPECT_EQ(server->process().wait(), -SIGKILL);
+    server = startServer();
+    ASSERT_TRUE(server->isReady());
+    expectService(*server, server->process().descriptors());
+    expectOrderlyEnd(*server);
+}
+
+} // namespace oru::io

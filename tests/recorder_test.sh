@@ -11,92 +11,10 @@ if [ $# -eq 0 ]; then
     exit 2
 fi
 
-recorder=("$@")
-work=$(mktemp -d "${TMPDIR:-/tmp}/recorder-test-XXXXXX") || exit 1
-trap 'rm -rf "$work"' EXIT
-export TMPDIR=$work/tmp
-failures=0
-
-# --- what the cases are made of ---------------------------------------------------------------
-
-# Runs a command to its end; leaves its output in $work/out and $work/err, its result in $status.
-run() {
-    "$@" >"$work/out" 2>"$work/err"
-    status=$?
-}
-
-# One condition of the current case, as a command.
-expect() {
-    "$@" || problems+="  failed: $*"$'\n'
-}
-
-# Whether the summary has the row LABEL with a text that matches the extended expression PATTERN.
-has_row() {
-    grep -Eq "^$1 +($2)\$" "$work/out"
-}
-
-has_one_error_line() {
-    [ "$(wc -l <"$work/err")" -eq 1 ] && grep -Eq "^recorder: .*$1" "$work/err"
-}
-
-is_empty() {
-    [ -z "$(ls -A "$1")" ]
-}
-
-contains_only() {
-    local directory=$1
-    shift
-    [ "$(ls -A "$directory")" = "$(printf '%s\n' "$@")" ]
-}
-
-has_size() {
-    [ "$(stat -c %s "$1")" -eq "$2" ]
-}
-
-has_text() {
-    [ "$(cat "$1")" = "$2" ]
-}
-
-expect_success() {
-    expect [ "$status" -eq 0 ]
-    expect [ ! -s "$work/err" ]
-    expect has_row verified yes
-}
-
-# $1 exit status, $2 pattern of the one line on standard error.
-expect_error() {
-    expect [ "$status" -eq "$1" ]
-    expect has_one_error_line "$2"
-}
-
-# Waits until the file $1 has $2 bytes, at most ten seconds.
-wait_for_bytes() {
-    local deadline=$((SECONDS + 10))
-    until [ "$(stat -c %s "$1" 2>/dev/null || echo 0)" -ge "$2" ]; do
-        [ "$SECONDS" -lt "$deadline" ] || return 1
-        sleep 0.02
-    done
-}
-
-# Runs the case function $1 in a fresh directory $clips.
-run_case() {
-    problems='' skipped=''
-    clips=$work/$1
-    mkdir -p "$clips" "$TMPDIR"
-    "$1"
-    rm -rf "$clips" "$TMPDIR"
-    if [ -n "$skipped" ]; then
-        echo "ok $1 # SKIP $skipped"
-    elif [ -z "$problems" ]; then
-        echo "ok $1"
-    else
-        failures=$((failures + 1))
-        echo "not ok $1"
-        printf '%s' "$problems"
-        sed 's/^/  stdout: /' "$work/out"
-        sed 's/^/  stderr: /' "$work/err"
-    fi
-}
+# By its absolute path: one case runs it in another directory.
+recorder=("${@:1:$#-1}" "$(realpath "${!#}")")
+# shellcheck source=tests/support/cases.sh
+source "$(dirname "$0")/support/cases.sh"
 
 # Runs the recorder with the arguments from $2 on, on a tmpfs with the mount options $1 at $clips,
 # in a mount namespace of its own. Leaves the names of the files there in $work/left.
@@ -243,6 +161,13 @@ file_as_directory_is_reported() {
     expect_error 1 "cannot use $clips/file: Not a directory"
 }
 
+directory_called_ipc_is_reached_by_a_path() {
+    mkdir "$clips/ipc"
+    run env -C "$clips" "${recorder[@]}" --to ./ipc --size 1K
+    expect_success
+    expect contains_only "$clips/ipc" clip-0001.oru
+}
+
 existing_clip_is_refused() {
     echo precious >"$clips/clip.oru"
     run "${recorder[@]}" --to "$clips" --name clip.oru --size 1M
@@ -284,15 +209,13 @@ bad_arguments_are_refused() {
         expect is_empty "$clips"
     done
     run "${recorder[@]}" --to ''
-    expect_error 2 "--to must be a directory, not ''"
+    expect_error 2 "--to must be a directory or ipc, not ''"
 }
 
-for case in help_is_printed ordinary_run_leaves_a_verified_clip size_need_not_be_whole_frames \
+run_cases help_is_printed ordinary_run_leaves_a_verified_clip size_need_not_be_whole_frames \
     clips_are_numbered temporary_directory_is_removed temporary_directory_is_kept_on_demand \
     time_and_rate_are_honoured signal_leaves_a_verified_clip changed_clip_is_not_verified \
     full_disk_is_reported read_only_destination_is_reported missing_directory_is_reported \
-    file_as_directory_is_reported existing_clip_is_refused clip_of_another_recorder_is_refused \
-    file_made_meanwhile_is_not_replaced bad_arguments_are_refused; do
-    run_case $case
-done
-[ "$failures" -eq 0 ]
+    file_as_directory_is_reported directory_called_ipc_is_reached_by_a_path \
+    existing_clip_is_refused clip_of_another_recorder_is_refused \
+    file_made_meanwhile_is_not_replaced bad_arguments_are_refused

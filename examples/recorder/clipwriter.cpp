@@ -1,6 +1,6 @@
 #include "clipwriter.h"
 
-#include "failure.h"
+#include "common/failure.h"
 
 #include <oruio/error.h>
 #include <oruio/fdadapter.h>

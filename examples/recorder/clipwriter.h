@@ -12,7 +12,7 @@
 #include <memory>
 
 /// Writes a clip under NAME.part; finish() gives it its name. A clip that is not finished leaves
-/// nothing behind.
+/// nothing behind, unless the storage itself is out of reach by then.
 ///
 /// All functions throw Failure.
 class ClipWriter {

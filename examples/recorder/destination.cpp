@@ -1,17 +1,20 @@
 #include "destination.h"
 
-#include "failure.h"
+#include "common/failure.h"
+#include "common/localdirectory.h"
 
+#include <oruio/fsipc.h>
 #include <oruio/fsswitch.h>
-#include <oruio/posixfs.h>
 
 #include <QDir>
-
-#include <cerrno>
 
 namespace {
 
 const QString mountPoint = QStringLiteral("/media/clip-dest");
+const QString fileServer = QStringLiteral("ipc");
+
+/// A recorder that has just been killed may still be in the way at the first attempt.
+constexpr unsigned int connectTries = 2;
 
 std::unique_ptr<QTemporaryDir> makeTemporaryDirectory(bool keep) {
     auto directory = std::make_unique<QTemporaryDir>(QDir::tempPath() + "/recorder-XXXXXX");
@@ -21,15 +24,11 @@ std::unique_ptr<QTemporaryDir> makeTemporaryDirectory(bool keep) {
     return directory;
 }
 
-/// The local directory `path` as a file system; its own paths begin with the slash behind it.
-QSharedPointer<oru::io::FS> openLocal(const QString& path) {
-    QString root = path;
-    while (root.endsWith('/'))
-        root.chop(1);
-    auto fs = oru::io::PosixFS::SPtr::create(root);
-    struct stat st;
-    if (fs->stat(QStringLiteral("/"), st) != 0)
-        throw cannot("use " + path);
+/// Begins a session with the file server. Whoever lets go of the file system ends it.
+QSharedPointer<oru::io::FS> connectToFileServer() {
+    auto fs = oru::io::IPCFS::SPtr::create();
+    if (fs->connect(connectTries, nullptr) != 0)
+        throw cannot("connect to the file server (none runs, or it has another client)");
     return fs;
 }
 
@@ -38,7 +37,8 @@ QSharedPointer<oru::io::FS> openLocal(const QString& path) {
 Destination::Destination(const QString& text, bool keep)
     : m_temporary(text.isEmpty() ? makeTemporaryDirectory(keep) : nullptr),
       m_shown(m_temporary ? m_temporary->path() : text) {
-    oru::io::FSSwitch::rootfs()->add(mountPoint, openLocal(m_shown));
+    oru::io::FSSwitch::rootfs()->add(mountPoint, text == fileServer ? connectToFileServer()
+                                                                    : openLocalDirectory(m_shown));
 }
 
 Destination::~Destination() {

@@ -11,9 +11,12 @@
 /// A file system, mounted in the root switch for as long as this object lives.
 class Destination {
 public:
-    /// Mounts what `text` names: a local directory; or, if it is empty, a temporary directory,
-    /// which is removed at the end unless `keep` is set. Throws Failure when there is no such
-    /// thing.
+    /// Mounts what `text` names: "ipc", what the file server of this system exports; a local
+    /// directory; or, if it is empty, a temporary directory, which is removed at the end unless
+    /// `keep` is set. Throws Failure when there is no such thing.
+    ///
+    /// The session with a file server belongs to the calling thread: it should also be the one that
+    /// destroys this object. All use of the file system must be one call at a time.
     Destination(const QString& text, bool keep);
     ~Destination();
 

@@ -1,26 +1,17 @@
 // A small media recorder: records a generated stream through liboruio and verifies the clip.
+#include "common/failure.h"
+#include "common/program.h"
+#include "common/stopsignal.h"
 #include "destination.h"
-#include "failure.h"
 #include "options.h"
 #include "recorder.h"
-#include "stopsignal.h"
 #include "summary.h"
-
-#include <QCoreApplication>
 
 #include <cstdio>
 
 namespace {
 
-/// The arguments as UTF-8, whatever the locale: that is how the library takes paths.
-QStringList utf8Arguments(int argc, char* argv[]) {
-    QStringList arguments;
-    for (int i = 0; i < argc; ++i)
-        arguments.append(QString::fromUtf8(argv[i]));
-    return arguments;
-}
-
-void run(const Options& options) {
+void recordAndVerify(const Options& options) {
     stopsignal::install();
     const Destination destination(options.destination, options.keep);
     const Recording recording = record(destination, options);
@@ -35,26 +26,16 @@ void run(const Options& options) {
         throw Failure{destination.shown(name) + " reads differently from what was written"};
 }
 
-int complain(const QString& message, int status) {
-    std::fprintf(stderr, "recorder: %s\n", qUtf8Printable(message));
-    return status;
+void run(const QStringList& arguments) {
+    const Options options = parseOptions(arguments);
+    if (options.help.isEmpty())
+        recordAndVerify(options);
+    else
+        std::fputs(qUtf8Printable(options.help), stdout);
 }
 
 } // namespace
 
 int main(int argc, char* argv[]) {
-    const QStringList arguments = utf8Arguments(argc, argv);
-    const QCoreApplication application(argc, argv);
-    try {
-        const Options options = parseOptions(arguments);
-        if (options.help.isEmpty())
-            run(options);
-        else
-            std::fputs(qUtf8Printable(options.help), stdout);
-        return 0;
-    } catch (const UsageError& error) {
-        return complain(error.message + " (--help explains)", 2);
-    } catch (const Failure& failure) {
-        return complain(failure.message, 1);
-    }
+    return runProgram("recorder", argc, argv, run);
 }

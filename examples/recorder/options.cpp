@@ -1,6 +1,6 @@
 #include "options.h"
 
-#include "failure.h"
+#include "common/failure.h"
 
 #include <QCommandLineParser>
 
@@ -24,8 +24,9 @@ void declareOptions(QCommandLineParser& parser) {
     parser.addOptions({
         {{"h", "help"}, "Show this help."},
         {"to",
-         "Where the clip goes: a local directory. Default: a temporary directory, removed "
-         "at the end.",
+         "Where the clip goes: a local directory; or ipc, whatever the file_server on this "
+         "system exports (a directory of this name is ./ipc). Default: a temporary directory, "
+         "removed at the end.",
          "DEST"},
         {"keep", "Keep the temporary directory. What goes to an explicit --to is always kept."},
         {"name",
@@ -76,7 +77,7 @@ QString parseName(const QString& value) {
 
 QString parseDestination(const QString& value) {
     if (value.isEmpty())
-        reject("to", value, "a directory");
+        reject("to", value, "a directory or ipc");
     return value;
 }
 

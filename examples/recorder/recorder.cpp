@@ -1,8 +1,8 @@
 #include "recorder.h"
 
-#include "failure.h"
+#include "common/failure.h"
+#include "common/stopsignal.h"
 #include "progress.h"
-#include "stopsignal.h"
 #include "stream.h"
 
 #include <oruio/error.h>

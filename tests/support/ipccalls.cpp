@@ -4,7 +4,8 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
-#include <mutex>
+#include <string>
+#include <utility>
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -39,6 +40,8 @@ struct Plan {
 
 Plan death;
 Plan failure;
+Plan action;
+std::function<void()> actionToRun;
 std::atomic<bool> diesAfter{false};
 std::atomic<int> failureError{0};
 
@@ -62,6 +65,8 @@ bool fails(const char* function) {
 /// Makes the call, with what is planned for it.
 template <class Result, class Call>
 Result watched(const char* function, Result failed, Call call) {
+    if (action.isDue(function))
+        actionToRun();
     const bool isDue = death.isDue(function);
     if (isDue && !diesAfter)
         die();
@@ -93,6 +98,11 @@ int pointsPassed() {
 void dieAtCall(const char* function, int count, bool after) {
     diesAfter = after;
     death.set(function, count);
+}
+
+void atCall(const char* function, int count, std::function<void()> run) {
+    actionToRun = std::move(run);
+    action.set(function, count);
 }
 
 void failCall(const char* function, int count, int error) {

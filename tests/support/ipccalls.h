@@ -3,7 +3,7 @@
 // call fail, or shortens waits.
 #pragma once
 
-#include <string>
+#include <functional>
 
 namespace oru::io::test {
 
@@ -16,6 +16,9 @@ int pointsPassed();
 
 /// Kills this process at the `count`-th call of `function` from now on, before or after the call.
 void dieAtCall(const char* function, int count, bool after);
+
+/// Runs `action` before the `count`-th call of `function` from now on.
+void atCall(const char* function, int count, std::function<void()> action);
 
 /// The `count`-th call of `function` from now on fails with `error`.
 void failCall(const char* function, int count, int error);

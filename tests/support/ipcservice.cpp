@@ -154,14 +154,17 @@ int ServerProcess::serve(const std::function<QSharedPointer<FS>()>& makeFs,
 }
 
 bool ServerProcess::isReady() {
+    // Until the child has closed its end.
     char ready;
-    m_isReady = m_isReady || ::read(m_readiness[0], &ready, 1) == 1;
+    while (::read(m_readiness[0], &ready, 1) == 1)
+        m_isReady = true;
     return m_isReady;
 }
 
 int ServerProcess::terminate() {
     ::close(m_commands[1]);
     m_commands[1] = -1;
+    messages();
     return m_process->wait();
 }
 

@@ -1,6 +1,8 @@
 // The messages that the library logs while a test looks on.
 #pragma once
 
+#include "qtprint.h"
+
 #include <QMutex>
 #include <QStringList>
 

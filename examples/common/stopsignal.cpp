@@ -3,6 +3,8 @@
 #include <atomic>
 #include <csignal>
 
+#include <semaphore.h>
+
 namespace stopsignal {
 
 namespace {
@@ -10,13 +12,17 @@ namespace {
 std::atomic<bool> requested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may not take a lock");
 
+sem_t arrival; // of the few ways to wake a thread up, one that a signal handler may use
+
 void request(int) {
     requested = true;
+    sem_post(&arrival);
 }
 
 } // namespace
 
 void install() {
+    sem_init(&arrival, 0, 0);
     struct sigaction action = {};
     action.sa_handler = request;
     action.sa_flags = SA_RESTART;
@@ -31,6 +37,12 @@ bool isRequested() {
 
 void clear() {
     requested = false;
+}
+
+void wait() {
+    // The semaphore may have been posted for a request that was cleared.
+    while (!requested)
+        sem_wait(&arrival);
 }
 
 } // namespace stopsignal

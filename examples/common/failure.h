@@ -1,4 +1,4 @@
-// How the recorder gives up: with one line that tells the user why.
+// How an example program gives up: with one line that tells the user why.
 #pragma once
 
 #include <QString>
