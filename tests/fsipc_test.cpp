@@ -19,11 +19,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -248,13 +250,15 @@ TEST(ShmBlock, LockHeldElsewhere_TryLockFailsLockWaits) {
     ShmBlock block("t-held", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     ShmBlock other("t-held", 100, 0);
     ASSERT_NE(block.lock(), nullptr);
+    std::atomic<bool> hasTried{false};
     std::thread thread([&] {
         EXPECT_EQ(other.tryLock(), nullptr);
         EXPECT_EQ(other.unlock(), EPERM);
+        hasTried = true;
         EXPECT_NE(other.lock(), nullptr);
         EXPECT_EQ(other.unlock(), 0);
     });
-    std::this_thread::yield();
+    EXPECT_TRUE(test::eventually([&] { return hasTried.load(); }));
     EXPECT_EQ(block.unlock(), 0);
     thread.join();
 }
@@ -1165,6 +1169,7 @@ public:
     }
     /// The answer to the next request, as it stands in the area; then "0,0,0" again.
     void answer(const QByteArray& bytes) {
+        const std::lock_guard lock(m_mutex);
         m_answer = bytes;
     }
     /// Takes requests and answers none.
@@ -1173,6 +1178,7 @@ public:
     }
     /// The last request.
     QByteArray request() {
+        const std::lock_guard lock(m_mutex);
         return m_request.bytes;
     }
 
@@ -1181,6 +1187,7 @@ private:
         pthread_mutex_lock(&area().control.serverMutex);
         sem_post(&m_started);
         while (waitFor(area().control.requestSem, nullptr) == 0 && !m_ends) {
+            const std::lock_guard lock(m_mutex);
             if (!take(area(), m_request) || m_isSilent)
                 continue;
             const QByteArray bytes = m_answer.isNull() ? QByteArray("0,0,0", 6) : m_answer;
@@ -1196,6 +1203,7 @@ private:
     }
 
     ShmBlock m_block{blockName, areaSize, ShmBlock::Create | ShmBlock::RemoveAtClose};
+    std::mutex m_mutex; // guards m_request and m_answer
     Text m_request = {};
     QByteArray m_answer;
     std::atomic<bool> m_ends{false};

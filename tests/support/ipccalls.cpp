@@ -12,6 +12,9 @@
 #include <sys/mman.h>
 #include <sys/types.h>
 #include <unistd.h>
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 namespace oru::io::test {
 
@@ -125,7 +128,8 @@ using oru::io::test::fails;
 using oru::io::test::watched;
 using oru::io::test::watchedNumber;
 
-// The linker passes the calls of the sources here: --wrap.
+// The linker passes the calls of the sources here: --wrap. It wants to see them from outside.
+#pragma GCC visibility push(default)
 extern "C" {
 
 int __real_shm_open(const char* name, int flags, mode_t mode);
@@ -185,8 +189,16 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
 
 int __real_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline);
 int __wrap_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline) {
-    return watchedNumber("pthread_mutex_timedlock",
-                         [=] { return __real_pthread_mutex_timedlock(mutex, deadline); });
+    const int error = watchedNumber(
+        "pthread_mutex_timedlock", [=] { return __real_pthread_mutex_timedlock(mutex, deadline); });
+#if defined(__SANITIZE_THREAD__)
+    // The sanitizer does not know that this, too, is a lock.
+    if (error == EOWNERDEAD) {
+        __tsan_mutex_pre_lock(mutex, __tsan_mutex_try_lock);
+        __tsan_mutex_post_lock(mutex, __tsan_mutex_try_lock, 0);
+    }
+#endif
+    return error;
 }
 
 int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
@@ -249,3 +261,4 @@ int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
     return __real_sem_timedwait(semaphore, isLater ? deadline : &earliest);
 }
 }
+#pragma GCC visibility pop
