@@ -9,33 +9,91 @@
 
 namespace {
 
+/// Begins the error message of a benchmark that was left out.
+constexpr char leftOut[] = "left out: ";
+
 double median(std::vector<double> values) {
     const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
     std::nth_element(values.begin(), middle, values.end());
     return *middle;
 }
 
+/// What a run measured, in the unit that it is shown in.
+double result(const benchmark::BenchmarkReporter::Run& run) {
+    const auto resident = run.counters.find(residentCounter);
+    if (resident != run.counters.end())
+        return resident->second;
+    const auto speed = run.counters.find("bytes_per_second");
+    if (speed != run.counters.end())
+        return speed->second / (1 << 20);
+    const bool real = run.run_name.time_type == "real_time";
+    const double time = real ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
+    return time / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
+}
+
+const char* unitOf(const Target& target) {
+    switch (target.kind) {
+    case Target::SpeedAtLeast:
+        return "MiB/s";
+    case Target::MemoryAtMost:
+        return "KiB";
+    default:
+        return "ns";
+    }
+}
+
+bool isDifference(const Target& target) {
+    return target.kind == Target::DifferenceAtMost || target.kind == Target::MemoryAtMost;
+}
+
+const char* relation(const Target& target) {
+    switch (target.kind) {
+    case Target::RatioAbove:
+        return "above";
+    case Target::SpeedAtLeast:
+        return "at least";
+    default:
+        return "at most";
+    }
+}
+
 double value(const Target& target, double measured, double reference) {
-    return target.kind == Target::DifferenceAtMost ? measured - reference : measured / reference;
+    return isDifference(target) ? measured - reference : measured / reference;
 }
 
 bool isMet(const Target& target, double value) {
-    return target.kind == Target::RatioAbove ? value > target.limit : value <= target.limit;
+    switch (target.kind) {
+    case Target::RatioAbove:
+        return value > target.limit;
+    case Target::SpeedAtLeast:
+        return value >= target.limit;
+    default:
+        return value <= target.limit;
+    }
+}
+
+std::string number(const char* format, double value, const char* unit) {
+    char text[32];
+    std::snprintf(text, sizeof text, format, value);
+    return *unit ? std::string(text) + ' ' + unit : text;
 }
 
 void printRow(const Target& target, double measured, double reference) {
     const double result = value(target, measured, reference);
-    const bool isDifference = target.kind == Target::DifferenceAtMost;
-    char resultText[32];
-    char limitText[32];
-    std::snprintf(resultText, sizeof resultText, isDifference ? "%.1f ns" : "%.3f", result);
-    std::snprintf(limitText, sizeof limitText, isDifference ? "%s %g ns" : "%s %g",
-                  target.kind == Target::RatioAbove ? "above" : "at most", target.limit);
-    std::printf("| %-68s | %9.1f | %9.1f | %9s | %-15s | %-7s |\n", target.what, measured,
-                reference, resultText, limitText, isMet(target, result) ? "met" : "MISSED");
+    const char* const unit = unitOf(target);
+    const char* const resultUnit = isDifference(target) ? unit : "";
+    const std::string limit = relation(target) + (' ' + number("%g", target.limit, resultUnit));
+    std::printf("| %-68s | %13s | %13s | %10s | %-16s | %-7s |\n", target.what,
+                number("%.1f", measured, unit).c_str(), number("%.1f", reference, unit).c_str(),
+                number(isDifference(target) ? "%.1f" : "%.3f", result, resultUnit).c_str(),
+                limit.c_str(), isMet(target, result) ? "met" : "MISSED");
 }
 
 } // namespace
+
+void leaveOut(benchmark::State& state, const std::string& why) {
+    state.SkipWithError((leftOut + why).c_str());
+}
 
 bool Report::ReportContext(const Context& context) {
     if (!m_contextIsShown)
@@ -46,32 +104,36 @@ bool Report::ReportContext(const Context& context) {
 
 void Report::ReportRuns(const std::vector<Run>& runs) {
     for (const Run& run : runs) {
-        if (run.error_occurred) {
-            GetErrorStream() << run.benchmark_name().c_str() << ": " << run.error_message << '\n';
-            m_hasErrors = true;
-        } else if (run.run_type == Run::RT_Iteration) {
-            const bool real = run.run_name.time_type == "real_time";
-            const double time = real ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
-            const double perSecond = benchmark::GetTimeUnitMultiplier(run.time_unit);
-            m_nanoseconds[run.run_name.function_name].push_back(time / perSecond * 1e9);
-        }
+        if (run.error_occurred)
+            reportError(run);
+        else if (run.run_type == Run::RT_Iteration)
+            m_results[run.run_name.function_name].push_back(result(run));
+    }
+}
+
+void Report::reportError(const Run& run) {
+    if (run.error_message.rfind(leftOut, 0) != 0) {
+        GetErrorStream() << run.benchmark_name().c_str() << ": " << run.error_message << '\n';
+        m_hasErrors = true;
+    } else if (m_leftOut.insert(run.error_message).second) {
+        GetErrorStream() << run.error_message << '\n';
     }
 }
 
 void Report::printTargets() const {
-    std::printf("| %-68s | %9s | %9s | %-9s | %-15s | %-7s |\n", "what", "ns", "beside ns",
+    std::printf("| %-68s | %13s | %13s | %-10s | %-16s | %-7s |\n", "what", "measured", "beside",
                 "result", "target", "verdict");
     std::puts("|---|---:|---:|---:|---|---|");
     for (const Target& target : targets()) {
-        const auto measured = m_nanoseconds.find(target.measured);
-        const auto reference = m_nanoseconds.find(target.reference);
-        if (measured != m_nanoseconds.end() && reference != m_nanoseconds.end())
+        const auto measured = m_results.find(target.measured);
+        const auto reference = m_results.find(target.reference);
+        if (measured != m_results.end() && reference != m_results.end())
             printRow(target, median(measured->second), median(reference->second));
     }
 }
 
 bool Report::hasResults() const {
-    return !m_nanoseconds.empty();
+    return !m_results.empty();
 }
 
 bool Report::hasErrors() const {

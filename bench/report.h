@@ -4,11 +4,18 @@
 #include <benchmark/benchmark.h>
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
-/// Collects the time that each benchmark took in each round: processor time, or real time where the
-/// benchmark asks for that.
+/// The user counter of a benchmark that measures memory, in KiB.
+constexpr char residentCounter[] = "resident";
+
+/// Ends a benchmark that cannot run on this machine, which is no error. `why` is shown once.
+void leaveOut(benchmark::State& state, const std::string& why);
+
+/// Collects what each benchmark measured in each round: memory; else bytes per second, where it
+/// counts bytes; else nanoseconds, of processor time, or of real time where it asks for that.
 class Report : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context& context) override;
@@ -19,11 +26,14 @@ public:
 
     /// Whether anything was measured: not so if the benchmarks were only listed, or none selected.
     bool hasResults() const;
-    /// Whether a benchmark could not run.
+    /// Whether a benchmark failed.
     bool hasErrors() const;
 
 private:
-    std::map<std::string, std::vector<double>> m_nanoseconds;
+    void reportError(const Run& run);
+
+    std::map<std::string, std::vector<double>> m_results;
+    std::set<std::string> m_leftOut;
     bool m_contextIsShown = false;
     bool m_hasErrors = false;
 };

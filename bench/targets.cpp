@@ -20,6 +20,22 @@ const std::vector<Target>& targets() {
          Target::RatioAbove, 1},
         {"log message below the threshold - empty call", "log/dropped", "log/empty_call",
          Target::DifferenceAtMost, 5},
+        {"`lseek` over IPC / two semaphores between the same processes", "exchange/ipc",
+         "exchange/semaphores", Target::RatioAtMost, 1.4},
+        {"`stat` over IPC / through a FUSE pass-through without caches", "stat/ipc", "stat/bindfs",
+         Target::RatioAtMost, 0.6},
+        {"`open` and `close` over IPC / the same way", "open_close/ipc", "open_close/bindfs",
+         Target::RatioAtMost, 0.8},
+        {"`read` of 1 MiB over IPC, on one processor / `pread` and a copy", "read_1m/ipc_together",
+         "read_1m/copied", Target::SpeedAtLeast, 0.8},
+        {"`read` of 1 MiB over IPC, between two processors / the same", "read_1m/ipc_apart",
+         "read_1m/copied", Target::SpeedAtLeast, 0.8},
+        {"`write` of 1 MiB over IPC, on one processor / a copy and `pwrite`",
+         "write_1m/ipc_together", "write_1m/copied", Target::SpeedAtLeast, 0.8},
+        {"`write` of 1 MiB over IPC, between two processors / the same", "write_1m/ipc_apart",
+         "write_1m/copied", Target::SpeedAtLeast, 0.8},
+        {"memory of an idle server, less the block - of an empty Qt program", "resident/server",
+         "resident/empty", Target::MemoryAtMost, 1024},
     };
     return all;
 }

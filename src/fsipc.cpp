@@ -609,7 +609,7 @@ int IPCFS::Data::getResponse(const char** payload) {
 int IPCFS::Data::awaitResponse(const char** payload) {
     struct timespec deadline;
     IPCShm::setTimeout(&deadline, answerTimeoutMs);
-    if (waitFor(area().control.responseSem, &deadline) != 0) {
+    if (m_waiter.wait(area().control.responseSem, &deadline) != 0) {
         ORUIO_LOG(LogDebug, "Response wait error: %s. Disconnecting.", std::strerror(errno));
         leave();
         return refused(ENOTCONN);
@@ -625,7 +625,8 @@ int IPCFS::Data::parseResponse(const char** payload) {
     int libraryError = 0;
     FieldReader header(m_response.bytes);
     header.number(result).separator(',').number(systemError).separator(',').number(libraryError);
-    if (!header.isGood() || !(header.atEnd() || *header.rest() == ' ') || libraryError < Ok) {
+    const bool isWhole = header.isGood() && (header.atEnd() || *header.rest() == ' ');
+    if (!isWhole || result < -1 || libraryError < Ok) {
         ORUIO_LOG(LogDebug, "Malformed response '%s'", m_response.bytes);
         return refused(EBADMSG);
     }
@@ -988,7 +989,7 @@ long long IPCFS::Data::File::lseek(long long offset, int whence) {
     if (!isValid() || m_data->call(&payload, op::lseek, args::lseek, m_fd, offset, whence) != 0)
         return -1;
     long long position = -1;
-    if (!FieldReader(payload).number(position).isGood())
+    if (!FieldReader(payload).number(position).isGood() || position < 0)
         return refused(EBADMSG);
     return position;
 }

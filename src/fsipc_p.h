@@ -82,6 +82,7 @@ private:
 
     bool m_holdsClientMutex = false;
     ipcwire::Text m_response;
+    ipcwire::Waiter m_waiter;
 };
 
 /// A descriptor of the server.

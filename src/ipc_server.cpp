@@ -31,6 +31,8 @@ constexpr int otherServerTimeoutMs = 100;
 constexpr int terminateTimeoutMs = 10'000;
 /// The buffers are locked for moments only.
 constexpr int resetTimeoutMs = 100;
+/// As much as a message shows of an area that the client may be writing to.
+constexpr int shownBytes = textSize;
 /// How often to begin anew when others begin at the same time.
 constexpr int initTries = 5;
 
@@ -391,11 +393,11 @@ int IPCServer::Data::getRequest(IPCShm* from) {
         int result;
         if (isClientConnected()) {
             const struct timespec deadline = inMs(clientPollMs);
-            result = waitFor(requestSem, &deadline);
+            result = m_waiter.wait(requestSem, &deadline);
             if (result != 0 && errno == ETIMEDOUT && (DBG_MASK & TraceLifecycle))
                 ORUIO_LOG(LogDebug, "Poll for active client");
         } else {
-            result = waitFor(requestSem, nullptr);
+            result = m_waiter.wait(requestSem, nullptr);
         }
         if (result == 0)
             break;
@@ -432,7 +434,7 @@ int IPCServer::Data::sendResponse(IPCShm* to, int result, const char* format, ..
     }
     const int sent = used < textSize ? 0 : replaceTooLong(to);
     if (DBG_MASK & TraceServer)
-        ORUIO_LOG(LogDebug, "Send response '%s'", text);
+        ORUIO_LOG(LogDebug, "Send response '%.*s'", shownBytes, text);
     sem_post(&areaOf(to).control.responseSem);
     return sent;
 }
@@ -447,7 +449,8 @@ int IPCServer::Data::sendBufResponse(IPCShm* to, int result, const void* data,
     else
         sent = replaceTooLong(to);
     if (DBG_MASK & TraceServer)
-        ORUIO_LOG(LogDebug, "Send BufResponse %s + %zu bytes", text, std::size_t{length});
+        ORUIO_LOG(LogDebug, "Send BufResponse %.*s + %zu bytes", shownBytes, text,
+                  std::size_t{length});
     sem_post(&areaOf(to).control.responseSem);
     return sent;
 }

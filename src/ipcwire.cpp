@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include <sched.h>
@@ -25,9 +26,15 @@ bool names(const Text& request, const char* name) {
            (request.bytes[length] == '\0' || request.bytes[length] == ' ');
 }
 
-/// The other end usually answers within the time that putting a processor to sleep and waking it up
-/// takes. So before a wait there is a moment in which this thread only makes way for others.
-constexpr int polls = 100;
+using Clock = std::chrono::steady_clock;
+
+/// About what a request for a whole data buffer takes.
+constexpr auto pollTime = std::chrono::microseconds(300);
+/// Longer than that, somebody else had the processor.
+constexpr auto longestYield = std::chrono::microseconds(250);
+constexpr unsigned int mostSkipped = 4096;
+/// So many good polls in a row, and the processor is not busy any more: while it is, some are good.
+constexpr unsigned int enoughGood = 4096;
 
 /// Copies `length` bytes to the place `at` of a text, which ends there.
 void copy(Text& text, const char* from, std::size_t length, std::size_t at) {
@@ -189,16 +196,40 @@ int lockShared(pthread_mutex_t& mutex, const struct timespec* deadline) {
 }
 
 int waitFor(sem_t& semaphore, const struct timespec* deadline) {
-    for (int i = 0; i < polls; ++i) {
-        if (sem_trywait(&semaphore) == 0)
-            return 0;
-        sched_yield();
-    }
     int result;
     do
         result = deadline ? sem_timedwait(&semaphore, deadline) : sem_wait(&semaphore);
     while (result != 0 && errno == EINTR);
     return result;
+}
+
+int Waiter::wait(sem_t& semaphore, const struct timespec* deadline) {
+    if (m_toSkip > 0)
+        --m_toSkip;
+    else if (poll(semaphore))
+        return 0;
+    return waitFor(semaphore, deadline);
+}
+
+bool Waiter::poll(sem_t& semaphore) {
+    const auto start = Clock::now();
+    bool isTaken = sem_trywait(&semaphore) == 0;
+    auto now = start;
+    while (!isTaken && now - start < pollTime) {
+        const auto before = now;
+        sched_yield();
+        isTaken = sem_trywait(&semaphore) == 0;
+        now = Clock::now();
+        if (now - before > longestYield) {
+            m_toSkip = m_skipped;
+            m_skipped = std::min(2 * m_skipped, mostSkipped);
+            m_goodPolls = 0;
+            return isTaken;
+        }
+    }
+    if (++m_goodPolls == enoughGood)
+        m_skipped = fewestSkipped;
+    return isTaken;
 }
 
 } // namespace oru::io::ipcwire

@@ -5,11 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
+
+#include <semaphore.h>
 
 namespace oru::io {
 
@@ -256,6 +260,64 @@ TEST(IpcFields, Pointer_AsPrinted) {
         EXPECT_FALSE(FieldReader(bad).pointer(read).isGood()) << bad;
         EXPECT_EQ(read, nullptr) << bad;
     }
+}
+
+class IpcWaiter : public ::testing::Test {
+protected:
+    IpcWaiter() {
+        sem_init(&semaphore, 0, 0);
+    }
+
+    static struct timespec in(int ms) {
+        struct timespec time;
+        clock_gettime(CLOCK_REALTIME, &time);
+        time.tv_sec += ms / 1000;
+        return time;
+    }
+
+    sem_t semaphore;
+    Waiter waiter;
+};
+
+TEST_F(IpcWaiter, Posted_TakenOnce) {
+    const struct timespec past = in(0);
+    sem_post(&semaphore);
+    EXPECT_EQ(waiter.wait(semaphore, &past), 0);
+    EXPECT_EQ(waiter.wait(semaphore, &past), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+}
+
+TEST_F(IpcWaiter, PostedAfterTheMomentOfPolling_Taken) {
+    for (int i = 0; i < 20; ++i) {
+        std::thread poster([this, i] {
+            std::this_thread::sleep_for(std::chrono::microseconds(100 * i));
+            sem_post(&semaphore);
+        });
+        const struct timespec deadline = in(10'000);
+        EXPECT_EQ(waiter.wait(semaphore, i % 2 ? &deadline : nullptr), 0);
+        poster.join();
+    }
+}
+
+TEST_F(IpcWaiter, ManyWaits_NoneLost) {
+    constexpr int rounds = 20'000;
+    sem_t answer;
+    sem_init(&answer, 0, 0);
+    std::thread other([&] {
+        Waiter others;
+        for (int i = 0; i < rounds; ++i) {
+            EXPECT_EQ(others.wait(semaphore, nullptr), 0);
+            sem_post(&answer);
+        }
+    });
+    for (int i = 0; i < rounds; ++i) {
+        sem_post(&semaphore);
+        ASSERT_EQ(waiter.wait(answer, nullptr), 0);
+    }
+    other.join();
+    int left = -1;
+    sem_getvalue(&answer, &left);
+    EXPECT_EQ(left, 0);
 }
 
 } // namespace oru::io

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <limits>
 
 #include <fcntl.h>
 
@@ -41,6 +42,42 @@ ORUIO_CONFORMS(FaultFSWithoutFaults, [] {
     backend.can = memCapabilities();
     return backend;
 });
+
+TEST(MemFS, FileBeyondItsLargestSize_EFBIG) {
+    constexpr long long largest = std::numeric_limits<long long>::max();
+    MemFS fs;
+    const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
+    ASSERT_TRUE(file);
+    ASSERT_EQ(file->pwrite("abc", 3, 0), 3);
+    errno = 0;
+    EXPECT_EQ(file->ftruncate(largest), -1);
+    EXPECT_EQ(errno, EFBIG);
+    errno = 0;
+    EXPECT_EQ(fs.truncate("/f", largest), -1);
+    EXPECT_EQ(errno, EFBIG);
+    errno = 0;
+    EXPECT_EQ(file->pwrite("abc", 3, largest - 1), -1);
+    EXPECT_EQ(errno, EFBIG);
+    struct stat st;
+    EXPECT_EQ(file->fstat(st), 0);
+    EXPECT_EQ(st.st_size, 3);
+}
+
+TEST(MemFS, DirectoryIntoItself_EINVALHoweverTheWayIsSpelled) {
+    MemFS fs;
+    ASSERT_EQ(fs.mkdir("/a", 0755), 0);
+    ASSERT_EQ(fs.mkdir("/a/b", 0755), 0);
+    ASSERT_EQ(fs.symlink("a/b", "/l"), 0);
+    for (const char* to : {"/a/x", "/a/b/x", "a/x", "//a/b/../x", "/l/x"}) {
+        errno = 0;
+        EXPECT_EQ(fs.rename("/a", to), -1) << to;
+        EXPECT_EQ(errno, EINVAL) << to;
+    }
+    struct stat st;
+    EXPECT_EQ(fs.stat("/a/b", st), 0);
+    EXPECT_EQ(fs.rename("/a", "/ab"), 0);
+    EXPECT_EQ(fs.stat("/ab/b", st), 0);
+}
 
 TEST(FaultFS, NthCall_FailsOnceAndDoesNothing) {
     FaultFS fs(QSharedPointer<MemFS>::create());

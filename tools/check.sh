@@ -86,10 +86,11 @@ tidy() {
 }
 
 check_tidy() {
-    build dev && configure bench || return 1
+    build dev && configure bench && configure fuzz || return 1
     local failed=0
     tidy dev . || failed=1
     tidy bench "^$root/bench/" || failed=1
+    tidy fuzz "^$root/tests/fuzz/" || failed=1
     return "$failed"
 }
 

@@ -5,9 +5,10 @@
 # What every build of the project needs; the source package's Build-Depends say the rest.
 packages_build=(cmake g++ ninja-build)
 packages_googletest=(googletest libgmock-dev libgtest-dev)
-packages_bench=(libbenchmark-dev libglib2.0-dev pkgconf)
+packages_bench=(bindfs libbenchmark-dev libglib2.0-dev pkgconf)
 packages_test=("${packages_googletest[@]}" pkgconf)
 packages_armhf=(debian-archive-keyring g++-arm-linux-gnueabihf qemu-user-static)
+packages_fuzz=(clang libclang-rt-dev)
 packages_check=(clang-format clang-tidy git pkgconf shellcheck)
 packages_docs=(doxygen graphviz)
 packages_package=(build-essential debhelper git lintian "${packages_docs[@]}")

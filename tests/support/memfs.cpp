@@ -2,10 +2,12 @@
 
 #include <oruio/error.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <string>
@@ -24,6 +26,8 @@ constexpr size_t nameMax = 255;
 constexpr size_t pathMax = 4095;
 constexpr int linkDepth = 40;
 constexpr long long blockSize = 4096;
+/// What a file can grow to: sizes can be rounded up to blocks.
+constexpr long long sizeMax = std::numeric_limits<long long>::max() - blockSize;
 
 int fail(int error) {
     errno = error;
@@ -116,6 +120,13 @@ struct Node {
         return S_ISDIR(mode);
     }
 
+    /// Whether `wanted` is this node or somewhere below it.
+    bool holds(const Node* wanted) const {
+        return wanted == this ||
+               std::any_of(children.begin(), children.end(),
+                           [wanted](const auto& child) { return child.second->holds(wanted); });
+    }
+
     void describe(struct stat& st) const {
         st = {};
         st.st_ino = inode;
@@ -133,6 +144,8 @@ using NodePtr = std::shared_ptr<Node>;
 int resize(Node& node, long long length) {
     if (length < 0)
         return fail(EINVAL);
+    if (length > sizeMax)
+        return fail(EFBIG);
     node.content.resize(length);
     node.modified = now();
     return 0;
@@ -382,6 +395,8 @@ private:
             return fail(EBADF);
         if (offset < 0)
             return fail(EINVAL);
+        if (len > 0 && offset > sizeMax - static_cast<long long>(len))
+            return fail(EFBIG);
         m_node->modified = now();
         return m_node->content.write(buf, len, offset);
     }
@@ -600,7 +615,7 @@ int MemFS::rename(QString oldPath, QString newPath) {
         return fail(EBUSY);
     if (from.node == to.node)
         return 0;
-    if (from.node->isDirectory() && newPath.startsWith(oldPath + QLatin1Char('/')))
+    if (from.node->holds(to.directory.get()))
         return fail(EINVAL);
     if (to.node && to.node->isDirectory() != from.node->isDirectory())
         return fail(to.node->isDirectory() ? EISDIR : ENOTDIR);

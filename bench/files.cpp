@@ -1,0 +1,34 @@
+#include "files.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include <unistd.h>
+
+namespace {
+
+/// On the disk at the end, so that nothing is written there while something is measured.
+bool isMade(const QString& path, int size) {
+    QFile file(path);
+    return QDir().mkpath(QFileInfo(path).path()) && file.open(QFile::WriteOnly) &&
+           file.write(QByteArray(size, 'c')) == size && file.flush() && fsync(file.handle()) == 0;
+}
+
+} // namespace
+
+QString directoryTemplate() {
+    // Not /tmp, which may well be in memory only, unless it is asked for.
+    return qEnvironmentVariable("TMPDIR", QStringLiteral("/var/tmp")) + "/oruio-bench-XXXXXX";
+}
+
+void makeFile(QTemporaryDir& root, const QString& path, int size) {
+    if (root.isValid() && isMade(root.path() + path, size))
+        return;
+    std::fprintf(stderr, "cannot make a file in %s\n", qUtf8Printable(root.path()));
+    root.remove();
+    std::exit(1);
+}

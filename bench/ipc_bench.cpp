@@ -1,0 +1,203 @@
+// What the way to a file system in another process costs.
+#include "mirror.h"
+#include "placement.h"
+#include "report.h"
+#include "service.h"
+
+#include <benchmark/benchmark.h>
+
+#include <array>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using benchmark::State;
+
+constexpr unsigned mebi = 1U << 20;
+constexpr int piecesOfFilm = Service::filmSize / mebi;
+
+/// Without anything for the file system to do.
+void exchange(State& state) {
+    const Placement placement(Placement::Together);
+    const auto film = Service::instance().fs().open(Service::instance().film(), O_RDONLY, 0);
+    for (auto _ : state) {
+        if (film->lseek(0, SEEK_SET) != 0)
+            state.SkipWithError("lseek failed");
+    }
+}
+
+void bareExchange(State& state) {
+    const Placement placement(Placement::Together);
+    PingPong& game = Service::instance().pingPong();
+    for (auto _ : state) {
+        if (sem_post(&game.ping) != 0 || sem_wait(&game.pong) != 0)
+            state.SkipWithError("semaphores failed");
+    }
+}
+
+void statThroughService(State& state) {
+    const Placement placement(Placement::Together);
+    auto& fs = Service::instance().fs();
+    const QString path = Service::instance().film();
+    struct stat st;
+    for (auto _ : state) {
+        if (fs.stat(path, st) != 0)
+            state.SkipWithError("stat failed");
+    }
+}
+
+bool hasMirror(State& state) {
+    const std::string& whyNot = Mirror::instance().whyNot();
+    if (!whyNot.empty())
+        leaveOut(state, "comparison with a FUSE pass-through: " + whyNot);
+    return whyNot.empty();
+}
+
+void statThroughMirror(State& state) {
+    const Placement placement(Placement::Together);
+    if (!hasMirror(state))
+        return;
+    const std::string path = Mirror::instance().film();
+    struct stat st;
+    for (auto _ : state) {
+        if (stat(path.c_str(), &st) != 0)
+            state.SkipWithError("stat failed");
+    }
+}
+
+void openCloseThroughService(State& state) {
+    const Placement placement(Placement::Together);
+    auto& fs = Service::instance().fs();
+    const QString path = Service::instance().film();
+    for (auto _ : state) {
+        const auto film = fs.open(path, O_RDONLY, 0);
+        if (!film || film->close() != 0)
+            state.SkipWithError("open or close failed");
+    }
+}
+
+void openCloseThroughMirror(State& state) {
+    const Placement placement(Placement::Together);
+    if (!hasMirror(state))
+        return;
+    const std::string path = Mirror::instance().film();
+    for (auto _ : state) {
+        if (close(open(path.c_str(), O_RDONLY)) != 0)
+            state.SkipWithError("open or close failed");
+    }
+}
+
+struct alignas(4096) Piece {
+    std::array<char, mebi> bytes;
+};
+
+/// What an application reads into and writes from.
+char* applicationMemory() {
+    static Piece piece;
+    return piece.bytes.data();
+}
+
+/// What stands for the service's data buffer where there is no service.
+char* betweenMemory() {
+    static Piece piece;
+    return piece.bytes.data();
+}
+
+/// Calls `rewind` before every beginning of the film and `move` for each of its pieces.
+template <class Rewind, class Move>
+void moveFilm(State& state, Rewind rewind, Move move) {
+    int piece = 0;
+    for (auto _ : state) {
+        if (piece == 0 && rewind() != 0)
+            state.SkipWithError("lseek failed");
+        piece = (piece + 1) % piecesOfFilm;
+        if (move() != mebi)
+            state.SkipWithError("a piece was not moved");
+    }
+    state.SetBytesProcessed(state.iterations() * mebi);
+}
+
+void readThroughService(State& state, Placement::Where where) {
+    const Placement placement(where);
+    if (!placement.isDone())
+        return leaveOut(state, "transfers between two processors: there is only one");
+    const auto film = Service::instance().fs().open(Service::instance().film(), O_RDONLY, 0);
+    moveFilm(
+        state, [&] { return film->lseek(0, SEEK_SET); },
+        [&] { return film->read(applicationMemory(), mebi); });
+}
+
+void writeThroughService(State& state, Placement::Where where) {
+    const Placement placement(where);
+    if (!placement.isDone())
+        return leaveOut(state, "transfers between two processors: there is only one");
+    const auto film = Service::instance().fs().open(Service::instance().film(), O_WRONLY, 0);
+    moveFilm(
+        state, [&] { return film->lseek(0, SEEK_SET); },
+        [&] { return film->write(applicationMemory(), mebi); });
+}
+
+void readAndCopy(State& state) {
+    const Placement placement(Placement::Together);
+    const int fd = open(Service::instance().systemFilm().c_str(), O_RDONLY);
+    off_t position = 0;
+    moveFilm(
+        state, [&] { return position = 0; },
+        [&] {
+            const ssize_t count = pread(fd, betweenMemory(), mebi, position);
+            position += mebi;
+            std::memcpy(applicationMemory(), betweenMemory(), mebi);
+            benchmark::ClobberMemory();
+            return count;
+        });
+    close(fd);
+}
+
+void copyAndWrite(State& state) {
+    const Placement placement(Placement::Together);
+    const int fd = open(Service::instance().systemFilm().c_str(), O_WRONLY);
+    off_t position = 0;
+    moveFilm(
+        state, [&] { return position = 0; },
+        [&] {
+            std::memcpy(betweenMemory(), applicationMemory(), mebi);
+            benchmark::ClobberMemory();
+            const ssize_t count = pwrite(fd, betweenMemory(), mebi, position);
+            position += mebi;
+            return count;
+        });
+    close(fd);
+}
+
+// Part of the work is another process's: its time is only seen in real time.
+BENCHMARK(exchange)->Name("exchange/ipc")->UseRealTime();
+BENCHMARK(bareExchange)->Name("exchange/semaphores")->UseRealTime();
+BENCHMARK(statThroughService)->Name("stat/ipc")->UseRealTime();
+BENCHMARK(statThroughMirror)->Name("stat/bindfs")->UseRealTime();
+BENCHMARK(openCloseThroughService)->Name("open_close/ipc")->UseRealTime();
+BENCHMARK(openCloseThroughMirror)->Name("open_close/bindfs")->UseRealTime();
+
+/// All of the film, so that both sides find equally much in the processor's caches.
+void filmRounds(benchmark::internal::Benchmark* film) {
+    film->UseRealTime()->Iterations(2 * piecesOfFilm);
+}
+BENCHMARK_CAPTURE(readThroughService, together, Placement::Together)
+    ->Name("read_1m/ipc_together")
+    ->Apply(filmRounds);
+BENCHMARK(readAndCopy)->Name("read_1m/copied")->Apply(filmRounds);
+BENCHMARK_CAPTURE(readThroughService, apart, Placement::Apart)
+    ->Name("read_1m/ipc_apart")
+    ->Apply(filmRounds);
+BENCHMARK_CAPTURE(writeThroughService, together, Placement::Together)
+    ->Name("write_1m/ipc_together")
+    ->Apply(filmRounds);
+BENCHMARK(copyAndWrite)->Name("write_1m/copied")->Apply(filmRounds);
+BENCHMARK_CAPTURE(writeThroughService, apart, Placement::Apart)
+    ->Name("write_1m/ipc_apart")
+    ->Apply(filmRounds);
+
+} // namespace

@@ -1,0 +1,12 @@
+// A Qt program that does nothing, for comparison with one that does.
+#include <QCoreApplication>
+
+#include <cstdio>
+
+int main(int argc, char* argv[]) {
+    const QCoreApplication application(argc, argv);
+    std::puts("ready");
+    std::fflush(stdout);
+    std::getchar();
+    return 0;
+}

@@ -1,0 +1,71 @@
+#include "service.h"
+
+#include "files.h"
+#include "mounts.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char filmPath[] = "/film.mov";
+
+/// Memory for a PingPong that programs started later inherit. \returns its descriptor, or -1.
+int makeSharedMemory() {
+    const int fd = memfd_create("oruio-bench", 0);
+    return fd != -1 && ftruncate(fd, sizeof(PingPong)) == 0 ? fd : -1;
+}
+
+} // namespace
+
+Service& Service::instance() {
+    static Service service;
+    return service;
+}
+
+Service::Service() : m_directory(directoryTemplate()) {
+    makeFile(m_directory, filmPath, filmSize);
+    // There is one service on a system: without mounts of its own, this one is that.
+    hasPrivateMounts();
+    const int shared = makeSharedMemory();
+    m_pingPong = mapPingPong(shared);
+    const bool isServed = m_pingPong && sem_init(&m_pingPong->ping, 1, 0) == 0 &&
+                          sem_init(&m_pingPong->pong, 1, 0) == 0 &&
+                          m_server.startUntilReady(ORUIO_BENCH_SERVER,
+                                                   {m_directory.path(), QString::number(shared)}) &&
+                          m_client.connect(1, nullptr) == 0;
+    close(shared);
+    if (!isServed) {
+        std::fprintf(stderr, "cannot begin the file service\n");
+        m_directory.remove();
+        std::exit(1);
+    }
+}
+
+Service::~Service() {
+    m_client.disconnect();
+    munmap(m_pingPong, sizeof *m_pingPong);
+}
+
+oru::io::FS& Service::fs() {
+    return m_client;
+}
+
+PingPong& Service::pingPong() {
+    return *m_pingPong;
+}
+
+QString Service::film() const {
+    return filmPath;
+}
+
+std::string Service::systemFilm() const {
+    return (m_directory.path() + filmPath).toStdString();
+}
+
+QString Service::systemDirectory() const {
+    return m_directory.path();
+}

@@ -1,0 +1,41 @@
+// The file service between processes, with both of its ends.
+#pragma once
+
+#include "helper.h"
+#include "ping_pong.h"
+
+#include <oruio/fsipc.h>
+
+#include <QTemporaryDir>
+
+#include <string>
+
+/// A directory on the disk that another process serves, with one film in it.
+class Service {
+public:
+    /// The one service, begun on first use and ended with the program.
+    static Service& instance();
+
+    ~Service();
+
+    /// The client, connected.
+    oru::io::FS& fs();
+    /// What the serving process plays as well.
+    PingPong& pingPong();
+
+    /// A film of filmSize bytes, as the client and as the system know it.
+    QString film() const;
+    std::string systemFilm() const;
+    QString systemDirectory() const;
+
+    static constexpr int filmSize = 64 << 20;
+
+private:
+    Service();
+    Q_DISABLE_COPY(Service)
+
+    QTemporaryDir m_directory;
+    PingPong* m_pingPong = nullptr;
+    Helper m_server;
+    oru::io::IPCFS m_client;
+};

@@ -1,0 +1,256 @@
+// The server's end of the file service, fed with what a client might write into the request area.
+//
+// An input is a session, each line a request as it stands in the area. A request that is to end
+// where it seems to must say so with a NUL. Besides what support.h says,
+//
+//     $    the descriptor of the session that was opened last
+//     @    the directory handle of the session that was opened last
+//     !    a descriptor that somebody else in the server process has open
+//     &    a directory handle of somebody else
+
+#include "fuzz/support.h"
+#include "support/memfs.h"
+
+#include <oruio/error.h>
+#include <oruio/fdadapter.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <string>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "ipc_server_p.h"
+
+namespace oru::io::test {
+
+namespace {
+
+using namespace ipcwire;
+
+/// Who uses files of the server process beside the client: none of the client's business.
+class Stranger {
+public:
+    Stranger()
+        : m_adapter(QSharedPointer<MemFS>::create()),
+          m_file(m_adapter.open("/file", O_RDWR | O_CREAT, 0600)),
+          m_directory(m_adapter.opendir("/")) {
+        m_adapter.write(m_file, content, sizeof content);
+    }
+
+    int file() const {
+        return m_file;
+    }
+    void* directory() const {
+        return m_directory;
+    }
+
+    /// Everything is as it was left.
+    void check() {
+        struct stat st;
+        char bytes[sizeof content];
+        require(m_adapter.fstat(m_file, &st) == 0 && st.st_size == sizeof content &&
+                    st.st_mode == (S_IFREG | 0600),
+                "somebody else's file is as it was");
+        require(m_adapter.lseek(m_file, 0, SEEK_CUR) == sizeof content &&
+                    m_adapter.fcntl(m_file, F_GETFL) == O_RDWR,
+                "somebody else's descriptor is as it was");
+        require(m_adapter.pread(m_file, bytes, sizeof bytes, 0) == sizeof bytes &&
+                    std::memcmp(bytes, content, sizeof bytes) == 0,
+                "somebody else's bytes are as they were");
+        const struct dirent* const first = m_adapter.readdir(m_directory);
+        require(first && std::strcmp(first->d_name, ".") == 0,
+                "somebody else's directory is where it was");
+        m_adapter.rewinddir(m_directory);
+    }
+
+private:
+    static constexpr char content[] = "not yours";
+    FDAdapter m_adapter;
+    const int m_file;
+    void* const m_directory;
+};
+
+/// A server that looks at what its file system is asked to do.
+class WatchedServer : public IPCServer::Data {
+public:
+    WatchedServer(QSharedPointer<FS> fs, IPCShm* area) : Data(std::move(fs)) {
+        shm = area;
+    }
+
+    int read(int fd, void* buf, unsigned int len) override {
+        checkTransfer(fd, buf, len);
+        return Data::read(fd, buf, len);
+    }
+    int write(int fd, const void* buf, unsigned int len) override {
+        checkTransfer(fd, buf, len);
+        return Data::write(fd, buf, len);
+    }
+    int pread(int fd, void* buf, unsigned int len, long long offset) override {
+        checkTransfer(fd, buf, len);
+        return Data::pread(fd, buf, len, offset);
+    }
+    int pwrite(int fd, const void* buf, unsigned int len, long long offset) override {
+        checkTransfer(fd, buf, len);
+        return Data::pwrite(fd, buf, len, offset);
+    }
+
+private:
+    void checkTransfer(int fd, const void* buf, unsigned int len) const {
+        require(files.contains(fd), "only the session's descriptors are used");
+        const Area& area = areaOf(shm);
+        const bool isBuffer = buf == area.buffers[0] || buf == area.buffers[1];
+        require(isBuffer && len <= dataBufferSize, "bytes come from and go to a data buffer");
+    }
+};
+
+/// What of the area a request changes nothing of: whose it is.
+std::string ownersOf(const Area& area) {
+    return {reinterpret_cast<const char*>(&area), offsetof(AreaControl, bufferMutex)};
+}
+
+class Session {
+public:
+    Session(WatchedBlock& block, const Stranger& stranger)
+        : m_area(block.area()), m_stranger(stranger),
+          m_server(QSharedPointer<MemFS>::create(), block.shm()) {
+        require(m_server.resetSession() == 0, "a session begins");
+        std::memset(m_server.request.bytes, unwritten, sizeof m_server.request.bytes);
+    }
+
+    void request(std::string_view line) {
+        const std::string bytes = bytesOf(line, [this](char byte) { return special(byte); });
+        std::memset(m_area.response, unwritten, textSize);
+        std::memcpy(m_area.request, bytes.data(), std::min(bytes.size(), textSize));
+        const std::string owners = ownersOf(m_area);
+        const char first = mark(m_area);
+        if (!take()) {
+            require(!isRequest(first) && mark(m_area) == first, "only a request is taken");
+            return;
+        }
+        const bool ends = mark(m_area) == Ending;
+        require(ends || mark(m_area) == Taken, "a request that was taken is marked so");
+        require(m_server.request.end()[0] == '\0' && m_server.request.end()[1] == '\0',
+                "behind a request stand two NULs");
+        if (ends)
+            m_server.process();
+        else
+            process();
+        require(ownersOf(m_area) == owners, "a request leaves the area's owners alone");
+        checkAnswer(ends);
+        checkTables();
+    }
+
+    void end() {
+        require(m_server.resetSession() == 0, "a session ends");
+        require(m_server.files.isEmpty() && m_server.dirs.isEmpty(),
+                "an ended session has nothing");
+        require(mark(m_area) == Idle, "an ended session leaves the area idle");
+        for (const int fd : m_seenFiles)
+            require(m_server.lseek(fd, 0, SEEK_CUR) == -1 && liberrno == NotFound,
+                    "an ended session has closed its files");
+        for (void* const handle : m_seenDirs) {
+            m_server.rewinddir(handle);
+            require(!m_server.readdir(handle), "an ended session has closed its directories");
+        }
+    }
+
+private:
+    static constexpr char unwritten = '\xee';
+
+    std::string special(char byte) const {
+        switch (byte) {
+        case '$':
+            return std::to_string(m_server.files.isEmpty() ? -1 : m_server.files.last());
+        case '@':
+            return handleText(m_server.dirs.isEmpty() ? nullptr : m_server.dirs.last());
+        case '!':
+            return std::to_string(m_stranger.file());
+        case '&':
+            return handleText(m_stranger.directory());
+        default:
+            return {};
+        }
+    }
+
+    static std::string handleText(const void* handle) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%p", handle);
+        return text;
+    }
+
+    /// As the server does it, which must not read on into the response.
+    bool take() {
+        const OffLimits response(m_area.response, textSize);
+        return ipcwire::take(m_area, m_server.request);
+    }
+
+    /// As the server does it, which has the request now: what stands in the area, and behind the
+    /// request in the server's own memory, is of no more interest.
+    void process() {
+        const OffLimits area(m_area.request, textSize);
+        Text& request = m_server.request;
+        const std::size_t used = request.length + 2;
+        const OffLimits behind(request.bytes + used, sizeof request.bytes - used);
+        m_server.process();
+    }
+
+    void checkAnswer(bool ended) {
+        require(mark(m_area) == (ended ? Idle : Taken), "an answer does not change the mark");
+        int posts = -1;
+        sem_getvalue(&m_area.control.responseSem, &posts);
+        require(posts == (ended ? 0 : 1), "a request is answered once");
+        sem_trywait(&m_area.control.responseSem);
+
+        require(std::memchr(m_area.response, '\0', textSize), "an answer ends within the area");
+        int result = 0;
+        int systemError = -1;
+        int libraryError = -1;
+        FieldReader header(m_area.response);
+        header.number(result).separator(',').number(systemError).separator(',');
+        header.number(libraryError);
+        require(header.isGood() && (header.atEnd() || *header.rest() == ' '),
+                "an answer begins with three numbers");
+        require(libraryError >= Ok && libraryError <= LibraryFailure, "the library's error is one");
+    }
+
+    /// Descriptors that are not open any more may become somebody else's.
+    void checkTables() {
+        for (const int fd : std::as_const(m_server.files)) {
+            struct stat st;
+            require(m_server.fstat(fd, &st) == 0, "the session's descriptors are open");
+            m_seenFiles.insert(fd);
+        }
+        for (void* const handle : std::as_const(m_server.dirs))
+            m_seenDirs.insert(handle);
+        require(!m_server.files.contains(m_stranger.file()) &&
+                    !m_server.dirs.contains(m_stranger.directory()),
+                "the session has nothing of somebody else's");
+    }
+
+    Area& m_area;
+    const Stranger& m_stranger;
+    WatchedServer m_server;
+    std::set<int> m_seenFiles;
+    std::set<void*> m_seenDirs;
+};
+
+} // namespace
+
+} // namespace oru::io::test
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
+    using namespace oru::io::test;
+    static WatchedBlock block;
+    static Stranger stranger;
+    Session session(block, stranger);
+    for (const std::string_view line : linesOf(input, size))
+        session.request(line);
+    session.end();
+    stranger.check();
+    return 0;
+}

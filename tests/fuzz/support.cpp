@@ -1,0 +1,100 @@
+#include "fuzz/support.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include <sanitizer/asan_interface.h>
+
+namespace oru::io::test {
+
+using namespace ipcwire;
+
+namespace {
+
+constexpr std::size_t maxLines = 64;
+constexpr std::size_t repetitions = 1000;
+/// More than fits a text area, so that it can be overfilled.
+constexpr std::size_t maxBytes = 2 * textSize;
+
+} // namespace
+
+void require(bool holds, const char* what) {
+    if (holds)
+        return;
+    std::fprintf(stderr, "Not so: %s\n", what);
+    std::abort();
+}
+
+std::vector<std::string_view> linesOf(const std::uint8_t* input, std::size_t size) {
+    std::string_view rest(reinterpret_cast<const char*>(input), size);
+    std::vector<std::string_view> lines;
+    while (!rest.empty() && lines.size() < maxLines) {
+        const std::size_t end = std::min(rest.find('\n'), rest.size());
+        lines.push_back(rest.substr(0, end));
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    return lines;
+}
+
+std::string bytesOf(std::string_view text, const std::function<std::string(char)>& special) {
+    std::string bytes;
+    for (const char byte : text) {
+        const std::string replaced = special ? special(byte) : std::string();
+        if (!replaced.empty())
+            bytes += replaced;
+        else if (byte == '|')
+            bytes += '\0';
+        else if (byte == '~' && !bytes.empty())
+            bytes.append(repetitions, bytes.back());
+        else
+            bytes += byte;
+        if (bytes.size() > maxBytes)
+            break;
+    }
+    return bytes;
+}
+
+// Not initialised: a vector would be, and the texts' first bytes are all that counts.
+WatchedBlock::WatchedBlock() : m_memory(new char[size]) {
+    const SharedMutexAttributes attributes;
+    auto& header = *new (base()) BlockHeader;
+    header.magic = magic;
+    header.size = size;
+    attributes.makeMutex(header.mutex);
+
+    AreaControl& control = area().control;
+    for (pthread_mutex_t* mutex :
+         {&control.clientMutex, &control.serverMutex, &control.bufferMutex})
+        attributes.makeMutex(*mutex);
+    pthread_mutex_lock(&control.serverMutex);
+    setOwned(area(), true);
+    ASAN_POISON_MEMORY_REGION(area().unused, sizeof area().unused);
+}
+
+WatchedBlock::~WatchedBlock() {
+    ASAN_UNPOISON_MEMORY_REGION(area().unused, sizeof area().unused);
+    pthread_mutex_unlock(&area().control.serverMutex);
+}
+
+void* WatchedBlock::base() const {
+    return m_memory.get();
+}
+
+IPCShm* WatchedBlock::shm() const {
+    return shmAt(base());
+}
+
+Area& WatchedBlock::area() const {
+    return areaOf(shm());
+}
+
+OffLimits::OffLimits(const void* begin, std::size_t size) : m_begin(begin), m_size(size) {
+    ASAN_POISON_MEMORY_REGION(m_begin, m_size);
+}
+
+OffLimits::~OffLimits() {
+    ASAN_UNPOISON_MEMORY_REGION(m_begin, m_size);
+}
+
+} // namespace oru::io::test
