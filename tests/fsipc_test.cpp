@@ -497,6 +497,11 @@ test::Backend connectedBackend() {
         TempDir directory;
         ServerProcess server{directory.path()};
         IPCFS::SPtr client = IPCFS::SPtr::create();
+
+        // While the server is there.
+        ~Parts() {
+            client->disconnect();
+        }
     };
     const auto parts = std::make_shared<Parts>();
     EXPECT_TRUE(parts->server.isReady());
