@@ -856,8 +856,7 @@ int IPCFS::readlink(QString path, char* buf, unsigned int size) {
     if (result < 0)
         return result;
     const auto length = std::min<std::size_t>(std::strlen(payload), size);
-    std::memcpy(buf, payload, length);
-    std::memset(buf + length, 0, size - length);
+    std::fill(std::copy_n(payload, length, buf), buf + size, '\0');
     return static_cast<int>(length);
 }
 

@@ -210,6 +210,7 @@ public:
     /// 1 when connected, else 0.
     virtual int state();
 
+    /// The session. The library's own.
     class ORUIO_LOCAL Data;
 
 private:

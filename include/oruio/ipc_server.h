@@ -40,6 +40,7 @@ public:
     /// Terminates, and waits until run() has returned, however long the file system takes.
     virtual ~IPCServer();
 
+    /// The adapter behind the service. The library's own.
     class ORUIO_LOCAL Data;
 
 private:
