@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -23,6 +24,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "log_p.h"
@@ -180,6 +182,7 @@ bool ShmBlock::create() {
 
 /// Maps the object before it has its size, and lets a creator see to that.
 bool ShmBlock::map(int fd) {
+    m_object = statusOf(fd).st_ino;
     void* const address = mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     m_base = address == MAP_FAILED ? nullptr : address;
     // To cut an object to the size that it has would wipe the end of its last page.
@@ -268,8 +271,14 @@ void ShmBlock::removeAtClose() {
 void ShmBlock::remove() {
     if (!m_base)
         return;
+    // The name may lead to another object already, which is not this one's to remove.
+    const int named = shm_open(m_name, O_RDWR, 0666);
+    const bool isNamed = named != -1 && statusOf(named).st_ino == m_object;
+    if (named != -1)
+        ::close(named);
     // In this order, whoever finds the header invalid finds the name free.
-    shm_unlink(m_name);
+    if (isNamed)
+        shm_unlink(m_name);
     setMagic(m_base, 0);
 }
 
@@ -361,13 +370,63 @@ int IPCShm::freeDataBuf(int index) {
 
 namespace {
 
+/// Counts the forks that led to this process.
+std::atomic<unsigned int> forks{0};
+[[maybe_unused]] const int forkHandler =
+    pthread_atfork(nullptr, nullptr, [] { forks.fetch_add(1, std::memory_order_relaxed); });
+
+/// The thread's number in the system, without asking it each time.
+pid_t currentThread() {
+    thread_local pid_t thread = 0;
+    thread_local unsigned int knownForks = 0;
+    const unsigned int now = forks.load(std::memory_order_relaxed);
+    if (thread == 0 || knownForks != now) {
+        thread = static_cast<pid_t>(syscall(SYS_gettid));
+        knownForks = now;
+    }
+    return thread;
+}
+
+/// Whether it is a thread of this process, which has not ended.
+bool isAlive(pid_t thread) {
+    return thread == currentThread() || syscall(SYS_tgkill, getpid(), thread, 0) == 0;
+}
+
 /// Blocks whose client mutex is held by another thread than the one that left the session. To unmap
-/// memory that a thread's list of robust mutexes leads to would take the thread down.
-void keepForGood(const QSharedPointer<ShmBlock>& block) {
-    static QMutex mutex;
-    static auto* const kept = new QVector<QSharedPointer<ShmBlock>>;
-    const QMutexLocker lock(&mutex);
-    kept->append(block);
+/// memory that a thread's list of robust mutexes leads through would take the thread down.
+class KeptBlocks {
+public:
+    void add(const QSharedPointer<ShmBlock>& block, pid_t owner) {
+        const QMutexLocker lock(&m_mutex);
+        m_kept.append({block, owner});
+    }
+
+    /// Lets go of those that nothing leads to any more: this thread's own, and those of threads
+    /// that have ended.
+    void sweep() {
+        const QMutexLocker lock(&m_mutex);
+        const auto isFree = [](const Kept& kept) {
+            pthread_mutex_t& clientMutex = areaOf(shmAt(kept.block->base())).control.clientMutex;
+            return kept.owner == currentThread() ? pthread_mutex_unlock(&clientMutex) == 0
+                                                 : !isAlive(kept.owner);
+        };
+        m_kept.erase(std::remove_if(m_kept.begin(), m_kept.end(), isFree), m_kept.end());
+    }
+
+private:
+    struct Kept {
+        QSharedPointer<ShmBlock> block;
+        pid_t owner;
+    };
+
+    QMutex m_mutex; // guards m_kept
+    QVector<Kept> m_kept;
+};
+
+KeptBlocks& keptBlocks() {
+    // Never destroyed: threads may outlive the statics.
+    static auto* const blocks = new KeptBlocks;
+    return *blocks;
 }
 
 } // namespace
@@ -383,6 +442,7 @@ Area& IPCFS::Data::area() {
 int IPCFS::Data::init(Properties*) {
     if (DBG_MASK & TraceLifecycle)
         ORUIO_LOG(LogDebug, "Client connecting");
+    keptBlocks().sweep();
     const ShmBlock::Access<IPCShm> access(
         QSharedPointer<ShmBlock>::create(blockName, areaSize, 0U));
     if (!access.data()) {
@@ -431,6 +491,7 @@ bool IPCFS::Data::enter() {
         return false;
     }
     m_holdsClientMutex = true;
+    m_owner = currentThread();
     return true;
 }
 
@@ -476,16 +537,18 @@ void IPCFS::Data::end() {
     leave();
 }
 
-/// Whether the session is still this client's. It is not when the thread that began it has ended
-/// and another process, or the server, has drawn the conclusion.
+/// Whether the session is still this client's. It is not in a child of fork(2), and when the thread
+/// that began it has ended and another process, or the server, has drawn the conclusion.
 bool IPCFS::Data::holdsSession() {
     pthread_mutex_t& clientMutex = area().control.clientMutex;
     const int error = pthread_mutex_trylock(&clientMutex);
-    if (error == EOWNERDEAD)
+    if (error == EOWNERDEAD) {
         pthread_mutex_consistent(&clientMutex);
+        m_owner = currentThread();
+    }
     if (error == 0)
         pthread_mutex_unlock(&clientMutex);
-    m_holdsClientMutex = error == EBUSY || error == EOWNERDEAD;
+    m_holdsClientMutex = error == EOWNERDEAD || (error == EBUSY && isAlive(m_owner));
     if (m_holdsClientMutex && mark(area()) == Done)
         return true;
     ORUIO_LOG(LogDebug, "Session lost. Stopping client");
@@ -500,7 +563,7 @@ void IPCFS::Data::leave() {
     if (m_holdsClientMutex) {
         withdraw(area());
         if (pthread_mutex_unlock(&area().control.clientMutex) == EPERM)
-            keepForGood(block);
+            keptBlocks().add(block, m_owner);
     }
     m_holdsClientMutex = false;
     shm = nullptr;
@@ -654,9 +717,9 @@ int IPCFS::Data::callForRecord(void* record, std::size_t size, const char* name,
     va_start(args, format);
     const int result = callWith(&payload, name, format, args);
     va_end(args);
-    if (result != 0)
+    if (result < 0)
         return result;
-    const bool isRecord = payload[-1] == '\0' && payload + size <= m_response.end();
+    const bool isRecord = result == 0 && payload[-1] == '\0' && payload + size <= m_response.end();
     if (!isRecord)
         return refused(EBADMSG);
     std::memcpy(record, payload, size);
@@ -669,7 +732,7 @@ int IPCFS::Data::callWith(const char** payload, const char* name, const char* fo
 }
 
 int IPCFS::Data::reserveBuffer() {
-    if (state != Connected)
+    if (state != Connected || !holdsSession())
         return refused(ENOTCONN);
     liberrno = Ok;
     return shm->allocDataBuf(bufferTimeoutS);
@@ -886,6 +949,7 @@ IPCFS::Data::File::File(int fd, Data* data)
     : oru::io::File(QStringLiteral("IPCFile")), m_fd(fd), m_data(data), m_session(data->session) {}
 
 IPCFS::Data::File::~File() {
+    const KeptReason kept;
     File::close();
 }
 
@@ -1061,6 +1125,7 @@ IPCFS::Data::Dir::Dir(void* handle, Data* data)
       m_session(data->session) {}
 
 IPCFS::Data::Dir::~Dir() {
+    const KeptReason kept;
     Dir::closedir();
 }
 

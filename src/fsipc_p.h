@@ -81,6 +81,7 @@ private:
     bool await(Condition condition);
 
     bool m_holdsClientMutex = false;
+    pid_t m_owner = 0; // the thread that holds it
     ipcwire::Text m_response;
     ipcwire::Waiter m_waiter;
 };

@@ -270,12 +270,13 @@ void IPCServer::Data::cancelLate(IPCShm* to) {
 /// Gives the area up and removes the block. \returns the result of releasing the server mutex.
 int IPCServer::Data::tearDown() {
     closeSession();
-    int result;
+    // Before the block: a client that is connecting or leaving holds that until it is answered, or
+    // finds that nobody will.
+    const int result = pthread_mutex_unlock(&area().control.serverMutex);
+    cancelLate(shm);
     {
         const ShmBlock::Access<IPCShm> access(block);
         setOwned(area(), false);
-        result = pthread_mutex_unlock(&area().control.serverMutex);
-        cancelLate(shm);
         block->remove();
         setBlock({});
     }
@@ -289,11 +290,13 @@ int IPCServer::Data::terminate() {
         return 0;
     if (!current->lock()) {
         ORUIO_LOG(LogDebug, "Failed to get ShmBlock lock");
+        // Nobody would ask again.
+        stop(current);
         return 0;
     }
     current->unlock();
     ORUIO_LOG(LogDebug, "Terminate server");
-    stop(*current);
+    stop(current);
     IPCShm* const target = shmAt(current->base());
     pthread_mutex_t& serverMutex = areaOf(target).control.serverMutex;
     const struct timespec deadline = inMs(terminateTimeoutMs);
@@ -308,13 +311,13 @@ int IPCServer::Data::terminate() {
     return 0;
 }
 
-/// Makes run() end, and wakes it up.
-void IPCServer::Data::stop(const ShmBlock& current) {
-    int now = state;
-    while ((now == Initialising || now == Serving) &&
-           !state.compare_exchange_weak(now, Terminating)) {
-    }
-    AreaControl& control = areaOf(shmAt(current.base())).control;
+/// Makes run() end, and wakes it up, if it still serves this block.
+void IPCServer::Data::stop(const QSharedPointer<ShmBlock>& current) {
+    const std::lock_guard lock(m_blockMutex);
+    if (block != current)
+        return;
+    state = Terminating;
+    AreaControl& control = areaOf(shmAt(current->base())).control;
     sem_post(&control.requestSem);
     sem_post(&control.bufferSem);
 }
@@ -322,9 +325,6 @@ void IPCServer::Data::stop(const ShmBlock& current) {
 void IPCServer::Data::finish() {
     m_isFinished = true;
     terminate();
-    // Whatever kept that from reaching run(): it must not be left running in what is no more.
-    if (const QSharedPointer<ShmBlock> current = currentBlock())
-        stop(*current);
     const std::lock_guard ended(m_running);
 }
 

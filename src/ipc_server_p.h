@@ -70,7 +70,7 @@ private:
     void cancel(IPCShm* to);
     void cancelLate(IPCShm* to);
     int tearDown();
-    void stop(const ShmBlock& current);
+    void stop(const QSharedPointer<ShmBlock>& current);
     void closeSession();
     bool isClientConnected();
     int replaceTooLong(IPCShm* to);

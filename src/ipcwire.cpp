@@ -43,10 +43,8 @@ void copy(Text& text, const char* from, std::size_t length, std::size_t at) {
     text.bytes[text.length] = text.bytes[text.length + 1] = '\0';
 }
 
-/// Sequentially consistent: who then looks at the server's mutex, and who releases that and then
-/// looks at the mark, must not miss each other.
 void setMark(Area& area, char to) {
-    __atomic_store_n(&area.request[0], to, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&area.request[0], to, __ATOMIC_RELEASE);
 }
 
 } // namespace
@@ -100,12 +98,15 @@ bool isIntegerCommand(int command) {
 }
 
 char mark(const Area& area) {
-    return __atomic_load_n(&area.request[0], __ATOMIC_SEQ_CST);
+    return __atomic_load_n(&area.request[0], __ATOMIC_ACQUIRE);
 }
 
 void publish(Area& area, const char* text, std::size_t length) {
     std::memcpy(area.request + 1, text + 1, std::min(length, textSize) - 1);
-    setMark(area, text[0]);
+    // Exchanged, not just stored: of this and the server's look at the mark in take(), the later
+    // one sees all that came before the earlier one. So a client that then finds the server mutex
+    // taken, and a server that releases it and then looks for a request, do not miss each other.
+    __atomic_exchange_n(&area.request[0], text[0], __ATOMIC_ACQ_REL);
 }
 
 bool withdraw(Area& area) {
@@ -118,7 +119,7 @@ void setDone(Area& area) {
 }
 
 bool take(Area& area, Text& request) {
-    const char first = mark(area);
+    const char first = __atomic_fetch_or(&area.request[0], 0, __ATOMIC_ACQ_REL);
     if (!isRequest(first) || !replaceMark(area, first, Taking))
         return false;
     // Most requests are short, and nothing stands behind their text.

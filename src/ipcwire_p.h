@@ -283,8 +283,7 @@ private:
 
 // --- Mutexes ------------------------------------------------------------------------------------
 
-/// A robust mutex that other processes may use. \returns 0 or an error number; `*failed`, when
-/// given, is set if the attributes failed rather than the mutex.
+/// The attributes of robust mutexes that other processes may use.
 class SharedMutexAttributes {
 public:
     SharedMutexAttributes();

@@ -14,6 +14,7 @@
 #include <oruio/posixfs.h>
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <gmock/gmock.h>
@@ -167,6 +168,18 @@ TEST(ShmBlock, RemovedBySomebodyElse_InvalidAndNotRemovedAgain) {
     EXPECT_TRUE(next.isValid());
     first.reset();
     EXPECT_TRUE(objectExists("t-again"));
+}
+
+TEST(ShmBlock, NameOfAnotherObject_NotRemoved) {
+    ShmBlock lost("t-name", 100, ShmBlock::Create);
+    shm_unlink("/_blk_t-name");
+    ShmBlock next("t-name", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
+    ASSERT_NE(lost.lock(), nullptr);
+    lost.remove();
+    EXPECT_EQ(lost.unlock(), 0);
+    EXPECT_FALSE(lost.isValid());
+    EXPECT_TRUE(objectExists("t-name"));
+    EXPECT_TRUE(next.isValid());
 }
 
 TEST(ShmBlock, RemovedByItsHolder_WaiterGetsNothing) {
@@ -1178,8 +1191,8 @@ public:
         m_answer = bytes;
     }
     /// Takes requests and answers none.
-    void beSilent() {
-        m_isSilent = true;
+    void beSilent(bool isSilent = true) {
+        m_isSilent = isSilent;
     }
     /// The last request.
     QByteArray request() {
@@ -1298,6 +1311,10 @@ TEST_F(IPCFSWithFakeServer, RecordThatIsNone_EBADMSG) {
     expectBadMessage(fs.statfs("/f", sfs));
     server.answer(QByteArray("0,0,0") + QByteArray(8690, '0') + '\0');
     expectBadMessage(fs.stat("/f", st));
+    server.answer(QByteArray("5,0,0", 6));
+    expectBadMessage(fs.stat("/f", st));
+    server.answer(QByteArray("-7,0,0", 7));
+    expectBadMessage(fs.mkdir("/d", 0755));
 }
 
 TEST_F(IPCFSWithFakeServer, DescriptorZero_CannotBeUsed) {
@@ -1484,6 +1501,87 @@ TEST_F(IPCFSWithFakeServer, PlaceTakenWhileTheThreadWasGone_SessionIsLost) {
     EXPECT_EQ(errno, ENOTCONN);
     EXPECT_FALSE(fs.isConnected());
     EXPECT_EQ(log.messages(), QStringList({"fsipc 12 Session lost. Stopping client"}));
+}
+
+TEST_F(IPCFSTest, PlaceTakenByALivingProcess_NothingReachesItsFiles) {
+    if (!test::ownerDeathIsSeen())
+        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+    int opened[2];
+    int goOn[2];
+    ASSERT_EQ(pipe(opened), 0);
+    ASSERT_EQ(pipe(goOn), 0);
+    // Forked while there are no threads yet; it begins when this process's thread has ended.
+    ChildProcess other([&] {
+        char byte;
+        IPCFS client;
+        if (::read(goOn[0], &byte, 1) != 1 || client.connect(1, nullptr) != 0)
+            return 1;
+        const auto file = client.open("/theirs", O_RDWR | O_CREAT, 0644);
+        if (!file || ::write(opened[1], "o", 1) != 1 || ::read(goOn[0], &byte, 1) != 1)
+            return 2;
+        return file->write("theirs", 6) == 6 ? 0 : 3;
+    });
+    QSharedPointer<File> mine;
+    std::thread([&] {
+        ASSERT_EQ(fs.connect(1, nullptr), 0);
+        mine = openNew("mine");
+    }).join();
+    ASSERT_TRUE(mine);
+    char byte;
+    ASSERT_EQ(::write(goOn[1], "g", 1), 1);
+    ASSERT_EQ(::read(opened[0], &byte, 1), 1);
+    // The server has handed out the same descriptor to the other process.
+    expectNotConnected(mine->write("mine", 4));
+    ASSERT_EQ(::write(goOn[1], "g", 1), 1);
+    EXPECT_EQ(other.wait(), 0);
+    QFile theirs(dir / "theirs");
+    ASSERT_TRUE(theirs.open(QIODevice::ReadOnly));
+    EXPECT_EQ(theirs.readAll(), "theirs");
+}
+
+TEST_F(IPCFSTest, ForkedChild_HasNoPartInTheSession) {
+    ASSERT_EQ(fs.connect(1, nullptr), 0);
+    auto file = openNew("f");
+    ASSERT_TRUE(file);
+    ChildProcess child([&] {
+        const bool isRefused = file->write("child", 5) == -1 && errno == ENOTCONN;
+        file.reset();
+        fs.disconnect();
+        return isRefused && !fs.isConnected() ? 0 : 1;
+    });
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(file->write("parent", 6), 6);
+    EXPECT_EQ(file->fstat(st), 0);
+    EXPECT_EQ(st.st_size, 6);
+}
+
+TEST_F(IPCFSTest, EndOfAFile_TellsNothingAboutAnotherFailure) {
+    ASSERT_EQ(fs.connect(1, nullptr), 0);
+    auto file = openNew("f");
+    auto directory = fs.opendir("/");
+    EXPECT_EQ(fs.stat("/missing", st), -1);
+    file.reset();
+    directory.reset();
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(liberrno, Ok);
+    file = openNew("g");
+    EXPECT_EQ(file->close(), 0);
+    EXPECT_EQ(fs.stat("/missing", st), -1);
+    file.reset();
+    EXPECT_EQ(errno, ENOENT);
+}
+
+// The session ends on another thread than the one that began it, which alone can let its place go.
+TEST_F(IPCFSWithFakeServer, TimedOutOnAnotherThread_BeginnersThreadConnectsAgain) {
+    test::shortenWaits(100);
+    server.beSilent();
+    std::thread([this] { EXPECT_EQ(fs.mkdir("/d", 0755), -1); }).join();
+    EXPECT_FALSE(fs.isConnected());
+    server.beSilent(false);
+    std::thread([this] { EXPECT_EQ(fs.connect(1, nullptr), -1); }).join();
+    EXPECT_EQ(fs.connect(1, nullptr), 0);
+    EXPECT_EQ(fs.mkdir("/d", 0755), 0);
+    test::shortenWaits(0);
 }
 
 TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_NothingBreaks) {

@@ -13,6 +13,7 @@
 #include <oruio/fsipc.h>
 #include <oruio/fsswitch.h>
 #include <oruio/ipc_server.h>
+#include <oruio/posixfs.h>
 
 #include <gtest/gtest.h>
 
@@ -488,14 +489,53 @@ TEST(IPCServer, StillActiveAfterTheTimeout_SaysSo) {
     EXPECT_EQ(running.join(), 0);
 }
 
-TEST(IPCServer, BlockCannotBeLocked_SaysSoAndGoesOn) {
+TEST(IPCServer, BlockCannotBeLocked_SaysSoAndEndsAllTheSame) {
     RunningServer running(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
     test::failCall("pthread_mutex_timedlock", 1, ETIMEDOUT);
     EXPECT_EQ(running.server->terminate(), 0);
-    EXPECT_EQ(log.messages(), QStringList({"fsipcsrv 12 Failed to get ShmBlock lock"}));
-    EXPECT_EQ(running.server->state(), 2);
-    EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
+    EXPECT_EQ(log.messages().first(), "fsipcsrv 12 Failed to get ShmBlock lock");
+    EXPECT_EQ(running.join(), 0);
+    EXPECT_FALSE(test::serviceExists());
+}
+
+namespace {
+
+/// A file that takes its time to close.
+class SlowFile : public PosixFile {
+public:
+    SlowFile() : PosixFile(-1) {}
+
+    int close() override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return 0;
+    }
+};
+
+class SlowFS : public MemFS {
+public:
+    QSharedPointer<File> open(QString, int, int) override {
+        return QSharedPointer<SlowFile>::create();
+    }
+};
+
+} // namespace
+
+// Each waits for the other, but not for a lock that the other holds.
+TEST(IPCServer, BothEndsStopAtOnce_NeitherWaits) {
+    RunningServer running(QSharedPointer<SlowFS>::create());
+    IPCFS client;
+    ASSERT_EQ(client.connect(1, nullptr), 0);
+    const auto file = client.open("/f", O_RDWR, 0);
+    ASSERT_TRUE(file);
+    const auto start = Clock::now();
+    std::thread terminator([&] { running.server->terminate(); });
+    EXPECT_TRUE(eventually([&] { return running.server->state() == 3; }));
+    client.disconnect();
+    terminator.join();
+    EXPECT_EQ(running.join(), 0);
+    EXPECT_LT(secondsSince(start), 3);
+    EXPECT_FALSE(test::serviceExists());
 }
 
 TEST(IPCServer, DestroyedWhileServing_RunHasReturned) {

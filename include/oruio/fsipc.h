@@ -53,7 +53,7 @@ public:
     /// Makes the destructor remove the object.
     void removeAtClose();
     /// Removes the object at once: its name is free, and no further process can open or lock it.
-    /// Only for the holder of the lock.
+    /// An object that has got the name meanwhile keeps it. Only for the holder of the lock.
     void remove();
 
     /// The time on CLOCK_REALTIME in `ms` milliseconds. A full second of nanoseconds is carried
@@ -105,6 +105,7 @@ private:
     unsigned int m_size;
     unsigned int m_flags;
     int m_descriptor = 0; // of the object that this block has made; 0 is none
+    ino_t m_object = 0;   // which object is mapped
 };
 
 /// The user data of the file service's block: mutexes and semaphores, the texts of one request and
@@ -124,7 +125,8 @@ public:
     /// The data buffer `index`, null unless that is 0 or 1.
     void* databufAddr(int index);
     /// Reserves a free data buffer, waiting up to `timeout` seconds for one. \returns its index, or
-    /// -1 with errno ETIMEDOUT when none became free.
+    /// -1 with errno ETIMEDOUT when none became free, EAGAIN when buffers were given back that
+    /// nobody had.
     int allocDataBuf(unsigned int timeout);
     /// Releases data buffer `index`. \returns 0; -1 with errno EINVAL when that is not 0 or 1, and
     /// with ETIMEDOUT when the buffers stay locked for 10 s.
@@ -148,9 +150,13 @@ private:
 ///
 /// Threads: the request area holds one request, so calls on an IPCFS and on its files and
 /// directories must not overlap; callers serialise them. The thread that connects holds a lock for
-/// the whole session: it must live as long, and should be the one that disconnects. When another
-/// one does, other processes can connect only after the thread's end. A session does not survive
-/// fork(2) in the child.
+/// the whole session: it should live as long, and be the one that disconnects. When it ends before,
+/// another process may take the session's place; this one then answers ENOTCONN. When the session
+/// ends on another thread, others can connect only after that thread has ended or connected anew.
+/// A child of fork(2) has no part in the session.
+///
+/// Time-outs are measured on CLOCK_REALTIME: setting it forward cuts them short, setting it back
+/// makes them longer.
 class ORUIO_EXPORT IPCFS : public FS {
 public:
     using SPtr = QSharedPointer<IPCFS>;
@@ -200,10 +206,13 @@ public:
 
     /// Begins a session, in up to `tries` attempts, with a pause of 1 s after each that failed.
     /// `props` is not read and may be null. \returns 0 when connected, also if it was before, else
-    /// -1 with errno ENOTCONN. An attempt takes up to 20 s when the server does not answer.
+    /// -1 with errno ENOTCONN, or why the server refused. An attempt takes up to 30 s: when the
+    /// block is locked for long, a former session is long in ending, and the server does not
+    /// answer.
     virtual int connect(unsigned int tries, Properties* props);
     /// Ends the session, if there is one. Returns when the server has closed all that the session
-    /// had open, at the latest after 10 s. \returns 0.
+    /// had open; does not wait longer than 10 s for the block, and as long for the server.
+    /// \returns 0.
     virtual int disconnect();
     /// Whether there is a session, as far as the last call could tell.
     virtual bool isConnected();

@@ -33,8 +33,9 @@ public:
     /// 0 stopped, 1 initialising, 2 serving, 3 terminating.
     virtual int state();
     /// Asks run() to end after the request under way, and waits up to 10 s until it no longer
-    /// serves. A client that waits for an answer then gets -1 with errno ECANCELED. Does nothing
-    /// while there is nothing to stop. \returns 0.
+    /// serves; when another process keeps the block locked for 10 s, asks without waiting. A client
+    /// whose request comes too late gets -1 with errno ECANCELED. Does nothing while there is
+    /// nothing to stop. \returns 0.
     virtual int terminate();
 
     /// Terminates, and waits until run() has returned, however long the file system takes.
