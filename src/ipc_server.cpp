@@ -700,9 +700,9 @@ int IPCServer::Data::rq_opendir(const char* args) {
         return refuse(EINVAL);
     void* const handle = opendir(args);
     const int result = handle ? 0 : -1;
-    sendResponse(shm, result, answer::handle, handle);
     if (handle)
         dirs.append(handle);
+    sendResponse(shm, result, answer::handle, handle);
     return result;
 }
 

@@ -1458,6 +1458,15 @@ TEST_F(IPCFSWithFakeServer, Requests_InTheirFormats) {
     EXPECT_EQ(sent(file->read(&byte, 1)), "read 7 1 1");
 }
 
+TEST_F(IPCFSWithFakeServer, Answer_AwaitedForTenSeconds) {
+    test::shortenWaits(50);
+    server.beSilent();
+    EXPECT_EQ(fs.mkdir("/d", 0755), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_NEAR(test::lastWaitSeconds(), 10, 0.2);
+    test::shortenWaits(0);
+}
+
 TEST_F(IPCFSWithFakeServer, WaitFails_EndsTheSession) {
     server.beSilent();
     LogCapture log("fsipc=12");
@@ -1467,6 +1476,27 @@ TEST_F(IPCFSWithFakeServer, WaitFails_EndsTheSession) {
     EXPECT_EQ(log.messages(),
               QStringList({"fsipc 12 Send request 'mkdir 493 /d'",
                            "fsipc 12 Response wait error: Invalid argument. Disconnecting."}));
+}
+
+TEST(IPCFSData, RequestWithPayload_FitsOrIsRefusedWhole) {
+    FakeServer server;
+    IPCFS::Data session;
+    ASSERT_EQ(session.init(nullptr), 0);
+    const std::vector<char> payload(8704, 'p');
+    const std::string text = "fcntl 7 13";
+    LogCapture log("fsipc=12");
+    EXPECT_EQ(session.sendBufRequest(op::fcntl, payload.data(), 8704 - text.size(),
+                                     args::fdAndNumber, 7, 13),
+              -1);
+    EXPECT_EQ(errno, E2BIG);
+    EXPECT_EQ(log.messages(), QStringList({"fsipc 12 Request 'fcntl 7 13' exceeds max 8704"}));
+    EXPECT_EQ(mark(server.area()), Done);
+    EXPECT_EQ(session.sendBufRequest(op::fcntl, payload.data(), 8703 - text.size(),
+                                     args::fdAndNumber, 7, 13),
+              0);
+    EXPECT_EQ(session.getResponse(), 0);
+    EXPECT_EQ(server.request(), "fcntl 7 13");
+    session.end();
 }
 
 // --- The client and the locks

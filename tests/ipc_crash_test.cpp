@@ -173,7 +173,19 @@ TEST_P(IpcClientDeath, NextClientWorks) {
 namespace {
 
 /// The posts of a session, in their order.
-enum Post { Connect = 1, Open, OpenDir, Write, Pread };
+enum Post {
+    Connect = 1,
+    Open,
+    OpenDir,
+    Write,
+    Pread,
+    FreeBuffer,
+    Stat,
+    ReadDir,
+    CloseDir,
+    Close,
+    Disconnect
+};
 
 std::function<void()> atPost(int count, bool after) {
     return [=] { test::dieAtCall("sem_post", count, after); };
@@ -190,6 +202,10 @@ INSTANTIATE_TEST_SUITE_P(
                       ClientDeath{"HoldingADataBufferBeforeThePost", atPost(Write, false)},
                       ClientDeath{"HoldingADataBufferAfterThePost", atPost(Write, true)},
                       ClientDeath{"HoldingADataBufferForReading", atPost(Pread, true)},
+                      ClientDeath{"InsideTearDownBeforeThePost", atPost(Disconnect, false)},
+                      ClientDeath{"InsideTearDownAfterThePost", atPost(Disconnect, true)},
+                      ClientDeath{"InsideTearDownUnmapping",
+                                  [] { test::dieAtCall("munmap", 1, false); }},
                       ClientDeath{"HoldingTheBufferMutex",
                                   [] { test::dieAtCall("pthread_mutex_timedlock", 2, true); }},
                       ClientDeath{"InsideInitHoldingTheBlock",

@@ -787,6 +787,18 @@ TEST_F(IPCServerRequests, Records_BehindTheHeadersNul) {
     EXPECT_EQ(client.ask("statfs /", 5), "0,0,0");
 }
 
+TEST_F(IPCServerRequests, NoDirectory_NullHandle) {
+    EXPECT_EQ(ask("opendir /missing"), "-1,2,0 (nil)");
+}
+
+TEST_F(IPCServerRequests, LongestLinkText_ComesWhole) {
+    const QByteArray target(4096, 't');
+    EXPECT_EQ(ask("symlink " + target + QByteArray("\0/l", 3)), "0,0,0");
+    EXPECT_EQ(ask("readlink /l"), "4096,0,0 " + target);
+    EXPECT_EQ(ask("symlink " + target + QByteArray("t\0/m", 4)), "0,0,0");
+    EXPECT_EQ(ask("readlink /m"), "4096,0,0 " + target);
+}
+
 TEST_F(IPCServerRequests, EndOfDirectory_ErrnoMinusOne) {
     EXPECT_EQ(ask("readdir DIR"), "0,0,0");
     EXPECT_EQ(ask("readdir DIR"), "0,0,0");
@@ -926,6 +938,7 @@ TEST_F(IPCServerCrash, ClientKilled_FoundByThePollAndClosedWithTheNext) {
     RunningServer running(QSharedPointer<MemFS>::create());
     awaitConnected();
     EXPECT_TRUE(says("fsipcsrv 12 Poll for active client"));
+    EXPECT_NEAR(test::lastWaitSeconds(), 30, 0.2);
     child->signal(SIGKILL);
     EXPECT_TRUE(says("fsipcsrv 12 Client crashed. Terminating session."));
     EXPECT_FALSE(messages.contains("fsipcsrv 12 Close Session. 1 files 0 dirs"));

@@ -170,7 +170,8 @@ public:
     int remWatch(QString path) override;
     /// A file of descriptor 0 in the server cannot be used: its operations answer EBADF.
     QSharedPointer<File> open(QString path, int flags, int mode) override;
-    /// Null only when the server's file system gave no directory.
+    /// Null when the request failed or the server's file system gave no directory. Over a server's
+    /// local backend a directory that cannot be opened is an empty one, and errno tells why.
     QSharedPointer<Directory> opendir(QString path) override;
     int lstat(QString path, struct stat& st) override;
     int stat(QString path, struct stat& st) override;

@@ -25,7 +25,8 @@ public:
     virtual int ioctl(QString request, QString& response);
     /// Serves until terminate() is called. `props` is not read and may be null. \returns 0 after an
     /// orderly end; -1 when the service could not begin, with errno EBUSY when another server is
-    /// running, this object included. It can be run again.
+    /// running, this object included; 0 also when only its semaphores could not be initialised. It
+    /// can be run again.
     ///
     /// What a crashed server left behind is removed first; its client is left to find out. What the
     /// client had open is closed at the end.

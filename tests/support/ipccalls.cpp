@@ -23,6 +23,7 @@ namespace {
 std::atomic<int> passed{0};
 std::atomic<int> deadly{0};
 std::atomic<int> longestWait{0};
+std::atomic<double> lastWait{0};
 std::atomic<long long> clockSeconds{0};
 std::atomic<long> clockNanoseconds{-1};
 
@@ -116,6 +117,10 @@ void failCall(const char* function, int count, int error) {
 void setClock(long long seconds, long nanoseconds) {
     clockSeconds = seconds;
     clockNanoseconds = nanoseconds;
+}
+
+double lastWaitSeconds() {
+    return lastWait;
 }
 
 void shortenWaits(int ms) {
@@ -247,11 +252,13 @@ int __real_sem_timedwait(sem_t* semaphore, const struct timespec* deadline);
 int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
     if (fails("sem_timedwait"))
         return -1;
+    struct timespec earliest;
+    __real_clock_gettime(CLOCK_REALTIME, &earliest);
+    oru::io::test::lastWait = static_cast<double>(deadline->tv_sec - earliest.tv_sec) +
+                              static_cast<double>(deadline->tv_nsec - earliest.tv_nsec) / 1e9;
     const int longest = oru::io::test::longestWait;
     if (longest == 0)
         return __real_sem_timedwait(semaphore, deadline);
-    struct timespec earliest;
-    __real_clock_gettime(CLOCK_REALTIME, &earliest);
     const long long nanoseconds = earliest.tv_nsec + longest * 1'000'000LL;
     earliest.tv_sec += static_cast<time_t>(nanoseconds / 1'000'000'000);
     earliest.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);

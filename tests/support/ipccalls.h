@@ -26,6 +26,9 @@ void failCall(const char* function, int count, int error);
 /// What CLOCK_REALTIME tells from now on; negative nanoseconds give it back its own time.
 void setClock(long long seconds, long nanoseconds);
 
+/// For how many seconds the last wait for a semaphore with a deadline was to go on at most.
+double lastWaitSeconds();
+
 /// No wait for a semaphore with a deadline takes longer than this. 0 is as long as it takes.
 void shortenWaits(int ms);
 
