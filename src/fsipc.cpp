@@ -669,10 +669,20 @@ int IPCFS::Data::getResponse(const char** payload) {
     return refused(ENOTCONN);
 }
 
-int IPCFS::Data::awaitResponse(const char** payload) {
+namespace {
+
+/// \returns false, with errno, when that takes too long.
+bool waitUntilPosted(sem_t& responseSem) {
     struct timespec deadline;
     IPCShm::setTimeout(&deadline, answerTimeoutMs);
-    if (m_waiter.wait(area().control.responseSem, &deadline) != 0) {
+    return waitFor(responseSem, &deadline) == 0;
+}
+
+} // namespace
+
+int IPCFS::Data::awaitResponse(const char** payload) {
+    sem_t& responseSem = area().control.responseSem;
+    if (!m_poller.take(responseSem) && !waitUntilPosted(responseSem)) {
         ORUIO_LOG(LogDebug, "Response wait error: %s. Disconnecting.", std::strerror(errno));
         leave();
         return refused(ENOTCONN);

@@ -83,7 +83,7 @@ private:
     bool m_holdsClientMutex = false;
     pid_t m_owner = 0; // the thread that holds it
     ipcwire::Text m_response;
-    ipcwire::Waiter m_waiter;
+    ipcwire::Poller m_poller;
 };
 
 /// A descriptor of the server.

@@ -390,17 +390,14 @@ int IPCServer::Data::getRequest(IPCShm* from) {
     // The state comes first: who changes it posts the semaphore afterwards, and that may have been
     // before the semaphore was initialised anew.
     while (isServing()) {
-        int result;
-        if (isClientConnected()) {
-            const struct timespec deadline = inMs(clientPollMs);
-            result = m_waiter.wait(requestSem, &deadline);
-            if (result != 0 && errno == ETIMEDOUT && (DBG_MASK & TraceLifecycle))
-                ORUIO_LOG(LogDebug, "Poll for active client");
-        } else {
-            result = m_waiter.wait(requestSem, nullptr);
-        }
-        if (result == 0)
+        const bool isConnected = isClientConnected();
+        if (m_poller.take(requestSem))
             break;
+        const struct timespec deadline = inMs(clientPollMs);
+        if (waitFor(requestSem, isConnected ? &deadline : nullptr) == 0)
+            break;
+        if (errno == ETIMEDOUT && (DBG_MASK & TraceLifecycle))
+            ORUIO_LOG(LogDebug, "Poll for active client");
     }
     return 0;
 }

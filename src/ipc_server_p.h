@@ -140,7 +140,7 @@ private:
     int rq_notfound(const char* args);
 
     std::optional<ShmBlock::Access<IPCShm>> m_beginning;
-    ipcwire::Waiter m_waiter;
+    ipcwire::Poller m_poller;
     std::mutex m_running;    // held by run()
     std::mutex m_blockMutex; // guards block
     std::atomic<bool> m_isFinished{false};

@@ -204,17 +204,15 @@ int waitFor(sem_t& semaphore, const struct timespec* deadline) {
     return result;
 }
 
-int Waiter::wait(sem_t& semaphore, const struct timespec* deadline) {
-    if (m_toSkip > 0)
+bool Poller::take(sem_t& semaphore) {
+    if (sem_trywait(&semaphore) == 0)
+        return true;
+    if (m_toSkip > 0) {
         --m_toSkip;
-    else if (poll(semaphore))
-        return 0;
-    return waitFor(semaphore, deadline);
-}
-
-bool Waiter::poll(sem_t& semaphore) {
+        return false;
+    }
+    bool isTaken = false;
     const auto start = Clock::now();
-    bool isTaken = sem_trywait(&semaphore) == 0;
     auto now = start;
     while (!isTaken && now - start < pollTime) {
         const auto before = now;

@@ -314,20 +314,18 @@ int lockShared(pthread_mutex_t& mutex, const struct timespec* deadline);
 /// sem_timedwait(3), which goes on after a signal handler has run. A null deadline is none.
 int waitFor(sem_t& semaphore, const struct timespec* deadline);
 
-/// Waits for what the other end usually does soon: as waitFor(), after a moment in which the thread
+/// Looks for what the other end usually does soon, before a wait: for a moment in which the thread
 /// only makes way for others. For one thread.
 ///
 /// Putting a processor to sleep and waking it up takes longer than most exchanges. On a processor
 /// that others keep busy, though, making way costs a whole slice of time: then a growing number of
 /// waits goes without it.
-class Waiter {
+class Poller {
 public:
-    int wait(sem_t& semaphore, const struct timespec* deadline);
+    /// \returns whether the semaphore was taken.
+    bool take(sem_t& semaphore);
 
 private:
-    /// \returns whether the semaphore was taken.
-    bool poll(sem_t& semaphore);
-
     static constexpr unsigned int fewestSkipped = 16;
     unsigned int m_toSkip = 0;              // waits that do not poll
     unsigned int m_skipped = fewestSkipped; // as many after the next poll that took too long
