@@ -283,7 +283,7 @@ TEST(ShmBlock, HeldForLong_NullAfterTenSeconds) {
         const auto start = Clock::now();
         EXPECT_EQ(block.lock(), nullptr);
         EXPECT_GE(secondsSince(start), 9.9);
-        EXPECT_LT(secondsSince(start), 12);
+        EXPECT_LT(secondsSince(start), 15);
     });
     thread.join();
     EXPECT_EQ(block.unlock(), 0);
@@ -1043,7 +1043,8 @@ TEST_F(IPCFSTest, ServerStoppedForElevenSeconds_ClientBeginsAnewInStep) {
     const auto start = Clock::now();
     LogCapture log("fsipc=12");
     expectNotConnected(fs.mkdir("/given-up", 0755));
-    EXPECT_NEAR(secondsSince(start), 10, 0.5);
+    EXPECT_GE(secondsSince(start), 9.9);
+    EXPECT_LT(secondsSince(start), 15);
     EXPECT_EQ(log.messages(), QStringList({"fsipc 12 Send request 'mkdir 493 /given-up'",
                                            "fsipc 12 Response wait error: Connection timed out. "
                                            "Disconnecting."}));
@@ -1660,12 +1661,13 @@ TEST(IPCFSWithoutServer, Connect_TriesOncePerSecond) {
     errno = 0;
     EXPECT_EQ(fs.connect(0, nullptr), -1);
     EXPECT_EQ(errno, ENOTCONN);
-    EXPECT_LT(secondsSince(start), 0.5);
+    EXPECT_LT(secondsSince(start), 0.9);
     EXPECT_EQ(log.messages(), QStringList());
     start = Clock::now();
     EXPECT_EQ(fs.connect(3, nullptr), -1);
     EXPECT_EQ(errno, ENOTCONN);
-    EXPECT_NEAR(secondsSince(start), 3, 0.5);
+    EXPECT_GE(secondsSince(start), 3);
+    EXPECT_LT(secondsSince(start), 7);
     EXPECT_EQ(log.messages(),
               QStringList({"fsipc 12 Client connecting", "fsipc 12 No IPC Server found.",
                            "fsipc 12 Client connecting", "fsipc 12 No IPC Server found.",

@@ -119,7 +119,7 @@ protected:
         const auto start = Clock::now();
         IPCFS fs;
         EXPECT_EQ(record(fs, "/next"), 0) << strerror();
-        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 5);
+        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 9);
         EXPECT_EQ(server.process().descriptors(), idleDescriptors);
         const test::AreaView view;
         ASSERT_TRUE(view.isThere());
@@ -311,7 +311,7 @@ TEST_P(IpcServerDeath, NextServerWorks) {
         const int step = record(fs);
         // Once the answer is there, it depends on whether the death is seen first.
         EXPECT_TRUE(step == GetParam().failingStep || step == GetParam().orStep) << step;
-        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 3);
+        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 9);
     }
     EXPECT_EQ(GetParam().failingStep == 0 ? server->terminate() : server->process().wait(),
               -SIGKILL);
