@@ -182,13 +182,15 @@ bool ShmBlock::create() {
 
 /// Maps the object before it has its size, and lets a creator see to that.
 bool ShmBlock::map(int fd) {
-    m_object = statusOf(fd).st_ino;
+    const struct stat object = statusOf(fd);
+    m_object = object.st_ino;
     void* const address = mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     m_base = address == MAP_FAILED ? nullptr : address;
     // To cut an object to the size that it has would wipe the end of its last page.
-    const bool resize = (m_flags & Create) && statusOf(fd).st_size != static_cast<off_t>(m_size);
+    const bool resize = (m_flags & Create) && object.st_size != static_cast<off_t>(m_size);
     if (m_base && (!resize || ftruncate(fd, m_size) == 0))
         return true;
+    const KeptReason kept;
     perror("ShmBlock mmap error");
     unmap();
     return false;
@@ -219,8 +221,10 @@ bool ShmBlock::initialise(int fd) {
 bool ShmBlock::initialiseHeader() {
     headerAt(m_base).size = m_size;
     setMagic(m_base, 0);
-    if (SharedMutexAttributes().makeMutex(headerAt(m_base).mutex) != 0)
+    if (const int error = SharedMutexAttributes().makeMutex(headerAt(m_base).mutex)) {
+        errno = error;
         return false;
+    }
     setMagic(m_base, magic);
     return true;
 }
@@ -249,7 +253,7 @@ void* ShmBlock::lockedData(int lockResult) {
     if (lockResult != 0)
         return nullptr;
     if (isValid())
-        return static_cast<char*>(m_base) + sizeof(BlockHeader);
+        return shmAt(m_base);
     // Its holder until now has removed the object.
     pthread_mutex_unlock(&headerAt(m_base).mutex);
     return nullptr;

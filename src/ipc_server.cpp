@@ -81,11 +81,10 @@ QSharedPointer<ShmBlock> IPCServer::Data::currentBlock() {
     return block;
 }
 
-void IPCServer::Data::setBlock(const QSharedPointer<ShmBlock>& newBlock) {
-    // The old one outlives the lock.
-    const QSharedPointer<ShmBlock> oldBlock = currentBlock();
+/// The old one, now the argument, outlives the lock.
+void IPCServer::Data::setBlock(QSharedPointer<ShmBlock> newBlock) {
     const std::lock_guard lock(m_blockMutex);
-    block = newBlock;
+    block.swap(newBlock);
 }
 
 // --- Beginning and end --------------------------------------------------------------------------
@@ -104,9 +103,12 @@ IPCShm* IPCServer::Data::init(Properties*) {
         if (m_beginning->data())
             return takeOver(*m_beginning);
         // Another server that begins at this moment may have removed it.
-        if (created->isValid())
+        if (created->isValid()) {
+            ORUIO_LOG(LogDebug, "Invalid shmblock");
             break;
+        }
     }
+    errno = EBUSY;
     return nullptr;
 }
 
@@ -121,7 +123,6 @@ bool IPCServer::Data::retirePredecessor() {
         if (!existing->isValid())
             return true;
         ORUIO_LOG(LogDebug, "Invalid shmblock");
-        errno = EBUSY;
         return false;
     }
     Area& old = areaOf(access.data());
@@ -133,7 +134,6 @@ bool IPCServer::Data::retirePredecessor() {
         const int error = lockShared(old.control.serverMutex, &deadline);
         if (error == EBUSY || error == ETIMEDOUT) {
             ORUIO_LOG(LogDebug, "Existing active server detected. Aborting");
-            errno = EBUSY;
             return false;
         }
         if (error == 0) {

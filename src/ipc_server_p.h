@@ -60,7 +60,7 @@ private:
 
     ipcwire::Area& area();
     QSharedPointer<ShmBlock> currentBlock();
-    void setBlock(const QSharedPointer<ShmBlock>& newBlock);
+    void setBlock(QSharedPointer<ShmBlock> newBlock);
     bool retirePredecessor();
     IPCShm* takeOver(const ShmBlock::Access<IPCShm>& access);
     bool initialiseMutexes(ipcwire::AreaControl& control);

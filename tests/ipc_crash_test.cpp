@@ -230,7 +230,9 @@ TEST_F(IpcCrash, ClientKilledWhileTheServerIsInTheFileSystem_NextClientWorks) {
     ASSERT_EQ(client->wait(), -SIGKILL);
     // The next one comes while the server is still inside, and goes on when it is done.
     ChildProcess later([&] {
-        usleep(200'000);
+        const test::AreaView view;
+        if (!test::eventually([&] { return isRequest(mark(view.area())); }))
+            return 1;
         return ::close(::open(qPrintable(dir / "go"), O_CREAT | O_WRONLY, 0644));
     });
     expectService(*server, idle);

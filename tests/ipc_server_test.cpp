@@ -226,6 +226,7 @@ TEST(IPCServer, SecondServer_RefusedAndTheFirstGoesOn) {
         QStringList({"fsipcsrv 12 Serving 'MemFS'", "fsipcsrv 12 IPC Server initializing",
                      "Existing Shm", "fsipcsrv 12 Existing active server detected. Aborting",
                      "fsipcsrv 12 IPC Server init failed", "fsipcsrv 12 IPC Server stopped"}));
+    EXPECT_NEAR(test::lastLockSeconds(), 0.1, 0.01); // the server mutex is tried for 100 ms
     EXPECT_TRUE(test::serviceExists());
     EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
 }
@@ -325,11 +326,28 @@ TEST(IPCServer, BlockCannotBeMade_SaysSo) {
     test::failCall("mmap", 1, ENOMEM);
     errno = 0;
     EXPECT_EQ(server.run(nullptr), -1);
+    EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(
         log.messages(),
         QStringList({"fsipcsrv 12 IPC Server initializing", "fsipcsrv 12 Create new FSShm: failed",
                      "fsipcsrv 12 Invalid shmblock", "fsipcsrv 12 IPC Server init failed",
                      "fsipcsrv 12 IPC Server stopped"}));
+    shm_unlink("/_blk_fsipc");
+}
+
+TEST(IPCServer, NewBlockStaysLocked_SaysSo) {
+    IPCServer server(QSharedPointer<MemFS>::create());
+    LogCapture log("fsipcsrv=12");
+    test::failCall("pthread_mutex_timedlock", 1, ETIMEDOUT);
+    errno = 0;
+    EXPECT_EQ(server.run(nullptr), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(
+        log.messages(),
+        QStringList({"fsipcsrv 12 IPC Server initializing", "fsipcsrv 12 Create new FSShm: OK",
+                     "fsipcsrv 12 Invalid shmblock", "fsipcsrv 12 IPC Server init failed",
+                     "fsipcsrv 12 IPC Server stopped"}));
+    EXPECT_NEAR(test::lastLockSeconds(), 10, 0.2);
     shm_unlink("/_blk_fsipc");
 }
 
@@ -485,6 +503,7 @@ TEST(IPCServer, StillActiveAfterTheTimeout_SaysSo) {
     EXPECT_EQ(running.server->terminate(), 0);
     EXPECT_EQ(log.messages(), QStringList({"fsipcsrv 12 Terminate server",
                                            "fsipcsrv 12 NOTICE: Server still active."}));
+    EXPECT_NEAR(test::lastLockSeconds(), 10, 0.2);
     fs->letGo();
     EXPECT_EQ(running.join(), 0);
 }

@@ -24,6 +24,7 @@ std::atomic<int> passed{0};
 std::atomic<int> deadly{0};
 std::atomic<int> longestWait{0};
 std::atomic<double> lastWait{0};
+std::atomic<double> lastLock{0};
 std::atomic<long long> clockSeconds{0};
 std::atomic<long> clockNanoseconds{-1};
 
@@ -123,6 +124,10 @@ double lastWaitSeconds() {
     return lastWait;
 }
 
+double lastLockSeconds() {
+    return lastLock;
+}
+
 void shortenWaits(int ms) {
     longestWait = ms;
 }
@@ -192,8 +197,33 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
                          [=] { return __real_pthread_mutex_init(mutex, attributes); });
 }
 
+int __real_clock_gettime(clockid_t clock, struct timespec* time);
+int __wrap_clock_gettime(clockid_t clock, struct timespec* time) {
+    const long nanoseconds = oru::io::test::clockNanoseconds;
+    if (clock != CLOCK_REALTIME || nanoseconds < 0)
+        return __real_clock_gettime(clock, time);
+    time->tv_sec = static_cast<time_t>(oru::io::test::clockSeconds);
+    time->tv_nsec = nanoseconds;
+    return 0;
+}
+
+static double secondsUntil(const struct timespec* deadline) {
+    struct timespec now;
+    __real_clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<double>(deadline->tv_sec - now.tv_sec) +
+           static_cast<double>(deadline->tv_nsec - now.tv_nsec) / 1e9;
+}
+
+int __real_nanosleep(const struct timespec* time, struct timespec* left);
+int __wrap_nanosleep(const struct timespec* time, struct timespec* left) {
+    if (oru::io::test::action.isDue("nanosleep"))
+        oru::io::test::actionToRun();
+    return __real_nanosleep(time, left);
+}
+
 int __real_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline);
 int __wrap_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline) {
+    oru::io::test::lastLock = secondsUntil(deadline);
     const int error = watchedNumber(
         "pthread_mutex_timedlock", [=] { return __real_pthread_mutex_timedlock(mutex, deadline); });
 #if defined(__SANITIZE_THREAD__)
@@ -238,24 +268,13 @@ int __wrap_sem_post(sem_t* semaphore) {
     return watched("sem_post", -1, [=] { return __real_sem_post(semaphore); });
 }
 
-int __real_clock_gettime(clockid_t clock, struct timespec* time);
-int __wrap_clock_gettime(clockid_t clock, struct timespec* time) {
-    const long nanoseconds = oru::io::test::clockNanoseconds;
-    if (clock != CLOCK_REALTIME || nanoseconds < 0)
-        return __real_clock_gettime(clock, time);
-    time->tv_sec = static_cast<time_t>(oru::io::test::clockSeconds);
-    time->tv_nsec = nanoseconds;
-    return 0;
-}
-
 int __real_sem_timedwait(sem_t* semaphore, const struct timespec* deadline);
 int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
     if (fails("sem_timedwait"))
         return -1;
     struct timespec earliest;
     __real_clock_gettime(CLOCK_REALTIME, &earliest);
-    oru::io::test::lastWait = static_cast<double>(deadline->tv_sec - earliest.tv_sec) +
-                              static_cast<double>(deadline->tv_nsec - earliest.tv_nsec) / 1e9;
+    oru::io::test::lastWait = secondsUntil(deadline);
     const int longest = oru::io::test::longestWait;
     if (longest == 0)
         return __real_sem_timedwait(semaphore, deadline);

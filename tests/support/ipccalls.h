@@ -28,6 +28,8 @@ void setClock(long long seconds, long nanoseconds);
 
 /// For how many seconds the last wait for a semaphore with a deadline was to go on at most.
 double lastWaitSeconds();
+/// The same of the last attempt at a mutex.
+double lastLockSeconds();
 
 /// No wait for a semaphore with a deadline takes longer than this. 0 is as long as it takes.
 void shortenWaits(int ms);
