@@ -114,6 +114,18 @@ protected:
         });
     }
 
+    /// A client whose request keeps the server inside the file system.
+    std::unique_ptr<ChildProcess> startHeldClient() {
+        auto client = startClient([] {},
+                                  [](IPCFS& fs) {
+                                      struct stat st;
+                                      return fs.connect(1, nullptr) == 0 ? fs.stat("/hold", st) : 1;
+                                  });
+        const std::string held = qPrintable(dir / "held");
+        EXPECT_TRUE(test::eventually([&] { return access(held.c_str(), F_OK) == 0; }));
+        return client;
+    }
+
     /// A client that works, at once; and afterwards a server with nothing open or taken.
     void expectService(ServerProcess& server, int idleDescriptors) {
         const auto start = Clock::now();
@@ -218,14 +230,7 @@ TEST_F(IpcCrash, ClientKilledWhileTheServerIsInTheFileSystem_NextClientWorks) {
     const auto server = startServer();
     ASSERT_TRUE(server->isReady());
     const int idle = server->process().descriptors();
-    const auto client =
-        startClient([] {},
-                    [](IPCFS& fs) {
-                        struct stat st;
-                        return fs.connect(1, nullptr) == 0 ? fs.stat("/hold", st) : 1;
-                    });
-    const std::string held = qPrintable(dir / "held");
-    ASSERT_TRUE(test::eventually([&] { return access(held.c_str(), F_OK) == 0; }));
+    const auto client = startHeldClient();
     client->signal(SIGKILL);
     ASSERT_EQ(client->wait(), -SIGKILL);
     // The next one comes while the server is still inside, and goes on when it is done.
@@ -414,14 +419,7 @@ TEST_F(IpcCrash, ServerKilledAtEveryCall_NextServerWorks) {
 TEST_F(IpcCrash, BothKilled_NextOnesWork) {
     auto server = startServer();
     ASSERT_TRUE(server->isReady());
-    const auto client =
-        startClient([] {},
-                    [](IPCFS& fs) {
-                        struct stat st;
-                        return fs.connect(1, nullptr) == 0 ? fs.stat("/hold", st) : 1;
-                    });
-    const std::string held = qPrintable(dir / "held");
-    ASSERT_TRUE(test::eventually([&] { return access(held.c_str(), F_OK) == 0; }));
+    const auto client = startHeldClient();
     server->process().signal(SIGKILL);
     client->signal(SIGKILL);
     EXPECT_EQ(client->wait(), -SIGKILL);

@@ -142,6 +142,19 @@ private:
     test::AreaView m_view;
 };
 
+/// A server that is inside the file system, until the test lets it go.
+class IPCServerBusy : public ::testing::Test {
+protected:
+    IPCServerBusy() {
+        client.send("stat /gate");
+        fs->awaitEntry();
+    }
+
+    QSharedPointer<GatedFS> fs = QSharedPointer<GatedFS>::create();
+    RunningServer running{fs};
+    RawClient client;
+};
+
 /// Those of one channel.
 QStringList only(const char* channel, const QStringList& messages) {
     QStringList found;
@@ -442,12 +455,7 @@ TEST(IPCServer, TerminatedWhileIdle_Messages) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCServer, TerminatedWhileBusy_EndsAfterTheRequest) {
-    const auto fs = QSharedPointer<GatedFS>::create();
-    RunningServer running(fs);
-    RawClient client;
-    client.send("stat /gate");
-    fs->awaitEntry();
+TEST_F(IPCServerBusy, TerminatedWhileBusy_EndsAfterTheRequest) {
     std::thread terminator([&] { running.server->terminate(); });
     EXPECT_TRUE(eventually([&] { return running.server->state() == 3; }));
     fs->letGo();
@@ -458,12 +466,7 @@ TEST(IPCServer, TerminatedWhileBusy_EndsAfterTheRequest) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCServer, TerminatedWhileAClientWaits_CanceledByTheNextAnswer) {
-    const auto fs = QSharedPointer<GatedFS>::create();
-    RunningServer running(fs);
-    RawClient client;
-    client.send("stat /gate");
-    fs->awaitEntry();
+TEST_F(IPCServerBusy, TerminatedWhileAClientWaits_CanceledByTheNextAnswer) {
     std::thread terminator([&] { running.server->terminate(); });
     EXPECT_TRUE(eventually([&] { return running.server->state() == 3; }));
     // A client that had given its first request up, and whose next one nobody will carry out.
@@ -492,12 +495,7 @@ TEST(IPCServer, TerminatedWithASessionOpen_EverythingClosed) {
     EXPECT_EQ(liberrno, NotFound);
 }
 
-TEST(IPCServer, StillActiveAfterTheTimeout_SaysSo) {
-    const auto fs = QSharedPointer<GatedFS>::create();
-    RunningServer running(fs);
-    RawClient client;
-    client.send("stat /gate");
-    fs->awaitEntry();
+TEST_F(IPCServerBusy, StillActiveAfterTheTimeout_SaysSo) {
     LogCapture log("fsipcsrv=12");
     test::failCall("pthread_mutex_timedlock", 2, ETIMEDOUT); // the first one locks the block
     EXPECT_EQ(running.server->terminate(), 0);
@@ -576,12 +574,7 @@ TEST(IPCServer, DestroyedWhileServing_RunHasReturned) {
     }
 }
 
-TEST(IPCServer, DestroyedWhileBusy_WaitsForTheFileSystem) {
-    const auto fs = QSharedPointer<GatedFS>::create();
-    RunningServer running(fs);
-    RawClient client;
-    client.send("stat /gate");
-    fs->awaitEntry();
+TEST_F(IPCServerBusy, DestroyedWhileBusy_WaitsForTheFileSystem) {
     LogCapture log("fsipcsrv=12");
     std::thread opener([&] {
         EXPECT_TRUE(
