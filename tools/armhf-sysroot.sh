@@ -1,7 +1,7 @@
 #!/bin/bash
 # Makes a sysroot for cross-building to 32-bit ARM and for running the result in qemu-user: Debian's
-# armhf packages, unpacked. The machine's own package database is left alone, so that no foreign
-# architecture has to be enabled, and no privilege is needed.
+# armhf packages, unpacked, and libsmb2, cross-built. The machine's own package database is left
+# alone, so that no foreign architecture has to be enabled, and no privilege is needed.
 #   usage: armhf-sysroot.sh DIRECTORY
 #
 # An up-to-date sysroot is kept as it is.
@@ -24,8 +24,13 @@ packages=(
     libxxhash-dev libxxhash0
 )
 
+root=$(dirname "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")")
+# shellcheck source=tools/own-apt.sh
+source "$root/tools/own-apt.sh"
+toolchain=$root/cmake/toolchains/armhf.cmake
+
 sysroot=$(realpath -m "$1")
-version=$(sha256sum <"${BASH_SOURCE[0]}")
+version=$(cat "$root"/tools/{armhf-sysroot,libsmb2,own-apt}.sh "$toolchain" | sha256sum)
 if [[ $(cat "$sysroot/.complete" 2>/dev/null) == "$version" ]]; then
     exit
 fi
@@ -34,34 +39,9 @@ mkdir -p "${sysroot%/*}"
 work=$(mktemp -d "$sysroot.XXXXXXXX")
 trap 'rm -rf "$work"' EXIT
 
-# An apt of its own, with the mirror that the machine's apt uses for the same suite.
-# shellcheck disable=SC2016 # apt expands these
-mirror=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE)' 'Created-By: Packages' |
-    awk -v suite="$suite" '$2 == suite { print $1; exit }')
-if [[ -z $mirror ]]; then
-    echo "armhf-sysroot: apt knows no mirror of $suite" >&2
-    exit 1
-fi
-mkdir -p "$work"/apt/{lists/partial,cache/archives/partial,parts} "$work/debs" "$work/root"
-: >"$work/apt/status"
-echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $mirror $suite main" \
-    >"$work/apt/sources.list"
-apt_get=(
-    apt-get -q
-    -o APT::Architecture=armhf -o APT::Architectures=armhf
-    -o APT::Sandbox::User= # the user _apt has no access to the directory
-    -o Acquire::Languages=none
-    -o Acquire::Retries=3
-    -o Dir::Cache="$work/apt/cache"
-    -o Dir::Etc::SourceList="$work/apt/sources.list"
-    -o Dir::Etc::SourceParts="$work/apt/parts"
-    -o Dir::Etc::Preferences=/dev/null
-    -o Dir::Etc::PreferencesParts="$work/apt/parts"
-    -o Dir::State::Lists="$work/apt/lists"
-    -o Dir::State::Status="$work/apt/status"
-)
-"${apt_get[@]}" update
-(cd "$work/debs" && "${apt_get[@]}" download "${packages[@]}")
+make_own_apt "$work/apt" deb "$suite" -o APT::Architecture=armhf -o APT::Architectures=armhf
+mkdir "$work/debs" "$work/root"
+(cd "$work/debs" && apt-get "${own_apt[@]}" download "${packages[@]}")
 for deb in "$work"/debs/*.deb; do
     dpkg-deb --extract "$deb" "$work/root"
 done
@@ -80,6 +60,16 @@ for tool in moc qmake rcc uic; do
         ln -sfn "/usr/lib/qt5/bin/$tool" "$directory/$tool"
     done
 done
+
+# Debian has no libsmb2 of this release to unpack. The number in the library's name is the CMake
+# build's, not that of Debian's packages: it matters to no program that is linked here.
+"$root/tools/libsmb2.sh" source "$work/libsmb2"
+cmake -G Ninja -S "$work/libsmb2" -B "$work/libsmb2-build" \
+    -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DARMHF_SYSROOT="$work/root" \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+    -DLIB_SUFFIX=/arm-linux-gnueabihf -DENABLE_LIBKRB5=OFF -DENABLE_GSSAPI=OFF
+cmake --build "$work/libsmb2-build"
+DESTDIR="$work/root" cmake --install "$work/libsmb2-build"
 
 rm -rf "$sysroot"
 mv "$work/root" "$sysroot"

@@ -1,16 +1,20 @@
 # shellcheck shell=bash
-# shellcheck disable=SC2034 # the lists are for ./dev, which sources this
+# shellcheck disable=SC2034,SC2154 # the lists are for ./dev, which sources this and sets root
 # Which Debian packages the verbs of ./dev need, and how they get installed.
 
 # What every build of the project needs; the source package's Build-Depends say the rest.
 packages_build=(cmake g++ ninja-build)
 packages_googletest=(googletest libgmock-dev libgtest-dev)
-packages_bench=(bindfs libbenchmark-dev libglib2.0-dev pkgconf)
-packages_test=("${packages_googletest[@]}" pkgconf)
-packages_armhf=(debian-archive-keyring g++-arm-linux-gnueabihf qemu-user-static)
+packages_samba=(samba samba-common-bin)
+packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libglib2.0-dev pkgconf smbclient)
+packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" pkgconf)
+packages_demo=("${packages_samba[@]}")
+packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-user-static)
 packages_fuzz=(clang libclang-rt-dev)
 packages_check=(clang-format clang-tidy git pkgconf shellcheck)
 packages_docs=(doxygen graphviz)
+# To build libsmb2 itself, where it has to be.
+packages_libsmb2=(build-essential debhelper debian-archive-keyring libkrb5-dev)
 packages_package=(build-essential debhelper git lintian "${packages_docs[@]}")
 
 # What the source package with this debian/control builds with, apart from packaging itself.
@@ -30,14 +34,35 @@ missing_packages() {
         <(printf '%s\n' "$@" | sort -u)
 }
 
-# apt_install NAME...: with fresh lists, since a mirror forgets what old lists name.
-apt_install() {
-    local as_root=()
-    [[ $EUID -eq 0 ]] || as_root=(sudo)
-    local apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive
-        apt-get -q -y -o DPkg::Lock::Timeout=600)
-    "${apt[@]}" update
-    "${apt[@]}" install --no-install-recommends "$@"
+# is_offered PACKAGE: whether apt has it, by its lists.
+is_offered() {
+    local policy
+    policy=$(LC_ALL=C apt-cache policy "$1")
+    [[ $policy == *'Candidate: '[^\(]* ]]
+}
+
+# as_root COMMAND...: a command that installs, without questions. It starts and restarts no services:
+# the variable tells it to the systemctl of the maintainer scripts, and, unlike a policy-rc.d, to
+# nobody else on the machine.
+as_root() {
+    local command=(env DEBIAN_FRONTEND=noninteractive SYSTEMD_OFFLINE=1 "$@")
+    [[ $EUID -eq 0 ]] || command=(sudo "${command[@]}")
+    "${command[@]}"
+}
+
+apt_get() {
+    as_root apt-get -q -y -o DPkg::Lock::Timeout=600 "$@"
+}
+
+# disable_services PACKAGE: so that they do not start with the machine either. System V's init has no
+# such variable: what it has started is stopped.
+disable_services() {
+    local service services
+    mapfile -t services < <(dpkg-query -L "$1" | sed -n 's|^/etc/init\.d/||p')
+    for service in "${services[@]}"; do
+        as_root update-rc.d "$service" disable
+        as_root invoke-rc.d "$service" stop
+    done
 }
 
 # need NAME...: installs what is missing. Where packages are not Debian's, takes them for present.
@@ -50,5 +75,29 @@ need() {
         die "missing packages, and neither root nor sudo to install them: ${missing[*]}"
     fi
     say "installing ${missing[*]}"
-    quietly packages apt_install "${missing[@]}"
+    # A mirror forgets what old lists name.
+    quietly package-lists apt_get update
+    local name names=() backported=false
+    for name in "${missing[@]}"; do
+        if [[ $name == libsmb2-dev ]] && ! is_offered "$name"; then
+            backported=true
+            names+=("${packages_libsmb2[@]}")
+        else
+            names+=("$name")
+        fi
+    done
+    quietly packages apt_get install --no-install-recommends "${names[@]}"
+    # The tests run servers of their own.
+    [[ " ${missing[*]} " != *' samba '* ]] || quietly services disable_services samba
+    [[ $backported == false ]] || install_libsmb2
+}
+
+# Builds and installs libsmb2's packages.
+install_libsmb2() {
+    local debs
+    say "building build/libsmb2, for want of a package of it"
+    quietly libsmb2 "$root/tools/libsmb2.sh" debs "$root/build/libsmb2"
+    debs=("$root"/build/libsmb2/*.deb)
+    say "installing ${debs[*]##*/}"
+    quietly packages-libsmb2 apt_get install --no-install-recommends "${debs[@]}"
 }

@@ -41,7 +41,7 @@ flags=()
 sanitizers=$(cached ORUIO_SANITIZE)
 [[ -z $sanitizers ]] || flags+=("-fsanitize=$sanitizers")
 options=("-DCMAKE_PREFIX_PATH=$prefix" "-DCMAKE_CXX_FLAGS=${flags[*]}"
-    -DCMAKE_DISABLE_FIND_PACKAGE_spdlog=ON)
+    -DCMAKE_DISABLE_FIND_PACKAGE_PkgConfig=ON -DCMAKE_DISABLE_FIND_PACKAGE_spdlog=ON)
 toolchain=$(cached CMAKE_TOOLCHAIN_FILE)
 if [[ -n $toolchain ]]; then
     options+=(
@@ -52,7 +52,7 @@ if [[ -n $toolchain ]]; then
 fi
 quietly cmake -G "$(cached CMAKE_GENERATOR)" -S "$source" -B "$work/build" "${options[@]}"
 quietly cmake --build "$work/build"
-if grep -r spdlog "$work/build" --include=build.ninja --include=link.txt; then
+if grep -r -e spdlog -e libsmb2 "$work/build" --include=build.ninja --include=link.txt; then
     echo "the program is linked with what the libraries are built with" >&2
     exit 1
 fi

@@ -1,0 +1,85 @@
+#!/bin/bash
+# libsmb2 for a release of Debian that has no package of it: the source package of a later release,
+# whose binary packages would ask for a newer C library.
+#   usage: libsmb2.sh source DIRECTORY   unpacks the source, with Debian's patches
+#          libsmb2.sh debs DIRECTORY     builds the packages; up-to-date ones are kept
+#
+# Installing what comes of it is left to the caller: none of this takes privilege.
+set -euo pipefail
+
+suite=trixie
+version=6.2+dfsg-2+deb13u1
+# A mirror keeps only the last revision of a release: that one does as well.
+oldest=6.2
+
+tools=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
+# shellcheck source=tools/own-apt.sh
+source "$tools/own-apt.sh"
+
+# Sets version to one that the lists have.
+choose_version() {
+    local offered wanted=$version
+    version=$oldest
+    while read -r offered; do
+        if [[ $offered == "$wanted" ]]; then
+            version=$wanted
+            return
+        fi
+        if dpkg --compare-versions "$offered" gt "$version"; then
+            version=$offered
+        fi
+    done < <(apt-cache "${own_apt[@]}" showsrc --only-source libsmb2 | sed -n 's/^Version: //p')
+    if [[ $version == "$oldest" ]]; then
+        echo "libsmb2.sh: the mirror's $suite has no source of libsmb2 $oldest or later" >&2
+        return 1
+    fi
+    echo "libsmb2.sh: the mirror has no libsmb2 $wanted: taking $version" >&2
+}
+
+# unpack DIRECTORY
+unpack() {
+    make_own_apt "$work/apt" deb-src "$suite"
+    choose_version
+    mkdir "$work/files" "$1"
+    # Not the .dsc, which names the same files: not every mirror has it.
+    (
+        cd "$work/files"
+        apt-get "${own_apt[@]}" source --download-only --tar-only "libsmb2=$version"
+        apt-get "${own_apt[@]}" source --download-only --diff-only "libsmb2=$version"
+    )
+    tar -x -f "$work"/files/*.orig.tar.[gx]z -C "$1" --strip-components=1
+    tar -x -f "$work"/files/*.debian.tar.[gx]z -C "$1"
+    dpkg-source --before-build "$1"
+}
+
+# build_packages DIRECTORY
+build_packages() {
+    local stamp
+    stamp=$(cat "$tools/libsmb2.sh" "$tools/own-apt.sh" | sha256sum)
+    stamp+=$(dpkg --print-architecture)
+    [[ $(cat "$1/.complete" 2>/dev/null) != "$stamp" ]] || return 0
+    mkdir "$work/build" "$work/debs"
+    unpack "$work/build/libsmb2"
+    # A version that the package of the later release takes the place of.
+    sed -i '1s/)/~bpo12+1)/' "$work/build/libsmb2/debian/changelog"
+    (cd "$work/build/libsmb2" &&
+        DEB_BUILD_OPTIONS="noautodbgsym parallel=$(nproc)" dpkg-buildpackage -b -us -uc)
+    mv "$work"/build/libsmb2-{[0-9]*,dev_*}.deb "$work/debs"
+    echo "$stamp" >"$work/debs/.complete"
+    rm -rf "$1"
+    mv -T "$work/debs" "$1"
+}
+
+usage='usage: libsmb2.sh source|debs DIRECTORY'
+output=$(realpath -m "${2:?"$usage"}")
+mkdir -p "${output%/*}"
+work=$(mktemp -d "$output.XXXXXXXX")
+trap 'rm -rf "$work"' EXIT
+case $1 in
+source) unpack "$output" ;;
+debs) build_packages "$output" ;;
+*)
+    echo "$usage" >&2
+    exit 1
+    ;;
+esac
