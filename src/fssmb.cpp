@@ -247,7 +247,7 @@ bool Smb2FS::isConnected() {
 }
 
 QString Smb2FS::getDialect() {
-    const QString unknown = QStringLiteral("unknown");
+    QString unknown = QStringLiteral("unknown");
     if (m_data->isBroken())
         return unknown;
     const std::lock_guard lock(m_data->mutex);
@@ -445,8 +445,6 @@ public:
         return share->report(call(*current));
     }
 
-    long long seek(long long offset, int whence);
-
     void written(qint64 end) {
         writtenEnd = std::max(writtenEnd, end);
     }
@@ -533,19 +531,20 @@ long long Smb2File::lseek(long long offset, int whence) {
         return -1;
     const std::lock_guard lock(m_data->share->mutex);
     liberrno = Ok;
-    return m_data->seek(offset, whence);
-}
-
-long long Smb2File::Data::seek(long long offset, int whence) {
+    const std::shared_ptr<Smb2Session> session = m_data->session.lock();
+    if (!session || !m_data->isOpen) {
+        errno = EBADF;
+        return -1;
+    }
     qint64 base = 0;
     switch (whence) {
     case SEEK_SET:
         break;
     case SEEK_CUR:
-        base = position;
+        base = m_data->position;
         break;
     case SEEK_END:
-        base = writtenEnd;
+        base = m_data->writtenEnd;
         break;
     default:
         ORUIO_LOG(LogDebug, "Invalid lseek whence code '%d'", whence);
@@ -557,7 +556,7 @@ long long Smb2File::Data::seek(long long offset, int whence) {
         errno = EOVERFLOW;
         return -1;
     }
-    position = target;
+    m_data->position = target;
     if (target < 0) {
         ORUIO_LOG(LogDebug, "Invalid seek offset: %lld", target);
         errno = EINVAL;
@@ -566,8 +565,7 @@ long long Smb2File::Data::seek(long long offset, int whence) {
     // Asking where the beginning is moves nothing.
     if (whence == SEEK_CUR && offset == 0 && target == 0)
         return target;
-    const std::shared_ptr<Smb2Session> current = session.lock();
-    const std::int64_t result = current && isOpen ? current->lseek(handle, target) : -EBADF;
+    const std::int64_t result = session->lseek(m_data->handle, target);
     if (result < 0) {
         ORUIO_LOG(LogWarning, "smb lseek failed\n");
         return result;

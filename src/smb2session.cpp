@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -175,16 +176,17 @@ int errorOf(int lookup) {
 struct Lookup {
     std::string host;
     QSemaphore isDone;
-    int result = 0;
+    std::atomic<int> result = 0;
 
     int resolve(int flags) {
         addrinfo hints = {};
         hints.ai_flags = flags;
         addrinfo* addresses = nullptr;
-        result = getaddrinfo(host.c_str(), nullptr, &hints, &addresses);
-        if (result == 0)
+        const int found = getaddrinfo(host.c_str(), nullptr, &hints, &addresses);
+        if (found == 0)
             freeaddrinfo(addresses);
-        return result;
+        result = found;
+        return found;
     }
 
     static void* run(void* shared) {
@@ -253,6 +255,10 @@ struct Smb2Session::Reply {
     /// For requests whose status libsmb2 translates.
     static void take(smb2_context*, int status, void* data, void* reply) {
         static_cast<Reply*>(reply)->complete(status, data);
+    }
+    /// For connecting, where libsmb2 has the sign of some failures wrong.
+    static void takeConnection(smb2_context*, int status, void*, void* reply) {
+        static_cast<Reply*>(reply)->complete(-std::abs(status), nullptr);
     }
     /// For all but the last of several commands in one request: the first to fail decides.
     static void note(smb2_context*, int status, void*, void* reply) {
@@ -484,9 +490,12 @@ int Smb2Session::close(smb2fh* file) {
 /// for a very large one.
 template <class Submit>
 int Smb2Session::transfer(std::uint32_t count, Submit submit) {
+    if (!m_context)
+        return -m_whyNot;
     if (count == 0)
-        return m_context ? 0 : -m_whyNot;
-    const int moved = request(submit);
+        return 0;
+    Reply reply;
+    const int moved = exchange(reply, deadline(), submit);
     if (moved > 0 && static_cast<std::uint32_t>(moved) > count)
         return lose(ECONNRESET); // no answer to what was asked
     return moved;
@@ -642,8 +651,11 @@ int Smb2Session::request(Submit submit) {
 
 template <class Submit>
 int Smb2Session::request(Reply& reply, const QDeadlineTimer& deadline, Submit submit) {
-    if (!isStillThere())
-        return -m_whyNot;
+    return isStillThere() ? exchange(reply, deadline, submit) : -m_whyNot;
+}
+
+template <class Submit>
+int Smb2Session::exchange(Reply& reply, const QDeadlineTimer& deadline, Submit submit) {
     const int refused = submit(m_context.get(), &reply);
     if (refused != 0)
         return refused == -1 ? -ENOMEM : refused;
@@ -653,8 +665,8 @@ int Smb2Session::request(Reply& reply, const QDeadlineTimer& deadline, Submit su
     return await(reply, deadline);
 }
 
-/// Whether there is a connection. Notices a server that has ended it since the last call, before a
-/// request is queued that could not be sent.
+/// Whether there is a connection. Notices a server that has ended it since the last call: of a
+/// request with several commands that cannot be sent any more, libsmb2 loses what belongs to them.
 bool Smb2Session::isStillThere() {
     if (!m_context)
         return false;
@@ -677,7 +689,7 @@ int Smb2Session::await(Reply& reply, const QDeadlineTimer& deadline) {
         size_t count = 0;
         int untilNextAddress = -1;
         const t_socket* const sockets = smb2_get_fds(context, &count, &untilNextAddress);
-        std::array<struct pollfd, 8> pollers;
+        std::array<struct pollfd, 8> pollers = {};
         count = std::min(count, pollers.size());
         const int events = smb2_which_events(context);
         for (size_t i = 0; i < count; ++i)
@@ -695,15 +707,18 @@ int Smb2Session::await(Reply& reply, const QDeadlineTimer& deadline) {
             const auto* const poller =
                 std::find_if(pollers.begin(), pollers.end(),
                              [](const struct pollfd& candidate) { return candidate.revents != 0; });
-            const bool isConnected = (events & POLLIN) != 0;
-            if (isConnected && (poller->revents & (POLLERR | POLLHUP)))
+            const bool hasSocket = (events & POLLIN) != 0;
+            if (hasSocket && (poller->revents & (POLLERR | POLLHUP)))
                 return lose(lossOf(poller->fd));
             failure = service(poller->fd, poller->revents);
         } else if (ready == 0 && nextIsSooner) {
             failure = service(-1, 0);
         }
-        if (failure != 0)
-            return lose(reply.isComplete && reply.result < 0 ? -reply.result : ECONNRESET);
+        if (failure != 0) {
+            // While it connects, the answer may be why it failed.
+            const bool isAnswer = m_dialect == 0 && reply.isComplete && reply.result < 0;
+            return lose(isAnswer ? -reply.result : ECONNRESET);
+        }
     }
     return reply.result;
 }

@@ -108,6 +108,8 @@ private:
     template <class Submit>
     int request(Submit submit);
     template <class Submit>
+    int exchange(Reply& reply, const QDeadlineTimer& deadline, Submit submit);
+    template <class Submit>
     int transfer(std::uint32_t count, Submit submit);
     template <class Transfer>
     int atOffset(smb2fh* file, std::int64_t offset, Transfer transfer);
