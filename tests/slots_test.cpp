@@ -4,6 +4,7 @@
 
 #include <oruio/fdadapter.h>
 #include <oruio/fs.h>
+#include <oruio/fssmb.h>
 #include <oruio/fsswitch.h>
 
 #include <gtest/gtest.h>
@@ -53,6 +54,14 @@ TEST(Slots, FSSwitch_BehindThoseOfFSAndItsDestructor) {
     EXPECT_EQ(slotOf(&FSSwitch::getMountPoints), slot++);
 }
 
+TEST(Slots, Smb2FS_BehindThoseOfFSAndItsDestructor) {
+    int slot = 25 + destructor;
+    EXPECT_EQ(slotOf(&Smb2FS::connect), slot++);
+    EXPECT_EQ(slotOf(&Smb2FS::disconnect), slot++);
+    EXPECT_EQ(slotOf(&Smb2FS::isConnected), slot++);
+    EXPECT_EQ(slotOf(&Smb2FS::getDialect), slot++);
+}
+
 TEST(Slots, File_InOrder) {
     int slot = 0;
     EXPECT_EQ(slotOf(&File::read), slot++);
@@ -82,6 +91,10 @@ TEST(Slots, Directory_InOrder) {
     EXPECT_EQ(slotOf(&Directory::ioctl), slot++);
     EXPECT_EQ(slotOf(&Directory::type), slot++);
     EXPECT_EQ(slot, 5);
+}
+
+TEST(Slots, Smb2Dir_BehindThoseOfDirectoryAndItsDestructor) {
+    EXPECT_EQ(slotOf(&Smb2Dir::isOpen), 5 + destructor);
 }
 
 // What a class derived behind the library's own destructors sees.

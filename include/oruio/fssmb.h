@@ -201,6 +201,7 @@ public:
     /// Not implemented.
     int ioctl(QString request, QString& response) override;
 
+    /// Whether it is open, without asking the server.
     virtual bool isOpen();
 
 private:
