@@ -199,10 +199,9 @@ TEST_P(FSConformance, OpenExisting_KeepsContent) {
     EXPECT_EQ(get("f"), "XYcdef");
 }
 
-TEST_P(FSConformance, OpenForWritingADirectory_FailsEISDIR) {
+TEST_P(FSConformance, OpenForWritingADirectory_AsTabled) {
     ASSERT_EQ(fs().mkdir(at("d"), 0755), 0);
-    EXPECT_FALSE(fs().open(at("d"), O_WRONLY, 0));
-    expectRefusal(EISDIR);
+    works(Op::OpenDirectoryForWriting, fs().open(at("d"), O_WRONLY, 0) ? 0 : -1);
 }
 
 TEST_P(FSConformance, OpenDirectoryForReading_ReadFailsEISDIR) {
@@ -215,10 +214,9 @@ TEST_P(FSConformance, OpenDirectoryForReading_ReadFailsEISDIR) {
     expectRefusal(EISDIR);
 }
 
-TEST_P(FSConformance, OpenThroughAFile_FailsENOTDIR) {
+TEST_P(FSConformance, OpenThroughAFile_AsTabled) {
     put("f");
-    EXPECT_FALSE(fs().open(at("f/g"), O_RDONLY, 0));
-    expectRefusal(ENOTDIR);
+    works(Op::OpenThroughFile, fs().open(at("f/g"), O_RDONLY, 0) ? 0 : -1);
 }
 
 // --- Reading and writing
@@ -287,20 +285,18 @@ TEST_P(FSConformance, WriteBehindTheEnd_LeavesZeroes) {
     EXPECT_EQ(get("f"), QByteArray("\0\0\0\0\0Z", 6));
 }
 
-TEST_P(FSConformance, ReadOnWriteOnlyFile_FailsEBADF) {
+TEST_P(FSConformance, ReadOnWriteOnlyFile_AsTabled) {
     const auto file = fs().open(at("f"), O_WRONLY | O_CREAT, 0644);
     ASSERT_TRUE(file);
     char byte;
-    EXPECT_EQ(file->read(&byte, 1), -1);
-    expectRefusal(EBADF);
+    works(Op::ReadWriteOnlyFile, file->read(&byte, 1));
 }
 
-TEST_P(FSConformance, WriteOnReadOnlyFile_FailsEBADF) {
+TEST_P(FSConformance, WriteOnReadOnlyFile_AsTabled) {
     put("f", "abc");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
-    EXPECT_EQ(file->write("X", 1), -1);
-    expectRefusal(EBADF);
+    works(Op::WriteReadOnlyFile, file->write("X", 1));
     EXPECT_EQ(get("f"), "abc");
 }
 
@@ -346,7 +342,7 @@ TEST_P(FSConformance, BeyondFourGiB_OffsetsAreWhole) {
 
 // --- The rest of a file's operations
 
-TEST_P(FSConformance, Lseek_FromStartPositionAndEnd) {
+TEST_P(FSConformance, Lseek_FromStartAndPosition) {
     put("f", "0123456789");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
@@ -354,7 +350,19 @@ TEST_P(FSConformance, Lseek_FromStartPositionAndEnd) {
     EXPECT_EQ(file->lseek(3, SEEK_CUR), 7);
     EXPECT_EQ(file->lseek(-2, SEEK_CUR), 5);
     EXPECT_EQ(readFully(*file, 2), "56");
-    EXPECT_EQ(file->lseek(-1, SEEK_END), 9);
+    EXPECT_EQ(file->lseek(-7, SEEK_CUR), 0);
+    EXPECT_EQ(readFully(*file, 2), "01");
+    EXPECT_EQ(file->lseek(100, SEEK_SET), 100);
+    EXPECT_EQ(readFully(*file, 2), "");
+}
+
+TEST_P(FSConformance, LseekFromTheEnd_AsTabled) {
+    put("f", "0123456789");
+    const auto file = fs().open(at("f"), O_RDONLY, 0);
+    ASSERT_TRUE(file);
+    if (!works(Op::LseekFromEnd, file->lseek(-1, SEEK_END)))
+        return;
+    EXPECT_EQ(file->lseek(0, SEEK_CUR), 9);
     EXPECT_EQ(readFully(*file, 2), "9");
     EXPECT_EQ(file->lseek(90, SEEK_END), 100);
     EXPECT_EQ(readFully(*file, 2), "");
@@ -404,7 +412,7 @@ TEST_P(FSConformance, Fsync_Succeeds) {
     ASSERT_TRUE(file);
     EXPECT_EQ(file->write("abc", 3), 3);
     EXPECT_EQ(file->fsync(), 0) << strerror();
-    EXPECT_EQ(file->fdatasync(), 0) << strerror();
+    works(Op::FileFdatasync, file->fdatasync());
 }
 
 TEST_P(FSConformance, Fchmod_AsTabled) {
@@ -515,7 +523,7 @@ TEST_P(FSConformance, ReadAll_FromTheEndIsEmpty) {
     put("f", "0123456789");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
-    ASSERT_EQ(file->lseek(0, SEEK_END), 10);
+    ASSERT_EQ(file->lseek(10, SEEK_SET), 10);
     EXPECT_EQ(file->readAll(100), "");
     // The single read from the middle is short of the file's size.
     ASSERT_EQ(file->lseek(5, SEEK_SET), 5);
@@ -907,19 +915,15 @@ TEST_P(FSConformance, LongestName_WorksAndOneMoreDoesNot) {
     EXPECT_EQ(get(longest.constData()), "abc");
     EXPECT_TRUE(list(at("")).contains(QString::fromLatin1(longest)));
     struct stat st;
-    EXPECT_EQ(fs().stat(at((longest + "n").constData()), st), -1);
-    expectRefusal(ENAMETOOLONG);
+    works(Op::NameTooLong, fs().stat(at((longest + "n").constData()), st));
 }
 
-TEST_P(FSConformance, HugeComponent_FailsENAMETOOLONG) {
+TEST_P(FSConformance, HugeComponent_AsTabled) {
     const QString huge = at(QString(4096, 'n'));
     struct stat st;
-    EXPECT_EQ(fs().stat(huge, st), -1);
-    expectRefusal(ENAMETOOLONG);
-    EXPECT_FALSE(fs().open(huge, O_RDWR | O_CREAT, 0644));
-    expectRefusal(ENAMETOOLONG);
-    EXPECT_EQ(fs().mkdir(huge, 0755), -1);
-    expectRefusal(ENAMETOOLONG);
+    works(Op::NameTooLong, fs().stat(huge, st));
+    works(Op::NameTooLong, fs().open(huge, O_RDWR | O_CREAT, 0644) ? 0 : -1);
+    works(Op::NameTooLong, fs().mkdir(huge, 0755));
 }
 
 TEST_P(FSConformance, NulInAPath_IsRefusedNotCut) {
@@ -938,7 +942,11 @@ TEST_P(FSConformance, NulInAPath_IsRefusedNotCut) {
 }
 
 TEST_P(FSConformance, HalfASurrogatePair_IsRefusedNotReplaced) {
-    put("a?b", "kept");
+    // The names that it would have if it were replaced.
+    const char* const replaced = can().anyCharacter ? "a?b"
+                                                    : "a\xef\xbf\xbd"
+                                                      "b";
+    put(replaced, "kept");
     const QString path = at(QStringLiteral("a") + QChar(0xd800) + QStringLiteral("b"));
     struct stat st;
     EXPECT_EQ(fs().stat(path, st), -1);
@@ -947,7 +955,7 @@ TEST_P(FSConformance, HalfASurrogatePair_IsRefusedNotReplaced) {
     expectRefusal(EILSEQ);
     EXPECT_FALSE(fs().open(path, O_WRONLY | O_TRUNC, 0));
     expectRefusal(EILSEQ);
-    EXPECT_EQ(get("a?b"), "kept");
+    EXPECT_EQ(get(replaced), "kept");
 }
 
 TEST_P(FSConformance, Case_AsTabled) {

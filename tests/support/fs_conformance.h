@@ -34,7 +34,14 @@ enum class Op {
     UnlinkDirectory,
     UnlinkOpenFile,
     OpenDirectory, ///< for reading, as a file
+    OpenDirectoryForWriting,
+    OpenThroughFile, ///< of a name below a file
+    NameTooLong,
+    ReadWriteOnlyFile,
+    WriteReadOnlyFile,
     LseekBeforeStart,
+    LseekFromEnd,
+    FileFdatasync,
     FileFchmod,
     FileFlock,
     FileFcntlFlags, ///< F_GETFL and F_SETFL
@@ -81,6 +88,11 @@ struct Capabilities {
         {Op::RmdirOfFile, Answer::fails(ENOTDIR)},
         {Op::RmdirNonEmpty, Answer::fails(ENOTEMPTY)},
         {Op::UnlinkDirectory, Answer::fails(EISDIR)},
+        {Op::OpenDirectoryForWriting, Answer::fails(EISDIR)},
+        {Op::OpenThroughFile, Answer::fails(ENOTDIR)},
+        {Op::NameTooLong, Answer::fails(ENAMETOOLONG)},
+        {Op::ReadWriteOnlyFile, Answer::fails(EBADF)},
+        {Op::WriteReadOnlyFile, Answer::fails(EBADF)},
         {Op::LseekBeforeStart, Answer::fails(EINVAL)},
     };
 
@@ -91,7 +103,8 @@ struct Capabilities {
     bool keepsModes = true;          ///< permission bits are stored as given
     bool appends = true;             ///< O_APPEND is honoured
     bool caseSensitive = true;
-    bool threadSafe = true; ///< operations may overlap
+    bool anyCharacter = true; ///< names may contain all but the slash
+    bool threadSafe = true;   ///< operations may overlap
     long long largestFile = 1LL << 40;
     int longestName = 255; ///< in bytes
 };

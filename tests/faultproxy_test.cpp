@@ -1,0 +1,757 @@
+// What the tests of SMB rest on: each fault of the proxy, with both ends in the test's hands, and
+// the server, with Samba's own client.
+
+#include "support/faultproxy.h"
+
+#include "support/childprocess.h"
+#include "support/loopback.h"
+#include "support/qtprint.h"
+#include "support/smbserver.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryFile>
+#include <QtEndian>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace oru::io::test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Fault = FaultProxy::Fault;
+using ::testing::HasSubstr;
+
+constexpr int mebibyte = 1024 * 1024;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+template <class Int>
+void put(QByteArray& message, int offset, Int value) {
+    qToLittleEndian(value, message.data() + offset);
+}
+
+/// An SMB2 message of `size` bytes.
+QByteArray message(int command, int size = 200, quint32 status = 0) {
+    QByteArray bytes(size, 'x');
+    bytes.replace(0, 64, "\xfeSMB" + QByteArray(60, '\0'));
+    put<quint32>(bytes, 8, status);
+    put<quint16>(bytes, 12, static_cast<quint16>(command));
+    put<quint64>(bytes, 24, 7);
+    return bytes;
+}
+
+/// A READ or WRITE.
+QByteArray transfer(int command, quint32 length, quint64 offset, int size = 200) {
+    QByteArray bytes = message(command, size);
+    put(bytes, 68, length);
+    put(bytes, 72, offset);
+    return bytes;
+}
+
+QByteArray chained(QByteArray first, const QByteArray& next) {
+    put(first, 20, static_cast<quint32>(first.size()));
+    return first + next;
+}
+
+QByteArray framed(const QByteArray& bytes) {
+    QByteArray prefix(4, '\0');
+    qToBigEndian(static_cast<quint32>(bytes.size()), prefix.data());
+    return prefix + bytes;
+}
+
+/// Sends all of it, while the other end need not receive yet.
+std::thread sender(const Socket& socket, const QByteArray& bytes) {
+    return std::thread([&socket, bytes] {
+        EXPECT_EQ(::send(socket.fd(), bytes.constData(), static_cast<std::size_t>(bytes.size()),
+                         MSG_NOSIGNAL),
+                  bytes.size());
+    });
+}
+
+void send(const Socket& socket, const QByteArray& bytes) {
+    sender(socket, bytes).join();
+}
+
+/// How much of it can be sent while the other end does not receive.
+int sentInAWhile(const Socket& socket, const QByteArray& bytes) {
+    const timeval aWhile = {0, 200'000};
+    setsockopt(socket.fd(), SOL_SOCKET, SO_SNDTIMEO, &aWhile, sizeof aWhile);
+    const int smallBuffer = 65536;
+    setsockopt(socket.fd(), SOL_SOCKET, SO_SNDBUF, &smallBuffer, sizeof smallBuffer);
+    return static_cast<int>(::send(socket.fd(), bytes.constData(),
+                                   static_cast<std::size_t>(bytes.size()), MSG_NOSIGNAL));
+}
+
+/// What comes next, at most `size` bytes. Empty at the end of a stream.
+QByteArray receiveSome(const Socket& socket, int size) {
+    QByteArray bytes(size, '\0');
+    const ssize_t count =
+        ::recv(socket.fd(), bytes.data(), static_cast<std::size_t>(bytes.size()), 0);
+    bytes.resize(static_cast<int>(std::max<ssize_t>(count, 0)));
+    return bytes;
+}
+
+/// What comes until it is `size` bytes, or the stream ends.
+QByteArray receive(const Socket& socket, int size) {
+    QByteArray all;
+    while (all.size() < size) {
+        const QByteArray some = receiveSome(socket, size - all.size());
+        if (some.isEmpty())
+            break;
+        all += some;
+    }
+    return all;
+}
+
+bool hasEvent(const Socket& socket, int waitMs) {
+    struct pollfd end = {socket.fd(), POLLIN, 0};
+    return ::poll(&end, 1, waitMs) == 1;
+}
+
+/// How the stream of a socket goes on: an error of recv(2), EAGAIN after a while without a byte,
+/// 0 at its end, -1 when there are bytes.
+int stateOf(const Socket& socket, int waitMs = 5000) {
+    hasEvent(socket, waitMs);
+    char byte;
+    const ssize_t count = ::recv(socket.fd(), &byte, 1, MSG_DONTWAIT | MSG_PEEK);
+    return count == -1 ? errno : -static_cast<int>(count);
+}
+
+/// A client's connection through a proxy, with the server's end of it.
+struct Route {
+    Route(const FaultProxy& proxy, const Socket& listener)
+        : client(connectedSocket(proxy.port())), server(acceptedSocket(listener)) {
+        for (const Socket* socket : {&client, &server}) {
+            const timeval longest = {20, 0};
+            setsockopt(socket->fd(), SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
+            setsockopt(socket->fd(), SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest);
+        }
+    }
+
+    void expectRequest(const QByteArray& bytes) const {
+        send(client, framed(bytes));
+        EXPECT_EQ(receive(server, bytes.size() + 4), framed(bytes));
+    }
+    void expectResponse(const QByteArray& bytes) const {
+        send(server, framed(bytes));
+        EXPECT_EQ(receive(client, bytes.size() + 4), framed(bytes));
+    }
+
+    Socket client;
+    Socket server;
+};
+
+class FaultProxyTest : public ::testing::Test {
+protected:
+    const Socket listener = listeningSocket();
+    FaultProxy proxy{listener.port()};
+};
+
+} // namespace
+
+// --- Passing on and recording -------------------------------------------------------------------
+
+TEST_F(FaultProxyTest, NoFault_BothDirectionsPass) {
+    const Route route(proxy, listener);
+    route.expectRequest(message(FaultProxy::Echo));
+    route.expectResponse(message(FaultProxy::Echo));
+    route.expectRequest("not SMB");
+    route.expectRequest("");
+}
+
+TEST_F(FaultProxyTest, FrameInPieces_Passes) {
+    const Route route(proxy, listener);
+    const QByteArray frame = framed(message(FaultProxy::Echo, 1000));
+    for (const char byte : frame)
+        send(route.client, QByteArray(1, byte));
+    EXPECT_EQ(receive(route.server, frame.size()), frame);
+    EXPECT_EQ(proxy.messages().size(), 1);
+}
+
+TEST_F(FaultProxyTest, ReadAndWrite_AreRecorded) {
+    const Route route(proxy, listener);
+    const QByteArray write = transfer(FaultProxy::Write, 100, 1ULL << 40, 400);
+    route.expectRequest(write);
+    route.expectResponse(transfer(FaultProxy::Write, 99, 0));
+    QByteArray failed = message(FaultProxy::Read, 73, 0xc0000011);
+    put<quint32>(failed, 68, 0);
+    route.expectResponse(failed);
+
+    const QList<FaultProxy::Message> messages = proxy.messages();
+    ASSERT_EQ(messages.size(), 3);
+    EXPECT_FALSE(messages[0].fromServer);
+    EXPECT_EQ(messages[0].connection, 1);
+    EXPECT_EQ(messages[0].command, FaultProxy::Write);
+    EXPECT_EQ(messages[0].messageId, 7U);
+    EXPECT_EQ(messages[0].length, 100U);
+    EXPECT_EQ(messages[0].offset, 1ULL << 40);
+    EXPECT_EQ(messages[0].size, 400);
+    EXPECT_EQ(messages[0].head, write.left(256));
+    EXPECT_TRUE(messages[1].fromServer);
+    EXPECT_EQ(messages[1].length, 99U);
+    EXPECT_EQ(messages[2].status, 0xc0000011U);
+    EXPECT_EQ(messages[2].length, 0U);
+    EXPECT_EQ(proxy.messages(FaultProxy::Response, FaultProxy::Read).size(), 1);
+
+    proxy.clear();
+    EXPECT_EQ(proxy.messages().size(), 0);
+}
+
+TEST_F(FaultProxyTest, Chain_EachOfItsMessagesIsRecorded) {
+    const Route route(proxy, listener);
+    const QByteArray create = message(FaultProxy::Create, 1000);
+    const QByteArray close = message(FaultProxy::Close, 88);
+    route.expectRequest(chained(create, chained(close, message(FaultProxy::Echo, 68))));
+
+    const QList<FaultProxy::Message> messages = proxy.messages();
+    ASSERT_EQ(messages.size(), 3);
+    EXPECT_EQ(messages[0].command, FaultProxy::Create);
+    EXPECT_EQ(messages[0].size, 1000);
+    EXPECT_EQ(messages[1].command, FaultProxy::Close);
+    EXPECT_EQ(messages[1].at, 1000);
+    EXPECT_EQ(messages[1].size, 88);
+    EXPECT_EQ(messages[2].command, FaultProxy::Echo);
+    EXPECT_EQ(messages[2].at, 1088);
+    EXPECT_EQ(messages[2].size, 68);
+}
+
+TEST_F(FaultProxyTest, MalformedMessages_PassAsOneEach) {
+    const Route route(proxy, listener);
+    QByteArray endless = message(FaultProxy::Echo, 68);
+    put<quint32>(endless, 20, 0xffffffff);
+    route.expectRequest(endless);
+    route.expectRequest(message(FaultProxy::Echo).left(63));
+
+    const QList<FaultProxy::Message> messages = proxy.messages();
+    ASSERT_EQ(messages.size(), 2);
+    EXPECT_EQ(messages[0].command, FaultProxy::Echo);
+    EXPECT_EQ(messages[1].command, FaultProxy::Opaque);
+}
+
+TEST_F(FaultProxyTest, LargeMessages_PassQuicklyBothWaysAtOnce) {
+    const Route route(proxy, listener);
+    const QByteArray request = framed(transfer(FaultProxy::Write, 8 * mebibyte, 0, 8 * mebibyte));
+    const QByteArray response = framed(message(FaultProxy::Read, 8 * mebibyte));
+    const auto start = Clock::now();
+    for (int i = 0; i < 4; ++i) {
+        std::thread client = sender(route.client, request);
+        std::thread server = sender(route.server, response);
+        std::thread reader(
+            [&] { EXPECT_TRUE(receive(route.client, response.size()) == response); });
+        EXPECT_TRUE(receive(route.server, request.size()) == request);
+        client.join();
+        server.join();
+        reader.join();
+    }
+    EXPECT_LT(secondsSince(start), 10);
+    EXPECT_EQ(proxy.messages().size(), 8);
+}
+
+TEST_F(FaultProxyTest, ServerDoesNotReceive_ClientCannotSendWithoutEnd) {
+    const Route route(proxy, listener);
+    EXPECT_LT(sentInAWhile(route.client, framed(message(FaultProxy::Write, 15 * mebibyte))),
+              15 * mebibyte);
+}
+
+TEST_F(FaultProxyTest, LargeMessageHalfSent_HasPassedThatFar) {
+    const Route route(proxy, listener);
+    const QByteArray half = framed(message(FaultProxy::Write, mebibyte)).left(mebibyte / 2);
+    send(route.client, half);
+    EXPECT_TRUE(receive(route.server, half.size()) == half);
+}
+
+// --- Connections --------------------------------------------------------------------------------
+
+TEST_F(FaultProxyTest, ClientCloses_ServerSeesTheEndAndItCountsAsClosed) {
+    Route first(proxy, listener);
+    const Route second(proxy, listener);
+    EXPECT_EQ(proxy.connections(), 2);
+    EXPECT_EQ(proxy.openConnections(), 2);
+    EXPECT_FALSE(proxy.waitUntilClosed(0));
+
+    send(first.client, "rest");
+    first.client.close();
+    EXPECT_EQ(receive(first.server, 100), "rest");
+    EXPECT_EQ(stateOf(first.server), 0);
+    EXPECT_EQ(proxy.connections(), 2);
+    EXPECT_EQ(proxy.openConnections(), 1);
+    second.expectRequest(message(FaultProxy::Echo));
+    EXPECT_EQ(proxy.messages().last().connection, 2);
+}
+
+TEST_F(FaultProxyTest, ServerCloses_ClientSeesTheEndAndIsOpenUntilItCloses) {
+    Route route(proxy, listener);
+    send(route.server, "rest");
+    route.server.close();
+    EXPECT_EQ(receive(route.client, 100), "rest");
+    EXPECT_EQ(stateOf(route.client), 0);
+    EXPECT_EQ(proxy.openConnections(), 1);
+    route.client.close();
+    EXPECT_TRUE(proxy.waitUntilClosed());
+}
+
+TEST_F(FaultProxyTest, ServerResets_ClientIsReset) {
+    Route route(proxy, listener);
+    route.server.reset();
+    EXPECT_EQ(stateOf(route.client), ECONNRESET);
+}
+
+TEST(FaultProxy, ServerRefuses_ClientIsReset) {
+    const Socket nobody = boundSocket();
+    const FaultProxy proxy(nobody.port());
+    EXPECT_EQ(stateOf(connectedSocket(proxy.port())), ECONNRESET);
+    EXPECT_TRUE(proxy.waitUntilClosed());
+}
+
+TEST_F(FaultProxyTest, Refusing_ConnectionsAreRefusedUntilAccepting) {
+    const Route before(proxy, listener);
+    const quint16 port = proxy.port();
+    proxy.refuse();
+    errno = 0;
+    EXPECT_FALSE(connectedSocket(port).isOpen());
+    EXPECT_EQ(errno, ECONNREFUSED);
+    before.expectRequest(message(FaultProxy::Echo));
+
+    proxy.accept();
+    EXPECT_EQ(proxy.port(), port);
+    Route(proxy, listener).expectRequest(message(FaultProxy::Echo));
+}
+
+TEST_F(FaultProxyTest, Silent_ConnectionsAreAcceptedAndNothingComes) {
+    proxy.silence();
+    Socket client = connectedSocket(proxy.port());
+    send(client, framed(message(FaultProxy::Negotiate)));
+    EXPECT_EQ(stateOf(client, 50), EAGAIN);
+    EXPECT_FALSE(hasEvent(listener, 0)); // no connection to the server
+    EXPECT_EQ(proxy.connections(), 1);
+    EXPECT_EQ(proxy.openConnections(), 1);
+    client.close();
+    EXPECT_TRUE(proxy.waitUntilClosed());
+}
+
+TEST_F(FaultProxyTest, ResetOnConnect_ConnectionIsReset) {
+    proxy.resetOnConnect();
+    EXPECT_EQ(stateOf(connectedSocket(proxy.port())), ECONNRESET);
+    EXPECT_EQ(proxy.connections(), 1);
+    EXPECT_EQ(proxy.openConnections(), 0);
+}
+
+TEST_F(FaultProxyTest, ConnectionsDropped_BothEndsAreReset) {
+    const Route first(proxy, listener);
+    const Route second(proxy, listener);
+    proxy.dropConnections();
+    for (const Socket* socket : {&first.client, &first.server, &second.client, &second.server})
+        EXPECT_EQ(stateOf(*socket), ECONNRESET);
+    EXPECT_EQ(proxy.openConnections(), 0);
+}
+
+TEST_F(FaultProxyTest, Destroyed_ConnectionsEnd) {
+    auto other = std::make_unique<FaultProxy>(listener.port());
+    const Route route(*other, listener);
+    other.reset();
+    EXPECT_EQ(stateOf(route.client), 0);
+    EXPECT_EQ(stateOf(route.server), 0);
+}
+
+// --- Faults -------------------------------------------------------------------------------------
+
+TEST_F(FaultProxyTest, Reset_NothingOfTheMessagePassesAndBothEndsAreReset) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Request, FaultProxy::Write}, Fault::reset());
+    route.expectRequest(message(FaultProxy::Read));
+    EXPECT_EQ(proxy.armed(), 1);
+    send(route.client, framed(message(FaultProxy::Write)));
+    EXPECT_EQ(stateOf(route.server), ECONNRESET);
+    EXPECT_EQ(stateOf(route.client), ECONNRESET);
+    EXPECT_EQ(proxy.armed(), 0);
+    EXPECT_EQ(proxy.openConnections(), 0);
+}
+
+TEST_F(FaultProxyTest, ResetAfterBytes_JustTheyPass) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Response, FaultProxy::Read}, Fault::reset(700'000));
+    const QByteArray response = framed(message(FaultProxy::Read, mebibyte));
+    std::thread server([&] {
+        ::send(route.server.fd(), response.constData(), static_cast<std::size_t>(response.size()),
+               MSG_NOSIGNAL);
+    });
+    EXPECT_TRUE(receive(route.client, 700'000) == response.left(700'000));
+    EXPECT_EQ(stateOf(route.client), ECONNRESET);
+    server.join();
+}
+
+TEST_F(FaultProxyTest, Close_BothEndsSeeTheEnd) {
+    Route route(proxy, listener);
+    proxy.on({FaultProxy::Response, FaultProxy::Read}, Fault::close(5));
+    const QByteArray response = framed(message(FaultProxy::Read));
+    send(route.server, response);
+    EXPECT_EQ(receive(route.client, 100), response.left(5));
+    EXPECT_EQ(stateOf(route.client), 0);
+    EXPECT_EQ(stateOf(route.server), 0);
+    EXPECT_EQ(proxy.openConnections(), 1);
+    route.client.close();
+    EXPECT_TRUE(proxy.waitUntilClosed());
+}
+
+TEST_F(FaultProxyTest, Freeze_NothingPassesAndBothEndsRemainConnected) {
+    Route route(proxy, listener);
+    proxy.on({FaultProxy::Request, FaultProxy::Write}, Fault::freeze(1000));
+    const QByteArray request = framed(message(FaultProxy::Write, 2000));
+    send(route.client, request);
+    EXPECT_EQ(receive(route.server, 1000), request.left(1000));
+    send(route.server, framed(message(FaultProxy::Echo)));
+    EXPECT_EQ(stateOf(route.server, 50), EAGAIN);
+    EXPECT_EQ(stateOf(route.client, 50), EAGAIN);
+
+    EXPECT_EQ(proxy.openConnections(), 1);
+    route.client.close();
+    EXPECT_TRUE(proxy.waitUntilClosed());
+    EXPECT_EQ(stateOf(route.server), ECONNRESET); // its response was never read
+}
+
+TEST_F(FaultProxyTest, FreezeAndServerGone_ClientDoesNotSeeItAndProxyRests) {
+    Route route(proxy, listener);
+    proxy.on({FaultProxy::Request, FaultProxy::Write}, Fault::freeze(1));
+    send(route.client, framed(message(FaultProxy::Write)));
+    EXPECT_EQ(receive(route.server, 1).size(), 1);
+    route.server.reset();
+    const std::clock_t start = std::clock();
+    EXPECT_EQ(stateOf(route.client, 300), EAGAIN);
+    EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 10);
+}
+
+TEST_F(FaultProxyTest, Freeze_ClientCannotSendWithoutEnd) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Request, FaultProxy::Write}, Fault::freeze());
+    EXPECT_LT(sentInAWhile(route.client, framed(message(FaultProxy::Write, 15 * mebibyte))),
+              15 * mebibyte);
+}
+
+TEST_F(FaultProxyTest, Dribble_ServersBytesComeOneByOne) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Response, FaultProxy::Read}, Fault::dribble(10));
+    route.expectResponse(message(FaultProxy::Echo));
+    const QByteArray response = framed(message(FaultProxy::Read));
+    send(route.server, response);
+    const auto start = Clock::now();
+    EXPECT_EQ(receiveSome(route.client, 100), response.left(1));
+    EXPECT_EQ(receive(route.client, 20), response.mid(1, 20));
+    EXPECT_GE(secondsSince(start), 0.19);
+    // The client's bytes are as quick as before.
+    route.expectRequest(message(FaultProxy::Write, mebibyte));
+}
+
+TEST_F(FaultProxyTest, DribbleWithoutInterval_AllBytesCome) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Request, FaultProxy::Read}, Fault::dribble());
+    route.expectRequest(message(FaultProxy::Read));
+    route.expectResponse(message(FaultProxy::Read, 100'000));
+}
+
+TEST_F(FaultProxyTest, Edit_ChangedMessagePasses) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Response, FaultProxy::Write}, Fault::edit([](QByteArray& bytes) {
+                 put<quint32>(bytes, 68, 0);
+                 bytes += "more";
+             }));
+    const QByteArray response = transfer(FaultProxy::Write, 4096, 0, 8 * mebibyte);
+    QByteArray expected = response + "more";
+    put<quint32>(expected, 68, 0);
+    std::thread server = sender(route.server, framed(response));
+    EXPECT_TRUE(receive(route.client, expected.size() + 4) == framed(expected));
+    server.join();
+    route.expectResponse(response.left(80));
+}
+
+TEST_F(FaultProxyTest, EditInAChain_OnlyThatMessageIsChanged) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Response, FaultProxy::QueryInfo},
+             Fault::edit([](QByteArray& bytes) { bytes = bytes.left(64) + "edited"; }));
+    const QByteArray create = message(FaultProxy::Create, 160);
+    const QByteArray query = message(FaultProxy::QueryInfo, 120);
+    send(route.server, framed(chained(create, query)));
+    const QByteArray expected = framed(chained(create, query.left(64) + "edited"));
+    EXPECT_EQ(receive(route.client, expected.size()), expected);
+}
+
+TEST_F(FaultProxyTest, Drop_OnlyTheOthersPass) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Response, FaultProxy::Flush}, Fault::drop());
+    const QByteArray before = framed(message(FaultProxy::Read));
+    const QByteArray after = framed(message(FaultProxy::Write));
+    send(route.server, before + framed(message(FaultProxy::Flush)) + after);
+    EXPECT_EQ(receive(route.client, before.size() + after.size()), before + after);
+    EXPECT_EQ(proxy.messages(FaultProxy::Response, FaultProxy::Flush).size(), 1);
+}
+
+// --- Triggers -----------------------------------------------------------------------------------
+
+TEST_F(FaultProxyTest, Occurrence_CountsFinalResponsesOverAllConnections) {
+    const Route first(proxy, listener);
+    const Route second(proxy, listener);
+    proxy.on({FaultProxy::Response, FaultProxy::Read, 3}, Fault::reset());
+    first.expectRequest(message(FaultProxy::Read));
+    first.expectResponse(message(FaultProxy::Read));
+    first.expectResponse(message(FaultProxy::Read, 200, 0x103)); // STATUS_PENDING
+    second.expectResponse(message(FaultProxy::Read));
+    send(first.server, framed(message(FaultProxy::Read)));
+    EXPECT_EQ(stateOf(first.client), ECONNRESET);
+    second.expectResponse(message(FaultProxy::Read));
+}
+
+TEST_F(FaultProxyTest, SeveralFaults_EachStrikesAtItsOwnMessage) {
+    const Route route(proxy, listener);
+    const auto mark = [](char letter) {
+        return Fault::edit([letter](QByteArray& bytes) { bytes[64] = letter; });
+    };
+    proxy.on({FaultProxy::Request, FaultProxy::Any, 2}, mark('b'));
+    proxy.on({FaultProxy::Request, FaultProxy::Any, 1}, mark('a'));
+    proxy.on({FaultProxy::Request, FaultProxy::Echo, 2}, mark('c')); // is due with 'b'
+    QByteArray marks;
+    for (int i = 0; i < 4; ++i) {
+        send(route.client, framed(message(FaultProxy::Echo)));
+        marks += receive(route.server, 204).mid(68, 1);
+    }
+    EXPECT_EQ(marks, "abcx");
+}
+
+TEST_F(FaultProxyTest, LaterMessageOfAChain_FaultStrikesTheFrame) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Request, FaultProxy::Close}, Fault::drop());
+    send(route.client, framed(chained(message(FaultProxy::Create), message(FaultProxy::Close))));
+    route.expectRequest(message(FaultProxy::Echo));
+}
+
+TEST_F(FaultProxyTest, Disarmed_NothingStrikes) {
+    const Route route(proxy, listener);
+    proxy.on({FaultProxy::Request, FaultProxy::Any}, Fault::reset());
+    proxy.disarm();
+    route.expectRequest(message(FaultProxy::Echo));
+    EXPECT_EQ(proxy.armed(), 0);
+}
+
+// --- The server ---------------------------------------------------------------------------------
+
+namespace {
+
+class SmbServerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!SmbServer::missing().isEmpty())
+            GTEST_SKIP() << qPrintable(SmbServer::missing());
+        if (QStandardPaths::findExecutable("smbclient").isEmpty())
+            GTEST_SKIP() << "smbclient is not installed";
+    }
+};
+
+QStringList asUser() {
+    return {"-U", QString(SmbServer::user) + '%' + SmbServer::password};
+}
+
+/// A run of Samba's client, which does something with a share.
+class SmbClient {
+public:
+    SmbClient(quint16 port, const QString& share, const QString& commands,
+              const QStringList& options = asUser()) {
+        m_process.setProcessChannelMode(QProcess::MergedChannels);
+        m_process.start("smbclient", QStringList{"-s", "/dev/null", "-p", QString::number(port),
+                                                 "//127.0.0.1/" + share, "-c", commands} +
+                                         options);
+    }
+
+    bool hasEnded(int waitMs) {
+        return m_process.waitForFinished(waitMs);
+    }
+    /// What it says. What fails it gives a name that begins with NT_STATUS.
+    std::string output() {
+        m_process.waitForFinished();
+        return m_process.readAll().toStdString();
+    }
+
+private:
+    QProcess m_process;
+};
+
+QByteArray contents(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool hasEnded(pid_t process) {
+    // Who has lost its parent stays until init looks after it.
+    const QByteArray stat = contents(QStringLiteral("/proc/%1/stat").arg(process));
+    return stat.isEmpty() || stat.contains(") Z ");
+}
+
+} // namespace
+
+TEST_F(SmbServerTest, Shares_ServeTheirUsers) {
+    const SmbServer server;
+    ASSERT_EQ(server.problem(), "");
+    QTemporaryFile source;
+    ASSERT_TRUE(source.open());
+    source.write("text");
+    source.flush();
+    const QString put = "put " + source.fileName() + " copy; ls";
+
+    for (const char* const share : {"rw", "rw2"}) {
+        EXPECT_THAT(SmbClient(server.port(), share, put).output(), HasSubstr("  copy"));
+        EXPECT_EQ(contents(server.directory(share) + "/copy"), "text");
+    }
+    EXPECT_THAT(SmbClient(server.port(), "guest", put, {"-N"}).output(), HasSubstr("  copy"));
+    EXPECT_EQ(contents(server.directory("guest") + "/copy"), "text");
+
+    EXPECT_THAT(SmbClient(server.port(), "ro", put).output(), HasSubstr("NT_STATUS_ACCESS_DENIED"));
+    EXPECT_THAT(SmbClient(server.port(), "ro", "get file.txt -").output(),
+                HasSubstr("read only file\n"));
+
+    EXPECT_THAT(SmbClient(server.port(), "rw", "ls", {"-N"}).output(),
+                HasSubstr("NT_STATUS_ACCESS_DENIED"));
+    EXPECT_THAT(SmbClient(server.port(), "rw", "ls", {"-U", "tester%wrong"}).output(),
+                HasSubstr("NT_STATUS_LOGON_FAILURE"));
+}
+
+TEST_F(SmbServerTest, OldestDialect_IsSpoken) {
+    const SmbServer server;
+    ASSERT_EQ(server.problem(), "");
+    EXPECT_THAT(
+        SmbClient(server.port(), "ro", "ls", asUser() + QStringList{"-m", "SMB2_02"}).output(),
+        HasSubstr("file.txt"));
+}
+
+TEST_F(SmbServerTest, Options_AreInItsConfiguration) {
+    SmbServer::Options options;
+    options.global << "server max protocol = SMB2_10";
+    options.shares["more"] << "read only = no";
+    const SmbServer server(options);
+    ASSERT_EQ(server.problem(), "");
+    EXPECT_THAT(SmbClient(server.port(), "more", "mkdir made; ls").output(), HasSubstr("  made"));
+    EXPECT_TRUE(QFileInfo(server.directory("more") + "/made").isDir());
+    const QStringList newer = {"--option=client min protocol=SMB3"};
+    EXPECT_THAT(SmbClient(server.port(), "more", "ls", asUser() + newer).output(),
+                HasSubstr("NT_STATUS_NOT_SUPPORTED"));
+}
+
+TEST_F(SmbServerTest, WrongConfiguration_ProblemIsWhatSmbdSays) {
+    SmbServer::Options options;
+    options.global << "passdb backend = nonsense";
+    const SmbServer server(options);
+    EXPECT_THAT(server.problem().toStdString(), HasSubstr("nonsense"));
+}
+
+TEST_F(SmbServerTest, KilledAndRestarted_ServesTheSamePortAndFiles) {
+    SmbServer server;
+    ASSERT_EQ(server.problem(), "");
+    const int idle = server.processes().size();
+    const Socket connection = connectedSocket(server.port());
+    // smbd makes a process for the connection.
+    ASSERT_TRUE(eventually([&] { return server.processes().size() > idle; }));
+    EXPECT_THAT(SmbClient(server.port(), "rw", "mkdir made; ls").output(), HasSubstr("  made"));
+    const QList<pid_t> processes = server.processes();
+
+    server.kill();
+    for (const pid_t process : processes)
+        EXPECT_TRUE(hasEnded(process));
+    EXPECT_EQ(stateOf(connection), 0);
+    errno = 0;
+    EXPECT_FALSE(connectedSocket(server.port()).isOpen());
+    EXPECT_EQ(errno, ECONNREFUSED);
+
+    const QString address = server.address();
+    EXPECT_TRUE(server.restart());
+    EXPECT_EQ(server.address(), address);
+    EXPECT_THAT(SmbClient(server.port(), "rw", "ls").output(), HasSubstr("  made"));
+}
+
+TEST_F(SmbServerTest, Stopped_AnswersOnceItContinues) {
+    SmbServer server;
+    ASSERT_EQ(server.problem(), "");
+    server.stop();
+    SmbClient client(server.port(), "ro", "ls");
+    EXPECT_FALSE(client.hasEnded(300));
+    server.cont();
+    EXPECT_THAT(client.output(), HasSubstr("file.txt"));
+}
+
+TEST_F(SmbServerTest, Destroyed_LeavesNoProcessAndNoFile) {
+    auto server = std::make_unique<SmbServer>();
+    ASSERT_EQ(server->problem(), "");
+    const Socket connection = connectedSocket(server->port());
+    const QList<pid_t> processes = server->processes();
+    const QString directory = server->directory("rw") + "/../..";
+    EXPECT_FALSE(processes.isEmpty());
+    EXPECT_TRUE(QFileInfo::exists(directory + "/smb.conf"));
+    server.reset();
+    for (const pid_t process : processes)
+        EXPECT_TRUE(hasEnded(process));
+    EXPECT_FALSE(QFileInfo::exists(directory));
+}
+
+TEST_F(SmbServerTest, TestKilledWhileItIsStopped_LeavesNoProcessAndNoFile) {
+    int report[2];
+    ASSERT_EQ(pipe(report), 0);
+    ChildProcess test([&] {
+        SmbServer server;
+        server.stop();
+        QByteArray text = QFileInfo(server.directory("rw") + "/../..").canonicalFilePath().toUtf8();
+        for (const pid_t process : server.processes())
+            text += '\n' + QByteArray::number(process);
+        (void)!::write(report[1], text.constData(), static_cast<std::size_t>(text.size()));
+        return ::kill(getpid(), SIGKILL);
+    });
+    ::close(report[1]);
+    QFile reader;
+    ASSERT_TRUE(reader.open(report[0], QIODevice::ReadOnly, QFile::AutoCloseHandle));
+    QList<QByteArray> lines = reader.readAll().split('\n');
+    EXPECT_EQ(test.wait(), -SIGKILL);
+    const QString directory = QString::fromUtf8(lines.takeFirst());
+    EXPECT_FALSE(directory.isEmpty());
+    EXPECT_FALSE(lines.isEmpty());
+    for (const QByteArray& process : lines)
+        EXPECT_TRUE(eventually([&] { return hasEnded(process.toInt()); }));
+    EXPECT_TRUE(eventually([&] { return !QFileInfo::exists(directory); }));
+}
+
+TEST_F(SmbServerTest, BehindTheProxy_TrafficIsUnderstood) {
+    const SmbServer server;
+    ASSERT_EQ(server.problem(), "");
+    FaultProxy proxy(server.port());
+    EXPECT_THAT(SmbClient(proxy.port(), "ro", "get file.txt -").output(),
+                HasSubstr("read only file\n"));
+    for (const int command : {FaultProxy::Negotiate, FaultProxy::SessionSetup,
+                              FaultProxy::TreeConnect, FaultProxy::Create, FaultProxy::Close}) {
+        EXPECT_FALSE(proxy.messages(FaultProxy::Request, command).isEmpty()) << command;
+        EXPECT_FALSE(proxy.messages(FaultProxy::Response, command).isEmpty()) << command;
+    }
+    const QList<FaultProxy::Message> reads = proxy.messages(FaultProxy::Response, FaultProxy::Read);
+    ASSERT_FALSE(reads.isEmpty());
+    EXPECT_EQ(reads.last().length, 15U);
+    EXPECT_TRUE(proxy.waitUntilClosed());
+
+    proxy.on({FaultProxy::Response, FaultProxy::Create}, Fault::reset());
+    EXPECT_THAT(SmbClient(proxy.port(), "ro", "get file.txt -").output(),
+                HasSubstr("NT_STATUS_CONNECTION_"));
+    EXPECT_EQ(proxy.armed(), 0);
+}
+
+} // namespace oru::io::test

@@ -1,0 +1,552 @@
+// What becomes of a share when the connection, the server or the resolver fails.
+#include <oruio/error.h>
+#include <oruio/fssmb.h>
+
+#include "support/faultproxy.h"
+#include "support/smbserver.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <semaphore.h>
+#include <sys/uio.h>
+
+namespace {
+
+std::atomic<bool> pipeIsBroken = false;
+std::atomic<int> slowLookups = 0;
+sem_t slowResolver; // outlives every lookup
+
+} // namespace
+
+// The program's own definitions come before those of the C library, for libsmb2 as well.
+
+extern "C" Q_DECL_EXPORT ssize_t writev(int fd, const struct iovec* parts, int count) {
+    using Function = ssize_t(int, const struct iovec*, int);
+    static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "writev"));
+    if (!pipeIsBroken.exchange(false))
+        return real(fd, parts, count);
+    // As the kernel does it.
+    pthread_kill(pthread_self(), SIGPIPE);
+    errno = EPIPE;
+    return -1;
+}
+
+extern "C" Q_DECL_EXPORT int getaddrinfo(const char* host, const char* service,
+                                         const struct addrinfo* hints, struct addrinfo** found) {
+    using Function = int(const char*, const char*, const struct addrinfo*, struct addrinfo**);
+    static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    const bool isNumeric = hints && (hints->ai_flags & AI_NUMERICHOST);
+    if (!isNumeric && host && std::strcmp(host, "slow.test") == 0) {
+        ++slowLookups;
+        sem_wait(&slowResolver);
+        return EAI_AGAIN;
+    }
+    return real(host, service, hints, found);
+}
+
+namespace oru::io {
+namespace {
+
+using test::FaultProxy;
+using test::SmbServer;
+using Fault = FaultProxy::Fault;
+
+Properties login(const QString& address) {
+    return {{"server", address},
+            {"share", "rw"},
+            {"user", SmbServer::user},
+            {"password", SmbServer::password}};
+}
+
+int openDescriptors() {
+    return QDir("/proc/self/fd").entryList(QDir::System | QDir::Files | QDir::AllDirs).size();
+}
+
+constexpr unsigned int timeout = 1;
+constexpr qint64 timeLimitMs = (timeout + 1) * 1000;
+
+/// A connected share, with what operations need.
+struct Share {
+    explicit Share(const QString& address, const QString& name, unsigned int seconds)
+        : fs(seconds), directoryPath('/' + name) {
+        EXPECT_EQ(fs.connect(login(address)), 0) << strerror();
+        EXPECT_EQ(fs.mkdir(directoryPath, 0755), 0) << strerror();
+        EXPECT_EQ(fs.mkdir(at("empty"), 0755), 0) << strerror();
+        file = fs.open(at("file"), O_RDWR | O_CREAT, 0644);
+        EXPECT_TRUE(file) << strerror();
+        EXPECT_EQ(file->pwrite(content.constData(), content.size(), 0), content.size());
+        EXPECT_TRUE(fs.open(at("other"), O_RDWR | O_CREAT, 0644)) << strerror();
+        directory = fs.opendir(directoryPath);
+        EXPECT_TRUE(directory) << strerror();
+    }
+
+    QString at(const char* name) const {
+        return directoryPath + '/' + name;
+    }
+
+    Smb2FS fs;
+    const QString directoryPath;
+    const QByteArray content = QByteArray(8000, 'c');
+    QSharedPointer<File> file;
+    QSharedPointer<Directory> directory;
+    QByteArray buffer = QByteArray(8000, '\0');
+};
+
+/// An operation, and the message in whose exchange it can fail.
+struct Operation {
+    const char* name;
+    FaultProxy::Command command;
+    std::function<long long(Share&)> call; ///< negative when it failed
+};
+
+const std::vector<Operation> operations = {
+    {"stat", FaultProxy::Create,
+     [](Share& s) {
+         struct stat st;
+         return s.fs.stat(s.at("file"), st);
+     }},
+    {"statfs", FaultProxy::Create,
+     [](Share& s) {
+         struct statfs st;
+         return s.fs.statfs("/", st);
+     }},
+    {"open", FaultProxy::Create,
+     [](Share& s) { return s.fs.open(s.at("file"), O_RDONLY, 0) ? 0 : -1; }},
+    {"opendir", FaultProxy::Create,
+     [](Share& s) { return s.fs.opendir(s.directoryPath) ? 0 : -1; }},
+    {"opendir's listing", FaultProxy::QueryDirectory,
+     [](Share& s) { return s.fs.opendir(s.directoryPath) ? 0 : -1; }},
+    {"mkdir", FaultProxy::Create, [](Share& s) { return s.fs.mkdir(s.at("new"), 0755); }},
+    {"rmdir", FaultProxy::Create, [](Share& s) { return s.fs.rmdir(s.at("empty")); }},
+    {"unlink", FaultProxy::Create, [](Share& s) { return s.fs.unlink(s.at("other")); }},
+    {"rename", FaultProxy::Create,
+     [](Share& s) { return s.fs.rename(s.at("other"), s.at("renamed")); }},
+    {"truncate", FaultProxy::Create, [](Share& s) { return s.fs.truncate(s.at("other"), 10); }},
+    {"read", FaultProxy::Read,
+     [](Share& s) { return s.file->read(s.buffer.data(), s.buffer.size()); }},
+    {"pread", FaultProxy::Read,
+     [](Share& s) { return s.file->pread(s.buffer.data(), s.buffer.size(), 0); }},
+    {"write", FaultProxy::Write,
+     [](Share& s) { return s.file->write(s.content.constData(), s.content.size()); }},
+    {"pwrite", FaultProxy::Write,
+     [](Share& s) { return s.file->pwrite(s.content.constData(), s.content.size(), 0); }},
+    {"fsync", FaultProxy::Flush, [](Share& s) { return s.file->fsync(); }},
+    {"ftruncate", FaultProxy::SetInfo, [](Share& s) { return s.file->ftruncate(8000); }},
+    {"fstat", FaultProxy::QueryInfo,
+     [](Share& s) {
+         struct stat st;
+         return s.file->fstat(st);
+     }},
+    {"close", FaultProxy::Close, [](Share& s) { return s.file->close(); }},
+    {"disconnect", FaultProxy::TreeDisconnect, [](Share& s) { return s.fs.disconnect(); }},
+};
+
+struct FaultCase {
+    const char* name;
+    FaultProxy::Direction direction;
+    Fault fault;
+    int error; ///< 0: the operation succeeds all the same
+};
+
+void PrintTo(const FaultCase& tested, std::ostream* out) {
+    *out << tested.name;
+}
+
+class SmbFault : public ::testing::TestWithParam<FaultCase> {
+protected:
+    void SetUp() override {
+        if (!SmbServer::missing().isEmpty())
+            GTEST_SKIP() << SmbServer::missing().toStdString();
+    }
+};
+
+/// Everything fails at once and says nothing.
+void expectGuarded(Share& share) {
+    errno = 4711;
+    liberrno = NotFound;
+    for (const Operation& operation : operations) {
+        const bool isDisconnect = std::strcmp(operation.name, "disconnect") == 0;
+        if (!isDisconnect) {
+            EXPECT_LT(operation.call(share), 0) << operation.name;
+        }
+    }
+    EXPECT_EQ(share.file->lseek(0, SEEK_SET), -1);
+    EXPECT_EQ(share.file->fdatasync(), -1);
+    EXPECT_EQ(share.file->fcntl(F_GETFL), -1);
+    EXPECT_EQ(share.directory->readdir(), nullptr);
+    EXPECT_EQ(share.directory->rewinddir(), -1);
+    EXPECT_EQ(share.directory->closedir(), -1);
+    EXPECT_TRUE(share.fs.isConnected());
+    EXPECT_EQ(share.fs.getDialect(), "unknown");
+    EXPECT_EQ(errno, 4711);
+    EXPECT_EQ(liberrno, NotFound);
+}
+
+void tryOperation(const SmbServer& server, const FaultCase& tested, const Operation& operation,
+                  int number) {
+    SCOPED_TRACE(operation.name);
+    FaultProxy proxy(server.port());
+    const unsigned int seconds = tested.error == ETIMEDOUT ? timeout : 20;
+    Share share(proxy.address(), QStringLiteral("op-%1").arg(number), seconds);
+
+    proxy.on({tested.direction, operation.command}, tested.fault);
+    QElapsedTimer timer;
+    timer.start();
+    errno = 0;
+    const long long result = operation.call(share);
+    const int error = errno;
+    EXPECT_LT(timer.elapsed(), timeLimitMs + (tested.error == 0 ? 10'000 : 0));
+    EXPECT_EQ(proxy.armed(), 0);
+    if (tested.error == 0) {
+        EXPECT_GE(result, 0) << std::strerror(error);
+        return;
+    }
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, tested.error) << std::strerror(error);
+    expectGuarded(share);
+    // Leaving what is gone tells so again, and the connection with the server is closed already.
+    EXPECT_TRUE(proxy.waitUntilClosed());
+    EXPECT_EQ(share.fs.disconnect(), -1);
+    EXPECT_EQ(errno, tested.error);
+
+    share.file.reset();
+    share.directory.reset();
+    EXPECT_EQ(share.fs.connect(login(proxy.address())), 0) << strerror();
+    const auto file = share.fs.open(share.at("file"), O_RDWR, 0);
+    ASSERT_TRUE(file) << strerror();
+    EXPECT_EQ(file->readAll(10'000), share.content);
+    EXPECT_EQ(share.fs.getDialect(), "3.1.1");
+}
+
+} // namespace
+
+TEST_P(SmbFault, EveryOperation) {
+    const int before = openDescriptors();
+    {
+        SmbServer server;
+        ASSERT_EQ(server.problem(), "");
+        // All at once: a time-out takes its time.
+        std::vector<std::thread> threads;
+        for (size_t i = 0; i < operations.size(); ++i) {
+            threads.emplace_back(
+                [&, i] { tryOperation(server, GetParam(), operations[i], static_cast<int>(i)); });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , SmbFault,
+    ::testing::Values(
+        FaultCase{"ResetAtTheRequest", FaultProxy::Request, Fault::reset(), ECONNRESET},
+        FaultCase{"ResetInTheRequest", FaultProxy::Request, Fault::reset(40), ECONNRESET},
+        FaultCase{"ResetInTheResponse", FaultProxy::Response, Fault::reset(40), ECONNRESET},
+        FaultCase{"ClosedAtTheRequest", FaultProxy::Request, Fault::close(), ECONNRESET},
+        FaultCase{"ClosedInTheResponse", FaultProxy::Response, Fault::close(60), ECONNRESET},
+        FaultCase{"FrozenAtTheRequest", FaultProxy::Request, Fault::freeze(), ETIMEDOUT},
+        FaultCase{"FrozenInTheResponse", FaultProxy::Response, Fault::freeze(40), ETIMEDOUT},
+        FaultCase{"DribbledTooSlowly", FaultProxy::Response, Fault::dribble(100), ETIMEDOUT},
+        FaultCase{"Dribbled", FaultProxy::Response, Fault::dribble(), 0},
+        FaultCase{"Lost", FaultProxy::Response, Fault::drop(), ETIMEDOUT}),
+    [](const auto& tested) { return std::string(tested.param.name); });
+
+namespace {
+
+class SmbConnectFault : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!SmbServer::missing().isEmpty())
+            GTEST_SKIP() << SmbServer::missing().toStdString();
+        ASSERT_EQ(server.problem(), "");
+    }
+
+    /// Connects through `proxy`, which makes that fail; then without that.
+    void expectFailure(FaultProxy& proxy, int error) {
+        Smb2FS fs(timeout);
+        QElapsedTimer timer;
+        timer.start();
+        EXPECT_EQ(fs.connect(login(proxy.address())), -1);
+        EXPECT_EQ(errno, error) << std::strerror(errno);
+        EXPECT_LT(timer.elapsed(), timeLimitMs);
+        EXPECT_TRUE(fs.isConnected()); // fatal
+        EXPECT_EQ(fs.getDialect(), "unknown");
+        EXPECT_TRUE(proxy.waitUntilClosed());
+        proxy.accept();
+        proxy.disarm();
+        EXPECT_EQ(fs.connect(login(proxy.address())), 0) << strerror();
+        EXPECT_TRUE(fs.isConnected());
+    }
+
+    SmbServer server;
+};
+
+} // namespace
+
+TEST_F(SmbConnectFault, Refused) {
+    FaultProxy proxy(server.port());
+    proxy.refuse();
+    expectFailure(proxy, ECONNREFUSED);
+}
+
+TEST_F(SmbConnectFault, Silent) {
+    FaultProxy proxy(server.port());
+    proxy.silence();
+    expectFailure(proxy, ETIMEDOUT);
+}
+
+TEST_F(SmbConnectFault, ResetAtOnce) {
+    FaultProxy proxy(server.port());
+    proxy.resetOnConnect();
+    expectFailure(proxy, ECONNRESET);
+}
+
+TEST_F(SmbConnectFault, EachStep) {
+    struct Step {
+        FaultProxy::Direction direction;
+        FaultProxy::Command command;
+        int occurrence;
+    };
+    std::vector<std::thread> threads;
+    for (const auto& [fault, error] :
+         {std::pair(Fault::reset(), ECONNRESET), std::pair(Fault::reset(30), ECONNRESET),
+          std::pair(Fault::close(70), ECONNRESET), std::pair(Fault::freeze(), ETIMEDOUT),
+          std::pair(Fault::dribble(100), ETIMEDOUT)}) {
+        for (const Step& step : {Step{FaultProxy::Response, FaultProxy::Negotiate, 1},
+                                 Step{FaultProxy::Response, FaultProxy::SessionSetup, 1},
+                                 Step{FaultProxy::Response, FaultProxy::SessionSetup, 2},
+                                 Step{FaultProxy::Response, FaultProxy::TreeConnect, 1}}) {
+            threads.emplace_back([this, fault = fault, error = error, step] {
+                FaultProxy proxy(server.port());
+                proxy.on({step.direction, step.command, step.occurrence}, fault);
+                expectFailure(proxy, error);
+            });
+        }
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+TEST_F(SmbConnectFault, Dribbled_Connects) {
+    FaultProxy proxy(server.port());
+    proxy.on({FaultProxy::Response, FaultProxy::Negotiate}, Fault::dribble());
+    Smb2FS fs(20);
+    EXPECT_EQ(fs.connect(login(proxy.address())), 0) << strerror();
+    EXPECT_TRUE(fs.isConnected());
+}
+
+// Leaving the frozen connection may take all of the time, not twice that.
+TEST_F(SmbConnectFault, ConnectAgainWhileFrozen_InTime) {
+    FaultProxy proxy(server.port());
+    Smb2FS fs(timeout);
+    ASSERT_EQ(fs.connect(login(proxy.address())), 0);
+    proxy.on({FaultProxy::Request, FaultProxy::TreeDisconnect}, Fault::freeze());
+    proxy.on({FaultProxy::Request, FaultProxy::Negotiate}, Fault::freeze());
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(fs.connect(login(proxy.address())), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_LT(timer.elapsed(), timeLimitMs + 200);
+    EXPECT_EQ(fs.connect(login(proxy.address())), 0);
+}
+
+TEST_F(SmbConnectFault, EchoLost_NotConnectedThenFatal) {
+    for (const auto& [fault, error] :
+         {std::pair(Fault::reset(), ECONNRESET), std::pair(Fault::freeze(), ETIMEDOUT)}) {
+        FaultProxy proxy(server.port());
+        Smb2FS fs(timeout);
+        ASSERT_EQ(fs.connect(login(proxy.address())), 0);
+        proxy.on({FaultProxy::Request, FaultProxy::Echo}, fault);
+        EXPECT_FALSE(fs.isConnected()); // remembers nothing
+        EXPECT_FALSE(fs.isConnected());
+        struct stat st;
+        EXPECT_EQ(fs.stat("/", st), -1);
+        EXPECT_EQ(errno, error);
+        EXPECT_TRUE(fs.isConnected());
+    }
+}
+
+TEST_F(SmbConnectFault, RewindLost_ReturnsZeroThenFatal) {
+    FaultProxy proxy(server.port());
+    Smb2FS fs(timeout);
+    ASSERT_EQ(fs.connect(login(proxy.address())), 0);
+    const auto directory = fs.opendir("/");
+    proxy.on({FaultProxy::Request, FaultProxy::Create}, Fault::reset());
+    EXPECT_EQ(directory->rewinddir(), 0);
+    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_EQ(directory->rewinddir(), -1);
+}
+
+// --- The server itself
+// ------------------------------------------------------------------------
+
+namespace {
+
+using SmbServerFault = SmbConnectFault;
+
+} // namespace
+
+TEST_F(SmbServerFault, KilledAndRestarted) {
+    Share share(server.address(), "d", 10);
+    server.kill();
+    EXPECT_EQ(share.file->write("x", 1), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+    expectGuarded(share);
+    EXPECT_EQ(share.fs.connect(login(server.address())), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    ASSERT_TRUE(server.restart());
+    EXPECT_EQ(share.fs.connect(login(server.address())), 0) << strerror();
+    const auto file = share.fs.open(share.at("file"), O_RDONLY, 0);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->readAll(10'000), share.content);
+}
+
+TEST_F(SmbServerFault, KilledWhileRecording) {
+    Share share(server.address(), "d", 10);
+    std::atomic<qint64> written = 0;
+    std::thread recorder([&] {
+        const QByteArray block(1 << 20, 'r');
+        while (share.file->write(block.constData(), block.size()) == block.size())
+            written += block.size();
+        EXPECT_EQ(errno, ECONNRESET);
+    });
+    while (written < (8 << 20))
+        std::this_thread::yield();
+    server.kill();
+    recorder.join();
+    // All that was reported as written had reached the server.
+    EXPECT_GE(QFileInfo(server.directory("rw") + "/d/file").size(), written);
+}
+
+TEST_F(SmbServerFault, Stopped_TimesOutAndComesBack) {
+    Share share(server.address(), "d", timeout);
+    server.stop();
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(share.file->write("x", 1), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_LT(timer.elapsed(), timeLimitMs);
+    timer.start();
+    EXPECT_EQ(share.fs.connect(login(server.address())), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_LT(timer.elapsed(), timeLimitMs);
+    server.cont();
+    EXPECT_EQ(share.fs.connect(login(server.address())), 0) << strerror();
+    EXPECT_TRUE(share.fs.isConnected());
+}
+
+// A caller that waits for the share's lock learns of the failure by the guard.
+TEST_F(SmbServerFault, ManyThreadsWait_OneTimesOutTheOthersAreGuarded) {
+    Share share(server.address(), "d", timeout);
+    server.stop();
+    std::atomic<int> timedOut = 0;
+    QElapsedTimer timer;
+    timer.start();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] {
+            struct stat st;
+            errno = 0;
+            EXPECT_EQ(share.fs.stat("/", st), -1);
+            timedOut += errno == ETIMEDOUT;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_GE(timedOut, 1);
+    EXPECT_LT(timer.elapsed(), timeLimitMs);
+    server.cont();
+}
+
+// --- Signals and names
+// -------------------------------------------------------------------------
+
+namespace {
+
+bool isPending(int signal) {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, signal) == 1;
+}
+
+} // namespace
+
+TEST_F(SmbServerFault, BrokenPipe_NoSignal) {
+    Share share(server.address(), "d", 10);
+    pipeIsBroken = true;
+    EXPECT_EQ(share.file->write("x", 1), -1); // the signal would end the test here
+    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_FALSE(pipeIsBroken);
+    EXPECT_FALSE(isPending(SIGPIPE));
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    EXPECT_EQ(sigismember(&mask, SIGPIPE), 0);
+}
+
+TEST_F(SmbServerFault, BrokenPipeWhileBlocked_ASignalOfSomebodyElseStays) {
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    {
+        Share share(server.address(), "d", 10);
+        pipeIsBroken = true;
+        EXPECT_EQ(share.file->write("x", 1), -1);
+        EXPECT_FALSE(isPending(SIGPIPE));
+    }
+    {
+        Share share(server.address(), "e", 10);
+        pthread_kill(pthread_self(), SIGPIPE);
+        pipeIsBroken = true;
+        EXPECT_EQ(share.file->write("x", 1), -1);
+        EXPECT_TRUE(isPending(SIGPIPE));
+    }
+    const struct timespec now = {};
+    EXPECT_EQ(sigtimedwait(&pipe, nullptr, &now), SIGPIPE);
+    pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+}
+
+TEST(SmbResolver, Slow_TimesOut) {
+    ASSERT_EQ(sem_init(&slowResolver, 0, 0), 0);
+    Smb2FS fs(timeout);
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(fs.connect(login("slow.test:445")), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_GE(timer.elapsed(), 900);
+    EXPECT_LT(timer.elapsed(), timeLimitMs);
+    EXPECT_EQ(slowLookups, 1);
+    // A resolver that gives up says so.
+    sem_post(&slowResolver);
+    sem_post(&slowResolver);
+    EXPECT_EQ(fs.connect(login("slow.test")), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(slowLookups, 2);
+}
+
+TEST(SmbResolver, BracketsAndPorts_AreNotTheName) {
+    Smb2FS fs(timeout);
+    // Nobody listens there; were the port taken for a part of the name, it would not be known.
+    for (const char* server : {"127.0.0.1:1", "[::1]:1", "[127.0.0.1]:1", "localhost:1"}) {
+        EXPECT_EQ(fs.connect(login(server)), -1) << server;
+        EXPECT_TRUE(errno == ECONNREFUSED || errno == EADDRNOTAVAIL || errno == ENETUNREACH)
+            << server << ": " << std::strerror(errno);
+    }
+}
+
+} // namespace oru::io
