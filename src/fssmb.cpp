@@ -44,6 +44,8 @@ constexpr int longestText = 1024;
 constexpr int longestPath = 32767;
 constexpr int longestDescription = 4095;
 constexpr int longestWrite = 65536;
+/// What connect() has left, at least, when leaving the former share has taken its time.
+constexpr qint64 shortestConnectMs = 800;
 
 /// Whether a failure is one of the connection, which ends all use of the share.
 bool isFatal(int error) {
@@ -203,7 +205,7 @@ int Smb2FS::connect(Properties props) {
     // Leaving a share that does not answer may have taken all of the time.
     const QDeadlineTimer rest =
         limit == 0 ? QDeadlineTimer(QDeadlineTimer::Forever)
-                   : QDeadlineTimer(std::max<qint64>(deadline.remainingTime(), 1000));
+                   : QDeadlineTimer(std::max(deadline.remainingTime(), shortestConnectMs));
     if (const int failed = m_data->report(m_data->session->connect(login, rest)))
         return failed;
 

@@ -13,8 +13,10 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -55,7 +57,20 @@ extern "C" Q_DECL_EXPORT int getaddrinfo(const char* host, const char* service,
         sem_wait(&slowResolver);
         return EAI_AGAIN;
     }
-    return real(host, service, hints, found);
+    if (isNumeric || !host || std::strncmp(host, "addresses-", 10) != 0)
+        return real(host, service, hints, found);
+    // A server with as many addresses as the name says, of which the last one is 127.0.0.1.
+    struct addrinfo** next = found;
+    for (int number = std::atoi(host + 10); number > 0; --number) {
+        const std::string address = "127.0.0." + std::to_string(number);
+        struct addrinfo stream = {};
+        stream.ai_socktype = SOCK_STREAM;
+        const int result = real(address.c_str(), service, &stream, next);
+        if (result != 0)
+            return result;
+        next = &(*next)->ai_next;
+    }
+    return 0;
 }
 
 namespace oru::io {
@@ -76,7 +91,8 @@ int openDescriptors() {
     return QDir("/proc/self/fd").entryList(QDir::System | QDir::Files | QDir::AllDirs).size();
 }
 
-constexpr unsigned int timeout = 1;
+// Long enough for all that a busy machine does well within it, as a request that no fault strikes.
+constexpr unsigned int timeout = 3;
 constexpr qint64 timeLimitMs = (timeout + 1) * 1000;
 
 /// A connected share, with what operations need.
@@ -202,6 +218,7 @@ void tryOperation(const SmbServer& server, const FaultCase& tested, const Operat
     FaultProxy proxy(server.port());
     const unsigned int seconds = tested.error == ETIMEDOUT ? timeout : 20;
     Share share(proxy.address(), QStringLiteral("op-%1").arg(number), seconds);
+    ASSERT_TRUE(share.file && share.directory);
 
     proxy.on({tested.direction, operation.command}, tested.fault);
     QElapsedTimer timer;
@@ -261,7 +278,7 @@ INSTANTIATE_TEST_SUITE_P(
         FaultCase{"ClosedInTheResponse", FaultProxy::Response, Fault::close(60), ECONNRESET},
         FaultCase{"FrozenAtTheRequest", FaultProxy::Request, Fault::freeze(), ETIMEDOUT},
         FaultCase{"FrozenInTheResponse", FaultProxy::Response, Fault::freeze(40), ETIMEDOUT},
-        FaultCase{"DribbledTooSlowly", FaultProxy::Response, Fault::dribble(100), ETIMEDOUT},
+        FaultCase{"DribbledTooSlowly", FaultProxy::Response, Fault::dribble(200), ETIMEDOUT},
         FaultCase{"Dribbled", FaultProxy::Response, Fault::dribble(), 0},
         FaultCase{"Lost", FaultProxy::Response, Fault::drop(), ETIMEDOUT}),
     [](const auto& tested) { return std::string(tested.param.name); });
@@ -326,7 +343,7 @@ TEST_F(SmbConnectFault, EachStep) {
     for (const auto& [fault, error] :
          {std::pair(Fault::reset(), ECONNRESET), std::pair(Fault::reset(30), ECONNRESET),
           std::pair(Fault::close(70), ECONNRESET), std::pair(Fault::freeze(), ETIMEDOUT),
-          std::pair(Fault::dribble(100), ETIMEDOUT)}) {
+          std::pair(Fault::dribble(200), ETIMEDOUT)}) {
         for (const Step& step : {Step{FaultProxy::Response, FaultProxy::Negotiate, 1},
                                  Step{FaultProxy::Response, FaultProxy::SessionSetup, 1},
                                  Step{FaultProxy::Response, FaultProxy::SessionSetup, 2},
@@ -361,7 +378,7 @@ TEST_F(SmbConnectFault, ConnectAgainWhileFrozen_InTime) {
     timer.start();
     EXPECT_EQ(fs.connect(login(proxy.address())), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
-    EXPECT_LT(timer.elapsed(), timeLimitMs + 200);
+    EXPECT_LT(timer.elapsed(), timeLimitMs);
     EXPECT_EQ(fs.connect(login(proxy.address())), 0);
 }
 
@@ -528,7 +545,7 @@ TEST(SmbResolver, Slow_TimesOut) {
     timer.start();
     EXPECT_EQ(fs.connect(login("slow.test:445")), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
-    EXPECT_GE(timer.elapsed(), 900);
+    EXPECT_GE(timer.elapsed(), timeout * 1000 - 100);
     EXPECT_LT(timer.elapsed(), timeLimitMs);
     EXPECT_EQ(slowLookups, 1);
     // A resolver that gives up says so.
@@ -537,6 +554,23 @@ TEST(SmbResolver, Slow_TimesOut) {
     EXPECT_EQ(fs.connect(login("slow.test")), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(slowLookups, 2);
+}
+
+TEST_F(SmbServerFault, SeveralAddresses_TheOneThatServesIsFound) {
+    for (const char* host : {"addresses-2:", "addresses-12:"}) {
+        Smb2FS fs(10);
+        QElapsedTimer timer;
+        timer.start();
+        EXPECT_EQ(fs.connect(login(host + QString::number(server.port()))), 0) << strerror();
+        EXPECT_TRUE(fs.isConnected());
+        EXPECT_LT(timer.elapsed(), 5000);
+    }
+}
+
+TEST(SmbResolver, SeveralAddressesThatRefuse_Refused) {
+    Smb2FS fs(10);
+    EXPECT_EQ(fs.connect(login("addresses-3:1")), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
 }
 
 TEST(SmbResolver, BracketsAndPorts_AreNotTheName) {
