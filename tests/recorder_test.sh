@@ -161,11 +161,14 @@ file_as_directory_is_reported() {
     expect_error 1 "cannot use $clips/file: Not a directory"
 }
 
-directory_called_ipc_is_reached_by_a_path() {
-    mkdir "$clips/ipc"
-    run env -C "$clips" "${recorder[@]}" --to ./ipc --size 1K
-    expect_success
-    expect contains_only "$clips/ipc" clip-0001.oru
+directories_called_like_something_else_are_reached_by_a_path() {
+    local name
+    for name in ipc smb:; do
+        mkdir "$clips/$name"
+        run env -C "$clips" "${recorder[@]}" --to "./$name" --size 1K
+        expect_success
+        expect contains_only "$clips/$name" clip-0001.oru
+    done
 }
 
 existing_clip_is_refused() {
@@ -209,13 +212,13 @@ bad_arguments_are_refused() {
         expect is_empty "$clips"
     done
     run "${recorder[@]}" --to ''
-    expect_error 2 "--to must be a directory or ipc, not ''"
+    expect_error 2 "--to must be a directory, ipc or smb://\.\.\., not ''"
 }
 
 run_cases help_is_printed ordinary_run_leaves_a_verified_clip size_need_not_be_whole_frames \
     clips_are_numbered temporary_directory_is_removed temporary_directory_is_kept_on_demand \
     time_and_rate_are_honoured signal_leaves_a_verified_clip changed_clip_is_not_verified \
     full_disk_is_reported read_only_destination_is_reported missing_directory_is_reported \
-    file_as_directory_is_reported directory_called_ipc_is_reached_by_a_path \
+    file_as_directory_is_reported directories_called_like_something_else_are_reached_by_a_path \
     existing_clip_is_refused clip_of_another_recorder_is_refused \
     file_made_meanwhile_is_not_replaced bad_arguments_are_refused

@@ -1,12 +1,13 @@
 #!/bin/bash
-# Shows the example programs at work: a clip goes to a local directory, and another one through
-# shared memory to a file server.
+# Shows the example programs at work: a clip goes to a local directory, another one through shared
+# memory to a file server, and a third one to a share of an SMB server.
 #   usage: demo.sh DIRECTORY_OF_THE_PROGRAMS [RECORDER_ARGUMENT...]
 #
-# The arguments are for both recordings. Those that say where the clip goes, or ask for help, leave
-# just the one that they are about.
+# The arguments are for all of the recordings. Those that say where the clip goes, or ask for help,
+# leave just the one that they are about.
 set -euo pipefail
 
+tools=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 programs=$1
 shift
 
@@ -17,56 +18,91 @@ for argument; do
 done
 
 shared_memory=/dev/shm/_blk_fsipc
-served=''
+served=$(mktemp -d "${TMPDIR:-/tmp}/demo-XXXXXX")
 server=''
 
 clean_up() {
-    [[ -z $server ]] || kill "$server" 2>/dev/null || true
-    [[ -z $served ]] || rm -rf "$served"
+    [[ -z $server ]] || stop_server >/dev/null || true
+    rm -rf "$served"
 }
 trap clean_up EXIT
 
-# Starts the file server; its output can be read from the descriptor $output.
+# start_server COMMAND...: a server; what it says when it has begun is left in $line. The rest of its
+# output can be read from the descriptor $output.
 start_server() {
-    served=$(mktemp -d "${TMPDIR:-/tmp}/demo-XXXXXX")
     # In a session of its own: Ctrl-C is for the recorder.
-    exec {output}< <(exec setsid "$programs/file_server" "$served" 2>&1)
+    exec {output}< <(exec setsid "$@" 2>&1)
     server=$!
+    read -r -u "$output" line || true
 }
 
 stop_server() {
     local status=0
-    kill -INT "$server"
+    kill -TERM "$server" 2>/dev/null || true
     wait "$server" || status=$?
     server=''
     cat <&"$output"
     return "$status"
 }
 
-echo "Into a local directory:"
-"$programs/recorder" "$@"
+leave_out() {
+    server=''
+    echo "left out: $1"
+}
 
-echo
-echo "Through shared memory, into a directory that another process serves:"
-start_server
-read -r -u "$output" line || true
-case $line in
-*"another file server is running")
-    echo "left out: there is one file server on a system, and another one is running"
-    exit 0
-    ;;
-"serving "*) echo "$line" ;;
-*)
+# Shows why a server did not begin.
+show_failure() {
     echo "$line"
     cat <&"$output"
     exit 1
-    ;;
-esac
-"$programs/recorder" --to ipc --size 64M "$@"
-stop_server
-(cd "$served" && stat -c 'in the served directory: %n, %s bytes' -- *)
-if [[ -e $shared_memory ]]; then
-    echo "left behind: $shared_memory"
-    exit 1
-fi
-echo "nothing is left in ${shared_memory%/*}"
+}
+
+into_a_directory() {
+    echo "Into a local directory:"
+    "$programs/recorder" "$@"
+}
+
+through_shared_memory() {
+    echo
+    echo "Through shared memory, into a directory that another process serves:"
+    mkdir "$served/files"
+    start_server "$programs/file_server" "$served/files"
+    case $line in
+    *"another file server is running")
+        leave_out "there is one file server on a system, and another one is running"
+        return
+        ;;
+    "serving "*) echo "$line" ;;
+    *) show_failure ;;
+    esac
+    "$programs/recorder" --to ipc --size 64M "$@"
+    stop_server
+    (cd "$served/files" && stat -c 'in the served directory: %n, %s bytes' -- *)
+    if [[ -e $shared_memory ]]; then
+        echo "left behind: $shared_memory"
+        exit 1
+    fi
+    echo "nothing is left in ${shared_memory%/*}"
+}
+
+onto_a_network_share() {
+    local status=0
+    echo
+    echo "Over SMB, onto a share of a server that runs for this only, on the loopback interface:"
+    ORUIO_SMB_PASSWORD=$(od -A n -N 16 -t x8 /dev/urandom | tr -d ' ')
+    export ORUIO_SMB_PASSWORD
+    start_server "$tools/smb-server.sh" "$served/smb"
+    if [[ ! $line =~ ^[0-9] ]]; then
+        wait "$server" || status=$?
+        [[ $status -eq 77 ]] || show_failure
+        leave_out "${line#*: }"
+        return
+    fi
+    "$programs/recorder" --to "smb://tester@127.0.0.1:${line% *}/recordings" --size 64M "$@"
+    stop_server
+    (cd "$served/smb/recordings" && stat -c "in the server's directory: %n, %s bytes" -- *)
+}
+
+into_a_directory "$@"
+through_shared_memory "$@"
+onto_a_network_share "$@"

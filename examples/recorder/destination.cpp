@@ -2,6 +2,8 @@
 
 #include "common/failure.h"
 #include "common/localdirectory.h"
+#include "networkshare.h"
+#include "smburl.h"
 
 #include <oruio/fsipc.h>
 #include <oruio/fsswitch.h>
@@ -36,9 +38,19 @@ QSharedPointer<oru::io::FS> connectToFileServer() {
 
 Destination::Destination(const QString& text, bool keep)
     : m_temporary(text.isEmpty() ? makeTemporaryDirectory(keep) : nullptr),
-      m_shown(m_temporary ? m_temporary->path() : text) {
-    oru::io::FSSwitch::rootfs()->add(mountPoint, text == fileServer ? connectToFileServer()
-                                                                    : openLocalDirectory(m_shown));
+      m_shown(m_temporary ? m_temporary->path() : text), m_directory(mountPoint) {
+    QSharedPointer<oru::io::FS> fs;
+    if (isSmbUrl(text)) {
+        const SmbUrl url = parseSmbUrl(text);
+        fs = connectToShare(url, text);
+        for (const QString& name : url.directories)
+            m_directory += '/' + name;
+    } else if (text == fileServer) {
+        fs = connectToFileServer();
+    } else {
+        fs = openLocalDirectory(m_shown);
+    }
+    oru::io::FSSwitch::rootfs()->add(mountPoint, fs);
 }
 
 Destination::~Destination() {
@@ -46,11 +58,11 @@ Destination::~Destination() {
 }
 
 QString Destination::directory() const {
-    return mountPoint;
+    return m_directory;
 }
 
 QString Destination::path(const QString& name) const {
-    return mountPoint + '/' + name;
+    return m_directory + '/' + name;
 }
 
 QString Destination::shown(const QString& name) const {

@@ -11,9 +11,11 @@
 /// A file system, mounted in the root switch for as long as this object lives.
 class Destination {
 public:
-    /// Mounts what `text` names: "ipc", what the file server of this system exports; a local
-    /// directory; or, if it is empty, a temporary directory, which is removed at the end unless
-    /// `keep` is set. Throws Failure when there is no such thing.
+    /// Mounts what `text` names: "ipc", what the file server of this system exports; a share of an
+    /// SMB server, with a directory in it, which is made if it is missing; a local directory; or,
+    /// if it is empty, a temporary directory, which is removed at the end unless `keep` is set.
+    /// May ask the user for a password. Throws Failure when there is no such thing, UsageError when
+    /// `text` makes no sense.
     ///
     /// The session with a file server belongs to the calling thread: it should also be the one that
     /// destroys this object. All use of the file system must be one call at a time.
@@ -35,4 +37,5 @@ private:
 
     std::unique_ptr<QTemporaryDir> m_temporary;
     QString m_shown;
+    QString m_directory;
 };

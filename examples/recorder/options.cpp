@@ -17,6 +17,9 @@ const char description[] =
     "Records a generated stream of frames as one clip, reads it back and verifies it.\n"
     "Ctrl-C ends the recording early; what was recorded until then is a complete clip.\n"
     "\n"
+    "The password for a share is taken from the environment variable ORUIO_SMB_PASSWORD, or asked\n"
+    "for on the terminal. Without a USER the session is anonymous.\n"
+    "\n"
     "Exit status: 0 recorded and verified, 1 failure, 2 bad command line.";
 
 void declareOptions(QCommandLineParser& parser) {
@@ -24,9 +27,10 @@ void declareOptions(QCommandLineParser& parser) {
     parser.addOptions({
         {{"h", "help"}, "Show this help."},
         {"to",
-         "Where the clip goes: a local directory; or ipc, whatever the file_server on this "
-         "system exports (a directory of this name is ./ipc). Default: a temporary directory, "
-         "removed at the end.",
+         "Where the clip goes: a local directory; ipc, whatever the file_server on this system "
+         "exports; or smb://[[DOMAIN;]USER@]HOST[:PORT]/SHARE[/DIRECTORY...], a share on the "
+         "network, where a missing directory is made. (Directories of such names are ./ipc and "
+         "./smb:...) Default: a temporary directory, removed at the end.",
          "DEST"},
         {"keep", "Keep the temporary directory. What goes to an explicit --to is always kept."},
         {"name",
@@ -77,7 +81,7 @@ QString parseName(const QString& value) {
 
 QString parseDestination(const QString& value) {
     if (value.isEmpty())
-        reject("to", value, "a directory or ipc");
+        reject("to", value, "a directory, ipc or smb://...");
     return value;
 }
 
@@ -117,7 +121,8 @@ Options parseOptions(const QStringList& arguments) {
         options.help = parser.helpText();
         return options;
     }
+    // Not repeated in the message: a URL that belongs behind --to may have a password.
     if (!parser.positionalArguments().isEmpty())
-        throw UsageError{"unexpected argument '" + parser.positionalArguments().first() + "'"};
+        throw UsageError{"unexpected argument (is --to missing in front of it?)"};
     return readValues(parser);
 }

@@ -1,0 +1,122 @@
+#!/bin/bash
+# Runs a private SMB server on the loopback interface, as root or as any other user, until SIGTERM or
+# Ctrl-C. All that it reads and writes is below one directory.
+#   usage: ORUIO_SMB_PASSWORD=PASSWORD smb-server.sh DIRECTORY [LINE]...
+#
+# When it serves, it prints its port and the process group of smbd. The share "recordings" is the
+# directory of that name below DIRECTORY; the user is "tester". The lines go to the section [global]
+# of smb.conf, and may begin further sections.
+#
+# Ends with 77, and one line that says why, when this machine cannot run such a server.
+set -euo pipefail
+
+fail() {
+    echo "smb-server: $2" >&2
+    exit "$1"
+}
+
+[[ $# -gt 0 ]] || fail 2 "usage: smb-server.sh DIRECTORY [LINE]..."
+password=${ORUIO_SMB_PASSWORD:?}
+unset ORUIO_SMB_PASSWORD # the server gets it in its own way
+mkdir -p "$1"
+directory=$(realpath "$1")
+shift
+
+PATH=$PATH:/usr/sbin # not in everybody's
+for program in smbd pdbedit; do
+    command -v "$program" >/dev/null || fail 77 "$program is not installed"
+done
+account=$(id -un 2>/dev/null) || fail 77 "this user has no account, which smbd needs"
+
+# write_files LINE...: what smbd reads. It keeps away from the system's files and other services, and
+# starts no helpers that it can do without.
+write_files() {
+    mkdir -p "$directory"/{private,recordings,state}
+    chmod 0700 "$directory/private"
+    echo "$account = tester" >"$directory/users"
+    {
+        cat <<CONFIGURATION
+[global]
+server role = standalone server
+workgroup = RECORDERS
+netbios name = RECORDINGS
+interfaces = 127.0.0.1
+bind interfaces only = yes
+private dir = $directory/private
+lock directory = $directory/state
+state directory = $directory/state
+cache directory = $directory/state
+pid directory = $directory/state
+ncalrpc dir = $directory/state/ncalrpc
+binddns dir = $directory/state/binddns
+passdb backend = smbpasswd:$directory/private/smbpasswd
+username map = $directory/users
+guest account = $account
+server min protocol = SMB2_02
+disable netbios = yes
+disable spoolss = yes
+load printers = no
+printcap name = /dev/null
+rpc start on demand helpers = no
+usershare max shares = 0
+log level = 1
+max log size = 0
+CONFIGURATION
+        printf '%s\n' "$@"
+        cat <<CONFIGURATION
+[recordings]
+path = $directory/recordings
+read only = no
+valid users = $account
+CONFIGURATION
+    } >"$directory/smb.conf"
+    # Not as an argument, which everybody can see.
+    printf '%s\n' "$password" "$password" |
+        pdbedit -s "$directory/smb.conf" -a -t -u "$account" >"$directory/log" 2>&1 ||
+        fail 1 "pdbedit failed: $(tail -n 3 "$directory/log")"
+}
+
+# grep_sockets PATTERN: in the system's table of TCP sockets.
+grep_sockets() {
+    grep -Eiqs "$1" /proc/net/tcp /proc/net/tcp6
+}
+
+# Leaves a free port in $port. Below those that the system gives to clients, so that none of them
+# comes in between.
+choose_port() {
+    port=$((10000 + RANDOM % 20000))
+    while grep_sockets ":$(printf %04x "$port") "; do
+        port=$((10000 + RANDOM % 20000))
+    done
+}
+
+smbd=''
+stop() {
+    [[ -n $smbd ]] || return 0
+    # All of the group; smbd alone, too, as it may not have made that yet.
+    kill -KILL -- "-$smbd" "$smbd" 2>/dev/null || true
+    wait "$smbd" 2>/dev/null || true
+}
+trap stop EXIT
+trap 'exit 0' INT TERM
+
+# Its input is a pipe that this shell keeps open: smbd ends with it, even if that is killed.
+start() {
+    local deadline=$((SECONDS + 10))
+    exec 3> >(exec setsid smbd -F --no-process-group --debug-stdout -s "$directory/smb.conf" \
+        -l "$directory/state" --option="smb ports=$port" >"$directory/log" 2>&1)
+    smbd=$!
+    # Nobody connects to find out: for that, smbd would make a process.
+    until grep_sockets ":$(printf %04x "$port") 0+:0000 0A "; do
+        if [[ $SECONDS -ge $deadline ]] || ! kill -0 "$smbd" 2>/dev/null; then
+            fail 1 "smbd does not serve: $(tail -n 3 "$directory/log")"
+        fi
+        sleep 0.02
+    done
+}
+
+write_files "$@"
+choose_port
+start
+echo "$port $smbd"
+wait "$smbd"
