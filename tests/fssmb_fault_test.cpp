@@ -104,6 +104,8 @@ struct Share {
         EXPECT_EQ(fs.mkdir(at("empty"), 0755), 0) << strerror();
         file = fs.open(at("file"), O_RDWR | O_CREAT, 0644);
         EXPECT_TRUE(file) << strerror();
+        if (!file)
+            return;
         EXPECT_EQ(file->pwrite(content.constData(), content.size(), 0), content.size());
         EXPECT_TRUE(fs.open(at("other"), O_RDWR | O_CREAT, 0644)) << strerror();
         directory = fs.opendir(directoryPath);
@@ -420,6 +422,7 @@ using SmbServerFault = SmbConnectFault;
 
 TEST_F(SmbServerFault, KilledAndRestarted) {
     Share share(server.address(), "d", 10);
+    ASSERT_TRUE(share.file);
     server.kill();
     EXPECT_EQ(share.file->write("x", 1), -1);
     EXPECT_EQ(errno, ECONNRESET);
@@ -435,6 +438,7 @@ TEST_F(SmbServerFault, KilledAndRestarted) {
 
 TEST_F(SmbServerFault, KilledWhileRecording) {
     Share share(server.address(), "d", 10);
+    ASSERT_TRUE(share.file);
     std::atomic<qint64> written = 0;
     std::thread recorder([&] {
         const QByteArray block(1 << 20, 'r');
@@ -452,6 +456,7 @@ TEST_F(SmbServerFault, KilledWhileRecording) {
 
 TEST_F(SmbServerFault, Stopped_TimesOutAndComesBack) {
     Share share(server.address(), "d", timeout);
+    ASSERT_TRUE(share.file);
     server.stop();
     QElapsedTimer timer;
     timer.start();
@@ -470,6 +475,7 @@ TEST_F(SmbServerFault, Stopped_TimesOutAndComesBack) {
 // A caller that waits for the share's lock learns of the failure by the guard.
 TEST_F(SmbServerFault, ManyThreadsWait_OneTimesOutTheOthersAreGuarded) {
     Share share(server.address(), "d", timeout);
+    ASSERT_TRUE(share.file);
     server.stop();
     std::atomic<int> timedOut = 0;
     QElapsedTimer timer;
@@ -505,6 +511,7 @@ bool isPending(int signal) {
 
 TEST_F(SmbServerFault, BrokenPipe_NoSignal) {
     Share share(server.address(), "d", 10);
+    ASSERT_TRUE(share.file);
     pipeIsBroken = true;
     EXPECT_EQ(share.file->write("x", 1), -1); // the signal would end the test here
     EXPECT_EQ(errno, ECONNRESET);
@@ -522,6 +529,7 @@ TEST_F(SmbServerFault, BrokenPipeWhileBlocked_ASignalOfSomebodyElseStays) {
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     {
         Share share(server.address(), "d", 10);
+        ASSERT_TRUE(share.file);
         pipeIsBroken = true;
         EXPECT_EQ(share.file->write("x", 1), -1);
         EXPECT_FALSE(isPending(SIGPIPE));
