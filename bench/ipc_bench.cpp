@@ -1,4 +1,5 @@
 // What the way to a file system in another process costs.
+#include "film.h"
 #include "mirror.h"
 #include "placement.h"
 #include "report.h"
@@ -6,7 +7,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <array>
 #include <cstring>
 
 #include <fcntl.h>
@@ -16,9 +16,6 @@
 namespace {
 
 using benchmark::State;
-
-constexpr unsigned mebi = 1U << 20;
-constexpr int piecesOfFilm = Service::filmSize / mebi;
 
 /// Without anything for the file system to do.
 void exchange(State& state) {
@@ -91,34 +88,10 @@ void openCloseThroughMirror(State& state) {
     }
 }
 
-struct alignas(4096) Piece {
-    std::array<char, mebi> bytes;
-};
-
-/// What an application reads into and writes from.
-char* applicationMemory() {
-    static Piece piece;
-    return piece.bytes.data();
-}
-
 /// What stands for the service's data buffer where there is no service.
 char* betweenMemory() {
     static Piece piece;
     return piece.bytes.data();
-}
-
-/// Calls `rewind` before every beginning of the film and `move` for each of its pieces.
-template <class Rewind, class Move>
-void moveFilm(State& state, Rewind rewind, Move move) {
-    int piece = 0;
-    for (auto _ : state) {
-        if (piece == 0 && rewind() != 0)
-            state.SkipWithError("lseek failed");
-        piece = (piece + 1) % piecesOfFilm;
-        if (move() != mebi)
-            state.SkipWithError("a piece was not moved");
-    }
-    state.SetBytesProcessed(state.iterations() * mebi);
 }
 
 void readThroughService(State& state, Placement::Where where) {
@@ -181,10 +154,6 @@ BENCHMARK(statThroughMirror)->Name("stat/bindfs")->UseRealTime();
 BENCHMARK(openCloseThroughService)->Name("open_close/ipc")->UseRealTime();
 BENCHMARK(openCloseThroughMirror)->Name("open_close/bindfs")->UseRealTime();
 
-/// All of the film, so that both sides find equally much in the processor's caches.
-void filmRounds(benchmark::internal::Benchmark* film) {
-    film->UseRealTime()->Iterations(2 * piecesOfFilm);
-}
 BENCHMARK_CAPTURE(readThroughService, together, Placement::Together)
     ->Name("read_1m/ipc_together")
     ->Apply(filmRounds);

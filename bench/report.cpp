@@ -50,6 +50,7 @@ const char* relation(const Target& target) {
     switch (target.kind) {
     case Target::RatioAbove:
         return "above";
+    case Target::RatioAtLeast:
     case Target::SpeedAtLeast:
         return "at least";
     default:
@@ -65,6 +66,7 @@ bool isMet(const Target& target, double value) {
     switch (target.kind) {
     case Target::RatioAbove:
         return value > target.limit;
+    case Target::RatioAtLeast:
     case Target::SpeedAtLeast:
         return value >= target.limit;
     default:

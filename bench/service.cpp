@@ -1,6 +1,7 @@
 #include "service.h"
 
 #include "files.h"
+#include "film.h"
 #include "mounts.h"
 
 #include <cstdio>

@@ -28,8 +28,6 @@ public:
     std::string systemFilm() const;
     QString systemDirectory() const;
 
-    static constexpr int filmSize = 64 << 20;
-
 private:
     Service();
     Q_DISABLE_COPY(Service)

@@ -8,6 +8,7 @@ struct Target {
     enum Kind {
         RatioAtMost,      ///< measured / reference must not exceed the limit
         RatioAbove,       ///< measured / reference must exceed the limit
+        RatioAtLeast,     ///< measured / reference must reach the limit
         DifferenceAtMost, ///< measured - reference, in nanoseconds, must not exceed the limit
         SpeedAtLeast,     ///< measured / reference, in bytes per time, must reach the limit
         MemoryAtMost,     ///< measured - reference, in KiB, must not exceed the limit

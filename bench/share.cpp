@@ -1,0 +1,82 @@
+#include "share.h"
+
+#include "files.h"
+#include "film.h"
+#include "placement.h"
+
+#include <ctime>
+
+// libsmb2's headers want these first.
+#include <smb2/smb2.h>
+
+#include <smb2/libsmb2.h>
+
+namespace {
+
+using oru::io::Smb2FS;
+using oru::io::test::SmbServer;
+
+constexpr char shareName[] = "films";
+constexpr int timeoutSeconds = 30;
+
+/// Serves a film in `directory`, on the processor of the helpers.
+SmbServer serve(QTemporaryDir& directory) {
+    makeFile(directory, QStringLiteral("/") + Share::film, filmSize);
+    SmbServer::Options options;
+    options.shares[shareName] = QStringList{"path = " + directory.path(), "read only = no"};
+    const Placement placement(Placement::Together);
+    return SmbServer(options);
+}
+
+} // namespace
+
+void Share::ContextDeleter::operator()(smb2_context* context) const {
+    smb2_destroy_context(context);
+}
+
+Share& Share::instance() {
+    static Share share;
+    return share;
+}
+
+Share::Share()
+    : m_directory(directoryTemplate()), m_server(serve(m_directory)),
+      m_whyNot(m_server.problem().toStdString()) {}
+
+const std::string& Share::whyNot() const {
+    return m_whyNot;
+}
+
+std::unique_ptr<Smb2FS> Share::connect() const {
+    auto fs = std::make_unique<Smb2FS>(timeoutSeconds);
+    const int result = fs->connect({
+        {"server", m_server.address()},
+        {"share", shareName},
+        {"user", SmbServer::user},
+        {"password", SmbServer::password},
+        {"version", "3.1.1"},
+    });
+    return result == 0 ? std::move(fs) : nullptr;
+}
+
+Share::Context Share::connectLibsmb2() const {
+    Context context(smb2_init_context());
+    if (!context)
+        return nullptr;
+    constexpr int ntlmssp = 1;
+    smb2_set_authentication(context.get(), ntlmssp);
+    smb2_set_timeout(context.get(), timeoutSeconds);
+    smb2_set_version(context.get(), SMB2_VERSION_0311);
+    smb2_set_password(context.get(), SmbServer::password);
+    const QByteArray server = m_server.address().toLatin1();
+    if (smb2_connect_share(context.get(), server, shareName, SmbServer::user) != 0)
+        return nullptr;
+    return context;
+}
+
+QStringList Share::smbclientArguments() const {
+    return {QStringLiteral("//127.0.0.1/") + shareName,
+            QStringLiteral("--port=%1").arg(m_server.port()),
+            QStringLiteral("--user=%1%%2").arg(SmbServer::user, SmbServer::password),
+            "--configfile=/dev/null"};
+}

@@ -1,0 +1,188 @@
+// What the way to a share of an SMB server costs, beside that of other clients.
+#include "film.h"
+#include "placement.h"
+#include "report.h"
+#include "share.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QList>
+#include <QProcess>
+
+#include <cstdint>
+#include <ctime>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+// libsmb2's headers want these first.
+#include <smb2/smb2.h>
+
+#include <smb2/libsmb2.h>
+
+namespace {
+
+using benchmark::State;
+
+bool isPlaced(State& state, const Placement& placement) {
+    if (!placement.isDone())
+        leaveOut(state, "transfers between two processors: there is only one");
+    return placement.isDone();
+}
+
+bool hasShare(State& state) {
+    const std::string& whyNot = Share::instance().whyNot();
+    if (!whyNot.empty())
+        leaveOut(state, "shares of an SMB server: " + whyNot);
+    return whyNot.empty();
+}
+
+void readOfShare(State& state, Placement::Where where) {
+    const Placement placement(where);
+    if (!isPlaced(state, placement) || !hasShare(state))
+        return;
+    const auto fs = Share::instance().connect();
+    const auto film = fs ? fs->open(Share::film, O_RDONLY, 0) : nullptr;
+    if (!film)
+        return state.SkipWithError("cannot open the film");
+    moveFilm(
+        state, [&] { return film->lseek(0, SEEK_SET); },
+        [&] { return film->read(applicationMemory(), mebi); });
+}
+
+void writeOfShare(State& state) {
+    const Placement placement(Placement::Together);
+    if (!hasShare(state))
+        return;
+    const auto fs = Share::instance().connect();
+    const auto film = fs ? fs->open(Share::film, O_WRONLY, 0) : nullptr;
+    if (!film)
+        return state.SkipWithError("cannot open the film");
+    moveFilm(
+        state, [&] { return film->lseek(0, SEEK_SET); },
+        [&] { return film->write(applicationMemory(), mebi); });
+}
+
+void statOfShare(State& state) {
+    const Placement placement(Placement::Together);
+    if (!hasShare(state))
+        return;
+    const auto fs = Share::instance().connect();
+    const QString path = Share::film;
+    struct stat st;
+    for (auto _ : state) {
+        if (!fs || fs->stat(path, st) != 0)
+            state.SkipWithError("stat failed");
+    }
+}
+
+std::uint8_t* applicationBytes() {
+    return reinterpret_cast<std::uint8_t*>(applicationMemory());
+}
+
+/// All of a piece with one call, which makes one request of it.
+int readPiece(smb2_context* context, smb2fh* film) {
+    return smb2_read(context, film, applicationBytes(), mebi);
+}
+
+/// A piece in requests of the size that the library makes of it.
+int writePiece(smb2_context* context, smb2fh* film) {
+    constexpr unsigned request = 64U << 10;
+    for (unsigned done = 0; done < mebi; done += request) {
+        if (smb2_write(context, film, applicationBytes() + done, request) != int{request})
+            return -1;
+    }
+    return mebi;
+}
+
+void moveByLibsmb2(State& state, int flags, int (*move)(smb2_context*, smb2fh*)) {
+    const Placement placement(Placement::Together);
+    if (!hasShare(state))
+        return;
+    const auto context = Share::instance().connectLibsmb2();
+    smb2fh* const film = context ? smb2_open(context.get(), Share::film, flags) : nullptr;
+    if (!film)
+        return state.SkipWithError("libsmb2 cannot open the film");
+    moveFilm(
+        state, [&] { return smb2_lseek(context.get(), film, 0, SEEK_SET, nullptr); },
+        [&] { return move(context.get(), film); });
+    smb2_close(context.get(), film);
+}
+
+void statByLibsmb2(State& state) {
+    const Placement placement(Placement::Together);
+    if (!hasShare(state))
+        return;
+    const auto context = Share::instance().connectLibsmb2();
+    smb2_stat_64 st;
+    for (auto _ : state) {
+        if (!context || smb2_stat(context.get(), Share::film, &st) != 0)
+            state.SkipWithError("smb2_stat failed");
+    }
+}
+
+/// Gets the film as often as the other benchmarks read it. \returns how long that took by
+/// smbclient's own account, which is that of the transfers alone: to start and to connect is not in
+/// it, as it is not in the time of the others. 0, with an error in `state`, when it failed.
+double getBySmbclient(State& state) {
+    const QString get = QStringLiteral("get %1 /dev/null;").arg(Share::film);
+    QProcess smbclient;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("LC_ALL", "C");
+    smbclient.setProcessEnvironment(environment);
+    smbclient.setProcessChannelMode(QProcess::MergedChannels);
+    smbclient.start("smbclient", Share::instance().smbclientArguments()
+                                     << "-c" << get.repeated(lapsOfFilm));
+    if (!smbclient.waitForStarted()) {
+        leaveOut(state, "comparison with smbclient: it is not installed");
+        return 0;
+    }
+    smbclient.waitForFinished();
+    // It ends with "(average 1542023.5 KiloBytes/sec)".
+    const QByteArray output = smbclient.readAll();
+    const QList<QByteArray> words = output.simplified().split(' ');
+    const double speed = words.value(words.size() - 2).toDouble();
+    if (speed <= 0 || smbclient.exitCode() != 0) {
+        state.SkipWithError(("smbclient failed: " + output.toStdString()).c_str());
+        return 0;
+    }
+    constexpr double kibiBytes = double{lapsOfFilm} * filmSize / 1024;
+    return kibiBytes / speed;
+}
+
+void readBySmbclient(State& state) {
+    const Placement placement(Placement::Apart);
+    if (!isPlaced(state, placement) || !hasShare(state))
+        return;
+    for (auto _ : state)
+        state.SetIterationTime(getBySmbclient(state));
+    state.SetBytesProcessed(std::int64_t{lapsOfFilm} * filmSize);
+}
+
+// Part of the work is the server's: its time is only seen in real time.
+//
+// Between the library and libsmb2 alone only small differences are to be expected. They show where
+// the server is on the same processor: all that either side does is then in its time, and none of
+// it is hidden by waiting for the other processor.
+BENCHMARK_CAPTURE(readOfShare, together, Placement::Together)
+    ->Name("read_1m/share")
+    ->Apply(filmRounds);
+BENCHMARK_CAPTURE(moveByLibsmb2, read, O_RDONLY, readPiece)
+    ->Name("read_1m/libsmb2")
+    ->Apply(filmRounds);
+BENCHMARK(writeOfShare)->Name("write_1m/share")->Apply(filmRounds);
+BENCHMARK_CAPTURE(moveByLibsmb2, write, O_WRONLY, writePiece)
+    ->Name("write_1m/libsmb2")
+    ->Apply(filmRounds);
+// As many as take much longer than the first, which the connection is new to.
+constexpr int stats = 300;
+BENCHMARK(statOfShare)->Name("stat/share")->UseRealTime()->Iterations(stats);
+BENCHMARK(statByLibsmb2)->Name("stat/libsmb2")->UseRealTime()->Iterations(stats);
+// smbclient has several requests on their way at a time, so that it and the server can work at the
+// same time: on one processor it would not show what it can do.
+BENCHMARK_CAPTURE(readOfShare, apart, Placement::Apart)
+    ->Name("read_1m/share_apart")
+    ->Apply(filmRounds);
+BENCHMARK(readBySmbclient)->Name("read_1m/smbclient")->UseManualTime()->Iterations(1);
+
+} // namespace
