@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <netdb.h>
@@ -53,7 +54,10 @@ void destroyContext(smb2_context* context) {
 class HiddenFlag {
 public:
     explicit HiddenFlag(void (*set)(smb2_context*, int)) {
-        smb2_context* const sample = makeContext();
+        // To the end: the contexts are linked, so that making and destroying others changes this
+        // one.
+        const std::lock_guard lock(contextsMutex);
+        smb2_context* const sample = smb2_init_context();
         if (!sample)
             return;
         set(sample, 0);
@@ -70,7 +74,7 @@ public:
         const bool isOneBit = (m_mask & (m_mask - 1)) == 0;
         if (!isOneBit || !std::equal(off.begin(), off.end(), bytes))
             m_mask = 0;
-        destroyContext(sample);
+        smb2_destroy_context(sample);
     }
 
     /// 1 or 0; -ENOTSUP when it was not found.
@@ -198,6 +202,13 @@ struct Lookup {
     }
 };
 
+/// Keeps the code of this library where it is, for a thread that nobody waits for.
+void stayLoaded() {
+    Dl_info self;
+    if (dladdr(reinterpret_cast<void*>(&stayLoaded), &self) != 0)
+        dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+}
+
 /// Waits until the name of `server` can be looked up. libsmb2 does so itself while it connects, but
 /// for as long as the resolver likes. \returns 0 or a negative errno.
 int awaitName(const char* server, const QDeadlineTimer& deadline) {
@@ -216,8 +227,10 @@ int awaitName(const char* server, const QDeadlineTimer& deadline) {
     if (error != 0)
         return -error;
     static_cast<void>(shared.release()); // the thread's
-    if (!lookup->isDone.tryAcquire(1, remaining(deadline)))
+    if (!lookup->isDone.tryAcquire(1, remaining(deadline))) {
+        stayLoaded();
         return -ETIMEDOUT;
+    }
     return errorOf(lookup->result);
 }
 
