@@ -92,7 +92,7 @@ int openDescriptors() {
 }
 
 // Long enough for all that a busy machine does well within it, as a request that no fault strikes.
-constexpr unsigned int timeout = 3;
+constexpr unsigned int timeout = 5;
 constexpr qint64 timeLimitMs = (timeout + 1) * 1000;
 
 /// A connected share, with what operations need.
