@@ -4,6 +4,8 @@
 #include "film.h"
 #include "placement.h"
 
+#include "support/childprocess.h"
+
 #include <ctime>
 
 // libsmb2's headers want these first.
@@ -41,13 +43,18 @@ Share& Share::instance() {
 
 Share::Share()
     : m_directory(directoryTemplate()), m_server(serve(m_directory)),
-      m_whyNot(m_server.problem().toStdString()) {}
+      m_idleProcesses(m_server.processes().size()), m_whyNot(m_server.problem().toStdString()) {}
 
 const std::string& Share::whyNot() const {
     return m_whyNot;
 }
 
+void Share::awaitIdleServer() const {
+    oru::io::test::eventually([this] { return m_server.processes().size() <= m_idleProcesses; });
+}
+
 std::unique_ptr<Smb2FS> Share::connect() const {
+    awaitIdleServer();
     auto fs = std::make_unique<Smb2FS>(timeoutSeconds);
     const int result = fs->connect({
         {"server", m_server.address()},
@@ -60,6 +67,7 @@ std::unique_ptr<Smb2FS> Share::connect() const {
 }
 
 Share::Context Share::connectLibsmb2() const {
+    awaitIdleServer();
     Context context(smb2_init_context());
     if (!context)
         return nullptr;

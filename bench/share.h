@@ -15,7 +15,8 @@
 ///
 /// Every benchmark makes a connection of its own, and drops it at its end. How much a connection
 /// carries at a time grows with its use, and not always alike: one that were kept could be slow, or
-/// fast, from the first round to the last.
+/// fast, from the first round to the last. Before there is a new one, the server gets the time that
+/// it takes to end the one before.
 class Share {
 public:
     struct ContextDeleter {
@@ -43,7 +44,10 @@ private:
     Share();
     Q_DISABLE_COPY(Share)
 
+    void awaitIdleServer() const;
+
     QTemporaryDir m_directory;
     oru::io::test::SmbServer m_server;
+    const int m_idleProcesses; // those that do not serve a connection
     const std::string m_whyNot;
 };

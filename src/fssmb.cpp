@@ -121,8 +121,7 @@ unsigned char directoryType(std::uint32_t smb2Type) {
 
 } // namespace
 
-// --- Smb2FS
-// -------------------------------------------------------------------------------------
+// --- Smb2FS -------------------------------------------------------------------------------------
 
 /// The connection. Shared by a share with its files and directories, so that those find out when it
 /// is gone.
@@ -173,12 +172,12 @@ Smb2FS::~Smb2FS() {
 }
 
 int Smb2FS::connect(Properties props) {
+    // First of all: who waits for the lock meanwhile must not find the connection before this one.
+    const std::lock_guard lock(m_data->mutex);
     const qint64 limit = qint64{m_data->timeout} * 1000;
     const QDeadlineTimer deadline(limit);
     disconnect();
     m_data->lastError = 0;
-
-    const std::lock_guard lock(m_data->mutex);
     m_data->description.clear();
     m_data->session = std::make_shared<Smb2Session>(m_data->timeout);
 
@@ -211,7 +210,8 @@ int Smb2FS::connect(Properties props) {
 
     const int isProtected = m_data->session->isProtected();
     if (isProtected != 0) {
-        m_data->session->disconnect();
+        m_data->session->disconnect(rest);
+        m_data->session = std::make_shared<Smb2Session>(m_data->timeout);
         return m_data->report(isProtected > 0 ? -EPERM : isProtected);
     }
 
@@ -235,7 +235,8 @@ int Smb2FS::disconnect() {
     const std::lock_guard lock(m_data->mutex);
     if (m_data->description.isEmpty())
         return 0;
-    const int result = m_data->report(m_data->session->disconnect());
+    Smb2Session& session = *m_data->session;
+    const int result = m_data->report(session.disconnect(session.deadline()));
     if (result == 0)
         m_data->description.clear();
     return result;
@@ -414,8 +415,7 @@ int Smb2FS::ioctl(QString, QString&) {
     return notImplemented();
 }
 
-// --- Smb2File
-// -----------------------------------------------------------------------------------
+// --- Smb2File -----------------------------------------------------------------------------------
 
 namespace {
 
@@ -637,8 +637,7 @@ int Smb2File::ioctl(QString, QString&) {
     return notImplemented();
 }
 
-// --- Smb2Dir
-// ------------------------------------------------------------------------------------
+// --- Smb2Dir ------------------------------------------------------------------------------------
 
 class Smb2Dir::Data {
 public:
@@ -647,21 +646,25 @@ public:
 
     /// Opens the directory in `current`. \returns 0 or -1 with errno.
     int open(Smb2Session& current) {
-        return withSharePath(
-            path, [&](const char* p) { return share->report(current.opendir(p, handle)); });
+        smb2dir* opened = nullptr;
+        const int result = withSharePath(
+            path, [&](const char* p) { return share->report(current.opendir(p, opened)); });
+        handle = opened;
+        return result;
     }
     void close() {
         const std::shared_ptr<Smb2Session> current = session.lock();
-        if (current && handle)
-            current->closedir(handle);
-        handle = nullptr;
+        smb2dir* const opened = handle.exchange(nullptr);
+        if (current && opened)
+            current->closedir(opened);
     }
 
     const QExplicitlySharedDataPointer<Smb2FS::Data> share;
     const QString path;
     // All below: under the share's mutex.
     std::weak_ptr<Smb2Session> session; // which alone knows the handle
-    smb2dir* handle = nullptr;          ///< null when not open
+    // Written under the share's mutex; isOpen() reads it without.
+    std::atomic<smb2dir*> handle{nullptr}; ///< null when not open
     struct dirent entry = {};
 };
 

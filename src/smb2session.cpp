@@ -3,7 +3,6 @@
 #include <QSemaphore>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -15,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <netdb.h>
@@ -65,15 +63,12 @@ public:
         const std::vector<unsigned char> off(bytes, bytes + malloc_usable_size(sample));
         set(sample, 1);
         const auto [was, is] = std::mismatch(off.begin(), off.end(), bytes);
-        if (was != off.end()) {
+        // One bit of one byte, else it is something other than a flag.
+        if (was != off.end() && std::equal(was + 1, off.end(), is + 1)) {
+            const unsigned char mask = *was ^ *is;
+            m_mask = (mask & (mask - 1)) == 0 ? mask : 0;
             m_offset = was - off.begin();
-            m_mask = *was ^ *is;
         }
-        set(sample, 0);
-        // Else it is something other than one flag.
-        const bool isOneBit = (m_mask & (m_mask - 1)) == 0;
-        if (!isOneBit || !std::equal(off.begin(), off.end(), bytes))
-            m_mask = 0;
         smb2_destroy_context(sample);
     }
 
@@ -141,11 +136,8 @@ void socketMade(smb2_context*, t_socket socket, int command) {
     set(IPPROTO_TCP, TCP_KEEPCNT, 3);
 }
 
-/// Why a connection ended.
-int lossOf(int socket) {
-    int error = 0;
-    socklen_t size = sizeof error;
-    getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size);
+/// Why a connection ended, by what its socket says.
+int lossOf(int error) {
     return error == ETIMEDOUT ? ETIMEDOUT : ECONNRESET;
 }
 
@@ -162,76 +154,15 @@ std::string hostOf(const char* server) {
     return {begin, std::strcspn(begin, isBracketed ? "]" : ":")};
 }
 
-/// What libsmb2 makes of a failed getaddrinfo(3).
-int errorOf(int lookup) {
-    switch (lookup) {
-    case 0:
-        return 0;
-    case EAI_AGAIN:
-        return -EAGAIN;
-    case EAI_MEMORY:
-        return -ENOMEM;
-    default:
-        return -EIO;
-    }
-}
-
-/// Looking up a host, on a thread that nobody has to wait for.
-struct Lookup {
-    std::string host;
-    QSemaphore isDone;
-    std::atomic<int> result = 0;
-
-    int resolve(int flags) {
-        addrinfo hints = {};
-        hints.ai_flags = flags;
-        addrinfo* addresses = nullptr;
-        const int found = getaddrinfo(host.c_str(), nullptr, &hints, &addresses);
-        if (found == 0)
-            freeaddrinfo(addresses);
-        result = found;
-        return found;
-    }
-
-    static void* run(void* shared) {
-        const std::unique_ptr<std::shared_ptr<Lookup>> lookup(
-            static_cast<std::shared_ptr<Lookup>*>(shared));
-        (*lookup)->resolve(0);
-        (*lookup)->isDone.release();
-        return nullptr;
-    }
-};
-
-/// Keeps the code of this library where it is, for a thread that nobody waits for.
-void stayLoaded() {
-    Dl_info self;
-    if (dladdr(reinterpret_cast<void*>(&stayLoaded), &self) != 0)
-        dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
-}
-
-/// Waits until the name of `server` can be looked up. libsmb2 does so itself while it connects, but
-/// for as long as the resolver likes. \returns 0 or a negative errno.
-int awaitName(const char* server, const QDeadlineTimer& deadline) {
-    const auto lookup = std::make_shared<Lookup>();
-    lookup->host = hostOf(server);
-    if (lookup->resolve(AI_NUMERICHOST) == 0)
-        return 0;
-
-    auto shared = std::make_unique<std::shared_ptr<Lookup>>(lookup);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_t thread;
-    const int error = pthread_create(&thread, &attributes, &Lookup::run, shared.get());
-    pthread_attr_destroy(&attributes);
-    if (error != 0)
-        return -error;
-    static_cast<void>(shared.release()); // the thread's
-    if (!lookup->isDone.tryAcquire(1, remaining(deadline))) {
-        stayLoaded();
-        return -ETIMEDOUT;
-    }
-    return errorOf(lookup->result);
+/// Whether a server is given by an address: then nobody is asked for it.
+bool isAddress(const char* server) {
+    addrinfo hints = {};
+    hints.ai_flags = AI_NUMERICHOST;
+    addrinfo* addresses = nullptr;
+    if (getaddrinfo(hostOf(server).c_str(), nullptr, &hints, &addresses) != 0)
+        return false;
+    freeaddrinfo(addresses);
+    return true;
 }
 
 /// The reason why no address of a server could even be tried, which libsmb2 tells in a text only.
@@ -251,39 +182,143 @@ int queue(smb2_context* context, smb2_pdu* request) {
     return 0;
 }
 
+void fill(smb2_stat_64& st, const smb2_file_all_info& info) {
+    constexpr std::uint32_t deviceAttribute = 0x40;
+    constexpr std::uint32_t otherType = SMB2_TYPE_LINK + 1;
+    const std::uint32_t attributes = info.basic.file_attributes;
+    st.smb2_type = SMB2_TYPE_FILE;
+    if (attributes & deviceAttribute)
+        st.smb2_type = otherType;
+    if (attributes & SMB2_FILE_ATTRIBUTE_DIRECTORY)
+        st.smb2_type = SMB2_TYPE_DIRECTORY;
+    if (attributes & SMB2_FILE_ATTRIBUTE_REPARSE_POINT)
+        st.smb2_type = SMB2_TYPE_LINK;
+    st.smb2_nlink = info.standard.number_of_links;
+    st.smb2_ino = info.index_number;
+    st.smb2_size = info.standard.end_of_file;
+    const auto set = [](const smb2_timeval& from, std::uint64_t& s, std::uint64_t& ns) {
+        s = static_cast<std::uint64_t>(from.tv_sec);
+        ns = static_cast<std::uint64_t>(from.tv_usec) * 1000;
+    };
+    set(info.basic.last_access_time, st.smb2_atime, st.smb2_atime_nsec);
+    set(info.basic.last_write_time, st.smb2_mtime, st.smb2_mtime_nsec);
+    set(info.basic.change_time, st.smb2_ctime, st.smb2_ctime_nsec);
+    set(info.basic.creation_time, st.smb2_btime, st.smb2_btime_nsec);
+}
+
+void fill(struct smb2_statvfs& st, const smb2_file_fs_full_size_info& info) {
+    st.f_bsize = info.bytes_per_sector * info.sectors_per_allocation_unit;
+    st.f_frsize = st.f_bsize;
+    st.f_blocks = info.total_allocation_units;
+    st.f_bfree = info.caller_available_allocation_units;
+    st.f_bavail = st.f_bfree;
+}
+
+smb2_query_info_request infoRequest(std::uint8_t type, std::uint8_t infoClass,
+                                    const std::uint8_t* file) {
+    smb2_query_info_request request = {};
+    request.info_type = type;
+    request.file_info_class = infoClass;
+    request.output_buffer_length = 0xffff;
+    std::memcpy(request.file_id, file, SMB2_FD_SIZE);
+    return request;
+}
+
+/// To open what there is at `path`, for one request.
+smb2_create_request opening(const char* path, std::uint32_t access, std::uint32_t options = 0) {
+    smb2_create_request request = {};
+    request.requested_oplock_level = SMB2_OPLOCK_LEVEL_NONE;
+    request.impersonation_level = SMB2_IMPERSONATION_IMPERSONATION;
+    request.desired_access = access;
+    request.share_access = SMB2_FILE_SHARE_READ | SMB2_FILE_SHARE_WRITE | SMB2_FILE_SHARE_DELETE;
+    request.create_disposition = SMB2_FILE_OPEN;
+    request.create_options = options;
+    request.name = path;
+    return request;
+}
+
 } // namespace
 
-/// What comes of a request.
+/// What comes of a request of one command or more.
 struct Smb2Session::Reply {
-    bool isComplete = false;
-    int result = 0; ///< a negative errno, else 0 or a count
+    int unanswered = 1; ///< commands
+    int result = 0;     ///< of the first that failed, a negative errno; else 0 or a count
     void* data = nullptr;
 
-    void complete(int status, void* replyData) {
-        isComplete = true;
-        result = status;
+    bool isComplete() const {
+        return unanswered == 0;
+    }
+    void answer(int status, void* replyData = nullptr) {
+        if (result == 0)
+            result = status;
         data = replyData;
+        --unanswered;
     }
 
     /// For requests whose status libsmb2 translates.
     static void take(smb2_context*, int status, void* data, void* reply) {
-        static_cast<Reply*>(reply)->complete(status, data);
+        static_cast<Reply*>(reply)->answer(status, data);
     }
-    /// For connecting, where libsmb2 has the sign of some failures wrong.
+    /// For connecting, where libsmb2 has the sign of some failures wrong, and -1 for an answer that
+    /// it cannot read.
     static void takeConnection(smb2_context*, int status, void*, void* reply) {
-        static_cast<Reply*>(reply)->complete(-std::abs(status), nullptr);
+        static_cast<Reply*>(reply)->answer(status == -1 ? -ECONNRESET : -std::abs(status));
     }
-    /// For all but the last of several commands in one request: the first to fail decides.
-    static void note(smb2_context*, int status, void*, void* reply) {
-        auto* const noted = static_cast<Reply*>(reply);
-        if (noted->result == 0)
-            noted->result = -nterror_to_errno(status);
+    /// For commands whose status is the server's.
+    static void takeStatus(smb2_context*, int status, void*, void* reply) {
+        static_cast<Reply*>(reply)->answer(-nterror_to_errno(status));
     }
-    /// For a single command, and for the last one.
-    static void takeStatus(smb2_context* context, int status, void* data, void* reply) {
-        note(context, status, data, reply);
-        auto* const taken = static_cast<Reply*>(reply);
-        taken->complete(taken->result, data);
+    /// For a command that asks for an `Info`, for the `Attributes` of a Query.
+    template <class Info, class Attributes>
+    static void takeInfo(smb2_context* context, int status, void* data, void* reply);
+};
+
+template <class Attributes>
+struct Smb2Session::Query : Reply {
+    explicit Query(Attributes& to) : attributes(to) {}
+
+    Attributes& attributes;
+};
+
+template <class Info, class Attributes>
+void Smb2Session::Reply::takeInfo(smb2_context* context, int status, void* data, void* reply) {
+    auto* const query = static_cast<Query<Attributes>*>(static_cast<Reply*>(reply));
+    int result = -nterror_to_errno(status);
+    if (status == 0) {
+        void* const info = static_cast<smb2_query_info_reply*>(data)->output_buffer;
+        if (info)
+            fill(query->attributes, *static_cast<const Info*>(info));
+        else
+            result = -EBADMSG; // a success that tells nothing
+        smb2_free_data(context, info);
+    }
+    query->answer(result);
+}
+
+/// The beginning of a connection: libsmb2 looks the name of the server up before it returns, which
+/// takes as long as the resolver likes.
+struct Smb2Session::Attempt {
+    std::string server;
+    std::string share;
+    Reply reply;
+    std::unique_ptr<smb2_context, ContextDeleter> context; // goes first, and writes the reply
+    std::atomic<int> result = 0;                           // set when all before it is
+    QSemaphore hasBegun;
+
+    void begin() {
+        // No user: it is set. Were it set again, a password from libsmb2's own file would replace
+        // ours.
+        const int refused = smb2_connect_share_async(context.get(), server.c_str(), share.c_str(),
+                                                     nullptr, Reply::takeConnection, &reply);
+        result = refused == 0 ? 0 : connectFailure(context.get(), refused);
+        hasBegun.release();
+    }
+
+    static void* run(void* shared) {
+        const std::unique_ptr<std::shared_ptr<Attempt>> attempt(
+            static_cast<std::shared_ptr<Attempt>*>(shared));
+        (*attempt)->begin();
+        return nullptr;
     }
 };
 
@@ -308,16 +343,16 @@ int Smb2Session::isProtected() const {
     return m_isProtected;
 }
 
-// --- Connecting
-// ---------------------------------------------------------------------------------
+// --- Connecting ---------------------------------------------------------------------------------
 
 int Smb2Session::connect(const Login& login, const QDeadlineTimer& deadline) {
-    if (const int failure = awaitName(login.server, deadline))
-        return failure;
-    m_context.reset(makeContext());
-    if (!m_context)
+    const auto attempt = std::make_shared<Attempt>();
+    attempt->server = login.server;
+    attempt->share = login.share;
+    attempt->context.reset(makeContext());
+    if (!attempt->context)
         return -ENOMEM;
-    smb2_context* const context = m_context.get();
+    smb2_context* const context = attempt->context.get();
     // Its own time-outs are not set: they come late, and some of its calls do not survive them.
     smb2_fd_event_callbacks(context, socketMade, nullptr);
     // Without this it wants Kerberos, where it was built with that.
@@ -332,34 +367,102 @@ int Smb2Session::connect(const Login& login, const QDeadlineTimer& deadline) {
     smb2_set_security_mode(context, 0);
     smb2_set_version(context, static_cast<smb2_negotiate_version>(login.version));
 
-    Reply reply;
-    // No user: it is set. Were it set again, a password from libsmb2's own file would replace ours.
-    int result =
-        smb2_connect_share_async(context, login.server, login.share, nullptr, Reply::take, &reply);
-    if (result != 0)
-        return lose(-connectFailure(context, result));
-    result = await(reply, deadline);
-    if (result < 0)
-        return lose(-result);
+    const int result = establish(attempt, deadline);
+    if (result < 0) {
+        lose(ENOTCONN);
+        return result;
+    }
     m_dialect = smb2_get_dialect(context);
-    static const HiddenFlag sign(smb2_set_sign);
-    static const HiddenFlag seal(smb2_set_seal);
-    const int isSigned = sign.of(context);
-    const int isSealed = seal.of(context);
+    const int isSigned = HiddenFlag(smb2_set_sign).of(context);
+    const int isSealed = HiddenFlag(smb2_set_seal).of(context);
     m_isProtected = std::min(isSigned, isSealed) < 0 ? -ENOTSUP : isSigned | isSealed;
     return 0;
 }
 
-int Smb2Session::disconnect() {
-    const QDeadlineTimer limit = deadline();
+int Smb2Session::establish(const std::shared_ptr<Attempt>& attempt,
+                           const QDeadlineTimer& deadline) {
+    const int refused = begin(attempt, deadline);
+    if (refused != 0)
+        return refused;
+    m_context = std::move(attempt->context);
+    const int failed = reach(deadline);
+    if (failed != 0)
+        return failed;
+    const int result = await(attempt->reply, deadline);
+    return m_context ? result : std::min(result, -m_whyNot);
+}
+
+/// A name is looked up on a thread that nobody has to wait for.
+int Smb2Session::begin(const std::shared_ptr<Attempt>& attempt, const QDeadlineTimer& deadline) {
+    if (isAddress(attempt->server.c_str())) {
+        attempt->begin();
+        return attempt->result;
+    }
+    auto shared = std::make_unique<std::shared_ptr<Attempt>>(attempt);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    // The program's signals are for its own threads.
+    sigset_t all;
+    sigset_t mask;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &mask);
+    pthread_t thread;
+    const int error = pthread_create(&thread, &attributes, &Attempt::run, shared.get());
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    pthread_attr_destroy(&attributes);
+    if (error != 0)
+        return -error;
+    static_cast<void>(shared.release()); // the thread's
+    if (!attempt->hasBegun.tryAcquire(1, remaining(deadline)))
+        return -ETIMEDOUT;
+    return attempt->result;
+}
+
+/// Waits until the server has taken the connection, at one of its addresses. They are tried one
+/// after another: of several attempts at a time libsmb2 may close the wrong socket. One that does
+/// not answer gets an eighth of the time that is left, as long as there are others.
+int Smb2Session::reach(const QDeadlineTimer& deadline) {
+    smb2_context* const context = m_context.get();
+    const auto isConnecting = [context] { return (smb2_which_events(context) & POLLIN) == 0; };
+    while (isConnecting()) {
+        size_t count = 0;
+        int untilNext = -1;
+        struct pollfd poller = {*smb2_get_fds(context, &count, &untilNext), POLLOUT, 0};
+        const bool isLast = untilNext < 0;
+        QDeadlineTimer share = deadline;
+        if (!isLast && !deadline.isForever())
+            share.setRemainingTime(deadline.remainingTime() / 8);
+
+        int ready = 0;
+        do
+            ready = poll(&poller, 1, remaining(share));
+        while (ready < 0 && errno == EINTR);
+        if (ready < 0)
+            return -errno;
+        int error = ETIMEDOUT;
+        socklen_t size = sizeof error;
+        if (ready > 0)
+            getsockopt(poller.fd, SOL_SOCKET, SO_ERROR, &error, &size);
+        if (isLast && error != 0)
+            return -error;
+        // For libsmb2 POLLERR is to close this socket, and to try the next address.
+        const int failed = smb2_service_fd(context, poller.fd, error == 0 ? POLLOUT : POLLERR);
+        if (failed != 0)
+            return -error;
+    }
+    return 0;
+}
+
+int Smb2Session::disconnect(const QDeadlineTimer& deadline) {
     Reply leaving;
-    const int result = request(leaving, limit, [](smb2_context* context, Reply* reply) {
+    const int result = request(leaving, deadline, [](smb2_context* context, Reply* reply) {
         return queue(context, smb2_cmd_tree_disconnect_async(context, Reply::takeStatus, reply));
     });
     if (result < 0)
         return result;
     Reply loggingOff;
-    request(loggingOff, limit, [](smb2_context* context, Reply* reply) {
+    request(loggingOff, deadline, [](smb2_context* context, Reply* reply) {
         return queue(context, smb2_cmd_logoff_async(context, Reply::takeStatus, reply));
     });
     lose(ENOTCONN);
@@ -372,25 +475,74 @@ int Smb2Session::echo() {
     });
 }
 
-// --- Paths
-// --------------------------------------------------------------------------------------
+// --- Paths --------------------------------------------------------------------------------------
+
+/// One request: opens something, does what the commands say that `makeCommand` makes, if any, and
+/// closes it. libsmb2's own calls of this kind trust a success to tell what was asked, and report
+/// the failure of the last command in place of the first.
+template <class... MakeCommand>
+int Smb2Session::whileOpen(Reply& reply, smb2_create_request open, MakeCommand... makeCommand) {
+    smb2_close_request close = {};
+    std::memcpy(close.file_id, compound_file_id, SMB2_FD_SIZE);
+    return request(reply, deadline(), [&](smb2_context* context, Reply*) {
+        smb2_pdu* const first = smb2_cmd_create_async(context, &open, Reply::takeStatus, &reply);
+        if (!first)
+            return -ENOMEM;
+        const auto add = [&](smb2_pdu* command) {
+            if (command) {
+                smb2_add_compound_pdu(context, first, command);
+                ++reply.unanswered;
+            }
+            return command != nullptr;
+        };
+        const bool isWhole = (add(makeCommand(context)) && ...) &&
+                             add(smb2_cmd_close_async(context, &close, Reply::takeStatus, &reply));
+        if (!isWhole) {
+            smb2_free_pdu(context, first);
+            return -ENOMEM;
+        }
+        return queue(context, first);
+    });
+}
+
+template <class Info, class Attributes>
+int Smb2Session::query(const char* path, std::uint8_t type, std::uint8_t infoClass,
+                       Attributes& attributes) {
+    smb2_query_info_request command = infoRequest(type, infoClass, compound_file_id);
+    Query<Attributes> reply(attributes);
+    return whileOpen(reply, opening(path, SMB2_FILE_READ_ATTRIBUTES), [&](smb2_context* context) {
+        return smb2_cmd_query_info_async(context, &command, Reply::takeInfo<Info, Attributes>,
+                                         static_cast<Reply*>(&reply));
+    });
+}
+
+int Smb2Session::change(smb2_create_request open, std::uint8_t infoClass, void* info) {
+    smb2_set_info_request command = {};
+    command.info_type = SMB2_0_INFO_FILE;
+    command.file_info_class = infoClass;
+    command.input_data = info;
+    std::memcpy(command.file_id, compound_file_id, SMB2_FD_SIZE);
+    Reply reply;
+    return whileOpen(reply, open, [&](smb2_context* context) {
+        return smb2_cmd_set_info_async(context, &command, Reply::takeStatus, &reply);
+    });
+}
 
 int Smb2Session::stat(const char* path, smb2_stat_64& st) {
-    return request([&](smb2_context* context, Reply* reply) {
-        return smb2_stat_async(context, path, &st, Reply::take, reply);
-    });
+    return query<smb2_file_all_info>(path, SMB2_0_INFO_FILE, SMB2_FILE_ALL_INFORMATION, st);
 }
 
 int Smb2Session::statvfs(const char* path, struct smb2_statvfs& st) {
-    return request([&](smb2_context* context, Reply* reply) {
-        return smb2_statvfs_async(context, path, &st, Reply::take, reply);
-    });
+    return query<smb2_file_fs_full_size_info>(path, SMB2_0_INFO_FILESYSTEM,
+                                              SMB2_FILE_FS_FULL_SIZE_INFORMATION, st);
 }
 
 int Smb2Session::mkdir(const char* path) {
-    return request([&](smb2_context* context, Reply* reply) {
-        return smb2_mkdir_async(context, path, Reply::take, reply);
-    });
+    smb2_create_request make = opening(path, SMB2_FILE_READ_ATTRIBUTES, SMB2_FILE_DIRECTORY_FILE);
+    make.create_disposition = SMB2_FILE_CREATE;
+    make.file_attributes = SMB2_FILE_ATTRIBUTE_DIRECTORY;
+    Reply reply;
+    return whileOpen(reply, make);
 }
 
 int Smb2Session::rmdir(const char* path) {
@@ -405,54 +557,23 @@ int Smb2Session::unlink(const char* path) {
 /// keeps a directory that is not empty: they ask for its removal with the last handle, after whose
 /// closing nobody tells. Asked for by name, it is granted or refused at once.
 int Smb2Session::remove(const char* path, std::uint32_t options) {
-    smb2_create_request open = {};
-    open.requested_oplock_level = SMB2_OPLOCK_LEVEL_NONE;
-    open.impersonation_level = SMB2_IMPERSONATION_IMPERSONATION;
-    open.desired_access = SMB2_DELETE;
-    open.share_access = SMB2_FILE_SHARE_READ | SMB2_FILE_SHARE_WRITE | SMB2_FILE_SHARE_DELETE;
-    open.create_disposition = SMB2_FILE_OPEN;
-    open.create_options = options | SMB2_FILE_OPEN_REPARSE_POINT;
-    open.name = path;
-
     smb2_file_disposition_info disposition = {};
     disposition.delete_pending = 1;
-    smb2_set_info_request mark = {};
-    mark.info_type = SMB2_0_INFO_FILE;
-    mark.file_info_class = SMB2_FILE_DISPOSITION_INFORMATION;
-    mark.input_data = &disposition;
-    std::memcpy(mark.file_id, compound_file_id, SMB2_FD_SIZE);
-
-    smb2_close_request close = {};
-    std::memcpy(close.file_id, compound_file_id, SMB2_FD_SIZE);
-
-    return request([&](smb2_context* context, Reply* reply) {
-        smb2_pdu* const first = smb2_cmd_create_async(context, &open, Reply::note, reply);
-        if (!first)
-            return -ENOMEM;
-        smb2_pdu* const second = smb2_cmd_set_info_async(context, &mark, Reply::note, reply);
-        if (second)
-            smb2_add_compound_pdu(context, first, second);
-        smb2_pdu* const third =
-            second ? smb2_cmd_close_async(context, &close, Reply::takeStatus, reply) : nullptr;
-        if (!third) {
-            smb2_free_pdu(context, first);
-            return -ENOMEM;
-        }
-        smb2_add_compound_pdu(context, first, third);
-        return queue(context, first);
-    });
+    return change(opening(path, SMB2_DELETE, options | SMB2_FILE_OPEN_REPARSE_POINT),
+                  SMB2_FILE_DISPOSITION_INFORMATION, &disposition);
 }
 
 int Smb2Session::rename(const char* from, const char* to) {
-    return request([&](smb2_context* context, Reply* reply) {
-        return smb2_rename_async(context, from, to, Reply::take, reply);
-    });
+    std::string name = to;
+    std::replace(name.begin(), name.end(), '/', '\\');
+    smb2_file_rename_info renaming = {};
+    renaming.file_name = reinterpret_cast<const std::uint8_t*>(name.c_str());
+    return change(opening(from, SMB2_DELETE), SMB2_FILE_RENAME_INFORMATION, &renaming);
 }
 
 int Smb2Session::truncate(const char* path, std::uint64_t length) {
-    return request([&](smb2_context* context, Reply* reply) {
-        return smb2_truncate_async(context, path, length, Reply::take, reply);
-    });
+    smb2_file_end_of_file_info end = {length};
+    return change(opening(path, SMB2_GENERIC_WRITE), SMB2_FILE_END_OF_FILE_INFORMATION, &end);
 }
 
 int Smb2Session::readlink(const char* path, std::string& target) {
@@ -464,9 +585,12 @@ int Smb2Session::readlink(const char* path, std::string& target) {
             auto* const link = static_cast<Link*>(static_cast<Reply*>(reply));
             if (status == 0 && text)
                 link->target = static_cast<const char*>(text);
-            link->complete(status, nullptr);
+            link->answer(status);
         }
     };
+    // libsmb2 loses some memory when it cannot send this one.
+    if (!isStillThere())
+        return -m_whyNot;
     Link link;
     const int result = request(link, deadline(), [&](smb2_context* context, Reply* reply) {
         return smb2_readlink_async(context, path, Link::take, reply);
@@ -480,8 +604,7 @@ int Smb2Session::readlink(const char* path, std::string& target) {
     return 0;
 }
 
-// --- Files
-// --------------------------------------------------------------------------------------
+// --- Files --------------------------------------------------------------------------------------
 
 int Smb2Session::open(const char* path, int flags, smb2fh*& file) {
     Reply opened;
@@ -507,9 +630,10 @@ int Smb2Session::transfer(std::uint32_t count, Submit submit) {
         return -m_whyNot;
     if (count == 0)
         return 0;
-    Reply reply;
-    const int moved = exchange(reply, deadline(), submit);
-    if (moved > 0 && static_cast<std::uint32_t>(moved) > count)
+    constexpr int largestErrno = 4095;
+    const int moved = request(submit);
+    const bool isErrno = moved < 0 && moved >= -largestErrno;
+    if (!isErrno && static_cast<std::uint32_t>(moved) > count)
         return lose(ECONNRESET); // no answer to what was asked
     return moved;
 }
@@ -569,53 +693,13 @@ std::int64_t Smb2Session::offsetOf(smb2fh* file) const {
 
 /// Not libsmb2's own call, which does not survive the end of the connection.
 int Smb2Session::fstat(smb2fh* file, smb2_stat_64& st) {
-    struct Attributes : Reply {
-        smb2_stat_64* st = nullptr;
-
-        static void take(smb2_context* context, int status, void* data, void* reply) {
-            auto* const attributes = static_cast<Attributes*>(static_cast<Reply*>(reply));
-            int result = -nterror_to_errno(status);
-            if (status == 0) {
-                void* const info = static_cast<smb2_query_info_reply*>(data)->output_buffer;
-                if (info)
-                    fill(*attributes->st, *static_cast<smb2_file_all_info*>(info));
-                else
-                    result = -EBADMSG;
-                smb2_free_data(context, info);
-            }
-            attributes->complete(result, nullptr);
-        }
-
-        static void fill(smb2_stat_64& st, const smb2_file_all_info& info) {
-            const std::uint32_t kind = info.basic.file_attributes;
-            st.smb2_type = SMB2_TYPE_FILE;
-            if (kind & SMB2_FILE_ATTRIBUTE_DIRECTORY)
-                st.smb2_type = SMB2_TYPE_DIRECTORY;
-            if (kind & SMB2_FILE_ATTRIBUTE_REPARSE_POINT)
-                st.smb2_type = SMB2_TYPE_LINK;
-            st.smb2_nlink = info.standard.number_of_links;
-            st.smb2_ino = info.index_number;
-            st.smb2_size = info.standard.end_of_file;
-            const auto set = [](const smb2_timeval& from, std::uint64_t& s, std::uint64_t& ns) {
-                s = static_cast<std::uint64_t>(from.tv_sec);
-                ns = static_cast<std::uint64_t>(from.tv_usec) * 1000;
-            };
-            set(info.basic.last_access_time, st.smb2_atime, st.smb2_atime_nsec);
-            set(info.basic.last_write_time, st.smb2_mtime, st.smb2_mtime_nsec);
-            set(info.basic.change_time, st.smb2_ctime, st.smb2_ctime_nsec);
-            set(info.basic.creation_time, st.smb2_btime, st.smb2_btime_nsec);
-        }
-    };
-    smb2_query_info_request query = {};
-    query.info_type = SMB2_0_INFO_FILE;
-    query.file_info_class = SMB2_FILE_ALL_INFORMATION;
-    query.output_buffer_length = 0xffff;
-    std::memcpy(query.file_id, *smb2_get_file_id(file), SMB2_FD_SIZE);
-
-    Attributes attributes;
-    attributes.st = &st;
-    return request(attributes, deadline(), [&](smb2_context* context, Reply* reply) {
-        return queue(context, smb2_cmd_query_info_async(context, &query, Attributes::take, reply));
+    smb2_query_info_request command =
+        infoRequest(SMB2_0_INFO_FILE, SMB2_FILE_ALL_INFORMATION, *smb2_get_file_id(file));
+    Query<smb2_stat_64> reply(st);
+    return request(reply, deadline(), [&](smb2_context* context, Reply* to) {
+        return queue(context,
+                     smb2_cmd_query_info_async(
+                         context, &command, Reply::takeInfo<smb2_file_all_info, smb2_stat_64>, to));
     });
 }
 
@@ -631,8 +715,7 @@ int Smb2Session::fsync(smb2fh* file) {
     });
 }
 
-// --- Directories
-// --------------------------------------------------------------------------------
+// --- Directories --------------------------------------------------------------------------------
 
 int Smb2Session::opendir(const char* path, smb2dir*& dir) {
     Reply opened;
@@ -653,8 +736,7 @@ void Smb2Session::closedir(smb2dir* dir) {
         smb2_closedir(m_context.get(), dir);
 }
 
-// --- Requests and answers
-// -----------------------------------------------------------------------
+// --- Requests and answers -----------------------------------------------------------------------
 
 template <class Submit>
 int Smb2Session::request(Submit submit) {
@@ -664,32 +746,26 @@ int Smb2Session::request(Submit submit) {
 
 template <class Submit>
 int Smb2Session::request(Reply& reply, const QDeadlineTimer& deadline, Submit submit) {
-    return isStillThere() ? exchange(reply, deadline, submit) : -m_whyNot;
-}
-
-template <class Submit>
-int Smb2Session::exchange(Reply& reply, const QDeadlineTimer& deadline, Submit submit) {
+    if (!m_context)
+        return -m_whyNot;
     const int refused = submit(m_context.get(), &reply);
     if (refused != 0)
         return refused == -1 ? -ENOMEM : refused;
     // Nearly every request fits into the socket's buffer: poll(2) need not be asked first.
-    if (service(smb2_get_fd(m_context.get()), POLLOUT) != 0)
-        return lose(ECONNRESET);
-    return await(reply, deadline);
+    const int loss = service(POLLOUT);
+    return loss == 0 ? await(reply, deadline) : lose(loss);
 }
 
-/// Whether there is a connection. Notices a server that has ended it since the last call: of a
-/// request with several commands that cannot be sent any more, libsmb2 loses what belongs to them.
+/// Whether there is a connection. Notices a server that has ended it since the last call.
 bool Smb2Session::isStillThere() {
     if (!m_context)
         return false;
     struct pollfd poller = {smb2_get_fd(m_context.get()), POLLIN, 0};
-    if (poll(&poller, 1, 0) <= 0)
-        return true;
-    if (poller.revents & (POLLERR | POLLHUP | POLLNVAL))
-        lose(lossOf(poller.fd));
-    else if (service(poller.fd, POLLIN) != 0)
-        lose(ECONNRESET);
+    if (poll(&poller, 1, 0) > 0) {
+        const int loss = serve(poller);
+        if (loss != 0)
+            lose(loss);
+    }
     return m_context != nullptr;
 }
 
@@ -697,53 +773,51 @@ bool Smb2Session::isStillThere() {
 /// or the connection fails, the session has lost it.
 int Smb2Session::await(Reply& reply, const QDeadlineTimer& deadline) {
     smb2_context* const context = m_context.get();
-    while (!reply.isComplete) {
-        // While it connects there may be several, for the several addresses of the server.
-        size_t count = 0;
-        int untilNextAddress = -1;
-        const t_socket* const sockets = smb2_get_fds(context, &count, &untilNextAddress);
-        std::array<struct pollfd, 8> pollers = {};
-        count = std::min(count, pollers.size());
-        const int events = smb2_which_events(context);
-        for (size_t i = 0; i < count; ++i)
-            pollers[i] = {sockets[i], static_cast<short>(events), 0};
-
+    while (!reply.isComplete()) {
         const int limit = remaining(deadline);
         if (limit == 0)
             return lose(ETIMEDOUT);
-        const bool nextIsSooner = untilNextAddress >= 0 && (limit < 0 || untilNextAddress < limit);
-        const int ready = poll(pollers.data(), count, nextIsSooner ? untilNextAddress : limit);
+        const auto events = static_cast<short>(smb2_which_events(context));
+        struct pollfd poller = {smb2_get_fd(context), events, 0};
+        const int ready = poll(&poller, 1, limit);
         if (ready < 0 && errno != EINTR)
             return lose(errno);
-        int failure = 0;
-        if (ready > 0) {
-            const auto* const poller =
-                std::find_if(pollers.begin(), pollers.end(),
-                             [](const struct pollfd& candidate) { return candidate.revents != 0; });
-            const bool hasSocket = (events & POLLIN) != 0;
-            if (hasSocket && (poller->revents & (POLLERR | POLLHUP)))
-                return lose(lossOf(poller->fd));
-            failure = service(poller->fd, poller->revents);
-        } else if (ready == 0 && nextIsSooner) {
-            failure = service(-1, 0);
-        }
-        if (failure != 0) {
-            // While it connects, the answer may be why it failed.
-            const bool isAnswer = m_dialect == 0 && reply.isComplete && reply.result < 0;
-            return lose(isAnswer ? -reply.result : ECONNRESET);
+        const int loss = ready > 0 ? serve(poller) : 0;
+        if (loss != 0) {
+            // The answer may be the last that came.
+            const int result = reply.isComplete() ? reply.result : -loss;
+            lose(loss);
+            return result;
         }
     }
     return reply.result;
 }
 
-int Smb2Session::service(int socket, int events) {
+/// Does what poll(2) says can be done. \returns 0, or why the connection has ended.
+int Smb2Session::serve(const struct pollfd& poller) {
+    if (!(poller.revents & (POLLERR | POLLHUP | POLLNVAL)))
+        return service(poller.revents);
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(poller.fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    // What had come before is still to be read.
+    const bool isReadable = (poller.revents & POLLIN) && service(POLLIN) == 0;
+    return isReadable ? 0 : lossOf(error);
+}
+
+/// \returns 0, or why the connection has ended.
+int Smb2Session::service(int events) {
+    smb2_context* const context = m_context.get();
+    const t_socket socket = smb2_get_fd(context);
     if (!(events & POLLOUT))
-        return smb2_service_fd(m_context.get(), socket, events);
+        return smb2_service_fd(context, socket, events) == 0 ? 0 : ECONNRESET;
     NoPipeSignal noSignal;
-    const int result = smb2_service_fd(m_context.get(), socket, events);
-    if (result != 0)
-        noSignal.discard();
-    return result;
+    errno = 0;
+    if (smb2_service_fd(context, socket, events) == 0)
+        return 0;
+    const int error = errno;
+    noSignal.discard();
+    return lossOf(error);
 }
 
 /// Ends the connection; from here on there is none, for that reason. \returns -reason.

@@ -19,7 +19,9 @@
 #include <memory>
 #include <string>
 
+struct pollfd;
 struct smb2_context;
+struct smb2_create_request;
 struct smb2_stat_64;
 struct smb2_statvfs;
 struct smb2dir;
@@ -52,8 +54,10 @@ public:
     /// -ENOENT when it has no such share. `deadline`: the time-out of this call.
     int connect(const Login& login, const QDeadlineTimer& deadline);
     /// Leaves the share and ends the connection: two requests. When the server refuses the first,
-    /// the session stays connected.
-    int disconnect();
+    /// the session stays connected. `deadline`: the time-out of this call.
+    int disconnect(const QDeadlineTimer& deadline);
+    /// When a call that begins now has to be done.
+    QDeadlineTimer deadline() const;
     /// Asks the server for a sign of life.
     int echo();
 
@@ -98,29 +102,39 @@ public:
 private:
     Q_DISABLE_COPY(Smb2Session)
 
+    struct Attempt;
     struct Reply;
+    template <class Attributes>
+    struct Query;
     struct ContextDeleter {
         void operator()(smb2_context* context) const;
     };
 
-    template <class Submit>
-    int request(Reply& reply, const QDeadlineTimer& deadline, Submit submit);
+    int establish(const std::shared_ptr<Attempt>& attempt, const QDeadlineTimer& deadline);
+    static int begin(const std::shared_ptr<Attempt>& attempt, const QDeadlineTimer& deadline);
+    int reach(const QDeadlineTimer& deadline);
+
     template <class Submit>
     int request(Submit submit);
     template <class Submit>
-    int exchange(Reply& reply, const QDeadlineTimer& deadline, Submit submit);
+    int request(Reply& reply, const QDeadlineTimer& deadline, Submit submit);
+    template <class... MakeCommand>
+    int whileOpen(Reply& reply, smb2_create_request open, MakeCommand... makeCommand);
+    template <class Info, class Attributes>
+    int query(const char* path, std::uint8_t type, std::uint8_t infoClass, Attributes& attributes);
+    int change(smb2_create_request open, std::uint8_t infoClass, void* info);
+    int remove(const char* path, std::uint32_t options);
     template <class Submit>
     int transfer(std::uint32_t count, Submit submit);
     template <class Transfer>
     int atOffset(smb2fh* file, std::int64_t offset, Transfer transfer);
     std::int64_t offsetOf(smb2fh* file) const;
-    int remove(const char* path, std::uint32_t options);
 
-    int await(Reply& reply, const QDeadlineTimer& deadline);
     bool isStillThere();
-    int service(int socket, int events);
+    int await(Reply& reply, const QDeadlineTimer& deadline);
+    int serve(const struct pollfd& poller);
+    int service(int events);
     int lose(int reason);
-    QDeadlineTimer deadline() const;
 
     const unsigned int m_timeout;
     std::unique_ptr<smb2_context, ContextDeleter> m_context; // null when there is no connection

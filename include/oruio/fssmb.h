@@ -99,10 +99,10 @@ public:
     /// "3.0.0", "3.0.2" and "3.1.1"; with any other text the server chooses.
     ///
     /// \returns 0, or -1 with errno: ECONNREFUSED when nothing listens there, and when the server
-    /// refuses the user or the password; ENOENT when it has no such share; EIO or EAGAIN when its
-    /// name cannot be resolved; EPERM when it wants the session signed or encrypted, which costs
-    /// more than a recording can spare; ENAMETOOLONG, EINVAL or EILSEQ when a text is over 1 KiB,
-    /// contains a NUL or is no text.
+    /// refuses the user or the password; EHOSTUNREACH or ENETUNREACH when there is no way to it;
+    /// ENOENT when it has no such share; EIO or EAGAIN when its name cannot be resolved; EPERM when
+    /// it wants the session signed or encrypted, which costs more than a recording can spare;
+    /// ENAMETOOLONG, EINVAL or EILSEQ when a text is over 1 KiB, contains a NUL or is no text.
     virtual int connect(Properties props);
     /// Leaves the share, if it is connected. \returns 0, or -1 with errno: the share then still
     /// counts as connected.
