@@ -59,16 +59,22 @@ public:
         if (!sample)
             return;
         set(sample, 0);
+        const std::size_t size = malloc_usable_size(sample);
         const unsigned char* const bytes = bytesOf(sample);
-        const std::vector<unsigned char> off(bytes, bytes + malloc_usable_size(sample));
+        const std::vector<unsigned char> off(bytes, bytes + size);
         set(sample, 1);
-        const auto [was, is] = std::mismatch(off.begin(), off.end(), bytes);
-        // One bit of one byte, else it is something other than a flag.
-        if (was != off.end() && std::equal(was + 1, off.end(), is + 1)) {
-            const unsigned char mask = *was ^ *is;
-            m_mask = (mask & (mask - 1)) == 0 ? mask : 0;
-            m_offset = was - off.begin();
+        std::size_t changes = 0;
+        for (std::size_t i = 0; i < size; ++i) {
+            const unsigned char change = off[i] ^ bytes[i];
+            if (change == 0)
+                continue;
+            ++changes;
+            m_offset = i;
+            m_mask = change;
         }
+        // One bit of one byte, else it is something other than a flag.
+        if (changes != 1 || (m_mask & (m_mask - 1)) != 0)
+            m_mask = 0;
         smb2_destroy_context(sample);
     }
 
@@ -84,7 +90,7 @@ private:
         return reinterpret_cast<const unsigned char*>(context);
     }
 
-    std::ptrdiff_t m_offset = 0;
+    std::size_t m_offset = 0;
     unsigned char m_mask = 0;
 };
 
