@@ -29,8 +29,8 @@ enum LogLevel : int {
 
 /// Formats the message into a record of the service and hands it over, if `level` is within the
 /// threshold of `channel`. Without a record, the bare text goes to standard error.
-__attribute__((format(printf, 5, 6))) static void __oruLog(int channel, int level, const char* file,
-                                                           int line, const char* format, ...) {
+__attribute__((format(printf, 5, 6))) static inline void
+__oruLog(int channel, int level, const char* file, int line, const char* format, ...) {
     constexpr int channels = 1000;
     if (channel < 0 || channel >= channels)
         return;

@@ -18,10 +18,8 @@
 #include <oruio/export.h>
 
 #include <QByteArray>
-#include <QMap>
 #include <QSharedPointer>
 #include <QString>
-#include <QVariant>
 #include <QVector>
 
 #include <dirent.h>
@@ -34,9 +32,6 @@ static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8,
               "pkg-config file and its CMake package do");
 
 namespace oru::io {
-
-/// Named settings, passed to connect, mount, format and the like. Each operation lists its keys.
-using Properties = QMap<QString, QVariant>;
 
 /// An open file. Closes itself when its last holder lets it go.
 class ORUIO_EXPORT File {

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <oruio/fs.h>
+#include <oruio/properties.h>
 
 #include <QExplicitlySharedDataPointer>
 

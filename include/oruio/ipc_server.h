@@ -3,6 +3,7 @@
 #pragma once
 
 #include <oruio/fs.h>
+#include <oruio/properties.h>
 
 #include <memory>
 

@@ -1,5 +1,6 @@
 #include "ipcservice.h"
 
+#include "isolation.h"
 #include "logcapture.h"
 
 #include <oruio/ipc_server.h>
@@ -17,7 +18,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -27,31 +27,11 @@ namespace oru::io::test {
 
 namespace {
 
-bool writeFile(const char* path, const QByteArray& text) {
-    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-    const bool isWritten = fd != -1 && ::write(fd, text.constData(), text.size()) == text.size();
-    if (fd != -1)
-        ::close(fd);
-    return isWritten;
-}
-
-/// A mount namespace in which this process may mount.
-bool enterNamespace() {
-    const uid_t user = geteuid();
-    const gid_t group = getegid();
-    if (user == 0)
-        return unshare(CLONE_NEWNS) == 0;
-    return unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 && writeFile("/proc/self/setgroups", "deny") &&
-           writeFile("/proc/self/uid_map", "0 " + QByteArray::number(user) + " 1") &&
-           writeFile("/proc/self/gid_map", "0 " + QByteArray::number(group) + " 1");
-}
-
 class PrivateSharedMemory : public ::testing::Environment {
 public:
     void SetUp() override {
-        const bool isPrivate = enterNamespace() &&
-                               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                               mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+        const bool isPrivate =
+            isolate(Own::Mounts) && mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
         if (isPrivate)
             return;
         // Until the program ends.

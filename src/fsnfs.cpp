@@ -1,0 +1,59 @@
+#include <oruio/fsnfs.h>
+#include <oruio/sysutils.h>
+
+#include <sys/stat.h>
+
+#include "log_p.h"
+#include "notimplemented_p.h"
+
+ORUIO_LOG_CHANNEL("NFS");
+
+namespace oru::io {
+
+namespace {
+
+/// Options that let no caller wait long for a server that is gone. connect() does not fall back to
+/// them: what is mounted how is for those to say who know the network.
+[[maybe_unused]] constexpr char DEFAULT_MNT_OPTS[] =
+    "nolock,soft,timeo=20,retrans=2,retry=0,vers=3,proto=udp";
+
+} // namespace
+
+NFS::NFS(QString mountPoint) : PosixFS(std::move(mountPoint), QStringLiteral("NFS")) {}
+
+NFS::~NFS() {
+    NFS::disconnect();
+}
+
+int NFS::ioctl(QString, QString&) {
+    return notImplemented();
+}
+
+int NFS::connect(Properties props) {
+    disconnect();
+    const QString readOnly =
+        props.value(QStringLiteral("readonly")).toBool() ? QStringLiteral("-r") : QString();
+    const int result = SysCmd("mount.nfs")
+                           .addArg(readOnly)
+                           .addArg(props.value(QStringLiteral("target")).toString())
+                           .addArg(mountPoint())
+                           .addArg(props.value(QStringLiteral("cmd_opts")).toString())
+                           .exec(1);
+    if (result == 0)
+        connectProps = std::move(props);
+    return result;
+}
+
+int NFS::disconnect() {
+    const int result = umountPath(mountPoint().toUtf8().constData(), &connectProps);
+    if (result == 0)
+        connectProps.clear();
+    return result;
+}
+
+bool NFS::isConnected() {
+    struct stat st;
+    return !connectProps.isEmpty() && stat(QStringLiteral("/."), st) == 0;
+}
+
+} // namespace oru::io
