@@ -1,14 +1,17 @@
 #!/bin/bash
-# Runs the maintenance program with the real tools on disks of its own and checks what becomes of them.
+# Runs the maintenance program with the real tools on disks of its own and checks what becomes of
+# them.
 #
 #   sysutils_helper_test.sh ORUIO_SYSUTILS
 #
-# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did. The disks are loop devices,
-# which only root can have: for anybody else most cases are skipped.
+# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did. The disks are loop
+# devices, which only root can have: for anybody else most cases are skipped.
 set -u
 
 # In a mount namespace of its own, nobody else sees the mounts, and none of them outlives the test.
+alone=false
 if [ "${1:-}" = --alone ]; then
+    alone=true
     shift
 elif unshare -m true 2>/dev/null; then
     exec unshare -m "$0" --alone "$@"
@@ -52,17 +55,32 @@ trap 'release_disks; rm -rf "$work"' EXIT
 # Whether this case can be done with disks, and with these tools.
 can_use_disks() {
     local tool
-    if [ "$(id -u)" -ne 0 ]; then
-        skipped="only root can attach a disk"
-    elif [ ! -e /dev/loop-control ]; then
-        skipped="there are no loop devices"
-    elif [ -e /proc/self/ns/mnt ] && [ /proc/self/ns/mnt -ef "/proc/$PPID/ns/mnt" ]; then
-        skipped="there is no mount namespace for it"
-    fi
     for tool in debugfs flock fuser losetup mkfs.exfat mkfs.vfat partx sfdisk wipefs "$@"; do
         command -v "$tool" >/dev/null || skipped="$tool is not installed"
     done
+    if [ "$(id -u)" -ne 0 ]; then
+        skipped="only root can attach a disk"
+    elif ! $alone; then
+        skipped="there is no mount namespace for it"
+    elif [ -z "$skipped" ] && ! can_attach_disks; then
+        skipped="no disk can be attached"
+    fi
     [ -z "$skipped" ]
+}
+
+can_attach_disks() {
+    if [ -z "${can_attach:-}" ]; then
+        can_attach=true
+        truncate -s 1M "$clips/probe.img"
+        # Root in a user namespace can do one, but not the other.
+        if disk=$(losetup --find --show "$clips/probe.img" 2>/dev/null); then
+            losetup -d "$disk"
+            mknod "$clips/probe" b 7 0 2>/dev/null || can_attach=false
+        else
+            can_attach=false
+        fi
+    fi
+    $can_attach
 }
 
 # Attaches a new disk of this size as $disk, with these further options of losetup.
@@ -168,8 +186,8 @@ is_clean() {
     "fsck.$1" -n "$2" "${@:3}" >/dev/null 2>&1
 }
 
-# expect_layout START CODE TYPE [SECTOR]: the disk has one partition of this code from this sector to
-# the end, with a sound file system of this type.
+# expect_layout START CODE TYPE [SECTOR]: the disk has one partition of this code from this sector
+# to the end, with a sound file system of this type.
 expect_layout() {
     local layout sectors
     layout=$(sfdisk -J "$disk" | tr -d '[:space:]')
@@ -200,7 +218,7 @@ zero() {
 }
 
 is_waiting_for_lock() {
-    grep -q -- '-> FLOCK' /proc/locks
+    grep -q -- "-> FLOCK .*:$(stat -c %i "$disk") " /proc/locks
 }
 
 # --- the cases: the command line --------------------------------------------------------------
@@ -640,6 +658,7 @@ options_are_not_evaluated() {
 
 options_cannot_name_another_device() {
     local other type
+    local -A label=([ext4]=-L [vfat]=-n [exfat]=-L)
     can_use_disks || return
     new_disk 32M
     other=$disk
@@ -651,6 +670,8 @@ options_cannot_name_another_device() {
             mkfs -t $type "$partition" "-v $other"
         refused 42 "no file system on $partition: mkfs.$type ended with status" \
             mkfs -t $type "$partition" "-- $other"
+        refused 42 "no file system on $partition: mkfs.$type ended with status" \
+            mkfs -t $type "$partition" "-v $other ${label[$type]}" # what follows is the label
         unset POSIXLY_CORRECT
     done
     mkfs.ext4 -q "$partition"
@@ -865,11 +886,17 @@ SCRIPT
     stack_tools "$clips/tools"
     "$sysutils" mkfs -t ext4 "$partition" >"$work/first.out" 2>"$work/first.err" &
     first=$!
-    read -r _ <"$clips/begun"
+    expect read -r -t 15 _ <>"$clips/begun"
+}
+
+# Ends the wait of a stand-in, once that waits.
+let_go() {
+    # shellcheck disable=SC2016 # that shell expands it
+    expect timeout 15 sh -c 'echo >"$1"' sh "$clips/go"
 }
 
 end_long_run() {
-    echo >"$clips/go"
+    let_go
     wait "$first"
     expect [ $? -eq 0 ]
     umount /usr/sbin
@@ -919,11 +946,11 @@ SCRIPT
     stack_tools "$clips/tools"
     "$sysutils" format -k "$disk" >"$work/first.out" 2>"$work/first.err" &
     first=$!
-    read -r _ <"$clips/begun"
+    expect read -r -t 15 _ <>"$clips/begun"
     "$sysutils" format "$disk" >"$work/out" 2>"$work/err" &
     second=$!
     expect wait_until is_waiting_for_lock
-    echo >"$clips/go"
+    let_go
     wait "$first"
     expect [ $? -eq 0 ]
     wait "$second"

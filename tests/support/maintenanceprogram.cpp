@@ -64,9 +64,12 @@ QList<QStringList> MaintenanceProgram::calls() const {
         QFile file(fileOfRun(run));
         if (!file.open(QFile::ReadOnly))
             break;
-        QString text = QString::fromUtf8(file.readAll());
-        text.chop(1); // the NUL behind the last one
-        found += text.split(QChar(0));
+        QList<QByteArray> arguments = file.readAll().split('\0');
+        arguments.removeLast(); // nothing, behind the last NUL
+        QStringList call;
+        for (const QByteArray& argument : arguments)
+            call += QString::fromUtf8(argument);
+        found += call;
     }
     return found;
 }

@@ -1,0 +1,217 @@
+// The life of a connection with an NFS server; a memory file system takes the export's place.
+#include <oruio/error.h>
+#include <oruio/fsnfs.h>
+
+#include "support/isolation.h"
+#include "support/logcapture.h"
+#include "support/maintenanceprogram.h"
+#include "support/qtprint.h"
+#include "support/slots.h"
+#include "support/tempdir.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+
+namespace oru::io {
+namespace {
+
+using test::LogCapture;
+using test::MaintenanceProgram;
+using test::TempDir;
+
+// What is mounted has the name of the target: the second argument, or the third behind "-r".
+constexpr char mountsMemory[] = R"(
+[ "$2" != -r ] || shift
+exec mount -t tmpfs "$2" "$3"
+)";
+
+class NfsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        static const bool isIsolated = test::isolate(test::Own::Mounts);
+        if (!isIsolated)
+            GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
+        program.emplace(mountsMemory);
+        ASSERT_EQ(program->problem(), "");
+        ASSERT_TRUE(QDir().mkpath(path));
+    }
+    void TearDown() override {
+        while (umount2(QFile::encodeName(path).constData(), MNT_DETACH) == 0)
+            continue;
+    }
+
+    /// How the program's arguments were, for one connection.
+    QStringList argumentsOf(const Properties& props) {
+        program->forget();
+        NFS(path).connect(props);
+        const QList<QStringList> calls = program->calls();
+        EXPECT_EQ(calls.size(), 1);
+        return calls.value(0);
+    }
+    /// The devices that are mounted there.
+    QStringList mounted() const {
+        QFile table("/proc/mounts");
+        EXPECT_TRUE(table.open(QFile::ReadOnly));
+        QStringList found;
+        for (const QByteArray& line : table.readAll().split('\n')) {
+            const QList<QByteArray> words = line.split(' ');
+            if (words.value(1) == QFile::encodeName(path))
+                found += words[0];
+        }
+        return found;
+    }
+
+    const TempDir temp;
+    const QString path = temp.path() + "/export";
+    const Properties target = {{"target", "server:/export"}};
+    std::optional<MaintenanceProgram> program;
+};
+
+} // namespace
+
+TEST_F(NfsTest, Connect_ArgumentsOfTheProgram) {
+    EXPECT_EQ(argumentsOf(target), (QStringList{"mount.nfs", "server:/export", path}));
+    Properties props = target;
+    for (const QVariant& no : {QVariant(false), QVariant("false"), QVariant(0), QVariant()}) {
+        props["readonly"] = no;
+        EXPECT_EQ(argumentsOf(props), (QStringList{"mount.nfs", "server:/export", path}));
+    }
+    for (const QVariant& yes : {QVariant(true), QVariant("true"), QVariant(1)}) {
+        props["readonly"] = yes;
+        EXPECT_EQ(argumentsOf(props), (QStringList{"mount.nfs", "-r", "server:/export", path}));
+    }
+    props["cmd_opts"] = "soft,timeo=20 and more";
+    EXPECT_EQ(argumentsOf(props),
+              (QStringList{"mount.nfs", "-r", "server:/export", path, "soft,timeo=20 and more"}));
+    EXPECT_EQ(argumentsOf({}), (QStringList{"mount.nfs", path}));
+}
+
+TEST_F(NfsTest, Connected_IsTheExport) {
+    NFS nfs(path);
+    EXPECT_EQ(nfs.type(), "NFS");
+    EXPECT_EQ(nfs.mountPoint(), path);
+    EXPECT_FALSE(nfs.isConnected());
+    ASSERT_TRUE(QFile(path + "/beneath").open(QFile::WriteOnly));
+
+    errno = 4711;
+    liberrno = NotFound;
+    EXPECT_EQ(nfs.connect(target), 0);
+    EXPECT_EQ(liberrno, NotFound);
+    EXPECT_TRUE(nfs.isConnected());
+    EXPECT_EQ(mounted(), QStringList{"server:/export"});
+    struct stat st;
+    EXPECT_EQ(nfs.stat("/beneath", st), -1);
+    const auto file = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->write("film", 4), 4);
+    EXPECT_EQ(file->close(), 0);
+    EXPECT_EQ(nfs.stat("/clip", st), 0);
+    EXPECT_EQ(st.st_size, 4);
+
+    EXPECT_EQ(nfs.disconnect(), 0);
+    EXPECT_FALSE(nfs.isConnected());
+    EXPECT_EQ(mounted(), QStringList());
+    // Nothing keeps anybody from what is beneath.
+    EXPECT_EQ(nfs.stat("/beneath", st), 0);
+    EXPECT_EQ(nfs.disconnect(), 0);
+}
+
+TEST_F(NfsTest, ConnectAgain_InPlaceOfTheOneBefore) {
+    NFS nfs(path);
+    ASSERT_EQ(mount("somebody-elses", QFile::encodeName(path).constData(), "tmpfs", 0, nullptr), 0);
+    EXPECT_EQ(nfs.connect(target), 0);
+    EXPECT_EQ(mounted(), QStringList{"server:/export"});
+    EXPECT_EQ(nfs.connect({{"target", "other:/export"}}), 0);
+    EXPECT_EQ(mounted(), QStringList{"other:/export"});
+    EXPECT_TRUE(nfs.isConnected());
+}
+
+TEST_F(NfsTest, ConnectFails_StatusOfTheProgramAndNotConnected) {
+    NFS nfs(path);
+    ASSERT_EQ(nfs.connect(target), 0);
+    program.reset();
+    program.emplace("echo 'no such export' >&2; exit 32");
+    LogCapture log("libio=12,NFS=12");
+    errno = 4711;
+    EXPECT_EQ(nfs.connect(target), 32);
+    EXPECT_FALSE(nfs.isConnected());
+    EXPECT_EQ(mounted(), QStringList());
+    EXPECT_EQ(program->calls().size(), 1); // no second attempt
+    const QStringList messages = log.messages();
+    EXPECT_TRUE(messages.contains("libio 10 stderr: no such export\n\n"))
+        << messages.join(' ').toStdString();
+    EXPECT_TRUE(messages.filter("NFS ").isEmpty()) << messages.join(' ').toStdString();
+
+    program.reset(); // not there at all
+    program.emplace();
+    ASSERT_TRUE(QFile::remove(MaintenanceProgram::path()));
+    EXPECT_EQ(nfs.connect(target), -1);
+    EXPECT_FALSE(nfs.isConnected());
+}
+
+TEST_F(NfsTest, Busy_StaysConnectedUnlessConnectedLazily) {
+    NFS nfs(path);
+    ASSERT_EQ(nfs.connect(target), 0);
+    auto inUse = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
+    ASSERT_TRUE(inUse);
+    EXPECT_EQ(nfs.disconnect(), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_TRUE(nfs.isConnected());
+    inUse.reset();
+
+    EXPECT_EQ(nfs.connect({{"target", "server:/export"}, {"lazy", false}}), 0);
+    inUse = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
+    ASSERT_TRUE(inUse);
+    EXPECT_EQ(nfs.disconnect(), 0);
+    EXPECT_FALSE(nfs.isConnected());
+    EXPECT_EQ(mounted(), QStringList());
+    EXPECT_EQ(inUse->write("last", 4), 4);
+}
+
+TEST_F(NfsTest, Destroyed_Unmounts) {
+    {
+        NFS nfs(path);
+        ASSERT_EQ(nfs.connect(target), 0);
+        EXPECT_EQ(mounted().size(), 1);
+    }
+    EXPECT_EQ(mounted(), QStringList());
+}
+
+// The export is gone while it counts as connected.
+TEST_F(NfsTest, Unreachable_NotConnectedUntilConnectedAnew) {
+    NFS nfs(path);
+    ASSERT_EQ(nfs.connect(target), 0);
+    ASSERT_EQ(umount(QFile::encodeName(path).constData()), 0);
+    ASSERT_TRUE(QDir().rmdir(path));
+    EXPECT_FALSE(nfs.isConnected());
+    ASSERT_TRUE(QDir().mkpath(path));
+    EXPECT_EQ(nfs.connect(target), 0);
+    EXPECT_TRUE(nfs.isConnected());
+}
+
+TEST_F(NfsTest, Ioctl_NotImplemented) {
+    NFS nfs(path);
+    QString response;
+    errno = 4711;
+    EXPECT_EQ(nfs.ioctl("request", response), -1);
+    EXPECT_EQ(liberrno, NotImplemented);
+    EXPECT_EQ(errno, 4711);
+}
+
+TEST(NfsSlots, BehindThoseOfFSAndItsDestructor) {
+    int slot = 25 + 2;
+    EXPECT_EQ(test::slotOf(&NFS::connect), slot++);
+    EXPECT_EQ(test::slotOf(&NFS::disconnect), slot++);
+    EXPECT_EQ(test::slotOf(&NFS::isConnected), slot++);
+}
+
+} // namespace oru::io

@@ -1,0 +1,430 @@
+#include <oruio/error.h>
+#include <oruio/sysutils.h>
+
+#include "mounttable_p.h"
+#include "support/isolation.h"
+#include "support/logcapture.h"
+#include "support/maintenanceprogram.h"
+#include "support/qtprint.h"
+#include "support/tempdir.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace {
+
+/// What unmounting is to come to, in place of what the system would do.
+struct Refusal {
+    int error = 0; ///< of umount(2); 0: the system does it
+    int calls = 0; ///< of umount2(2)
+    int flags = -1;
+    bool isFinal = false; ///< umount2(2) fails too, with EPERM
+} refusal;
+
+template <class Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+// The program's own definitions come before those of the C library.
+
+extern "C" Q_DECL_EXPORT int umount(const char* path) noexcept {
+    if (refusal.error == 0)
+        return next<int(const char*)>("umount")(path);
+    errno = refusal.error;
+    return -1;
+}
+
+extern "C" Q_DECL_EXPORT int umount2(const char* path, int flags) noexcept {
+    ++refusal.calls;
+    refusal.flags = flags;
+    if (refusal.isFinal) {
+        errno = EPERM;
+        return -1;
+    }
+    return next<int(const char*, int)>("umount2")(path, flags);
+}
+
+namespace oru::io {
+namespace {
+
+using test::LogCapture;
+using test::MaintenanceProgram;
+using test::TempDir;
+
+/// With mounts of the program's own.
+class Isolated : public ::testing::Test {
+protected:
+    void SetUp() override {
+        static const bool isIsolated = test::isolate(test::Own::Mounts);
+        if (!isIsolated)
+            GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
+    }
+    void TearDown() override {
+        refusal = {};
+    }
+};
+
+/// With a maintenance program.
+using SysCmdTest = Isolated;
+
+} // namespace
+
+TEST_F(SysCmdTest, Arguments_ArriveAsTheyAre) {
+    const MaintenanceProgram program;
+    ASSERT_EQ(program.problem(), "");
+    SysCmd command("mkfs");
+    command.addArg("ext4", "-t")
+        .addArg("/dev/with blanks")
+        .addArg("-L \"it's\" $HOME * \\ ;")
+        .addArg("two\nlines")
+        .addArg(QString(), "-k")
+        .addArg(QString())
+        .addArg("")
+        .addArg("", "")
+        .addArg("ümläut");
+    EXPECT_EQ(command.exec(1), 0);
+    const QStringList expected = {
+        "mkfs", "-t", "ext4",  "/dev/with blanks", "-L \"it's\" $HOME * \\ ;", "two\nlines",
+        "-k",   "",   "ümläut"};
+    EXPECT_EQ(program.calls(), QList<QStringList>{expected});
+}
+
+TEST_F(SysCmdTest, NoRuns_NothingStarts) {
+    const MaintenanceProgram program;
+    for (const int runs : {0, -1}) {
+        LogCapture log("libio=12");
+        EXPECT_EQ(SysCmd("fsck").addArg("/dev/sda1").exec(runs), -1);
+        EXPECT_EQ(log.messages(), QStringList{"libio 12 SysCmd: fsck /dev/sda1"});
+    }
+    EXPECT_TRUE(program.calls().isEmpty());
+}
+
+TEST_F(SysCmdTest, Succeeds_OneRun) {
+    const MaintenanceProgram program("echo fine; exit 0");
+    LogCapture log("libio=12");
+    liberrno = NotFound;
+    errno = 4711;
+    EXPECT_EQ(SysCmd("fsck").exec(3), 0);
+    EXPECT_EQ(liberrno, NotFound);
+    EXPECT_EQ(log.messages(),
+              (QStringList{"libio 12 SysCmd: fsck", "libio 12 Run 1 of 3 completed status 0\n"}));
+    EXPECT_EQ(program.calls().size(), 1);
+}
+
+TEST_F(SysCmdTest, FailsTwice_ThirdRunDecides) {
+    const MaintenanceProgram program("echo \"out $run\"; echo \"err $run\" >&2; [ $run = 3 ]");
+    LogCapture log("libio=12");
+    EXPECT_EQ(SysCmd("fsck").addArg("vfat", "-t").exec(3), 0);
+    EXPECT_EQ(program.calls().size(), 3);
+    EXPECT_EQ(log.messages(), (QStringList{
+                                  "libio 12 SysCmd: fsck -t vfat",
+                                  "libio 10 syscmd 'fsck -t vfat' failed\n",
+                                  "libio 10 stderr: err 1\n\n",
+                                  "libio 10 stdout: out 1\n\n",
+                                  "libio 12 Run 1 of 3 completed status 1\n",
+                                  "libio 12 'fsck -t vfat': Exited with status 1\n",
+                                  "libio 10 syscmd 'fsck -t vfat' failed\n",
+                                  "libio 10 stderr: err 2\n\n",
+                                  "libio 10 stdout: out 2\n\n",
+                                  "libio 12 Run 2 of 3 completed status 1\n",
+                                  "libio 12 'fsck -t vfat': Exited with status 1\n",
+                                  "libio 12 Run 3 of 3 completed status 0\n",
+                              }));
+}
+
+TEST_F(SysCmdTest, FailsAlways_LastStatus) {
+    const MaintenanceProgram program("exit $((run + 4))");
+    EXPECT_EQ(SysCmd("fsck").exec(3), 7);
+    EXPECT_EQ(program.calls().size(), 3);
+}
+
+TEST_F(SysCmdTest, Crashes_StatusOfTheRunBefore) {
+    {
+        const MaintenanceProgram program("kill -9 $$");
+        LogCapture log("libio=12");
+        EXPECT_EQ(SysCmd("fsck").exec(2), -1);
+        EXPECT_EQ(program.calls().size(), 2);
+        EXPECT_TRUE(log.messages().contains("libio 12 Run 2 of 2 completed status -1\n"));
+    }
+    {
+        const MaintenanceProgram program("[ $run = 2 ] && kill -9 $$; exit 3");
+        EXPECT_EQ(SysCmd("fsck").exec(2), 3);
+        program.calls();
+        EXPECT_EQ(SysCmd("fsck").exec(1), 3);
+    }
+    {
+        const MaintenanceProgram program("[ $run = 2 ] || kill -9 $$");
+        EXPECT_EQ(SysCmd("fsck").exec(5), 0);
+        EXPECT_EQ(program.calls().size(), 2);
+    }
+}
+
+TEST_F(SysCmdTest, CannotBeStarted_NotTriedAgain) {
+    const MaintenanceProgram program;
+    ASSERT_EQ(program.problem(), "");
+    const QStringList expected = {"libio 12 SysCmd: fsck", "libio 9 Unable to exec SysCmd fsck\n"};
+    QFile file(MaintenanceProgram::path());
+    ASSERT_TRUE(file.setPermissions(QFile::ReadOwner));
+    {
+        LogCapture log("libio=12");
+        EXPECT_EQ(SysCmd("fsck").exec(3), -1);
+        EXPECT_EQ(log.messages(), expected);
+    }
+    ASSERT_TRUE(file.remove());
+    {
+        LogCapture log("libio=12");
+        EXPECT_EQ(SysCmd("fsck").exec(3), -1);
+        EXPECT_EQ(log.messages(), expected);
+    }
+}
+
+// More than any pipe holds, on both streams at once.
+TEST_F(SysCmdTest, MuchOutput_IsTakenAndItsBeginningLogged) {
+    const QByteArray flood = "head -c 3000000 /dev/zero | tr '\\0' o & "
+                             "head -c 3000000 /dev/zero | tr '\\0' e >&2; wait; ";
+    {
+        const MaintenanceProgram program(flood + "exit 0");
+        EXPECT_EQ(SysCmd("fsck").exec(1), 0);
+    }
+    const MaintenanceProgram program(flood + "exit 1");
+    LogCapture log("libio=12");
+    EXPECT_EQ(SysCmd("fsck").exec(1), 1);
+    const QStringList messages = log.messages();
+    ASSERT_EQ(messages.size(), 6);
+    EXPECT_TRUE(messages[2].startsWith("libio 10 stderr: eeeeeeeeee")) << messages[2].toStdString();
+    EXPECT_TRUE(messages[3].startsWith("libio 10 stdout: oooooooooo")) << messages[3].toStdString();
+}
+
+TEST_F(SysCmdTest, ProgramThatAsks_GetsNoAnswer) {
+    const MaintenanceProgram program("read answer && exit 1; exit 5");
+    EXPECT_EQ(SysCmd("fsck").exec(1), 5);
+}
+
+TEST_F(SysCmdTest, SeveralThreads_EachItsOwn) {
+    const MaintenanceProgram program("exit \"$2\"");
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([i] {
+            for (int k = 0; k < 5; ++k)
+                EXPECT_EQ(SysCmd("fsck").addArg(QString::number(i)).exec(1), i);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+namespace {
+
+/// A directory to mount on, and what is mounted there.
+class UmountPath : public Isolated {
+protected:
+    void SetUp() override {
+        Isolated::SetUp();
+        if (IsSkipped())
+            return;
+        ASSERT_TRUE(QDir().mkpath(path));
+    }
+    void TearDown() override {
+        Isolated::TearDown();
+        while (umount2(QFile::encodeName(path).constData(), MNT_DETACH) == 0)
+            continue;
+        refusal = {};
+    }
+
+    void mountHere(const char* device) const {
+        ASSERT_EQ(mount(device, QFile::encodeName(path).constData(), "tmpfs", 0, nullptr), 0)
+            << std::strerror(errno);
+    }
+    int unmount(const Properties* props = nullptr) const {
+        return umountPath(QFile::encodeName(path).constData(), props);
+    }
+    /// How often something is mounted there.
+    int mounts() const {
+        QFile table("/proc/mounts");
+        EXPECT_TRUE(table.open(QFile::ReadOnly));
+        return table.readAll().count(" " + QFile::encodeName(path) + " ");
+    }
+
+    const TempDir temp;
+    const QString path = temp.path() + "/mount-point";
+    const Properties lazy = {{"lazy", false}};
+};
+
+} // namespace
+
+TEST_F(UmountPath, NothingMounted_Zero) {
+    LogCapture log("libio=12");
+    EXPECT_EQ(unmount(), 0);
+    EXPECT_EQ(umountPath("/no/such/path", nullptr), 0);
+    EXPECT_EQ(umountPath("", nullptr), 0);
+    EXPECT_TRUE(log.messages().isEmpty());
+}
+
+TEST_F(UmountPath, StackedMounts_AllGo) {
+    mountHere("first");
+    mountHere("second");
+    EXPECT_EQ(mounts(), 2);
+    LogCapture log("libio=12");
+    errno = 4711;
+    EXPECT_EQ(unmount(), 0);
+    EXPECT_EQ(errno, 4711);
+    EXPECT_EQ(mounts(), 0);
+    EXPECT_EQ(log.messages(), (QStringList{
+                                  "libio 12 umount '" + path + "' (first): 0",
+                                  "libio 12 umount '" + path + "' (second): 0",
+                              }));
+    EXPECT_EQ(refusal.calls, 0);
+}
+
+TEST_F(UmountPath, OtherMounts_Stay) {
+    mountHere("ours");
+    const QByteArray part = QFile::encodeName(path).chopped(1);
+    EXPECT_EQ(umountPath(part.constData(), nullptr), 0);
+    EXPECT_EQ(umountPath((QFile::encodeName(path) + "/").constData(), nullptr), 0);
+    EXPECT_EQ(mounts(), 1);
+}
+
+TEST_F(UmountPath, Busy_StaysUnlessLazy) {
+    mountHere("busy");
+    QFile inUse(path + "/file");
+    ASSERT_TRUE(inUse.open(QFile::ReadWrite));
+    LogCapture log("libio=12");
+    EXPECT_EQ(unmount(), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(mounts(), 1);
+    EXPECT_EQ(log.messages(), QStringList{"libio 12 umount '" + path + "' (busy): -1"});
+    const Properties others = {{"readonly", true}};
+    EXPECT_EQ(unmount(&others), -1);
+    EXPECT_EQ(unmount(&lazy), 0);
+    EXPECT_EQ(mounts(), 0);
+    EXPECT_EQ(inUse.write("still there"), 11);
+}
+
+TEST_F(UmountPath, RefusedOnce_FlagsOfTheSecondAttempt) {
+    const Properties none;
+    const struct {
+        int error;
+        const Properties* props;
+        int flags;
+    } cases[] = {
+        {EBUSY, nullptr, MNT_FORCE},
+        {EBUSY, &none, MNT_FORCE},
+        {EBUSY, &lazy, MNT_FORCE | MNT_DETACH},
+        {EPERM, nullptr, 0},
+        {EINVAL, &lazy, MNT_DETACH},
+    };
+    for (const auto& tested : cases) {
+        mountHere("some");
+        refusal = {};
+        refusal.error = tested.error;
+        EXPECT_EQ(unmount(tested.props), 0);
+        EXPECT_EQ(refusal.calls, 1);
+        EXPECT_EQ(refusal.flags, tested.flags);
+        EXPECT_EQ(mounts(), 0);
+    }
+}
+
+TEST_F(UmountPath, OneOfSeveralRefused_EndsThere) {
+    mountHere("first");
+    mountHere("second");
+    refusal.error = EBUSY;
+    refusal.isFinal = true;
+    EXPECT_EQ(unmount(&lazy), -1);
+    EXPECT_EQ(errno, EPERM); // of the second attempt
+    EXPECT_EQ(refusal.calls, 1);
+    EXPECT_EQ(mounts(), 2);
+}
+
+// The kernel writes blanks as \040.
+TEST_F(UmountPath, PathWithBlank_IsNotFound) {
+    const QByteArray blank = QFile::encodeName(path) + "/with blank";
+    ASSERT_EQ(mkdir(blank.constData(), 0755), 0);
+    ASSERT_EQ(mount("tmpfs", blank.constData(), "tmpfs", 0, nullptr), 0);
+    EXPECT_EQ(umountPath(blank.constData(), nullptr), 0);
+    const QByteArray escaped = QFile::encodeName(path) + "/with\\040blank";
+    EXPECT_EQ(umountPath(escaped.constData(), nullptr), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(umount(blank.constData()), 0); // so it was mounted
+}
+
+TEST_F(UmountPath, NoTable_WhyIsTold) {
+    mountHere("some");
+    ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
+    errno = 0;
+    const int result = unmount();
+    const int error = errno;
+    ASSERT_EQ(umount2("/proc", MNT_DETACH), 0);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, ENOENT);
+    EXPECT_EQ(mounts(), 1);
+}
+
+TEST_F(UmountPath, NullPath_BadAddress) {
+    EXPECT_EQ(umountPath(nullptr, nullptr), -1);
+    EXPECT_EQ(errno, EFAULT);
+}
+
+namespace {
+
+/// The mounts that a table with this content has, as "device mountPoint".
+std::vector<std::string> mountsOf(const QByteArray& content) {
+    const TempDir temp;
+    const QString path = temp.path() + "/table";
+    QFile file(path);
+    EXPECT_TRUE(file.open(QFile::WriteOnly));
+    EXPECT_EQ(file.write(content), content.size());
+    file.close();
+    std::vector<std::string> found;
+    MountTable table(QFile::encodeName(path).constData());
+    EXPECT_TRUE(table.isOpen());
+    while (const MountTable::Mount* mount = table.next())
+        found.push_back(std::string(mount->device) + ' ' + mount->mountPoint);
+    EXPECT_EQ(table.next(), nullptr);
+    return found;
+}
+
+} // namespace
+
+TEST(MountTable, Lines_FirstTwoWords) {
+    using Mounts = std::vector<std::string>;
+    EXPECT_EQ(mountsOf("/dev/a /a ext4 rw 0 0\n/dev/b /b vfat ro 0 0\n"),
+              (Mounts{"/dev/a /a", "/dev/b /b"}));
+    EXPECT_EQ(mountsOf("/dev/a /a ext4"), Mounts{"/dev/a /a"}); // no end of line
+    EXPECT_EQ(mountsOf("/dev/a /a"), Mounts{"/dev/a /a"});
+    EXPECT_EQ(mountsOf("/dev/a /a\n"), Mounts{"/dev/a /a"});
+    EXPECT_EQ(mountsOf("  /dev/a   /a\\040b  x\n"), Mounts{"/dev/a /a\\040b"});
+    EXPECT_EQ(mountsOf("\n \nword\n/dev/a /a x\n"), Mounts{"/dev/a /a"});
+    EXPECT_EQ(mountsOf(QByteArray("/dev/a\0 /a x\n/dev/b /b\0y\n", 24)), Mounts{"/dev/b /b"});
+    EXPECT_EQ(mountsOf(""), Mounts{});
+}
+
+TEST(MountTable, LongLines_Whole) {
+    const QByteArray name(300'000, 'n');
+    EXPECT_EQ(mountsOf(name + " /a x\n/dev/b " + name).size(), 2U);
+    EXPECT_EQ(mountsOf("/dev/b /" + name)[0], "/dev/b /" + name.toStdString());
+}
+
+TEST(MountTable, NoFile_WhyIsTold) {
+    MountTable table("/no/such/table");
+    EXPECT_FALSE(table.isOpen());
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(table.next(), nullptr);
+}
+
+} // namespace oru::io
