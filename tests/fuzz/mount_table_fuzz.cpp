@@ -1,0 +1,58 @@
+// The reader of the kernel's table of mounts. An input is a table.
+
+#include "fuzz/support.h"
+#include "mounttable_p.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+using oru::io::MountTable;
+using oru::io::test::require;
+
+/// A file in memory.
+class Table {
+public:
+    Table(const std::uint8_t* data, std::size_t size) : m_fd(memfd_create("table", MFD_CLOEXEC)) {
+        require(write(m_fd, data, size) == static_cast<ssize_t>(size), "a table is written");
+    }
+    ~Table() {
+        close(m_fd);
+    }
+    std::string path() const {
+        return "/proc/self/fd/" + std::to_string(m_fd);
+    }
+
+private:
+    Q_DISABLE_COPY(Table)
+    const int m_fd;
+};
+
+bool isWord(const char* text) {
+    return *text != '\0' && std::strpbrk(text, " \n") == nullptr;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const Table file(data, size);
+    MountTable table(file.path().c_str());
+    require(table.isOpen(), "a table is read");
+    std::size_t lines = 1;
+    for (std::size_t i = 0; i < size; ++i)
+        lines += data[i] == '\n';
+    std::size_t mounts = 0;
+    while (const MountTable::Mount* mount = table.next()) {
+        require(isWord(mount->device) && isWord(mount->mountPoint), "what it says are words");
+        ++mounts;
+    }
+    require(mounts <= lines, "a line is one mount at most");
+    require(table.next() == nullptr, "the end stays the end");
+    return 0;
+}
