@@ -1,4 +1,5 @@
-# Installation: the libraries, their headers, the CMake package and the pkg-config file.
+# Installation: the libraries, their headers, the CMake package, the pkg-config file and the
+# maintenance program.
 
 include(CMakePackageConfigHelpers)
 
@@ -12,6 +13,13 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/oruio"
                   "${PROJECT_SOURCE_DIR}/liborulog/include/orulog"
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h"
+)
+# The library starts it from /usr/local/bin: where it is with the default prefix.
+install(PROGRAMS "${PROJECT_SOURCE_DIR}/tools/sysutils/oruio_sysutils"
+  DESTINATION ${CMAKE_INSTALL_BINDIR}
+)
+install(FILES "${PROJECT_SOURCE_DIR}/tools/sysutils/oruio_sysutils.8"
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
 )
 install(EXPORT oruio-targets NAMESPACE oruio:: DESTINATION ${_package_dir})
 
