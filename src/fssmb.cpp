@@ -134,7 +134,7 @@ public:
         return isFatal(lastError);
     }
 
-    /// Every result of a call on the session passes through here.
+    /// What an operation returns for what the session did, and remembers of it.
     int report(int result) {
         if (result >= 0)
             return result;
@@ -189,7 +189,7 @@ int Smb2FS::connect(Properties props) {
     for (size_t i = 0; i < texts.size(); ++i) {
         if (!toSystem(props[QLatin1String(keys[i])].toString(), texts[i]))
             return m_data->report(-errno);
-        if (texts[i].size() > longestText)
+        if (texts[i].size() - 1 > longestText) // less its NUL
             return m_data->report(-ENAMETOOLONG);
     }
 
@@ -274,8 +274,9 @@ QSharedPointer<File> Smb2FS::open(QString path, int flags, int) {
     const std::lock_guard lock(m_data->mutex);
     liberrno = Ok;
     smb2fh* handle = nullptr;
-    const int result = m_data->onPath(
-        path, [&](Smb2Session& session, const char* p) { return session.open(p, flags, handle); });
+    const int result = withSharePath(path, [&](const char* p) {
+        return m_data->report(m_data->session->open(p, flags, handle));
+    });
     if (result < 0)
         return {};
     return QSharedPointer<Smb2File>::create(this, handle, path);
@@ -431,7 +432,6 @@ public:
     Data(Share of, smb2fh* opened)
         : share(std::move(of)), session(share->session), handle(opened) {}
 
-    /// The result of `call(session)`; -1 with errno EBADF when there is nothing to call it on.
     template <class Call>
     int run(Liberrno treatment, Call call) {
         if (share->isBroken())
@@ -439,6 +439,11 @@ public:
         const std::lock_guard lock(share->mutex);
         if (treatment == Liberrno::Clear)
             liberrno = Ok;
+        return runLocked(call);
+    }
+    /// The result of `call(session)`; -1 with errno EBADF when there is nothing to call it on.
+    template <class Call>
+    int runLocked(Call call) {
         const std::shared_ptr<Smb2Session> current = session.lock();
         if (!current || !isOpen) {
             errno = EBADF;
@@ -515,14 +520,15 @@ int Smb2File::pwrite(const void* buf, unsigned int len, long long offset) {
             return -EFBIG;
         const char* const from = static_cast<const char*>(buf);
         int done = 0;
-        int count = 0;
-        do {
+        while (done < static_cast<int>(len)) {
             const int piece = std::min(static_cast<int>(len) - done, longestWrite);
-            count = session.pwrite(m_data->handle, from + done, piece, offset + done);
+            const int count = session.pwrite(m_data->handle, from + done, piece, offset + done);
             if (count < 0)
                 return count;
+            if (count == 0)
+                break;
             done += count;
-        } while (count > 0 && done < static_cast<int>(len));
+        }
         m_data->written(offset + len);
         return static_cast<int>(len);
     });
@@ -627,8 +633,8 @@ int Smb2File::close() {
     liberrno = Ok;
     if (!m_data->isOpen)
         return 0;
-    const int result = m_data->run(
-        Liberrno::Clear, [&](Smb2Session& session) { return session.close(m_data->handle); });
+    const int result =
+        m_data->runLocked([&](Smb2Session& session) { return session.close(m_data->handle); });
     m_data->isOpen = false;
     return result;
 }

@@ -395,7 +395,7 @@ int Smb2Session::establish(const std::shared_ptr<Attempt>& attempt,
     if (failed != 0)
         return failed;
     const int result = await(attempt->reply, deadline);
-    return m_context ? result : std::min(result, -m_whyNot);
+    return m_context || result < 0 ? result : -m_whyNot;
 }
 
 /// A name is looked up on a thread that nobody has to wait for.
@@ -699,10 +699,10 @@ std::int64_t Smb2Session::offsetOf(smb2fh* file) const {
 
 /// Not libsmb2's own call, which does not survive the end of the connection.
 int Smb2Session::fstat(smb2fh* file, smb2_stat_64& st) {
-    smb2_query_info_request command =
-        infoRequest(SMB2_0_INFO_FILE, SMB2_FILE_ALL_INFORMATION, *smb2_get_file_id(file));
     Query<smb2_stat_64> reply(st);
     return request(reply, deadline(), [&](smb2_context* context, Reply* to) {
+        smb2_query_info_request command =
+            infoRequest(SMB2_0_INFO_FILE, SMB2_FILE_ALL_INFORMATION, *smb2_get_file_id(file));
         return queue(context,
                      smb2_cmd_query_info_async(
                          context, &command, Reply::takeInfo<smb2_file_all_info, smb2_stat_64>, to));

@@ -412,7 +412,19 @@ TEST_F(SmbConnectFault, ConnectAgainWhileFrozen_InTime) {
     EXPECT_EQ(fs.connect(login(proxy.address())), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_LT(timer.elapsed(), timeLimitMs);
+    EXPECT_EQ(proxy.armed(), 0);   // so the former share was left
+    EXPECT_EQ(fs.disconnect(), 0); // and is not left again
     EXPECT_EQ(fs.connect(login(proxy.address())), 0);
+}
+
+TEST_F(SmbConnectFault, NoTimeout_TakesAsLongAsItTakes) {
+    FaultProxy proxy(server.port());
+    proxy.on({FaultProxy::Response, FaultProxy::Negotiate}, Fault::dribble());
+    Smb2FS fs(0);
+    EXPECT_EQ(fs.connect(login(proxy.address())), 0) << strerror();
+    struct stat st;
+    EXPECT_EQ(fs.stat("/", st), 0);
+    EXPECT_EQ(fs.disconnect(), 0);
 }
 
 TEST_F(SmbConnectFault, EchoLost_NotConnectedThenFatal) {
@@ -422,9 +434,15 @@ TEST_F(SmbConnectFault, EchoLost_NotConnectedThenFatal) {
         Smb2FS fs(timeout);
         ASSERT_EQ(fs.connect(login(proxy.address())), 0);
         proxy.on({FaultProxy::Request, FaultProxy::Echo}, fault);
+        const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
         EXPECT_FALSE(fs.isConnected()); // remembers nothing
         EXPECT_FALSE(fs.isConnected());
         struct stat st;
+        EXPECT_EQ(file->fstat(st), -1);
+        EXPECT_EQ(errno, error);
+        EXPECT_EQ(fs.disconnect(), -1);
+        EXPECT_TRUE(fs.isConnected()); // now it does
+        set_errno(&fs, -ENOENT, nullptr, "stat", "f");
         EXPECT_EQ(fs.stat("/", st), -1);
         EXPECT_EQ(errno, error);
         EXPECT_TRUE(fs.isConnected());
@@ -478,11 +496,21 @@ void put(QByteArray& message, int at, quint32 value) {
     qToLittleEndian(value, message.data() + at);
 }
 
-} // namespace
-
-// Status, and length of what is told, in a response.
+// Where a response has its status, and the length of what it tells.
 constexpr int statusAt = 8;
 constexpr int infoLengthAt = 64 + 4;
+
+/// Makes a response one that refuses.
+auto refuseWith(quint32 status) {
+    return [status](QByteArray& message) {
+        message.truncate(64);
+        put(message, statusAt, status);
+        put(message, 20, 0); // nothing follows
+        message.append("\x09\0\0\0\0\0\0\0\0", 9);
+    };
+}
+
+} // namespace
 
 TEST_F(SmbAnswer, SuccessThatTellsNothing_BadMessage) {
     const auto tellNothing = [](QByteArray& message) { put(message, infoLengthAt, 0); };
@@ -498,6 +526,110 @@ TEST_F(SmbAnswer, SuccessThatTellsNothing_BadMessage) {
     EXPECT_EQ(file->fstat(st), -1);
     EXPECT_EQ(errno, EBADMSG);
     expectUsable();
+}
+
+// What the server says decides, not whether it can be reached.
+TEST_F(SmbAnswer, FatalStatus_GuardsALivingConnection) {
+    edit(FaultProxy::Write, refuseWith(0xc000009a)); // STATUS_INSUFFICIENT_RESOURCES
+    EXPECT_EQ(file->write("x", 1), -1);
+    EXPECT_EQ(errno, EBUSY);
+    proxy->clear();
+    struct stat st;
+    EXPECT_EQ(fs.stat("/", st), -1);
+    EXPECT_TRUE(fs.isConnected());
+    EXPECT_TRUE(proxy->messages().isEmpty());
+    EXPECT_EQ(fs.disconnect(), 0);
+    EXPECT_EQ(proxy->messages(FaultProxy::Request, FaultProxy::TreeDisconnect).size(), 1);
+    EXPECT_TRUE(fs.isConnected()); // leaving mends nothing
+    EXPECT_EQ(fs.connect(login(proxy->address())), 0);
+    EXPECT_EQ(fs.stat("/", st), 0);
+}
+
+TEST_F(SmbAnswer, FailedTransfer_MovesNothing) {
+    const QByteArray content(100'000, 'x');
+    const auto refuse = refuseWith(0xc000007f); // STATUS_DISK_FULL
+    EXPECT_EQ(file->pwrite("abc", 3, 50), 3);
+    proxy->on({FaultProxy::Response, FaultProxy::Write, 2}, Fault::edit(refuse));
+    EXPECT_EQ(file->write(content.constData(), content.size()), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(file->lseek(0, SEEK_CUR), 0);
+    EXPECT_EQ(file->lseek(0, SEEK_END), 53);
+    proxy->on({FaultProxy::Response, FaultProxy::Write}, Fault::edit(refuse));
+    EXPECT_EQ(file->pwrite("abc", 3, 1000), -1);
+    EXPECT_EQ(file->lseek(0, SEEK_END), 53);
+    EXPECT_EQ(file->pwrite("abc", 3, 10), 3);
+    EXPECT_EQ(file->lseek(0, SEEK_END), 53);
+}
+
+// Asking where one is moves nothing, also where the next write is to go elsewhere.
+TEST_F(SmbAnswer, AskingForTheBeginning_MovesNothing) {
+    const QByteArray content(65536 + 10, 'x');
+    proxy->on({FaultProxy::Response, FaultProxy::Write, 2}, Fault::edit(refuseWith(0xc000007f)));
+    EXPECT_EQ(file->write(content.constData(), content.size()), -1);
+    EXPECT_EQ(file->lseek(0, SEEK_CUR), 0);
+    EXPECT_EQ(file->write("behind", 6), 6);
+    QFile local(server.directory("rw") + "/file");
+    ASSERT_TRUE(local.open(QFile::ReadOnly) && local.seek(65536));
+    EXPECT_EQ(local.read(6), "behind");
+}
+
+TEST_F(SmbAnswer, Refused_RecordsStayAsTheyWere) {
+    struct stat st;
+    struct statfs sizes;
+    std::memset(&st, 0x5a, sizeof st);
+    std::memset(&sizes, 0x5a, sizeof sizes);
+    const struct stat stBefore = st;
+    const struct statfs sizesBefore = sizes;
+    edit(FaultProxy::QueryInfo, refuseWith(0xc0000022)); // STATUS_ACCESS_DENIED
+    EXPECT_EQ(file->fstat(st), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(std::memcmp(&st, &stBefore, sizeof st), 0);
+    EXPECT_EQ(fs.statfs("/missing", sizes), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(std::memcmp(&sizes, &sizesBefore, sizeof sizes), 0);
+    expectUsable();
+}
+
+// No server at hand has links: the answer is made here.
+TEST_F(SmbAnswer, Readlink_TargetAndNoLength) {
+    const auto isLinkTo = [](const QByteArray& target) {
+        return [target](QByteArray& message) {
+            QByteArray name;
+            for (const char c : target)
+                name.append(c).append('\0');
+            QByteArray reparse(20, '\0');
+            put(reparse, 0, 0xa000000c); // a symbolic link
+            reparse[4] = char(12 + 2 * name.size());
+            reparse[10] = char(name.size());
+            reparse[12] = char(name.size());
+            reparse[14] = char(name.size());
+            reparse += name + name;
+            QByteArray body(48, '\0');
+            body[0] = 49;
+            put(body, 4, 0x900a8); // FSCTL_GET_REPARSE_POINT
+            put(body, 24, 112);
+            put(body, 32, 112);
+            put(body, 36, reparse.size());
+            const bool isLast = qFromLittleEndian<quint32>(message.constData() + 20) == 0;
+            message = message.left(64) + body + reparse;
+            put(message, statusAt, 0);
+            message.append(QByteArray(-message.size() & 7, '\0'));
+            if (!isLast)
+                put(message, 20, message.size());
+        };
+    };
+    QString target;
+    edit(FaultProxy::Ioctl, isLinkTo("target"));
+    EXPECT_EQ(fs.readlink("/file", target), 0) << strerror();
+    EXPECT_EQ(target, "target");
+    char buf[10];
+    std::memset(buf, '#', sizeof buf);
+    edit(FaultProxy::Ioctl, isLinkTo("target"));
+    EXPECT_EQ(fs.readlink("/file", buf, sizeof buf), 0);
+    EXPECT_EQ(std::memcmp(buf, "target\0\0\0\0", sizeof buf), 0);
+    edit(FaultProxy::Ioctl, isLinkTo("a longer target"));
+    EXPECT_EQ(fs.readlink("/file", buf, sizeof buf), 0);
+    EXPECT_EQ(std::memcmp(buf, "a longer t", sizeof buf), 0);
 }
 
 // Of the commands of one request the first to fail says why, whatever becomes of the others.
@@ -675,26 +807,43 @@ TEST_F(SmbServerFault, Stopped_TimesOutAndComesBack) {
     EXPECT_TRUE(share.fs.isConnected());
 }
 
-// A caller that waits for the share's lock learns of the failure by the guard.
-TEST_F(SmbServerFault, ManyThreadsWait_OneTimesOutTheOthersAreGuarded) {
+// Who waits for the share's lock meanwhile learns why, whatever it wants to do.
+TEST_F(SmbServerFault, ManyThreadsWait_AllTimeOut) {
     Share share(server.address(), "d", timeout);
     ASSERT_TRUE(share.file);
     server.stop();
+    const std::vector<std::function<long long()>> calls = {
+        [&] {
+            struct stat st;
+            return share.fs.stat("/", st);
+        },
+        [&] { return share.fs.open(share.at("file"), O_RDONLY, 0) ? 0 : -1; },
+        [&] { return share.fs.rename(share.at("file"), share.at("g")); },
+        [&] {
+            struct stat st;
+            return share.file->fstat(st);
+        },
+        [&] { return share.file->write("x", 1); },
+        [&] { return share.file->close(); },
+    };
     std::atomic<int> timedOut = 0;
     QElapsedTimer timer;
     timer.start();
     std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+        struct stat st;
+        EXPECT_EQ(share.fs.stat("/", st), -1); // has the lock
+    });
+    for (const auto& call : calls) {
         threads.emplace_back([&] {
-            struct stat st;
             errno = 0;
-            EXPECT_EQ(share.fs.stat("/", st), -1);
+            EXPECT_EQ(call(), -1);
             timedOut += errno == ETIMEDOUT;
         });
     }
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_GE(timedOut, 1);
+    EXPECT_EQ(timedOut, static_cast<int>(calls.size()));
     EXPECT_LT(timer.elapsed(), timeLimitMs);
     server.cont();
 }
@@ -710,6 +859,24 @@ bool isPending(int signal) {
 }
 
 } // namespace
+
+// The guard is in front of the lock.
+TEST_F(SmbServerFault, BrokenWhileSomebodyWaits_OthersFailAtOnce) {
+    Share share(server.address(), "d", timeout);
+    ASSERT_TRUE(share.file);
+    server.stop();
+    std::thread waiting([&] {
+        struct stat st;
+        EXPECT_EQ(share.fs.stat("/", st), -1);
+    });
+    set_errno(&share.fs, -ECONNRESET, nullptr, "read", "f");
+    QElapsedTimer timer;
+    timer.start();
+    expectGuarded(share);
+    EXPECT_LT(timer.elapsed(), 1000);
+    waiting.join();
+    server.cont();
+}
 
 TEST_F(SmbServerFault, BrokenPipe_NoSignal) {
     Share share(server.address(), "d", 10);

@@ -1,13 +1,14 @@
 // The SMB2/3 backend: a share of a server on the network as an FS.
 //
-// Each operation is one request to the server, and blocks until that is answered or the time-out
-// has passed. What the server refuses is in errno, in libsmb2's translation of its NT status.
-// Nothing is cached.
+// Each operation on a path is one request to the server, except where it says otherwise, and blocks
+// until that is answered or the time-out has passed. What the server refuses is in errno, in
+// libsmb2's translation of its NT status. Nothing is cached.
 //
 // A failure of the connection itself is fatal: ETIMEDOUT, ENETRESET, EBUSY, ECONNREFUSED and
 // ECONNRESET. After one of these every operation of the share, its files and its directories fails
 // at once, without a request and without touching errno or liberrno, until connect() has been
-// called. The threads that did not see the failure learn of it that way.
+// called. The threads that did not see the failure learn of it that way; those that wait for their
+// turn meanwhile get its errno.
 //
 // Paths are those of the share: "/dir/file" and "dir/file" are the same. The server decides about
 // letter case, and about characters that it does not allow in names.
@@ -94,16 +95,21 @@ public:
     /// Connects to a share, after disconnecting from the one before; files and directories of that
     /// should be gone by then: what is left of them answers EBADF.
     ///
-    /// `props` has texts, each of which may be missing: "server" (a name or an address, with a
-    /// colon and the port unless that is 445), "share", "user", "password", "domain",
-    /// "workstation", and "version": the dialect to use, one of "2.x", "3.x", "2.0.2", "2.1.0",
-    /// "3.0.0", "3.0.2" and "3.1.1"; with any other text the server chooses.
+    /// `props` has texts, each of which may be missing: "server" (a name or an address, which is in
+    /// brackets when it is one of IPv6, with a colon and the port unless that is 445), "share",
+    /// "user", "password", "domain", "workstation", and "version": the dialect to use, one of
+    /// "2.x", "3.x", "2.0.2", "2.1.0", "3.0.0", "3.0.2" and "3.1.1"; with any other text the server
+    /// chooses.
     ///
     /// \returns 0, or -1 with errno: ECONNREFUSED when nothing listens there, and when the server
     /// refuses the user or the password; EHOSTUNREACH or ENETUNREACH when there is no way to it;
-    /// ENOENT when it has no such share; EIO or EAGAIN when its name cannot be resolved; EPERM when
-    /// it wants the session signed or encrypted, which costs more than a recording can spare;
-    /// ENAMETOOLONG, EINVAL or EILSEQ when a text is over 1 KiB, contains a NUL or is no text.
+    /// ETIMEDOUT or ECONNRESET when it does not answer, or not to the end; EIO or EAGAIN when its
+    /// name cannot be resolved; ENOENT when it has no such share; EACCES when it keeps the user out
+    /// of it, and when it wants encryption of a dialect that has none; EPERM when it wants the
+    /// session signed or encrypted, which costs more than a recording can spare; ENOTSUP when this
+    /// libsmb2 does not let one see that; EINVAL when it does not speak the dialect, and for a
+    /// bracket too few; ENAMETOOLONG, EINVAL or EILSEQ when a text is over 1 KiB, contains a NUL or
+    /// is no text.
     virtual int connect(Properties props);
     /// Leaves the share, if it is connected. \returns 0, or -1 with errno: the share then still
     /// counts as connected.
@@ -148,7 +154,8 @@ public:
     /// One request; may return less than `len` before the end of the file.
     int read(void* buf, unsigned int len) override;
     /// Requests of up to 64 KiB, each within the time-out, until all is written. \returns `len`; -1
-    /// with errno EINVAL, before any request, when that is more than an int holds.
+    /// with errno EINVAL, before any request, when that is more than an int holds. When it fails
+    /// the position that lseek() knows stays, while the next write goes on behind what was taken.
     int write(const void* buf, unsigned int len) override;
     /// As read().
     int pread(void* buf, unsigned int len, long long offset) override;
@@ -156,7 +163,9 @@ public:
     int pwrite(const void* buf, unsigned int len, long long offset) override;
     /// No request. SEEK_END is relative to the end of what was written through this object,
     /// whatever the size of the file. With a negative target the position that SEEK_CUR adds to is
-    /// moved all the same, while reads and writes go on where they were.
+    /// moved all the same, while reads and writes go on where they were. \returns -1 with errno; on
+    /// a connection that is gone the negative errno itself (-ENOTCONN, -ECONNRESET, …), and errno
+    /// stays.
     long long lseek(long long offset, int whence) override;
     /// As FS::stat() of this backend. Fails with errno EACCES on a file opened for writing only.
     int fstat(struct stat& st) override;
