@@ -519,6 +519,45 @@ TEST_F(SmbSealed, Refused) {
     }
 }
 
+namespace {
+
+QByteArray utf16(const QString& text) {
+    return {reinterpret_cast<const char*>(text.utf16()), text.size() * 2};
+}
+
+} // namespace
+
+TEST_F(Smb, Login_AsTheServerSeesIt) {
+    FaultProxy proxy(server.port());
+    QByteArray authentication;
+    proxy.on({FaultProxy::Request, FaultProxy::SessionSetup, 2},
+             FaultProxy::Fault::edit([&](QByteArray& message) { authentication = message; }));
+    Properties props = login(proxy.address());
+    props["domain"] = "STUDIO";
+    props["workstation"] = "recorder-7";
+    Smb2FS fs(10);
+    EXPECT_EQ(fs.connect(props), 0) << strerror();
+    for (const QString& text : {QString(SmbServer::user), QString("STUDIO"), QString("recorder-7")})
+        EXPECT_TRUE(authentication.contains(utf16(text))) << text.toStdString();
+    EXPECT_FALSE(authentication.contains(utf16(SmbServer::password)));
+    // Signing is neither wanted nor offered.
+    const auto negotiation = proxy.messages(FaultProxy::Request, FaultProxy::Negotiate);
+    ASSERT_EQ(negotiation.size(), 1);
+    EXPECT_EQ(negotiation[0].head[64 + 4], '\0');
+    EXPECT_EQ(authentication[64 + 3], '\0');
+}
+
+TEST_F(SmbWire, Rename_BothPathsWithoutTheSlash) {
+    putLocal("/from");
+    ASSERT_EQ(mkdir(QFile::encodeName(local("/dir")).constData(), 0777), 0);
+    EXPECT_EQ(fs.rename("/from", "/dir/to"), 0) << strerror();
+    EXPECT_EQ(createdPath(), "from");
+    const auto changes = proxy->messages(FaultProxy::Request, FaultProxy::SetInfo);
+    ASSERT_EQ(changes.size(), 1);
+    // Behind its length.
+    EXPECT_TRUE(changes[0].head.contains(QByteArray("\x0c\0\0\0", 4) + utf16("dir\\to")));
+}
+
 TEST_F(Smb, LoginsRefused_WhyIsTold) {
     struct Case {
         const char* name;
