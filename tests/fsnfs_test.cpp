@@ -40,6 +40,8 @@ protected:
         static const bool isIsolated = test::isolate(test::Own::Mounts);
         if (!isIsolated)
             GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
+        if (test::isEmulated())
+            GTEST_SKIP() << "the emulator cannot start the maintenance program";
         program.emplace(mountsMemory);
         ASSERT_EQ(program->problem(), "");
         ASSERT_TRUE(QDir().mkpath(path));

@@ -179,6 +179,8 @@ protected:
         static const bool isIsolated = test::isolate(test::Own::Mounts);
         if (!isIsolated)
             GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
+        if (test::isEmulated())
+            GTEST_SKIP() << "the emulator cannot start the maintenance program";
     }
 
     using Operation = int (BlockDevice::*)(const Properties*);

@@ -80,8 +80,15 @@ protected:
     }
 };
 
-/// With a maintenance program.
-using SysCmdTest = Isolated;
+/// Where a maintenance program can be started.
+class SysCmdTest : public Isolated {
+protected:
+    void SetUp() override {
+        Isolated::SetUp();
+        if (!IsSkipped() && test::isEmulated())
+            GTEST_SKIP() << "the emulator cannot start the maintenance program";
+    }
+};
 
 } // namespace
 

@@ -13,4 +13,8 @@ enum class Own { Mounts, MountsAndNetwork };
 /// errno says why.
 bool isolate(Own own);
 
+/// Whether this program runs in an emulator of single programs, which cannot start others as Qt
+/// does.
+bool isEmulated();
+
 } // namespace oru::io::test
