@@ -42,6 +42,12 @@ const std::vector<Target>& targets() {
          "stat/share", Target::RatioAtLeast, 0.98},
         {"`read` of 1 MiB of an SMB share / smbclient's `get` to /dev/null", "read_1m/share_apart",
          "read_1m/smbclient", Target::SpeedAtLeast, 1.3},
+        {"`start` of the monitor with 1,000 devices / the same by libudev", "start/library",
+         "start/libudev", Target::RatioAtMost, 1.3},
+        {"`update` of the monitor with 100 events / the same by libudev", "update/library",
+         "update/libudev", Target::RatioAtMost, 1.3},
+        {"`umountPath` on a table of 10,000 mounts / `getmntent` over it", "mount_table/library",
+         "mount_table/getmntent", Target::RatioAtMost, 1.5},
         {"memory of an idle server, less the block - of an empty Qt program", "resident/server",
          "resident/empty", Target::MemoryAtMost, 1024},
     };

@@ -31,6 +31,20 @@ ORUIO_LOG_CHANNEL("libio");
 
 namespace oru::io {
 
+const QString UDEV_ID_PATH = QStringLiteral("ID_PATH");
+const QString UDEV_DEVTYPE = QStringLiteral("DEVTYPE");
+const QString UDEV_DEVNAME = QStringLiteral("DEVNAME");
+const QString UDEV_ID_PART_TABLE_TYPE = QStringLiteral("ID_PART_TABLE_TYPE");
+const QString UDEV_PARTN = QStringLiteral("PARTN");
+const QString UDEV_ID_PART_ENTRY_OFFSET = QStringLiteral("ID_PART_ENTRY_OFFSET");
+const QString UDEV_ID_PART_ENTRY_SIZE = QStringLiteral("ID_PART_ENTRY_SIZE");
+const QString UDEV_ID_FS_TYPE = QStringLiteral("ID_FS_TYPE");
+const QString UDEV_ID_FS_LABEL = QStringLiteral("ID_FS_LABEL");
+const QString UDEV_ACTION = QStringLiteral("ACTION");
+const QString UDEV_SEQNUM = QStringLiteral("SEQNUM");
+const QString UDEV_DEVPATH = QStringLiteral("DEVPATH");
+const QString UDEV_ID_PART_ENTRY_TYPE = QStringLiteral("ID_PART_ENTRY_TYPE");
+
 namespace {
 
 const bool ORUIO_UDEVDBG = std::getenv("ORUIO_UDEVDBG") != nullptr;
@@ -41,17 +55,19 @@ int openToRead(const QString& path) {
                     [](const char* p) { return ::open(p, O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
 }
 
-QString textOf(const Properties& props, const char* key) {
-    return props.value(QString::fromLatin1(key)).toString();
+QString textOf(const Properties& props, const QString& key) {
+    const auto property = props.constFind(key);
+    return property == props.constEnd() ? QString() : property->toString();
+}
+
+/// The text of `key` in `props`, which may be null.
+QString textOf(const Properties* props, const QString& key) {
+    return props ? textOf(*props, key) : QString();
 }
 
 /// Whether `props`, which may be null, has `key` and its value is true.
-bool isSet(const Properties* props, const char* key) {
-    return props && props->value(QString::fromLatin1(key)).toBool();
-}
-
-QString optionsOf(const Properties* props) {
-    return props ? textOf(*props, "cmd_opts") : QString();
+bool isSet(const Properties* props, const QString& key) {
+    return props && props->value(key).toBool();
 }
 
 } // namespace
@@ -72,22 +88,20 @@ bool BlockDevice::isMountable() const {
 
 namespace {
 
-/// What a device node tells of itself.
-struct Geometry {
-    quint64 blockSize = 512;
+/// Sets what a device node tells of itself.
+void readGeometry(BlockDevice& device, bool isDisk) {
+    device.m_blkSize = 512;
+    const int fd = openToRead(device.m_devName);
+    if (fd == -1)
+        return;
+    unsigned int physical = 0;
+    if (::ioctl(fd, BLKPBSZGET, &physical) == 0 && physical > 0)
+        device.m_blkSize = physical;
     quint64 bytes = 0;
-
-    explicit Geometry(const QString& node) {
-        const int fd = openToRead(node);
-        unsigned int physical = 0;
-        if (::ioctl(fd, BLKPBSZGET, &physical) == 0 && physical > 0)
-            blockSize = physical;
-        if (::ioctl(fd, BLKGETSIZE64, &bytes) != 0)
-            bytes = 0;
-        if (fd != -1)
-            ::close(fd);
-    }
-};
+    if (isDisk && ::ioctl(fd, BLKGETSIZE64, &bytes) == 0)
+        device.m_totalBlocks = bytes / device.m_blkSize;
+    ::close(fd);
+}
 
 /// Only SD cards have a switch that the kernel tells of.
 void probeWriteProtection(BlockDevice& card) {
@@ -114,18 +128,16 @@ void probeWriteProtection(BlockDevice& card) {
 } // namespace
 
 LinuxBD::LinuxBD(Properties& udevProps) {
-    const auto text = [&](const char* key) { return textOf(udevProps, key); };
+    const auto text = [&](const QString& key) { return textOf(udevProps, key); };
     m_props = udevProps;
     m_idPath = text(UDEV_ID_PATH);
     m_partNum = text(UDEV_PARTN).toUInt();
 
     m_devName = text(UDEV_DEVNAME);
     ORUIO_LOG(LogDebug, "Dev path: %s", m_devName.toUtf8().constData());
-    const Geometry geometry(m_devName);
-    m_blkSize = geometry.blockSize;
-    if (text(UDEV_DEVTYPE) == QLatin1String("disk")) {
-        m_totalBlocks = geometry.bytes / m_blkSize;
-    } else {
+    const bool isDisk = text(UDEV_DEVTYPE) == QLatin1String("disk");
+    readGeometry(*this, isDisk);
+    if (!isDisk) {
         m_startBlock = text(UDEV_ID_PART_ENTRY_OFFSET).toULongLong();
         m_totalBlocks = text(UDEV_ID_PART_ENTRY_SIZE).toULongLong();
     }
@@ -150,9 +162,9 @@ int LinuxBD::mount(QString mountPoint, const Properties* props) {
         return -1;
     }
     unsigned long flags = MS_MGC_VAL | MS_NOATIME | MS_NOEXEC;
-    if (isSet(props, "readonly"))
+    if (isSet(props, QStringLiteral("readonly")))
         flags |= MS_RDONLY;
-    if (isSet(props, "remount"))
+    if (isSet(props, QStringLiteral("remount")))
         flags |= MS_REMOUNT;
 
     const bool isExfat = m_fsType == QLatin1String("exfat");
@@ -173,29 +185,17 @@ int LinuxBD::mount(QString mountPoint, const Properties* props) {
 
 int LinuxBD::umount(const Properties* props) {
     liberrno = Ok;
-    int result = 0;
-    int reason = errno;
-    {
-        const QByteArray device = m_devName.toUtf8();
-        MountTable mounts;
-        if (!mounts.isOpen()) {
-            result = -1;
-            reason = errno;
-        }
-        while (result == 0) {
-            const MountTable::Mount* const mount = mounts.next();
-            if (!mount)
-                break;
-            if (device == mount->device || device == mount->mountPoint) {
-                ORUIO_LOG(LogDebug, "umount device '%s' from '%s'", device.constData(),
-                          mount->mountPoint);
-                result = umountPath(mount->mountPoint, props);
-                reason = errno;
-            }
-        }
+    MountTable mounts;
+    int result = mounts.isRead() ? 0 : -1;
+    const QByteArray device = m_devName.toUtf8();
+    const MountTable::Mount* mount = nullptr;
+    while (result == 0 && (mount = mounts.next())) {
+        if (device != mount->device && device != mount->mountPoint)
+            continue;
+        ORUIO_LOG(LogDebug, "umount device '%s' from '%s'", device.constData(), mount->mountPoint);
+        result = umountPath(mount->mountPoint, props);
     }
     m_umountFailed = result != 0;
-    errno = reason; // closing the table is nobody's failure
     return result;
 }
 
@@ -207,16 +207,16 @@ int LinuxBD::fsck(const Properties* props) {
     return SysCmd("fsck")
         .addArg(m_fsType, "-t")
         .addArg(m_devName)
-        .addArg(optionsOf(props))
+        .addArg(textOf(props, QStringLiteral("cmd_opts")))
         .exec(runs);
 }
 
 int LinuxBD::mkfs(const Properties* props) {
     liberrno = Ok;
     return SysCmd("mkfs")
-        .addArg(props ? textOf(*props, "fs_type") : QString(), "-t")
+        .addArg(textOf(props, QStringLiteral("fs_type")), "-t")
         .addArg(m_devName)
-        .addArg(optionsOf(props))
+        .addArg(textOf(props, QStringLiteral("cmd_opts")))
         .exec(1);
 }
 
@@ -303,11 +303,11 @@ const char* BDMon::Data::getProps(udev_device* dev, Properties& props) {
     for (; entry; entry = udev_list_entry_get_next(entry)) {
         const char* const name = udev_list_entry_get_name(entry);
         const char* const value = udev_device_get_property_value(dev, name);
-        if (std::strcmp(name, UDEV_ID_PATH) == 0)
+        if (UDEV_ID_PATH == QLatin1String(name))
             idPath = value;
         if (ORUIO_UDEVDBG)
             std::printf("  %-20s %s\n", name, value ? value : "");
-        props[QString::fromUtf8(name)] = QString::fromUtf8(value);
+        props.insert(props.constEnd(), QString::fromUtf8(name), QString::fromUtf8(value));
     }
     if (ORUIO_UDEVDBG)
         std::puts("\n*** END DEVICE ***");

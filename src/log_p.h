@@ -27,15 +27,19 @@ enum LogLevel : int {
     LogDebug = 12,
 };
 
-/// Formats the message into a record of the service and hands it over, if `level` is within the
-/// threshold of `channel`. Without a record, the bare text goes to standard error.
+/// Whether `level` is within the threshold of `channel`.
+static inline bool isLogged(int channel, int level) {
+    constexpr int channels = 1000;
+    // Other threads may change the threshold at any time.
+    return channel >= 0 && channel < channels &&
+           level <= __atomic_load_n(&oruLogLevel[channel], __ATOMIC_RELAXED);
+}
+
+/// Formats the message into a record of the service and hands it over, if it is to be logged.
+/// Without a record, the bare text goes to standard error.
 __attribute__((format(printf, 5, 6))) static inline void
 __oruLog(int channel, int level, const char* file, int line, const char* format, ...) {
-    constexpr int channels = 1000;
-    if (channel < 0 || channel >= channels)
-        return;
-    // Other threads may change the threshold at any time.
-    if (level > __atomic_load_n(&oruLogLevel[channel], __ATOMIC_RELAXED))
+    if (!isLogged(channel, level))
         return;
 
     const int savedErrno = errno;
@@ -69,4 +73,9 @@ __oruLog(int channel, int level, const char* file, int line, const char* format,
 #define ORUIO_LOG_CHANNEL(name)                                                                    \
     static const int LOG_CHAN = __oruLogChanReg(name, __FILE__, __LINE__, name)
 
-#define ORUIO_LOG(level, ...) __oruLog(LOG_CHAN, level, __FILE__, __LINE__, __VA_ARGS__)
+/// The arguments are evaluated only if the message is logged.
+#define ORUIO_LOG(level, ...)                                                                      \
+    do {                                                                                           \
+        if (isLogged(LOG_CHAN, level))                                                             \
+            __oruLog(LOG_CHAN, level, __FILE__, __LINE__, __VA_ARGS__);                            \
+    } while (false)

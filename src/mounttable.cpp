@@ -1,29 +1,54 @@
 #include "mounttable_p.h"
 
-#include <cstdlib>
+#include <array>
+#include <cerrno>
 #include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace oru::io {
 
-MountTable::MountTable(const char* path) : m_file(std::fopen(path, "re")) {}
+namespace {
 
-MountTable::~MountTable() {
-    std::free(m_line);
+/// All of a file. \returns false with errno when it cannot be read.
+bool readAll(const char* path, QByteArray& content) {
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd == -1)
+        return false;
+    std::array<char, 4096> piece; // the kernel gives no more at a time
+    ssize_t count = 0;
+    while ((count = ::read(fd, piece.data(), piece.size())) > 0 ||
+           (count == -1 && errno == EINTR)) {
+        if (count > 0)
+            content.append(piece.data(), static_cast<int>(count));
+    }
+    const int reason = errno;
+    ::close(fd);
+    errno = reason;
+    return count == 0;
 }
 
-void MountTable::Closer::operator()(FILE* file) const {
-    std::fclose(file);
-}
+} // namespace
 
-bool MountTable::isOpen() const {
-    return m_file != nullptr;
+MountTable::MountTable(const char* path)
+    : m_line(readAll(path, m_text) ? m_text.data() : nullptr) {}
+
+bool MountTable::isRead() const {
+    return m_line != nullptr;
 }
 
 const MountTable::Mount* MountTable::next() {
-    while (m_file && getline(&m_line, &m_size, m_file.get()) != -1) {
+    const char* const end = m_text.constData() + m_text.size();
+    while (m_line && m_line < end) {
+        char* const line = m_line;
+        auto* const lineEnd = static_cast<char*>(std::memchr(line, '\n', end - line));
+        if (lineEnd)
+            *lineEnd = '\0'; // else the array's own is behind the last line
+        m_line = lineEnd ? lineEnd + 1 : line + (end - line);
         char* rest = nullptr;
-        m_mount.device = strtok_r(m_line, " \n", &rest);
-        m_mount.mountPoint = strtok_r(nullptr, " \n", &rest);
+        m_mount.device = strtok_r(line, " ", &rest);
+        m_mount.mountPoint = strtok_r(nullptr, " ", &rest);
         if (m_mount.mountPoint)
             return &m_mount;
     }

@@ -1,15 +1,12 @@
 // Reading the kernel's table of mounts, proc(5).
 #pragma once
 
-#include <QtGlobal>
-
-#include <cstddef>
-#include <cstdio>
-#include <memory>
+#include <QByteArray>
 
 namespace oru::io {
 
-/// Goes through a table line by line. Lines may have any length and content.
+/// A table as it was at one moment: read piece by piece while something is unmounted, the kernel's
+/// would leave lines out. Its lines may have any length and content.
 class MountTable {
 public:
     /// The first two words of a line, as they stand there: a blank in a name is "\040".
@@ -18,24 +15,18 @@ public:
         const char* mountPoint;
     };
 
-    /// With errno when the table cannot be opened.
+    /// With errno when the table cannot be read.
     explicit MountTable(const char* path = "/proc/mounts");
-    ~MountTable();
 
-    bool isOpen() const;
-    /// The next line that has two words; its texts are valid until the next call. Null at the end.
+    bool isRead() const;
+    /// The next line that has two words; its texts live as long as the table. Null at the end.
     const Mount* next();
 
 private:
     Q_DISABLE_COPY(MountTable)
 
-    struct Closer {
-        void operator()(FILE* file) const;
-    };
-
-    std::unique_ptr<FILE, Closer> m_file;
-    char* m_line = nullptr; // of malloc(3), as getline(3) wants it
-    std::size_t m_size = 0;
+    QByteArray m_text; // with a NUL in place of each line's and word's end that was passed
+    char* m_line;      // where the next one begins; null when there is no table
     Mount m_mount = {};
 };
 

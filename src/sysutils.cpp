@@ -78,23 +78,15 @@ int umountPath(const char* path, const Properties* props) {
         errno = EFAULT;
         return -1;
     }
+    MountTable mounts;
+    if (!mounts.isRead())
+        return -1;
     int result = 0;
-    int reason = errno;
-    {
-        MountTable mounts;
-        if (!mounts.isOpen())
-            return -1;
-        while (result == 0) {
-            const MountTable::Mount* const mount = mounts.next();
-            if (!mount)
-                break;
-            if (std::strcmp(mount->mountPoint, path) == 0) {
-                result = umountLast(path, mount->device, props);
-                reason = errno;
-            }
-        }
+    const MountTable::Mount* mount = nullptr;
+    while (result == 0 && (mount = mounts.next())) {
+        if (std::strcmp(mount->mountPoint, path) == 0)
+            result = umountLast(path, mount->device, props);
     }
-    errno = reason; // closing the table is nobody's failure
     return result;
 }
 

@@ -299,6 +299,23 @@ TEST_F(UmountPath, StackedMounts_AllGo) {
     EXPECT_EQ(refusal.calls, 0);
 }
 
+// The kernel gives its table out in pieces, and after an unmount goes on behind what it gave.
+TEST_F(UmountPath, StackAcrossPiecesOfTheTable_AllGo) {
+    for (int others = 0; others < 60; ++others) {
+        const QByteArray other =
+            QFile::encodeName(temp.path()) + "/another-mount-" + QByteArray::number(others);
+        ASSERT_EQ(mkdir(other.constData(), 0755), 0);
+        ASSERT_EQ(mount("tmpfs", other.constData(), "tmpfs", 0, nullptr), 0);
+        for (int i = 0; i < 3; ++i)
+            mountHere("some");
+        EXPECT_EQ(unmount(), 0);
+        ASSERT_EQ(mounts(), 0) << "beside " << others << " others";
+    }
+    for (int others = 0; others < 60; ++others)
+        umount2((temp / "another-mount-" + QString::number(others)).toUtf8().constData(),
+                MNT_DETACH);
+}
+
 TEST_F(UmountPath, OtherMounts_Stay) {
     mountHere("ours");
     const QByteArray part = QFile::encodeName(path).chopped(1);
@@ -399,7 +416,7 @@ std::vector<std::string> mountsOf(const QByteArray& content) {
     file.close();
     std::vector<std::string> found;
     MountTable table(QFile::encodeName(path).constData());
-    EXPECT_TRUE(table.isOpen());
+    EXPECT_TRUE(table.isRead());
     while (const MountTable::Mount* mount = table.next())
         found.push_back(std::string(mount->device) + ' ' + mount->mountPoint);
     EXPECT_EQ(table.next(), nullptr);
@@ -429,7 +446,7 @@ TEST(MountTable, LongLines_Whole) {
 
 TEST(MountTable, NoFile_WhyIsTold) {
     MountTable table("/no/such/table");
-    EXPECT_FALSE(table.isOpen());
+    EXPECT_FALSE(table.isRead());
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(table.next(), nullptr);
 }

@@ -24,20 +24,21 @@
 
 namespace oru::io {
 
-// The names of udev's properties, as in the table of udev(7) and in the output of `udevadm info`.
-inline constexpr char UDEV_ID_PATH[] = "ID_PATH";
-inline constexpr char UDEV_DEVTYPE[] = "DEVTYPE";
-inline constexpr char UDEV_DEVNAME[] = "DEVNAME";
-inline constexpr char UDEV_ID_PART_TABLE_TYPE[] = "ID_PART_TABLE_TYPE";
-inline constexpr char UDEV_PARTN[] = "PARTN";
-inline constexpr char UDEV_ID_PART_ENTRY_OFFSET[] = "ID_PART_ENTRY_OFFSET";
-inline constexpr char UDEV_ID_PART_ENTRY_SIZE[] = "ID_PART_ENTRY_SIZE";
-inline constexpr char UDEV_ID_FS_TYPE[] = "ID_FS_TYPE";
-inline constexpr char UDEV_ID_FS_LABEL[] = "ID_FS_LABEL";
-inline constexpr char UDEV_ACTION[] = "ACTION";
-inline constexpr char UDEV_SEQNUM[] = "SEQNUM";
-inline constexpr char UDEV_DEVPATH[] = "DEVPATH";
-inline constexpr char UDEV_ID_PART_ENTRY_TYPE[] = "ID_PART_ENTRY_TYPE";
+// The names of udev's properties, as `udevadm info` shows them: each constant is called after its
+// text.
+ORUIO_EXPORT extern const QString UDEV_ID_PATH;
+ORUIO_EXPORT extern const QString UDEV_DEVTYPE;
+ORUIO_EXPORT extern const QString UDEV_DEVNAME;
+ORUIO_EXPORT extern const QString UDEV_ID_PART_TABLE_TYPE;
+ORUIO_EXPORT extern const QString UDEV_PARTN;
+ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_OFFSET;
+ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_SIZE;
+ORUIO_EXPORT extern const QString UDEV_ID_FS_TYPE;
+ORUIO_EXPORT extern const QString UDEV_ID_FS_LABEL;
+ORUIO_EXPORT extern const QString UDEV_ACTION;
+ORUIO_EXPORT extern const QString UDEV_SEQNUM;
+ORUIO_EXPORT extern const QString UDEV_DEVPATH;
+ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_TYPE;
 
 /// How often fsck() tries unless told otherwise.
 inline constexpr int FSCK_RETRIES = 3;

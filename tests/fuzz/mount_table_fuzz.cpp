@@ -43,7 +43,7 @@ bool isWord(const char* text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const Table file(data, size);
     MountTable table(file.path().c_str());
-    require(table.isOpen(), "a table is read");
+    require(table.isRead(), "a table is read");
     std::size_t lines = 1;
     for (std::size_t i = 0; i < size; ++i)
         lines += data[i] == '\n';

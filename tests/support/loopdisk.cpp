@@ -1,0 +1,226 @@
+#include "loopdisk.h"
+
+#include "childprocess.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace oru::io::test {
+
+namespace {
+
+const QStringList toolDirectories = {"/usr/sbin", "/usr/bin", "/sbin", "/bin"};
+
+// Waits for one word. When the end comes without one, the test has died: then it detaches the image
+// $1, from whichever loop device it is on, and removes its directory. One that is still mounted
+// goes with the last process that has these mounts, which may be this one.
+constexpr char guardScript[] = R"(
+exec 3<&0
+{
+    read -r _ || {
+        losetup --list --noheadings --output NAME --associated "$image" | while read -r disk; do
+            partx --delete "$disk"
+            losetup --detach "$disk"
+        done
+        rm -rf "${image%/*}"
+    }
+} <&3 3<&- >/dev/null 2>&1 &
+)";
+
+/// \returns a pipe to the guard of an image, which is no child of this process.
+FILE* startGuard(const QString& image) {
+    const QString script = QStringLiteral("PATH=%1 image='%2'\n%3")
+                               .arg(toolDirectories.join(':'), image, QLatin1String(guardScript));
+    return ::popen(qPrintable(script), "we");
+}
+
+QByteArray contents(const QString& path) {
+    QFile file(path);
+    return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool isBlockDevice(const QString& path) {
+    struct stat status;
+    return ::stat(qPrintable(path), &status) == 0 && S_ISBLK(status.st_mode);
+}
+
+} // namespace
+
+ToolRun runTool(const QStringList& command, const QByteArray& input) {
+    QProcess process;
+    const QStringList environment = {"PATH=" + toolDirectories.join(':'), "LC_ALL=C"};
+    process.start("/usr/bin/env", environment + command);
+    process.write(input);
+    process.closeWriteChannel();
+    const bool hasExited = process.waitForStarted() && process.waitForFinished() &&
+                           process.exitStatus() == QProcess::NormalExit;
+    return {hasExited ? process.exitCode() : -1, process.readAllStandardOutput(),
+            process.readAllStandardError()};
+}
+
+QString outputOf(const QStringList& command) {
+    const ToolRun run = runTool(command);
+    const QByteArray& text = run.status == 0 ? run.output : run.errors;
+    return QString::fromUtf8(text).trimmed();
+}
+
+QString missingTool(const QStringList& names) {
+    for (const QString& name : names) {
+        if (QStandardPaths::findExecutable(name, toolDirectories).isEmpty())
+            return name;
+    }
+    return {};
+}
+
+QString LoopDisk::missing() {
+    const QString tool = missingTool({"losetup", "partx", "sfdisk"});
+    if (!tool.isEmpty())
+        return tool + " is not installed";
+    const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+    if (control == -1)
+        return QStringLiteral("no loop devices: %1").arg(std::strerror(errno));
+    ::close(control);
+    if (::access("/sys/block", W_OK) != 0)
+        return QStringLiteral("/sys cannot be written to: %1").arg(std::strerror(errno));
+    return {};
+}
+
+LoopDisk::LoopDisk(qint64 bytes, const QByteArray& table, int sectorSize) {
+    QFile file(image());
+    if (!file.open(QFile::WriteOnly) || !file.resize(bytes)) {
+        m_problem = file.errorString();
+        return;
+    }
+    m_guard.reset(startGuard(image()));
+    attach(sectorSize);
+    if (m_problem.isEmpty() && !table.isEmpty())
+        addPartitions(table);
+}
+
+/// Finds an unused loop device, which other processes may be looking for as well.
+void LoopDisk::attach(int sectorSize) {
+    // With --partscan, the partitions go when the device is detached. The kernel's own look at them
+    // finds none yet, whatever tables it understands.
+    const ToolRun run = runTool({"losetup", "--find", "--show", "--partscan", "--sector-size",
+                                 QString::number(sectorSize), image()});
+    m_name = QFileInfo(QString::fromUtf8(run.output).trimmed()).fileName();
+    if (run.status != 0 || !isAttached())
+        m_problem = "cannot attach a disk: " + QString::fromUtf8(run.errors);
+}
+
+void LoopDisk::addPartitions(const QByteArray& table) {
+    // A program that wrote to a partition which had just gone has left a file in its place.
+    for (const QString& path : QDir("/dev").entryList({m_name + "p*"}, QDir::Files)) {
+        if (!isBlockDevice("/dev/" + path))
+            QFile::remove("/dev/" + path);
+    }
+    ToolRun run = runTool({"sfdisk", "--quiet", "--no-reread", "--no-tell-kernel", node()}, table);
+    if (run.status == 0)
+        run = runTool({"partx", "--update", node()});
+    const QList<int> added = partitions();
+    const bool haveNodes = std::all_of(added.begin(), added.end(), [this](int partition) {
+        return eventually([&] { return isBlockDevice(node(partition)); });
+    });
+    if (run.status != 0 || added.isEmpty() || !haveNodes)
+        m_problem = "cannot partition the disk: " + QString::fromUtf8(run.errors);
+}
+
+LoopDisk::~LoopDisk() {
+    // Somebody else may look at the disk for a moment: then it is detached after that.
+    if (isAttached()) {
+        unmount();
+        removePartitions();
+        runTool({"losetup", "--detach", node()});
+    }
+    if (!eventually([this] { return !isAttached(); }))
+        std::fprintf(stderr, "%s is still attached\n", qPrintable(node()));
+    else if (m_guard)
+        std::fputs("done\n", m_guard.get());
+}
+
+void LoopDisk::GuardCloser::operator()(FILE* guard) const {
+    ::pclose(guard);
+}
+
+/// Here, as other processes have mounts of their own.
+void LoopDisk::unmount() const {
+    const QList<QByteArray> lines = contents("/proc/self/mounts").split('\n');
+    for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
+        const QList<QByteArray> words = line->split(' ');
+        const QString device = QString::fromUtf8(words[0]);
+        if (device != node() && !device.startsWith(node() + 'p'))
+            continue;
+        QByteArray directory = words[1];
+        directory.replace("\\040", " ");
+        ::umount2(directory.constData(), MNT_DETACH);
+    }
+}
+
+bool LoopDisk::removePartitions() const {
+    return eventually([this] {
+        return partitions().isEmpty() || runTool({"partx", "--delete", node()}).status == 0;
+    });
+}
+
+QString LoopDisk::problem() const {
+    return m_problem;
+}
+
+QString LoopDisk::name() const {
+    return m_name;
+}
+
+QString LoopDisk::node(int partition) const {
+    const QString disk = "/dev/" + m_name;
+    return partition == 0 ? disk : disk + 'p' + QString::number(partition);
+}
+
+QString LoopDisk::place(int partition) const {
+    const QString disk = "/sys/block/" + m_name;
+    return partition == 0 ? disk : disk + '/' + m_name + 'p' + QString::number(partition);
+}
+
+QList<int> LoopDisk::partitions() const {
+    QList<int> numbers;
+    for (const QString& entry : QDir(place()).entryList({m_name + "p*"}, QDir::Dirs))
+        numbers.append(entry.mid(m_name.size() + 1).toInt());
+    return numbers;
+}
+
+QString LoopDisk::image() const {
+    return m_directory / "disk.img";
+}
+
+bool LoopDisk::isAttached() const {
+    return !m_name.isEmpty() &&
+           QString::fromUtf8(contents(place() + "/loop/backing_file")).trimmed() == image();
+}
+
+bool LoopDisk::tell(const char* action, int partition) const {
+    QFile file(place(partition) + "/uevent");
+    return file.open(QFile::WriteOnly | QFile::Unbuffered) && file.write(action) > 0;
+}
+
+bool LoopDisk::plugIn() const {
+    const QList<int> all = partitions();
+    return tell("add") &&
+           std::all_of(all.begin(), all.end(), [this](int number) { return tell("add", number); });
+}
+
+bool LoopDisk::unplug() const {
+    return removePartitions() && tell("remove");
+}
+
+} // namespace oru::io::test

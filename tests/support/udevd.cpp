@@ -1,0 +1,128 @@
+#include "udevd.h"
+
+#include "loopdisk.h"
+
+#include <QDir>
+#include <QFile>
+#include <QStandardPaths>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace oru::io::test {
+
+namespace {
+
+constexpr char rulesFile[] = "/run/udev/rules.d/10-test.rules";
+constexpr char logFile[] = "/run/udev/log";
+
+// Of what has been removed, udevd tells what it knew.
+constexpr char rules[] = R"(SUBSYSTEM!="block", GOTO="end"
+ACTION=="remove", GOTO="end"
+ENV{DEVTYPE}=="disk", IMPORT{file}="/run/id-paths/$kernel"
+ENV{DEVTYPE}=="partition", IMPORT{parent}="ID_*"
+ENV{ID_PATH}=="", GOTO="end"
+IMPORT{builtin}="blkid"
+LABEL="end"
+)";
+
+QString udevdProgram() {
+    return QStandardPaths::findExecutable("systemd-udevd", {"/usr/lib/systemd", "/lib/systemd"});
+}
+
+QString idPathFile(const QString& disk) {
+    return "/run/id-paths/" + disk;
+}
+
+bool writeFile(const QString& path, const QByteArray& text) {
+    QFile file(path);
+    return file.open(QFile::WriteOnly) && file.write(text) == text.size();
+}
+
+QString contents(const QString& path) {
+    QFile file(path);
+    return file.open(QFile::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+/// What the child process does.
+int runUdevd(const QByteArray& program) {
+    const int log = ::open(logFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ::dup2(log, STDOUT_FILENO);
+    ::dup2(log, STDERR_FILENO);
+    // It goes by the name that it is started by.
+    ::execl(program.constData(), "systemd-udevd", nullptr);
+    return 127;
+}
+
+} // namespace
+
+QString Udevd::missing() {
+    if (udevdProgram().isEmpty())
+        return QStringLiteral("systemd-udevd is not installed");
+    const QString tool = missingTool({"udevadm"});
+    return tool.isEmpty() ? QString() : tool + " is not installed";
+}
+
+Udevd::Udevd() {
+    // The system's rules are not for this udevd, nor are links in /dev, which all would see.
+    QDir().mkpath("/dev/block");
+    for (const char* directory : {"/run", "/dev/block", "/etc/udev/rules.d",
+                                  "/usr/local/lib/udev/rules.d", "/usr/lib/udev/rules.d"}) {
+        if (QFile::exists(directory) && !cover(directory)) {
+            m_problem =
+                QStringLiteral("cannot mount on %1: %2").arg(directory, std::strerror(errno));
+            return;
+        }
+    }
+    if (!QDir().mkpath("/run/udev/rules.d") || !QDir().mkpath("/run/id-paths") ||
+        !writeFile(rulesFile, rules)) {
+        m_problem = QStringLiteral("cannot write to /run");
+        return;
+    }
+    const QByteArray program = udevdProgram().toUtf8();
+    m_process = std::make_unique<ChildProcess>([&] { return runUdevd(program); });
+    if (!eventually([] { return QFile::exists("/run/udev/control"); }) || !settle())
+        m_problem = "udevd does not answer: " + contents(logFile);
+}
+
+Udevd::~Udevd() {
+    if (m_process) {
+        m_process->signal(SIGTERM);
+        m_process->wait();
+        m_process.reset();
+    }
+    while (!m_covered.isEmpty())
+        ::umount2(qPrintable(m_covered.takeLast()), MNT_DETACH);
+}
+
+bool Udevd::cover(const QString& directory) {
+    if (::mount("tmpfs", qPrintable(directory), "tmpfs", 0, "mode=755") != 0)
+        return false;
+    m_covered.append(directory);
+    return true;
+}
+
+QString Udevd::problem() const {
+    return m_problem;
+}
+
+bool Udevd::setIdPath(const QString& disk, const QString& idPath) const {
+    // What happened before shall not be told with it.
+    return settle() && writeFile(idPathFile(disk), "ID_PATH=" + idPath.toUtf8() + '\n');
+}
+
+void Udevd::clearIdPath(const QString& disk) const {
+    settle();
+    QFile::remove(idPathFile(disk));
+}
+
+bool Udevd::settle() const {
+    return runTool({"udevadm", "settle", "--timeout=30"}).status == 0;
+}
+
+} // namespace oru::io::test
