@@ -87,7 +87,7 @@ private:
                 "12AB-34CD", "ID_FS_VERSION", "FAT32", "ID_PART_ENTRY_OFFSET", "8192",
                 "ID_PART_ENTRY_SIZE", "15523840", "ID_PART_ENTRY_TYPE", "0xc", "ID_PART_TABLE_TYPE",
                 "dos", nullptr);
-            const QByteArray result = added;
+            QByteArray result = added;
             g_free(added);
             return result;
         };
