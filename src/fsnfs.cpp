@@ -1,6 +1,10 @@
 #include <oruio/fsnfs.h>
 #include <oruio/sysutils.h>
 
+#include "mounttable_p.h"
+
+#include <utility>
+
 #include <sys/stat.h>
 
 #include "log_p.h"
@@ -45,7 +49,7 @@ int NFS::connect(Properties props) {
 }
 
 int NFS::disconnect() {
-    const int result = umountPath(mountPoint().toUtf8().constData(), &connectProps);
+    const int result = umountPath(tableMountPoint(mountPoint()).constData(), &connectProps);
     if (result == 0)
         connectProps.clear();
     return result;

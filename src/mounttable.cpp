@@ -31,6 +31,13 @@ bool readAll(const char* path, QByteArray& content) {
 
 } // namespace
 
+QByteArray tableMountPoint(const QString& directory) {
+    QByteArray path = directory.toUtf8();
+    while (path.size() > 1 && path.endsWith('/'))
+        path.chop(1);
+    return path;
+}
+
 MountTable::MountTable(const char* path)
     : m_line(readAll(path, m_text) ? m_text.data() : nullptr) {}
 

@@ -2,8 +2,13 @@
 #pragma once
 
 #include <QByteArray>
+#include <QString>
 
 namespace oru::io {
+
+/// A mount point as the table has it: without a slash at its end, which mount(2) does not mind but
+/// whose mount umountPath() would not find.
+QByteArray tableMountPoint(const QString& directory);
 
 /// A table as it was at one moment: read piece by piece while something is unmounted, the kernel's
 /// would leave lines out. Its lines may have any length and content.

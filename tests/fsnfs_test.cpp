@@ -127,6 +127,14 @@ TEST_F(NfsTest, Connected_IsTheExport) {
     EXPECT_EQ(nfs.disconnect(), 0);
 }
 
+TEST_F(NfsTest, SlashAtTheEnd_UnmountsAllTheSame) {
+    NFS nfs(path + '/');
+    EXPECT_EQ(nfs.connect(target), 0);
+    EXPECT_EQ(mounted().size(), 1);
+    EXPECT_EQ(nfs.disconnect(), 0);
+    EXPECT_EQ(mounted(), QStringList());
+}
+
 TEST_F(NfsTest, ConnectAgain_InPlaceOfTheOneBefore) {
     NFS nfs(path);
     ASSERT_EQ(mount("somebody-elses", QFile::encodeName(path).constData(), "tmpfs", 0, nullptr), 0);

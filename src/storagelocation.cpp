@@ -1,0 +1,434 @@
+#include <oruio/error.h>
+#include <oruio/fsnfs.h>
+#include <oruio/fssmb.h>
+#include <oruio/fsswitch.h>
+#include <oruio/storagelocation.h>
+#include <oruio/sysutils.h>
+
+#include "mounttable_p.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include <fcntl.h>
+
+#include "log_p.h"
+#include "notimplemented_p.h"
+
+ORUIO_LOG_CHANNEL("stg");
+
+namespace oru::io {
+
+namespace {
+
+/// \returns -1 with liberrno NotFound.
+int notFound() {
+    liberrno = NotFound;
+    return -1;
+}
+
+/// What disable() says of a location that is mounted.
+int refuseToDisable(const char* name) {
+    ORUIO_LOG(LogFailure, "%s: disable of mounted media fails\n", name);
+    return -1;
+}
+
+} // namespace
+
+// --- StorageLocation ----------------------------------------------------------------------------
+
+StorageLocation::StorageLocation(const char* name, FS::SPtr fs, Properties* props)
+    : m_name(strdup(name ? name : "")), m_fs(std::move(fs)),
+      m_props(props ? *props : Properties()) {
+    // For connections across threads, and for QSignalSpy.
+    qRegisterMetaType<StorageLocation*>();
+    qRegisterMetaType<StorageLocation*>("StorageLocation*");
+    qRegisterMetaType<AccessType>();
+}
+
+StorageLocation::~StorageLocation() {
+    std::free(m_name);
+}
+
+const char* StorageLocation::name() {
+    return m_name;
+}
+
+FS::SPtr StorageLocation::fs() {
+    return m_fs;
+}
+
+StorageLocation::AccessType StorageLocation::access() {
+    return m_access;
+}
+
+void StorageLocation::accessChange(AccessType t) {
+    m_access = t;
+}
+
+const char* StorageLocation::straccess(AccessType t) {
+    switch (t) {
+    case None:
+        return "None";
+    case Presence:
+        return "Presence";
+    case Read:
+        return "Read";
+    case Write:
+        return "Write";
+    }
+    return "Invalid";
+}
+
+int StorageLocation::enable() {
+    m_enabled = true;
+    return 0;
+}
+
+int StorageLocation::disable() {
+    m_enabled = false;
+    return 0;
+}
+
+int StorageLocation::check() {
+    return notImplemented();
+}
+
+int StorageLocation::mkReadOnly() {
+    return notImplemented();
+}
+
+int StorageLocation::mkWriteable() {
+    return notImplemented();
+}
+
+int StorageLocation::mount(Properties*) {
+    return notImplemented();
+}
+
+int StorageLocation::umount(Properties*) {
+    return notImplemented();
+}
+
+bool StorageLocation::isWriteProtected() {
+    return false;
+}
+
+// --- SystemLocation -----------------------------------------------------------------------------
+
+namespace {
+
+const QString mountPointKey = QStringLiteral("mountPoint");
+const QString readonlyKey = QStringLiteral("readonly");
+
+/// The type of partitions that hold what starts a computer, in a GUID partition table.
+constexpr char efiSystemPartition[] = "c12a7328-f81f-11d2-ba4b-00a0c93ec93b";
+
+bool isWholeDisk(const BlockDevice& device) {
+    return device.m_partNum == 0;
+}
+
+} // namespace
+
+SystemLocation::SystemLocation(const char* name, FS::SPtr fs, Properties* props)
+    : StorageLocation(name, std::move(fs), props),
+      m_blkDevId(m_props.value(QStringLiteral("blkDevId")).toString()) {
+    // For slots that are invoked by name.
+    qRegisterMetaType<BlockDevice::SPtr>("BlockDevice::SPtr");
+}
+
+SystemLocation::~SystemLocation() = default;
+
+int SystemLocation::enable() {
+    return StorageLocation::enable();
+}
+
+int SystemLocation::disable() {
+    return m_access >= Read ? refuseToDisable(m_name) : StorageLocation::disable();
+}
+
+int SystemLocation::check() {
+    return selectedPart() ? selectedPart()->fsck(nullptr) : notFound();
+}
+
+int SystemLocation::mkReadOnly() {
+    if (!m_present)
+        return notFound();
+    if (m_access == Read)
+        return 0;
+    Properties opts;
+    return mountOptions(opts, nullptr, true) ? mount(&opts) : notFound();
+}
+
+int SystemLocation::mkWriteable() {
+    if (m_present && m_access == Write)
+        return 0;
+    if (m_blkDevWhole && m_blkDevWhole->m_writeProtected) {
+        ORUIO_LOG(LogFailure, "%s: is write protected; cannot make writable\n", m_name);
+        return notImplemented(); // what programs know write protection by
+    }
+    Properties opts;
+    if (!selectedPart() || !mountOptions(opts, nullptr, false))
+        return notFound();
+    return selectedPart()->mount(opts[mountPointKey].toString(), &opts);
+}
+
+int SystemLocation::mount(Properties* props) {
+    if (m_access < Read)
+        m_mounted = false;
+    Properties opts;
+    if (!selectedPart() || !mountOptions(opts, props, props && props->contains(readonlyKey)))
+        return notFound();
+    const int result = selectedPart()->mount(opts[mountPointKey].toString(), &opts);
+    m_mountOk = result >= 0;
+    if (!m_mountOk) {
+        accessChange(None);
+        return notFound();
+    }
+    accessChange(opts[readonlyKey].toBool() ? Read : Write);
+    m_mounted = true;
+    return result;
+}
+
+int SystemLocation::umount(Properties* props) {
+    if (!m_mounted)
+        return 0;
+    Properties opts;
+    if (!m_fs || !mountOptions(opts, props, false))
+        return notFound();
+    const QByteArray mountPoint = tableMountPoint(opts[mountPointKey].toString());
+    const int result = umountPath(mountPoint.constData(), &opts);
+    if (result != 0)
+        return result;
+    if (m_access > Presence)
+        accessChange(Presence);
+    m_mountOk = false;
+    m_mounted = false;
+    return result;
+}
+
+bool SystemLocation::isWriteProtected() {
+    return m_blkDevWhole && m_blkDevPart && m_blkDevWhole->m_writeProtected;
+}
+
+int SystemLocation::format(Properties* props) {
+    ORUIO_LOG(LogNotice, "mounted: %s blkdev: %s\n", m_mounted ? "T" : "F",
+              m_blkDevWhole ? m_blkDevWhole->m_devName.toUtf8().constData() : "NA");
+    if (m_mounted) {
+        ORUIO_LOG(LogFailure, "%s:Format request while device is mounted fails\n", m_name);
+        return notFound();
+    }
+    if (!m_blkDevWhole) {
+        ORUIO_LOG(LogFailure, "%s: has no block device data; cannot format\n", m_name);
+        return notFound();
+    }
+    if (m_blkDevWhole->m_writeProtected) {
+        ORUIO_LOG(LogFailure, "%s: is write protected; cannot format\n", m_name);
+        return notImplemented(); // as in mkWriteable()
+    }
+    return m_blkDevWhole->format(props);
+}
+
+bool SystemLocation::matchesId(QString id) {
+    return m_blkDevId == id;
+}
+
+int SystemLocation::logBDEvent(BDMon::Event& ev) {
+    const BlockDevice& device = *ev.dev;
+    const auto text = [](const QString& field) { return field.toUtf8(); };
+    ORUIO_LOG(LogDebug, "%s:  Sequence Number: %d Action: %s\n", m_name, device.m_seqNum,
+              text(device.m_action).constData());
+    ORUIO_LOG(LogDebug, "%s: '%s' [%u] --> '%s'\n", m_name, text(device.m_idPath).constData(),
+              device.m_partNum, text(device.m_devName).constData());
+    ORUIO_LOG(LogDebug, "%s:  StartBlock: %llu  TotalBlocks: %llu  BlkSize: %llu\n", m_name,
+              device.m_startBlock, device.m_totalBlocks, device.m_blkSize);
+    ORUIO_LOG(LogDebug, "%s:  PartitionType: '%s'  FSType: '%s'\n", m_name,
+              text(device.m_partTableType).constData(), text(device.m_fsType).constData());
+    ORUIO_LOG(LogDebug, "%s:  FSLabel: '%s'   Mountable: %s\n", m_name,
+              text(device.m_fsLabel).constData(), device.isMountable() ? "Yes" : "No");
+    return 0;
+}
+
+int SystemLocation::processBDEvents(BDMon::EventListSPtr events) {
+    if (!events)
+        return 0;
+    for (BDMon::Event& event : *events) {
+        if (!event.dev || !matchesId(event.dev->m_idPath))
+            continue;
+        const QByteArray node = event.dev->m_devName.toUtf8();
+        if (event.action == QLatin1String("add")) {
+            logBDEvent(event);
+            ORUIO_LOG(LogNotice, "%s device add: %s\n", m_name, node.constData());
+            if (event.dev->m_partEntryType == QLatin1String(efiSystemPartition))
+                ORUIO_LOG(LogNotice, "%s skipping EFI system partition\n", m_name);
+            else
+                addBlockDevice(event.dev);
+        } else if (event.action == QLatin1String("remove")) {
+            logBDEvent(event);
+            ORUIO_LOG(LogNotice, "%s device remove: %s\n", m_name, node.constData());
+            removeBlockDevice(event.dev);
+        }
+    }
+    return 0;
+}
+
+BlockDevice::SPtr& SystemLocation::selectedPart() {
+    return m_blkDevPart ? m_blkDevPart : m_blkDevWhole;
+}
+
+bool SystemLocation::fixFSType() {
+    if (!m_blkDevWhole || !m_blkDevPart)
+        return false;
+    if (m_blkDevPart->m_fsType.isEmpty())
+        m_blkDevPart->m_fsType = QStringLiteral("exfat");
+    return true;
+}
+
+bool SystemLocation::mountOptions(Properties& opts, Properties* props, bool readonly) {
+    if (props)
+        opts = *props;
+    if (!opts.contains(mountPointKey)) {
+        const QStringList mountPoints = FSSwitch::rootfs()->getMountPoints(m_fs);
+        if (!m_fs || mountPoints.isEmpty())
+            return false;
+        opts[mountPointKey] = mountPoints.first();
+    }
+    opts[readonlyKey] = readonly;
+    if (m_mounted)
+        opts[QStringLiteral("remount")] = true;
+    return true;
+}
+
+void SystemLocation::addBlockDevice(BlockDevice::SPtr spbd) {
+    if (!spbd || spbd->m_idPath != m_blkDevId)
+        return;
+    if (isWholeDisk(*spbd)) {
+        m_blkDevWhole = spbd;
+        m_blkDevPart.clear();
+    }
+    const bool isLargest = !m_blkDevPart || spbd->capacity() > m_blkDevPart->capacity();
+    if (spbd->isMountable() && isLargest)
+        m_blkDevPart = spbd;
+    if (spbd->m_writeProtected)
+        m_writeProtected = true;
+    m_present = true;
+    accessChange(Presence);
+}
+
+void SystemLocation::removeBlockDevice(BlockDevice::SPtr spbd) {
+    if (!spbd || spbd->m_idPath != m_blkDevId)
+        return;
+    m_present = false;
+    if (isWholeDisk(*spbd))
+        m_blkDevWhole.clear();
+    m_blkDevPart.clear();
+    accessChange(None);
+}
+
+// --- RemoteLocation -----------------------------------------------------------------------------
+
+namespace {
+
+/// What a share's file system can do beside the operations of every other. It is found at each
+/// call: a location may have any file system.
+class Connection {
+public:
+    explicit Connection(const FS::SPtr& fs)
+        : m_smb(dynamic_cast<Smb2FS*>(fs.data())), m_nfs(dynamic_cast<NFS*>(fs.data())) {}
+
+    bool exists() const {
+        return m_smb || m_nfs;
+    }
+    bool isLocalDirectory() const {
+        return m_nfs != nullptr;
+    }
+    int connect(const Properties& props) const {
+        return m_smb ? m_smb->connect(props) : m_nfs ? m_nfs->connect(props) : -1;
+    }
+    int disconnect() const {
+        return m_smb ? m_smb->disconnect() : m_nfs ? m_nfs->disconnect() : 0;
+    }
+    bool isConnected() const {
+        return m_smb ? m_smb->isConnected() : m_nfs && m_nfs->isConnected();
+    }
+
+private:
+    Smb2FS* const m_smb;
+    NFS* const m_nfs;
+};
+
+/// The file by which a share is tried: several devices may try one share at a time.
+QString markerName() {
+    const char* const serial = std::getenv("SERIAL_NUMBER");
+    return QStringLiteral("ORU-write-check-") + QString::fromUtf8(serial ? serial : "unknown");
+}
+
+/// Whether a file can be made. It is removed again.
+bool isWritable(FS& fs, const QString& marker) {
+    fs.unlink(marker); // of an earlier time
+    const bool isMade = !fs.open(marker, O_RDWR | O_CREAT, 0666).isNull();
+    fs.unlink(marker);
+    return isMade;
+}
+
+} // namespace
+
+RemoteLocation::RemoteLocation(const char* name, FS::SPtr fs, Properties* props)
+    : StorageLocation(name, std::move(fs), props) {}
+
+RemoteLocation::~RemoteLocation() = default;
+
+int RemoteLocation::enable() {
+    return StorageLocation::enable();
+}
+
+int RemoteLocation::disable() {
+    return m_access >= Read ? refuseToDisable(m_name) : StorageLocation::disable();
+}
+
+int RemoteLocation::check() {
+    return 1;
+}
+
+int RemoteLocation::mount(Properties* props) {
+    const int result = Connection(m_fs).connect(props ? *props : m_props);
+    accessChange(result == 0 ? Write : None);
+    return result;
+}
+
+int RemoteLocation::umount(Properties*) {
+    const int result = Connection(m_fs).disconnect();
+    if (result == 0)
+        accessChange(None);
+    return result;
+}
+
+int RemoteLocation::probe(bool* writable, QString* subdir, bool noConnect) {
+    const Connection connection(m_fs);
+    int result = 0;
+    if (!noConnect && !connection.isConnected())
+        result = connection.connect(m_props);
+    if (result != 0) {
+        connection.disconnect();
+        return result;
+    }
+    if (writable && m_fs) {
+        QString marker = subdir ? *subdir + '/' + markerName() : markerName();
+        if (connection.isLocalDirectory())
+            marker.prepend('/');
+        *writable = isWritable(*m_fs, marker);
+    }
+    return result;
+}
+
+void RemoteLocation::setProperties(Properties& props) {
+    m_props = props;
+}
+
+bool RemoteLocation::ping() {
+    const Connection connection(m_fs);
+    return !connection.exists() || connection.isConnected();
+}
+
+} // namespace oru::io
