@@ -23,6 +23,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "log_p.h"
@@ -49,10 +50,16 @@ namespace {
 
 const bool ORUIO_UDEVDBG = std::getenv("ORUIO_UDEVDBG") != nullptr;
 
-/// Opens for reading, without waiting for anything. \returns a descriptor, or -1 with errno.
+/// Opens for reading. Whatever is there, nothing is waited for but a block device's medium, which
+/// O_NONBLOCK would take for present. \returns a descriptor, or -1 with errno.
 int openToRead(const QString& path) {
-    return withPath(path,
-                    [](const char* p) { return ::open(p, O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
+    return withPath(path, [](const char* p) {
+        struct stat st;
+        if (::stat(p, &st) != 0)
+            return -1;
+        const int flags = S_ISBLK(st.st_mode) ? 0 : O_NONBLOCK;
+        return ::open(p, O_RDONLY | O_CLOEXEC | O_NOCTTY | flags);
+    });
 }
 
 QString textOf(const Properties& props, const QString& key) {
@@ -169,7 +176,9 @@ int LinuxBD::mount(QString mountPoint, const Properties* props) {
 
     const bool isExfat = m_fsType == QLatin1String("exfat");
     const bool isFat = m_fsType == QLatin1String("vfat") || m_fsType == QLatin1String("fat");
-    const QByteArray type = isExfat ? QByteArrayLiteral("ufsd") : m_fsType.toUtf8();
+    SystemText type;
+    if (!toSystem(isExfat ? QStringLiteral("ufsd") : m_fsType, type))
+        return -1;
     const char* const data = isExfat ? "nls=utf8" : isFat ? "usefree" : nullptr;
     return withPaths(m_devName, mountPoint, [&](const char* device, const char* directory) {
         ORUIO_LOG(LogDebug, "mount %s %s %s flags 0x%x %s\n", device, directory, type.constData(),
@@ -203,7 +212,7 @@ int LinuxBD::fsck(const Properties* props) {
     liberrno = Ok;
     const QString retries = QStringLiteral("retries");
     const int runs =
-        props && props->contains(retries) ? props->value(retries).toInt() : FSCK_RETRIES;
+        props && props->contains(retries) ? textOf(*props, retries).toInt() : FSCK_RETRIES;
     return SysCmd("fsck")
         .addArg(m_fsType, "-t")
         .addArg(m_devName)
@@ -370,12 +379,13 @@ void BDMon::start() {
         return;
     m_data->monitor.reset(udev_monitor_new_from_netlink(m_data->context.get(), "udev"));
     udev_monitor* const monitor = m_data->monitor.get();
-    if (!monitor) {
+    if (monitor)
+        udev_monitor_filter_add_match_subsystem_devtype(monitor, "block", nullptr);
+    // From here on nothing is missed; what comes until all is enumerated may be told of twice.
+    if (!monitor || udev_monitor_enable_receiving(monitor) < 0) {
         ORUIO_LOG(LogDebug, "Fatal: Failed to create udev monitor\n");
         std::exit(1);
     }
-    udev_monitor_filter_add_match_subsystem_devtype(monitor, "block", nullptr);
-    udev_monitor_enable_receiving(monitor);
 
     const UdevPtr<udev_enumerate> present(udev_enumerate_new(m_data->context.get()));
     udev_enumerate_add_match_subsystem(present.get(), "block");

@@ -49,7 +49,10 @@ int NFS::connect(Properties props) {
 }
 
 int NFS::disconnect() {
-    const int result = umountPath(tableMountPoint(mountPoint()).constData(), &connectProps);
+    SystemText path;
+    if (!tableMountPoint(mountPoint(), path))
+        return -1;
+    const int result = umountPath(path.constData(), &connectProps);
     if (result == 0)
         connectProps.clear();
     return result;

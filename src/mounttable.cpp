@@ -31,11 +31,14 @@ bool readAll(const char* path, QByteArray& content) {
 
 } // namespace
 
-QByteArray tableMountPoint(const QString& directory) {
-    QByteArray path = directory.toUtf8();
-    while (path.size() > 1 && path.endsWith('/'))
-        path.chop(1);
-    return path;
+bool tableMountPoint(const QString& directory, SystemText& path) {
+    if (!toSystem(directory, path))
+        return false;
+    int end = path.size() - 1; // where its NUL is
+    while (end > 1 && path[end - 1] == '/')
+        --end;
+    path[end] = '\0';
+    return true;
 }
 
 MountTable::MountTable(const char* path)

@@ -1,14 +1,16 @@
 // Reading the kernel's table of mounts, proc(5).
 #pragma once
 
+#include "systemtext_p.h"
+
 #include <QByteArray>
 #include <QString>
 
 namespace oru::io {
 
 /// A mount point as the table has it: without a slash at its end, which mount(2) does not mind but
-/// whose mount umountPath() would not find.
-QByteArray tableMountPoint(const QString& directory);
+/// whose mount umountPath() would not find. \returns false as toSystem().
+bool tableMountPoint(const QString& directory, SystemText& path);
 
 /// A table as it was at one moment: read piece by piece while something is unmounted, the kernel's
 /// would leave lines out. Its lines may have any length and content.

@@ -197,7 +197,9 @@ int SystemLocation::umount(Properties* props) {
     Properties opts;
     if (!m_fs || !mountOptions(opts, props, false))
         return notFound();
-    const QByteArray mountPoint = tableMountPoint(opts[mountPointKey].toString());
+    SystemText mountPoint;
+    if (!tableMountPoint(opts[mountPointKey].toString(), mountPoint))
+        return notFound();
     const int result = umountPath(mountPoint.constData(), &opts);
     if (result != 0)
         return result;

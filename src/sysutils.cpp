@@ -1,14 +1,20 @@
 #include <oruio/sysutils.h>
 
 #include "mounttable_p.h"
+#include "systemtext_p.h"
 
 #include <QByteArray>
 #include <QProcess>
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "log_p.h"
 
@@ -20,6 +26,72 @@ namespace {
 
 const QString fl_sysCmdPath = QStringLiteral("/usr/local/bin/oruio_sysutils");
 constexpr int startLimitMs = 5000;
+
+/// The most of a stream that is kept for the log, which has room for much less.
+constexpr int longestOutput = 1 << 20;
+
+/// Whether this process is told how its children end. If not, QProcess takes every end for a
+/// success.
+bool childrenAreReported() {
+    struct sigaction action = {};
+    sigaction(SIGCHLD, nullptr, &action);
+    return action.sa_handler != SIG_IGN && !(action.sa_flags & SA_NOCLDWAIT);
+}
+
+/// Whether all of them reach a program as they are.
+bool canCross(const QStringList& arguments) {
+    SystemText text;
+    return std::all_of(arguments.begin(), arguments.end(),
+                       [&](const QString& argument) { return toSystem(argument, text); });
+}
+
+/// The maintenance program, with nothing of this process but what it is told.
+class Program : public QProcess {
+public:
+    Program() {
+        connect(this, &QProcess::readyReadStandardOutput, this, [this] { takeOutput(); });
+        connect(this, &QProcess::readyReadStandardError, this, [this] { takeOutput(); });
+    }
+
+    /// What it has written so far, as far as it is kept.
+    void takeOutput() {
+        const auto keep = [](QByteArray& kept, const QByteArray& more) {
+            kept.append(more.left(longestOutput - kept.size()));
+        };
+        keep(output, readAllStandardOutput());
+        keep(errors, readAllStandardError());
+    }
+
+    QByteArray output;
+    QByteArray errors;
+
+protected:
+    // In the child, which may only make system calls here.
+    void setupChildProcess() override {
+        // An open file of one medium must not keep it busy while another is checked.
+        if (syscall(SYS_close_range, 3U, ~0U, closeRangeCloexec) != 0) {
+            const int end = static_cast<int>(sysconf(_SC_OPEN_MAX));
+            for (int fd = 3; fd < end; ++fd)
+                fcntl(fd, F_SETFD, FD_CLOEXEC);
+        }
+        std::signal(SIGCHLD, SIG_DFL);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+    }
+
+private:
+    static constexpr unsigned int closeRangeCloexec = 4; // CLOSE_RANGE_CLOEXEC
+};
+
+/// Whether something is mounted on `path` now.
+bool isMounted(const char* path) {
+    MountTable mounts;
+    const MountTable::Mount* mount = nullptr;
+    while ((mount = mounts.next()) && std::strcmp(mount->mountPoint, path) != 0)
+        continue;
+    return mount != nullptr;
+}
 
 /// Unmounts what was mounted last on `path`, if need be by the means that `props` allows.
 int umountLast(const char* path, const char* device, const Properties* props) {
@@ -50,9 +122,11 @@ int SysCmd::exec(int runs) {
     ORUIO_LOG(LogDebug, "SysCmd: %s", command.constData());
     int status = -1;
     for (int run = 1; status != 0 && run <= runs; ++run) {
-        QProcess process;
-        process.start(fl_sysCmdPath, m_args, QIODevice::ReadWrite);
-        if (!process.waitForStarted(startLimitMs)) {
+        Program process;
+        const bool canStart = canCross(m_args) && childrenAreReported();
+        if (canStart)
+            process.start(fl_sysCmdPath, m_args, QIODevice::ReadWrite);
+        if (!canStart || !process.waitForStarted(startLimitMs)) {
             ORUIO_LOG(LogFailure, "Unable to exec SysCmd %s\n", command.constData());
             return -1;
         }
@@ -61,8 +135,9 @@ int SysCmd::exec(int runs) {
         const bool hasExited = hasEnded && process.exitStatus() == QProcess::NormalExit;
         if (!hasExited || process.exitCode() != 0) {
             ORUIO_LOG(LogWarning, "syscmd '%s' failed\n", command.constData());
-            ORUIO_LOG(LogWarning, "stderr: %s\n", process.readAllStandardError().constData());
-            ORUIO_LOG(LogWarning, "stdout: %s\n", process.readAllStandardOutput().constData());
+            process.takeOutput();
+            ORUIO_LOG(LogWarning, "stderr: %s\n", process.errors.constData());
+            ORUIO_LOG(LogWarning, "stdout: %s\n", process.output.constData());
         }
         if (hasExited)
             status = process.exitCode();
@@ -86,6 +161,10 @@ int umountPath(const char* path, const Properties* props) {
     while (result == 0 && (mount = mounts.next())) {
         if (std::strcmp(mount->mountPoint, path) == 0)
             result = umountLast(path, mount->device, props);
+        // Somebody else may have been first, and one umount(2) of a shared mount takes several
+        // away.
+        if (result != 0 && errno == EINVAL && !isMounted(path))
+            return 0;
     }
     return result;
 }

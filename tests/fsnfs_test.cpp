@@ -104,7 +104,6 @@ TEST_F(NfsTest, Connected_IsTheExport) {
     EXPECT_FALSE(nfs.isConnected());
     ASSERT_TRUE(QFile(path + "/beneath").open(QFile::WriteOnly));
 
-    errno = 4711;
     liberrno = NotFound;
     EXPECT_EQ(nfs.connect(target), 0);
     EXPECT_EQ(liberrno, NotFound);
@@ -151,8 +150,9 @@ TEST_F(NfsTest, ConnectFails_StatusOfTheProgramAndNotConnected) {
     program.reset();
     program.emplace("echo 'no such export' >&2; exit 32");
     LogCapture log("libio=12,NFS=12");
-    errno = 4711;
+    liberrno = NotFound;
     EXPECT_EQ(nfs.connect(target), 32);
+    EXPECT_EQ(liberrno, NotFound);
     EXPECT_FALSE(nfs.isConnected());
     EXPECT_EQ(mounted(), QStringList());
     EXPECT_EQ(program->calls().size(), 1); // no second attempt
@@ -206,6 +206,70 @@ TEST_F(NfsTest, Unreachable_NotConnectedUntilConnectedAnew) {
     ASSERT_TRUE(QDir().mkpath(path));
     EXPECT_EQ(nfs.connect(target), 0);
     EXPECT_TRUE(nfs.isConnected());
+}
+
+namespace {
+
+/// Counts what the class calls of what may be overridden.
+class CountingNfs : public NFS {
+public:
+    using NFS::NFS;
+    int disconnect() override {
+        ++disconnects;
+        return NFS::disconnect();
+    }
+    int stat(QString path, struct stat& st) override {
+        stats += path;
+        return NFS::stat(path, st);
+    }
+
+    int disconnects = 0;
+    QStringList stats;
+};
+
+} // namespace
+
+TEST_F(NfsTest, Overridden_IsWhatIsCalled) {
+    CountingNfs nfs(path);
+    EXPECT_FALSE(nfs.isConnected());
+    EXPECT_TRUE(nfs.stats.isEmpty()); // nothing to ask
+    EXPECT_EQ(nfs.connect(target), 0);
+    EXPECT_EQ(nfs.disconnects, 1);
+    EXPECT_TRUE(nfs.isConnected());
+    EXPECT_EQ(nfs.stats, QStringList("/."));
+}
+
+TEST_F(NfsTest, FailedConnectOverABusyOne_KeepsTheFormerProperties) {
+    NFS nfs(path);
+    ASSERT_EQ(nfs.connect({{"target", "server:/export"}, {"lazy", true}}), 0);
+    const auto inUse = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
+    ASSERT_TRUE(inUse);
+    // Lazily gone, so the next one fails without a mount.
+    program.reset();
+    program.emplace("exit 1");
+    EXPECT_EQ(nfs.connect(target), 1);
+    EXPECT_FALSE(nfs.isConnected());
+
+    program.reset();
+    program.emplace(mountsMemory);
+    ASSERT_EQ(nfs.connect(target), 0);
+    const auto busy = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
+    ASSERT_TRUE(busy);
+    program.reset();
+    program.emplace("exit 1");
+    EXPECT_EQ(nfs.connect({{"target", "other:/export"}, {"lazy", true}}), 1);
+    EXPECT_TRUE(nfs.isConnected());
+    EXPECT_EQ(nfs.disconnect(), -1); // not lazily: these are not its properties
+    EXPECT_EQ(errno, EBUSY);
+}
+
+TEST_F(NfsTest, NameWithANul_UnmountsNothing) {
+    NFS nfs(path);
+    ASSERT_EQ(nfs.connect(target), 0);
+    NFS other(path + QChar(0) + "other");
+    EXPECT_EQ(other.disconnect(), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(mounted().size(), 1);
 }
 
 TEST_F(NfsTest, Ioctl_NotImplemented) {

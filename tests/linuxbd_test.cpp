@@ -168,6 +168,8 @@ TEST_F(LinuxBDMount, TextsThatCannotCross_AreRefused) {
                         {"ID_FS_TYPE", "ext4"}};
     EXPECT_EQ(LinuxBD(props).mount(path, nullptr), -1);
     EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(device(QString("ext4") + QChar(0)).mount(path, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
     EXPECT_TRUE(mountCalls.empty());
 }
 

@@ -306,11 +306,11 @@ TEST_F(SystemLocationTest, Batch_OfItsOwnDevicesAddAndRemove) {
     ASSERT_EQ(messages.size(), 3 * 6 + 1);
     EXPECT_EQ(messages[5], "stg 11 card device add: /dev/disk\n");
     EXPECT_EQ(messages[12], "stg 11 card skipping EFI system partition\n");
+    const QString geometry = "stg 12 card:  StartBlock: 2048  TotalBlocks: 900  BlkSize: 512\n";
     EXPECT_EQ(messages.mid(13), (QStringList{
                                     "stg 12 card:  Sequence Number: 42 Action: add\n",
                                     "stg 12 card: 'platform-slot-1' [2] --> '/dev/disk2'\n",
-                                    "stg 12 card:  StartBlock: 2048  TotalBlocks: 900  "
-                                    "BlkSize: 512\n",
+                                    geometry,
                                     "stg 12 card:  PartitionType: 'gpt'  FSType: 'exfat'\n",
                                     "stg 12 card:  FSLabel: 'FILM'   Mountable: Yes\n",
                                     "stg 11 card device add: /dev/disk2\n",

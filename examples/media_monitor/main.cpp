@@ -23,6 +23,11 @@ const char description[] = "Prints the block devices that are there, then those 
                            "\n"
                            "Exit status: 0 orderly end, 1 failure, 2 bad command line.";
 
+/// In bytes. udev counts partitions in units of 512 bytes.
+quint64 sizeOf(const BlockDevice& device) {
+    return device.m_partNum == 0 ? device.capacity() : device.m_totalBlocks * 512;
+}
+
 /// Such as "partition 1, vfat "FILM", 7.9 GB, write protected".
 QString descriptionOf(const BlockDevice& device) {
     QStringList parts;
@@ -32,7 +37,7 @@ QString descriptionOf(const BlockDevice& device) {
         parts += QStringLiteral("partition %1").arg(device.m_partNum);
     if (device.isMountable())
         parts += QStringLiteral("%1 \"%2\"").arg(device.m_fsType, device.m_fsLabel);
-    parts += QLocale::c().formattedDataSize(static_cast<qint64>(device.capacity()), 1,
+    parts += QLocale::c().formattedDataSize(static_cast<qint64>(sizeOf(device)), 1,
                                             QLocale::DataSizeSIFormat);
     if (device.m_writeProtected)
         parts += "write protected";

@@ -6,8 +6,7 @@
 //                              qInfo() << event.action << event.dev->m_devName;
 //                      });
 //     BDMon::instance()->start();  // everything that is there
-//     BDMon::instance()->update(); // what came and went since; call it as often as you need to
-//     know
+//     BDMon::instance()->update(); // what came and went since; now and then
 #pragma once
 
 #include <oruio/export.h>
@@ -46,8 +45,8 @@ inline constexpr int FSCK_RETRIES = 3;
 /// A disk or a partition, as udev described it at the moment of an event, and what can be done to
 /// it. The fields do not change, except for m_umountFailed.
 ///
-/// Each operation blocks its caller until it is done and clears liberrno first. \returns 0 on
-/// success. Let one thread at a time operate on a device.
+/// Each of the first five operations blocks its caller until it is done, clears liberrno first and
+/// \returns 0 on success. Let one thread at a time operate on a device.
 class ORUIO_EXPORT BlockDevice {
 public:
     using SPtr = QSharedPointer<BlockDevice>;
@@ -57,8 +56,10 @@ public:
     /// `props`, which may be null: "readonly" and "remount", true to do that. \returns -1 with
     /// errno; ENOENT when there is no mount point and none can be made.
     virtual int mount(QString mountPoint, const Properties* props) = 0;
-    /// Unmounts the device wherever it is mounted, by umountPath() with `props`. \returns 0, also
-    /// when it is not mounted; else what umountPath() does for the first mount that stays.
+    /// Unmounts the device wherever it is mounted, and what is mounted on its node, by umountPath()
+    /// with `props`. \returns 0, also when it is not mounted; else what umountPath() does for the
+    /// first mount that stays, as one with a blank in its path (ENOENT); -1 with errno when the
+    /// kernel's table of mounts cannot be read.
     virtual int umount(const Properties* props) = 0;
     /// Makes a file system. Reads of `props`: "fs_type", its type; "cmd_opts", a last argument for
     /// the maintenance program. \returns that program's exit status, or -1 (SysCmd).
@@ -73,22 +74,23 @@ public:
     virtual Properties props() = 0;
     virtual ~BlockDevice();
 
-    /// In bytes.
+    /// `m_totalBlocks * m_blkSize`: bytes, except for the partitions of a disk whose blocks do not
+    /// have 512 bytes, where it is that many times too much (see LinuxBD).
     quint64 capacity() const;
     /// Whether udev found a file system.
     bool isMountable() const;
 
-    QString m_idPath;         ///< "ID_PATH": where the disk is plugged in; its partitions share it
-    quint32 m_partNum = 0;    ///< "PARTN"; 0 for a whole disk
-    quint64 m_startBlock = 0; ///< where a partition begins; 0 for a disk
-    quint64 m_totalBlocks = 0;
-    quint64 m_blkSize = 0;   ///< in bytes
-    QString m_fsType;        ///< "ID_FS_TYPE"; empty without a file system
-    QString m_fsLabel;       ///< "ID_FS_LABEL"
-    QString m_devName;       ///< "DEVNAME": the device node
-    QString m_partTableType; ///< "ID_PART_TABLE_TYPE"
-    qint32 m_seqNum = 0;     ///< "SEQNUM"
-    QString m_action;        ///< "ACTION"; empty for what was there before the monitor
+    QString m_idPath;          ///< "ID_PATH": where the disk is plugged in; its partitions share it
+    quint32 m_partNum = 0;     ///< "PARTN"; 0 for a whole disk
+    quint64 m_startBlock = 0;  ///< where a partition begins; 0 for a disk
+    quint64 m_totalBlocks = 0; ///< in blocks; of a partition, as udev has it (see LinuxBD)
+    quint64 m_blkSize = 0;     ///< in bytes
+    QString m_fsType;          ///< "ID_FS_TYPE"; empty without a file system
+    QString m_fsLabel;         ///< "ID_FS_LABEL"
+    QString m_devName;         ///< "DEVNAME": the device node
+    QString m_partTableType;   ///< "ID_PART_TABLE_TYPE"
+    qint32 m_seqNum = 0;       ///< "SEQNUM"
+    QString m_action;          ///< "ACTION"; empty for what was there before the monitor
     QString m_devPath;       ///< "DEVPATH"; of SD cards the path of their write protection in /sys
     QString m_partEntryType; ///< "ID_PART_ENTRY_TYPE": code or GUID
     bool m_writeProtected = false;
@@ -120,9 +122,11 @@ public:
 /// The monitor: tells of block devices that come, go and change. There is one, instance().
 ///
 /// It has no thread of its own, and nothing is open until start(). Let one thread call start(),
-/// update() and stop(). Devices without "ID_PATH", such as RAM disks and loop devices, are not told
-/// of. With the environment variable ORUIO_UDEVDBG set, the properties of every device are printed
-/// on standard output.
+/// update() and stop(), and none be in them when the process exits. As a QObject it belongs to the
+/// thread that loaded the library: queued calls take that one's event loop, or moveToThread(). When
+/// udev gives no context, loading the library ends the process with exit status 1. Devices without
+/// "ID_PATH", such as RAM disks and loop devices, are not told of. With the environment variable
+/// ORUIO_UDEVDBG set, the properties of every device are printed on standard output.
 class ORUIO_EXPORT BDMon : public QObject {
     Q_OBJECT
 
@@ -148,15 +152,17 @@ public:
 public Q_SLOTS:
     /// Tells by notify() what came and went since the last call, in one batch: as soon as nothing
     /// has happened for `quiescent_ms` milliseconds, or at once when nothing has happened at all.
-    /// As long as something happens, it goes on. \returns 0.
+    /// As long as something happens, it goes on. What comes after the kernel's queue is full is
+    /// lost: stop() and start() tell what is there. \returns 0.
     virtual int update(unsigned int quiescent_ms = 500);
 
 public:
-    /// Opens the monitor and tells by notify() what is there. Does nothing when it is open. When it
-    /// cannot be opened, that ends the process with exit status 1: a recorder that does not see its
-    /// media is of no use.
+    /// Opens the monitor and tells by notify() what is there; what comes meanwhile is told of here,
+    /// by the next update(), or by both. Does nothing when it is open. When it cannot be opened,
+    /// that ends the process with exit status 1: a recorder that does not see its media is of no
+    /// use.
     virtual void start();
-    /// Closes the monitor.
+    /// Closes the monitor. What update() has not told of is dropped.
     virtual void stop();
     virtual bool isRunning();
 

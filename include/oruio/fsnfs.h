@@ -19,7 +19,7 @@ public:
     using SPtr = QSharedPointer<NFS>;
 
     /// Not connected. `mountPoint` is the directory that the export gets mounted on; it has to
-    /// exist by connect(), without a "/" at its end.
+    /// exist by connect(), and disconnect() finds it only if it is spelled as umountPath() says.
     explicit NFS(QString mountPoint);
     /// Disconnects.
     ~NFS() override;
@@ -39,8 +39,9 @@ public:
     /// Unmounts whatever is mounted on the directory, also by others. \returns what umountPath()
     /// does: 0, or -1 with errno; it then is still connected.
     virtual int disconnect();
-    /// Whether the export is mounted and answers stat(2). Without the option "soft" that may block
-    /// for as long as the server is gone.
+    /// Whether it is connected and its directory answers stat(2), which without the option "soft"
+    /// may block for as long as the server is gone. Whether somebody else has unmounted it is not
+    /// seen.
     virtual bool isConnected();
 
 private:

@@ -1,0 +1,145 @@
+#include "udevcalls.h"
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include <dlfcn.h>
+#include <libudev.h>
+#include <poll.h>
+
+namespace oru::io::test {
+
+namespace {
+
+// The library calls before this program's own objects are made: these need no making.
+std::atomic<int> held{0};
+std::atomic<int> received{0};
+std::atomic<int> failures{0};
+std::atomic<int> failureError{0};
+std::atomic<int> shortPolls{0};
+char source[32];
+char hidden[256];
+
+void copyText(char* to, std::size_t size, const char* text) {
+    std::strncpy(to, text, size - 1);
+    to[size - 1] = '\0';
+}
+
+bool isToFail(const char* function) {
+    const char* const failing = std::getenv("ORUIO_TEST_FAILS");
+    return failing && std::strcmp(failing, function) == 0;
+}
+
+/// libudev's own function.
+template <class Function>
+Function* real(Function*, const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+template <class T>
+T* given(T* object) {
+    if (object)
+        ++held;
+    return object;
+}
+
+} // namespace
+
+int heldUdevObjects() {
+    return held;
+}
+
+int receivedUdevDevices() {
+    return received;
+}
+
+QByteArray udevMonitorSource() {
+    return source;
+}
+
+void hideUdevDevice(const QByteArray& syspath) {
+    copyText(hidden, sizeof hidden, syspath.constData());
+}
+
+void failUdevReceive(int error, int times) {
+    failureError = error;
+    failures = times;
+}
+
+void shortenLongestPolls(int times) {
+    shortPolls = times;
+}
+
+} // namespace oru::io::test
+
+// clang-format off
+#define REAL(function) oru::io::test::real(&(function), #function)
+#define STAND_IN extern "C" __attribute__((visibility("default")))
+// clang-format on
+
+using namespace oru::io::test;
+
+STAND_IN udev* udev_new() {
+    return isToFail("udev_new") ? nullptr : given(REAL(udev_new)());
+}
+
+STAND_IN udev* udev_unref(udev* context) {
+    held -= context != nullptr;
+    return REAL(udev_unref)(context);
+}
+
+STAND_IN udev_monitor* udev_monitor_new_from_netlink(udev* context, const char* name) {
+    copyText(source, sizeof source, name);
+    if (isToFail("udev_monitor_new_from_netlink"))
+        return nullptr;
+    return given(REAL(udev_monitor_new_from_netlink)(context, name));
+}
+
+STAND_IN udev_monitor* udev_monitor_unref(udev_monitor* monitor) {
+    held -= monitor != nullptr;
+    return REAL(udev_monitor_unref)(monitor);
+}
+
+STAND_IN udev_device* udev_monitor_receive_device(udev_monitor* monitor) {
+    if (failures > 0) {
+        --failures;
+        errno = failureError;
+        return nullptr;
+    }
+    udev_device* const device = given(REAL(udev_monitor_receive_device)(monitor));
+    received += device != nullptr;
+    return device;
+}
+
+STAND_IN udev_enumerate* udev_enumerate_new(udev* context) {
+    return given(REAL(udev_enumerate_new)(context));
+}
+
+STAND_IN udev_enumerate* udev_enumerate_unref(udev_enumerate* enumeration) {
+    held -= enumeration != nullptr;
+    return REAL(udev_enumerate_unref)(enumeration);
+}
+
+STAND_IN udev_device* udev_device_new_from_syspath(udev* context, const char* syspath) {
+    if (std::strcmp(syspath, hidden) == 0) {
+        errno = ENODEV;
+        return nullptr;
+    }
+    return given(REAL(udev_device_new_from_syspath)(context, syspath));
+}
+
+STAND_IN udev_device* udev_device_unref(udev_device* device) {
+    held -= device != nullptr;
+    return REAL(udev_device_unref)(device);
+}
+
+STAND_IN int poll(struct pollfd* descriptors, nfds_t count, int timeout) {
+    if (timeout == INT_MAX && shortPolls > 0) {
+        --shortPolls;
+        return 0;
+    }
+    return REAL(poll)(descriptors, count, timeout);
+}
