@@ -93,7 +93,7 @@ public:
     QString m_action;          ///< "ACTION"; empty for what was there before the monitor
     QString m_devPath;       ///< "DEVPATH"; of SD cards the path of their write protection in /sys
     QString m_partEntryType; ///< "ID_PART_ENTRY_TYPE": code or GUID
-    bool m_writeProtected = false;
+    bool m_writeProtected = false; ///< whether an SD card's switch is on
     /// All properties, as texts; of SD cards also "WRITE_PROTECTED", a bool.
     Properties m_props;
     bool m_umountFailed = false; ///< whether the last umount() did
@@ -138,7 +138,7 @@ public:
 
         int seq;        ///< its place in the batch, from 1
         QString action; ///< "add", "remove", "change", as udev has it; of what is there, "add"
-        BlockDevice::SPtr dev;
+        BlockDevice::SPtr dev; ///< as it was at that moment
     };
 
     /// A batch: events in the order of their arrival.
@@ -146,6 +146,7 @@ public:
     /// The same ones by the ID_PATH of their device: a disk and its partitions have one key.
     using EventListByDeviceSPtr = QSharedPointer<QMap<QString, QList<Event>>>;
 
+    /// The only one.
     static BDMon* instance();
     ~BDMon() override;
 
@@ -164,6 +165,7 @@ public:
     virtual void start();
     /// Closes the monitor. What update() has not told of is dropped.
     virtual void stop();
+    /// Whether it is open.
     virtual bool isRunning();
 
 Q_SIGNALS:

@@ -49,7 +49,9 @@ public:
 
     /// Valid as long as the location.
     const char* name();
+    /// The file system; null when it has none.
     FS::SPtr fs();
+    /// The access state.
     AccessType access();
     /// Sets the access state. Tells nobody: accessChanged() is for the owner to emit.
     void accessChange(AccessType t);
@@ -78,13 +80,13 @@ Q_SIGNALS:
     void accessChanged(StorageLocation* self, oru::io::StorageLocation::AccessType access);
 
 protected:
-    char* m_name;  ///< of malloc(3)
-    FS::SPtr m_fs; ///< may be null
-    bool m_enabled = false;
+    char* m_name;                  ///< of malloc(3)
+    FS::SPtr m_fs;                 ///< may be null
+    bool m_enabled = false;        ///< whether the owner wants to use it
     bool m_present = false;        ///< whether there is a medium
     bool m_writeProtected = false; ///< whether a medium was; stays until the location goes
-    AccessType m_access = None;
-    Properties m_props;
+    AccessType m_access = None;    ///< what access() answers
+    Properties m_props;            ///< those of the constructor, or of setProperties()
 
 private:
     Q_DISABLE_COPY(StorageLocation)
@@ -156,7 +158,7 @@ public Q_SLOTS:
     void removeBlockDevice(BlockDevice::SPtr spbd);
 
 protected:
-    QString m_blkDevId;
+    QString m_blkDevId;              ///< the ID_PATH of its disks
     BlockDevice::SPtr m_blkDevWhole; ///< the disk, or null
     BlockDevice::SPtr m_blkDevPart;  ///< the selected partition, or null
     bool m_mountOk = false;          ///< whether the last mount() succeeded
