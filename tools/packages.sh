@@ -7,7 +7,8 @@ packages_build=(cmake g++ ninja-build)
 packages_googletest=(googletest libgmock-dev libgtest-dev)
 packages_samba=(samba samba-common-bin)
 # udev without and with hardware, and what the maintenance program runs.
-packages_media=(dosfstools e2fsprogs exfatprogs fdisk libumockdev-dev mount psmisc udev util-linux)
+packages_media=(dosfstools e2fsprogs exfatprogs fdisk libumockdev-dev mount psmisc udev umockdev
+    util-linux)
 packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libumockdev-dev libglib2.0-dev pkgconf smbclient)
 packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" "${packages_media[@]}" pkgconf procps smbclient)
 packages_demo=("${packages_samba[@]}")
