@@ -384,6 +384,18 @@ TEST_F(BDMonTest, Start_ComesWhileItTells_IsInTheNextUpdate) {
     EXPECT_EQ(summary(*update().events), QStringList({"1 add /dev/sdb"}));
 }
 
+// It listens before it looks, so that nothing can come in between.
+TEST_F(BDMonTest, Start_ComesBeforeItLooks_IsInTheNextUpdateToo) {
+    testbed.addDisk("sda", "usb-1");
+    test::beforeUdevEnumerates([this] { testbed.addDisk("sdb", "usb-2"); });
+    monitor->start();
+    test::beforeUdevEnumerates({});
+    ASSERT_EQ(batches.size(), 1);
+    EXPECT_EQ(summary(*batches[0].events), QStringList({"1 add /dev/sda", "2 add /dev/sdb"}));
+    batches.clear();
+    EXPECT_EQ(summary(*update().events), QStringList({"1 add /dev/sdb"}));
+}
+
 TEST_F(BDMonTest, StartAndStop_LeaveNoDescriptor) {
     testbed.setNode("/dev/sda", {512, 1024});
     testbed.addDisk("sda", "usb-1");

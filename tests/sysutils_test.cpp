@@ -285,6 +285,12 @@ TEST_F(SysCmdTest, ArgumentThatCannotCross_NothingIsStarted) {
     EXPECT_TRUE(program.calls().isEmpty());
 }
 
+// Longer than what Qt waits for if not told otherwise.
+TEST_F(SysCmdTest, HalfAMinute_IsWaitedFor) {
+    const MaintenanceProgram program("sleep 31; exit 6");
+    EXPECT_EQ(SysCmd("fsck").exec(1), 6);
+}
+
 TEST_F(SysCmdTest, GrandchildHoldsTheStreams_NotWaitedFor) {
     const MaintenanceProgram program("sleep 60 & exit 4");
     QElapsedTimer timer;

@@ -5,6 +5,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <utility>
 
 #include <dlfcn.h>
 #include <libudev.h>
@@ -22,6 +24,7 @@ std::atomic<int> failureError{0};
 std::atomic<int> shortPolls{0};
 char source[32];
 char hidden[256];
+std::function<void()> beforeEnumeration; // not called as early as that
 
 void copyText(char* to, std::size_t size, const char* text) {
     std::strncpy(to, text, size - 1);
@@ -73,6 +76,10 @@ void shortenLongestPolls(int times) {
     shortPolls = times;
 }
 
+void beforeUdevEnumerates(std::function<void()> call) {
+    beforeEnumeration = std::move(call);
+}
+
 } // namespace oru::io::test
 
 // clang-format off
@@ -115,6 +122,8 @@ STAND_IN udev_device* udev_monitor_receive_device(udev_monitor* monitor) {
 }
 
 STAND_IN udev_enumerate* udev_enumerate_new(udev* context) {
+    if (beforeEnumeration)
+        beforeEnumeration();
     return given(REAL(udev_enumerate_new)(context));
 }
 

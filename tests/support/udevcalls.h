@@ -7,6 +7,8 @@
 
 #include <QByteArray>
 
+#include <functional>
+
 namespace oru::io::test {
 
 /// Objects that libudev has given out and not got back.
@@ -26,5 +28,8 @@ void failUdevReceive(int error, int times);
 
 /// The next waits by poll(2) for the longest time that it can take, as many as told, end at once.
 void shortenLongestPolls(int times);
+
+/// Calls this when the library is about to enumerate devices; nothing, if it is empty.
+void beforeUdevEnumerates(std::function<void()> call);
 
 } // namespace oru::io::test
