@@ -134,6 +134,24 @@ TEST_F(NfsTest, SlashAtTheEnd_UnmountsAllTheSame) {
     EXPECT_EQ(mounted(), QStringList());
 }
 
+TEST_F(NfsTest, New_DirectoryIsNobodysBusinessYet) {
+    const QString missing = temp.path() + "/missing";
+    const NFS nfs(missing);
+    EXPECT_FALSE(QDir(missing).exists());
+    EXPECT_EQ(nfs.mountPoint(), missing);
+}
+
+// What it was connected with is what it knows of being connected.
+TEST_F(NfsTest, ConnectedWithNothing_CountsAsNotConnected) {
+    program.reset();
+    program.emplace("exit 0");
+    NFS nfs(path);
+    EXPECT_EQ(nfs.connect({}), 0);
+    EXPECT_FALSE(nfs.isConnected());
+    EXPECT_EQ(nfs.connect(target), 0);
+    EXPECT_TRUE(nfs.isConnected());
+}
+
 TEST_F(NfsTest, ConnectAgain_InPlaceOfTheOneBefore) {
     NFS nfs(path);
     ASSERT_EQ(mount("somebody-elses", QFile::encodeName(path).constData(), "tmpfs", 0, nullptr), 0);

@@ -405,8 +405,10 @@ TEST_F(UmountPath, Busy_StaysUnlessLazy) {
     QFile inUse(path + "/file");
     ASSERT_TRUE(inUse.open(QFile::ReadWrite));
     LogCapture log("libio=12");
+    liberrno = NotFound;
     EXPECT_EQ(unmount(), -1);
     EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(liberrno, NotFound);
     EXPECT_EQ(mounts(), 1);
     EXPECT_EQ(log.messages(), QStringList{"libio 12 umount '" + path + "' (busy): -1"});
     const Properties others = {{"readonly", true}};
