@@ -103,7 +103,8 @@ trap 'exit 0' INT TERM
 # Its input is a pipe that this shell keeps open: smbd ends with it, even if that is killed.
 start() {
     local deadline=$((SECONDS + 10))
-    exec 3> >(exec setsid smbd -F --no-process-group --debug-stdout -s "$directory/smb.conf" \
+    # It looks this machine's name up for each connection, which is not to wait for a resolver.
+    exec 3> >(RES_OPTIONS='timeout:1 attempts:1' exec setsid smbd -F --no-process-group --debug-stdout -s "$directory/smb.conf" \
         -l "$directory/state" --option="smb ports=$port" >"$directory/log" 2>&1)
     smbd=$!
     # Nobody connects to find out: for that, smbd would make a process.
