@@ -811,6 +811,8 @@ TEST_F(SmbServerFault, Stopped_TimesOutAndComesBack) {
 TEST_F(SmbServerFault, ManyThreadsWait_AllTimeOut) {
     Share share(server.address(), "d", timeout);
     ASSERT_TRUE(share.file);
+    const auto closed = share.fs.open(share.at("other"), O_RDONLY, 0);
+    ASSERT_TRUE(closed);
     server.stop();
     const std::vector<std::function<long long()>> calls = {
         [&] {
@@ -824,7 +826,7 @@ TEST_F(SmbServerFault, ManyThreadsWait_AllTimeOut) {
             return share.file->fstat(st);
         },
         [&] { return share.file->write("x", 1); },
-        [&] { return share.file->close(); },
+        [&] { return closed->close(); },
     };
     std::atomic<int> timedOut = 0;
     QElapsedTimer timer;
