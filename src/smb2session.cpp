@@ -803,22 +803,23 @@ int Smb2Session::await(Reply& reply, const QDeadlineTimer& deadline) {
 int Smb2Session::serve(const struct pollfd& poller) {
     if (!(poller.revents & (POLLERR | POLLHUP | POLLNVAL)))
         return service(poller.revents);
+    // What had come before is still to be read, and behind it why nothing more comes.
+    if (poller.revents & POLLIN)
+        return service(POLLIN);
     int error = 0;
     socklen_t size = sizeof error;
     getsockopt(poller.fd, SOL_SOCKET, SO_ERROR, &error, &size);
-    // What had come before is still to be read.
-    const bool isReadable = (poller.revents & POLLIN) && service(POLLIN) == 0;
-    return isReadable ? 0 : lossOf(error);
+    return lossOf(error);
 }
 
 /// \returns 0, or why the connection has ended.
 int Smb2Session::service(int events) {
     smb2_context* const context = m_context.get();
     const t_socket socket = smb2_get_fd(context);
-    if (!(events & POLLOUT))
-        return smb2_service_fd(context, socket, events) == 0 ? 0 : ECONNRESET;
-    NoPipeSignal noSignal;
     errno = 0;
+    if (!(events & POLLOUT))
+        return smb2_service_fd(context, socket, events) == 0 ? 0 : lossOf(errno);
+    NoPipeSignal noSignal;
     if (smb2_service_fd(context, socket, events) == 0)
         return 0;
     const int error = errno;

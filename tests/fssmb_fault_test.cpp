@@ -2,6 +2,7 @@
 #include <oruio/error.h>
 #include <oruio/fssmb.h>
 
+#include "support/childprocess.h"
 #include "support/faultproxy.h"
 #include "support/loopback.h"
 #include "support/smbserver.h"
@@ -864,20 +865,24 @@ bool isPending(int signal) {
 
 // The guard is in front of the lock.
 TEST_F(SmbServerFault, BrokenWhileSomebodyWaits_OthersFailAtOnce) {
-    Share share(server.address(), "d", timeout);
+    FaultProxy proxy(server.port());
+    Share share(proxy.address(), "d", timeout);
     ASSERT_TRUE(share.file);
-    server.stop();
+    proxy.on({FaultProxy::Request, FaultProxy::Create}, Fault::freeze());
+    QElapsedTimer timer;
+    timer.start();
     std::thread waiting([&] {
         struct stat st;
         EXPECT_EQ(share.fs.stat("/", st), -1);
+        EXPECT_EQ(errno, ETIMEDOUT);
+        EXPECT_GE(timer.elapsed(), timeout * 1000 - 100);
     });
+    // From here on it has the lock, until it times out.
+    EXPECT_TRUE(test::eventually([&] { return proxy.armed() == 0; }));
     set_errno(&share.fs, -ECONNRESET, nullptr, "read", "f");
-    QElapsedTimer timer;
-    timer.start();
     expectGuarded(share);
-    EXPECT_LT(timer.elapsed(), 1000);
+    EXPECT_LT(timer.elapsed(), timeout * 1000 - 100);
     waiting.join();
-    server.cont();
 }
 
 TEST_F(SmbServerFault, BrokenPipe_NoSignal) {
