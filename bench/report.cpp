@@ -1,7 +1,5 @@
 #include "report.h"
 
-#include "targets.h"
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
@@ -18,17 +16,25 @@ double median(std::vector<double> values) {
     return *middle;
 }
 
+constexpr char speedCounter[] = "bytes_per_second";
+
 /// What a run measured, in the unit that it is shown in.
 double result(const benchmark::BenchmarkReporter::Run& run) {
     const auto resident = run.counters.find(residentCounter);
     if (resident != run.counters.end())
         return resident->second;
-    const auto speed = run.counters.find("bytes_per_second");
+    const auto speed = run.counters.find(speedCounter);
     if (speed != run.counters.end())
         return speed->second / (1 << 20);
     const bool real = run.run_name.time_type == "real_time";
     const double time = real ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
     return time / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
+}
+
+/// The processor time that a run took for each GiB, in milliseconds.
+double processorTime(const benchmark::BenchmarkReporter::Run& run, double speed) {
+    const double gibiBytes = speed * run.real_accumulated_time / (1 << 30);
+    return run.cpu_accumulated_time * 1e3 / gibiBytes;
 }
 
 const char* unitOf(const Target& target) {
@@ -37,6 +43,8 @@ const char* unitOf(const Target& target) {
         return "MiB/s";
     case Target::MemoryAtMost:
         return "KiB";
+    case Target::ProcessorTime:
+        return "ms/GiB";
     default:
         return "ns";
     }
@@ -84,11 +92,14 @@ void printRow(const Target& target, double measured, double reference) {
     const double result = value(target, measured, reference);
     const char* const unit = unitOf(target);
     const char* const resultUnit = isDifference(target) ? unit : "";
-    const std::string limit = relation(target) + (' ' + number("%g", target.limit, resultUnit));
+    const bool hasLimit = target.kind != Target::ProcessorTime;
+    const std::string limit =
+        hasLimit ? relation(target) + (' ' + number("%g", target.limit, resultUnit)) : "none";
+    const char* const verdict = !hasLimit ? "-" : isMet(target, result) ? "met" : "MISSED";
     std::printf("| %-68s | %13s | %13s | %10s | %-16s | %-7s |\n", target.what,
                 number("%.1f", measured, unit).c_str(), number("%.1f", reference, unit).c_str(),
                 number(isDifference(target) ? "%.1f" : "%.3f", result, resultUnit).c_str(),
-                limit.c_str(), isMet(target, result) ? "met" : "MISSED");
+                limit.c_str(), verdict);
 }
 
 } // namespace
@@ -109,8 +120,20 @@ void Report::ReportRuns(const std::vector<Run>& runs) {
         if (run.error_occurred)
             reportError(run);
         else if (run.run_type == Run::RT_Iteration)
-            m_results[run.run_name.function_name].push_back(result(run));
+            keep(run);
     }
+}
+
+void Report::keep(const Run& run) {
+    const std::string& name = run.run_name.function_name;
+    m_results[name].push_back(result(run));
+    const auto speed = run.counters.find(speedCounter);
+    if (speed != run.counters.end())
+        m_processorTimes[name].push_back(processorTime(run, speed->second));
+}
+
+const Report::Results& Report::resultsFor(const Target& target) const {
+    return target.kind == Target::ProcessorTime ? m_processorTimes : m_results;
 }
 
 void Report::reportError(const Run& run) {
@@ -127,9 +150,10 @@ void Report::printTargets() const {
                 "result", "target", "verdict");
     std::puts("|---|---:|---:|---:|---|---|");
     for (const Target& target : targets()) {
-        const auto measured = m_results.find(target.measured);
-        const auto reference = m_results.find(target.reference);
-        if (measured != m_results.end() && reference != m_results.end())
+        const Results& results = resultsFor(target);
+        const auto measured = results.find(target.measured);
+        const auto reference = results.find(target.reference);
+        if (measured != results.end() && reference != results.end())
             printRow(target, median(measured->second), median(reference->second));
     }
 }

@@ -1,6 +1,8 @@
 // The report at the end of a run: each target beside what was measured.
 #pragma once
 
+#include "targets.h"
+
 #include <benchmark/benchmark.h>
 
 #include <map>
@@ -15,7 +17,8 @@ constexpr char residentCounter[] = "resident";
 void leaveOut(benchmark::State& state, const std::string& why);
 
 /// Collects what each benchmark measured in each round: memory; else bytes per second, where it
-/// counts bytes; else nanoseconds, of processor time, or of real time where it asks for that.
+/// counts bytes; else nanoseconds, of processor time, or of real time where it asks for that. Of
+/// benchmarks that count bytes also the processor time of their thread per GiB.
 class Report : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context& context) override;
@@ -30,9 +33,14 @@ public:
     bool hasErrors() const;
 
 private:
-    void reportError(const Run& run);
+    using Results = std::map<std::string, std::vector<double>>;
 
-    std::map<std::string, std::vector<double>> m_results;
+    void reportError(const Run& run);
+    void keep(const Run& run);
+    const Results& resultsFor(const Target& target) const;
+
+    Results m_results;
+    Results m_processorTimes; // in milliseconds per GiB
     std::set<std::string> m_leftOut;
     bool m_contextIsShown = false;
     bool m_hasErrors = false;

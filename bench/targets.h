@@ -12,6 +12,7 @@ struct Target {
         DifferenceAtMost, ///< measured - reference, in nanoseconds, must not exceed the limit
         SpeedAtLeast,     ///< measured / reference, in bytes per time, must reach the limit
         MemoryAtMost,     ///< measured - reference, in KiB, must not exceed the limit
+        ProcessorTime,    ///< processor time per data moved, shown beside the other's; no limit
     };
 
     const char* what;

@@ -5,10 +5,12 @@
 #include <oruio/sysutils.h>
 
 #include "support/childprocess.h"
+#include "support/files.h"
 #include "support/isolation.h"
 #include "support/logcapture.h"
 #include "support/loopdisk.h"
 #include "support/maintenanceprogram.h"
+#include "support/mounts.h"
 #include "support/tempdir.h"
 #include "support/udevd.h"
 
@@ -52,11 +54,6 @@ constexpr int tooFewArguments = 3;
 constexpr int inUse = 23;
 constexpr int notChecked = 41;
 
-QByteArray contents(const QString& path) {
-    QFile file(path);
-    return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 /// Root of a user namespace may attach disks, perhaps, but not mount them.
 bool isRootOfAll() {
     const QByteArray allUsers = "0 0 4294967295";
@@ -78,55 +75,8 @@ QString problemWithDisks() {
     return problem;
 }
 
-/// One line of the kernel's table of this process's mounts.
-struct Mount {
-    QString device;
-    QString directory;
-    QString type;
-    QStringList options;           // of this mount
-    QStringList filesystemOptions; // of all mounts of the file system
-};
-
-/// proc(5): "36 35 98:0 /root /directory options tag... - type device filesystem-options".
-QList<Mount> mountTable() {
-    QList<Mount> mounts;
-    for (const QString& line : QString::fromUtf8(contents("/proc/self/mountinfo")).split('\n')) {
-        const QStringList words = line.split(' ');
-        const int dash = words.indexOf("-");
-        if (dash != -1)
-            mounts.append({words[dash + 2], words[4], words[dash + 1], words[5].split(','),
-                           words[dash + 3].split(',')});
-    }
-    return mounts;
-}
-
-QList<Mount> mountsOf(const QString& device) {
-    QList<Mount> mounts;
-    for (const Mount& mount : mountTable()) {
-        if (mount.device == device)
-            mounts.append(mount);
-    }
-    return mounts;
-}
-
-QStringList directoriesOf(const QString& device) {
-    QStringList directories;
-    for (const Mount& mount : mountsOf(device))
-        directories.append(mount.directory);
-    return directories;
-}
-
 bool isMountPoint(const QString& directory) {
-    for (const Mount& mount : mountTable()) {
-        if (mount.directory == directory)
-            return true;
-    }
-    return false;
-}
-
-bool makeFile(const QString& path, const QByteArray& text = {}) {
-    QFile file(path);
-    return file.open(QFile::WriteOnly) && file.write(text) == text.size();
+    return !devicesAt(directory).isEmpty();
 }
 
 bool makeExt4(const QString& node, const QStringList& options = {}) {
@@ -552,7 +502,7 @@ TEST_F(LinuxBDUmount, AnotherDiskMountedOverIt_BothGo) {
 // The kernel's table has the blank as "\040", and that is where the device is told to be.
 TEST_F(LinuxBDUmount, MountPointWithABlank_ENOENTAndStays) {
     ASSERT_EQ(device->mount(directory("my card"), nullptr), 0);
-    EXPECT_EQ(directoriesOf(node()), QStringList(directory("my\\040card")));
+    EXPECT_EQ(directoriesOf(node()), QStringList(directory("my card")));
     EXPECT_EQ(umountPath(qPrintable(directory("my card")), nullptr), 0);
     EXPECT_EQ(mountsOf(node()).size(), 1);
 

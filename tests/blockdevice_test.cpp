@@ -2,8 +2,9 @@
 // memory file systems in their place, which takes no privilege.
 
 #include "support/childprocess.h"
-#include "support/isolation.h"
+#include "support/isolated.h"
 #include "support/logcapture.h"
+#include "support/mounts.h"
 #include "support/qtprint.h"
 #include "support/slots.h"
 #include "support/tempdir.h"
@@ -406,12 +407,10 @@ TEST(WriteProtectionOfNames, OnlyThePathInSys_IsLookedAt) {
 
 // --- mount and umount, of memory file systems in the disk's name --------------------------------
 
-class LinuxBDInMemory : public ::testing::Test {
+class LinuxBDInMemory : public test::Isolated {
 protected:
     void SetUp() override {
-        static const bool isIsolated = test::isolate(test::Own::Mounts);
-        if (!isIsolated)
-            GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
+        Isolated::SetUp();
         liberrno = NotFound;
     }
     ~LinuxBDInMemory() override {
@@ -419,18 +418,9 @@ protected:
             umount2(qPrintable(mounted), MNT_DETACH);
     }
 
-    /// The directories that a device is mounted on, as the kernel lists them.
+    /// The directories that a device is mounted on.
     static QStringList mounts(const char* node = noNode) {
-        QFile table("/proc/self/mounts");
-        QStringList found;
-        if (!table.open(QFile::ReadOnly))
-            return found;
-        for (const QByteArray& line : table.readAll().split('\n')) {
-            const QList<QByteArray> words = line.split(' ');
-            if (words[0] == node)
-                found += words[1];
-        }
-        return found;
+        return test::directoriesOf(node);
     }
 
     const TempDir directory;

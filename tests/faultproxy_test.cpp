@@ -4,6 +4,7 @@
 #include "support/faultproxy.h"
 
 #include "support/childprocess.h"
+#include "support/files.h"
 #include "support/loopback.h"
 #include "support/qtprint.h"
 #include "support/smbserver.h"
@@ -591,11 +592,6 @@ public:
 private:
     QProcess m_process;
 };
-
-QByteArray contents(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 bool hasEnded(pid_t process) {
     // Who has lost its parent stays until init looks after it.

@@ -2,9 +2,10 @@
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>
 
-#include "support/isolation.h"
+#include "support/isolated.h"
 #include "support/logcapture.h"
 #include "support/maintenanceprogram.h"
+#include "support/mounts.h"
 #include "support/qtprint.h"
 #include "support/slots.h"
 #include "support/tempdir.h"
@@ -34,14 +35,12 @@ constexpr char mountsMemory[] = R"(
 exec mount -t tmpfs "$2" "$3"
 )";
 
-class NfsTest : public ::testing::Test {
+class NfsTest : public test::WithMaintenanceProgram {
 protected:
     void SetUp() override {
-        static const bool isIsolated = test::isolate(test::Own::Mounts);
-        if (!isIsolated)
-            GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
-        if (test::isEmulated())
-            GTEST_SKIP() << "the emulator cannot start the maintenance program";
+        WithMaintenanceProgram::SetUp();
+        if (IsSkipped())
+            return;
         program.emplace(mountsMemory);
         ASSERT_EQ(program->problem(), "");
         ASSERT_TRUE(QDir().mkpath(path));
@@ -58,18 +57,6 @@ protected:
         const QList<QStringList> calls = program->calls();
         EXPECT_EQ(calls.size(), 1);
         return calls.value(0);
-    }
-    /// The devices that are mounted there.
-    QStringList mounted() const {
-        QFile table("/proc/mounts");
-        EXPECT_TRUE(table.open(QFile::ReadOnly));
-        QStringList found;
-        for (const QByteArray& line : table.readAll().split('\n')) {
-            const QList<QByteArray> words = line.split(' ');
-            if (words.value(1) == QFile::encodeName(path))
-                found += words[0];
-        }
-        return found;
     }
 
     const TempDir temp;
@@ -108,7 +95,7 @@ TEST_F(NfsTest, Connected_IsTheExport) {
     EXPECT_EQ(nfs.connect(target), 0);
     EXPECT_EQ(liberrno, NotFound);
     EXPECT_TRUE(nfs.isConnected());
-    EXPECT_EQ(mounted(), QStringList{"server:/export"});
+    EXPECT_EQ(test::devicesAt(path), QStringList{"server:/export"});
     struct stat st;
     EXPECT_EQ(nfs.stat("/beneath", st), -1);
     const auto file = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
@@ -120,7 +107,7 @@ TEST_F(NfsTest, Connected_IsTheExport) {
 
     EXPECT_EQ(nfs.disconnect(), 0);
     EXPECT_FALSE(nfs.isConnected());
-    EXPECT_EQ(mounted(), QStringList());
+    EXPECT_EQ(test::devicesAt(path), QStringList());
     // Nothing keeps anybody from what is beneath.
     EXPECT_EQ(nfs.stat("/beneath", st), 0);
     EXPECT_EQ(nfs.disconnect(), 0);
@@ -129,9 +116,9 @@ TEST_F(NfsTest, Connected_IsTheExport) {
 TEST_F(NfsTest, SlashAtTheEnd_UnmountsAllTheSame) {
     NFS nfs(path + '/');
     EXPECT_EQ(nfs.connect(target), 0);
-    EXPECT_EQ(mounted().size(), 1);
+    EXPECT_EQ(test::devicesAt(path).size(), 1);
     EXPECT_EQ(nfs.disconnect(), 0);
-    EXPECT_EQ(mounted(), QStringList());
+    EXPECT_EQ(test::devicesAt(path), QStringList());
 }
 
 TEST_F(NfsTest, New_DirectoryIsNobodysBusinessYet) {
@@ -156,9 +143,9 @@ TEST_F(NfsTest, ConnectAgain_InPlaceOfTheOneBefore) {
     NFS nfs(path);
     ASSERT_EQ(mount("somebody-elses", QFile::encodeName(path).constData(), "tmpfs", 0, nullptr), 0);
     EXPECT_EQ(nfs.connect(target), 0);
-    EXPECT_EQ(mounted(), QStringList{"server:/export"});
+    EXPECT_EQ(test::devicesAt(path), QStringList{"server:/export"});
     EXPECT_EQ(nfs.connect({{"target", "other:/export"}}), 0);
-    EXPECT_EQ(mounted(), QStringList{"other:/export"});
+    EXPECT_EQ(test::devicesAt(path), QStringList{"other:/export"});
     EXPECT_TRUE(nfs.isConnected());
 }
 
@@ -172,7 +159,7 @@ TEST_F(NfsTest, ConnectFails_StatusOfTheProgramAndNotConnected) {
     EXPECT_EQ(nfs.connect(target), 32);
     EXPECT_EQ(liberrno, NotFound);
     EXPECT_FALSE(nfs.isConnected());
-    EXPECT_EQ(mounted(), QStringList());
+    EXPECT_EQ(test::devicesAt(path), QStringList());
     EXPECT_EQ(program->calls().size(), 1); // no second attempt
     const QStringList messages = log.messages();
     EXPECT_TRUE(messages.contains("libio 10 stderr: no such export\n\n"))
@@ -201,7 +188,7 @@ TEST_F(NfsTest, Busy_StaysConnectedUnlessConnectedLazily) {
     ASSERT_TRUE(inUse);
     EXPECT_EQ(nfs.disconnect(), 0);
     EXPECT_FALSE(nfs.isConnected());
-    EXPECT_EQ(mounted(), QStringList());
+    EXPECT_EQ(test::devicesAt(path), QStringList());
     EXPECT_EQ(inUse->write("last", 4), 4);
 }
 
@@ -209,9 +196,9 @@ TEST_F(NfsTest, Destroyed_Unmounts) {
     {
         NFS nfs(path);
         ASSERT_EQ(nfs.connect(target), 0);
-        EXPECT_EQ(mounted().size(), 1);
+        EXPECT_EQ(test::devicesAt(path).size(), 1);
     }
-    EXPECT_EQ(mounted(), QStringList());
+    EXPECT_EQ(test::devicesAt(path), QStringList());
 }
 
 // The export is gone while it counts as connected.
@@ -287,7 +274,7 @@ TEST_F(NfsTest, NameWithANul_UnmountsNothing) {
     NFS other(path + QChar(0) + "other");
     EXPECT_EQ(other.disconnect(), -1);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(mounted().size(), 1);
+    EXPECT_EQ(test::devicesAt(path).size(), 1);
 }
 
 TEST_F(NfsTest, Ioctl_NotImplemented) {

@@ -431,6 +431,25 @@ TEST_F(Smb, Connect_DescribedInTheLog) {
     }
 }
 
+TEST_F(Smb, LongestLogin_Connects) {
+    const auto longest = [](char c) { return QString(1024, c); };
+    LogCapture log("libio_smb2=12");
+    Smb2FS fs(10);
+    EXPECT_EQ(fs.connect({{"server", server.address()},
+                          {"share", "guest"},
+                          {"domain", longest('d')},
+                          {"user", longest('u')},
+                          {"version", longest('v')},
+                          {"workstation", longest('w')}}),
+              0)
+        << strerror();
+    EXPECT_EQ(fs.getDialect(), "3.1.1");
+    EXPECT_TRUE(fs.isConnected());
+    const QString message = log.messages().value(0); // cut, as all messages are
+    const QString begin = "libio_smb2 12 SMB Connect 'smb://" + longest('d').left(100);
+    EXPECT_EQ(message.left(begin.size()), begin);
+}
+
 TEST_F(Smb, Version_IsTheDialect) {
     const std::vector<std::pair<const char*, const char*>> cases = {
         {"2.0.2", "2.0.2"}, {"2.1.0", "2.1.0"}, {"3.0.0", "3.0.0"}, {"3.0.2", "3.0.2"},

@@ -2,7 +2,7 @@
 #include <oruio/bdmon.h>
 #include <oruio/error.h>
 
-#include "support/isolation.h"
+#include "support/isolated.h"
 #include "support/logcapture.h"
 #include "support/maintenanceprogram.h"
 #include "support/qtprint.h"
@@ -175,16 +175,8 @@ TEST_F(LinuxBDMount, TextsThatCannotCross_AreRefused) {
 
 namespace {
 
-class LinuxBDCommands : public ::testing::Test {
+class LinuxBDCommands : public test::WithMaintenanceProgram {
 protected:
-    void SetUp() override {
-        static const bool isIsolated = test::isolate(test::Own::Mounts);
-        if (!isIsolated)
-            GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
-        if (test::isEmulated())
-            GTEST_SKIP() << "the emulator cannot start the maintenance program";
-    }
-
     using Operation = int (BlockDevice::*)(const Properties*);
 
     /// The arguments that the program gets for one operation.

@@ -1,14 +1,15 @@
 // Storage locations over devices and file systems of the test's own.
 #include <oruio/error.h>
-#include <oruio/fsnfs.h>
-#include <oruio/fssmb.h>
 #include <oruio/fsswitch.h>
 #include <oruio/storagelocation.h>
 
 #include "support/isolation.h"
 #include "support/logcapture.h"
 #include "support/memfs.h"
+#include "support/openlocation.h"
 #include "support/qtprint.h"
+#include "support/scripteddevice.h"
+#include "support/scriptedshare.h"
 #include "support/slots.h"
 #include "support/tempdir.h"
 
@@ -29,76 +30,17 @@
 
 namespace oru::io {
 
-static void PrintTo(StorageLocation::AccessType access, std::ostream* out) {
-    *out << StorageLocation::straccess(access);
-}
-
 namespace {
 
+using test::Device;
 using test::LogCapture;
+using test::makeDevice;
 using test::MemFS;
+using test::OpenLocation;
+using test::ScriptedDevice;
+using test::ScriptedNfs;
+using test::ScriptedSmb;
 using test::slotOf;
-
-/// Does what it is told, and remembers what it was asked.
-class ScriptedDevice : public BlockDevice {
-public:
-    int mount(QString mountPoint, const Properties* props) override {
-        calls += "mount " + mountPoint;
-        last = *props;
-        return result;
-    }
-    int umount(const Properties*) override {
-        calls += "umount";
-        return result;
-    }
-    int mkfs(const Properties*) override {
-        calls += "mkfs";
-        return result;
-    }
-    int fsck(const Properties* props) override {
-        calls += props ? "fsck with properties" : "fsck";
-        return result;
-    }
-    int format(const Properties* props) override {
-        calls += "format";
-        last = props ? *props : Properties();
-        return result;
-    }
-    Properties props() override {
-        return m_props;
-    }
-
-    int result = 0;
-    QStringList calls;
-    Properties last; ///< what the last call was given
-};
-
-using Device = QSharedPointer<ScriptedDevice>;
-
-Device makeDevice(const QString& idPath, quint32 number, quint64 blocks, const QString& type) {
-    auto device = Device::create();
-    device->m_idPath = idPath;
-    device->m_partNum = number;
-    device->m_totalBlocks = blocks;
-    device->m_blkSize = 512;
-    device->m_fsType = type;
-    device->m_devName = number == 0 ? "/dev/disk" : "/dev/disk" + QString::number(number);
-    return device;
-}
-
-/// Opens up what a location keeps for itself.
-class OpenLocation : public SystemLocation {
-public:
-    using StorageLocation::m_enabled;
-    using StorageLocation::m_present;
-    using StorageLocation::m_props;
-    using StorageLocation::m_writeProtected;
-    using SystemLocation::m_blkDevPart;
-    using SystemLocation::m_blkDevWhole;
-    using SystemLocation::m_mounted;
-    using SystemLocation::m_mountOk;
-    using SystemLocation::SystemLocation;
-};
 
 constexpr char slot1[] = "platform-slot-1";
 // With the slash at its end that the switch gives it.
@@ -108,18 +50,10 @@ const QString nowhere = QStringLiteral("/no/such/directory/");
 class SystemLocationTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        useNewSwitch();
         FSSwitch::rootfs()->add(nowhere, fs);
         liberrno = Ok;
     }
-    void TearDown() override {
-        useNewSwitch();
-    }
 
-    static void useNewSwitch() {
-        QSharedPointer<FSSwitch> none;
-        FSSwitch::setRootfs(none);
-    }
     void insert() {
         location.addBlockDevice(disk);
         location.addBlockDevice(part);
@@ -129,6 +63,7 @@ protected:
         EXPECT_EQ(location.m_mounted, isMounted);
     }
 
+    const test::OwnSwitch ownSwitch;
     const FS::SPtr fs{new MemFS};
     Properties props = {{"blkDevId", slot1}};
     OpenLocation location{"card", fs, &props};
@@ -501,6 +436,29 @@ TEST_F(SystemLocationTest, MkReadOnly_MountsUnlessItIs) {
     EXPECT_EQ(part->calls.size(), 1);
 }
 
+namespace {
+
+/// Has something to do when it is mounted, as the locations of an application may.
+class CountingLocation : public SystemLocation {
+public:
+    using SystemLocation::SystemLocation;
+    int mount(Properties* given) override {
+        ++mounts;
+        return SystemLocation::mount(given);
+    }
+
+    int mounts = 0;
+};
+
+} // namespace
+
+TEST_F(SystemLocationTest, MkReadOnly_MountsAsTheLocationDoes) {
+    CountingLocation counting("card", fs, &props);
+    counting.addBlockDevice(part);
+    EXPECT_EQ(counting.mkReadOnly(), 0);
+    EXPECT_EQ(counting.mounts, 1);
+}
+
 TEST_F(SystemLocationTest, MkWriteable_LeavesTheStateAsItWas) {
     insert();
     EXPECT_EQ(location.mkReadOnly(), 0);
@@ -584,47 +542,6 @@ TEST_F(SystemLocationTest, SlotsByName_AndIdWithoutProperties) {
 // --- Shares -------------------------------------------------------------------------------------
 
 namespace {
-
-/// A share that does what it is told, with files in memory.
-template <class Base>
-class ScriptedShare : public Base {
-public:
-    using Base::Base;
-
-    int connect(Properties props) override {
-        calls += "connect " + props["server"].toString();
-        isUp = result == 0;
-        return result;
-    }
-    int disconnect() override {
-        calls += "disconnect";
-        if (disconnectResult == 0)
-            isUp = false;
-        return disconnectResult;
-    }
-    bool isConnected() override {
-        calls += "isConnected";
-        return isUp;
-    }
-    int unlink(QString path) override {
-        calls += "unlink " + path;
-        return files.unlink(path);
-    }
-    QSharedPointer<File> open(QString path, int flags, int mode) override {
-        calls += QStringLiteral("open %1 %2 %3").arg(path).arg(flags).arg(mode, 0, 8);
-        return isReadOnly ? QSharedPointer<File>() : files.open(path, flags, mode);
-    }
-
-    MemFS files;
-    QStringList calls;
-    int result = 0;
-    int disconnectResult = 0;
-    bool isUp = false;
-    bool isReadOnly = false;
-};
-
-using ScriptedSmb = ScriptedShare<Smb2FS>;
-using ScriptedNfs = ScriptedShare<NFS>;
 
 class RemoteLocationTest : public ::testing::Test {
 protected:

@@ -2,9 +2,10 @@
 #include <oruio/sysutils.h>
 
 #include "mounttable_p.h"
-#include "support/isolation.h"
+#include "support/isolated.h"
 #include "support/logcapture.h"
 #include "support/maintenanceprogram.h"
+#include "support/mounts.h"
 #include "support/qtprint.h"
 #include "support/tempdir.h"
 
@@ -75,28 +76,7 @@ using test::LogCapture;
 using test::MaintenanceProgram;
 using test::TempDir;
 
-/// With mounts of the program's own.
-class Isolated : public ::testing::Test {
-protected:
-    void SetUp() override {
-        static const bool isIsolated = test::isolate(test::Own::Mounts);
-        if (!isIsolated)
-            GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
-    }
-    void TearDown() override {
-        refusal = {};
-    }
-};
-
-/// Where a maintenance program can be started.
-class SysCmdTest : public Isolated {
-protected:
-    void SetUp() override {
-        Isolated::SetUp();
-        if (!IsSkipped() && test::isEmulated())
-            GTEST_SKIP() << "the emulator cannot start the maintenance program";
-    }
-};
+using SysCmdTest = test::WithMaintenanceProgram;
 
 } // namespace
 
@@ -315,7 +295,7 @@ TEST_F(SysCmdTest, SeveralThreads_EachItsOwn) {
 namespace {
 
 /// A directory to mount on, and what is mounted there.
-class UmountPath : public Isolated {
+class UmountPath : public test::Isolated {
 protected:
     void SetUp() override {
         Isolated::SetUp();
@@ -324,7 +304,6 @@ protected:
         ASSERT_TRUE(QDir().mkpath(path));
     }
     void TearDown() override {
-        Isolated::TearDown();
         while (umount2(QFile::encodeName(path).constData(), MNT_DETACH) == 0)
             continue;
         refusal = {};
@@ -339,9 +318,7 @@ protected:
     }
     /// How often something is mounted there.
     int mounts() const {
-        QFile table("/proc/mounts");
-        EXPECT_TRUE(table.open(QFile::ReadOnly));
-        return table.readAll().count(" " + QFile::encodeName(path) + " ");
+        return test::devicesAt(path).size();
     }
 
     const TempDir temp;

@@ -1,6 +1,8 @@
 #include "loopdisk.h"
 
 #include "childprocess.h"
+#include "files.h"
+#include "mounts.h"
 
 #include <QDir>
 #include <QFile>
@@ -44,11 +46,6 @@ FILE* startGuard(const QString& image) {
     const QString script = QStringLiteral("PATH=%1 image='%2'\n%3")
                                .arg(toolDirectories.join(':'), image, QLatin1String(guardScript));
     return ::popen(qPrintable(script), "we");
-}
-
-QByteArray contents(const QString& path) {
-    QFile file(path);
-    return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 bool isBlockDevice(const QString& path) {
@@ -156,15 +153,10 @@ void LoopDisk::GuardCloser::operator()(FILE* guard) const {
 
 /// Here, as other processes have mounts of their own.
 void LoopDisk::unmount() const {
-    const QList<QByteArray> lines = contents("/proc/self/mounts").split('\n');
-    for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
-        const QList<QByteArray> words = line->split(' ');
-        const QString device = QString::fromUtf8(words[0]);
-        if (device != node() && !device.startsWith(node() + 'p'))
-            continue;
-        QByteArray directory = words[1];
-        directory.replace("\\040", " ");
-        ::umount2(directory.constData(), MNT_DETACH);
+    const QList<Mount> mounts = mountTable();
+    for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
+        if (mount->device == node() || mount->device.startsWith(node() + 'p'))
+            ::umount2(QFile::encodeName(mount->directory).constData(), MNT_DETACH);
     }
 }
 

@@ -1,9 +1,9 @@
 #include "smbserver.h"
 
 #include "childprocess.h"
+#include "files.h"
 
 #include <QDir>
-#include <QFile>
 #include <QStandardPaths>
 
 #include <csignal>
@@ -67,17 +67,6 @@ QString smbdProgram() {
 QString accountName() {
     const struct passwd* const account = getpwuid(geteuid());
     return account ? QString::fromLocal8Bit(account->pw_name) : QString();
-}
-
-QByteArray contents(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void writeFile(const QString& path, const QString& text) {
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly))
-        file.write(text.toUtf8());
 }
 
 void makeDirectory(const QString& path, mode_t mode) {
@@ -166,14 +155,15 @@ void SmbServer::writeFiles(const Options& options) {
         text += QStringLiteral("[%1]\npath = %2\n").arg(share.key(), directory(share.key()));
         text += share.value().join('\n') + '\n';
     }
-    writeFile(m_directory / "smb.conf", text);
-    writeFile(m_directory / "users", account + " = " + user + '\n');
-    writeFile(m_directory / "private/smbpasswd",
-              QStringLiteral("%1:%2:%3:%4:[U          ]:LCT-00000001:\n")
-                  .arg(account)
-                  .arg(geteuid())
-                  .arg(QString(32, 'X'), QLatin1String(passwordHash)));
-    writeFile(directory("ro") + "/file.txt", QStringLiteral("read only file\n"));
+    makeFile(m_directory / "smb.conf", text.toUtf8());
+    makeFile(m_directory / "users", (account + " = " + user + '\n').toUtf8());
+    makeFile(m_directory / "private/smbpasswd",
+             QStringLiteral("%1:%2:%3:%4:[U          ]:LCT-00000001:\n")
+                 .arg(account)
+                 .arg(geteuid())
+                 .arg(QString(32, 'X'), QLatin1String(passwordHash))
+                 .toUtf8());
+    makeFile(directory("ro") + "/file.txt", "read only file\n");
 }
 
 QString SmbServer::problem() const {

@@ -1,5 +1,6 @@
 #include "udevd.h"
 
+#include "files.h"
 #include "loopdisk.h"
 
 #include <QDir>
@@ -39,16 +40,6 @@ QString idPathFile(const QString& disk) {
     return "/run/id-paths/" + disk;
 }
 
-bool writeFile(const QString& path, const QByteArray& text) {
-    QFile file(path);
-    return file.open(QFile::WriteOnly) && file.write(text) == text.size();
-}
-
-QString contents(const QString& path) {
-    QFile file(path);
-    return file.open(QFile::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
-
 /// What the child process does.
 int runUdevd(const QByteArray& program) {
     const int log = ::open(logFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
@@ -80,14 +71,14 @@ Udevd::Udevd() {
         }
     }
     if (!QDir().mkpath("/run/udev/rules.d") || !QDir().mkpath("/run/id-paths") ||
-        !writeFile(rulesFile, rules)) {
+        !makeFile(rulesFile, rules)) {
         m_problem = QStringLiteral("cannot write to /run");
         return;
     }
     const QByteArray program = udevdProgram().toUtf8();
     m_process = std::make_unique<ChildProcess>([&] { return runUdevd(program); });
     if (!eventually([] { return QFile::exists("/run/udev/control"); }) || !settle())
-        m_problem = "udevd does not answer: " + contents(logFile);
+        m_problem = "udevd does not answer: " + QString::fromUtf8(contents(logFile));
 }
 
 Udevd::~Udevd() {
@@ -113,7 +104,7 @@ QString Udevd::problem() const {
 
 bool Udevd::setIdPath(const QString& disk, const QString& idPath) const {
     // What happened before shall not be told with it.
-    return settle() && writeFile(idPathFile(disk), "ID_PATH=" + idPath.toUtf8() + '\n');
+    return settle() && makeFile(idPathFile(disk), "ID_PATH=" + idPath.toUtf8() + '\n');
 }
 
 void Udevd::clearIdPath(const QString& disk) const {
