@@ -1,6 +1,7 @@
 #!/bin/bash
 # Shows the example programs at work: a clip goes to a local directory, another one through shared
-# memory to a file server, and a third one to a share of an SMB server.
+# memory to a file server, a third one to a share of an SMB server, and a fourth one to a memory
+# card.
 #   usage: demo.sh DIRECTORY_OF_THE_PROGRAMS [RECORDER_ARGUMENT...]
 #
 # The arguments are for all of the recordings. Those that say where the clip goes, or ask for help,
@@ -8,6 +9,8 @@
 set -euo pipefail
 
 tools=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
+# shellcheck source=tools/card-slot.sh
+source "$tools/card-slot.sh"
 programs=$1
 shift
 
@@ -103,6 +106,19 @@ onto_a_network_share() {
     (cd "$served/smb/recordings" && stat -c "in the server's directory: %n, %s bytes" -- *)
 }
 
+onto_a_card() {
+    local missing
+    echo
+    echo "Onto a memory card, which a loop disk plays: it is plugged in, and pulled out at the end:"
+    missing=$(missing_for_slots)
+    if [[ -n $missing ]]; then
+        leave_out "$missing"
+        return
+    fi
+    unshare --mount --net "$tools/demo-card.sh" "$programs" "$served" "$@"
+}
+
 into_a_directory "$@"
 through_shared_memory "$@"
 onto_a_network_share "$@"
+onto_a_card "$@"

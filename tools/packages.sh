@@ -7,11 +7,11 @@ packages_build=(cmake g++ ninja-build)
 packages_googletest=(googletest libgmock-dev libgtest-dev)
 packages_samba=(samba samba-common-bin)
 # udev without and with hardware, and what the maintenance program runs.
-packages_media=(dosfstools e2fsprogs exfatprogs fdisk libumockdev-dev mount psmisc udev umockdev
-    util-linux)
+packages_media=(dosfstools e2fsprogs exfatprogs fdisk iproute2 libumockdev-dev mount psmisc udev
+    umockdev util-linux)
 packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libumockdev-dev libglib2.0-dev pkgconf smbclient)
 packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" "${packages_media[@]}" pkgconf procps smbclient)
-packages_demo=("${packages_samba[@]}")
+packages_demo=("${packages_samba[@]}" e2fsprogs fdisk mount udev util-linux)
 packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-user-static)
 packages_fuzz=(clang libclang-rt-dev)
 packages_check=(clang-format clang-tidy git pkgconf shellcheck)

@@ -2,8 +2,8 @@
 
 #include "common/failure.h"
 #include "common/localdirectory.h"
+#include "common/smburl.h"
 #include "networkshare.h"
-#include "smburl.h"
 
 #include <oruio/fsipc.h>
 #include <oruio/fsswitch.h>
@@ -14,6 +14,7 @@ namespace {
 
 const QString mountPoint = QStringLiteral("/media/clip-dest");
 const QString fileServer = QStringLiteral("ipc");
+const QString locationPrefix = QStringLiteral("location:");
 
 /// A recorder that has just been killed may still be in the way at the first attempt.
 constexpr unsigned int connectTries = 2;
@@ -36,9 +37,15 @@ QSharedPointer<oru::io::FS> connectToFileServer() {
 
 } // namespace
 
-Destination::Destination(const QString& text, bool keep)
-    : m_temporary(text.isEmpty() ? makeTemporaryDirectory(keep) : nullptr),
-      m_shown(m_temporary ? m_temporary->path() : text), m_directory(mountPoint) {
+Destination::Destination(const Options& options)
+    : m_temporary(options.destination.isEmpty() ? makeTemporaryDirectory(options.keep) : nullptr),
+      m_shown(m_temporary ? m_temporary->path() : options.destination), m_directory(mountPoint) {
+    const QString& text = options.destination;
+    if (text.startsWith(locationPrefix)) {
+        m_medium = std::make_unique<Medium>(text.mid(locationPrefix.size()), options);
+        m_directory = m_medium->directory();
+        return;
+    }
     QSharedPointer<oru::io::FS> fs;
     if (isSmbUrl(text)) {
         const SmbUrl url = parseSmbUrl(text);
@@ -55,6 +62,11 @@ Destination::Destination(const QString& text, bool keep)
 
 Destination::~Destination() {
     oru::io::FSSwitch::rootfs()->remove(mountPoint);
+}
+
+void Destination::leave() {
+    if (m_medium)
+        m_medium->unmount();
 }
 
 QString Destination::directory() const {

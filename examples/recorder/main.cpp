@@ -13,7 +13,7 @@ namespace {
 
 void recordAndVerify(const Options& options) {
     stopsignal::install();
-    const Destination destination(options.destination, options.keep);
+    Destination destination(options);
     const Recording recording = record(destination, options);
     // The signal has ended the recording; a further one may end the reading.
     stopsignal::clear();
@@ -24,6 +24,7 @@ void recordAndVerify(const Options& options) {
         throw Failure{"verification of " + destination.shown(name) + " was interrupted"};
     if (!isVerified(recording, back))
         throw Failure{destination.shown(name) + " reads differently from what was written"};
+    destination.leave();
 }
 
 void run(const QStringList& arguments) {

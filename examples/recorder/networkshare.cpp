@@ -1,7 +1,7 @@
 #include "networkshare.h"
 
 #include "common/failure.h"
-#include "password.h"
+#include "common/smblogin.h"
 
 #include <oruio/fssmb.h>
 
@@ -13,18 +13,6 @@ using oru::io::Smb2FS;
 
 /// What the server may take for an answer, in seconds. A recording cannot wait for longer.
 constexpr unsigned int timeout = 10;
-
-oru::io::Properties loginOf(const SmbUrl& url) {
-    oru::io::Properties login;
-    login["server"] = url.server;
-    login["share"] = url.share;
-    if (url.user.isEmpty())
-        return login;
-    login["domain"] = url.domain;
-    login["user"] = url.user;
-    login["password"] = obtainPassword(url.user + " on " + url.server);
-    return login;
-}
 
 /// What a failure to connect means, where errno was made for something else.
 const char* meaningOf(int error) {
@@ -63,7 +51,7 @@ void provideDirectory(Smb2FS& fs, const QString& path, const QString& shown) {
 
 QSharedPointer<oru::io::FS> connectToShare(const SmbUrl& url, const QString& shown) {
     auto fs = Smb2FS::SPtr::create(timeout);
-    if (fs->connect(loginOf(url)) != 0)
+    if (fs->connect(loginTo(url)) != 0)
         throw cannot("connect to " + shown + meaningOf(errno));
     QString path;
     for (const QString& name : url.directories) {

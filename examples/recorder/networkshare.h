@@ -1,7 +1,7 @@
 // A share of an SMB server as a file system.
 #pragma once
 
-#include "smburl.h"
+#include "common/smburl.h"
 
 #include <oruio/fs.h>
 

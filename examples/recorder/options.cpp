@@ -12,6 +12,7 @@ constexpr double lowestRate = 0.1;
 constexpr double highestRate = 10'000;
 constexpr double longestSeconds = 1e6;
 constexpr qint64 defaultBytes = 256LL << 20;
+const QString defaultLocations = QStringLiteral("/etc/oruio/locations.ini");
 
 const char description[] =
     "Records a generated stream of frames as one clip, reads it back and verifies it.\n"
@@ -29,9 +30,13 @@ void declareOptions(QCommandLineParser& parser) {
         {"to",
          "Where the clip goes: a local directory; ipc, whatever the file_server on this system "
          "exports; or smb://[[DOMAIN;]USER@]HOST[:PORT]/SHARE[/DIRECTORY...], a share on the "
-         "network, where a missing directory is made. (Directories of such names are ./ipc and "
-         "./smb:...) Default: a temporary directory, removed at the end.",
+         "network, where a missing directory is made; or location:NAME, a storage location, whose "
+         "medium is awaited, mounted and unmounted again. (Directories of such names are ./ipc, "
+         "./smb:... and ./location:...) Default: a temporary directory, removed at the end.",
          "DEST"},
+        {"locations", "The file that describes the storage locations. Default: " + defaultLocations,
+         "FILE", defaultLocations},
+        {"check", "Check the file system of a location's medium when the clip is on it."},
         {"keep", "Keep the temporary directory. What goes to an explicit --to is always kept."},
         {"name",
          "File name of the clip. Default: the next free clip-NNNN.oru. An existing file is "
@@ -81,7 +86,7 @@ QString parseName(const QString& value) {
 
 QString parseDestination(const QString& value) {
     if (value.isEmpty())
-        reject("to", value, "a directory, ipc or smb://...");
+        reject("to", value, "a directory, ipc, smb://... or location:...");
     return value;
 }
 
@@ -93,6 +98,8 @@ Clock::duration parseSeconds(const QString& value) {
 Options readValues(const QCommandLineParser& parser) {
     Options options;
     options.keep = parser.isSet("keep");
+    options.locations = parser.value("locations");
+    options.check = parser.isSet("check");
     if (parser.isSet("to"))
         options.destination = parseDestination(parser.value("to"));
     if (parser.isSet("name"))

@@ -4,10 +4,6 @@
 
 namespace {
 
-void printRow(const char* label, const QString& text) {
-    std::printf("%-10s %s\n", label, qUtf8Printable(text));
-}
-
 QString framesText(const Recording& recording) {
     QString text = QString::number(recording.frames);
     if (recording.lateFrames > 0)
@@ -22,6 +18,11 @@ QString latencyText(const LatencyHistogram& latency) {
 }
 
 } // namespace
+
+void printRow(const char* label, const QString& text) {
+    std::printf("%-10s %s\n", label, qUtf8Printable(text));
+    std::fflush(stdout);
+}
 
 void printSummary(const Destination& destination, const Recording& recording,
                   const ReadBack& readBack) {
@@ -46,5 +47,4 @@ void printSummary(const Destination& destination, const Recording& recording,
     printRow("read back",
              QString::asprintf("%.1f MB/s", megabytesPerSecond(readBack.bytes, readBack.duration)));
     printRow("verified", isVerified(recording, readBack) ? "yes" : "no");
-    std::fflush(stdout);
 }

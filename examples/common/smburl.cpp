@@ -1,6 +1,6 @@
 #include "smburl.h"
 
-#include "common/failure.h"
+#include "failure.h"
 #include "password.h"
 
 #include <QRegularExpression>
@@ -14,7 +14,7 @@ QRegularExpression pattern(const QString& text) {
 }
 
 [[noreturn]] void reject(const QString& problem) {
-    throw UsageError{"the URL behind --to " + problem};
+    throw UsageError{"the URL of a share " + problem};
 }
 
 /// A password may itself have an @ or a slash that should have been encoded: wherever a colon comes

@@ -1,4 +1,4 @@
-// The text after --to, when it names a share of an SMB server.
+// A share of an SMB server, as users write it.
 #pragma once
 
 #include <QString>

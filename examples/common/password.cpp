@@ -1,7 +1,7 @@
 #include "password.h"
 
-#include "common/failure.h"
-#include "common/stopsignal.h"
+#include "failure.h"
+#include "stopsignal.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,0 +1,111 @@
+#include "places.h"
+
+#include "failure.h"
+#include "smblogin.h"
+#include "smburl.h"
+
+#include <oruio/fsnfs.h>
+#include <oruio/fssmb.h>
+#include <oruio/fsswitch.h>
+#include <oruio/posixfs.h>
+
+#include <QFile>
+#include <QSettings>
+
+namespace {
+
+using namespace oru::io;
+
+/// What a server may take for an answer, in seconds. Who looks after several places cannot wait for
+/// one of them for longer.
+constexpr unsigned int timeout = 5;
+
+template <class Location, class FileSystem>
+std::unique_ptr<StorageLocation> makeLocation(const QString& name, QSharedPointer<FileSystem> fs,
+                                              Properties props) {
+    return std::make_unique<Location>(name.toUtf8().constData(), fs, &props);
+}
+
+SmbUrl parseShare(const QString& text) {
+    try {
+        return parseSmbUrl(text);
+    } catch (const UsageError& error) { // not of the command line, here
+        throw Failure{error.message};
+    }
+}
+
+Place readPlace(const QSettings& section) {
+    const QString name = section.group();
+    const auto value = [&](const char* key) { return section.value(key).toString(); };
+    const auto reject = [&](const QString& problem) {
+        throw Failure{section.fileName() + ", [" + name + "]: " + problem};
+    };
+
+    Place place;
+    place.directory = value("directory");
+    if (!place.directory.startsWith('/'))
+        reject("directory must be an absolute path");
+    if (section.contains("device")) {
+        place.location = makeLocation<SystemLocation>(name, PosixFS::SPtr::create(place.directory),
+                                                      {{"blkDevId", value("device")}});
+    } else if (section.contains("export")) {
+        place.location = makeLocation<RemoteLocation>(name, NFS::SPtr::create(place.directory),
+                                                      {{"target", value("export")}});
+    } else if (section.contains("share")) {
+        if (!isSmbUrl(value("share")))
+            reject("share must be smb://...");
+        const SmbUrl url = parseShare(value("share"));
+        if (!url.directories.isEmpty())
+            reject("share must be a whole share, without a directory");
+        place.location =
+            makeLocation<RemoteLocation>(name, Smb2FS::SPtr::create(timeout), loginTo(url));
+    } else {
+        reject("one of device, share and export must be there");
+    }
+    return place;
+}
+
+} // namespace
+
+Places::Places(const QString& file) {
+    if (!QFile::exists(file))
+        throw Failure{"there is no file of locations " + file};
+    QSettings settings(file, QSettings::IniFormat);
+    settings.setIniCodec("UTF-8");
+    for (const QString& name : settings.childGroups()) {
+        settings.beginGroup(name);
+        m_places.push_back(readPlace(settings));
+        settings.endGroup();
+    }
+    if (settings.status() != QSettings::NoError)
+        throw Failure{file + ": not such a file"};
+    for (const Place& place : m_places)
+        FSSwitch::rootfs()->add(place.directory, place.location->fs());
+}
+
+Places::~Places() {
+    for (const Place& place : m_places)
+        FSSwitch::rootfs()->remove(place.directory);
+}
+
+std::vector<Place>& Places::all() {
+    return m_places;
+}
+
+Place* Places::find(const QString& name) {
+    for (Place& place : m_places) {
+        if (place.location->name() == name)
+            return &place;
+    }
+    return nullptr;
+}
+
+void Places::follow(BDMon& monitor) {
+    QObject::connect(&monitor, &BDMon::notify, &m_follower,
+                     [this](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr) {
+                         for (const Place& place : m_places) {
+                             if (auto* local = qobject_cast<SystemLocation*>(place.location.get()))
+                                 local->processBDEvents(events);
+                         }
+                     });
+}

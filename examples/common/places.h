@@ -1,0 +1,48 @@
+// The storage locations of an application, as a file describes them.
+#pragma once
+
+#include <oruio/bdmon.h>
+#include <oruio/storagelocation.h>
+
+#include <QString>
+
+#include <memory>
+#include <vector>
+
+/// A location, and where its files are.
+struct Place {
+    std::unique_ptr<oru::io::StorageLocation> location;
+    QString directory; ///< in the root switch; a local medium is mounted on it as well
+};
+
+/// All places of a file, mounted in the root switch for as long as this object lives. The file has
+/// a section for each, whose name is the location's:
+///
+///     [card]
+///     device = platform-3f000000.mmc
+///     directory = /media/card
+///
+///     [archive]
+///     share = smb://recorder@nas/footage
+///     directory = /media/archive
+///
+/// "device" is the ID_PATH of what is plugged in there, as the media_monitor shows it; "share" the
+/// URL of an SMB share; "export" an NFS export such as nas:/footage. A section has one of them.
+class Places {
+public:
+    /// Obtains the password of each share that has a user. Throws Failure.
+    explicit Places(const QString& file);
+    ~Places();
+
+    std::vector<Place>& all();
+    /// Null when there is no place of that name.
+    Place* find(const QString& name);
+    /// From now on the local ones know what is plugged in, from the events of `monitor`.
+    void follow(oru::io::BDMon& monitor);
+
+private:
+    Q_DISABLE_COPY(Places)
+
+    std::vector<Place> m_places;
+    QObject m_follower; // ends the connection with the monitor
+};

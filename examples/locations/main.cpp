@@ -1,0 +1,145 @@
+// Looks after an application's storage locations: mounts what arrives, records on it, unmounts it.
+#include "common/failure.h"
+#include "common/places.h"
+#include "common/program.h"
+#include "common/stopsignal.h"
+
+#include <oruio/error.h>
+#include <oruio/fsswitch.h>
+
+#include <QCommandLineParser>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <thread>
+
+#include <fcntl.h>
+
+namespace {
+
+using namespace oru::io;
+
+const char description[] =
+    "Shows the state of each storage location of FILE as it changes, mounts the media that arrive\n"
+    "and the shares, and records a short clip to each that is writeable, until Ctrl-C or SIGTERM.\n"
+    "\n"
+    "Exit status: 0 all unmounted, 1 failure, 2 bad command line.";
+
+void tell(const Place& place, const QString& what) {
+    std::printf("%s: %s\n", place.location->name(), qUtf8Printable(what));
+    std::fflush(stdout);
+}
+
+/// What recordClip() has to say.
+QString recordClip(const Place& place) {
+    constexpr int size = 1 << 20;
+    const QByteArray clip(size, 'o');
+    const QString path = place.directory + "/locations-clip.oru";
+    const auto file = FSSwitch::rootfs()->open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!file || file->write(clip.constData(), size) != size || file->fsync() != 0 ||
+        file->close() != 0)
+        return QStringLiteral("cannot record: ") + strerror();
+    return QStringLiteral("recorded %1 bytes in %2").arg(size).arg(path);
+}
+
+/// Brings one place forward by a step, and tells what has changed.
+class Attendant {
+public:
+    explicit Attendant(Place& place) : m_place(place) {}
+
+    void attend() {
+        StorageLocation& location = *m_place.location;
+        const bool isRemote = qobject_cast<RemoteLocation*>(&location) != nullptr;
+        const auto before = m_access;
+        tellAccess();
+        if (before >= StorageLocation::Read && m_access <= StorageLocation::Presence)
+            leave(); // it was pulled out
+        if (m_access == (isRemote ? StorageLocation::None : StorageLocation::Presence))
+            arrive();
+    }
+
+    /// \returns whether nothing is mounted any more.
+    bool leave() {
+        Properties lazy = {{"lazy", true}};
+        const bool isPulledOut = m_access <= StorageLocation::Presence;
+        if (m_place.location->umount(isPulledOut ? &lazy : nullptr) != 0) {
+            tell(m_place, QStringLiteral("cannot unmount: ") + strerror());
+            return false;
+        }
+        tellAccess();
+        return true;
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    /// A medium that cannot be mounted is not tried for ever, a server again and again.
+    void arrive() {
+        if (Clock::now() < m_nextTry)
+            return;
+        m_nextTry = Clock::now() + std::chrono::seconds(5);
+        Properties readOnly = {{"readonly", true}};
+        if (m_place.location->mount(m_place.location->isWriteProtected() ? &readOnly : nullptr) !=
+            0)
+            return tell(m_place, QStringLiteral("cannot mount: ") + strerror());
+        tellAccess();
+        if (m_access == StorageLocation::Write)
+            tell(m_place, recordClip(m_place));
+    }
+
+    void tellAccess() {
+        const auto access = m_place.location->access();
+        if (access != m_access)
+            tell(m_place, StorageLocation::straccess(access));
+        m_access = access;
+    }
+
+    Place& m_place;
+    StorageLocation::AccessType m_access = StorageLocation::None;
+    Clock::time_point m_nextTry;
+};
+
+void lookAfter(const QString& file) {
+    constexpr unsigned int quietMs = 500;
+    constexpr std::chrono::milliseconds interval(200);
+    stopsignal::install();
+    Places places(file);
+    std::vector<Attendant> attendants(places.all().begin(), places.all().end());
+    BDMon& media = *BDMon::instance();
+    places.follow(media);
+    media.start();
+    while (!stopsignal::isRequested()) {
+        media.update(quietMs);
+        for (Attendant& attendant : attendants)
+            attendant.attend();
+        std::this_thread::sleep_for(interval);
+    }
+    bool isClean = true;
+    for (Attendant& attendant : attendants)
+        isClean &= attendant.leave();
+    media.stop();
+    if (!isClean)
+        throw Failure{"something is still mounted"};
+}
+
+void runCommand(const QStringList& arguments) {
+    QCommandLineParser parser;
+    parser.setApplicationDescription(description);
+    parser.addOption({{"h", "help"}, "Show this help."});
+    parser.addPositionalArgument("FILE", "The file that describes the locations.");
+    if (!parser.parse(arguments))
+        throw UsageError{parser.errorText()};
+    if (parser.isSet("help"))
+        std::fputs(qUtf8Printable(parser.helpText()), stdout);
+    else if (parser.positionalArguments().size() != 1)
+        throw UsageError{"there must be one file of locations"};
+    else
+        lookAfter(parser.positionalArguments().first());
+}
+
+} // namespace
+
+int main(int argc, char* argv[]) {
+    return runProgram("locations", argc, argv, runCommand);
+}

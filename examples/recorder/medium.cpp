@@ -1,0 +1,91 @@
+#include "medium.h"
+
+#include "clock.h"
+#include "common/failure.h"
+#include "common/stopsignal.h"
+#include "summary.h"
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+namespace {
+
+using namespace oru::io;
+
+constexpr std::chrono::seconds patience(30);
+constexpr std::chrono::milliseconds interval(100);
+/// A disk and its partitions come one after the other.
+constexpr unsigned int quietMs = 500;
+
+Place& findPlace(Places& places, const QString& name, const QString& file) {
+    Place* const place = places.find(name);
+    if (!place)
+        throw Failure{"there is no location '" + name + "' in " + file};
+    return *place;
+}
+
+} // namespace
+
+Medium::Medium(const QString& name, const Options& options)
+    : m_isToBeChecked(options.check), m_places(options.locations),
+      m_place(findPlace(m_places, name, options.locations)) {
+    StorageLocation& location = *m_place.location;
+    if (qobject_cast<SystemLocation*>(&location))
+        await();
+    if (location.mount(nullptr) != 0)
+        throw cannot("mount the medium of " + name);
+    m_isMounted = true;
+    printRow("mounted", QStringLiteral("%1, on %2").arg(name, m_place.directory));
+}
+
+Medium::~Medium() {
+    // After a failure it may have been pulled out.
+    Properties lazy = {{"lazy", true}};
+    if (m_isMounted)
+        m_place.location->umount(&lazy);
+}
+
+QString Medium::directory() const {
+    return m_place.directory;
+}
+
+void Medium::await() {
+    StorageLocation& location = *m_place.location;
+    BDMon& media = *BDMon::instance();
+    m_places.follow(media);
+    media.start();
+    if (location.access() == StorageLocation::None)
+        std::fprintf(stderr, "recorder: waiting for a medium\n");
+    const auto limit = Clock::now() + patience;
+    while (location.access() == StorageLocation::None && Clock::now() < limit &&
+           !stopsignal::isRequested()) {
+        std::this_thread::sleep_for(interval);
+        media.update(quietMs);
+    }
+    media.stop();
+    if (location.access() == StorageLocation::None)
+        throw Failure{QStringLiteral("there is no medium in ") + location.name()};
+}
+
+void Medium::unmount() {
+    const QString name = m_place.location->name();
+    if (m_place.location->umount(nullptr) != 0)
+        throw cannot("unmount the medium of " + name);
+    m_isMounted = false;
+    printRow("unmounted", name);
+    if (m_isToBeChecked)
+        check();
+}
+
+void Medium::check() {
+    auto* const local = qobject_cast<SystemLocation*>(m_place.location.get());
+    if (!local)
+        return; // the server's business
+    const int status = local->check();
+    if (status != 0)
+        throw status < 0
+            ? cannot("check the medium")
+            : Failure{QStringLiteral("the check of the medium has failed (%1)").arg(status)};
+    printRow("checked", QStringLiteral("the file system is sound"));
+}
