@@ -63,6 +63,7 @@ public:
     bool leave() {
         Properties lazy = {{"lazy", true}};
         const bool isPulledOut = m_access <= StorageLocation::Presence;
+        liberrno = Ok; // the reason is in errno
         if (m_place.location->umount(isPulledOut ? &lazy : nullptr) != 0) {
             tell(m_place, QStringLiteral("cannot unmount: ") + strerror());
             return false;

@@ -5,6 +5,8 @@
 #include "common/stopsignal.h"
 #include "summary.h"
 
+#include <oruio/error.h>
+
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -70,6 +72,7 @@ void Medium::await() {
 
 void Medium::unmount() {
     const QString name = m_place.location->name();
+    liberrno = Ok; // the reason is in errno
     if (m_place.location->umount(nullptr) != 0)
         throw cannot("unmount the medium of " + name);
     m_isMounted = false;

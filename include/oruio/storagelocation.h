@@ -111,8 +111,8 @@ public:
     /// Checks and repairs the selected partition. \returns what BlockDevice::fsck() does; -1 with
     /// NotFound when none is selected.
     int check() override;
-    /// Mounts the medium read-only, whether it was mounted or not. \returns 0, also when it was; -1
-    /// with NotFound.
+    /// Mounts the medium read-only, whether it was mounted or not. \returns 0 when it was so
+    /// already, else what mount() does.
     int mkReadOnly() override;
     /// Remounts the medium writeable, on the device itself: access() stays what it was. \returns
     /// what BlockDevice::mount() does; -1 with NotFound, or with NotImplemented when it is
@@ -120,12 +120,13 @@ public:
     int mkWriteable() override;
     /// Mounts the selected partition, or mounts it anew with other options. Reads of `props`, which
     /// may be null: "readonly", whose presence, whatever its value, mounts it so; "mountPoint",
-    /// where (default: the first place at which the root switch has fs()). \returns 0; -1 with
-    /// NotFound, and access() is then None.
+    /// where (default: the first place at which the root switch has fs()). \returns what
+    /// BlockDevice::mount() does, or -1 with NotFound, and access() is then None.
     int mount(Properties* props) override;
     /// Unmounts what mount() has mounted. Reads of `props`, which may be null: "mountPoint" as
     /// there; "lazy" as umountPath() does. \returns 0, also when nothing is mounted; what
-    /// umountPath() returns; -1 with NotFound when there is no mount point.
+    /// umountPath() returns, with the reason in errno and liberrno as it was; -1 with NotFound when
+    /// there is no mount point.
     int umount(Properties* props) override;
     /// Of the disk, when disk and partition are known.
     bool isWriteProtected() override;

@@ -60,14 +60,10 @@ public:
         const auto node = [](const BlockDevice::SPtr& device) {
             return device ? device->m_devName : QString("-");
         };
-        return {{"access", straccess(access())},
-                {"disk", node(m_blkDevWhole)},
-                {"enabled", yesOrNo(m_enabled)},
-                {"mounted", yesOrNo(m_mounted)},
-                {"mountOk", yesOrNo(m_mountOk)},
-                {"part", node(m_blkDevPart)},
-                {"present", yesOrNo(m_present)},
-                {"protected", yesOrNo(m_writeProtected)},
+        return {{"access", straccess(access())},   {"disk", node(m_blkDevWhole)},
+                {"enabled", yesOrNo(m_enabled)},   {"mounted", yesOrNo(m_mounted)},
+                {"mountOk", yesOrNo(m_mountOk)},   {"part", node(m_blkDevPart)},
+                {"present", yesOrNo(m_present)},   {"protected", yesOrNo(m_writeProtected)},
                 {"selected", node(selectedPart())}};
     }
 };
