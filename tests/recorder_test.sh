@@ -42,7 +42,7 @@ help_is_printed() {
     run "${recorder[@]}" --help
     expect [ "$status" -eq 0 ]
     expect [ ! -s "$work/err" ]
-    for option in --to --keep --name --rate --seconds --size; do
+    for option in --to --locations --check --report-syncs --keep --name --rate --seconds --size; do
         expect grep -q -- "$option" "$work/out"
     done
 }
@@ -97,6 +97,15 @@ time_and_rate_are_honoured() {
     expect [ "$frames" -le 25 ]
     expect has_size "$clips/clip-0001.oru" $((frames * 400000))
     expect awk "BEGIN { exit !($seconds >= 0.95 && $seconds < 3) }"
+}
+
+syncs_are_reported() {
+    local bytes checksum
+    run "${recorder[@]}" --to "$clips" --seconds 1.5 --rate 20 --report-syncs
+    expect_success
+    read -r _ bytes checksum <<<"$(grep -E '^synced ' "$work/out")"
+    expect [ "${bytes:-0}" -gt 0 ]
+    expect [ "$(head -c "${bytes:-0}" "$clips/clip-0001.oru" | xxhsum -H3 2>/dev/null)" = "XXH3 (stdin) = $checksum" ]
 }
 
 signal_leaves_a_verified_clip() {
@@ -212,12 +221,13 @@ bad_arguments_are_refused() {
         expect is_empty "$clips"
     done
     run "${recorder[@]}" --to ''
-    expect_error 2 "--to must be a directory, ipc or smb://\.\.\., not ''"
+    expect_error 2 "--to must be a directory, ipc, smb://\.\.\. or location:\.\.\., not ''"
 }
 
 run_cases help_is_printed ordinary_run_leaves_a_verified_clip size_need_not_be_whole_frames \
     clips_are_numbered temporary_directory_is_removed temporary_directory_is_kept_on_demand \
-    time_and_rate_are_honoured signal_leaves_a_verified_clip changed_clip_is_not_verified \
+    time_and_rate_are_honoured syncs_are_reported signal_leaves_a_verified_clip \
+    changed_clip_is_not_verified \
     full_disk_is_reported read_only_destination_is_reported missing_directory_is_reported \
     file_as_directory_is_reported directories_called_like_something_else_are_reached_by_a_path \
     existing_clip_is_refused clip_of_another_recorder_is_refused \

@@ -10,7 +10,7 @@ packages_samba=(samba samba-common-bin)
 packages_media=(dosfstools e2fsprogs exfatprogs fdisk iproute2 libumockdev-dev mount psmisc udev
     umockdev util-linux)
 packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libumockdev-dev libglib2.0-dev pkgconf smbclient)
-packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" "${packages_media[@]}" pkgconf procps smbclient)
+packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" "${packages_media[@]}" pkgconf procps smbclient xxhash)
 packages_demo=("${packages_samba[@]}" e2fsprogs fdisk mount udev util-linux)
 packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-user-static)
 packages_fuzz=(clang libclang-rt-dev)

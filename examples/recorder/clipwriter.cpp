@@ -51,7 +51,7 @@ QString numberedName(int number) {
     return QString::asprintf("clip-%04d.oru", number);
 }
 
-/// Makes a rename durable, where the storage lets a directory be opened for that.
+/// Makes a new name durable, where the storage lets a directory be opened for that.
 void syncDirectory(const Destination& destination) {
     const int fd =
         storage().open(qUtf8Printable(destination.directory()), O_RDONLY | O_DIRECTORY, 0);
@@ -95,8 +95,11 @@ bool ClipWriter::start(const QString& name) {
     }
     m_partExists = true;
     // Only now: while this recorder has the part, no other one can finish a clip of this name.
-    if (!exists(m_destination, m_name))
+    if (!exists(m_destination, m_name)) {
+        // What is synced later would be lost with the name.
+        syncDirectory(m_destination);
         return true;
+    }
     discard();
     return false;
 }

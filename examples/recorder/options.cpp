@@ -37,6 +37,8 @@ void declareOptions(QCommandLineParser& parser) {
         {"locations", "The file that describes the storage locations. Default: " + defaultLocations,
          "FILE", defaultLocations},
         {"check", "Check the file system of a location's medium when the clip is on it."},
+        {"report-syncs",
+         "Print a line for each fsync: how many bytes are safe, and their checksum."},
         {"keep", "Keep the temporary directory. What goes to an explicit --to is always kept."},
         {"name",
          "File name of the clip. Default: the next free clip-NNNN.oru. An existing file is "
@@ -99,6 +101,7 @@ Options readValues(const QCommandLineParser& parser) {
     Options options;
     options.keep = parser.isSet("keep");
     options.locations = parser.value("locations");
+    options.reportSyncs = parser.isSet("report-syncs");
     options.check = parser.isSet("check");
     if (parser.isSet("to"))
         options.destination = parseDestination(parser.value("to"));

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -27,6 +28,13 @@ size_t frameSize(const Options& options) {
     if (!options.megabitsPerSecond)
         return blockSize;
     return static_cast<size_t>(std::lround(*options.megabitsPerSecond * 1e6 / 8 / framesPerSecond));
+}
+
+/// At once: whoever reads it may have no more time than until a power cut.
+void printSync(const ClipWriter::Statistics& written) {
+    std::printf("synced %lld %016llx\n", static_cast<long long>(written.bytes),
+                static_cast<unsigned long long>(written.checksum.value()));
+    std::fflush(stdout);
 }
 
 /// One recording in progress.
@@ -74,6 +82,8 @@ private:
         if (elapsed() < m_nextSync)
             return;
         m_recording.clip->sync();
+        if (m_options.reportSyncs)
+            printSync(m_recording.clip->statistics());
         m_nextSync = elapsed() + syncPeriod;
     }
 
