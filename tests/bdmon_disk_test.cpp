@@ -5,14 +5,11 @@
 #include <oruio/sysutils.h>
 
 #include "support/childprocess.h"
+#include "support/disktest.h"
 #include "support/files.h"
-#include "support/isolation.h"
 #include "support/logcapture.h"
-#include "support/loopdisk.h"
 #include "support/maintenanceprogram.h"
 #include "support/mounts.h"
-#include "support/tempdir.h"
-#include "support/udevd.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,9 +17,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
+#include <QJsonValue>
 
 #include <cerrno>
 #include <csignal>
@@ -41,52 +37,9 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr qint64 MiB = LoopDisk::MiB;
-constexpr char onePartition[] = "label: dos\nstart=1MiB, type=83\n";
-constexpr char twoPartitions[] =
-    "label: dos\nstart=1MiB, size=16MiB, type=83\nstart=17MiB, size=20MiB, type=c\n";
 constexpr char twoGptPartitions[] =
     "label: gpt\nstart=1MiB, size=16MiB, type=linux\n"
     "start=17MiB, size=20MiB, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\n";
-
-// Exit statuses of the maintenance program.
-constexpr int tooFewArguments = 3;
-constexpr int inUse = 23;
-constexpr int notChecked = 41;
-
-/// Root of a user namespace may attach disks, perhaps, but not mount them.
-bool isRootOfAll() {
-    const QByteArray allUsers = "0 0 4294967295";
-    return geteuid() == 0 && contents("/proc/self/uid_map").simplified() == allUsers;
-}
-
-/// Disks and mounts of the process's own. \returns why it cannot have them; empty when it can.
-QString problemWithDisks() {
-    static const QString problem = [] {
-        if (!isRootOfAll())
-            return QStringLiteral("needs root, and not only of a user namespace");
-        const QString tool = missingTool({"blkid", "blockdev", "debugfs", "e2fsck", "mkfs.ext4"});
-        if (!tool.isEmpty())
-            return tool + " is not installed";
-        if (!isolate(Own::MountsAndNetwork))
-            return QStringLiteral("no mounts of its own: %1").arg(std::strerror(errno));
-        return LoopDisk::missing();
-    }();
-    return problem;
-}
-
-bool isMountPoint(const QString& directory) {
-    return !devicesAt(directory).isEmpty();
-}
-
-bool makeExt4(const QString& node, const QStringList& options = {}) {
-    return runTool(QStringList{"mkfs.ext4", "-q"} + options + QStringList{node}).status == 0;
-}
-
-/// The value of a tag of blkid's, read from the device.
-QString tagOf(const QString& node, const char* tag) {
-    return outputOf({"blkid", "-p", "-o", "value", "-s", tag, node});
-}
 
 /// A property for each name, as in a call of an operation.
 Properties with(const char* name, const QVariant& value) {
@@ -133,22 +86,6 @@ int readingFails(const QString& path) {
     char byte;
     return file.fd() == -1 || ::read(file.fd(), &byte, 1) == -1 ? errno : 0;
 }
-
-class DiskTest : public testing::Test {
-protected:
-    void SetUp() override {
-        const QString problem = problemWithDisks();
-        if (!problem.isEmpty())
-            GTEST_SKIP() << problem.toStdString();
-    }
-
-    QString directory(const char* name = "mnt") const {
-        return m_directory / name;
-    }
-
-private:
-    const TempDir m_directory; // outlives the mounts on its directories
-};
 
 /// A disk with one partition that has an ext4 file system.
 class Ext4Test : public DiskTest {
@@ -553,23 +490,8 @@ protected:
         Ext4Test::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        program = std::make_unique<MaintenanceProgram>("exec '" ORUIO_SYSUTILS "' \"$@\"");
+        program = std::make_unique<MaintenanceProgram>(realMaintenance);
         ASSERT_EQ(program->problem(), "");
-    }
-
-    bool isClean() const {
-        return runTool({"e2fsck", "-f", "-n", node()}).status == 0;
-    }
-    /// Makes the file system anew, with a file and a directory of which only the name is left.
-    bool makeDamaged() const {
-        const QString source = directory("source");
-        return QDir().mkpath(source + "/lost") && makeFile(source + "/file", "precious") &&
-               makeExt4(node(), {"-F", "-d", source}) &&
-               runTool({"debugfs", "-w", "-R", "clri /lost", node()}).status == 0 && !isClean();
-    }
-    /// As the kernel does when it comes upon an error.
-    bool noteErrors() const {
-        return runTool({"debugfs", "-w", "-R", "set_super_value state 2", node()}).status == 0;
     }
 
     std::unique_ptr<MaintenanceProgram> program;
@@ -587,11 +509,11 @@ TEST_F(LinuxBDFsck, Clean_SucceedsAtOnce) {
 }
 
 TEST_F(LinuxBDFsck, Damaged_IsRepaired) {
-    ASSERT_TRUE(makeDamaged());
-    ASSERT_TRUE(noteErrors());
+    ASSERT_TRUE(makeDamagedExt4(node(), directory("source")));
+    ASSERT_TRUE(noteErrors(node()));
     EXPECT_EQ(device->fsck(nullptr), 0);
     EXPECT_EQ(program->calls().size(), 1);
-    EXPECT_TRUE(isClean());
+    EXPECT_TRUE(isSoundExt4(node()));
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     EXPECT_EQ(contents(directory() + "/file"), "precious");
     EXPECT_FALSE(QFile::exists(directory() + "/lost"));
@@ -599,12 +521,12 @@ TEST_F(LinuxBDFsck, Damaged_IsRepaired) {
 
 // The damage has gone unnoticed so far: only a forced check looks for it.
 TEST_F(LinuxBDFsck, Options_GetThere) {
-    ASSERT_TRUE(makeDamaged());
+    ASSERT_TRUE(makeDamagedExt4(node(), directory("source")));
     EXPECT_EQ(device->fsck(nullptr), 0);
-    EXPECT_FALSE(isClean());
+    EXPECT_FALSE(isSoundExt4(node()));
     const Properties properties = with("cmd_opts", "-f -y");
     EXPECT_EQ(device->fsck(&properties), 0);
-    EXPECT_TRUE(isClean());
+    EXPECT_TRUE(isSoundExt4(node()));
     EXPECT_THAT(program->calls(), ElementsAre(QStringList{"fsck", "-t", "ext4", node()},
                                               QStringList{"fsck", "-t", "ext4", node(), "-f -y"}));
 }
@@ -708,7 +630,7 @@ protected:
         MaintenanceTest::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        const QString tool = missingTool({"fsck.vfat", "fuser", "mkfs.vfat", "mkfs.exfat"});
+        const QString tool = missingToFormat();
         if (!tool.isEmpty())
             GTEST_SKIP() << tool.toStdString() << " is not installed";
         card = std::make_unique<LoopDisk>(64 * MiB, twoPartitions);
@@ -726,22 +648,6 @@ protected:
 
     std::unique_ptr<LoopDisk> card;
 };
-
-/// One FAT file system on one partition, as befits a card of this size.
-void expectFormatted(const LoopDisk& card) {
-    const QString table = outputOf({"sfdisk", "--json", card.node()});
-    const QJsonArray partitions =
-        QJsonDocument::fromJson(table.toUtf8())["partitiontable"]["partitions"].toArray();
-    ASSERT_EQ(partitions.size(), 1) << table.toStdString();
-    EXPECT_EQ(partitions[0]["node"].toString(), card.node(1));
-    EXPECT_EQ(partitions[0]["start"].toInt(), 64 * 1024 / 512);
-    EXPECT_EQ(partitions[0]["size"].toInt(), 64 * MiB / 512 - 64 * 1024 / 512);
-    EXPECT_EQ(partitions[0]["type"].toString(), "6");
-    EXPECT_EQ(card.partitions(), QList<int>{1});
-    EXPECT_EQ(tagOf(card.node(), "PTTYPE"), "dos");
-    EXPECT_EQ(tagOf(card.node(1), "TYPE"), "vfat");
-    EXPECT_EQ(runTool({"fsck.vfat", "-n", card.node(1)}).status, 0);
-}
 
 TEST_F(LinuxBDFormat, PartitionedDisk_HasOneFatPartitionThen) {
     EXPECT_EQ(device->format(nullptr), 0);
@@ -790,67 +696,7 @@ Properties lasting(Properties properties) {
     return properties;
 }
 
-class BDMonDisk : public DiskTest {
-protected:
-    struct Batch {
-        BDMon::EventListSPtr events;
-        BDMon::EventListByDeviceSPtr eventsByDevice;
-    };
-
-    void SetUp() override {
-        DiskTest::SetUp();
-        if (IsSkipped())
-            return;
-        const QString missing = Udevd::missing();
-        if (!missing.isEmpty())
-            GTEST_SKIP() << missing.toStdString();
-        udevd = std::make_unique<Udevd>();
-        ASSERT_EQ(udevd->problem(), "");
-        m_connection = QObject::connect(
-            BDMon::instance(), &BDMon::notify,
-            [this](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr eventsByDevice) {
-                batches.append({events, eventsByDevice});
-            });
-    }
-    void TearDown() override {
-        QObject::disconnect(m_connection);
-        BDMon::instance()->stop();
-    }
-
-    /// An ID_PATH that no other process uses.
-    static QString idPath(int number = 1) {
-        return QString("platform-test.%1-usb-0:%2:1.0-scsi-0:0:0:0").arg(getpid()).arg(number);
-    }
-    bool plugIn(const LoopDisk& disk, const QString& path = idPath()) const {
-        return udevd->setIdPath(disk.name(), path) && disk.plugIn() && udevd->settle();
-    }
-    bool unplug(const LoopDisk& disk) const {
-        const bool isUnplugged = disk.unplug() && udevd->settle();
-        udevd->clearIdPath(disk.name());
-        return isUnplugged;
-    }
-    /// Has the monitor tell of all that happened. \returns the batch; null when there is none.
-    Batch update() {
-        batches.clear();
-        EXPECT_TRUE(udevd->settle());
-        EXPECT_EQ(BDMon::instance()->update(0), 0);
-        EXPECT_LE(batches.size(), 1);
-        return batches.value(0);
-    }
-    Batch start() {
-        batches.clear();
-        BDMon::instance()->start();
-        EXPECT_TRUE(BDMon::instance()->isRunning());
-        EXPECT_LE(batches.size(), 1);
-        return batches.value(0);
-    }
-
-    std::unique_ptr<Udevd> udevd;
-    QList<Batch> batches;
-
-private:
-    QMetaObject::Connection m_connection;
-};
+using BDMonDisk = MonitorTest;
 
 /// "add /dev/loop0" for each event.
 QStringList summary(const QList<BDMon::Event>& events) {
@@ -1149,10 +995,10 @@ TEST_F(BDMonDisk, Stopped_MissesWhatHappensUntilTheNextStart) {
 }
 
 TEST_F(BDMonDisk, Formatted_TellsOfTheNewPartition) {
-    const QString tool = missingTool({"fuser", "mkfs.exfat", "mkfs.vfat"});
+    const QString tool = missingToFormat();
     if (!tool.isEmpty())
         GTEST_SKIP() << tool.toStdString() << " is not installed";
-    const MaintenanceProgram program("exec '" ORUIO_SYSUTILS "' \"$@\"");
+    const MaintenanceProgram program(realMaintenance);
     ASSERT_EQ(program.problem(), "");
     const LoopDisk disk(64 * MiB, twoPartitions);
     ASSERT_EQ(disk.problem(), "");
@@ -1177,7 +1023,7 @@ TEST_F(BDMonDisk, Formatted_TellsOfTheNewPartition) {
 
 // The remover of a card does not wait for its unmounting.
 TEST_F(BDMonDisk, RemovedWhileMounted_IsUnmountedByTheEventsDevice) {
-    const LoopDisk disk(20 * MiB, onePartition);
+    LoopDisk disk(20 * MiB, onePartition);
     ASSERT_EQ(disk.problem(), "");
     ASSERT_TRUE(makeExt4(disk.node(1)));
     ASSERT_FALSE(start().events);
@@ -1186,9 +1032,8 @@ TEST_F(BDMonDisk, RemovedWhileMounted_IsUnmountedByTheEventsDevice) {
     ASSERT_TRUE(added.events);
     ASSERT_EQ(deviceIn(*added.events, disk.node(1))->mount(directory(), nullptr), 0);
 
-    ASSERT_EQ(runTool({"losetup", "--detach", disk.node()}).status, 0);
+    ASSERT_TRUE(disk.pullOut());
     EXPECT_TRUE(disk.isAttached()) << "the mount holds it";
-    ASSERT_TRUE(disk.tell("remove", 1) && disk.tell("remove"));
     const Batch removed = update();
     ASSERT_TRUE(removed.events);
     ASSERT_EQ(sorted(summary(*removed.events)),

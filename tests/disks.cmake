@@ -1,9 +1,14 @@
 # Tests on real disks: of root, with mounts and a udevd of their own.
-if(NOT CMAKE_CROSSCOMPILING) # they need the disks and tools of this system
-  oruio_test(bdmon_disk_test LABEL root
-    SOURCES support/childprocess.cpp support/loopdisk.cpp support/udevd.cpp
+function(oruio_disk_test name)
+  oruio_test(${name} LABEL root
+    SOURCES support/childprocess.cpp support/disktest.cpp support/loopdisk.cpp support/udevd.cpp
   )
-  target_compile_definitions(bdmon_disk_test PRIVATE
+  target_compile_definitions(${name} PRIVATE
     ORUIO_SYSUTILS="${PROJECT_SOURCE_DIR}/tools/sysutils/oruio_sysutils"
   )
+endfunction()
+
+if(NOT CMAKE_CROSSCOMPILING) # they need the disks and tools of this system
+  oruio_disk_test(bdmon_disk_test)
+  oruio_disk_test(location_disk_test)
 endif()

@@ -547,6 +547,7 @@ test::Backend connectedBackend() {
     backend.can.closedirAgain = 0;
     backend.can.readlinkPads = true;
     backend.can.answers[test::Op::Xattr] = test::Answer::notImplemented();
+    backend.can.answers[test::Op::Listxattr] = test::Answer::notImplemented();
     backend.can.answers[test::Op::FileFchmod] = test::Answer::isSomethingElse();
     backend.can.answers[test::Op::FileFcntlFlags] = test::Answer::isSomethingElse();
     backend.keep = parts;
@@ -618,21 +619,21 @@ TEST_F(IPCFSTest, Session_MessagesOfBothEnds) {
     }
     EXPECT_EQ(server.terminate(), 0);
     QStringList messages = server.messages();
-    ASSERT_FALSE(messages.isEmpty());
+    // Of another thread, which need not have waited for the one that serves to wait again.
+    EXPECT_EQ(messages.removeAll("fsipcsrv 12 Terminate server"), 1);
     EXPECT_EQ(
         messages,
-        QStringList({"fsipcsrv 12 Serving 'PosixFS'",     "fsipcsrv 12 IPC Server initializing",
-                     "fsipcsrv 12 Create new FSShm: OK",  "fsipcsrv 12 Initialize FSShm",
-                     "fsipcsrv 12 FSShm ready for use",   "fsipcsrv 12 Session reset OK",
-                     "fsipcsrv 12 IPC Server Ready",      "fsipcsrv 12 Wait for request",
-                     "fsipcsrv 12 Process 'connect'",     "fsipcsrv 12 Send response '0,0,0'",
-                     "fsipcsrv 12 Client connected OK",   "fsipcsrv 12 Wait for request",
-                     "fsipcsrv 12 Process 'mkdir'",       "fsipcsrv 12 Send response '0,0,0'",
-                     "fsipcsrv 12 Wait for request",      "fsipcsrv 12 Process 'disconnect'",
-                     "fsipcsrv 12 Send response '0,0,0'", "fsipcsrv 12 Session reset OK",
-                     "fsipcsrv 12 Wait for request",      "fsipcsrv 12 Terminate server",
-                     "fsipcsrv 12 IPC Server stopping",   "fsipcsrv 12 Send response '-1,125,0'",
-                     "fsipcsrv 12 IPC Server stopped"}));
+        QStringList({"fsipcsrv 12 Serving 'PosixFS'",        "fsipcsrv 12 IPC Server initializing",
+                     "fsipcsrv 12 Create new FSShm: OK",     "fsipcsrv 12 Initialize FSShm",
+                     "fsipcsrv 12 FSShm ready for use",      "fsipcsrv 12 Session reset OK",
+                     "fsipcsrv 12 IPC Server Ready",         "fsipcsrv 12 Wait for request",
+                     "fsipcsrv 12 Process 'connect'",        "fsipcsrv 12 Send response '0,0,0'",
+                     "fsipcsrv 12 Client connected OK",      "fsipcsrv 12 Wait for request",
+                     "fsipcsrv 12 Process 'mkdir'",          "fsipcsrv 12 Send response '0,0,0'",
+                     "fsipcsrv 12 Wait for request",         "fsipcsrv 12 Process 'disconnect'",
+                     "fsipcsrv 12 Send response '0,0,0'",    "fsipcsrv 12 Session reset OK",
+                     "fsipcsrv 12 Wait for request",         "fsipcsrv 12 IPC Server stopping",
+                     "fsipcsrv 12 Send response '-1,125,0'", "fsipcsrv 12 IPC Server stopped"}));
 }
 
 TEST_F(IPCFSTest, OpenAtDisconnect_ClosedByTheServer) {
@@ -1115,14 +1116,17 @@ TEST_F(IPCFSTest, AnswerThatComesTooLate_TakenForNoOther) {
 // --- Many sessions
 // --------------------------------------------------------------------------------
 
+// What is lost is waited for: for a second or longer.
+constexpr double longestOrderlySession = 0.9;
+
 TEST_F(IPCFSTest, ThousandSessions_NoneLost) {
-    const auto start = Clock::now();
     for (int i = 0; i < 1000; ++i) {
+        const auto start = Clock::now();
         ASSERT_EQ(fs.connect(1, nullptr), 0) << i;
         ASSERT_EQ(fs.stat("/", st), 0) << i;
         fs.disconnect();
+        ASSERT_LT(secondsSince(start), longestOrderlySession) << i;
     }
-    EXPECT_LT(secondsSince(start), 9);
 }
 
 TEST_F(IPCFSTest, ThousandSessionsOfTwoProcessesInTurn_NoneLost) {
@@ -1135,19 +1139,20 @@ TEST_F(IPCFSTest, ThousandSessionsOfTwoProcessesInTurn_NoneLost) {
         struct stat seen;
         char turn;
         for (int i = 0; i < 500; ++i) {
-            if (::read(in, &turn, 1) != 1 || client.connect(1, nullptr) != 0 ||
-                client.stat("/", seen) != 0 || client.disconnect() != 0 ||
+            if (::read(in, &turn, 1) != 1)
+                return i + 1;
+            const auto start = Clock::now();
+            if (client.connect(1, nullptr) != 0 || client.stat("/", seen) != 0 ||
+                client.disconnect() != 0 || secondsSince(start) >= longestOrderlySession ||
                 ::write(out, &turn, 1) != 1)
                 return i + 1;
         }
         return 0;
     };
     ChildProcess child([&] { return play(toChild[0], toParent[1]) ? 1 : 0; });
-    const auto start = Clock::now();
     ASSERT_EQ(::write(toParent[1], "x", 1), 1);
     EXPECT_EQ(play(toParent[0], toChild[1]), 0);
     EXPECT_EQ(child.wait(), 0);
-    EXPECT_LT(secondsSince(start), 9);
 }
 
 // Without taking turns: who is refused tries again, and everybody gets through.

@@ -2,13 +2,11 @@
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>
 
-#include "support/isolated.h"
 #include "support/logcapture.h"
-#include "support/maintenanceprogram.h"
 #include "support/mounts.h"
+#include "support/exporttest.h"
 #include "support/qtprint.h"
 #include "support/slots.h"
-#include "support/tempdir.h"
 
 #include <QDir>
 #include <QFile>
@@ -17,7 +15,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <optional>
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -27,29 +24,10 @@ namespace {
 
 using test::LogCapture;
 using test::MaintenanceProgram;
-using test::TempDir;
+using test::mountsMemory;
 
-// What is mounted has the name of the target: the second argument, or the third behind "-r".
-constexpr char mountsMemory[] = R"(
-[ "$2" != -r ] || shift
-exec mount -t tmpfs "$2" "$3"
-)";
-
-class NfsTest : public test::WithMaintenanceProgram {
+class NfsTest : public test::ExportTest {
 protected:
-    void SetUp() override {
-        WithMaintenanceProgram::SetUp();
-        if (IsSkipped())
-            return;
-        program.emplace(mountsMemory);
-        ASSERT_EQ(program->problem(), "");
-        ASSERT_TRUE(QDir().mkpath(path));
-    }
-    void TearDown() override {
-        while (umount2(QFile::encodeName(path).constData(), MNT_DETACH) == 0)
-            continue;
-    }
-
     /// How the program's arguments were, for one connection.
     QStringList argumentsOf(const Properties& props) {
         program->forget();
@@ -58,11 +36,6 @@ protected:
         EXPECT_EQ(calls.size(), 1);
         return calls.value(0);
     }
-
-    const TempDir temp;
-    const QString path = temp.path() + "/export";
-    const Properties target = {{"target", "server:/export"}};
-    std::optional<MaintenanceProgram> program;
 };
 
 } // namespace

@@ -5,7 +5,7 @@
 #include "support/childprocess.h"
 #include "support/faultproxy.h"
 #include "support/loopback.h"
-#include "support/smbserver.h"
+#include "support/smbtest.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -100,15 +100,9 @@ namespace oru::io {
 namespace {
 
 using test::FaultProxy;
+using test::login;
 using test::SmbServer;
 using Fault = FaultProxy::Fault;
-
-Properties login(const QString& address) {
-    return {{"server", address},
-            {"share", "rw"},
-            {"user", SmbServer::user},
-            {"password", SmbServer::password}};
-}
 
 int openDescriptors() {
     return QDir("/proc/self/fd").entryList(QDir::System | QDir::Files | QDir::AllDirs).size();

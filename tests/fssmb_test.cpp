@@ -5,7 +5,7 @@
 #include "support/faultproxy.h"
 #include "support/fs_conformance.h"
 #include "support/logcapture.h"
-#include "support/smbserver.h"
+#include "support/smbtest.h"
 #include "support/tempdir.h"
 
 #include <QDir>
@@ -60,51 +60,14 @@ namespace {
 
 using test::FaultProxy;
 using test::LogCapture;
+using test::login;
+using test::Smb;
 using test::SmbServer;
-
-Properties login(const QString& address, const QString& share = "rw") {
-    return {{"server", address},
-            {"share", share},
-            {"user", SmbServer::user},
-            {"password", SmbServer::password}};
-}
 
 Properties with(Properties props, const QString& key, const QVariant& value) {
     props[key] = value;
     return props;
 }
-
-/// A server of the test's own.
-class Smb : public ::testing::Test {
-protected:
-    explicit Smb(const SmbServer::Options& options = {}) : server(options) {}
-
-    void SetUp() override {
-        if (!SmbServer::missing().isEmpty())
-            GTEST_SKIP() << SmbServer::missing().toStdString();
-        ASSERT_EQ(server.problem(), "");
-    }
-
-    /// The same file or directory, as the server has it.
-    QString local(const QString& path) const {
-        return server.directory("rw") + path;
-    }
-    void putLocal(const QString& path, const QByteArray& content = {}) const {
-        QFile file(local(path));
-        ASSERT_TRUE(file.open(QFile::WriteOnly));
-        file.write(content);
-        file.close();
-        // Also for a server that is not run by root.
-        file.setPermissions(QFile::Permissions(0x6666));
-    }
-    QByteArray getLocal(const QString& path) const {
-        QFile file(local(path));
-        EXPECT_TRUE(file.open(QFile::ReadOnly));
-        return file.readAll();
-    }
-
-    SmbServer server;
-};
 
 /// Connected to the share "rw".
 class SmbShare : public Smb {
@@ -1557,8 +1520,8 @@ test::Backend shareBackend() {
     backend.can.keepsModes = false;
     backend.can.appends = false;
     backend.can.caseSensitive = false;
-    for (const Op op : {Op::Link, Op::Symlink, Op::Xattr, Op::Chmod, Op::FileFchmod, Op::FileFlock,
-                        Op::FileFcntlFlags, Op::FileFcntlLock})
+    for (const Op op : {Op::Link, Op::Symlink, Op::Xattr, Op::Listxattr, Op::Chmod, Op::FileFchmod,
+                        Op::FileFlock, Op::FileFcntlFlags, Op::FileFcntlLock})
         backend.can.answers[op] = Answer::fails(EOPNOTSUPP);
     backend.can.anyCharacter = false;
     backend.can.answers[Op::FileFdatasync] = Answer::fails(EOPNOTSUPP);

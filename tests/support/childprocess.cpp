@@ -1,5 +1,6 @@
 #include "childprocess.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -67,11 +68,17 @@ int ChildProcess::descriptors() const {
 
 bool eventually(const std::function<bool()>& condition, double seconds) {
     using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
+    using std::chrono::milliseconds;
+    const auto start = Clock::now();
+    const auto deadline = start + std::chrono::duration<double>(seconds);
     while (!condition()) {
-        if (Clock::now() > deadline)
+        const auto now = Clock::now();
+        if (now > deadline)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        // To look takes processor time from what it waits for: what takes long is looked at less
+        // often.
+        const auto waited = std::chrono::duration_cast<milliseconds>(now - start);
+        std::this_thread::sleep_for(std::clamp(waited / 16, milliseconds(1), milliseconds(20)));
     }
     return true;
 }

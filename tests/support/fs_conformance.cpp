@@ -801,16 +801,18 @@ TEST_P(FSConformance, Xattr_OtherCallsAnswerAsTabled) {
     put("f");
     char buf[16];
     QVector<QString> names;
-    if (provides(Op::Xattr)) {
+    if (provides(Op::Listxattr)) {
         EXPECT_EQ(fs().listxattr(at("f"), names), 0);
         EXPECT_TRUE(names.isEmpty());
         EXPECT_EQ(fs().listxattr(at("f"), buf, sizeof buf), 0);
-        return;
+    } else {
+        works(Op::Listxattr, fs().listxattr(at("f"), buf, sizeof buf));
+        works(Op::Listxattr, fs().listxattr(at("f"), names));
     }
-    works(Op::Xattr, fs().getxattr(at("f"), "user.a", buf, sizeof buf));
-    works(Op::Xattr, fs().removexattr(at("f"), "user.a"));
-    works(Op::Xattr, fs().listxattr(at("f"), buf, sizeof buf));
-    works(Op::Xattr, fs().listxattr(at("f"), names));
+    if (!provides(Op::Xattr)) {
+        works(Op::Xattr, fs().getxattr(at("f"), "user.a", buf, sizeof buf));
+        works(Op::Xattr, fs().removexattr(at("f"), "user.a"));
+    }
 }
 
 // --- Directories
@@ -915,7 +917,7 @@ TEST_P(FSConformance, LongestName_WorksAndOneMoreDoesNot) {
     EXPECT_EQ(get(longest.constData()), "abc");
     EXPECT_TRUE(list(at("")).contains(QString::fromLatin1(longest)));
     struct stat st;
-    works(Op::NameTooLong, fs().stat(at((longest + "n").constData()), st));
+    works(Op::StatNameTooLong, fs().stat(at((longest + "n").constData()), st));
 }
 
 TEST_P(FSConformance, HugeComponent_AsTabled) {

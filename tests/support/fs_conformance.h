@@ -25,7 +25,8 @@ enum class Op {
     Link,
     Symlink,
     ReadlinkOfFile, ///< of something that is no link
-    Xattr,          ///< all of the extended-attribute calls
+    Xattr,          ///< extended attributes, apart from their list
+    Listxattr,
     Chmod,
     Truncate,
     RenameOntoExisting,
@@ -37,6 +38,7 @@ enum class Op {
     OpenDirectoryForWriting,
     OpenThroughFile, ///< of a name below a file
     NameTooLong,
+    StatNameTooLong, ///< by one byte
     ReadWriteOnlyFile,
     WriteReadOnlyFile,
     LseekBeforeStart,
@@ -91,6 +93,7 @@ struct Capabilities {
         {Op::OpenDirectoryForWriting, Answer::fails(EISDIR)},
         {Op::OpenThroughFile, Answer::fails(ENOTDIR)},
         {Op::NameTooLong, Answer::fails(ENAMETOOLONG)},
+        {Op::StatNameTooLong, Answer::fails(ENAMETOOLONG)},
         {Op::ReadWriteOnlyFile, Answer::fails(EBADF)},
         {Op::WriteReadOnlyFile, Answer::fails(EBADF)},
         {Op::LseekBeforeStart, Answer::fails(EINVAL)},

@@ -34,6 +34,7 @@ exec 3<&0
     read -r _ || {
         losetup --list --noheadings --output NAME --associated "$image" | while read -r disk; do
             partx --delete "$disk"
+            blockdev --setrw "$disk"
             losetup --detach "$disk"
         done
         rm -rf "${image%/*}"
@@ -82,7 +83,7 @@ QString missingTool(const QStringList& names) {
 }
 
 QString LoopDisk::missing() {
-    const QString tool = missingTool({"losetup", "partx", "sfdisk"});
+    const QString tool = missingTool({"blockdev", "losetup", "partx", "resizepart", "sfdisk"});
     if (!tool.isEmpty())
         return tool + " is not installed";
     const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
@@ -135,10 +136,13 @@ void LoopDisk::addPartitions(const QByteArray& table) {
 }
 
 LoopDisk::~LoopDisk() {
-    // Somebody else may look at the disk for a moment: then it is detached after that.
-    if (isAttached()) {
+    if (isAttached())
         unmount();
+    // Once pulled out it goes by itself, and its loop device may have the next disk by now.
+    // Otherwise somebody else may look at it for a moment: then it is detached after that.
+    if (isAttached() && !m_isPulledOut) {
         removePartitions();
+        setWriteProtected(false); // the loop device would keep it for the next disk
         runTool({"losetup", "--detach", node()});
     }
     if (!eventually([this] { return !isAttached(); }))
@@ -213,6 +217,32 @@ bool LoopDisk::plugIn() const {
 
 bool LoopDisk::unplug() const {
     return removePartitions() && tell("remove");
+}
+
+bool LoopDisk::removePartition(int partition) const {
+    return eventually([&] {
+        return runTool({"partx", "--delete", "--nr", QString::number(partition), node()}).status ==
+               0;
+    });
+}
+
+bool LoopDisk::pullOut() {
+    m_isPulledOut = true;
+    const QList<int> all = partitions();
+    // The kernel does not remove what is mounted, but all of it can lie beyond the partition's end.
+    return std::all_of(all.begin(), all.end(),
+                       [this](int number) {
+                           const QString partition = QString::number(number);
+                           return runTool({"resizepart", node(), partition, "1"}).status == 0;
+                       }) &&
+           runTool({"losetup", "--detach", node()}).status == 0 &&
+           std::all_of(all.begin(), all.end(),
+                       [this](int number) { return tell("remove", number); }) &&
+           tell("remove");
+}
+
+bool LoopDisk::setWriteProtected(bool isProtected) const {
+    return runTool({"blockdev", isProtected ? "--setro" : "--setrw", node()}).status == 0;
 }
 
 } // namespace oru::io::test

@@ -62,6 +62,13 @@ public:
     bool plugIn() const;
     /// Removes the partitions and tells of the disk's removal, as when it is unplugged.
     bool unplug() const;
+    /// Removes one partition, as when somebody partitions the disk anew.
+    bool removePartition(int partition) const;
+    /// Tells of the removal of the disk and its partitions, as when it is pulled out while one of
+    /// them is mounted. From now on they cannot be read or written; it goes when nobody uses it.
+    bool pullOut();
+    /// Turns the disk's switch that forbids to write, until it goes.
+    bool setWriteProtected(bool isProtected) const;
 
 private:
     Q_DISABLE_COPY(LoopDisk)
@@ -79,6 +86,7 @@ private:
     std::unique_ptr<FILE, GuardCloser> m_guard;
     QString m_name;
     QString m_problem;
+    bool m_isPulledOut = false;
 };
 
 } // namespace oru::io::test

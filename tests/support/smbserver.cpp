@@ -28,7 +28,9 @@ namespace {
 constexpr char passwordHash[] = "ED50BDC9FAA370E31AC4EE119FD51F48";
 
 /// What smbd reads, apart from its shares. %1 is the server's directory, %2 the port. It keeps away
-/// from the system's files and other services, and starts no helpers that it can do without.
+/// from the system's files and other services, and starts no helpers that it can do without. It
+/// tells nobody of changes: its helper for that takes a moment more to start, in which connections
+/// that are made already fail.
 constexpr char configuration[] = R"([global]
 server role = standalone server
 workgroup = TESTGRP
@@ -54,6 +56,7 @@ load printers = no
 printcap name = /dev/null
 rpc start on demand helpers = no
 usershare max shares = 0
+change notify = no
 log level = 1
 max log size = 0
 )";
@@ -204,7 +207,7 @@ bool SmbServer::restart() {
                      QString::number(m_smbd), m_directory.path()},
                     lifeline[0], logFile);
     ::close(lifeline[0]);
-    eventually([this] { return hasEnded(m_smbd) || isListening(port()); });
+    eventually([this] { return hasEnded(m_smbd) || isListening(port()); }, 30);
     if (!isListening(port()))
         m_problem = QStringLiteral("smbd does not listen:\n") + QString::fromUtf8(log());
     return m_problem.isEmpty();

@@ -1,0 +1,54 @@
+// Tests against a real SMB server.
+#pragma once
+
+#include "smbserver.h"
+
+#include <oruio/properties.h>
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+
+namespace oru::io::test {
+
+/// What the server's user connects with.
+inline Properties login(const QString& address, const QString& share = "rw") {
+    return {{"server", address},
+            {"share", share},
+            {"user", SmbServer::user},
+            {"password", SmbServer::password}};
+}
+
+/// With a server of the test's own; skipped where there can be none.
+class Smb : public ::testing::Test {
+protected:
+    explicit Smb(const SmbServer::Options& options = {}) : server(options) {}
+
+    void SetUp() override {
+        if (!SmbServer::missing().isEmpty())
+            GTEST_SKIP() << SmbServer::missing().toStdString();
+        ASSERT_EQ(server.problem(), "");
+    }
+
+    /// The same file or directory of the share "rw", as the server has it.
+    QString local(const QString& path) const {
+        return server.directory("rw") + path;
+    }
+    void putLocal(const QString& path, const QByteArray& content = {}) const {
+        QFile file(local(path));
+        ASSERT_TRUE(file.open(QFile::WriteOnly));
+        file.write(content);
+        file.close();
+        // Also for a server that is not run by root.
+        file.setPermissions(QFile::Permissions(0x6666));
+    }
+    QByteArray getLocal(const QString& path) const {
+        QFile file(local(path));
+        EXPECT_TRUE(file.open(QFile::ReadOnly));
+        return file.readAll();
+    }
+
+    SmbServer server;
+};
+
+} // namespace oru::io::test
