@@ -2,9 +2,9 @@
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>
 
+#include "support/exporttest.h"
 #include "support/logcapture.h"
 #include "support/mounts.h"
-#include "support/exporttest.h"
 #include "support/qtprint.h"
 #include "support/slots.h"
 
