@@ -25,6 +25,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -38,6 +39,9 @@ struct Refusal {
     bool isGone = false;  ///< somebody else unmounts it before umount(2) gets to it
 } refusal;
 
+/// Whether programs do not come to their beginning.
+bool neverStarts = false;
+
 template <class Function>
 Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -46,6 +50,12 @@ Function* next(const char* name) {
 } // namespace
 
 // The program's own definitions come before those of the C library.
+
+extern "C" Q_DECL_EXPORT int execv(const char* path, char* const* arguments) noexcept {
+    while (neverStarts)
+        pause();
+    return next<int(const char*, char* const*)>("execv")(path, arguments);
+}
 
 extern "C" Q_DECL_EXPORT int umount(const char* path) noexcept {
     if (refusal.error == 0)
@@ -98,6 +108,21 @@ TEST_F(SysCmdTest, Arguments_ArriveAsTheyAre) {
         "mkfs", "-t", "ext4",  "/dev/with blanks", "-L \"it's\" $HOME * \\ ;", "two\nlines",
         "-k",   "",   "ümläut"};
     EXPECT_EQ(program.calls(), QList<QStringList>{expected});
+}
+
+TEST_F(SysCmdTest, ProgramThatDoesNotBegin_GivenUpAfterFiveSeconds) {
+    const MaintenanceProgram program;
+    LogCapture log("libio=9");
+    neverStarts = true;
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(SysCmd("fsck").addArg("/dev/sda1").exec(3), -1);
+    neverStarts = false;
+    EXPECT_GE(timer.elapsed(), 5000);
+    EXPECT_LT(timer.elapsed(), 10000); // there is no second run
+    EXPECT_EQ(log.messages(), QStringList{"libio 9 Unable to exec SysCmd fsck /dev/sda1\n"});
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "nothing of it is left";
+    EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(SysCmdTest, NoRuns_NothingStarts) {
