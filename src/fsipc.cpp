@@ -46,6 +46,8 @@ constexpr int lockTimeoutMs = 10'000;
 /// to look.
 constexpr int openTries = 20;
 constexpr auto openPause = std::chrono::microseconds(500);
+/// How often to try for the lock of one who creates, with the same pause: for a second.
+constexpr int lockTries = 2000;
 
 /// Refuses a call for this reason.
 int refused(int reason) {
@@ -79,11 +81,13 @@ void setMagic(void* base, std::uint32_t value) {
     __atomic_store_n(&headerAt(base).magic, value, __ATOMIC_RELEASE);
 }
 
-/// Keeps others from initialising the same object. They do so at once, or give up in the end.
+/// Keeps others from initialising the same object. They do so at once, unless the processor is
+/// busy with something else; one that was stopped in the middle must not hold the others up for
+/// ever.
 class CreationLock {
 public:
     explicit CreationLock(int fd) : m_fd(fd) {
-        for (int tries = 0; !m_isHeld && tries < openTries; ++tries) {
+        for (int tries = 0; !m_isHeld && tries < lockTries; ++tries) {
             if (tries > 0)
                 std::this_thread::sleep_for(openPause);
             m_isHeld = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
