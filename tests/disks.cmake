@@ -1,6 +1,6 @@
 # Tests on real disks: of root, with mounts and a udevd of their own.
 function(oruio_disk_test name)
-  oruio_test(${name} LABEL root
+  oruio_test(${name} SYSTEM LABEL root
     SOURCES support/childprocess.cpp support/disktest.cpp support/loopdisk.cpp support/udevd.cpp
   )
   target_compile_definitions(${name} PRIVATE
@@ -8,7 +8,5 @@ function(oruio_disk_test name)
   )
 endfunction()
 
-if(NOT CMAKE_CROSSCOMPILING) # they need the disks and tools of this system
-  oruio_disk_test(bdmon_disk_test)
-  oruio_disk_test(location_disk_test)
-endif()
+oruio_disk_test(bdmon_disk_test)
+oruio_disk_test(location_disk_test)

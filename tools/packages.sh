@@ -13,6 +13,8 @@ packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libumockdev-dev l
 packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" "${packages_media[@]}" pkgconf procps smbclient xxhash)
 packages_demo=("${packages_samba[@]}" e2fsprogs fdisk mount udev util-linux)
 packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-user-static)
+# The emulated device, and what its system and its disks are made with.
+packages_device=("${packages_armhf[@]}" cpio dosfstools e2fsprogs exfatprogs fdisk kmod qemu-system-arm)
 packages_fuzz=(clang libclang-rt-dev)
 packages_check=(clang-format clang-tidy git pkgconf shellcheck)
 packages_docs=(doxygen graphviz)

@@ -1,5 +1,5 @@
 # Cross-builds to 32-bit ARM with Debian's compiler and the sysroot of tools/armhf-sysroot.sh,
-# whose place ARMHF_SYSROOT names. What is built runs in qemu-user.
+# whose place ARMHF_SYSROOT names. armhf-run starts what is built.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
@@ -24,10 +24,4 @@ set(ENV{PKG_CONFIG_LIBDIR}
   "${ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig:${ARMHF_SYSROOT}/usr/share/pkgconfig"
 )
 
-# Not "qemu-arm -L": that would also redirect every path of a program that happens to exist in the
-# sysroot. Starting the sysroot's loader keeps the machine's own root directory.
-set(_libraries "${ARMHF_SYSROOT}/lib/arm-linux-gnueabihf")
-string(APPEND _libraries ":${ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf")
-set(CMAKE_CROSSCOMPILING_EMULATOR
-  "qemu-arm-static;${ARMHF_SYSROOT}/lib/ld-linux-armhf.so.3;--library-path;${_libraries}"
-)
+set(CMAKE_CROSSCOMPILING_EMULATOR "${CMAKE_CURRENT_LIST_DIR}/armhf-run;${ARMHF_SYSROOT}")

@@ -1,0 +1,39 @@
+# Tests with the hardware of the emulated device, of which there is one for all.
+
+# oruio_device_test(NAME [SOURCES source...])
+#
+# A test program NAME from device/NAME.cpp and further sources. It may mount exFAT as the library
+# does.
+function(oruio_device_test name)
+  cmake_parse_arguments(arg "" "" "SOURCES" ${ARGN})
+  oruio_test(${name} SYSTEM LABEL root DIRECTORY device
+    SOURCES device/ufsd.cpp support/childprocess.cpp ${arg_SOURCES}
+  )
+  target_link_libraries(${name} PRIVATE ${CMAKE_DL_LIBS})
+  set_tests_properties(${name} PROPERTIES RESOURCE_LOCK hardware)
+endfunction()
+
+# oruio_hardware_test(NAME [SOURCES source...]): one that also handles the hardware.
+function(oruio_hardware_test name)
+  cmake_parse_arguments(arg "" "" "SOURCES" ${ARGN})
+  oruio_device_test(${name} SOURCES device/hardware.cpp support/loopdisk.cpp ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE PkgConfig::LIBUDEV)
+endfunction()
+
+oruio_hardware_test(location_device_test SOURCES support/disktest.cpp support/udevd.cpp)
+target_compile_definitions(location_device_test PRIVATE
+  ORUIO_SYSUTILS="${PROJECT_SOURCE_DIR}/tools/sysutils/oruio_sysutils"
+)
+oruio_hardware_test(media_device_test)
+
+oruio_device_test(conformance_device_test SOURCES device/nfsserver.cpp support/loopdisk.cpp)
+oruio_device_test(nfs_device_test SOURCES device/nfsserver.cpp support/loopdisk.cpp)
+
+if(TARGET recorder)
+  pkg_check_modules(XXHASH REQUIRED IMPORTED_TARGET libxxhash)
+  oruio_hardware_test(powercut_device_test)
+  target_link_libraries(powercut_device_test PRIVATE PkgConfig::XXHASH)
+  target_compile_definitions(powercut_device_test PRIVATE
+    ORUIO_RECORDER="$<TARGET_FILE:recorder>"
+  )
+endif()

@@ -1,0 +1,264 @@
+#include "hardware.h"
+
+#include "support/childprocess.h"
+#include "support/files.h"
+#include "support/loopdisk.h"
+#include "support/mounts.h"
+#include "support/qtprint.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+
+#include <libudev.h>
+#include <sys/mount.h>
+
+namespace oru::io::test {
+
+using testing::AssertionFailure;
+using testing::AssertionResult;
+using testing::AssertionSuccess;
+
+namespace {
+
+/// In seconds: the emulation is slow, the more so beside others.
+constexpr int patience = 120;
+
+constexpr char imageDirectory[] = "/run/job";
+
+// udev's link to a stick: in its name are the emulator's vendor, product and serial number.
+constexpr char linkDirectory[] = "/dev/disk/by-id";
+constexpr char linkBegin[] = "usb-QEMU_QEMU_HARDDISK_STICK-";
+constexpr char linkEnd[] = "-0:0";
+
+QString linkOf(const QString& stick) {
+    return QString(linkDirectory) + '/' + linkBegin + stick + linkEnd;
+}
+
+/// What udevd has in its database of a node's device; null without one.
+class UdevDevice {
+public:
+    explicit UdevDevice(const QString& node)
+        : m_context(udev_new(), &udev_unref),
+          m_device(udev_device_new_from_subsystem_sysname(m_context.get(), "block",
+                                                          qPrintable(QFileInfo(node).fileName())),
+                   &udev_device_unref) {}
+
+    explicit operator bool() const {
+        return m_device != nullptr;
+    }
+    udev_device* get() const {
+        return m_device.get();
+    }
+
+private:
+    const std::unique_ptr<udev, udev* (*)(udev*)> m_context;
+    const std::unique_ptr<udev_device, udev_device* (*)(udev_device*)> m_device;
+};
+
+AssertionResult run(const QStringList& command) {
+    const ToolRun done = runTool(command);
+    if (done.status == 0)
+        return AssertionSuccess();
+    return AssertionFailure() << command.join(' ').toStdString() << ": " << done.status << ", "
+                              << done.errors.toStdString();
+}
+
+AssertionResult await(const std::function<bool()>& condition, const QString& what) {
+    if (eventually(condition, patience))
+        return AssertionSuccess();
+    return AssertionFailure() << what.toStdString() << ": not within " << patience << " s";
+}
+
+/// Whether udevd is done with the latest that it had to do for all of these.
+bool areKnown(const QStringList& nodes) {
+    return std::all_of(nodes.begin(), nodes.end(), [](const QString& node) {
+        const UdevDevice device(node);
+        return device && udev_device_get_is_initialized(device.get());
+    });
+}
+
+/// Waits until udevd has told of a disk that comes, which `path` will lead to, and of its
+/// partitions: by the time that it knows the disk, the kernel knows those.
+AssertionResult awaitDisk(const QString& path) {
+    const auto isKnown = [&] {
+        const QString disk = QFileInfo(path).canonicalFilePath();
+        return areKnown({disk}) && areKnown(Hardware::nodes(disk));
+    };
+    const AssertionResult result = await(isKnown, path + " is known");
+    return result ? Hardware::settle() : result;
+}
+
+/// Waits until udevd has told of the going of what was at `place` in sysfs. The kernel sends its
+/// messages before it removes that.
+AssertionResult awaitGone(const QString& place) {
+    const AssertionResult result =
+        await([&] { return !QFile::exists(place); }, place + " is removed");
+    return result ? Hardware::settle() : result;
+}
+
+bool isCardInserted() {
+    return !Hardware::place(Hardware::card()).isEmpty();
+}
+
+bool isCardProtected() {
+    return contents(Hardware::place(Hardware::card()) + "/ro").trimmed() == "1";
+}
+
+QStringList stickNames() {
+    QStringList names;
+    for (QString link : QDir(linkDirectory).entryList({QString(linkBegin) + '*' + linkEnd}))
+        names.append(link.remove(linkBegin).remove(linkEnd));
+    return names;
+}
+
+} // namespace
+
+QString Hardware::missing() {
+    const QString tool = missingTool({"hw", "udevadm"});
+    return tool.isEmpty() ? QString() : "no hardware to handle: there is no " + tool;
+}
+
+AssertionResult Hardware::insertCard(bool isProtected) {
+    QStringList command = {"hw", "sd-insert"};
+    if (isProtected)
+        command.append("ro");
+    const AssertionResult result = run(command);
+    return result ? awaitDisk(card()) : result;
+}
+
+AssertionResult Hardware::ejectCard() {
+    const QString before = place(card());
+    if (before.isEmpty())
+        return AssertionFailure() << "there is no card";
+    const AssertionResult result = run({"hw", "sd-eject"});
+    return result ? awaitGone(before) : result;
+}
+
+AssertionResult Hardware::plug(const QString& stick) {
+    const AssertionResult result = run({"hw", "usb-plug", stick});
+    return result ? awaitDisk(linkOf(stick)) : result;
+}
+
+AssertionResult Hardware::unplug(const QString& stick) {
+    const QString before = place(Hardware::stick(stick));
+    if (before.isEmpty())
+        return AssertionFailure() << "there is no stick " << stick.toStdString();
+    const AssertionResult result = run({"hw", "usb-unplug", stick});
+    return result ? awaitGone(before) : result;
+}
+
+AssertionResult Hardware::makeStick(const QString& stick, qint64 bytes, const QByteArray& table) {
+    const QString image = QString("%1/usb-%2.img").arg(imageDirectory, stick);
+    QFile::remove(image);
+    QFile file(image);
+    if (!file.open(QFile::WriteOnly) || !file.resize(bytes))
+        return AssertionFailure() << image.toStdString() << ": "
+                                  << file.errorString().toStdString();
+    const ToolRun done = runTool({"sfdisk", "--quiet", image}, table);
+    if (done.status == 0)
+        return AssertionSuccess();
+    return AssertionFailure() << "sfdisk: " << done.errors.toStdString();
+}
+
+AssertionResult Hardware::restore() {
+    AssertionResult result = settle();
+    if (result && isCardInserted() && isCardProtected())
+        result = ejectCard();
+    if (result && !isCardInserted())
+        result = insertCard();
+    for (const QString& name : stickNames()) {
+        if (result && name != "vfat")
+            result = unplug(name);
+    }
+    if (result && stick("vfat").isEmpty())
+        result = plug("vfat");
+    return result;
+}
+
+AssertionResult Hardware::settle() {
+    return await([] { return run({"udevadm", "settle", "--timeout=20"}); }, "udevd is done");
+}
+
+QString Hardware::card(int partition) {
+    return partition == 0 ? QString("/dev/mmcblk0") : QString("/dev/mmcblk0p%1").arg(partition);
+}
+
+QString Hardware::stick(const QString& name, int partition) {
+    const QString disk = QFileInfo(linkOf(name)).canonicalFilePath();
+    return partition == 0 || disk.isEmpty() ? disk : disk + QString::number(partition);
+}
+
+QStringList Hardware::nodes(const QString& disk) {
+    QStringList found = {disk};
+    const QString name = QFileInfo(disk).fileName();
+    for (const QString& entry : QDir(place(disk)).entryList({name + '*'}, QDir::Dirs))
+        found.append("/dev/" + entry);
+    return found;
+}
+
+QString Hardware::idPath(const QString& node) {
+    const UdevDevice device(node);
+    return device ? udev_device_get_property_value(device.get(), "ID_PATH") : QString();
+}
+
+QString Hardware::place(const QString& node) {
+    const QString name = QFileInfo(node).fileName();
+    return name.isEmpty() ? name : QFileInfo("/sys/class/block/" + name).canonicalFilePath();
+}
+
+// --- HardwareTest -------------------------------------------------------------------------------
+
+void HardwareTest::SetUp() {
+    const QString missing = Hardware::missing();
+    if (!missing.isEmpty())
+        GTEST_SKIP() << missing.toStdString();
+    ASSERT_TRUE(Hardware::restore());
+    m_connection = QObject::connect(
+        BDMon::instance(), &BDMon::notify,
+        [this](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr eventsByDevice) {
+            m_batches.append({events, eventsByDevice});
+        });
+}
+
+void HardwareTest::TearDown() {
+    QObject::disconnect(m_connection);
+    BDMon::instance()->stop();
+    unmountAll();
+    if (!IsSkipped()) {
+        EXPECT_TRUE(Hardware::restore());
+    }
+}
+
+QString HardwareTest::directory(const char* name) const {
+    return m_directory / name;
+}
+
+void HardwareTest::unmountAll() const {
+    const QList<Mount> mounts = mountTable();
+    for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
+        if (mount->directory.startsWith(m_directory.path() + '/'))
+            ::umount2(QFile::encodeName(mount->directory).constData(), MNT_DETACH);
+    }
+}
+
+HardwareTest::Batch HardwareTest::start() {
+    m_batches.clear();
+    BDMon::instance()->start();
+    EXPECT_TRUE(BDMon::instance()->isRunning());
+    EXPECT_LE(m_batches.size(), 1);
+    return m_batches.value(0);
+}
+
+HardwareTest::Batch HardwareTest::update() {
+    m_batches.clear();
+    EXPECT_EQ(BDMon::instance()->update(0), 0);
+    EXPECT_LE(m_batches.size(), 1);
+    return m_batches.value(0);
+}
+
+} // namespace oru::io::test

@@ -1,0 +1,147 @@
+// An NFS export of the device's own server, through the real maintenance program and the kernel.
+#include <oruio/error.h>
+#include <oruio/fsnfs.h>
+
+#include "device/nfsserver.h"
+#include "support/childprocess.h"
+#include "support/files.h"
+#include "support/mounts.h"
+#include "support/tempdir.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+
+namespace oru::io::test {
+namespace {
+
+class NfsDevice : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const QString missing = NfsServer::missing();
+        if (!missing.isEmpty())
+            GTEST_SKIP() << missing.toStdString();
+        ASSERT_TRUE(NfsServer::start());
+    }
+    void TearDown() override {
+        while (umount2(qPrintable(directory.path()), MNT_DETACH) == 0)
+            continue;
+    }
+
+    /// To the server, whose silence fails a request in a few seconds.
+    int connect(const Properties& more = {}) {
+        Properties props = more;
+        props["target"] = NfsServer::target();
+        props["cmd_opts"] = "soft,timeo=10,retrans=1";
+        return nfs.connect(props);
+    }
+    bool isMounted() const {
+        return devicesAt(directory.path()).contains(NfsServer::target());
+    }
+
+    const TempDir directory;
+    NFS nfs{directory.path()};
+};
+
+} // namespace
+
+TEST_F(NfsDevice, Connected_IsTheExport) {
+    EXPECT_FALSE(nfs.isConnected());
+    ASSERT_EQ(connect(), 0) << strerror();
+    EXPECT_TRUE(nfs.isConnected());
+    EXPECT_TRUE(isMounted());
+    const auto file = nfs.open("/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
+    ASSERT_TRUE(file) << strerror();
+    EXPECT_EQ(file->write("frame", 5), 5);
+    EXPECT_EQ(file->fsync(), 0);
+    EXPECT_EQ(contents(NfsServer::directory() + "/clip"), "frame");
+    EXPECT_EQ(file->close(), 0);
+    EXPECT_EQ(nfs.disconnect(), 0);
+    EXPECT_FALSE(isMounted());
+    EXPECT_FALSE(nfs.isConnected());
+}
+
+TEST_F(NfsDevice, ReadOnly_RefusesToWrite) {
+    ASSERT_EQ(connect({{"readonly", true}}), 0) << strerror();
+    EXPECT_TRUE(nfs.isConnected());
+    EXPECT_FALSE(nfs.open("/other", O_RDWR | O_CREAT, 0644));
+    EXPECT_EQ(errno, EROFS);
+    EXPECT_EQ(nfs.disconnect(), 0);
+}
+
+TEST_F(NfsDevice, ExportThatIsNot_IsRefused) {
+    const int result = nfs.connect({{"target", "127.0.0.1:/no/such/export"}});
+    EXPECT_GT(result, 0) << "the status of the maintenance program";
+    EXPECT_FALSE(nfs.isConnected());
+    EXPECT_FALSE(isMounted());
+}
+
+// The errors that an application sees, and that it does see them.
+TEST_F(NfsDevice, ServerStopsUnderLoad_ErrorsInBoundedTimeAndRecovery) {
+    ASSERT_EQ(connect(), 0) << strerror();
+    const auto file = nfs.open("/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
+    ASSERT_TRUE(file);
+    std::atomic<int> pieces = 0;
+    std::atomic<bool> hasFailed = false;
+    int error = 0;
+    std::thread recording([&] {
+        const QByteArray piece(64 << 10, 'p');
+        while (file->write(piece.constData(), piece.size()) == piece.size() && file->fsync() == 0)
+            ++pieces;
+        error = errno;
+        hasFailed = true;
+    });
+    EXPECT_TRUE(eventually([&] { return pieces > 3; }, 60));
+    ASSERT_TRUE(NfsServer::stop());
+    QElapsedTimer sinceStop;
+    sinceStop.start();
+    EXPECT_TRUE(eventually([&] { return hasFailed.load(); }, 60));
+    std::printf("the recording failed after %lld ms\n", sinceStop.elapsed());
+    // What the kernel has kept of the directory's attributes is good for up to a minute.
+    EXPECT_TRUE(eventually([&] { return !nfs.isConnected(); }, 120));
+    recording.join();
+    EXPECT_TRUE(error == EIO || error == ETIMEDOUT) << error;
+
+    ASSERT_TRUE(NfsServer::start());
+    EXPECT_TRUE(eventually([&] { return nfs.isConnected(); }, 60));
+    const auto next = nfs.open("/next", O_RDWR | O_CREAT | O_TRUNC, 0644);
+    ASSERT_TRUE(next) << strerror();
+    EXPECT_EQ(next->write("frame", 5), 5);
+    EXPECT_EQ(next->fsync(), 0);
+    next->close();
+    file->close();
+    EXPECT_EQ(nfs.disconnect(), 0) << strerror();
+}
+
+TEST_F(NfsDevice, BusyMount_LeftLazilyWhenAsked) {
+    ASSERT_EQ(connect(), 0) << strerror();
+    auto file = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(nfs.disconnect(), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_TRUE(isMounted());
+    EXPECT_TRUE(nfs.isConnected());
+    file->close();
+    EXPECT_EQ(nfs.disconnect(), 0);
+
+    ASSERT_EQ(connect({{"lazy", true}}), 0) << strerror();
+    file = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(nfs.disconnect(), 0);
+    EXPECT_FALSE(isMounted());
+    EXPECT_FALSE(nfs.isConnected());
+    // Who has a file open keeps it.
+    EXPECT_EQ(file->write("frame", 5), 5);
+    EXPECT_EQ(file->fsync(), 0);
+    file->close();
+}
+
+} // namespace oru::io::test
