@@ -1530,6 +1530,7 @@ test::Backend shareBackend() {
     backend.can.answers[Op::OpenDirectoryForWriting] = Answer::fails(EPERM);
     backend.can.answers[Op::OpenThroughFile] = Answer::fails(ENOENT);
     backend.can.answers[Op::NameTooLong] = Answer::fails(EIO);
+    backend.can.answers[Op::StatNameTooLong] = Answer::fails(EIO);
     backend.can.answers[Op::ReadWriteOnlyFile] = Answer::fails(EACCES);
     backend.can.answers[Op::WriteReadOnlyFile] = Answer::fails(EACCES);
     backend.can.answers[Op::RenameOntoExisting] = Answer::fails(EEXIST);
