@@ -30,7 +30,6 @@ namespace {
 using test::LogCapture;
 using test::login;
 using test::makeFile;
-using test::SmbServer;
 
 /// Counts what it tells its owner.
 class WatchedLocation : public RemoteLocation {
