@@ -50,6 +50,7 @@ RULES
 close_slots() {
     local inserted
     for inserted in "${!slot_cards[@]}"; do
+        umount --lazy "/dev/${inserted}p1" 2>/dev/null || true
         eject_card "$inserted"
     done
     [[ ! -S /run/udev/control ]] || udevadm control --exit

@@ -67,12 +67,14 @@ Place readPlace(const QSettings& section) {
 
 } // namespace
 
-Places::Places(const QString& file) {
+Places::Places(const QString& file, const QString& only) {
     if (!QFile::exists(file))
         throw Failure{"there is no file of locations " + file};
     QSettings settings(file, QSettings::IniFormat);
     settings.setIniCodec("UTF-8");
     for (const QString& name : settings.childGroups()) {
+        if (!only.isEmpty() && name != only)
+            continue;
         settings.beginGroup(name);
         m_places.push_back(readPlace(settings));
         settings.endGroup();
@@ -90,14 +92,6 @@ Places::~Places() {
 
 std::vector<Place>& Places::all() {
     return m_places;
-}
-
-Place* Places::find(const QString& name) {
-    for (Place& place : m_places) {
-        if (place.location->name() == name)
-            return &place;
-    }
-    return nullptr;
 }
 
 void Places::follow(BDMon& monitor) {

@@ -30,13 +30,12 @@ struct Place {
 /// URL of an SMB share; "export" an NFS export such as nas:/footage. A section has one of them.
 class Places {
 public:
-    /// Obtains the password of each share that has a user. Throws Failure.
-    explicit Places(const QString& file);
+    /// With a name only the place that is called so, if there is one. Obtains the password of each
+    /// share that has a user. Throws Failure.
+    explicit Places(const QString& file, const QString& only = {});
     ~Places();
 
     std::vector<Place>& all();
-    /// Null when there is no place of that name.
-    Place* find(const QString& name);
     /// From now on the local ones know what is plugged in, from the events of `monitor`.
     void follow(oru::io::BDMon& monitor);
 

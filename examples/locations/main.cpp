@@ -11,7 +11,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <map>
 #include <thread>
 
 #include <fcntl.h>
@@ -81,6 +80,7 @@ private:
             return;
         m_nextTry = Clock::now() + std::chrono::seconds(5);
         Properties readOnly = {{"readonly", true}};
+        liberrno = Ok; // the reason may be in errno
         if (m_place.location->mount(m_place.location->isWriteProtected() ? &readOnly : nullptr) !=
             0)
             return tell(m_place, QStringLiteral("cannot mount: ") + strerror());

@@ -20,21 +20,21 @@ constexpr std::chrono::milliseconds interval(100);
 /// A disk and its partitions come one after the other.
 constexpr unsigned int quietMs = 500;
 
-Place& findPlace(Places& places, const QString& name, const QString& file) {
-    Place* const place = places.find(name);
-    if (!place)
+Place& onlyPlace(Places& places, const QString& name, const QString& file) {
+    if (places.all().empty())
         throw Failure{"there is no location '" + name + "' in " + file};
-    return *place;
+    return places.all().front();
 }
 
 } // namespace
 
 Medium::Medium(const QString& name, const Options& options)
-    : m_isToBeChecked(options.check), m_places(options.locations),
-      m_place(findPlace(m_places, name, options.locations)) {
+    : m_isToBeChecked(options.check), m_places(options.locations, name),
+      m_place(onlyPlace(m_places, name, options.locations)) {
     StorageLocation& location = *m_place.location;
     if (qobject_cast<SystemLocation*>(&location))
         await();
+    liberrno = Ok; // the reason may be in errno
     if (location.mount(nullptr) != 0)
         throw cannot("mount the medium of " + name);
     m_isMounted = true;
