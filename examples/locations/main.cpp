@@ -111,10 +111,11 @@ void lookAfter(const QString& file) {
     places.follow(media);
     media.start();
     while (!stopsignal::isRequested()) {
+        // First, as a disk that arrives meanwhile may have been found without its partitions.
+        std::this_thread::sleep_for(interval);
         media.update(quietMs);
         for (Attendant& attendant : attendants)
             attendant.attend();
-        std::this_thread::sleep_for(interval);
     }
     bool isClean = true;
     for (Attendant& attendant : attendants)

@@ -60,11 +60,11 @@ void Medium::await() {
     if (location.access() == StorageLocation::None)
         std::fprintf(stderr, "recorder: waiting for a medium\n");
     const auto limit = Clock::now() + patience;
-    while (location.access() == StorageLocation::None && Clock::now() < limit &&
-           !stopsignal::isRequested()) {
+    do { // a disk that arrives meanwhile may have been found without its partitions
         std::this_thread::sleep_for(interval);
         media.update(quietMs);
-    }
+    } while (location.access() == StorageLocation::None && Clock::now() < limit &&
+             !stopsignal::isRequested());
     media.stop();
     if (location.access() == StorageLocation::None)
         throw Failure{QStringLiteral("there is no medium in ") + location.name()};
