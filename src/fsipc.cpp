@@ -77,6 +77,20 @@ std::uint32_t magicAt(const void* base) {
     return __atomic_load_n(&static_cast<const BlockHeader*>(base)->magic, __ATOMIC_ACQUIRE);
 }
 
+/// Whether this is a block of a program of another word size, whose header has the size elsewhere:
+/// behind the mutex of a 32-bit system, of x86-64 or of 64-bit ARM.
+bool isOfAnotherWordSize(const void* base, std::uint32_t size) {
+    constexpr std::size_t sizeOffsets[] = {28, 48, 56};
+    return magicAt(base) == magic &&
+           std::any_of(std::begin(sizeOffsets), std::end(sizeOffsets), [&](std::size_t offset) {
+               std::uint32_t found = 0;
+               if (offset == offsetof(BlockHeader, size) || offset + sizeof found > size)
+                   return false;
+               std::memcpy(&found, static_cast<const char*>(base) + offset, sizeof found);
+               return found == size;
+           });
+}
+
 void setMagic(void* base, std::uint32_t value) {
     __atomic_store_n(&headerAt(base).magic, value, __ATOMIC_RELEASE);
 }
@@ -223,6 +237,11 @@ bool ShmBlock::initialise(int fd) {
 }
 
 bool ShmBlock::initialiseHeader() {
+    // Those who use it would not get over that.
+    if (isOfAnotherWordSize(m_base, m_size)) {
+        errno = EBUSY;
+        return false;
+    }
     headerAt(m_base).size = m_size;
     setMagic(m_base, 0);
     if (const int error = SharedMutexAttributes().makeMutex(headerAt(m_base).mutex)) {

@@ -2,6 +2,7 @@
 
 #include "fsipc_p.h"
 #include "support/childprocess.h"
+#include "support/files.h"
 #include "support/fs_conformance.h"
 #include "support/ipccalls.h"
 #include "support/ipcservice.h"
@@ -16,6 +17,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QtEndian>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -209,6 +211,29 @@ TEST(ShmBlock, OtherSize_RejectedByOpenerInitialisedAnewByCreator) {
     EXPECT_EQ(objectSize("t-size"), 240);
     EXPECT_EQ(static_cast<BlockHeader*>(creator.base())->size, 240U);
     shm_unlink("/_blk_t-size");
+}
+
+TEST(ShmBlock, HeaderOfAnotherWordSize_RejectedAndLeftAsItIs) {
+    constexpr std::uint32_t size = 140;
+    constexpr std::uint32_t sizeOffsets[] = {28, 48, 56};
+    for (const std::uint32_t sizeOffset : sizeOffsets) {
+        if (sizeOffset == offsetof(BlockHeader, size))
+            continue;
+        SCOPED_TRACE(sizeOffset);
+        QByteArray object(size, '\x55');
+        qToLittleEndian(0x0CAB005EU, object.data());
+        qToLittleEndian(size, object.data() + sizeOffset);
+        ASSERT_TRUE(test::makeFile(objectPath("t-word"), object));
+        EXPECT_FALSE(ShmBlock("t-word", 100, 0).isValid());
+        errno = 0;
+        EXPECT_FALSE(ShmBlock("t-word", 100, ShmBlock::Create).isValid());
+        EXPECT_EQ(errno, EBUSY);
+        EXPECT_EQ(test::contents(objectPath("t-word")), object);
+        // Without the magic it is nobody's.
+        ASSERT_TRUE(test::makeFile(objectPath("t-word"), object.replace(0, 4, "none")));
+        EXPECT_TRUE(ShmBlock("t-word", 100, ShmBlock::Create).isValid());
+    }
+    shm_unlink("/_blk_t-word");
 }
 
 TEST(ShmBlock, ObjectWithoutAHeader_InvalidUntilSomebodyCreates) {
