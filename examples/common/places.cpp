@@ -103,3 +103,15 @@ void Places::follow(BDMon& monitor) {
                          }
                      });
 }
+
+bool Arrival::isComplete(SystemLocation& location) {
+    constexpr std::chrono::seconds patience(3);
+    if (location.access() == StorageLocation::None) {
+        m_begin.reset();
+        return false;
+    }
+    if (!m_begin)
+        m_begin = Clock::now();
+    const BlockDevice::SPtr medium = location.selectedPart();
+    return (medium && medium->isMountable()) || Clock::now() - *m_begin >= patience;
+}

@@ -6,7 +6,9 @@
 
 #include <QString>
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <vector>
 
 /// A location, and where its files are.
@@ -44,4 +46,17 @@ private:
 
     std::vector<Place> m_places;
     QObject m_follower; // ends the connection with the monitor
+};
+
+/// Watches a medium come to a local location. A disk is told of before its partitions.
+class Arrival {
+public:
+    /// Whether what the location has got is all there: a file system, or three seconds after the
+    /// disk, none that would still be expected.
+    bool isComplete(oru::io::SystemLocation& location);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    std::optional<Clock::time_point> m_begin;
 };

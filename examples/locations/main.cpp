@@ -49,12 +49,13 @@ public:
 
     void attend() {
         StorageLocation& location = *m_place.location;
-        const bool isRemote = qobject_cast<RemoteLocation*>(&location) != nullptr;
+        auto* const local = qobject_cast<SystemLocation*>(&location);
         const auto before = m_access;
         tellAccess();
         if (before >= StorageLocation::Read && m_access <= StorageLocation::Presence)
             leave(); // it was pulled out
-        if (m_access == (isRemote ? StorageLocation::None : StorageLocation::Presence))
+        const bool hasArrived = !local || m_arrival.isComplete(*local);
+        if (hasArrived && m_access == (local ? StorageLocation::Presence : StorageLocation::None))
             arrive();
     }
 
@@ -98,6 +99,7 @@ private:
 
     Place& m_place;
     StorageLocation::AccessType m_access = StorageLocation::None;
+    Arrival m_arrival;
     Clock::time_point m_nextTry;
 };
 
@@ -111,11 +113,10 @@ void lookAfter(const QString& file) {
     places.follow(media);
     media.start();
     while (!stopsignal::isRequested()) {
-        // First, as a disk that arrives meanwhile may have been found without its partitions.
-        std::this_thread::sleep_for(interval);
         media.update(quietMs);
         for (Attendant& attendant : attendants)
             attendant.attend();
+        std::this_thread::sleep_for(interval);
     }
     bool isClean = true;
     for (Attendant& attendant : attendants)

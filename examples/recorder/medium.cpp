@@ -32,8 +32,8 @@ Medium::Medium(const QString& name, const Options& options)
     : m_isToBeChecked(options.check), m_places(options.locations, name),
       m_place(onlyPlace(m_places, name, options.locations)) {
     StorageLocation& location = *m_place.location;
-    if (qobject_cast<SystemLocation*>(&location))
-        await();
+    if (auto* const local = qobject_cast<SystemLocation*>(&location))
+        await(*local);
     liberrno = Ok; // the reason may be in errno
     if (location.mount(nullptr) != 0)
         throw cannot("mount the medium of " + name);
@@ -52,19 +52,18 @@ QString Medium::directory() const {
     return m_place.directory;
 }
 
-void Medium::await() {
-    StorageLocation& location = *m_place.location;
+void Medium::await(SystemLocation& location) {
     BDMon& media = *BDMon::instance();
     m_places.follow(media);
     media.start();
     if (location.access() == StorageLocation::None)
         std::fprintf(stderr, "recorder: waiting for a medium\n");
     const auto limit = Clock::now() + patience;
-    do { // a disk that arrives meanwhile may have been found without its partitions
+    Arrival arrival;
+    while (!arrival.isComplete(location) && Clock::now() < limit && !stopsignal::isRequested()) {
         std::this_thread::sleep_for(interval);
         media.update(quietMs);
-    } while (location.access() == StorageLocation::None && Clock::now() < limit &&
-             !stopsignal::isRequested());
+    }
     media.stop();
     if (location.access() == StorageLocation::None)
         throw Failure{QStringLiteral("there is no medium in ") + location.name()};

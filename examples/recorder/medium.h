@@ -22,7 +22,7 @@ public:
 private:
     Q_DISABLE_COPY(Medium)
 
-    void await();
+    void await(oru::io::SystemLocation& location);
     void check();
 
     const bool m_isToBeChecked;

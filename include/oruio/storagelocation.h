@@ -97,6 +97,11 @@ private:
 /// It follows the events of the disk that is plugged in there, and of its partitions selects the
 /// largest with a file system, the first of equal ones. A disk without a partition table is its own
 /// partition. The removal of any partition ends the selection.
+///
+/// A disk is told of before its partitions, maybe in a batch of its own: what has arrived is worth
+/// mounting once selectedPart() is mountable. A medium that is pulled out while it is mounted stays
+/// mounted, in name, until its owner unmounts it, lazily where files are open; for ext4, the next
+/// one cannot be mounted before.
 class ORUIO_EXPORT SystemLocation : public StorageLocation {
     Q_OBJECT
 
