@@ -1,5 +1,9 @@
 # Tests with the hardware of the emulated device, of which there is one for all.
 
+# For other programs, to be loaded before the C library.
+add_library(ufsd MODULE device/ufsd.cpp)
+target_link_libraries(ufsd PRIVATE Qt5::Core oruio_options ${CMAKE_DL_LIBS})
+
 # oruio_device_test(NAME [SOURCES source...])
 #
 # A test program NAME from device/NAME.cpp and further sources. It may mount exFAT as the library

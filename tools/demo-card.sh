@@ -7,53 +7,27 @@ set -euo pipefail
 tools=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 # shellcheck source=tools/card-slot.sh
 source "$tools/card-slot.sh"
+# shellcheck source=tools/demo-medium.sh
+source "$tools/demo-medium.sh"
 programs=$1
 directory=$2
 shift 2
 slot=platform-slot-1
+locations=$directory/locations.ini
 
-monitor=''
-clean_up() {
-    [[ -z $monitor ]] || kill "$monitor" 2>/dev/null || true
-    close_slots
-}
-trap clean_up EXIT
-
-next_line() {
-    read -r -t 30 -u "$events" line || {
-        echo "the monitor has not told of the card"
-        exit 1
-    }
-    echo "monitor: $line"
-}
-
-# show_batch: what the monitor tells of one batch of events.
-show_batch() {
-    local line count
-    next_line
-    for ((count = ${line%% *}; count > 0; --count)); do
-        next_line
-    done
-}
+trap 'stop_monitor; close_slots' EXIT
 
 open_slots "$tools/sysutils/oruio_sysutils" || {
     echo "no udevd: $(cat /run/udev/log)"
     exit 1
 }
 make_card "$directory/card.img" 4G
-cat >"$directory/locations.ini" <<LOCATIONS
-[card]
-device = $slot
-directory = $directory/card
-LOCATIONS
+describe_location "$locations" card "$slot" "$directory/card"
 
-exec {events}< <(exec "$programs/media_monitor")
-monitor=$!
-"$programs/recorder" --to location:card --locations "$directory/locations.ini" --check \
-    --size 64M "$@" &
-recorder=$!
+start_monitor
+record_onto "$locations" card --size 64M "$@"
 insert_card "$directory/card.img" "$slot"
-show_batch
+show_batches add "/dev/$card"
 wait "$recorder"
 eject_card "$card"
-show_batch
+show_batches remove "/dev/$card"
