@@ -33,7 +33,9 @@
 namespace oru::io::test {
 namespace {
 
+using testing::AnyOf;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -474,7 +476,8 @@ TEST_F(LinuxBDUmount, UnreadableMedium_IsGone) {
     ASSERT_TRUE(makeExt4(node(), {"-F", "-d", source}));
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     ASSERT_EQ(::truncate(qPrintable(disk->image()), 0), 0);
-    ASSERT_EQ(readingFails(directory() + "/file"), EIO);
+    // By what the driver first misses.
+    ASSERT_THAT(readingFails(directory() + "/file"), AnyOf(EIO, EBADMSG));
     EXPECT_EQ(device->umount(nullptr), 0) << std::strerror(errno);
     EXPECT_FALSE(device->m_umountFailed);
     EXPECT_FALSE(isMountPoint(directory()));
@@ -929,9 +932,10 @@ TEST_F(BDMonDisk, NewFileSystem_IsAChange) {
     ASSERT_TRUE(disk.tell("change", 1));
     const Batch after = update();
     ASSERT_TRUE(after.events);
-    ASSERT_EQ(summary(*after.events), QStringList("change " + disk.node(1)));
+    // Once more where the system has a udevd of its own, which sees the node closed after writing.
+    EXPECT_THAT(summary(*after.events), Each(QString("change " + disk.node(1))));
     expectGrouped(*after.events, *after.eventsByDevice);
-    const BlockDevice::SPtr device = after.events->first().dev;
+    const BlockDevice::SPtr device = after.events->last().dev;
     EXPECT_EQ(device->m_action, "change");
     EXPECT_EQ(device->m_idPath, idPath());
     EXPECT_TRUE(device->isMountable());

@@ -36,6 +36,7 @@ oruio_device_test(nfs_device_test SOURCES device/nfsserver.cpp support/loopdisk.
 if(TARGET recorder)
   pkg_check_modules(XXHASH REQUIRED IMPORTED_TARGET libxxhash)
   oruio_hardware_test(powercut_device_test)
+  set_property(TEST powercut_device_test APPEND PROPERTY LABELS slow)
   target_link_libraries(powercut_device_test PRIVATE PkgConfig::XXHASH)
   target_compile_definitions(powercut_device_test PRIVATE
     ORUIO_RECORDER="$<TARGET_FILE:recorder>"

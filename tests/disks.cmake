@@ -6,6 +6,9 @@ function(oruio_disk_test name)
   target_compile_definitions(${name} PRIVATE
     ORUIO_SYSUTILS="${PROJECT_SOURCE_DIR}/tools/sysutils/oruio_sysutils"
   )
+  if(CMAKE_CROSSCOMPILING) # the device has a card and sticks
+    set_property(TEST ${name} APPEND PROPERTY LABELS again)
+  endif()
 endfunction()
 
 oruio_disk_test(bdmon_disk_test)

@@ -313,14 +313,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 namespace {
 
-class SmbConnectFault : public ::testing::Test {
+class SmbConnectFault : public test::Smb {
 protected:
-    void SetUp() override {
-        if (!SmbServer::missing().isEmpty())
-            GTEST_SKIP() << SmbServer::missing().toStdString();
-        ASSERT_EQ(server.problem(), "");
-    }
-
     /// Connects through `proxy`, which makes that fail; then without that.
     void expectFailure(FaultProxy& proxy, int error) {
         Smb2FS fs(timeout);
@@ -337,8 +331,6 @@ protected:
         EXPECT_EQ(fs.connect(login(proxy.address())), 0) << strerror();
         EXPECT_TRUE(fs.isConnected());
     }
-
-    SmbServer server;
 };
 
 } // namespace
@@ -367,11 +359,11 @@ TEST_F(SmbConnectFault, EachStep) {
         FaultProxy::Command command;
         int occurrence;
     };
-    std::vector<std::thread> threads;
     for (const auto& [fault, error] :
          {std::pair(Fault::reset(), ECONNRESET), std::pair(Fault::reset(30), ECONNRESET),
           std::pair(Fault::close(70), ECONNRESET), std::pair(Fault::freeze(), ETIMEDOUT),
           std::pair(Fault::dribble(200), ETIMEDOUT)}) {
+        std::vector<std::thread> threads;
         for (const Step& step : {Step{FaultProxy::Response, FaultProxy::Negotiate, 1},
                                  Step{FaultProxy::Response, FaultProxy::SessionSetup, 1},
                                  Step{FaultProxy::Response, FaultProxy::SessionSetup, 2},
@@ -382,9 +374,9 @@ TEST_F(SmbConnectFault, EachStep) {
                 expectFailure(proxy, error);
             });
         }
+        for (std::thread& thread : threads)
+            thread.join();
     }
-    for (std::thread& thread : threads)
-        thread.join();
 }
 
 TEST_F(SmbConnectFault, Dribbled_Connects) {

@@ -138,6 +138,17 @@ SmbServer::~SmbServer() {
     kill();
 }
 
+SmbServer& SmbServer::shared() {
+    // Never destroyed, as that takes more of Qt than the end of the process has. Its guard sees to
+    // it.
+    static auto& server = *new SmbServer;
+    QDir(server.m_directory / "shares").removeRecursively();
+    server.writeFiles({});
+    if (!isListening(server.port()))
+        server.restart();
+    return server;
+}
+
 void SmbServer::writeFiles(const Options& options) {
     const QString account = accountName();
     const QString forUser = QStringLiteral("valid users = ") + account;

@@ -35,6 +35,9 @@ public:
     /// Serves when it returns, if all is well: see problem().
     explicit SmbServer(const Options& options = {});
     ~SmbServer();
+    /// One without options that all tests of this process can have, one after the other. It is as
+    /// new, apart from its log.
+    static SmbServer& shared();
 
     /// Why no server can run on this machine; empty when one can.
     static QString missing();

@@ -9,6 +9,8 @@
 
 #include <QFile>
 
+#include <memory>
+
 namespace oru::io::test {
 
 /// What the server's user connects with.
@@ -19,10 +21,13 @@ inline Properties login(const QString& address, const QString& share = "rw") {
             {"password", SmbServer::password}};
 }
 
-/// With a server of the test's own; skipped where there can be none.
+/// With a server for the test alone; skipped where there can be none.
 class Smb : public ::testing::Test {
 protected:
-    explicit Smb(const SmbServer::Options& options = {}) : server(options) {}
+    Smb() : server(SmbServer::shared()) {}
+    /// It takes a moment to start one with options.
+    explicit Smb(const SmbServer::Options& options)
+        : m_own(std::make_unique<SmbServer>(options)), server(*m_own) {}
 
     void SetUp() override {
         if (!SmbServer::missing().isEmpty())
@@ -48,7 +53,11 @@ protected:
         return file.readAll();
     }
 
-    SmbServer server;
+private:
+    const std::unique_ptr<SmbServer> m_own;
+
+protected:
+    SmbServer& server;
 };
 
 } // namespace oru::io::test
