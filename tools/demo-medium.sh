@@ -1,4 +1,5 @@
 # shellcheck shell=bash
+# shellcheck disable=SC2034,SC2154 # programs and recorder are for whoever sources this
 # What the demos show of a medium that comes and goes, for whoever sources this and sets programs.
 
 monitor=''
