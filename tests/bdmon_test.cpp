@@ -3,6 +3,7 @@
 #include "support/childprocess.h"
 #include "support/isolation.h"
 #include "support/logcapture.h"
+#include "support/monitorbatches.h"
 #include "support/qtprint.h"
 #include "support/slots.h"
 #include "support/udevcalls.h"
@@ -39,6 +40,7 @@
 
 namespace oru::io {
 
+using test::Batch;
 using test::LogCapture;
 using test::slotOf;
 using test::UdevTestbed;
@@ -78,15 +80,6 @@ QStringList summary(const QList<BDMon::Event>& events) {
                      .arg(QString::number(event.seq), event.action, event.dev->m_devName);
     return lines;
 }
-
-struct Batch {
-    BDMon::EventListSPtr events;
-    BDMon::EventListByDeviceSPtr byDevice;
-
-    BlockDevice& device(int index) const {
-        return *events->at(index).dev;
-    }
-};
 
 // --- programs that tests start ------------------------------------------------------------------
 
@@ -271,7 +264,7 @@ TEST_F(BDMonTest, Start_SeveralDisks_AreGroupedByTheirPlug) {
     testbed.addPartition(card, 2);
     monitor->start();
     ASSERT_EQ(batches.size(), 1);
-    const auto& byDevice = *batches[0].byDevice;
+    const auto& byDevice = *batches[0].eventsByDevice;
     EXPECT_EQ(byDevice.keys(), QStringList({"platform-sd", "usb-1"}));
     EXPECT_EQ(summary(byDevice["platform-sd"]),
               QStringList({"1 add /dev/mmcblk0", "2 add /dev/mmcblk0p1", "3 add /dev/mmcblk0p2"}));
@@ -298,7 +291,7 @@ TEST_F(BDMonTest, Start_WithoutIdPath_IsLeftOut) {
     monitor->start();
     ASSERT_EQ(batches.size(), 1);
     EXPECT_EQ(summary(*batches[0].events), QStringList({"1 add /dev/sda"}));
-    EXPECT_EQ(batches[0].byDevice->keys(), QStringList({"usb-1"}));
+    EXPECT_EQ(batches[0].eventsByDevice->keys(), QStringList({"usb-1"}));
 }
 
 TEST_F(BDMonTest, Start_OnlyWithoutIdPath_TellsNothing) {
@@ -339,9 +332,9 @@ TEST_F(BDMonTest, Start_ThousandDevices_AreOneBatch) {
         ASSERT_EQ(event.seq, disk + 1);
         ASSERT_EQ(event.dev->m_devName, QString::asprintf("/no-nodes/sd%04d", disk));
     }
-    EXPECT_EQ(batches[0].byDevice->size(), 10);
-    EXPECT_EQ(batches[0].byDevice->value("usb-7").size(), 100);
-    EXPECT_EQ(batches[0].byDevice->value("usb-7").at(1).seq, 18);
+    EXPECT_EQ(batches[0].eventsByDevice->size(), 10);
+    EXPECT_EQ(batches[0].eventsByDevice->value("usb-7").size(), 100);
+    EXPECT_EQ(batches[0].eventsByDevice->value("usb-7").at(1).seq, 18);
 }
 
 TEST_F(BDMonTest, Start_Twice_DoesNothing) {
@@ -447,12 +440,12 @@ TEST_F(BDMonTest, Update_CardWithTwoPartitions_IsOneBatchOfThree) {
     const QStringList expected{"1 add /dev/mmcblk0", "2 add /dev/mmcblk0p2",
                                "3 add /dev/mmcblk0p1"};
     EXPECT_EQ(summary(*batch.events), expected);
-    EXPECT_EQ(batch.byDevice->keys(), QStringList({"platform-sd"}));
-    EXPECT_EQ(summary(batch.byDevice->value("platform-sd")), expected);
+    EXPECT_EQ(batch.eventsByDevice->keys(), QStringList({"platform-sd"}));
+    EXPECT_EQ(summary(batch.eventsByDevice->value("platform-sd")), expected);
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(batch.device(i).m_action, "add");
         EXPECT_GT(batch.device(i).m_seqNum, i ? batch.device(i - 1).m_seqNum : 0);
-        EXPECT_EQ(batch.byDevice->value("platform-sd").at(i).dev, batch.events->at(i).dev);
+        EXPECT_EQ(batch.eventsByDevice->value("platform-sd").at(i).dev, batch.events->at(i).dev);
     }
     EXPECT_EQ(batch.device(1).m_partNum, 2U);
 }
@@ -466,10 +459,10 @@ TEST_F(BDMonTest, Update_SeveralDisks_AreGroupedInTheirOrder) {
     const Batch batch = update();
     EXPECT_EQ(summary(*batch.events), QStringList({"1 add /dev/sda", "2 add /dev/sdb",
                                                    "3 add /dev/sda1", "4 add /dev/sdb1"}));
-    EXPECT_EQ(batch.byDevice->keys(), QStringList({"usb-0", "usb-1"}));
-    EXPECT_EQ(summary(batch.byDevice->value("usb-0")),
+    EXPECT_EQ(batch.eventsByDevice->keys(), QStringList({"usb-0", "usb-1"}));
+    EXPECT_EQ(summary(batch.eventsByDevice->value("usb-0")),
               QStringList({"2 add /dev/sdb", "4 add /dev/sdb1"}));
-    EXPECT_EQ(summary(batch.byDevice->value("usb-1")),
+    EXPECT_EQ(summary(batch.eventsByDevice->value("usb-1")),
               QStringList({"1 add /dev/sda", "3 add /dev/sda1"}));
 }
 
@@ -594,7 +587,7 @@ TEST_F(BDMonTest, Update_HundredQueued_AllAreToldInOrder) {
     const int objects = test::heldUdevObjects();
     const Batch batch = update(0);
     EXPECT_EQ(summary(*batch.events), expected);
-    EXPECT_EQ(summary(batch.byDevice->value("usb-1")), expected);
+    EXPECT_EQ(summary(batch.eventsByDevice->value("usb-1")), expected);
     EXPECT_TRUE(noMoreDescriptorsThan(descriptors));
     EXPECT_EQ(test::heldUdevObjects(), objects);
 }

@@ -2,6 +2,7 @@
 #include "support/fs_conformance.h"
 #include "support/logcapture.h"
 #include "support/memfs.h"
+#include "support/posixcapabilities.h"
 #include "support/recordingfs.h"
 #include "support/tempdir.h"
 
@@ -35,10 +36,8 @@ ORUIO_CONFORMS(FSSwitchOverPosixFS, [] {
     fs->add("/media/sd1", QSharedPointer<PosixFS>::create(dir->path()));
     backend.fs = fs;
     backend.root = "/media/sd1";
+    backend.can = posixCapabilities();
     backend.can.type = "FSSwitchFS";
-    backend.can.fileType = "PosixFile";
-    backend.can.directoryType = "PosixDirectory";
-    backend.can.opendirIsNeverNull = true;
     backend.keep = dir;
     return backend;
 });

@@ -2,15 +2,15 @@
 // maintenance program.
 #include <oruio/error.h>
 #include <oruio/fsswitch.h>
-#include <oruio/posixfs.h>
 #include <oruio/storagelocation.h>
 
 #include "support/childprocess.h"
 #include "support/disktest.h"
+#include "support/files.h"
 #include "support/logcapture.h"
 #include "support/maintenanceprogram.h"
+#include "support/medialocation.h"
 #include "support/mounts.h"
-#include "support/openlocation.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -45,39 +45,6 @@ constexpr char twoEqualPartitions[] = "label: gpt\n"
                                       "start=1MiB, size=8MiB, type=linux\n"
                                       "start=9MiB, size=8MiB, type=linux\n";
 
-bool writeText(FS& fs, const QString& path, const QByteArray& text) {
-    const QSharedPointer<File> file = fs.open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
-    return file && file->write(text.constData(), text.size()) == text.size() && file->close() == 0;
-}
-
-QByteArray textIn(FS& fs, const QString& path) {
-    const QSharedPointer<File> file = fs.open(path, O_RDONLY, 0);
-    return file ? file->readAll(1000) : QByteArray();
-}
-
-/// A place for media, as an application has it.
-class Slot {
-public:
-    Slot(const char* name, const QString& idPath, const QString& directory)
-        : fs(new PosixFS(directory)), props({{"blkDevId", idPath}}), location(name, fs, &props) {
-        FSSwitch::rootfs()->add(directory, fs);
-        QObject::connect(&location, &StorageLocation::accessChanged, [this] { ++changesTold; });
-    }
-
-    /// From now on it gets the monitor's batches.
-    void followMonitor() {
-        QObject::connect(BDMon::instance(), &BDMon::notify, &location,
-                         [this](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr) {
-                             EXPECT_EQ(location.processBDEvents(events), 0);
-                         });
-    }
-
-    const FS::SPtr fs;
-    Properties props;
-    OpenLocation location;
-    int changesTold = 0;
-};
-
 /// With one slot.
 class LocationDisk : public MonitorTest {
 protected:
@@ -87,7 +54,7 @@ protected:
             return;
         program = std::make_unique<MaintenanceProgram>(realMaintenance);
         ASSERT_EQ(program->problem(), "");
-        slot = std::make_unique<Slot>("card", idPath(), directory());
+        slot = std::make_unique<MediaLocation>("card", idPath(), directory());
         slot->followMonitor();
         ASSERT_FALSE(start().events);
     }
@@ -95,18 +62,16 @@ protected:
         if (slot) {
             EXPECT_EQ(slot->changesTold, 0) << "that is for the owner";
         }
-        slot.reset();
-        MonitorTest::TearDown();
     }
 
     OpenLocation& location() {
         return slot->location;
     }
     FS& files() {
-        return *slot->location.fs();
+        return slot->files();
     }
     QString fact(const char* name) {
-        return location().facts()[name];
+        return slot->fact(name);
     }
     void insert(const LoopDisk& disk) {
         ASSERT_EQ(disk.problem(), "");
@@ -121,24 +86,13 @@ protected:
         EXPECT_EQ(fact("part"), "-");
     }
     void expectSelected(const QString& disk, const QString& part) {
-        EXPECT_EQ(location().access(), StorageLocation::Presence);
-        EXPECT_EQ(fact("present"), "yes");
-        EXPECT_EQ(fact("disk"), disk);
-        EXPECT_EQ(fact("part"), part);
-        EXPECT_EQ(fact("selected"), part);
+        slot->expectSelected(disk, part);
     }
 
     const OwnSwitch ownSwitch;
     std::unique_ptr<MaintenanceProgram> program;
-    std::unique_ptr<Slot> slot;
+    std::unique_ptr<MediaLocation> slot;
 };
-
-/// The call fails for this reason.
-void expectRefused(const std::function<int()>& call, ErrorCode reason) {
-    liberrno = Ok;
-    EXPECT_EQ(call(), -1);
-    EXPECT_EQ(liberrno, reason);
-}
 
 // --- what is selected ---------------------------------------------------------------------------
 
@@ -158,7 +112,7 @@ TEST_F(LocationDisk, EfiAndTwoDataPartitions_LargerDataPartitionIsSelected) {
     // The same when it was there before the monitor.
     ASSERT_EQ(location().umount(nullptr), 0);
     BDMon::instance()->stop();
-    slot = std::make_unique<Slot>("card", idPath(), directory());
+    slot = std::make_unique<MediaLocation>("card", idPath(), directory());
     slot->followMonitor();
     ASSERT_TRUE(start().events);
     expectSelected(disk.node(), disk.node(3));
@@ -240,7 +194,7 @@ TEST_F(LocationDisk, WithoutATable_IsItsOwnPartition) {
     EXPECT_THAT(program->calls(), ElementsAre(QStringList{"fsck", "-t", "ext4", disk.node()}));
     ASSERT_EQ(location().mount(nullptr), 0);
     EXPECT_EQ(directoriesOf(disk.node()), QStringList(directory()));
-    EXPECT_TRUE(writeText(files(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
     EXPECT_EQ(location().umount(nullptr), 0);
     ASSERT_TRUE(unplug(disk));
     ASSERT_TRUE(update().events);
@@ -259,7 +213,7 @@ TEST_F(LocationDisk, WithoutAFileSystem_IsPresentButCannotBeMounted) {
 }
 
 TEST_F(LocationDisk, TwoDisksInOneBatch_EachLocationTakesItsOwn) {
-    Slot other("other", idPath(2), directory("other"));
+    MediaLocation other("other", idPath(2), directory("other"));
     other.followMonitor();
     const LoopDisk disk(20 * MiB, onePartition);
     const LoopDisk otherDisk(40 * MiB, twoPartitions);
@@ -281,10 +235,10 @@ TEST_F(LocationDisk, TwoDisksInOneBatch_EachLocationTakesItsOwn) {
     EXPECT_EQ(directoriesOf(disk.node(1)), QStringList(directory()));
     EXPECT_EQ(directoriesOf(otherDisk.node(2)), QStringList(directory("other")));
     const auto root = FSSwitch::rootfs();
-    EXPECT_TRUE(writeText(*root, directory() + "/clip", "one"));
-    EXPECT_TRUE(writeText(*root, directory("other") + "/clip", "other"));
-    EXPECT_EQ(textIn(files(), "/clip"), "one");
-    EXPECT_EQ(textIn(*other.fs, "/clip"), "other");
+    EXPECT_TRUE(makeFile(*root, directory() + "/clip", "one"));
+    EXPECT_TRUE(makeFile(*root, directory("other") + "/clip", "other"));
+    EXPECT_EQ(contents(files(), "/clip"), "one");
+    EXPECT_EQ(contents(*other.fs, "/clip"), "other");
 
     ASSERT_EQ(location().umount(nullptr), 0);
     ASSERT_TRUE(unplug(disk));
@@ -342,9 +296,9 @@ TEST_F(LocationCard, Mounted_FilesAreOnTheCard) {
     EXPECT_EQ(location().mount(nullptr), 0);
     EXPECT_EQ(fact("mountOk"), "yes");
     expectMounted(StorageLocation::Write, "rw");
-    EXPECT_TRUE(writeText(files(), "/clip", "film"));
-    EXPECT_EQ(textIn(*FSSwitch::rootfs(), directory() + "/clip"), "film");
-    EXPECT_TRUE(writeText(*FSSwitch::rootfs(), directory() + "/second", "more"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
+    EXPECT_EQ(contents(*FSSwitch::rootfs(), directory() + "/clip"), "film");
+    EXPECT_TRUE(makeFile(*FSSwitch::rootfs(), directory() + "/second", "more"));
 
     EXPECT_EQ(location().umount(nullptr), 0);
     expectNotMounted(StorageLocation::Presence);
@@ -353,8 +307,8 @@ TEST_F(LocationCard, Mounted_FilesAreOnTheCard) {
     EXPECT_EQ(errno, ENOENT);
 
     EXPECT_EQ(location().mount(nullptr), 0);
-    EXPECT_EQ(textIn(files(), "/clip"), "film");
-    EXPECT_EQ(textIn(files(), "/second"), "more");
+    EXPECT_EQ(contents(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/second"), "more");
 }
 
 TEST_F(LocationCard, MountedAgain_IsTheSameMountWithOtherOptions) {
@@ -367,16 +321,16 @@ TEST_F(LocationCard, MountedAgain_IsTheSameMountWithOtherOptions) {
 
 TEST_F(LocationCard, MkReadOnlyAndBack_OnlyTheMediumIsMadeWriteable) {
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(writeText(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     EXPECT_EQ(location().mkReadOnly(), 0);
     expectMounted(StorageLocation::Read, "ro");
-    EXPECT_EQ(textIn(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "film");
     EXPECT_FALSE(files().open("/second", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
 
     EXPECT_EQ(location().mkWriteable(), 0);
     expectMounted(StorageLocation::Read, "rw"); // what access() tells stays
-    EXPECT_TRUE(writeText(files(), "/second", "more"));
+    EXPECT_TRUE(makeFile(files(), "/second", "more"));
     EXPECT_EQ(location().mkReadOnly(), 0); // for the location it is
     expectMounted(StorageLocation::Read, "rw");
 
@@ -441,7 +395,7 @@ TEST_F(LocationCard, UmountWhileAFileIsOpen_EBUSYUnlessLazy) {
     EXPECT_EQ(file->fsync(), 0);
     EXPECT_EQ(file->close(), 0);
     ASSERT_EQ(location().mount(nullptr), 0);
-    EXPECT_EQ(textIn(files(), "/clip"), "still");
+    EXPECT_EQ(contents(files(), "/clip"), "still");
 }
 
 TEST_F(LocationCard, DisableWhileMounted_IsRefused) {
@@ -474,7 +428,7 @@ TEST_F(LocationCard, CheckOfADamagedCard_RepairsIt) {
     EXPECT_EQ(program->calls().size(), 1);
     EXPECT_TRUE(isSoundExt4(card->node(1)));
     ASSERT_EQ(location().mount(nullptr), 0);
-    EXPECT_EQ(textIn(files(), "/file"), "precious");
+    EXPECT_EQ(contents(files(), "/file"), "precious");
     struct stat st;
     EXPECT_EQ(files().stat("/lost", st), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -489,7 +443,7 @@ TEST_F(LocationCard, CheckWhileMounted_IsTriedAndFails) {
 
 TEST_F(LocationCard, FormatWhileMounted_IsRefusedWithoutTheProgram) {
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(writeText(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     LogCapture log("stg=11");
     expectRefused([&] { return location().format(nullptr); }, NotFound);
     EXPECT_THAT(log.messages(),
@@ -497,7 +451,7 @@ TEST_F(LocationCard, FormatWhileMounted_IsRefusedWithoutTheProgram) {
                             QString("stg 9 card:Format request while device is mounted fails\n")));
     EXPECT_THAT(program->calls(), IsEmpty());
     expectMounted(StorageLocation::Write, "rw");
-    EXPECT_EQ(textIn(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "film");
 }
 
 TEST_F(LocationCard, Formatted_NewPartitionIsSelected) {
@@ -539,7 +493,7 @@ TEST_F(LocationDisk, FormattedWithoutATable_DiskStaysSelectedUntilItIsPluggedInA
 
 TEST_F(LocationCard, UnplugAndPlugIn_BeginsAnew) {
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(writeText(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     ASSERT_EQ(location().umount(nullptr), 0);
     ASSERT_TRUE(unplug(*card));
     ASSERT_TRUE(update().events);
@@ -584,7 +538,7 @@ protected:
         card = std::make_unique<LoopDisk>(20 * MiB, onePartition);
         ASSERT_EQ(card->problem(), "");
         ASSERT_TRUE(makeExt4(card->node(1)));
-        reader = std::make_unique<Slot>("sd", idPath(2), directory("sd"));
+        reader = std::make_unique<MediaLocation>("sd", idPath(2), directory("sd"));
     }
     void TearDown() override {
         if (reader) {
@@ -617,7 +571,7 @@ protected:
     }
 
     std::unique_ptr<LoopDisk> card;
-    std::unique_ptr<Slot> reader;
+    std::unique_ptr<MediaLocation> reader;
 };
 
 TEST_F(LocationSdCard, SwitchIsOn_NothingThatWritesIsDone) {
@@ -669,7 +623,7 @@ TEST_F(LocationSdCard, SwitchTurnedOff_CanBeWrittenWhenItIsPluggedInAgain) {
     EXPECT_TRUE(sd.m_writeProtected) << "one of its media was";
     EXPECT_EQ(sd.mount(nullptr), 0);
     EXPECT_EQ(sd.access(), StorageLocation::Write);
-    EXPECT_TRUE(writeText(*reader->fs, "/clip", "film"));
+    EXPECT_TRUE(makeFile(*reader->fs, "/clip", "film"));
 }
 
 // --- pulled out ---------------------------------------------------------------------------------
@@ -685,7 +639,7 @@ protected:
         if (IsSkipped() || HasFatalFailure())
             return;
         ASSERT_EQ(location().mount(nullptr), 0);
-        ASSERT_TRUE(writeText(files(), "/clip", "film"));
+        ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     }
 
     /// Has the location know.
@@ -706,8 +660,8 @@ protected:
         EXPECT_EQ(directoriesOf(next->node(1)), QStringList(directory()));
         EXPECT_FALSE(files().open("/clip", O_RDONLY, 0));
         EXPECT_EQ(errno, ENOENT);
-        EXPECT_TRUE(writeText(files(), "/next", "more"));
-        EXPECT_EQ(textIn(files(), "/next"), "more");
+        EXPECT_TRUE(makeFile(files(), "/next", "more"));
+        EXPECT_EQ(contents(files(), "/next"), "more");
         EXPECT_EQ(location().umount(nullptr), 0);
         EXPECT_EQ(location().access(), StorageLocation::Presence);
         EXPECT_FALSE(isMountPoint(directory()));
@@ -788,7 +742,7 @@ TEST_F(LocationPulledOut, NextCardMountedBeforeTheUnmount_BothGo) {
     expectSelected(next->node(), next->node(1));
     EXPECT_EQ(location().mount(nullptr), 0);
     EXPECT_EQ(devicesAt(directory()), QStringList({card->node(1), next->node(1)}));
-    EXPECT_TRUE(writeText(files(), "/next", "more"));
+    EXPECT_TRUE(makeFile(files(), "/next", "more"));
     EXPECT_EQ(location().umount(nullptr), 0);
     expectNotMounted(StorageLocation::Presence);
     EXPECT_EQ(fact("part"), next->node(1));

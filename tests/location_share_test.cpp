@@ -41,11 +41,6 @@ public:
     int changesTold = 0;
 };
 
-bool writeText(FS& fs, const QString& path, const QByteArray& text) {
-    const QSharedPointer<File> file = fs.open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
-    return file && file->write(text.constData(), text.size()) == text.size() && file->close() == 0;
-}
-
 QStringList filesIn(const QString& directory) {
     return QDir(directory).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
                                      QDir::Name);
@@ -97,7 +92,7 @@ protected:
     void expectWorks() {
         EXPECT_EQ(location.access(), StorageLocation::Write);
         EXPECT_TRUE(location.ping());
-        EXPECT_TRUE(writeText(*location.fs(), "/clip", "film"));
+        EXPECT_TRUE(makeFile(*location.fs(), "/clip", "film"));
         EXPECT_EQ(getLocal("/clip"), "film");
     }
 
@@ -150,7 +145,7 @@ TEST_F(LocationShare, MountFails_AccessIsNone) {
 TEST_F(LocationShare, Properties_AreThoseOfTheCallOrElseTheLatest) {
     Properties other = login(server.address(), "rw2");
     EXPECT_EQ(location.mount(&other), 0);
-    EXPECT_TRUE(writeText(*location.fs(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(*location.fs(), "/clip", "film"));
     EXPECT_EQ(filesIn(server.directory("rw2")), QStringList("clip"));
     EXPECT_EQ(filesIn(root()), QStringList());
 
@@ -435,7 +430,7 @@ TEST_F(LocationExport, MountAndUmount_ConnectAndDisconnect) {
     EXPECT_EQ(location.access(), StorageLocation::Write);
     EXPECT_TRUE(location.ping());
     EXPECT_EQ(mounted(), server);
-    EXPECT_TRUE(writeText(*location.fs(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(*location.fs(), "/clip", "film"));
     EXPECT_EQ(test::contents(path + "/clip"), "film");
     EXPECT_EQ(location.disable(), -1);
 

@@ -1,4 +1,5 @@
 #include "support/fs_conformance.h"
+#include "support/posixcapabilities.h"
 #include "support/tempdir.h"
 
 #include <oruio/error.h>
@@ -25,15 +26,6 @@ namespace oru::io {
 using test::TempDir;
 
 namespace test {
-
-Capabilities posixCapabilities() {
-    Capabilities can;
-    can.type = "PosixFS";
-    can.fileType = "PosixFile";
-    can.directoryType = "PosixDirectory";
-    can.opendirIsNeverNull = true;
-    return can;
-}
 
 ORUIO_CONFORMS(PosixFS, [] {
     Backend backend;

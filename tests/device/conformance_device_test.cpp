@@ -7,6 +7,7 @@
 
 #include "device/nfsserver.h"
 #include "support/fs_conformance.h"
+#include "support/posixcapabilities.h"
 #include "support/tempdir.h"
 
 #include <QDir>
@@ -22,18 +23,9 @@ namespace {
 
 constexpr long long GiB = 1LL << 30;
 
-Capabilities localCapabilities() {
-    Capabilities can;
-    can.type = "PosixFS";
-    can.fileType = "PosixFile";
-    can.directoryType = "PosixDirectory";
-    can.opendirIsNeverNull = true;
-    return can;
-}
-
 /// What both FAT file systems lack.
 Capabilities fatCapabilities() {
-    Capabilities can = localCapabilities();
+    Capabilities can = posixCapabilities();
     can.answers[Op::Link] = Answer::fails(EPERM);
     can.answers[Op::Symlink] = Answer::fails(EPERM);
     can.answers[Op::Xattr] = Answer::fails(EOPNOTSUPP);
@@ -110,8 +102,11 @@ struct Connected {
 
 Backend onAnExport() {
     Backend backend;
-    backend.can = localCapabilities();
+    backend.can = posixCapabilities();
     backend.can.type = "NFS";
+    // The server's own file system has none.
+    backend.can.answers[Op::Xattr] = Answer::fails(EOPNOTSUPP);
+    backend.can.answers[Op::Listxattr] = Answer::isSomethingElse();
     const QString missing = NfsServer::missing();
     if (!missing.isEmpty()) {
         backend.skipReason = missing.toStdString();
@@ -130,7 +125,7 @@ Backend onAnExport() {
 
 ORUIO_CONFORMS(Vfat, [] { return onTheCard(1, "vfat", vfatCapabilities()); });
 ORUIO_CONFORMS(Exfat, [] { return onTheCard(2, "exfat", exfatCapabilities()); });
-ORUIO_CONFORMS(Ext4, [] { return onTheCard(3, "ext4", localCapabilities()); });
+ORUIO_CONFORMS(Ext4, [] { return onTheCard(3, "ext4", posixCapabilities()); });
 ORUIO_CONFORMS(Nfs, [] { return onAnExport(); });
 
 } // namespace

@@ -218,16 +218,9 @@ void HardwareTest::SetUp() {
     if (!missing.isEmpty())
         GTEST_SKIP() << missing.toStdString();
     ASSERT_TRUE(Hardware::restore());
-    m_connection = QObject::connect(
-        BDMon::instance(), &BDMon::notify,
-        [this](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr eventsByDevice) {
-            m_batches.append({events, eventsByDevice});
-        });
 }
 
 void HardwareTest::TearDown() {
-    QObject::disconnect(m_connection);
-    BDMon::instance()->stop();
     unmountAll();
     if (!IsSkipped()) {
         EXPECT_TRUE(Hardware::restore());
@@ -246,19 +239,12 @@ void HardwareTest::unmountAll() const {
     }
 }
 
-HardwareTest::Batch HardwareTest::start() {
-    m_batches.clear();
-    BDMon::instance()->start();
-    EXPECT_TRUE(BDMon::instance()->isRunning());
-    EXPECT_LE(m_batches.size(), 1);
-    return m_batches.value(0);
+Batch HardwareTest::start() {
+    return m_batches.start();
 }
 
-HardwareTest::Batch HardwareTest::update() {
-    m_batches.clear();
-    EXPECT_EQ(BDMon::instance()->update(0), 0);
-    EXPECT_LE(m_batches.size(), 1);
-    return m_batches.value(0);
+Batch HardwareTest::update() {
+    return m_batches.update();
 }
 
 } // namespace oru::io::test

@@ -2,14 +2,12 @@
 // for sticks. There is one of each, for all test programs.
 #pragma once
 
+#include "support/monitorbatches.h"
 #include "support/tempdir.h"
-
-#include <oruio/bdmon.h>
 
 #include <gtest/gtest.h>
 
 #include <QByteArray>
-#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -55,28 +53,22 @@ public:
 /// batches. Skipped where there is no such hardware.
 class HardwareTest : public testing::Test {
 protected:
-    struct Batch {
-        BDMon::EventListSPtr events;
-        BDMon::EventListByDeviceSPtr eventsByDevice;
-    };
-
     void SetUp() override;
     void TearDown() override;
 
     /// A place to mount on. What is still mounted there when the test ends is unmounted.
     QString directory(const char* name = "mnt") const;
-    /// Has the monitor tell of what there is. \returns the batch; null when there is none.
+    /// Has the monitor tell of what there is.
     Batch start();
     /// Has the monitor tell of all that happened to the hardware, and of what else udevd has told
-    /// (Hardware::settle()). \returns the batch; null when there is none.
+    /// (Hardware::settle()).
     Batch update();
 
 private:
     void unmountAll() const;
 
     const TempDir m_directory;
-    QList<Batch> m_batches;
-    QMetaObject::Connection m_connection;
+    MonitorBatches m_batches;
 };
 
 } // namespace oru::io::test

@@ -7,9 +7,10 @@
 
 #include "device/hardware.h"
 #include "support/disktest.h"
+#include "support/files.h"
 #include "support/logcapture.h"
+#include "support/medialocation.h"
 #include "support/mounts.h"
-#include "support/openlocation.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,44 +35,6 @@ namespace {
 using testing::AnyOf;
 using testing::IsEmpty;
 
-bool writeText(FS& fs, const QString& path, const QByteArray& text) {
-    const QSharedPointer<File> file = fs.open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
-    return file && file->write(text.constData(), text.size()) == text.size() &&
-           file->fsync() == 0 && file->close() == 0;
-}
-
-QByteArray textIn(FS& fs, const QString& path) {
-    const QSharedPointer<File> file = fs.open(path, O_RDONLY, 0);
-    return file ? file->readAll(1000) : QByteArray();
-}
-
-/// The call fails for this reason.
-void expectRefused(const std::function<int()>& call, ErrorCode reason) {
-    liberrno = Ok;
-    EXPECT_EQ(call(), -1);
-    EXPECT_EQ(liberrno, reason);
-}
-
-/// A location as an application has it: its files are at `directory`.
-class Slot {
-public:
-    Slot(const char* name, const QString& idPath, const QString& directory)
-        : fs(new PosixFS(directory)), props({{"blkDevId", idPath}}), location(name, fs, &props) {
-        FSSwitch::rootfs()->add(directory, fs);
-    }
-    ~Slot() {
-        for (const QString& directory : FSSwitch::rootfs()->getMountPoints(fs))
-            FSSwitch::rootfs()->remove(directory);
-    }
-
-    const FS::SPtr fs;
-    Properties props;
-    OpenLocation location;
-
-private:
-    Q_DISABLE_COPY(Slot)
-};
-
 class LocationTest : public HardwareTest {
 protected:
     void SetUp() override {
@@ -85,15 +48,15 @@ protected:
         return slot->location;
     }
     FS& files() {
-        return *slot->fs;
+        return slot->files();
     }
     QString fact(const char* name) {
-        return location().facts()[name];
+        return slot->fact(name);
     }
     /// Makes a location of the port, or the slot, that has this disk now.
     void makeLocation(const QString& disk) {
         slot.reset();
-        slot = std::make_unique<Slot>("media", Hardware::idPath(disk), directory());
+        slot = std::make_unique<MediaLocation>("media", Hardware::idPath(disk), directory());
     }
     /// Has the location know of a batch.
     void take(const Batch& batch) {
@@ -101,11 +64,7 @@ protected:
         ASSERT_EQ(location().processBDEvents(batch.events), 0);
     }
     void expectSelected(const QString& disk, const QString& part) {
-        EXPECT_EQ(location().access(), StorageLocation::Presence);
-        EXPECT_EQ(fact("present"), "yes");
-        EXPECT_EQ(fact("disk"), disk);
-        EXPECT_EQ(fact("part"), part);
-        EXPECT_EQ(fact("selected"), part);
+        slot->expectSelected(disk, part);
     }
     void expectNothingThere() {
         EXPECT_EQ(location().access(), StorageLocation::None);
@@ -130,7 +89,7 @@ protected:
     }
 
     const OwnSwitch ownSwitch;
-    std::unique_ptr<Slot> slot;
+    std::unique_ptr<MediaLocation> slot;
 };
 
 // --- the card, by each of its file systems ------------------------------------------------------
@@ -184,8 +143,8 @@ protected:
         EXPECT_EQ(location().check(), 0);
         ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
         expectMounted(part(), StorageLocation::Write);
-        EXPECT_EQ(textIn(files(), path), text);
-        EXPECT_TRUE(writeText(files(), "/next", "more"));
+        EXPECT_EQ(contents(files(), path), text);
+        EXPECT_TRUE(makeFile(files(), "/next", "more"));
         expectUnmounted(StorageLocation::Presence);
     }
 };
@@ -198,8 +157,8 @@ TEST_P(LocationCard, InsertedMountedWrittenEjected_FilesStayOnTheCard) {
     EXPECT_EQ(mount.options, QStringList({"rw", "noexec", "noatime"}));
     EXPECT_TRUE(mount.filesystemOptions.contains(GetParam().option))
         << mount.filesystemOptions.join(',').toStdString();
-    EXPECT_TRUE(writeText(files(), QString::fromUtf8("/Über.mov"), "film"));
-    EXPECT_EQ(textIn(*FSSwitch::rootfs(), directory() + QString::fromUtf8("/Über.mov")), "film");
+    EXPECT_TRUE(makeFile(files(), QString::fromUtf8("/Über.mov"), "film"));
+    EXPECT_EQ(contents(*FSSwitch::rootfs(), directory() + QString::fromUtf8("/Über.mov")), "film");
     expectUnmounted(StorageLocation::Presence);
     eject();
     expectRefused([&] { return location().mount(nullptr); }, NotFound);
@@ -209,7 +168,7 @@ TEST_P(LocationCard, InsertedMountedWrittenEjected_FilesStayOnTheCard) {
     ASSERT_EQ(location().mkReadOnly(), 0);
     expectMounted(part(), StorageLocation::Read);
     EXPECT_EQ(mountsOf(part()).value(0).options, QStringList({"ro", "noexec", "noatime"}));
-    EXPECT_EQ(textIn(files(), QString::fromUtf8("/Über.mov")), "film");
+    EXPECT_EQ(contents(files(), QString::fromUtf8("/Über.mov")), "film");
     EXPECT_FALSE(files().open("/second", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
 
@@ -233,8 +192,8 @@ TEST_P(LocationCard, CheckOfASoundCard_FindsNothing) {
 TEST_P(LocationCard, PulledWhileReading_ReadingFailsAndTheRestWorks) {
     const QByteArray film(4 * MiB, 'f');
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(writeText(files(), "/film", film));
-    ASSERT_TRUE(writeText(files(), "/clip", "short"));
+    ASSERT_TRUE(makeFile(files(), "/film", film));
+    ASSERT_TRUE(makeFile(files(), "/clip", "short"));
     expectUnmounted(StorageLocation::Presence); // what the kernel has a copy of, it need not read
     ASSERT_EQ(location().mount(nullptr), 0);
     const QSharedPointer<File> file = files().open("/film", O_RDONLY, 0);
@@ -248,7 +207,7 @@ TEST_P(LocationCard, PulledWhileReading_ReadingFailsAndTheRestWorks) {
     EXPECT_EQ(file->pread(&byte, 1, film.size() - 1), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(file->close(), 0);
-    EXPECT_FALSE(writeText(files(), "/late", "late"));
+    EXPECT_FALSE(makeFile(files(), "/late", "late"));
     EXPECT_THAT(errno, AnyOf(EIO, EROFS));
     takeOne(update());
     expectMounted(part(), StorageLocation::None); // for its owner to unmount
@@ -312,7 +271,7 @@ TEST_P(LocationCard, PulledWhileRecording_WhatWasSyncedIsOnTheCard) {
 
 TEST_P(LocationCard, PulledAndInsertedAgain_CanBeMountedOnceTheOldMountIsGone) {
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(writeText(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     ASSERT_TRUE(Hardware::ejectCard());
     ASSERT_TRUE(Hardware::insertCard());
     takeOne(update()); // of both in one batch
@@ -346,7 +305,7 @@ TEST_P(LocationCard, PulledAndUnmountedLazily_NextCardDoesNotWaitForTheOpenFile)
 
 TEST_P(LocationCard, WriteProtected_OnlyReadingWorks) {
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(writeText(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     expectUnmounted(StorageLocation::Presence);
     eject();
     EXPECT_FALSE(location().m_writeProtected);
@@ -360,7 +319,7 @@ TEST_P(LocationCard, WriteProtected_OnlyReadingWorks) {
     ASSERT_EQ(location().mkReadOnly(), 0) << std::strerror(errno);
     expectMounted(part(), StorageLocation::Read);
     EXPECT_EQ(mountsOf(part()).value(0).options, QStringList({"ro", "noexec", "noatime"}));
-    EXPECT_EQ(textIn(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "film");
     EXPECT_FALSE(files().open("/second", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
     LogCapture log("stg=9");
@@ -382,7 +341,7 @@ TEST_P(LocationCard, WriteProtected_OnlyReadingWorks) {
     Properties readonly = {{"readonly", true}};
     ASSERT_EQ(location().mount(&readonly), 0);
     expectMounted(part(), StorageLocation::Read);
-    EXPECT_EQ(textIn(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "film");
     expectUnmounted(StorageLocation::Presence);
 
     eject();
@@ -391,7 +350,7 @@ TEST_P(LocationCard, WriteProtected_OnlyReadingWorks) {
     EXPECT_TRUE(location().m_writeProtected) << "one of its media was";
     ASSERT_EQ(location().mount(nullptr), 0);
     expectMounted(part(), StorageLocation::Write);
-    EXPECT_TRUE(writeText(files(), "/clip", "more"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "more"));
     expectUnmounted(StorageLocation::Presence);
 }
 
@@ -419,7 +378,7 @@ TEST_F(LocationTest, ThreeOfEqualSize_FirstToArriveIsSelected) {
     ASSERT_EQ(batch.events->size(), 4);
     expectSelected(Hardware::card(), batch.events->at(1).dev->m_devName);
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    EXPECT_TRUE(writeText(files(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
     expectUnmounted(StorageLocation::Presence);
 }
 
@@ -495,7 +454,7 @@ TEST_F(LocationStick, WithAnEfiPartition_ThatIsNeverSelected) {
 
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
     expectMounted(Hardware::stick("efi", 2), StorageLocation::Write);
-    EXPECT_TRUE(writeText(files(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
     expectUnmounted(StorageLocation::Presence);
     EXPECT_EQ(location().check(), 0);
     ASSERT_TRUE(Hardware::unplug("efi"));
@@ -511,7 +470,7 @@ TEST_F(LocationStick, ExfatInAGpt_FilesStayOnTheStick) {
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
     expectMounted(part, StorageLocation::Write);
     EXPECT_EQ(mountsOf(part).value(0).type, "exfat");
-    EXPECT_TRUE(writeText(files(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
     expectUnmounted(StorageLocation::Presence);
     ASSERT_TRUE(Hardware::unplug("exfat"));
     take(update());
@@ -519,16 +478,16 @@ TEST_F(LocationStick, ExfatInAGpt_FilesStayOnTheStick) {
 
     plugIn("exfat");
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    EXPECT_EQ(textIn(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "film");
     expectUnmounted(StorageLocation::Presence);
 }
 
 TEST_F(LocationStick, PulledWhileMounted_CheckMakesItClean) {
     plugIn("vfat");
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(writeText(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     ASSERT_TRUE(Hardware::unplug("vfat"));
-    EXPECT_FALSE(writeText(files(), "/late", "late"));
+    EXPECT_FALSE(makeFile(files(), "/late", "late"));
     EXPECT_THAT(errno, AnyOf(EIO, EROFS));
     take(update());
     expectUnmounted(StorageLocation::None);
@@ -540,7 +499,7 @@ TEST_F(LocationStick, PulledWhileMounted_CheckMakesItClean) {
     EXPECT_EQ(location().check(), 0);
     EXPECT_EQ(runTool({"fsck.vfat", "-n", part}).status, 0);
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    EXPECT_EQ(textIn(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "film");
     expectUnmounted(StorageLocation::Presence);
 }
 
@@ -556,7 +515,7 @@ TEST_F(LocationStick, DamagedExt4_CheckRepairsIt) {
     EXPECT_EQ(location().check(), 0);
     EXPECT_TRUE(isSoundExt4(part));
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    EXPECT_EQ(textIn(files(), "/file"), "precious");
+    EXPECT_EQ(contents(files(), "/file"), "precious");
     struct stat st;
     EXPECT_EQ(files().stat("/lost", st), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -574,9 +533,9 @@ TEST_F(LocationStick, Formatted_NewPartitionIsSelectedAndWorks) {
     take(start());
     expectSelected(disk, part);
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(writeText(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     expectRefused([&] { return location().format(nullptr); }, NotFound);
-    EXPECT_EQ(textIn(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "film");
     expectUnmounted(StorageLocation::Presence);
 
     LogCapture log("libio=12");
@@ -602,7 +561,7 @@ TEST_F(LocationStick, Formatted_NewPartitionIsSelectedAndWorks) {
     expectMounted(part, StorageLocation::Write);
     EXPECT_FALSE(files().open("/clip", O_RDONLY, 0));
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_TRUE(writeText(files(), "/new", "film"));
+    EXPECT_TRUE(makeFile(files(), "/new", "film"));
     expectUnmounted(StorageLocation::Presence);
 
     ASSERT_TRUE(Hardware::unplug("spare"));
@@ -610,7 +569,7 @@ TEST_F(LocationStick, Formatted_NewPartitionIsSelectedAndWorks) {
     expectNothingThere();
     plugIn("spare");
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    EXPECT_EQ(textIn(files(), "/new"), "film");
+    EXPECT_EQ(contents(files(), "/new"), "film");
     expectUnmounted(StorageLocation::Presence);
 }
 

@@ -111,16 +111,6 @@ void MonitorTest::SetUp() {
         GTEST_SKIP() << missing.toStdString();
     udevd = std::make_unique<Udevd>();
     ASSERT_EQ(udevd->problem(), "");
-    m_connection = QObject::connect(
-        BDMon::instance(), &BDMon::notify,
-        [this](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr eventsByDevice) {
-            batches.append({events, eventsByDevice});
-        });
-}
-
-void MonitorTest::TearDown() {
-    QObject::disconnect(m_connection);
-    BDMon::instance()->stop();
 }
 
 QString MonitorTest::idPath(int number) {
@@ -137,20 +127,13 @@ bool MonitorTest::unplug(const LoopDisk& disk) const {
     return isUnplugged;
 }
 
-MonitorTest::Batch MonitorTest::update() {
-    batches.clear();
-    EXPECT_TRUE(udevd->settle());
-    EXPECT_EQ(BDMon::instance()->update(0), 0);
-    EXPECT_LE(batches.size(), 1);
-    return batches.value(0);
+Batch MonitorTest::start() {
+    return m_batches.start();
 }
 
-MonitorTest::Batch MonitorTest::start() {
-    batches.clear();
-    BDMon::instance()->start();
-    EXPECT_TRUE(BDMon::instance()->isRunning());
-    EXPECT_LE(batches.size(), 1);
-    return batches.value(0);
+Batch MonitorTest::update() {
+    EXPECT_TRUE(udevd->settle());
+    return m_batches.update();
 }
 
 } // namespace oru::io::test

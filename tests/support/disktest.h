@@ -3,15 +3,12 @@
 #pragma once
 
 #include "loopdisk.h"
+#include "monitorbatches.h"
 #include "tempdir.h"
 #include "udevd.h"
 
-#include <oruio/bdmon.h>
-
 #include <gtest/gtest.h>
 
-#include <QByteArray>
-#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -65,27 +62,21 @@ private:
 /// With a udevd, and with the monitor's batches.
 class MonitorTest : public DiskTest {
 protected:
-    struct Batch {
-        BDMon::EventListSPtr events;
-        BDMon::EventListByDeviceSPtr eventsByDevice;
-    };
-
     void SetUp() override;
-    void TearDown() override;
 
     /// An ID_PATH that no other process uses.
     static QString idPath(int number = 1);
     bool plugIn(const LoopDisk& disk, const QString& path = idPath()) const;
     bool unplug(const LoopDisk& disk) const;
-    /// Has the monitor tell of all that happened. \returns the batch; null when there is none.
-    Batch update();
+    /// Has the monitor tell of what there is.
     Batch start();
+    /// Has the monitor tell of all that happened.
+    Batch update();
 
     std::unique_ptr<Udevd> udevd;
-    QList<Batch> batches;
 
 private:
-    QMetaObject::Connection m_connection;
+    MonitorBatches m_batches;
 };
 
 } // namespace oru::io::test

@@ -2,6 +2,8 @@
 
 #include <QFile>
 
+#include <fcntl.h>
+
 namespace oru::io::test {
 
 QByteArray contents(const QString& path) {
@@ -13,6 +15,17 @@ bool makeFile(const QString& path, const QByteArray& text) {
     // Unbuffered, so that what the system says of the text is known.
     QFile file(path);
     return file.open(QFile::WriteOnly | QFile::Unbuffered) && file.write(text) == text.size();
+}
+
+QByteArray contents(FS& fs, const QString& path) {
+    const QSharedPointer<File> file = fs.open(path, O_RDONLY, 0);
+    return file ? file->readAll(1 << 20) : QByteArray();
+}
+
+bool makeFile(FS& fs, const QString& path, const QByteArray& text) {
+    const QSharedPointer<File> file = fs.open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    return file && file->write(text.constData(), text.size()) == text.size() &&
+           file->fsync() == 0 && file->close() == 0;
 }
 
 } // namespace oru::io::test
