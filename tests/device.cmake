@@ -14,7 +14,8 @@ function(oruio_device_test name)
     SOURCES device/ufsd.cpp support/childprocess.cpp ${arg_SOURCES}
   )
   target_link_libraries(${name} PRIVATE ${CMAKE_DL_LIBS})
-  set_tests_properties(${name} PROPERTIES RESOURCE_LOCK hardware)
+  # They come first: they take turns, and while one waits for the hardware others can run.
+  set_tests_properties(${name} PROPERTIES RESOURCE_LOCK hardware COST 100)
 endfunction()
 
 # oruio_hardware_test(NAME [SOURCES source...]): one that also handles the hardware.
@@ -36,6 +37,7 @@ oruio_device_test(nfs_device_test SOURCES device/nfsserver.cpp support/loopdisk.
 if(TARGET recorder)
   pkg_check_modules(XXHASH REQUIRED IMPORTED_TARGET libxxhash)
   oruio_hardware_test(powercut_device_test)
+  # Apart from the others with the hardware, so in the other device.
   set_property(TEST powercut_device_test APPEND PROPERTY LABELS slow)
   target_link_libraries(powercut_device_test PRIVATE PkgConfig::XXHASH)
   target_compile_definitions(powercut_device_test PRIVATE

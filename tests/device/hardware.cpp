@@ -139,6 +139,19 @@ AssertionResult Hardware::ejectCard() {
     return result ? awaitGone(before) : result;
 }
 
+AssertionResult Hardware::copyCard(const QString& copy) {
+    return run({"hw", "sd-copy", copy});
+}
+
+AssertionResult Hardware::insertCopy(const QString& copy) {
+    const AssertionResult result = run({"hw", "sd-insert-copy", copy});
+    return result ? awaitDisk(card()) : result;
+}
+
+QString Hardware::copyOfCard(const QString& copy) {
+    return QString("%1/%2.img").arg(imageDirectory, copy);
+}
+
 AssertionResult Hardware::plug(const QString& stick) {
     const AssertionResult result = run({"hw", "usb-plug", stick});
     return result ? awaitDisk(linkOf(stick)) : result;

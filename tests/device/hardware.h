@@ -23,6 +23,10 @@ public:
     static testing::AssertionResult insertCard(bool isProtected = false);
     /// It may be mounted.
     static testing::AssertionResult ejectCard();
+    /// Copies the card as a power cut at this moment would leave it, to the file copyOfCard().
+    static testing::AssertionResult copyCard(const QString& copy);
+    static testing::AssertionResult insertCopy(const QString& copy);
+    static QString copyOfCard(const QString& copy);
     /// A stick: "vfat", "exfat", "efi", or one of makeStick(). Which of the ports it takes is up to
     /// the emulator.
     static testing::AssertionResult plug(const QString& stick);

@@ -10,8 +10,6 @@
 #include "device/hardware.h"
 #include "support/childprocess.h"
 #include "support/files.h"
-#include "support/loopdisk.h"
-#include "support/tempdir.h"
 
 #include <QDir>
 #include <QFile>
@@ -22,7 +20,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <random>
@@ -140,15 +137,6 @@ protected:
     }();
 };
 
-void insertCopy(const QString& name) {
-    const ToolRun inserted = runTool({"hw", "sd-insert-copy", name});
-    EXPECT_EQ(inserted.status, 0) << inserted.errors.constData();
-    for (int partition = 0; partition <= 3; ++partition)
-        EXPECT_EQ(runTool({"udevadm", "wait", "--timeout=60", Hardware::card(partition)}).status,
-                  0);
-    EXPECT_TRUE(Hardware::settle());
-}
-
 QString copyName(int number) {
     return QStringLiteral("cut-%1").arg(number);
 }
@@ -169,8 +157,7 @@ TEST_F(PowerCut, WhatIsSynced_IsThere) {
         QVector<Moment> moment;
         for (const Recording& recording : recordings)
             moment.append(now(recording));
-        const ToolRun copy = runTool({"hw", "sd-copy", copyName(cut)});
-        ASSERT_EQ(copy.status, 0) << copy.errors.constData();
+        ASSERT_TRUE(Hardware::copyCard(copyName(cut)));
         moments.append(moment);
     }
     for (Recording& recording : recordings)
@@ -179,12 +166,12 @@ TEST_F(PowerCut, WhatIsSynced_IsThere) {
     for (int cut = 0; cut < powerCuts; ++cut) {
         SCOPED_TRACE(cut);
         ASSERT_TRUE(Hardware::ejectCard());
-        insertCopy(copyName(cut));
+        ASSERT_TRUE(Hardware::insertCopy(copyName(cut)));
         for (size_t i = 0; i < recordings.size(); ++i) {
             SCOPED_TRACE(recordings[i].type);
             expectRecovery(recordings[i], moments[cut][static_cast<int>(i)]);
         }
-        QFile::remove("/run/job/" + copyName(cut) + ".img");
+        QFile::remove(Hardware::copyOfCard(copyName(cut)));
     }
     for (const Recording& recording : recordings)
         std::printf("%s: at most %lld bytes lost of %d recordings\n", recording.type,
