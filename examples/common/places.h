@@ -51,8 +51,8 @@ private:
 /// Watches a medium come to a local location. A disk is told of before its partitions.
 class Arrival {
 public:
-    /// Whether what the location has got is all there: a file system, or three seconds after the
-    /// disk, none that would still be expected.
+    /// Whether the location has got a file system, or, three seconds after the disk, none that
+    /// would still be expected.
     bool isComplete(oru::io::SystemLocation& location);
 
 private:

@@ -52,8 +52,10 @@ public:
         auto* const local = qobject_cast<SystemLocation*>(&location);
         const auto before = m_access;
         tellAccess();
-        if (before >= StorageLocation::Read && m_access <= StorageLocation::Presence)
+        if (before >= StorageLocation::Read && m_access <= StorageLocation::Presence) {
             leave(); // it was pulled out
+            m_arrival = {};
+        }
         const bool hasArrived = !local || m_arrival.isComplete(*local);
         if (hasArrived && m_access == (local ? StorageLocation::Presence : StorageLocation::None))
             arrive();

@@ -65,7 +65,7 @@ void Medium::await(SystemLocation& location) {
         media.update(quietMs);
     }
     media.stop();
-    if (location.access() == StorageLocation::None)
+    if (!arrival.isComplete(location))
         throw Failure{QStringLiteral("there is no medium in ") + location.name()};
 }
 

@@ -31,8 +31,9 @@ public:
 
     /// Opens the object, and with Create makes it, for `size` bytes of user data; `flags` are
     /// Create and RemoveAtClose. Without Create, waits up to 10 ms for it to appear. Whether it
-    /// worked, isValid() says; failures to create or map go to standard error as of perror(3). The
-    /// object of a program of another word size is neither opened nor made anew: EBUSY.
+    /// worked, isValid() says; failures to create or map go to standard error as of perror(3). An
+    /// object of this size that is of a program of another word size is neither opened nor made
+    /// anew: EBUSY.
     /// Mirrors shm_open(3), ftruncate(2) and mmap(2).
     ShmBlock(const char* name, unsigned int size, unsigned int flags);
     /// Unmaps the block, after removing the object if that was asked for and nobody else did.

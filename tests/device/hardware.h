@@ -27,8 +27,8 @@ public:
     static testing::AssertionResult copyCard(const QString& copy);
     static testing::AssertionResult insertCopy(const QString& copy);
     static QString copyOfCard(const QString& copy);
-    /// A stick: "vfat", "exfat", "efi", or one of makeStick(). Which of the ports it takes is up to
-    /// the emulator.
+    /// A stick: "vfat", "exfat", "efi", or one of makeStick(). Each of the three has a port of its
+    /// own; there is one more, for one of the others.
     static testing::AssertionResult plug(const QString& stick);
     /// It may be mounted.
     static testing::AssertionResult unplug(const QString& stick);

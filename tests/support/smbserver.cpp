@@ -144,6 +144,7 @@ SmbServer& SmbServer::shared() {
     static auto& server = *new SmbServer;
     QDir(server.m_directory / "shares").removeRecursively();
     server.writeFiles({});
+    server.cont();
     if (!isListening(server.port()))
         server.restart();
     return server;

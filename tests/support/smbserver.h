@@ -15,7 +15,7 @@ namespace oru::io::test {
 
 /// Runs smbd from its construction to its destruction, as root or as any other user, with all that
 /// it reads and writes in a private directory. Neither its processes nor its directory outlive the
-/// test, even if that is killed.
+/// test's process for more than a moment, even if that is killed.
 ///
 /// Its shares are
 /// - "rw" and "rw2", which `user` may write to,
