@@ -972,8 +972,13 @@ TEST_F(IPCServerCrash, ClientKilled_FoundByThePollAndClosedWithTheNext) {
 
 TEST_F(IPCServerCrash, NewClientBeforeThePoll_Inherits) {
     const auto child = connectedClient();
+    test::shortenWaits(50);
     RunningServer running(QSharedPointer<MemFS>::create());
     awaitConnected();
+    // The server has looked for its client for the last time, and waits for half a minute.
+    EXPECT_TRUE(eventually(test::isLastWaitShortened));
+    test::shortenWaits(0);
+    EXPECT_TRUE(eventually([] { return !test::isLastWaitShortened(); }));
     child->signal(SIGKILL);
     ASSERT_EQ(child->wait(), -SIGKILL);
     LogCapture log("fsipcsrv=12,fsipc=12");

@@ -23,6 +23,7 @@ namespace {
 std::atomic<int> passed{0};
 std::atomic<int> deadly{0};
 std::atomic<int> longestWait{0};
+std::atomic<bool> isShortened{false};
 std::atomic<double> lastWait{0};
 std::atomic<double> lastLock{0};
 std::atomic<long long> clockSeconds{0};
@@ -130,6 +131,10 @@ double lastLockSeconds() {
 
 void shortenWaits(int ms) {
     longestWait = ms;
+}
+
+bool isLastWaitShortened() {
+    return isShortened;
 }
 
 } // namespace oru::io::test
@@ -276,14 +281,17 @@ int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
     __real_clock_gettime(CLOCK_REALTIME, &earliest);
     oru::io::test::lastWait = secondsUntil(deadline);
     const int longest = oru::io::test::longestWait;
-    if (longest == 0)
+    if (longest == 0) {
+        oru::io::test::isShortened = false;
         return __real_sem_timedwait(semaphore, deadline);
+    }
     const long long nanoseconds = earliest.tv_nsec + longest * 1'000'000LL;
     earliest.tv_sec += static_cast<time_t>(nanoseconds / 1'000'000'000);
     earliest.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
     const bool isLater =
         earliest.tv_sec > deadline->tv_sec ||
         (earliest.tv_sec == deadline->tv_sec && earliest.tv_nsec > deadline->tv_nsec);
+    oru::io::test::isShortened = !isLater;
     return __real_sem_timedwait(semaphore, isLater ? deadline : &earliest);
 }
 }

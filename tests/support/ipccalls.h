@@ -33,5 +33,7 @@ double lastLockSeconds();
 
 /// No wait for a semaphore with a deadline takes longer than this. 0 is as long as it takes.
 void shortenWaits(int ms);
+/// Whether that has shortened the last such wait, which may still go on.
+bool isLastWaitShortened();
 
 } // namespace oru::io::test
