@@ -8,18 +8,8 @@
 # file service of this system is in use.
 set -u
 
-# The service has one name on a system. In a mount namespace with a /dev/shm of its own, the test is
-# alone with it.
-if [ "${1:-}" = --alone ]; then
-    shift
-else
-    namespace=-m
-    [ "$(id -u)" -eq 0 ] || namespace=-rm
-    alone=(unshare "$namespace" sh -c 'mount -t tmpfs none /dev/shm && "$@"' sh)
-    if "${alone[@]}" true 2>/dev/null; then
-        exec "${alone[@]}" "$0" --alone "$@"
-    fi
-fi
+# shellcheck source=tests/support/alone.sh
+source "$(dirname "$0")/support/alone.sh"
 
 if [ $# -ne 2 ]; then
     echo "usage: $0 FILE_SERVER RECORDER" >&2

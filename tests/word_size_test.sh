@@ -11,17 +11,11 @@
 # programs of this machine are not built.
 set -u
 
-# Alone with a service of its name, of which there is one on a system.
-if [ "${1:-}" = --alone ]; then
-    shift
-else
-    alone=(unshare --mount sh -c 'mount -t tmpfs none /dev/shm && "$@"' sh)
-    [ "$(id -u)" -eq 0 ] || alone=(unshare --map-root-user "${alone[@]:1}")
-    if ! "${alone[@]}" true 2>/dev/null; then
-        echo "SKIP: mounting another /dev/shm is not permitted"
-        exit 77
-    fi
-    exec "${alone[@]}" "$0" --alone "$@"
+# shellcheck source=tests/support/alone.sh
+source "$(dirname "$0")/support/alone.sh"
+if ! $is_alone; then
+    echo "SKIP: mounting another /dev/shm is not permitted"
+    exit 77
 fi
 
 if [ $# -lt 3 ]; then
