@@ -164,6 +164,9 @@ LinuxBD::~LinuxBD() = default;
 
 int LinuxBD::mount(QString mountPoint, const Properties* props) {
     liberrno = Ok;
+    // Else another directory would be made than the one to mount on.
+    if (!crossesThroughQt(mountPoint))
+        return -1;
     if (mountPoint.isEmpty() || !QDir(mountPoint).mkpath(QStringLiteral("."))) {
         errno = ENOENT;
         return -1;
@@ -212,7 +215,7 @@ int LinuxBD::fsck(const Properties* props) {
     liberrno = Ok;
     const QString retries = QStringLiteral("retries");
     const int runs =
-        props && props->contains(retries) ? textOf(*props, retries).toInt() : FSCK_RETRIES;
+        props && props->contains(retries) ? props->value(retries).toInt() : FSCK_RETRIES;
     return SysCmd("fsck")
         .addArg(m_fsType, "-t")
         .addArg(m_devName)
@@ -379,12 +382,17 @@ void BDMon::start() {
         return;
     m_data->monitor.reset(udev_monitor_new_from_netlink(m_data->context.get(), "udev"));
     udev_monitor* const monitor = m_data->monitor.get();
-    if (monitor)
-        udev_monitor_filter_add_match_subsystem_devtype(monitor, "block", nullptr);
-    // From here on nothing is missed; what comes until all is enumerated may be told of twice.
-    if (!monitor || udev_monitor_enable_receiving(monitor) < 0) {
+    if (!monitor) {
         ORUIO_LOG(LogDebug, "Fatal: Failed to create udev monitor\n");
         std::exit(1);
+    }
+    udev_monitor_filter_add_match_subsystem_devtype(monitor, "block", nullptr);
+    // From here on nothing is missed; what comes until all is enumerated may be told of twice.
+    if (udev_monitor_enable_receiving(monitor) < 0) {
+        // One that hears nothing must not look as if it were running.
+        ORUIO_LOG(LogFailure, "The udev monitor cannot receive\n");
+        m_data->monitor.reset();
+        return;
     }
 
     const UdevPtr<udev_enumerate> present(udev_enumerate_new(m_data->context.get()));

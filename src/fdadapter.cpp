@@ -90,10 +90,12 @@ int FDMap::add(QSharedPointer<File>& file) {
     const auto held = std::make_shared<const QSharedPointer<File>>(file);
     const std::lock_guard lock(m_fileMutex);
     const int fd = lowestFree();
-    if (fd == -1)
+    if (fd == -1) {
+        liberrno = Ok;
         errno = EMFILE;
-    else
-        m_files.insert(fd, held);
+        return -1;
+    }
+    m_files.insert(fd, held);
     return fd;
 }
 

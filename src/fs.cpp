@@ -1,3 +1,4 @@
+#include <oruio/error.h>
 #include <oruio/fs.h>
 
 #include <cerrno>
@@ -37,10 +38,12 @@ QByteArray File::readAll(unsigned int maxSize) {
         return {};
     // What a byte array can hold, with room for its own header.
     if (size > std::numeric_limits<int>::max() - 64) {
+        liberrno = Ok;
         errno = EFBIG;
         return {};
     }
     if (!canAllocate(static_cast<size_t>(size) + 64)) {
+        liberrno = Ok;
         errno = ENOMEM;
         return {};
     }

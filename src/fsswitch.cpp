@@ -2,6 +2,7 @@
 
 #include <QMutex>
 
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -57,7 +58,7 @@ public:
         }
     };
 
-    /// Finds the entry that serves `path`. Tells liberrno whether there is one.
+    /// Finds the entry that serves `path`. Tells liberrno whether there is one; errno stays.
     Target lookup(const QString& path);
 
     /// The result of `operation` on the file system that serves `path` and the rest of the path.
@@ -103,6 +104,7 @@ public:
 
 FSSwitch::Data::Target FSSwitch::Data::lookup(const QString& path) {
     Target target;
+    const int reason = errno; // to wait for the lock may change it
     {
         const QMutexLocker lock(&mutex);
         for (int i = entries.size() - 1; i >= 0; --i) {
@@ -113,6 +115,7 @@ FSSwitch::Data::Target FSSwitch::Data::lookup(const QString& path) {
             }
         }
     }
+    errno = reason;
     liberrno = target.fs ? Ok : NotFound;
     return target;
 }

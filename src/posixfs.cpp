@@ -123,7 +123,7 @@ int PosixFS::listxattr(QString path, QVector<QString>& names) {
     // One text per byte of the list: the names, then empty texts from the zeroes behind them.
     for (int i = 0; i < size; ++i) {
         const size_t length = strnlen(text, end - text);
-        names.append(QString::fromUtf8(text, static_cast<int>(length)));
+        names.append(decoded(text, static_cast<int>(length)));
         text += length;
         if (text < end)
             ++text;
@@ -146,7 +146,7 @@ int PosixFS::readlink(QString path, QString& target) {
         return static_cast<int>(::readlink(p, text.data(), text.size()));
     });
     const int reason = errno;
-    target = QString::fromUtf8(text.data(), static_cast<int>(strnlen(text.data(), text.size())));
+    target = decoded(text.data(), static_cast<int>(strnlen(text.data(), text.size())));
     errno = reason;
     return length;
 }

@@ -342,6 +342,7 @@ public:
     bool exists() const {
         return m_smb || m_nfs;
     }
+    /// Its paths are put behind the mount point as they are, so they need a slash to lie within it.
     bool isLocalDirectory() const {
         return m_nfs != nullptr;
     }
@@ -411,6 +412,7 @@ int RemoteLocation::probe(bool* writable, QString* subdir, bool noConnect) {
     int result = 0;
     if (!noConnect && !connection.isConnected())
         result = connection.connect(m_props);
+    // Also a positive one: the status of the program that should have mounted an export.
     if (result != 0) {
         connection.disconnect();
         return result;

@@ -1,6 +1,7 @@
 #include "systemtext_p.h"
 
 #include <QByteArray>
+#include <QFile>
 
 #include <algorithm>
 #include <cerrno>
@@ -44,6 +45,16 @@ bool toSystem(const QString& text, SystemText& utf8) {
     return true;
 }
 
+bool crossesThroughQt(const QString& text) {
+    SystemText utf8;
+    if (!toSystem(text, utf8))
+        return false;
+    if (QFile::encodeName(text) == utf8.constData())
+        return true;
+    errno = EILSEQ;
+    return false;
+}
+
 bool fromSystem(const char* utf8, QString& text) {
     if (!utf8) {
         errno = EFAULT;
@@ -61,16 +72,19 @@ bool fromSystem(const char* utf8, QString& text) {
         text = QString::fromLatin1(utf8, length);
         return true;
     }
-    // The decoder replaces what is invalid, so that only a text that comes back the same was
-    // decoded as it is; and it would drop a byte order mark, were that not behind something.
-    const QByteArray given = '/' + QByteArray::fromRawData(utf8, length);
-    const QString decoded = QString::fromUtf8(given);
-    if (decoded.toUtf8() != given) {
+    // Only a text that comes back the same was decoded as it is.
+    const QString result = decoded(utf8, length);
+    if (result.toUtf8() != QByteArray::fromRawData(utf8, length)) {
         errno = EILSEQ;
         return false;
     }
-    text = decoded.mid(1);
+    text = result;
     return true;
+}
+
+QString decoded(const char* utf8, int length) {
+    // Qt drops a byte order mark, unless that is behind something.
+    return QString::fromUtf8('/' + QByteArray::fromRawData(utf8, length)).mid(1);
 }
 
 } // namespace oru::io

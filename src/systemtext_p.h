@@ -18,10 +18,19 @@ using SystemText = QVarLengthArray<char, 256>;
 /// it is not valid UTF-16; what is in `utf8` then is unspecified.
 bool toSystem(const QString& text, SystemText& utf8);
 
+/// Whether `text`, which Qt is to hand to the system, gets there as toSystem() would have it: Qt
+/// does it in the codec of the locale. \returns false with errno as toSystem(); EILSEQ when that
+/// codec makes other bytes of it.
+bool crossesThroughQt(const QString& text);
+
 /// The text that `utf8` spells. \returns false with errno EFAULT when it is null, ENAMETOOLONG when
 /// it has more than 1 MiB, which no system takes, EILSEQ when it is not valid UTF-8; `text` is then
 /// unchanged.
 bool fromSystem(const char* utf8, QString& text);
+
+/// The text of `length` bytes that the system tells, with a replacement character for each part
+/// that is not valid UTF-8.
+QString decoded(const char* utf8, int length);
 
 /// The result of `call` on the system form of `path`; -1 when there is none. Releasing the path
 /// leaves errno as the call set it.

@@ -1,6 +1,7 @@
 #include <oruio/sysutils.h>
 
 #include "mounttable_p.h"
+#include "release_p.h"
 #include "systemtext_p.h"
 
 #include <QByteArray>
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <cstring>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
@@ -40,9 +42,31 @@ bool childrenAreReported() {
 
 /// Whether all of them reach a program as they are.
 bool canCross(const QStringList& arguments) {
-    SystemText text;
-    return std::all_of(arguments.begin(), arguments.end(),
-                       [&](const QString& argument) { return toSystem(argument, text); });
+    return std::all_of(arguments.begin(), arguments.end(), crossesThroughQt);
+}
+
+/// Has a program that this process becomes get none of its descriptors but the standard ones. Only
+/// makes system calls, as it must between fork(2) and exec(3).
+void withholdDescriptors() {
+    constexpr unsigned int closeRangeCloexec = 4; // CLOSE_RANGE_CLOEXEC
+    if (syscall(SYS_close_range, 3U, ~0U, closeRangeCloexec) == 0)
+        return;
+    // Before 5.11. There may be some above the limit, if that was lowered, and up to it there may
+    // be a billion.
+    const int directory = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    alignas(struct dirent64) char entries[1024];
+    long size = 0;
+    while ((size = syscall(SYS_getdents64, directory, entries, sizeof entries)) > 0) {
+        for (long at = 0; at < size;) {
+            const auto* const entry = reinterpret_cast<const struct dirent64*>(entries + at);
+            int fd = 0;
+            for (const char* digit = entry->d_name; *digit >= '0' && *digit <= '9'; ++digit)
+                fd = fd * 10 + (*digit - '0');
+            if (fd >= 3)
+                fcntl(fd, F_SETFD, FD_CLOEXEC);
+            at += entry->d_reclen;
+        }
+    }
 }
 
 /// The maintenance program, with nothing of this process but what it is told.
@@ -51,6 +75,10 @@ public:
     Program() {
         connect(this, &QProcess::readyReadStandardOutput, this, [this] { takeOutput(); });
         connect(this, &QProcess::readyReadStandardError, this, [this] { takeOutput(); });
+    }
+    /// One that did not begin in time is ended by QProcess, which then may still read.
+    ~Program() override {
+        disconnect();
     }
 
     /// What it has written so far, as far as it is kept.
@@ -69,24 +97,19 @@ protected:
     // In the child, which may only make system calls here.
     void setupChildProcess() override {
         // An open file of one medium must not keep it busy while another is checked.
-        if (syscall(SYS_close_range, 3U, ~0U, closeRangeCloexec) != 0) {
-            const int end = static_cast<int>(sysconf(_SC_OPEN_MAX));
-            for (int fd = 3; fd < end; ++fd)
-                fcntl(fd, F_SETFD, FD_CLOEXEC);
-        }
-        std::signal(SIGCHLD, SIG_DFL);
+        withholdDescriptors();
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
     }
-
-private:
-    static constexpr unsigned int closeRangeCloexec = 4; // CLOSE_RANGE_CLOEXEC
 };
 
-/// Whether something is mounted on `path` now.
+/// Whether something is mounted on `path` now, for all that can be told. Leaves errno as it is.
 bool isMounted(const char* path) {
+    const KeptReason kept;
     MountTable mounts;
+    if (!mounts.isRead())
+        return true;
     const MountTable::Mount* mount = nullptr;
     while ((mount = mounts.next()) && std::strcmp(mount->mountPoint, path) != 0)
         continue;

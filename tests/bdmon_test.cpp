@@ -220,6 +220,22 @@ TEST_F(BDMonTest, IsRunning_FromStartToStop) {
     EXPECT_FALSE(monitor->isRunning());
 }
 
+TEST_F(BDMonTest, Start_MonitorCannotReceive_IsNotRunning) {
+    testbed.addDisk("sda", "usb-1");
+    const int objects = test::heldUdevObjects();
+    LogCapture log("libio=9");
+    qputenv("ORUIO_TEST_FAILS", "udev_monitor_enable_receiving");
+    monitor->start();
+    qunsetenv("ORUIO_TEST_FAILS");
+    EXPECT_FALSE(monitor->isRunning());
+    EXPECT_TRUE(batches.isEmpty());
+    EXPECT_EQ(test::heldUdevObjects(), objects);
+    EXPECT_EQ(log.messages(), QStringList{"libio 9 The udev monitor cannot receive\n"});
+    monitor->start();
+    EXPECT_TRUE(monitor->isRunning());
+    EXPECT_EQ(takeBatches().size(), 1);
+}
+
 TEST_F(BDMonTest, Start_NothingThere_TellsNothing) {
     monitor->start();
     EXPECT_TRUE(batches.isEmpty());

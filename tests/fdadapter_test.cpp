@@ -160,8 +160,10 @@ TEST_F(FDMapTest, NumbersUsedUp_EMFILE) {
     LimitedMap map(std::numeric_limits<int>::max() - 1);
     auto file = newFile();
     EXPECT_EQ(map->add(file), std::numeric_limits<int>::max() - 1);
+    liberrno = NotFound;
     EXPECT_EQ(map->add(file), -1);
     EXPECT_EQ(errno, EMFILE);
+    EXPECT_EQ(liberrno, Ok);
     EXPECT_EQ(map->remove(std::numeric_limits<int>::max() - 1), 0);
     EXPECT_EQ(map->add(file), std::numeric_limits<int>::max() - 1);
 }
@@ -193,6 +195,11 @@ namespace {
 class ActingFile : public PosixFile {
 public:
     ActingFile() : PosixFile(-1) {}
+    /// Leaves its own behind, as closing does.
+    ~ActingFile() override {
+        errno = ETXTBSY;
+        liberrno = NotFound;
+    }
     std::function<void()> onClose = [] {};
     std::function<void()> onFlock = [] {};
     int flock(int) override {
@@ -213,7 +220,8 @@ public:
 
 TEST_F(FDMapTest, Remove_CloseMayUseTheTableAndItsReasonStands) {
     LimitedMap map(1024);
-    const auto acting = QSharedPointer<ActingFile>::create();
+    auto acting = QSharedPointer<ActingFile>::create();
+    const QWeakPointer<ActingFile> weak = acting;
     ErrorCode whenClosing = LibraryFailure;
     acting->onClose = [&] {
         whenClosing = liberrno;
@@ -222,11 +230,14 @@ TEST_F(FDMapTest, Remove_CloseMayUseTheTableAndItsReasonStands) {
     };
     QSharedPointer<File> file = acting;
     ASSERT_EQ(map->add(file), 1024);
+    file.reset();
+    acting.reset();
     liberrno = NotFound;
     EXPECT_EQ(map->remove(1024), -1);
-    EXPECT_EQ(whenClosing, Ok);
     EXPECT_EQ(errno, EDOM);
     EXPECT_EQ(liberrno, LibraryFailure);
+    EXPECT_EQ(whenClosing, Ok);
+    EXPECT_TRUE(weak.isNull());
 }
 
 TEST_F(FDMapTest, Hold_KeepsTheFileAndSetsLiberrno) {
@@ -492,25 +503,46 @@ TEST_F(FDAdapterTest, OpenClearsLiberrno_BeforeTheFileSystemIsAsked) {
 
 namespace {
 
-/// Opens one given file.
-class OneFileFS : public RecordingFS {
+/// A directory that does what it is told while it is read.
+class ActingDirectory : public PosixDir {
+public:
+    ActingDirectory() : PosixDir(nullptr) {}
+    ~ActingDirectory() override {
+        errno = ETXTBSY;
+        liberrno = NotFound;
+    }
+    std::function<void()> onReaddir = [] {};
+    struct dirent* readdir() override {
+        onReaddir();
+        errno = EDOM;
+        liberrno = NotImplemented;
+        return nullptr;
+    }
+};
+
+/// Opens one given file and one given directory.
+class GivingFS : public RecordingFS {
 public:
     QSharedPointer<File> file;
     QSharedPointer<File> open(QString, int, int) override {
         return std::exchange(file, {});
+    }
+    QSharedPointer<Directory> directory;
+    QSharedPointer<Directory> opendir(QString) override {
+        return std::exchange(directory, {});
     }
 };
 
 } // namespace
 
 TEST_F(FDAdapterTest, ClosedDuringACall_ReasonOutlivesTheFile) {
-    const auto one = QSharedPointer<OneFileFS>::create();
-    FDAdapter over(one);
+    const auto giving = QSharedPointer<GivingFS>::create();
+    FDAdapter over(giving);
     auto acting = QSharedPointer<ActingFile>::create();
     const QWeakPointer<ActingFile> weak = acting;
     int fd = -1;
     acting->onFlock = [&] { over.close(fd); };
-    one->file = acting;
+    giving->file = acting;
     acting.reset();
     fd = over.open("/f", O_RDWR, 0);
     ASSERT_NE(fd, -1);
@@ -518,6 +550,23 @@ TEST_F(FDAdapterTest, ClosedDuringACall_ReasonOutlivesTheFile) {
     EXPECT_TRUE(weak.isNull());
     EXPECT_EQ(errno, EDOM);
     EXPECT_EQ(liberrno, NotImplemented);
+}
+
+TEST_F(FDAdapterTest, ClosedDuringReaddir_ReasonOutlivesTheDirectory) {
+    const auto giving = QSharedPointer<GivingFS>::create();
+    FDAdapter over(giving);
+    auto acting = QSharedPointer<ActingDirectory>::create();
+    const QWeakPointer<ActingDirectory> weak = acting;
+    void* handle = nullptr;
+    acting->onReaddir = [&] { EXPECT_EQ(over.closedir(handle), 0); };
+    giving->directory = acting;
+    acting.reset();
+    handle = over.opendir("/d");
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(over.readdir(handle), nullptr);
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(liberrno, NotImplemented);
+    EXPECT_TRUE(weak.isNull());
 }
 
 TEST_F(FDAdapterTest, OpenRefused_ReasonOfTheFileSystemStands) {

@@ -142,8 +142,10 @@ TEST(FileReadAll, SizeBeyondFourGiB_MaximumCounts) {
 TEST(FileReadAll, MoreThanAnArrayHolds_EmptyWithEFBIG) {
     ScriptedFile file;
     file.size = 1LL << 33;
+    liberrno = NotFound;
     EXPECT_TRUE(file.readAll(0xffffffffU).isEmpty());
     EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(liberrno, Ok);
     EXPECT_EQ(file.reads, 0);
 }
 
@@ -158,6 +160,7 @@ TEST(FileReadAll, MoreThanMemoryHas_EmptyWithENOMEM) {
     ASSERT_EQ(setrlimit(RLIMIT_AS, &limit), 0);
     ScriptedFile file;
     file.size = (1LL << 31) - 1000;
+    liberrno = NotFound;
     const QByteArray data = file.readAll(0xffffffffU);
     const int reason = errno;
     ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
@@ -165,6 +168,7 @@ TEST(FileReadAll, MoreThanMemoryHas_EmptyWithENOMEM) {
         GTEST_SKIP() << "the limit of address space is not enforced here";
     EXPECT_TRUE(data.isEmpty());
     EXPECT_EQ(reason, ENOMEM);
+    EXPECT_EQ(liberrno, Ok);
 }
 
 TEST(FileReadAll, NegativeSize_EmptyWithoutReading) {

@@ -14,7 +14,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -358,14 +362,80 @@ TEST_F(FSSwitchTest, OneFileSystemTwice_RenameBetweenItsMountsIsRefused) {
     EXPECT_EQ(a->take(), QStringList());
 }
 
+// How often a thread finds the lock taken is chance, but thousands of times in so many calls, where
+// there is more than one processor.
+TEST_F(FSSwitchTest, RefusedWhileOthersLookUp_ErrnoUntouched) {
+    root.add("/a", a);
+    root.add("/b", b);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> users;
+    for (int i = 0; i < 3; ++i) {
+        users.emplace_back([&] {
+            for (int k = 0; k < 100'000; ++k) {
+                errno = 0;
+                wrong += root.rename("/a/x", "/b/y") != -1 || liberrno != Ok || errno != 0;
+            }
+        });
+    }
+    for (std::thread& user : users)
+        user.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+namespace {
+
+/// A file system that does what it is told when it is to be synced.
+class SyncingFS : public MemFS {
+public:
+    explicit SyncingFS(std::function<void()> onSync) : m_onSync(std::move(onSync)) {}
+    void sync() override {
+        m_onSync();
+    }
+
+private:
+    const std::function<void()> m_onSync;
+};
+
+} // namespace
+
 TEST_F(FSSwitchTest, Sync_EveryMountInTableOrder) {
     root.sync();
-    root.add("/x", a);
-    root.add("/y", a);
-    root.add("/z", b);
+    QStringList synced;
+    const auto noting = [&synced](const char* name) {
+        return QSharedPointer<SyncingFS>::create([&synced, name] { synced.append(name); });
+    };
+    const auto twice = noting("twice");
+    root.add("/x", twice);
+    root.add("/zzz", noting("longest"));
+    root.add("/yy", noting("longer"));
+    root.add("/y", twice);
     root.sync();
-    EXPECT_EQ(a->take(), QStringList({"sync", "sync"}));
-    EXPECT_EQ(b->take(), QStringList{"sync"});
+    EXPECT_EQ(synced, QStringList({"twice", "twice", "longer", "longest"}));
+}
+
+TEST_F(FSSwitchTest, LookupDuringSync_WaitsForIt) {
+    std::promise<void> syncing;
+    std::promise<void> goOn;
+    root.add("/m", QSharedPointer<SyncingFS>::create([&] {
+                 syncing.set_value();
+                 goOn.get_future().wait();
+             }));
+    std::thread syncer([&] { root.sync(); });
+    syncing.get_future().wait();
+    std::promise<void> looking;
+    std::promise<QString> found;
+    std::future<QString> result = found.get_future();
+    std::thread user([&] {
+        looking.set_value();
+        found.set_value(served("/m/x"));
+    });
+    looking.get_future().wait();
+    // Without the lock, it would be there at once.
+    EXPECT_EQ(result.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    goOn.set_value();
+    syncer.join();
+    EXPECT_EQ(result.get(), "c /x");
+    user.join();
 }
 
 TEST_F(FSSwitchTest, WatchesAndIoctl_NotImplemented) {
@@ -416,6 +486,10 @@ public:
         m_root.remove(m_mountPoint);
         return MemFS::open(path, flags, mode);
     }
+    int rename(QString oldPath, QString newPath) override {
+        m_root.remove(m_mountPoint);
+        return MemFS::rename(oldPath, newPath);
+    }
 
 private:
     FSSwitch& m_root;
@@ -441,6 +515,10 @@ TEST_F(FSSwitchTest, RemoveDuringAFailingCall_ReasonOutlivesTheFileSystem) {
     EXPECT_EQ(liberrno, Ok);
     root.add("/m", QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m")));
     EXPECT_FALSE(root.open("/m/missing", O_RDONLY, 0));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(liberrno, Ok);
+    root.add("/m", QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m")));
+    EXPECT_EQ(root.rename("/m/missing", "/m/other"), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(liberrno, Ok);
 }

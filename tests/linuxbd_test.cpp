@@ -3,6 +3,7 @@
 #include <oruio/error.h>
 
 #include "support/isolated.h"
+#include "support/localecodec.h"
 #include "support/logcapture.h"
 #include "support/maintenanceprogram.h"
 #include "support/qtprint.h"
@@ -173,6 +174,38 @@ TEST_F(LinuxBDMount, TextsThatCannotCross_AreRefused) {
     EXPECT_TRUE(mountCalls.empty());
 }
 
+// Qt makes the directory, in the codec of the locale.
+TEST_F(LinuxBDMount, MountPointThatCannotCross_NoDirectoryIsMade) {
+    const test::LocaleCodec latin("ISO-8859-1");
+    const struct {
+        QString name;
+        int error;
+    } cases[] = {
+        {QString::fromUtf8("bä"), EILSEQ},
+        {QString(QChar(0xd800)), EILSEQ},
+        {QString("a") + QChar(0) + "b", EINVAL},
+    };
+    for (const auto& tested : cases) {
+        errno = 0;
+        liberrno = NotFound;
+        EXPECT_EQ(device("ext4").mount(temp.path() + '/' + tested.name, nullptr), -1);
+        EXPECT_EQ(errno, tested.error);
+        EXPECT_EQ(liberrno, Ok);
+    }
+    EXPECT_TRUE(QDir(temp.path()).isEmpty());
+    EXPECT_TRUE(mountCalls.empty());
+    EXPECT_EQ(device("ext4").mount(path, nullptr), 0);
+}
+
+TEST_F(LinuxBDMount, MountPointOfAnyLetters_InTheLocalesCodec) {
+    const test::LocaleCodec utf8("UTF-8");
+    const QString umlauts = temp.path() + QString::fromUtf8("/bä/録画");
+    EXPECT_EQ(device("ext4").mount(umlauts, nullptr), 0);
+    ASSERT_EQ(mountCalls.size(), 1U);
+    EXPECT_EQ(mountCalls[0].directory, umlauts.toStdString());
+    EXPECT_TRUE(QFileInfo(umlauts).isDir());
+}
+
 namespace {
 
 class LinuxBDCommands : public test::WithMaintenanceProgram {
@@ -219,10 +252,17 @@ TEST_F(LinuxBDCommands, Fsck_Retries) {
     EXPECT_EQ(FSCK_RETRIES, 3);
     EXPECT_EQ(runsOf(&BlockDevice::fsck, nullptr), 3);
     EXPECT_EQ(runsOf(&BlockDevice::fsck, &none), 3);
-    const Properties five = {{"retries", "5"}};
-    EXPECT_EQ(runsOf(&BlockDevice::fsck, &five), 5);
+    const struct {
+        QVariant retries;
+        int runs;
+    } cases[] = {{5, 5}, {"5", 5}, {true, 1}, {2.5, 3}};
+    for (const auto& tested : cases) {
+        const Properties props = {{"retries", tested.retries}};
+        EXPECT_EQ(runsOf(&BlockDevice::fsck, &props), tested.runs);
+    }
     const MaintenanceProgram program("exit 9");
-    for (const QVariant& never : {QVariant(0), QVariant(-1), QVariant("many"), QVariant()}) {
+    for (const QVariant& never :
+         {QVariant(0), QVariant(-1), QVariant("many"), QVariant("true"), QVariant()}) {
         const Properties props = {{"retries", never}};
         EXPECT_EQ(device("vfat").fsck(&props), -1);
     }

@@ -201,6 +201,14 @@ TEST_F(PosixFSTest, ReadlinkOfLongestTarget_WholeText) {
     EXPECT_EQ(target, longest);
 }
 
+TEST_F(PosixFSTest, ReadlinkOfTargetWithByteOrderMark_KeepsIt) {
+    const QString marked = QChar(QChar::ByteOrderMark) + QStringLiteral("clip");
+    ASSERT_EQ(fs.symlink(marked, "/l"), 0);
+    QString target;
+    EXPECT_EQ(fs.readlink("/l", target), 7);
+    EXPECT_EQ(target, marked);
+}
+
 TEST_F(PosixFSTest, ReadlinkFails_TargetIsEmptyAndErrnoStands) {
     QString target = "before";
     EXPECT_EQ(fs.readlink("/missing", target), -1);
@@ -265,6 +273,15 @@ TEST_F(PosixFSTest, ListxattrOverridden_VectorFormUsesIt) {
     EXPECT_EQ(names.at(0), "user.x");
     EXPECT_EQ(names.at(1), "user.y");
     EXPECT_EQ(names.at(2), "");
+}
+
+TEST_F(PosixFSTest, ListxattrOfNameWithByteOrderMark_KeepsIt) {
+    ListingFS listing;
+    listing.text = std::string("\xEF\xBB\xBFn", 5);
+    listing.result = 5;
+    QVector<QString> names;
+    EXPECT_EQ(listing.listxattr("/any", names), 5);
+    EXPECT_EQ(names.value(0), QChar(QChar::ByteOrderMark) + QStringLiteral("n"));
 }
 
 TEST_F(PosixFSTest, ListxattrFillsTheBuffer_ReadsStayInside) {

@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -141,6 +142,38 @@ TEST(StorageLocation, Signal_CanBeQueued) {
               "accessChanged(StorageLocation*,oru::io::StorageLocation::AccessType)");
     for (int i = 0; i < signal.parameterCount(); ++i)
         EXPECT_NE(signal.parameterType(i), QMetaType::UnknownType);
+}
+
+namespace {
+
+/// Where the fields of a location are.
+class LocationFields : public OpenLocation {
+public:
+    LocationFields() : OpenLocation("place", {}, nullptr) {}
+
+    std::vector<std::uintptr_t> places() const {
+        return {place(m_name),           place(m_fs),         place(m_enabled), place(m_present),
+                place(m_writeProtected), place(m_access),     place(m_props),   place(m_blkDevId),
+                place(m_blkDevWhole),    place(m_blkDevPart), place(m_mountOk), place(m_mounted)};
+    }
+
+private:
+    template <class Field>
+    static std::uintptr_t place(const Field& field) {
+        return reinterpret_cast<std::uintptr_t>(&field);
+    }
+};
+
+} // namespace
+
+TEST(StorageLocation, Fields_InOrder) {
+    const LocationFields fields;
+    const std::vector<std::uintptr_t> places = fields.places();
+    // Behind what QObject has; those of local media are behind those of all locations.
+    EXPECT_GE(places.front(), reinterpret_cast<std::uintptr_t>(&fields) + sizeof(QObject));
+    for (std::size_t i = 1; i < places.size(); ++i)
+        EXPECT_LT(places[i - 1], places[i]) << i;
+    EXPECT_EQ(sizeof(RemoteLocation), sizeof(StorageLocation));
 }
 
 TEST(StorageLocation, Slots_InOrder) {

@@ -1,3 +1,4 @@
+#include "support/localecodec.h"
 #include "systemtext_p.h"
 
 #include <gtest/gtest.h>
@@ -54,6 +55,26 @@ TEST(SystemText, ToSystemInvalidUtf16_EILSEQ) {
     EXPECT_TRUE(toSystem(QString(high) + low, utf8));
 }
 
+TEST(SystemText, CrossesThroughQt_WhatTheLocaleWritesAsUtf8) {
+    const QString umlauts = QString::fromUtf8("bä");
+    {
+        const test::LocaleCodec latin("ISO-8859-1");
+        EXPECT_TRUE(crossesThroughQt(QString()));
+        EXPECT_TRUE(crossesThroughQt("/plain"));
+        errno = 0;
+        EXPECT_FALSE(crossesThroughQt(umlauts));
+        EXPECT_EQ(errno, EILSEQ);
+    }
+    const test::LocaleCodec utf8("UTF-8");
+    EXPECT_TRUE(crossesThroughQt(umlauts));
+    EXPECT_TRUE(crossesThroughQt(QChar(QChar::ByteOrderMark) + umlauts));
+    errno = 0;
+    EXPECT_FALSE(crossesThroughQt(umlauts + QChar(QChar::Null)));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(crossesThroughQt(QChar(0xd800)));
+    EXPECT_EQ(errno, EILSEQ);
+}
+
 TEST(SystemText, FromSystem_RoundTrip) {
     for (const char* utf8 : {"", "/plain", "/Ä/録画/🎬", "\xEF\xBB\xBFmark", "\xEF\xBF\xBD"}) {
         QString text = "before";
@@ -98,6 +119,21 @@ TEST(SystemText, FromSystemInvalidUtf8_EILSEQ) {
         EXPECT_EQ(errno, EILSEQ);
         EXPECT_EQ(text, "before");
     }
+}
+
+TEST(SystemText, Decoded_AllOfItWithReplacements) {
+    EXPECT_EQ(decoded("", 0), QString(""));
+    EXPECT_EQ(decoded("plain/Ä", 8), QString::fromUtf8("plain/Ä"));
+    EXPECT_EQ(decoded("plainly", 5), QString("plain"));
+    EXPECT_EQ(decoded("\xEF\xBB\xBFmark", 7), QChar(0xfeff) + QString("mark"));
+    EXPECT_EQ(decoded("\xEF\xBB\xBF", 3), QString(QChar(0xfeff)));
+    const QChar replacement(QChar::ReplacementCharacter);
+    EXPECT_EQ(decoded("a\xff"
+                      "b",
+                      3),
+              QString("a") + replacement + "b");
+    EXPECT_EQ(decoded("\xc0\xafz", 3), QString(2, replacement) + "z");
+    EXPECT_EQ(decoded("a\xc3", 2), QString("a") + replacement);
 }
 
 } // namespace oru::io

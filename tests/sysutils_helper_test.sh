@@ -319,6 +319,25 @@ what_is_no_block_device_is_refused() {
     refused 20 "$clips/absent is of no device" format "$clips/absent"
 }
 
+# Gone since it was found: what sysfs had of it is missing.
+device_that_has_gone_is_refused() {
+    local place
+    can_use_disks || return
+    new_disk 4G
+    place=/sys/block/${disk#/dev/}
+    mkdir "$clips/place"
+    expect mount --bind "$clips/place" "$place"
+    mounts+=("$place")
+    refused 20 "$disk has gone" format -k "$disk"
+    refused 20 "$disk has gone" fsck -t ext4 "$disk"
+    echo 8388608 >"$clips/place/size"
+    refused 20 "$disk has gone" format "$disk" # for want of its block size
+    refused 20 "$disk has gone" mkfs -t ext4 "$disk"
+    echo 65536 >"$clips/place/size"
+    refused 20 "$disk has gone" format "$disk" # nobody has protected it
+    release_disks
+}
+
 disks_and_partitions_are_told_apart() {
     can_use_disks || return
     new_ext4
@@ -781,6 +800,17 @@ environment_changes_nothing() {
     release_disks
 }
 
+# In the first seconds of the system there are digits that would be octal ones.
+first_second_is_like_others() {
+    can_use_disks || return
+    new_disk 32M
+    echo '0.08 0.00' >"$clips/uptime"
+    expect mount --bind "$clips/uptime" /proc/uptime
+    mounts+=(/proc/uptime)
+    succeeds format "$disk"
+    release_disks
+}
+
 link_with_blanks_is_a_name() {
     can_use_disks || return
     new_disk 64M
@@ -1021,7 +1051,8 @@ $clips"
 
 run_cases commands_are_checked arguments_are_counted options_are_checked types_are_checked \
     nfs_targets_are_checked others_than_root_are_refused what_is_no_block_device_is_refused \
-    disks_and_partitions_are_told_apart impossible_sizes_are_refused \
+    device_that_has_gone_is_refused disks_and_partitions_are_told_apart \
+    impossible_sizes_are_refused \
     write_protected_devices_are_refused mounted_devices_are_refused \
     devices_mounted_elsewhere_are_refused swap_space_is_refused \
     parts_of_other_devices_are_refused used_disks_are_not_formatted \
@@ -1033,7 +1064,8 @@ run_cases commands_are_checked arguments_are_counted options_are_checked types_a
     file_systems_are_made file_systems_are_made_on_disks_without_partitions \
     options_are_split_into_words options_are_not_evaluated options_cannot_name_another_device \
     cards_are_formatted_as_their_size_asks clusters_are_of_the_standard_size \
-    old_contents_are_gone environment_changes_nothing link_with_blanks_is_a_name \
+    old_contents_are_gone environment_changes_nothing first_second_is_like_others \
+    link_with_blanks_is_a_name \
     failing_tools_are_reported missing_tools_are_reported users_are_ended \
     whoever_waits_for_the_program_is_spared mount_that_cannot_be_undone_is_reported \
     second_run_is_refused second_run_waits_for_a_while waiting_run_is_no_user nfs_is_mounted

@@ -3,6 +3,7 @@
 
 #include "mounttable_p.h"
 #include "support/isolated.h"
+#include "support/localecodec.h"
 #include "support/logcapture.h"
 #include "support/maintenanceprogram.h"
 #include "support/mounts.h"
@@ -17,6 +18,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -25,6 +27,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,12 +39,16 @@ struct Refusal {
     int error = 0; ///< of umount(2); 0: the system does it
     int calls = 0; ///< of umount2(2)
     int flags = -1;
-    bool isFinal = false; ///< umount2(2) fails too, with EPERM
-    bool isGone = false;  ///< somebody else unmounts it before umount(2) gets to it
+    int finalError = 0;      ///< of umount2(2); 0: the system does it
+    bool isGone = false;     ///< somebody else unmounts it before umount(2) gets to it
+    bool hidesTable = false; ///< umount2(2) leaves the kernel's table unreadable
 } refusal;
 
-/// Whether programs do not come to their beginning.
+/// Whether programs do not come to their beginning, but have written something by then.
 bool neverStarts = false;
+
+/// Whether the kernel is one before 5.11.
+bool hasNoCloseRange = false;
 
 template <class Function>
 Function* next(const char* name) {
@@ -52,9 +60,26 @@ Function* next(const char* name) {
 // The program's own definitions come before those of the C library.
 
 extern "C" Q_DECL_EXPORT int execv(const char* path, char* const* arguments) noexcept {
-    while (neverStarts)
+    while (neverStarts) {
+        [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, "x", 1);
         pause();
+    }
     return next<int(const char*, char* const*)>("execv")(path, arguments);
+}
+
+extern "C" Q_DECL_EXPORT long syscall(long number, ...) noexcept {
+    if (hasNoCloseRange && number == SYS_close_range) {
+        errno = ENOSYS;
+        return -1;
+    }
+    va_list list;
+    va_start(list, number);
+    long arguments[6];
+    for (long& argument : arguments)
+        argument = va_arg(list, long);
+    va_end(list);
+    return next<long(long, ...)>("syscall")(number, arguments[0], arguments[1], arguments[2],
+                                            arguments[3], arguments[4], arguments[5]);
 }
 
 extern "C" Q_DECL_EXPORT int umount(const char* path) noexcept {
@@ -72,8 +97,10 @@ extern "C" Q_DECL_EXPORT int umount2(const char* path, int flags) noexcept {
         errno = EINVAL;
         return -1;
     }
-    if (refusal.isFinal) {
-        errno = EPERM;
+    if (refusal.hidesTable)
+        mount("tmpfs", "/proc", "tmpfs", 0, nullptr);
+    if (refusal.finalError != 0) {
+        errno = refusal.finalError;
         return -1;
     }
     return next<int(const char*, int)>("umount2")(path, flags);
@@ -242,8 +269,19 @@ TEST_F(SysCmdTest, Descriptors_AreNotInherited) {
     const int inherited = fcntl(open, F_DUPFD, 100); // without FD_CLOEXEC
     ASSERT_GE(inherited, 100);
     const MaintenanceProgram program("[ ! -e /proc/self/fd/$2 ]");
-    EXPECT_EQ(SysCmd("fsck").addArg(QString::number(inherited)).exec(1), 0);
-    EXPECT_EQ(fcntl(inherited, F_GETFD), 0); // ours is as it was
+    struct rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    for (const bool isOld : {false, true}) {
+        hasNoCloseRange = isOld;
+        EXPECT_EQ(SysCmd("fsck").addArg(QString::number(inherited)).exec(1), 0);
+        EXPECT_EQ(fcntl(inherited, F_GETFD), 0); // ours is as it was
+        struct rlimit lowered = before;
+        lowered.rlim_cur = 90;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+        EXPECT_EQ(SysCmd("fsck").addArg(QString::number(inherited)).exec(1), 0);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    }
+    hasNoCloseRange = false;
     ::close(inherited);
     ::close(open);
 }
@@ -288,6 +326,25 @@ TEST_F(SysCmdTest, ArgumentThatCannotCross_NothingIsStarted) {
         EXPECT_EQ(log.messages().size(), 1);
     }
     EXPECT_TRUE(program.calls().isEmpty());
+}
+
+// QProcess hands arguments on in the codec of the locale.
+TEST_F(SysCmdTest, ArgumentThatTheLocaleWouldChange_NothingIsStarted) {
+    MaintenanceProgram program;
+    const QString label = QString::fromUtf8("bä");
+    {
+        const test::LocaleCodec latin("ISO-8859-1");
+        LogCapture log("libio=9");
+        EXPECT_EQ(SysCmd("mkfs").addArg(label).exec(3), -1);
+        EXPECT_EQ(log.messages(),
+                  QStringList{"libio 9 Unable to exec SysCmd mkfs " + label + '\n'});
+        EXPECT_TRUE(program.calls().isEmpty());
+        EXPECT_EQ(SysCmd("mkfs").addArg("plain").exec(1), 0);
+        program.forget();
+    }
+    const test::LocaleCodec utf8("UTF-8");
+    EXPECT_EQ(SysCmd("mkfs").addArg(label).exec(1), 0);
+    EXPECT_EQ(program.calls(), (QList<QStringList>{{"mkfs", label}}));
 }
 
 // Longer than what Qt waits for if not told otherwise.
@@ -453,11 +510,35 @@ TEST_F(UmountPath, SomebodyElseWasFirst_IsNoFailure) {
     EXPECT_EQ(mounts(), 0);
 }
 
+TEST_F(UmountPath, NoMountForTheKernelButInItsTable_EINVAL) {
+    mountHere("some");
+    refusal.error = EINVAL;
+    refusal.finalError = EINVAL;
+    EXPECT_EQ(unmount(), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(refusal.calls, 1);
+    EXPECT_EQ(mounts(), 1);
+}
+
+TEST_F(UmountPath, TableGoneWhenLookedAtAgain_CountsAsMounted) {
+    mountHere("some");
+    refusal.error = EINVAL;
+    refusal.finalError = EINVAL;
+    refusal.hidesTable = true;
+    const int result = unmount();
+    const int error = errno;
+    refusal = {};
+    ASSERT_EQ(umount2("/proc", MNT_DETACH), 0);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, EINVAL);
+    EXPECT_EQ(mounts(), 1);
+}
+
 TEST_F(UmountPath, OneOfSeveralRefused_EndsThere) {
     mountHere("first");
     mountHere("second");
     refusal.error = EBUSY;
-    refusal.isFinal = true;
+    refusal.finalError = EPERM;
     EXPECT_EQ(unmount(&lazy), -1);
     EXPECT_EQ(errno, EPERM); // of the second attempt
     EXPECT_EQ(refusal.calls, 1);

@@ -54,18 +54,20 @@ public:
     /// Mounts the file system, by mount(2): on `mountPoint`, which is made if need be, without
     /// access times and without programs; an exFAT one by the kernel's driver "ufsd". Reads of
     /// `props`, which may be null: "readonly" and "remount", true to do that. \returns -1 with
-    /// errno; ENOENT when there is no mount point and none can be made.
+    /// errno; ENOENT when there is no mount point and none can be made, EINVAL when it contains a
+    /// NUL, EILSEQ when it is no text, or one that the locale's codec does not write as UTF-8.
     virtual int mount(QString mountPoint, const Properties* props) = 0;
     /// Unmounts the device wherever it is mounted, and what is mounted on its node, by umountPath()
     /// with `props`. \returns 0, also when it is not mounted; else what umountPath() does for the
     /// first mount that stays, as one with a blank in its path (ENOENT); -1 with errno when the
     /// kernel's table of mounts cannot be read.
     virtual int umount(const Properties* props) = 0;
-    /// Makes a file system. Reads of `props`: "fs_type", its type; "cmd_opts", a last argument for
-    /// the maintenance program. \returns that program's exit status, or -1 (SysCmd).
+    /// Makes a file system. Reads of `props`, which may be null: "fs_type", its type; "cmd_opts", a
+    /// last argument for the maintenance program. \returns that program's exit status, or -1
+    /// (SysCmd).
     virtual int mkfs(const Properties* props) = 0;
     /// Checks the file system and repairs it. Reads of `props`, which may be null: "retries", how
-    /// often to try (FSCK_RETRIES); "cmd_opts". \returns as mkfs().
+    /// often to try, as an int (FSCK_RETRIES); "cmd_opts". \returns as mkfs().
     virtual int fsck(const Properties* props) = 0;
     /// Makes one file system of the whole disk. Reads of `props`, which may be null: "kill", whose
     /// presence says to end who uses the disk. \returns as mkfs().
@@ -159,9 +161,9 @@ public Q_SLOTS:
 
 public:
     /// Opens the monitor and tells by notify() what is there; what comes meanwhile is told of here,
-    /// by the next update(), or by both. Does nothing when it is open. When it cannot be opened,
+    /// by the next update(), or by both. Does nothing when it is open. When udev gives no monitor,
     /// that ends the process with exit status 1: a recorder that does not see its media is of no
-    /// use.
+    /// use. One that cannot receive is closed again, which is logged, and nothing is told.
     virtual void start();
     /// Closes the monitor. What update() has not told of is dropped.
     virtual void stop();

@@ -74,8 +74,9 @@ private:
 /// one adapter can be used and closed through any other.
 ///
 /// A path, name, target or record pointer that is null is refused with -1 (null from opendir) and
-/// errno EFAULT; a text that is not valid UTF-8, with errno EILSEQ; both set liberrno to 0. An
-/// unknown descriptor gives -1 with liberrno NotFound, and errno stays as it was.
+/// errno EFAULT; a text that is not valid UTF-8, with errno EILSEQ; one of more than 1 MiB, with
+/// errno ENAMETOOLONG; all set liberrno to 0. An unknown descriptor gives -1 with liberrno
+/// NotFound, and errno stays as it was.
 ///
 /// Threads: any thread may call any operation, as far as the FS allows it.
 class ORUIO_EXPORT FDAdapter {

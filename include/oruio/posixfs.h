@@ -1,8 +1,10 @@
 // The local backend: a directory tree of this system as an FS.
 //
 // A thin layer. Each operation prefixes the path with the root directory, makes the one system call
-// of its name and returns its result, with errno as the system left it. File operations and the two
-// opens clear liberrno first, so that strerror() falls through to errno.
+// of its name and returns its result, with errno as the system left it. The two opens clear
+// liberrno first, and so do reading, writing, seeking, syncing, truncating and closing an open
+// file: strerror() then falls through to errno. Other operations leave liberrno as it was; set it
+// to Ok before them, if strerror() is to tell their reason.
 //
 // Threads: no locks; objects may be shared as far as the system calls allow.
 #pragma once

@@ -5,7 +5,9 @@
 //     QObject::connect(BDMon::instance(), &BDMon::notify, &card,
 //                      [&](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr) {
 //                          card.processBDEvents(events);
-//                          if (card.access() == StorageLocation::Presence)
+//                          const BlockDevice::SPtr medium = card.selectedPart();
+//                          if (card.access() == StorageLocation::Presence && medium &&
+//                              medium->isMountable())
 //                              card.mount(nullptr);
 //                      });
 //
@@ -116,22 +118,30 @@ public:
     /// Checks and repairs the selected partition. \returns what BlockDevice::fsck() does; -1 with
     /// NotFound when none is selected.
     int check() override;
-    /// Mounts the medium read-only, whether it was mounted or not. \returns 0 when it was so
-    /// already, else what mount() does.
+    /// Mounts the medium read-only, whether it was mounted or not. \returns 0 when access() is Read
+    /// already, even if mkWriteable() has made the medium writeable since; -1 with NotFound when
+    /// there is no medium; else what mount() does.
     int mkReadOnly() override;
-    /// Remounts the medium writeable, on the device itself: access() stays what it was. \returns
-    /// what BlockDevice::mount() does; -1 with NotFound, or with NotImplemented when it is
-    /// write-protected.
+    /// Remounts the medium writeable, on the device itself: access() stays what it was. One that is
+    /// not mounted is mounted so, which the location does not notice: umount() then does nothing.
+    /// \returns 0 when access() is Write already; what BlockDevice::mount() does; -1 with NotFound
+    /// when there is no medium or mount point, with NotImplemented when it is write-protected.
     int mkWriteable() override;
     /// Mounts the selected partition, or mounts it anew with other options. Reads of `props`, which
     /// may be null: "readonly", whose presence, whatever its value, mounts it so; "mountPoint",
     /// where (default: the first place at which the root switch has fs()). \returns what
-    /// BlockDevice::mount() does, or -1 with NotFound, and access() is then None.
+    /// BlockDevice::mount() does, unless that fails: -1 with NotFound, and access() is None, even
+    /// if an earlier mount stays; without a medium or mount point -1 with NotFound, and access() is
+    /// what it was.
     int mount(Properties* props) override;
     /// Unmounts what mount() has mounted. Reads of `props`, which may be null: "mountPoint" as
     /// there; "lazy" as umountPath() does. \returns 0, also when nothing is mounted; what
     /// umountPath() returns, with the reason in errno and liberrno as it was; -1 with NotFound when
-    /// there is no mount point.
+    /// there is no fs() or no mount point.
+    ///
+    /// What is mounted elsewhere is not found, but the result is 0 and access() is Presence: after
+    /// a mount() with a "mountPoint" that is not given here as well, and where the kernel's table
+    /// spells the mount point in another way, as one with a blank or a double slash.
     int umount(Properties* props) override;
     /// Of the disk, when disk and partition are known.
     bool isWriteProtected() override;
@@ -196,10 +206,14 @@ public:
     /// file can be made on the share, in the directory `subdir` if that is not null. The file,
     /// called "ORU-write-check-" and the environment's SERIAL_NUMBER or "unknown", is removed
     /// again. \returns 0; else what connect() did, after disconnect(), with `writable` as it was.
+    ///
+    /// After a fatal failure a Smb2FS counts as connected (Smb2FS::isConnected()): until the next
+    /// mount() this neither connects nor fails, and nothing can be written.
     virtual int probe(bool* writable, QString* subdir, bool noConnect);
     /// For the next mount() or probe().
     virtual void setProperties(Properties& props);
-    /// Whether the server answers; true for other file systems.
+    /// Whether the server answers; true for other file systems, and for a Smb2FS from a fatal
+    /// failure to the next mount().
     virtual bool ping();
 };
 

@@ -39,7 +39,8 @@ public:
     /// that fails has written is logged.
     /// \returns the last run's exit status; -1 when none was started, or none ended by itself;
     /// errno and liberrno say nothing. A program that cannot be started is not tried again: it is
-    /// not there or not ready within 5 s, an argument contains a NUL or is no text, or the process
+    /// not there or not ready within 5 s; an argument contains a NUL, is no text, or is one that
+    /// the locale's codec, in which QProcess hands it on, does not write as UTF-8; or the process
     /// ignores SIGCHLD and would not learn how it ends.
     int exec(int runs);
 
@@ -54,7 +55,7 @@ private:
 /// tried once more by umount2(2): with MNT_DETACH, which detaches it at once and ends it with its
 /// last user, if `props` is given and contains "lazy", whatever its value; and with MNT_FORCE if it
 /// is busy. \returns 0, also when nothing is mounted there; else -1 with errno, at the first that
-/// stays.
+/// stays, or EFAULT when `path` is null.
 ORUIO_EXPORT int umountPath(const char* path, const Properties* props);
 
 } // namespace oru::io

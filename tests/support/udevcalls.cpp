@@ -105,6 +105,11 @@ STAND_IN udev_monitor* udev_monitor_new_from_netlink(udev* context, const char* 
     return given(REAL(udev_monitor_new_from_netlink)(context, name));
 }
 
+STAND_IN int udev_monitor_enable_receiving(udev_monitor* monitor) {
+    return isToFail("udev_monitor_enable_receiving") ? -ENOMEM
+                                                     : REAL(udev_monitor_enable_receiving)(monitor);
+}
+
 STAND_IN udev_monitor* udev_monitor_unref(udev_monitor* monitor) {
     held -= monitor != nullptr;
     return REAL(udev_monitor_unref)(monitor);

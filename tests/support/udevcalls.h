@@ -1,8 +1,8 @@
 // Stands between the library and libudev, and poll(2), in test programs that compile this in:
 // counts what the library holds, and makes its calls fail.
 //
-// In a process whose environment has ORUIO_TEST_FAILS, the function named there fails from the
-// start: udev_new or udev_monitor_new_from_netlink.
+// As long as the environment has ORUIO_TEST_FAILS, which may be from the start, the function named
+// there fails: udev_new, udev_monitor_new_from_netlink or udev_monitor_enable_receiving.
 #pragma once
 
 #include <QByteArray>
