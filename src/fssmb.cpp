@@ -385,7 +385,7 @@ int Smb2FS::symlink(QString, QString) {
 int Smb2FS::readlink(QString path, QString& target) {
     std::array<char, 4096> text = {};
     const int result = readlink(path, text.data(), text.size() - 1);
-    target = QString::fromUtf8(text.data());
+    target = decoded(text.data(), static_cast<int>(std::strlen(text.data())));
     return result;
 }
 
@@ -570,7 +570,8 @@ long long Smb2File::lseek(long long offset, int whence) {
         errno = EINVAL;
         return -1;
     }
-    // Asking where the beginning is moves nothing.
+    // To ask where one is, at the beginning, moves nothing. A step that leads back there from
+    // elsewhere does move libsmb2's offset: that is where reads and writes go on.
     if (whence == SEEK_CUR && offset == 0 && target == 0)
         return target;
     const std::int64_t result = session->lseek(m_data->handle, target);
@@ -650,13 +651,13 @@ public:
     Data(QExplicitlySharedDataPointer<Smb2FS::Data> of, QString at)
         : share(std::move(of)), path(std::move(at)) {}
 
-    /// Opens the directory in `current`. \returns 0 or -1 with errno.
-    int open(Smb2Session& current) {
+    /// Opens the directory in `current`; errno tells why that failed.
+    void open(const std::shared_ptr<Smb2Session>& current) {
+        session = current;
         smb2dir* opened = nullptr;
-        const int result = withSharePath(
-            path, [&](const char* p) { return share->report(current.opendir(p, opened)); });
+        withSharePath(path,
+                      [&](const char* p) { return share->report(current->opendir(p, opened)); });
         handle = opened;
-        return result;
     }
     void close() {
         const std::shared_ptr<Smb2Session> current = session.lock();
@@ -668,7 +669,7 @@ public:
     const QExplicitlySharedDataPointer<Smb2FS::Data> share;
     const QString path;
     // All below: under the share's mutex.
-    std::weak_ptr<Smb2Session> session; // which alone knows the handle
+    std::weak_ptr<Smb2Session> session; // which alone knows the handle, while there is one
     // Written under the share's mutex; isOpen() reads it without.
     std::atomic<smb2dir*> handle{nullptr}; ///< null when not open
     struct dirent entry = {};
@@ -679,8 +680,7 @@ Smb2Dir::Smb2Dir(Smb2FS* fs, QString& path)
     if (m_data->share->isBroken())
         return;
     const std::lock_guard lock(m_data->share->mutex);
-    m_data->session = m_data->share->session;
-    m_data->open(*m_data->share->session);
+    m_data->open(m_data->share->session);
 }
 
 Smb2Dir::~Smb2Dir() {
@@ -696,11 +696,13 @@ struct dirent* Smb2Dir::readdir() {
         return nullptr;
     const std::lock_guard lock(m_data->share->mutex);
     errno = ENOENT;
-    const std::shared_ptr<Smb2Session> current = m_data->session.lock();
-    if (!current)
-        errno = EBADF;
-    if (!current || !m_data->handle)
+    if (!m_data->handle)
         return nullptr;
+    const std::shared_ptr<Smb2Session> current = m_data->session.lock();
+    if (!current) {
+        errno = EBADF;
+        return nullptr;
+    }
     const smb2dirent* const found = current->readdir(m_data->handle);
     if (!found)
         return nullptr;
@@ -717,13 +719,15 @@ int Smb2Dir::rewinddir() {
     if (m_data->share->isBroken())
         return -1;
     const std::lock_guard lock(m_data->share->mutex);
-    const std::shared_ptr<Smb2Session> current = m_data->session.lock();
+    // An open directory belongs to its connection, a closed one to none.
+    const std::shared_ptr<Smb2Session> current =
+        m_data->handle ? m_data->session.lock() : m_data->share->session;
     if (!current) {
         errno = EBADF;
         return -1;
     }
     m_data->close();
-    m_data->open(*current);
+    m_data->open(current);
     return 0;
 }
 

@@ -173,10 +173,13 @@ bool isAddress(const char* server) {
 
 /// The reason why no address of a server could even be tried, which libsmb2 tells in a text only.
 int connectFailure(smb2_context* context, int result) {
-    int error = 0;
-    const char* const number = std::strrchr(smb2_get_error(context), '(');
-    if (std::strncmp(smb2_get_error(context), "Connect failed", 14) == 0 && number)
-        error = std::atoi(number + 1);
+    const char* const text = smb2_get_error(context);
+    const auto begins = [text](const char* words) {
+        return std::strncmp(text, words, std::strlen(words)) == 0;
+    };
+    const char* const number = std::strrchr(text, '(');
+    const bool isTold = begins("Connect failed") || begins("Failed to open");
+    const int error = isTold && number ? std::atoi(number + 1) : 0;
     return error > 0 ? -error : result;
 }
 
@@ -247,8 +250,9 @@ smb2_create_request opening(const char* path, std::uint32_t access, std::uint32_
 
 /// What comes of a request of one command or more.
 struct Smb2Session::Reply {
-    int unanswered = 1; ///< commands
-    int result = 0;     ///< of the first that failed, a negative errno; else 0 or a count
+    int unanswered = 1;          ///< commands
+    int result = 0;              ///< of the first that failed, a negative errno; else 0 or a count
+    bool renewsDeadline = false; ///< with each request after the first
     void* data = nullptr;
 
     bool isComplete() const {
@@ -427,7 +431,9 @@ int Smb2Session::begin(const std::shared_ptr<Attempt>& attempt, const QDeadlineT
 
 /// Waits until the server has taken the connection, at one of its addresses. They are tried one
 /// after another: of several attempts at a time libsmb2 may close the wrong socket. One that does
-/// not answer gets an eighth of the time that is left, as long as there are others.
+/// not answer gets an eighth of the time that is left, as long as there are others: each is on
+/// libsmb2's list three times, once for each type of socket, so that a sole one is tried anew
+/// twice.
 int Smb2Session::reach(const QDeadlineTimer& deadline) {
     smb2_context* const context = m_context.get();
     const auto isConnecting = [context] { return (smb2_which_events(context) & POLLIN) == 0; };
@@ -725,6 +731,7 @@ int Smb2Session::fsync(smb2fh* file) {
 
 int Smb2Session::opendir(const char* path, smb2dir*& dir) {
     Reply opened;
+    opened.renewsDeadline = true;
     const int result = request(opened, deadline(), [&](smb2_context* context, Reply* reply) {
         return smb2_opendir_async(context, path, Reply::take, reply);
     });
@@ -777,13 +784,19 @@ bool Smb2Session::isStillThere() {
 
 /// Serves the connection until `reply` is complete. \returns its result. When the deadline passes
 /// or the connection fails, the session has lost it.
-int Smb2Session::await(Reply& reply, const QDeadlineTimer& deadline) {
+int Smb2Session::await(Reply& reply, QDeadlineTimer deadline) {
     smb2_context* const context = m_context.get();
+    bool hadRequest = true;
     while (!reply.isComplete()) {
+        const auto events = static_cast<short>(smb2_which_events(context));
+        // Of several requests libsmb2 queues the next one when it has all of the answer before it.
+        const bool hasRequest = (events & POLLOUT) != 0;
+        if (reply.renewsDeadline && hasRequest && !hadRequest)
+            deadline = this->deadline();
+        hadRequest = hasRequest;
         const int limit = remaining(deadline);
         if (limit == 0)
             return lose(ETIMEDOUT);
-        const auto events = static_cast<short>(smb2_which_events(context));
         struct pollfd poller = {smb2_get_fd(context), events, 0};
         const int ready = poll(&poller, 1, limit);
         if (ready < 0 && errno != EINTR)

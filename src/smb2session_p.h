@@ -44,7 +44,7 @@ public:
     };
 
     /// Not connected: every call but connect() returns -ENOTCONN. `timeout` is in seconds, per
-    /// call; 0 is none.
+    /// call, of opendir() per request; 0 is none.
     explicit Smb2Session(unsigned int timeout);
     /// Drops the connection, without a request.
     ~Smb2Session();
@@ -93,7 +93,7 @@ public:
     int ftruncate(smb2fh* file, std::uint64_t length);
     int fsync(smb2fh* file);
 
-    /// Reads the whole directory: as many requests as that takes, under one time-out.
+    /// Reads the whole directory: as many requests as that takes, each within the time-out.
     int opendir(const char* path, smb2dir*& dir);
     /// From what opendir() has read. Null at the end, and when the connection is gone.
     const smb2dirent* readdir(smb2dir* dir);
@@ -131,7 +131,7 @@ private:
     std::int64_t offsetOf(smb2fh* file) const;
 
     bool isStillThere();
-    int await(Reply& reply, const QDeadlineTimer& deadline);
+    int await(Reply& reply, QDeadlineTimer deadline);
     int serve(const struct pollfd& poller);
     int service(int events);
     int lose(int reason);

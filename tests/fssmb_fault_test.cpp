@@ -16,6 +16,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -41,7 +42,8 @@ std::atomic<bool> pipeIsBroken = false;
 std::atomic<int> slowLookups = 0;
 std::atomic<int> lookupsOfOnce = 0;
 std::atomic<bool> answersPileUp = false;
-sem_t slowResolver; // outlives every lookup
+std::atomic<int> socketError = 0; // 0: there are sockets
+sem_t slowResolver;               // outlives every lookup
 
 } // namespace
 
@@ -55,6 +57,15 @@ extern "C" Q_DECL_EXPORT ssize_t writev(int fd, const struct iovec* parts, int c
     // As the kernel does it.
     pthread_kill(pthread_self(), SIGPIPE);
     errno = EPIPE;
+    return -1;
+}
+
+extern "C" Q_DECL_EXPORT int socket(int family, int type, int protocol) noexcept {
+    using Function = int(int, int, int);
+    static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "socket"));
+    if (socketError == 0)
+        return real(family, type, protocol);
+    errno = socketError;
     return -1;
 }
 
@@ -103,6 +114,7 @@ using test::FaultProxy;
 using test::login;
 using test::SmbServer;
 using Fault = FaultProxy::Fault;
+using namespace std::chrono_literals;
 
 int openDescriptors() {
     return QDir("/proc/self/fd").entryList(QDir::System | QDir::Files | QDir::AllDirs).size();
@@ -316,6 +328,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 namespace {
 
+/// Holds an answer up.
+Fault late(std::chrono::milliseconds time) {
+    return Fault::edit([time](QByteArray&) { std::this_thread::sleep_for(time); });
+}
+
 class SmbConnectFault : public test::Smb {
 protected:
     /// Connects through `proxy`, which makes that fail; then without that.
@@ -405,6 +422,40 @@ TEST_F(SmbConnectFault, ConnectAgainWhileFrozen_InTime) {
     EXPECT_EQ(proxy.armed(), 0);   // so the former share was left
     EXPECT_EQ(fs.disconnect(), 0); // and is not left again
     EXPECT_EQ(fs.connect(login(proxy.address())), 0);
+}
+
+// To connect has one time-out, whatever it takes.
+TEST_F(SmbConnectFault, SlowAnswers_TimesOut) {
+    FaultProxy proxy(server.port());
+    for (int i = 0; i < 4; ++i)
+        proxy.on({FaultProxy::Response, FaultProxy::Any}, late(1500ms));
+    expectFailure(proxy, ETIMEDOUT);
+}
+
+// The time-out is that of a request. How many a listing takes is up to the server.
+TEST_F(SmbConnectFault, ListingOfSlowAnswers_TakesLongerThanTheTimeout) {
+    constexpr int count = 300;
+    for (int i = 0; i < count; ++i)
+        putLocal('/' + QString::number(i).rightJustified(200, 'n'));
+    FaultProxy proxy(server.port());
+    Smb2FS fs(timeout);
+    ASSERT_EQ(fs.connect(login(proxy.address())), 0) << strerror();
+    proxy.clear();
+    // To the opening, three parts of the listing, its end, and the closing.
+    constexpr int answers = 6;
+    for (int i = 0; i < answers; ++i)
+        proxy.on({FaultProxy::Response, FaultProxy::Any}, late(1s));
+    QElapsedTimer timer;
+    timer.start();
+    const auto directory = fs.opendir("/");
+    ASSERT_TRUE(directory) << strerror();
+    EXPECT_GT(timer.elapsed(), timeout * 1000);
+    EXPECT_EQ(proxy.armed(), 0);
+    int found = 0;
+    while (directory->readdir())
+        ++found;
+    EXPECT_EQ(found, count + 2);
+    EXPECT_TRUE(fs.isConnected());
 }
 
 TEST_F(SmbConnectFault, NoTimeout_TakesAsLongAsItTakes) {
@@ -1013,6 +1064,18 @@ TEST(SmbResolver, SeveralAddressesThatRefuse_Refused) {
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(login("addresses-3:1")), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
+}
+
+// libsmb2 takes the lack of a socket for an error of input or output.
+TEST(SmbResolver, NoSocketToBeHad_WhyIsTold) {
+    for (const int error : {EMFILE, EAFNOSUPPORT}) {
+        Smb2FS fs(timeout);
+        socketError = error;
+        EXPECT_EQ(fs.connect(login("127.0.0.1:1")), -1);
+        EXPECT_EQ(errno, error) << std::strerror(errno);
+        socketError = 0;
+        EXPECT_FALSE(fs.isConnected()); // not fatal
+    }
 }
 
 TEST(SmbResolver, BracketsAndPorts_AreNotTheName) {

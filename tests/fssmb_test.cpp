@@ -3,6 +3,7 @@
 #include <oruio/fssmb.h>
 
 #include "support/faultproxy.h"
+#include "support/files.h"
 #include "support/fs_conformance.h"
 #include "support/logcapture.h"
 #include "support/smbtest.h"
@@ -11,6 +12,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QtEndian>
 
 #include <atomic>
 #include <cstdint>
@@ -37,6 +39,11 @@ namespace {
 
 std::atomic<bool> kindsAreUnknown = false;
 
+/// What the setter of a flag of a context does.
+enum class Setter { SetsABit, SetsNothing, SetsTwoBits, SetsTwoBytes };
+std::atomic<Setter> signSetter = Setter::SetsABit;
+std::atomic<Setter> sealSetter = Setter::SetsABit;
+
 template <class Function>
 Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -53,6 +60,25 @@ Q_DECL_EXPORT smb2dirent* smb2_readdir(smb2_context* context, smb2dir* dir) {
     if (entry && kindsAreUnknown)
         entry->st.smb2_type = 7;
     return entry;
+}
+
+// Nor does it say whether a session is protected, apart from what its setters change. What if they
+// changed something else?
+
+Q_DECL_EXPORT void smb2_set_sign(smb2_context* context, int value) {
+    static auto* const real = next<decltype(smb2_set_sign)>("smb2_set_sign");
+    if (signSetter != Setter::SetsNothing)
+        real(context, value);
+}
+
+Q_DECL_EXPORT void smb2_set_seal(smb2_context* context, int value) {
+    static auto* const real = next<decltype(smb2_set_seal)>("smb2_set_seal");
+    if (sealSetter != Setter::SetsNothing)
+        real(context, value);
+    if (sealSetter == Setter::SetsTwoBits)
+        smb2_set_sign(context, value); // another bit of the same byte
+    if (sealSetter == Setter::SetsTwoBytes)
+        next<decltype(smb2_set_security_mode)>("smb2_set_security_mode")(context, value != 0);
 }
 
 namespace oru::io {
@@ -456,13 +482,22 @@ protected:
     SmbSealed() : Smb(SmbServer::Options{{"server smb encrypt = required"}, {}}) {}
 };
 
-/// The outcome of connecting to a server that wants a protected session.
-void expectRefused(const SmbServer& server, const QString& version) {
+/// A share that is encrypted, of a server that does not insist on it for others.
+class SmbSealedShare : public Smb {
+protected:
+    SmbSealedShare()
+        : Smb(SmbServer::Options{
+              {}, {{"sealed", {"read only = no", "server smb encrypt = required"}}}}) {}
+};
+
+/// The outcome of connecting to a share whose session is, or may be, protected.
+void expectRefused(const SmbServer& server, const QString& version, const QString& share = "rw",
+                   int error = EPERM) {
     FaultProxy proxy(server.port());
     LogCapture log("libio_smb2=12");
     Smb2FS fs(10);
-    EXPECT_EQ(fs.connect(with(login(proxy.address()), "version", version)), -1);
-    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(fs.connect(with(login(proxy.address(), share), "version", version)), -1);
+    EXPECT_EQ(errno, error) << std::strerror(errno);
     EXPECT_TRUE(proxy.waitUntilClosed());
     EXPECT_FALSE(fs.isConnected());
     EXPECT_EQ(fs.getDialect(), "unknown");
@@ -499,6 +534,33 @@ TEST_F(SmbSealed, Refused) {
         EXPECT_EQ(fs.connect(with(login(server.address()), "version", version)), -1);
         EXPECT_EQ(errno, EACCES);
     }
+}
+
+TEST_F(SmbSealedShare, Refused) {
+    for (const char* version : {"3.0.0", "3.1.1"})
+        expectRefused(server, version, "sealed");
+    Smb2FS fs(10);
+    EXPECT_EQ(fs.connect(login(server.address())), 0) << strerror();
+}
+
+// A session that might be protected is not taken for one that is not.
+TEST_F(Smb, ProtectionNotToBeSeen_Refused) {
+    struct Case {
+        const char* name;
+        Setter sign;
+        Setter seal;
+    };
+    for (const Case& tested : {Case{"sign", Setter::SetsNothing, Setter::SetsABit},
+                               Case{"seal", Setter::SetsABit, Setter::SetsNothing},
+                               Case{"two bits", Setter::SetsABit, Setter::SetsTwoBits},
+                               Case{"two bytes", Setter::SetsABit, Setter::SetsTwoBytes}}) {
+        SCOPED_TRACE(tested.name);
+        signSetter = tested.sign;
+        sealSetter = tested.seal;
+        expectRefused(server, "3.1.1", "rw", ENOTSUP);
+    }
+    signSetter = Setter::SetsABit;
+    sealSetter = Setter::SetsABit;
 }
 
 namespace {
@@ -570,6 +632,23 @@ TEST_F(Smb, LoginsRefused_WhyIsTold) {
         EXPECT_EQ(fs.connect(good), 0) << refused.name;
         EXPECT_TRUE(fs.isConnected());
     }
+}
+
+// libsmb2 reads passwords from a file, too. That is not for programs that have their own.
+TEST_F(Smb, PasswordFileOfTheEnvironment_DoesNotMatter) {
+    const test::TempDir directory;
+    const QString passwords = directory / "passwords";
+    ASSERT_TRUE(qputenv("NTLM_USER_FILE", QFile::encodeName(passwords)));
+    const Properties right = login(server.address());
+    EXPECT_TRUE(test::makeFile(passwords, ":tester:wrong\n"));
+    Smb2FS fs(10);
+    EXPECT_EQ(fs.connect(right), 0) << strerror();
+    EXPECT_EQ(fs.mkdir("/d", 0755), 0) << strerror();
+    // Without a password it is nobody who connects, whatever the user.
+    EXPECT_TRUE(test::makeFile(passwords, ":tester:Secret1\n"));
+    EXPECT_EQ(fs.connect(with(right, "password", "")), -1);
+    EXPECT_EQ(errno, EACCES);
+    qunsetenv("NTLM_USER_FILE");
 }
 
 // The reason why no connection could even be tried is the system's.
@@ -761,23 +840,41 @@ TEST_F(SmbShare, Stat_SetsTheseFieldsOnly) {
     EXPECT_EQ(std::memcmp(&st, &untouched, sizeof st), 0);
 }
 
+namespace {
+
+std::pair<long long, long long> partsOf(const struct timespec& time) {
+    return {time.tv_sec, time.tv_nsec};
+}
+
+} // namespace
+
 TEST_F(SmbWire, Times_EachFromItsField) {
     putLocal("/f");
-    const struct timespec times[2] = {{1'000'000'000, 0}, {1'100'000'000, 0}};
+    const struct timespec times[2] = {{1'000'000'000, 123'456'000}, {1'100'000'000, 654'321'000}};
     ASSERT_EQ(utimensat(AT_FDCWD, QFile::encodeName(local("/f")).constData(), times, 0), 0);
-    // The server at hand has no time of change of its own: it gets that of the access.
-    proxy->on({FaultProxy::Response, FaultProxy::QueryInfo},
-              FaultProxy::Fault::edit([](QByteArray& message) {
-                  constexpr int size = 8;
-                  const QByteArray access = message.mid(attributesAt - 3 * size, size);
-                  message.replace(attributesAt - size, size, access);
-                  message.replace(attributesAt - 4 * size, size, QByteArray(size, '\x01'));
-              }));
+    // The server at hand has no time of change of its own, and that of creation is not wanted.
+    const auto setChange = FaultProxy::Fault::edit([](QByteArray& message) {
+        constexpr qint64 size = 8;
+        constexpr qint64 unixEpoch = 11'644'473'600; // in seconds since 1601
+        constexpr qint64 change = (unixEpoch + 1'200'000'000) * 10'000'000 + 203'040;
+        qToLittleEndian(change, message.data() + attributesAt - size);
+        qToLittleEndian(change / 2, message.data() + attributesAt - 4 * size);
+    });
+    const auto expectTimes = [](const struct stat& st) {
+        EXPECT_EQ(partsOf(st.st_atim), partsOf({1'000'000'000, 123'456'000}));
+        EXPECT_EQ(partsOf(st.st_mtim), partsOf({1'100'000'000, 654'321'000}));
+        EXPECT_EQ(partsOf(st.st_ctim), partsOf({1'200'000'000, 20'304'000}));
+    };
     struct stat st;
+    proxy->on({FaultProxy::Response, FaultProxy::QueryInfo}, setChange);
     EXPECT_EQ(fs.stat("/f", st), 0);
-    EXPECT_EQ(st.st_atim.tv_sec, 1'000'000'000);
-    EXPECT_EQ(st.st_mtim.tv_sec, 1'100'000'000);
-    EXPECT_EQ(st.st_ctim.tv_sec, 1'000'000'000);
+    expectTimes(st);
+    const auto file = fs.open("/f", O_RDONLY, 0);
+    ASSERT_TRUE(file);
+    st = {};
+    proxy->on({FaultProxy::Response, FaultProxy::QueryInfo}, setChange);
+    EXPECT_EQ(file->fstat(st), 0);
+    expectTimes(st);
 }
 
 // What a server says of a link that it does not follow.
@@ -1367,6 +1464,51 @@ TEST_F(SmbShare, ConnectedAnew_WhatWasOpenIsStale) {
     EXPECT_EQ(fs.stat("/f", st), 0);
 }
 
+// A closed directory belongs to no connection: it opens in the one that there is.
+TEST_F(SmbShare, ConnectedAnew_AClosedDirectoryOpensAgain) {
+    putLocal("/f");
+    const auto directory = fs.opendir("/");
+    EXPECT_EQ(directory->closedir(), 0);
+    EXPECT_EQ(fs.connect(login(server.address())), 0);
+    EXPECT_EQ(directory->readdir(), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(directory->rewinddir(), 0);
+    EXPECT_EQ(names(*directory), QStringList({".", "..", "f"}));
+    // Now it belongs to that one.
+    EXPECT_EQ(fs.connect(login(server.address())), 0);
+    EXPECT_EQ(directory->readdir(), nullptr);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(directory->rewinddir(), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(directory->closedir(), 0);
+    EXPECT_EQ(directory->rewinddir(), 0);
+    EXPECT_EQ(names(*directory), QStringList({".", "..", "f"}));
+}
+
+TEST_F(SmbShare, ConnectedAnew_AClosedDirectoryThatIsGoneStaysClosed) {
+    ASSERT_EQ(fs.mkdir("/d", 0755), 0);
+    const auto directory = fs.opendir("/d");
+    EXPECT_EQ(directory->closedir(), 0);
+    ASSERT_EQ(fs.rmdir("/d"), 0);
+    EXPECT_EQ(fs.connect(login(server.address())), 0);
+    errno = 0;
+    EXPECT_EQ(directory->rewinddir(), 0);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(directory.staticCast<Smb2Dir>()->isOpen());
+}
+
+TEST_F(SmbShare, DirectoryMadeWhileFatal_OpensOnceConnected) {
+    putLocal("/f");
+    set_errno(&fs, -ETIMEDOUT, nullptr, "stat", "f");
+    QString path = "/";
+    Smb2Dir directory(&fs, path);
+    EXPECT_EQ(fs.connect(login(server.address())), 0);
+    EXPECT_EQ(directory.readdir(), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(directory.rewinddir(), 0);
+    EXPECT_EQ(names(directory), QStringList({".", "..", "f"}));
+}
+
 TEST_F(Smb, ShareDestroyed_WhatWasOpenIsStale) {
     auto fs = std::make_unique<Smb2FS>(10);
     ASSERT_EQ(fs->connect(login(server.address())), 0);
@@ -1532,6 +1674,7 @@ test::Backend shareBackend() {
     backend.can.answers[Op::OpenThroughFile] = Answer::fails(ENOENT);
     backend.can.answers[Op::NameTooLong] = Answer::fails(EIO);
     backend.can.answers[Op::StatNameTooLong] = Answer::fails(EIO);
+    backend.can.answers[Op::OddCharacter] = Answer::fails(EIO);
     backend.can.answers[Op::ReadWriteOnlyFile] = Answer::fails(EACCES);
     backend.can.answers[Op::WriteReadOnlyFile] = Answer::fails(EACCES);
     backend.can.answers[Op::RenameOntoExisting] = Answer::fails(EEXIST);

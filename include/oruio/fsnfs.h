@@ -19,7 +19,8 @@ public:
     using SPtr = QSharedPointer<NFS>;
 
     /// Not connected. `mountPoint` is the directory that the export gets mounted on; it has to
-    /// exist by connect(), and disconnect() finds it only if it is spelled as umountPath() says.
+    /// exist by connect(), and disconnect() finds it only if it is spelled as umountPath() says;
+    /// but slashes at its end do no harm.
     explicit NFS(QString mountPoint);
     /// Disconnects.
     ~NFS() override;
@@ -34,7 +35,7 @@ public:
     /// and a short "timeo" a server that is gone blocks whoever uses its files). disconnect() hands
     /// all of `props` to umountPath().
     /// \returns 0; else the exit status of the maintenance program, or -1 when that could not be
-    /// started. Why is in the log.
+    /// started or was ended by a signal. Why is in the log.
     virtual int connect(Properties props);
     /// Unmounts whatever is mounted on the directory, also by others. \returns what umountPath()
     /// does: 0, or -1 with errno; it then is still connected.

@@ -7,14 +7,18 @@
 // A failure of the connection itself is fatal: ETIMEDOUT, ENETRESET, EBUSY, ECONNREFUSED and
 // ECONNRESET. After one of these every operation of the share, its files and its directories fails
 // at once, without a request and without touching errno or liberrno, until connect() has been
-// called. The threads that did not see the failure learn of it that way; those that wait for their
-// turn meanwhile get its errno.
+// called; the threads that did not see the failure learn of it that way. Those that wait for their
+// turn meanwhile get its errno where the connection is gone; where the server has answered so, such
+// as with EBUSY, they are served. Of the operations, link(), symlink(), flock(), fchmod(), ioctl()
+// and those of extended attributes and watches are refused as they always are here, and
+// disconnect() tells in errno why it fails.
 //
 // Paths are those of the share: "/dir/file" and "dir/file" are the same. The server decides about
 // letter case, and about characters that it does not allow in names.
 //
-// Threads: any may call any operation; one lock per share lets one request through at a time, so a
-// slow answer holds up every other caller of the same share.
+// Threads: any may call any operation; one lock per share lets one operation through at a time, a
+// write with all of its pieces and a listing with all of its requests. So a slow server holds up
+// every other caller of the same share: n requests may take n times the time-out.
 #pragma once
 
 #include <oruio/fs.h>
@@ -48,7 +52,7 @@ public:
     /// `mode` is not used, and O_APPEND has no effect. Not for directories. What others may do with
     /// the file meanwhile is to read and write it, not to remove or rename it.
     QSharedPointer<File> open(QString path, int flags, int mode) override;
-    /// Reads the whole listing, in as many requests as that takes.
+    /// Reads the whole listing, in as many requests as that takes, each within the time-out.
     QSharedPointer<Directory> opendir(QString path) override;
     /// As stat(): links are not told apart.
     int lstat(QString path, struct stat& st) override;
@@ -99,7 +103,8 @@ public:
     /// brackets when it is one of IPv6, with a colon and the port unless that is 445), "share",
     /// "user", "password", "domain", "workstation", and "version": the dialect to use, one of
     /// "2.x", "3.x", "2.0.2", "2.1.0", "3.0.0", "3.0.2" and "3.1.1"; with any other text the server
-    /// chooses.
+    /// chooses. Without a password, or with an empty one, the session is anonymous, whatever the
+    /// user.
     ///
     /// \returns 0, or -1 with errno: ECONNREFUSED when nothing listens there, and when the server
     /// refuses the user or the password; EHOSTUNREACH or ENETUNREACH when there is no way to it;
@@ -109,7 +114,7 @@ public:
     /// session signed or encrypted, which costs more than a recording can spare; ENOTSUP when this
     /// libsmb2 does not let one see that; EINVAL when it does not speak the dialect, and for a
     /// bracket too few; ENAMETOOLONG, EINVAL or EILSEQ when a text is over 1 KiB, contains a NUL or
-    /// is no text.
+    /// is no text; what socket(2) says, such as EMFILE, when there is no socket to be had.
     virtual int connect(Properties props);
     /// Leaves the share, if it is connected. \returns 0, or -1 with errno: the share then still
     /// counts as connected.
@@ -192,7 +197,7 @@ private:
 
 /// A directory of a share, as listed when it was opened.
 ///
-/// Belongs to a connection as a Smb2File does.
+/// Belongs to a connection as a Smb2File does, while it is open.
 class ORUIO_EXPORT Smb2Dir : public Directory {
 public:
     /// Opens the directory; isOpen() tells whether that worked, errno why not.
@@ -204,7 +209,8 @@ public:
     /// bytes) and d_type are set. The entry is valid until the next call. \returns null with errno
     /// ENOENT at the end, and when the directory is closed.
     struct dirent* readdir() override;
-    /// Lists the directory anew. \returns 0, also when that failed, with errno; it is then closed.
+    /// Lists the directory anew; a closed one in the share's present connection, which it then
+    /// belongs to. \returns 0, also when that failed, with errno; it is then closed.
     int rewinddir() override;
     /// \returns 0, also when it was closed.
     int closedir() override;
