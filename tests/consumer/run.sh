@@ -1,6 +1,7 @@
 #!/bin/bash
 # Installs a build tree, moves the installation to another place, and builds and runs a program out
-# of the tree against it: once through the CMake package, once through pkg-config.
+# of the tree against it: once through the CMake package, once through pkg-config. Where the build
+# tree has the examples, builds one of them against it as well.
 #   usage: run.sh BUILD_DIRECTORY
 #
 # A cross build is only compiled and linked against, through the CMake package: the pkg-config of
@@ -40,8 +41,8 @@ mv "$work/first" "$prefix"
 flags=()
 sanitizers=$(cached ORUIO_SANITIZE)
 [[ -z $sanitizers ]] || flags+=("-fsanitize=$sanitizers")
-options=("-DCMAKE_PREFIX_PATH=$prefix" "-DCMAKE_CXX_FLAGS=${flags[*]}"
-    -DCMAKE_DISABLE_FIND_PACKAGE_PkgConfig=ON -DCMAKE_DISABLE_FIND_PACKAGE_spdlog=ON)
+generator=$(cached CMAKE_GENERATOR)
+options=("-DCMAKE_PREFIX_PATH=$prefix" "-DCMAKE_CXX_FLAGS=${flags[*]}")
 toolchain=$(cached CMAKE_TOOLCHAIN_FILE)
 if [[ -n $toolchain ]]; then
     options+=(
@@ -50,11 +51,18 @@ if [[ -n $toolchain ]]; then
         "-DCMAKE_FIND_ROOT_PATH=$prefix"
     )
 fi
-quietly cmake -G "$(cached CMAKE_GENERATOR)" -S "$source" -B "$work/build" "${options[@]}"
+quietly cmake -G "$generator" -S "$source" -B "$work/build" "${options[@]}" \
+    -DCMAKE_DISABLE_FIND_PACKAGE_PkgConfig=ON -DCMAKE_DISABLE_FIND_PACKAGE_spdlog=ON
 quietly cmake --build "$work/build"
 if grep -r -e spdlog -e libsmb2 "$work/build" --include=build.ninja --include=link.txt; then
     echo "the program is linked with what the libraries are built with" >&2
     exit 1
+fi
+examples=$(cached ORUIO_BUILD_EXAMPLES)
+if [[ $examples == ON ]]; then
+    cp -r "$source/../../examples" "$work/examples"
+    quietly cmake -G "$generator" -S "$work/examples" -B "$work/examples/build" "${options[@]}"
+    quietly cmake --build "$work/examples/build" --target media_monitor
 fi
 
 if [[ -n $toolchain ]]; then
@@ -62,19 +70,23 @@ if [[ -n $toolchain ]]; then
     exit
 fi
 
-libraries=$prefix/$(cached CMAKE_INSTALL_LIBDIR)
-# Linker and loader look only in the system's directories for the libraries that a library needs.
-export LD_LIBRARY_PATH=$libraries
+# The program knows where liboruio is, and that has to find what lies beside it.
 run "$work/build/consumer"
+if [[ $examples == ON ]]; then
+    quietly "$work/examples/build/media_monitor" --help
+fi
 
 if ! command -v pkg-config >/dev/null; then
     echo "SKIP: no pkg-config"
     exit 77
 fi
+libraries=$prefix/$(cached CMAKE_INSTALL_LIBDIR)
 export PKG_CONFIG_PATH=$libraries/pkgconfig
 compile=$(pkg-config --cflags oruio)
 link=$(pkg-config --libs oruio)
 # shellcheck disable=SC2086 # lists of flags
-"$(cached CMAKE_CXX_COMPILER)" -std=c++17 -fPIC "${flags[@]}" $compile \
+"$(cached CMAKE_CXX_COMPILER)" "${flags[@]}" $compile \
     "$source/main.cpp" -o "$work/consumer" $link
+# What pkg-config tells names no place to find the libraries at when the program starts.
+export LD_LIBRARY_PATH=$libraries
 run "$work/consumer"

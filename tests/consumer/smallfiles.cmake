@@ -1,6 +1,6 @@
 # Where file offsets have 32 bits by default, the records of a source that does not ask for 64 are
-# not the library's: the header has to refuse it, and to say how to ask. Included by the tests'
-# CMakeLists.txt.
+# not the library's, nor are those of one that asks for times of 64 bits: the header has to refuse
+# them, and to say what to ask for. Included by the tests' CMakeLists.txt.
 
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(_flags -std=c++17 -fPIC -fsyntax-only "-I${PROJECT_SOURCE_DIR}/include")
@@ -21,4 +21,11 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     COMMAND "${CMAKE_CXX_COMPILER}" -D_FILE_OFFSET_BITS=64 ${_flags}
   )
   set_tests_properties(Consumer.LargeFiles_Accepted PROPERTIES LABELS unit)
+  add_test(NAME Consumer.LongTimes_Refused
+    COMMAND "${CMAKE_CXX_COMPILER}" -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 ${_flags}
+  )
+  set_tests_properties(Consumer.LongTimes_Refused PROPERTIES
+    PASS_REGULAR_EXPRESSION "compile without -D_TIME_BITS=64"
+    LABELS unit
+  )
 endif()
