@@ -13,6 +13,7 @@ fi
 
 # By its absolute path: one case runs it in another directory.
 recorder=("${@:1:$#-1}" "$(realpath "${!#}")")
+man_page=$(dirname "$0")/../debian/oruio-recorder.1
 # shellcheck source=tests/support/cases.sh
 source "$(dirname "$0")/support/cases.sh"
 
@@ -44,6 +45,18 @@ help_is_printed() {
     expect [ ! -s "$work/err" ]
     for option in --to --locations --check --report-syncs --keep --name --rate --seconds --size; do
         expect grep -q -- "$option" "$work/out"
+    done
+}
+
+man_page_explains_every_option() {
+    local option options tags
+    run "${recorder[@]}" --help
+    mapfile -t options < <(sed -nE 's/^ +(-[a-z], )?(--[a-z-]+).*/\2/p' "$work/out")
+    expect [ "${#options[@]}" -ge 10 ]
+    # What stands in the margin: the lines behind the requests for it.
+    tags=$(sed 's/\\-/-/g' "$man_page" | awk 'is_tag { print } { is_tag = $0 == ".TP" }')
+    for option in "${options[@]}"; do
+        expect grep -qwe "$option" <<<"$tags"
     done
 }
 
@@ -172,7 +185,7 @@ file_as_directory_is_reported() {
 
 directories_called_like_something_else_are_reached_by_a_path() {
     local name
-    for name in ipc smb:; do
+    for name in ipc smb: location:; do
         mkdir "$clips/$name"
         run env -C "$clips" "${recorder[@]}" --to "./$name" --size 1K
         expect_success
@@ -224,7 +237,8 @@ bad_arguments_are_refused() {
     expect_error 2 "--to must be a directory, ipc, smb://\.\.\. or location:\.\.\., not ''"
 }
 
-run_cases help_is_printed ordinary_run_leaves_a_verified_clip size_need_not_be_whole_frames \
+run_cases help_is_printed man_page_explains_every_option ordinary_run_leaves_a_verified_clip \
+    size_need_not_be_whole_frames \
     clips_are_numbered temporary_directory_is_removed temporary_directory_is_kept_on_demand \
     time_and_rate_are_honoured syncs_are_reported signal_leaves_a_verified_clip \
     changed_clip_is_not_verified \

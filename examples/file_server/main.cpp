@@ -51,11 +51,13 @@ void serve(const QString& directory) {
     stopsignal::install();
     IPCServer server(openLocalDirectory(directory));
     std::future<void> end = std::async(std::launch::async, [&] { run(server, directory); });
-    if (waitUntilServing(server, end)) {
-        say("serving " + directory);
-        stopsignal::wait();
-        server.terminate();
+    if (!waitUntilServing(server, end)) {
+        end.get();
+        throw Failure{"cannot serve " + directory + ": the file service did not begin"};
     }
+    say("serving " + directory);
+    stopsignal::wait();
+    server.terminate();
     end.get();
     say(QStringLiteral("stopped"));
 }

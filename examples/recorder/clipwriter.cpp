@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include <dirent.h>
@@ -51,14 +52,47 @@ QString numberedName(int number) {
     return QString::asprintf("clip-%04d.oru", number);
 }
 
-/// Makes a new name durable, where the storage lets a directory be opened for that.
+/// Whether the last operation failed because the storage has nothing of the kind.
+bool isUnsupported() {
+    return oru::io::liberrno == oru::io::NotImplemented || failedWith(EINVAL) ||
+           failedWith(EOPNOTSUPP);
+}
+
+/// Whether opening a directory failed because the storage lets nobody do that, or not this user.
+bool isClosedToUs() {
+    return isUnsupported() || failedWith(EISDIR) || failedWith(EPERM) || failedWith(EACCES);
+}
+
+/// Syncs, where the storage can do that for what is open.
+void syncAndClose(int fd, const QString& action) {
+    std::optional<Failure> failure;
+    if (storage().fsync(fd) != 0 && !isUnsupported())
+        failure = cannot(action);
+    storage().close(fd);
+    if (failure)
+        throw *failure;
+}
+
+/// Makes a new name durable, where the storage lets a directory be opened and synced for that.
 void syncDirectory(const Destination& destination) {
+    const QString action = "sync the directory " + destination.shown({});
     const int fd =
         storage().open(qUtf8Printable(destination.directory()), O_RDONLY | O_DIRECTORY, 0);
+    if (fd < 0) {
+        if (isClosedToUs())
+            return;
+        throw cannot(action);
+    }
+    syncAndClose(fd, action);
+}
+
+/// Makes durable what belongs to a file under its present name.
+void syncFile(const Destination& destination, const QString& name) {
+    const QString action = "sync " + destination.shown(name);
+    const int fd = storage().open(qUtf8Printable(destination.path(name)), O_WRONLY | O_CLOEXEC, 0);
     if (fd < 0)
-        return;
-    storage().fsync(fd);
-    storage().close(fd);
+        throw cannot(action);
+    syncAndClose(fd, action);
 }
 
 } // namespace
@@ -156,6 +190,8 @@ void ClipWriter::finish() {
                          qUtf8Printable(m_destination.path(m_name))) != 0)
         throw cannot("rename to " + m_destination.shown(m_name));
     m_partExists = false;
+    // A FAT's entry of the new name tells of an empty file until the file is synced once more.
+    syncFile(m_destination, m_name);
     syncDirectory(m_destination);
 }
 

@@ -38,7 +38,8 @@ void declareOptions(QCommandLineParser& parser) {
          "FILE", defaultLocations},
         {"check", "Check the file system of a location's medium when the clip is on it."},
         {"report-syncs",
-         "Print a line for each fsync: how many bytes are safe, and their checksum."},
+         "Print a line for each fsync, and at the end: how many bytes are safe, and their "
+         "checksum."},
         {"keep", "Keep the temporary directory. What goes to an explicit --to is always kept."},
         {"name",
          "File name of the clip. Default: the next free clip-NNNN.oru. An existing file is "

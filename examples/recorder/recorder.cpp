@@ -53,6 +53,8 @@ public:
         } while (fractionDone() < 1 && !stopsignal::isRequested());
         m_recording.stopped = fractionDone() < 1;
         m_recording.clip->finish();
+        if (m_options.reportSyncs)
+            printSync(m_recording.clip->statistics());
         m_recording.duration = elapsed();
         return std::move(m_recording);
     }

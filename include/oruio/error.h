@@ -3,7 +3,9 @@
 // Every operation of the library reports failure the POSIX way, with a result of -1 or a null
 // handle, and leaves the reason in one of two places: in `errno` when the system refused the call,
 // or in the thread-local `liberrno` when the library itself refused. A non-zero `liberrno` takes
-// precedence. Look at these only after a call has failed: a success does not clear them.
+// precedence. Look at these only after a call has failed: a success does not clear them. Nor does
+// every failure whose reason is in errno clear `liberrno`: set it to Ok before a call made directly
+// on a backend if strerror() is to tell the reason.
 #pragma once
 
 #include <oruio/export.h>

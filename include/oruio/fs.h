@@ -7,8 +7,8 @@
 //  - it blocks until the storage has answered;
 //  - sizes and offsets are in bytes, modes and flags are those of the platform's <fcntl.h> and
 //    <sys/stat.h>;
-//  - paths are UTF-8 on their way to the system. A path that cannot cross to it is refused with -1
-//    and errno EINVAL (it contains a NUL) or EILSEQ (it is not valid UTF-16);
+//  - paths are UTF-8 on their way to the system. A path that cannot cross to it fails with errno
+//    EINVAL (it contains a NUL) or EILSEQ (it is not valid UTF-16);
 //  - what it would have written through a reference or pointer is unspecified when it fails.
 //
 // The interface holds no locks. Whether one object may be used from several threads at once is
@@ -30,6 +30,9 @@
 static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8,
               "liboruio uses the large-file records: compile with -D_FILE_OFFSET_BITS=64, as its "
               "pkg-config file and its CMake package do");
+static_assert(sizeof(time_t) == sizeof(long),
+              "liboruio uses the records with the system's own times: compile without "
+              "-D_TIME_BITS=64");
 
 namespace oru::io {
 
@@ -79,8 +82,8 @@ public:
     /// empty file and a failure look alike; only errno and liberrno tell them apart.
     virtual QByteArray readAll(unsigned int maxSize);
 
-    /// The name of the concrete class, such as "PosixFile". The reference lives as long as the
-    /// file.
+    /// What kind of file it is: "PosixFile", "Smb2File" or "IPCFile", or what another class gives
+    /// the constructor. The reference lives as long as the file.
     virtual const QString& type();
 
     virtual ~File();
@@ -99,7 +102,9 @@ public:
     explicit Directory(QString type);
 
     /// readdir(3). \returns the next entry, valid until the next call on this directory, or null
-    /// at the end and on failure.
+    /// at the end and on failure. At the end errno stays as it was over the local backend, is
+    /// ENOENT on a share, and -1 over IPC, where it is the same after a failure of the server's
+    /// file system.
     virtual struct dirent* readdir() = 0;
     /// rewinddir(3): the next readdir() starts from the beginning.
     virtual int rewinddir() = 0;
@@ -107,7 +112,8 @@ public:
     virtual int closedir() = 0;
     /// A backend's own text request and its text answer.
     virtual int ioctl(QString request, QString& response) = 0;
-    /// The name of the concrete class, such as "PosixDirectory".
+    /// What kind of directory it is: "PosixDirectory", "Smb2Directory" or "IPCDirectory", or what
+    /// another class gives the constructor.
     virtual QString type();
 
     virtual ~Directory();
@@ -147,7 +153,8 @@ public:
     virtual int mkdir(QString path, int mode) = 0;
     /// rmdir(2).
     virtual int rmdir(QString path) = 0;
-    /// rename(2).
+    /// rename(2). It outlives a power cut once the file has been synced under its new name, and
+    /// then the directory: what FAT file systems keep under the new name is empty until then.
     virtual int rename(QString oldPath, QString newPath) = 0;
     /// sync(2).
     virtual void sync() = 0;
@@ -175,7 +182,8 @@ public:
     virtual int chmod(QString path, int mode) = 0;
     /// A backend's own text request and its text answer.
     virtual int ioctl(QString request, QString& response) = 0;
-    /// The name of the concrete class, such as "PosixFS".
+    /// What kind of file system it is: "PosixFS", "NFS", "Smb2FS", "IPCFS", or "FSSwitchFS" for an
+    /// FSSwitch, or what another class gives the constructor.
     virtual QString type();
 
     virtual ~FS();

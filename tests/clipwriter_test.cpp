@@ -1,0 +1,76 @@
+// The recorder's ClipWriter on a storage that fails.
+
+#include "common/failure.h"
+#include "recorder/clipwriter.h"
+
+#include "support/faultfs.h"
+#include "support/tempdir.h"
+
+#include <oruio/fsswitch.h>
+#include <oruio/posixfs.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace oru::io::test {
+namespace {
+
+/// Of the calls that begin a clip: its part is created, the clip is looked for, and its directory
+/// is opened, synced and closed.
+constexpr int openDirectory = 3;
+constexpr int syncDirectory = 4;
+
+class ClipWriterTest : public testing::Test {
+protected:
+    ClipWriterTest() : m_destination(optionsFor(m_directory.path())) {
+        // In place of the destination's own; who removes that removes this one.
+        FSSwitch::rootfs()->remove(m_destination.directory());
+        FSSwitch::rootfs()->add(m_destination.directory(), m_fs);
+    }
+
+    /// Begins a clip while the given call fails. \returns why that failed, empty when it did not.
+    QString failureOf(int call, int error) {
+        m_fs->plan().failCall(call, error);
+        try {
+            ClipWriter::create(m_destination, "clip");
+        } catch (const Failure& failure) {
+            return failure.message;
+        }
+        return {};
+    }
+
+private:
+    static Options optionsFor(const QString& directory) {
+        Options options;
+        options.destination = directory;
+        return options;
+    }
+
+    const TempDir m_directory;
+    const QSharedPointer<FaultFS> m_fs =
+        QSharedPointer<FaultFS>::create(PosixFS::SPtr::create(m_directory.path()));
+    const Destination m_destination;
+};
+
+TEST_F(ClipWriterTest, DirectoryCannotBeSynced_IsAFailure) {
+    for (const int call : {openDirectory, syncDirectory}) {
+        const QString message = failureOf(call, EIO);
+        EXPECT_TRUE(message.startsWith("cannot sync the directory /")) << qPrintable(message);
+        EXPECT_TRUE(message.endsWith(": Input/output error")) << qPrintable(message);
+    }
+}
+
+TEST_F(ClipWriterTest, StorageSyncsNoDirectories_IsNoFailure) {
+    for (const int error : {EINVAL, EOPNOTSUPP}) {
+        EXPECT_EQ(failureOf(openDirectory, error), QString());
+        EXPECT_EQ(failureOf(syncDirectory, error), QString());
+    }
+    for (const int error : {EISDIR, EPERM, EACCES}) {
+        EXPECT_EQ(failureOf(openDirectory, error), QString());
+        EXPECT_NE(failureOf(syncDirectory, error), QString());
+    }
+}
+
+} // namespace
+} // namespace oru::io::test
