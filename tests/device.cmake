@@ -35,11 +35,14 @@ oruio_device_test(conformance_device_test SOURCES device/nfsserver.cpp support/l
 oruio_device_test(nfs_device_test SOURCES device/nfsserver.cpp support/loopdisk.cpp)
 
 if(TARGET recorder)
-  pkg_check_modules(XXHASH REQUIRED IMPORTED_TARGET libxxhash)
-  oruio_hardware_test(powercut_device_test)
+  oruio_hardware_test(powercut_device_test SOURCES device/recordings.cpp)
   # Apart from the others with the hardware, so in the other device.
   set_property(TEST powercut_device_test APPEND PROPERTY LABELS slow)
   target_link_libraries(powercut_device_test PRIVATE PkgConfig::XXHASH)
+  # In a device of its own, whose power was cut.
+  oruio_hardware_test(aftercut_device_test SOURCES device/recordings.cpp)
+  set_property(TEST aftercut_device_test APPEND PROPERTY LABELS cut)
+  target_link_libraries(aftercut_device_test PRIVATE PkgConfig::XXHASH)
   target_compile_definitions(powercut_device_test PRIVATE
     ORUIO_RECORDER="$<TARGET_FILE:recorder>"
   )

@@ -140,8 +140,11 @@ run_in_device() {
     results=$root/build/device/tests
     "$root/tools/device/run-tests" "$results" "$@" || status=$?
     for directory in "$results"/*; do
-        [[ -e $directory/tests.xml ]] || exit 1
-        show_failures "$directory"
+        if [[ -e $directory/tests.xml ]]; then
+            show_failures "$directory"
+        else
+            echo "failed: the device with ${directory##*/} has left no results"
+        fi
     done
 }
 
@@ -153,7 +156,7 @@ read_results() {
         return
     fi
     for directory in "$results"/*; do
-        read_device "$directory"
+        [[ ! -e $directory/tests.xml ]] || read_device "$directory"
     done
 }
 
@@ -171,8 +174,9 @@ while IFS=$'\t' read -r outcome name reason; do
     skipped)
         skipped=$((skipped + 1))
         echo "skipped: $name: ${reason:-no reason given}"
-        # Continuous integration runs as root with all tools: there, a skip hides a test.
-        if [[ ${CI:-} == true && $EUID -eq 0 ]] && ! is_expected "$name"; then
+        # Continuous integration runs as root with all tools, and so does all in the device: there,
+        # a skip hides a test.
+        if [[ ${CI:-} == true && ($EUID -eq 0 || $preset == device) ]] && ! is_expected "$name"; then
             echo "    is not in tests/expected-skips.txt for $preset"
             unexpected=$((unexpected + 1))
         fi

@@ -30,6 +30,8 @@ Capabilities fatCapabilities() {
     can.answers[Op::Symlink] = Answer::fails(EPERM);
     can.answers[Op::Xattr] = Answer::fails(EOPNOTSUPP);
     can.answers[Op::StatNameTooLong] = Answer::fails(ENOENT);
+    can.answers[Op::OddCharacter] = Answer::fails(EINVAL);
+    can.answers[Op::WriteBeyondLargestFile] = Answer::fails(EFBIG);
     can.keepsModes = false;
     can.caseSensitive = false;
     can.anyCharacter = false;
@@ -39,6 +41,7 @@ Capabilities fatCapabilities() {
 Capabilities vfatCapabilities() {
     Capabilities can = fatCapabilities();
     can.largestFile = 4 * GiB - 1;
+    can.timeStep = 2'000'000'000;
     return can;
 }
 
@@ -46,6 +49,7 @@ Capabilities exfatCapabilities() {
     Capabilities can = fatCapabilities();
     can.answers[Op::StatNameTooLong] = Answer::fails(ENAMETOOLONG);
     can.largestFile = 64 << 20; // of this card: it knows no holes
+    can.timeStep = 10'000'000;
     return can;
 }
 

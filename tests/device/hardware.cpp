@@ -152,8 +152,11 @@ QString Hardware::copyOfCard(const QString& copy) {
     return QString("%1/%2.img").arg(imageDirectory, copy);
 }
 
-AssertionResult Hardware::plug(const QString& stick) {
-    const AssertionResult result = run({"hw", "usb-plug", stick});
+AssertionResult Hardware::plug(const QString& stick, bool isProtected) {
+    QStringList command = {"hw", "usb-plug", stick};
+    if (isProtected)
+        command.append("ro");
+    const AssertionResult result = run(command);
     return result ? awaitDisk(linkOf(stick)) : result;
 }
 

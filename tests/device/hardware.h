@@ -28,15 +28,16 @@ public:
     static testing::AssertionResult insertCopy(const QString& copy);
     static QString copyOfCard(const QString& copy);
     /// A stick: "vfat", "exfat", "efi", or one of makeStick(). Each of the three has a port of its
-    /// own; there is one more, for one of the others.
-    static testing::AssertionResult plug(const QString& stick);
+    /// own; there is one more, for one of the others. A protected one takes no writing.
+    static testing::AssertionResult plug(const QString& stick, bool isProtected = false);
     /// It may be mounted.
     static testing::AssertionResult unplug(const QString& stick);
     /// Makes a stick of so many bytes, with the partitions that the script `table` has sfdisk(8)
     /// make.
     static testing::AssertionResult makeStick(const QString& stick, qint64 bytes,
                                               const QByteArray& table);
-    /// As it is when the device starts: the card is in the slot, the stick "vfat" in a port.
+    /// As it is when the device starts: the card is in the slot, the stick "vfat" in a port. Who
+    /// has put in a copy takes it out before.
     static testing::AssertionResult restore();
     /// Waits until udevd has told of all that happened so far.
     static testing::AssertionResult settle();

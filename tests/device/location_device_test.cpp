@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -33,7 +34,6 @@ namespace oru::io::test {
 namespace {
 
 using testing::AnyOf;
-using testing::IsEmpty;
 
 class LocationTest : public HardwareTest {
 protected:
@@ -88,9 +88,46 @@ protected:
         EXPECT_FALSE(isMountPoint(directory()));
     }
 
+    /// Formats the location's disk, which gets one partition, and records to that.
+    void expectFormatted(const QString& disk, const QString& part);
+
     const OwnSwitch ownSwitch;
     std::unique_ptr<MediaLocation> slot;
 };
+
+void LocationTest::expectFormatted(const QString& disk, const QString& part) {
+    ASSERT_EQ(location().mount(nullptr), 0);
+    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
+    expectRefused([&] { return location().format(nullptr); }, NotFound);
+    EXPECT_EQ(contents(files(), "/clip"), "film");
+    expectUnmounted(StorageLocation::Presence);
+
+    LogCapture log("libio=12");
+    EXPECT_EQ(location().format(nullptr), 0);
+    EXPECT_EQ(log.messages(), QStringList({"libio 12 SysCmd: format " + disk,
+                                           "libio 12 Run 1 of 1 completed status 0\n"}));
+    const QJsonArray partitions =
+        QJsonDocument::fromJson(
+            outputOf({"sfdisk", "--json", disk}).toUtf8())["partitiontable"]["partitions"]
+            .toArray();
+    ASSERT_EQ(partitions.size(), 1);
+    EXPECT_EQ(partitions[0]["node"].toString(), part);
+    EXPECT_EQ(partitions[0]["start"].toInt(), 64 * 1024 / 512);
+    EXPECT_EQ(partitions[0]["type"].toString(), "6");
+    EXPECT_EQ(Hardware::nodes(disk), QStringList({disk, part}));
+    EXPECT_EQ(tagOf(part, "TYPE"), "vfat");
+    EXPECT_EQ(runTool({"fsck.vfat", "-n", part}).status, 0);
+
+    take(update());
+    expectSelected(disk, part);
+    EXPECT_EQ(location().selectedPart()->m_fsType, "vfat");
+    ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
+    expectMounted(part, StorageLocation::Write);
+    EXPECT_FALSE(files().open("/clip", O_RDONLY, 0));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(makeFile(files(), "/new", "film"));
+    expectUnmounted(StorageLocation::Presence);
+}
 
 // --- the card, by each of its file systems ------------------------------------------------------
 
@@ -421,6 +458,32 @@ TEST_F(LocationTest, NextCardMountedBeforeTheUnmount_FailsForExt4) {
     expectUnmounted(StorageLocation::Presence);
 }
 
+/// A card of which nothing is left on the next one.
+TEST_F(LocationTest, CardFormatted_NewPartitionWorksAndTheNextCardIsAsItWas) {
+    ASSERT_TRUE(Hardware::copyCard("spare"));
+    ASSERT_TRUE(Hardware::ejectCard());
+    ASSERT_TRUE(Hardware::insertCopy("spare"));
+    makeLocation(Hardware::card());
+    take(start());
+    expectFormatted(Hardware::card(), Hardware::card(1));
+
+    ASSERT_TRUE(Hardware::ejectCard());
+    take(update());
+    expectNothingThere();
+    ASSERT_TRUE(Hardware::insertCard());
+    take(update());
+    EXPECT_EQ(Hardware::nodes(Hardware::card()).size(), 4);
+    ASSERT_TRUE(location().selectedPart());
+    EXPECT_EQ(location().selectedPart()->capacity(), 64 * MiB);
+    EXPECT_THAT(location().selectedPart()->m_fsLabel.toStdString(),
+                AnyOf("SDVFAT", "SDEXFAT", "SDEXT4"));
+    ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
+    EXPECT_FALSE(files().open("/new", O_RDONLY, 0));
+    EXPECT_EQ(errno, ENOENT);
+    expectUnmounted(StorageLocation::Presence);
+    QFile::remove(Hardware::copyOfCard("spare"));
+}
+
 // --- sticks -------------------------------------------------------------------------------------
 
 class LocationStick : public LocationTest {
@@ -538,37 +601,7 @@ TEST_F(LocationStick, Formatted_NewPartitionIsSelectedAndWorks) {
     makeLocation(disk);
     take(start());
     expectSelected(disk, part);
-    ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
-    expectRefused([&] { return location().format(nullptr); }, NotFound);
-    EXPECT_EQ(contents(files(), "/clip"), "film");
-    expectUnmounted(StorageLocation::Presence);
-
-    LogCapture log("libio=12");
-    EXPECT_EQ(location().format(nullptr), 0);
-    EXPECT_EQ(log.messages(), QStringList({"libio 12 SysCmd: format " + disk,
-                                           "libio 12 Run 1 of 1 completed status 0\n"}));
-    const QJsonArray partitions =
-        QJsonDocument::fromJson(
-            outputOf({"sfdisk", "--json", disk}).toUtf8())["partitiontable"]["partitions"]
-            .toArray();
-    ASSERT_EQ(partitions.size(), 1);
-    EXPECT_EQ(partitions[0]["node"].toString(), part);
-    EXPECT_EQ(partitions[0]["start"].toInt(), 64 * 1024 / 512);
-    EXPECT_EQ(partitions[0]["type"].toString(), "6");
-    EXPECT_EQ(Hardware::nodes(disk), QStringList({disk, part}));
-    EXPECT_EQ(tagOf(part, "TYPE"), "vfat");
-    EXPECT_EQ(runTool({"fsck.vfat", "-n", part}).status, 0);
-
-    take(update());
-    expectSelected(disk, part);
-    EXPECT_EQ(location().selectedPart()->m_fsType, "vfat");
-    ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    expectMounted(part, StorageLocation::Write);
-    EXPECT_FALSE(files().open("/clip", O_RDONLY, 0));
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_TRUE(makeFile(files(), "/new", "film"));
-    expectUnmounted(StorageLocation::Presence);
+    expectFormatted(disk, part);
 
     ASSERT_TRUE(Hardware::unplug("spare"));
     take(update());
@@ -577,6 +610,24 @@ TEST_F(LocationStick, Formatted_NewPartitionIsSelectedAndWorks) {
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
     EXPECT_EQ(contents(files(), "/new"), "film");
     expectUnmounted(StorageLocation::Presence);
+}
+
+TEST_F(LocationStick, ThatTakesNoWriting_OnlyReadingWorks) {
+    ASSERT_TRUE(start().events);
+    ASSERT_TRUE(Hardware::plug("exfat", true));
+    makeLocation(Hardware::stick("exfat"));
+    take(update());
+    EXPECT_FALSE(location().isWriteProtected()); // it has no switch
+    expectRefused([&] { return location().mount(nullptr); }, NotFound);
+    EXPECT_EQ(errno, EROFS);
+    EXPECT_EQ(location().access(), StorageLocation::None);
+    EXPECT_FALSE(isMountPoint(directory()));
+    ASSERT_EQ(location().mkReadOnly(), 0) << std::strerror(errno);
+    expectMounted(Hardware::stick("exfat", 1), StorageLocation::Read);
+    EXPECT_FALSE(files().open("/clip", O_RDWR | O_CREAT, 0644));
+    EXPECT_EQ(errno, EROFS);
+    expectUnmounted(StorageLocation::Presence);
+    EXPECT_NE(location().format(nullptr), 0);
 }
 
 } // namespace

@@ -225,13 +225,14 @@ void expectMedium(const Medium& medium, const QList<BDMon::Event>& events) {
     EXPECT_EQ(disk->capacity(), medium.sizeMiB * MiB);
     EXPECT_EQ(disk->m_partTableType, medium.tableType);
     EXPECT_FALSE(disk->isMountable());
-    for (unsigned number = 1; number <= medium.partitions.size(); ++number) {
-        const Partition& made = medium.partitions[number - 1];
+    int number = 0;
+    for (const Partition& made : medium.partitions) {
+        ++number;
         const BlockDevice::SPtr device = deviceIn(events, medium.node(number));
         ASSERT_TRUE(device) << number;
         expectAsTheToolsTell(*device);
         EXPECT_EQ(device->m_idPath, disk->m_idPath);
-        EXPECT_EQ(device->m_partNum, number);
+        EXPECT_EQ(device->m_partNum, static_cast<unsigned>(number));
         EXPECT_EQ(device->m_fsType, made.fsType);
         EXPECT_EQ(device->m_fsLabel, made.label);
         // What begins an exFAT file system can also be taken for a table, and udev prefers that.
@@ -459,6 +460,20 @@ TEST_P(MediaStick, PresentAtTheStart_IsAdded) {
     const Batch batch = start();
     ASSERT_TRUE(batch.events);
     expectMedium(medium, *batch.events);
+}
+
+/// Write protection is what the switch of a card says; a stick without writing is none.
+TEST_F(Media, StickThatTakesNoWriting_IsNotWriteProtected) {
+    ASSERT_TRUE(Hardware::unplug("vfat"));
+    ASSERT_TRUE(update().events);
+    ASSERT_TRUE(Hardware::plug("efi", true));
+    for (const QString& node : Hardware::nodes(efiStick.node()))
+        EXPECT_EQ(outputOf({"blockdev", "--getro", node}), "1");
+    const Batch batch = update();
+    ASSERT_TRUE(batch.events);
+    expectMedium(efiStick, *batch.events);
+    for (const BDMon::Event& event : *batch.events)
+        EXPECT_FALSE(event.dev->m_writeProtected) << event.dev->m_devName.toStdString();
 }
 
 INSTANTIATE_TEST_SUITE_P(Sticks, MediaStick, testing::Values(&vfatStick, &exfatStick, &efiStick),

@@ -124,6 +124,36 @@ TEST_F(NfsDevice, ServerStopsUnderLoad_ErrorsInBoundedTimeAndRecovery) {
     EXPECT_EQ(nfs.disconnect(), 0) << strerror();
 }
 
+TEST_F(NfsDevice, ServerGoneAndAFileOpen_LeftLazilyWithoutWaiting) {
+    ASSERT_EQ(connect({{"lazy", true}}), 0) << strerror();
+    const auto file = nfs.open("/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
+    ASSERT_TRUE(file);
+    ASSERT_TRUE(NfsServer::stop());
+    QElapsedTimer sinceStop;
+    sinceStop.start();
+    EXPECT_EQ(nfs.disconnect(), 0) << strerror();
+    EXPECT_LT(sinceStop.elapsed(), 30'000);
+    EXPECT_FALSE(isMounted());
+    EXPECT_FALSE(nfs.isConnected());
+    ASSERT_TRUE(NfsServer::start());
+    file->close();
+}
+
+TEST_F(NfsDevice, VersionThree_ServesAsWell) {
+    ASSERT_EQ(nfs.connect({{"target", "127.0.0.1:" + NfsServer::directory()},
+                           {"cmd_opts", "vers=3,nolock,soft,timeo=10,retrans=1"}}),
+              0);
+    EXPECT_TRUE(mountsOf("127.0.0.1:" + NfsServer::directory())
+                    .value(0)
+                    .filesystemOptions.contains("vers=3"));
+    const auto file = nfs.open("/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
+    ASSERT_TRUE(file) << strerror();
+    EXPECT_EQ(file->write("frame", 5), 5);
+    EXPECT_EQ(file->close(), 0);
+    EXPECT_EQ(contents(NfsServer::directory() + "/clip"), "frame");
+    EXPECT_EQ(nfs.disconnect(), 0) << strerror();
+}
+
 TEST_F(NfsDevice, BusyMount_LeftLazilyWhenAsked) {
     ASSERT_EQ(connect(), 0) << strerror();
     auto file = nfs.open("/clip", O_RDWR | O_CREAT, 0644);

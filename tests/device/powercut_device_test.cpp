@@ -1,13 +1,13 @@
-// What a power cut leaves of a recording on the device's card.
+// What a power cut leaves of recordings on the device's card.
 //
-// The recorder records to all file systems of the card and syncs every second. At random moments
-// the emulator copies the card as it is: no more is there after a power cut than had reached the
-// card.
-#include <oruio/bdmon.h>
+// On each file system of the card, recorders record one short clip after the other, and sync every
+// second. At random moments the emulator copies the card as it is: no more is there after a power
+// cut than had reached the card.
 #include <oruio/error.h>
 #include <oruio/sysutils.h>
 
 #include "device/hardware.h"
+#include "device/recordings.h"
 #include "support/childprocess.h"
 #include "support/files.h"
 
@@ -15,73 +15,27 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
-#include <QVector>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <ctime>
 #include <memory>
 #include <random>
 #include <thread>
-#include <vector>
-
-#include <xxhash.h>
 
 namespace oru::io::test {
 namespace {
 
 constexpr int powerCuts = 20;
-constexpr char clip[] = "clip";
 
-/// One file system of the card, and the recorder that records to it.
-struct Recording {
-    int partition;
-    const char* type;
-    QString directory;
-    QString log;
-    std::unique_ptr<QProcess> recorder;
+/// What is behind the name of a log, in that of the file that ends its recorders.
+constexpr char stopped[] = ".stopped";
 
-    qint64 mostLost = 0; ///< of what was written, in bytes
-};
-
-/// What the recorder has done by the moment of a power cut.
+/// One power cut, for one recording.
 struct Moment {
-    qint64 written = 0;
-    qint64 synced = 0;
-    QByteArray checksum; ///< of what is synced
+    Told told;
+    qint64 written = 0; ///< of the clip after the finished ones, in bytes, a little later
 };
-
-LinuxBD deviceOf(const Recording& recording) {
-    Properties props = {{"DEVNAME", Hardware::card(recording.partition)},
-                        {"DEVTYPE", "partition"},
-                        {"ID_FS_TYPE", recording.type}};
-    return LinuxBD(props);
-}
-
-/// The file that the clip is in while it is recorded.
-QString partOf(const Recording& recording) {
-    return recording.directory + '/' + clip + ".part";
-}
-
-/// The last "synced BYTES CHECKSUM" of the recorder's, then what it has written.
-Moment now(const Recording& recording) {
-    Moment moment;
-    for (const QByteArray& line : contents(recording.log).split('\n')) {
-        const QList<QByteArray> words = line.split(' ');
-        if (words[0] == "synced" && words.size() == 3) {
-            moment.synced = words[1].toLongLong();
-            moment.checksum = words[2];
-        }
-    }
-    moment.written = QFileInfo(partOf(recording)).size();
-    return moment;
-}
-
-QByteArray checksumOf(const QByteArray& bytes) {
-    const XXH64_hash_t sum = XXH3_64bits(bytes.constData(), static_cast<size_t>(bytes.size()));
-    return QByteArray::number(static_cast<qulonglong>(sum), 16).rightJustified(16, '0');
-}
 
 class PowerCut : public HardwareTest {
 protected:
@@ -95,46 +49,31 @@ protected:
         }
     }
 
-    void startRecording(Recording& recording) {
-        ASSERT_EQ(deviceOf(recording).mount(recording.directory, nullptr), 0) << strerror();
-        QFile::remove(partOf(recording));
-        recording.recorder = std::make_unique<QProcess>();
-        recording.recorder->setStandardOutputFile(recording.log);
-        recording.recorder->start(ORUIO_RECORDER,
-                                  {"--to", recording.directory, "--name", clip, "--rate", "1",
-                                   "--seconds", "3600", "--report-syncs"});
-        ASSERT_TRUE(recording.recorder->waitForStarted());
-        ASSERT_TRUE(eventually([&] { return now(recording).synced > 0; }, 60));
+    static void startRecording(const Recording& recording, QProcess& recorders) {
+        ASSERT_NO_FATAL_FAILURE(mountRecording(recording));
+        QDir directory(recording.directory);
+        for (const QString& old : directory.entryList({"clip-*"}))
+            ASSERT_TRUE(directory.remove(old));
+        recorders.setStandardOutputFile(recording.log);
+        recorders.start("bash",
+                        {"-c", "until [[ -e $0 ]]; do \"$@\" || exit; done",
+                         recording.log + stopped, ORUIO_RECORDER, "--to", recording.directory,
+                         "--rate", "1", "--seconds", "3", "--report-syncs"});
+        ASSERT_TRUE(recorders.waitForStarted());
+        ASSERT_TRUE(eventually([&] { return toldSoFar(recording).next.bytes > 0; }, 60));
     }
-    static void stopRecording(Recording& recording) {
-        recording.recorder->kill();
-        recording.recorder->waitForFinished();
-        EXPECT_TRUE(eventually(
-            [&] { return umountPath(qPrintable(recording.directory), nullptr) == 0; }, 60));
-    }
-
-    /// What the card holds after a power cut at that moment.
-    void expectRecovery(Recording& recording, const Moment& moment) {
-        LinuxBD device = deviceOf(recording);
-        const int status = device.fsck(nullptr);
-        EXPECT_EQ(status, 0);
-        ASSERT_EQ(device.mount(recording.directory, nullptr), 0) << strerror();
-        const QByteArray bytes = contents(partOf(recording));
-        EXPECT_GE(bytes.size(), moment.synced);
-        EXPECT_EQ(checksumOf(bytes.left(static_cast<int>(moment.synced))), moment.checksum);
-        recording.mostLost = std::max(recording.mostLost, moment.written - bytes.size());
+    /// The last recorder finishes its clip. \returns all clips.
+    static QVector<QByteArray> stopRecording(const Recording& recording, QProcess& recorders) {
+        EXPECT_TRUE(makeFile(recording.log + stopped, ""));
+        EXPECT_TRUE(recorders.waitForFinished(60'000));
+        QVector<QByteArray> clips;
+        for (int clip = 0; clip < toldSoFar(recording).finished.size(); ++clip)
+            clips.append(contents(fileOf(recording, clip)));
         EXPECT_EQ(umountPath(qPrintable(recording.directory), nullptr), 0) << strerror();
+        return clips;
     }
 
-    std::vector<Recording> recordings = [] {
-        std::vector<Recording> all(3);
-        const char* const types[] = {"vfat", "exfat", "ext4"};
-        for (int i = 0; i < 3; ++i) {
-            all[static_cast<size_t>(i)].partition = i + 1;
-            all[static_cast<size_t>(i)].type = types[i];
-        }
-        return all;
-    }();
+    std::vector<Recording> recordings = recordingsOfTheCard();
 };
 
 QString copyName(int number) {
@@ -143,39 +82,50 @@ QString copyName(int number) {
 
 } // namespace
 
-TEST_F(PowerCut, WhatIsSynced_IsThere) {
-    const auto seed = static_cast<unsigned>(std::time(nullptr));
-    std::printf("seed %u\n", seed);
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<int> pause(200, 2000);
+TEST_F(PowerCut, WhatIsFinishedOrSynced_IsThere) {
+    const size_t count = recordings.size();
+    std::vector<QProcess> recorders(count);
+    for (size_t i = 0; i < count; ++i)
+        ASSERT_NO_FATAL_FAILURE(startRecording(recordings[i], recorders[i]));
 
-    for (Recording& recording : recordings)
-        ASSERT_NO_FATAL_FAILURE(startRecording(recording));
-    QVector<QVector<Moment>> moments;
+    std::mt19937 random{std::random_device{}()};
+    std::uniform_int_distribution<int> pause(200, 2000);
+    std::vector<std::vector<Moment>> cuts;
     for (int cut = 0; cut < powerCuts; ++cut) {
         std::this_thread::sleep_for(std::chrono::milliseconds(pause(random)));
-        QVector<Moment> moment;
+        std::vector<Moment> moments;
         for (const Recording& recording : recordings)
-            moment.append(now(recording));
+            moments.push_back({toldSoFar(recording)});
         ASSERT_TRUE(Hardware::copyCard(copyName(cut)));
-        moments.append(moment);
+        for (size_t i = 0; i < count; ++i) {
+            const int finished = moments[i].told.finished.size();
+            moments[i].written = QFileInfo(fileOf(recordings[i], finished)).size();
+        }
+        cuts.push_back(moments);
     }
-    for (Recording& recording : recordings)
-        stopRecording(recording);
+    std::vector<QVector<QByteArray>> clips;
+    for (size_t i = 0; i < count; ++i)
+        clips.push_back(stopRecording(recordings[i], recorders[i]));
 
+    std::vector<qint64> mostLost(count, 0);
     for (int cut = 0; cut < powerCuts; ++cut) {
         SCOPED_TRACE(cut);
         ASSERT_TRUE(Hardware::ejectCard());
         ASSERT_TRUE(Hardware::insertCopy(copyName(cut)));
-        for (size_t i = 0; i < recordings.size(); ++i) {
-            SCOPED_TRACE(recordings[i].type);
-            expectRecovery(recordings[i], moments[cut][static_cast<int>(i)]);
+        for (size_t i = 0; i < count; ++i) {
+            const Moment& moment = cuts[static_cast<size_t>(cut)][i];
+            const QByteArray left = expectRecovered(recordings[i], moment.told);
+            const QByteArray whole = clips[i].value(moment.told.finished.size());
+            const auto right =
+                std::mismatch(left.begin(), left.end(), whole.begin(), whole.end()).first;
+            mostLost[i] = std::max<qint64>(mostLost[i], moment.written - (right - left.begin()));
         }
         QFile::remove(Hardware::copyOfCard(copyName(cut)));
     }
-    for (const Recording& recording : recordings)
-        std::printf("%s: at most %lld bytes lost of %d recordings\n", recording.type,
-                    recording.mostLost, powerCuts);
+    for (size_t i = 0; i < count; ++i)
+        std::printf("%s: at most %lld bytes lost in %d power cuts, of %d clips\n",
+                    recordings[i].type, static_cast<long long>(mostLost[i]), powerCuts,
+                    clips[i].size());
     ASSERT_TRUE(Hardware::ejectCard());
 }
 

@@ -41,6 +41,8 @@ enum class Op {
     StatNameTooLong, ///< by one byte
     ReadWriteOnlyFile,
     WriteReadOnlyFile,
+    WriteBeyondLargestFile,
+    OddCharacter, ///< to make a file with it in the name, where not any character will do
     LseekBeforeStart,
     LseekFromEnd,
     FileFdatasync,
@@ -103,13 +105,14 @@ struct Capabilities {
     int closeAgain = 0;              ///< the result of closing a closed file
     int closedirAgain = -1;          ///< the result of closing a directory that is not open
     bool readlinkPads = false;       ///< what is left of the buffer is filled with NULs
-    bool keepsModes = true;          ///< permission bits are stored as given
+    bool keepsModes = true;          ///< permission bits are stored as given; otherwise they stay
     bool appends = true;             ///< O_APPEND is honoured
     bool caseSensitive = true;
-    bool anyCharacter = true; ///< names may contain all but the slash
+    bool anyCharacter = true; ///< names may contain all but the slash; see Op::OddCharacter
     bool threadSafe = true;   ///< operations may overlap
-    long long largestFile = 1LL << 40;
-    int longestName = 255; ///< in bytes
+    long long largestFile = 1LL << 40; ///< in bytes; see Op::WriteBeyondLargestFile
+    int longestName = 255;             ///< in bytes
+    long long timeStep = 1;            ///< what times are multiples of, in nanoseconds
 };
 
 /// An instance of a backend under test.
