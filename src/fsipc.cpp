@@ -186,6 +186,7 @@ bool ShmBlock::create() {
     if (isNew)
         fd = shm_open(m_name, O_RDWR | O_CREAT, 0666);
     if (fd == -1) {
+        const KeptReason kept;
         perror(m_name);
         return true;
     }
@@ -295,18 +296,26 @@ void ShmBlock::removeAtClose() {
     m_flags |= RemoveAtClose;
 }
 
-void ShmBlock::remove() {
+bool ShmBlock::remove() {
     if (!m_base)
-        return;
-    // The name may lead to another object already, which is not this one's to remove.
-    const int named = shm_open(m_name, O_RDWR, 0666);
-    const bool isNamed = named != -1 && statusOf(named).st_ino == m_object;
-    if (named != -1)
-        ::close(named);
-    // In this order, whoever finds the header invalid finds the name free.
-    if (isNamed)
-        shm_unlink(m_name);
+        return true;
+    // In this order, whoever finds the header invalid finds the name free: an object that has its
+    // name and no header would be initialised anew under those who still use it.
+    if (isNamed() && shm_unlink(m_name) != 0 && errno != ENOENT)
+        return false;
     setMagic(m_base, 0);
+    return true;
+}
+
+/// Whether the name leads to this block's object. It does when nobody can look, for want of
+/// descriptors: while the header is valid, only the holder of the lock takes the name away.
+bool ShmBlock::isNamed() const {
+    const int named = shm_open(m_name, O_RDWR, 0666);
+    if (named == -1)
+        return errno != ENOENT;
+    const bool isThisOne = statusOf(named).st_ino == m_object;
+    ::close(named);
+    return isThisOne;
 }
 
 struct timespec ShmBlock::abstime(int ms) {
@@ -402,14 +411,19 @@ std::atomic<unsigned int> forks{0};
 [[maybe_unused]] const int forkHandler =
     pthread_atfork(nullptr, nullptr, [] { forks.fetch_add(1, std::memory_order_relaxed); });
 
+/// Tells a process from those that it was forked from.
+unsigned int thisProcess() {
+    return forks.load(std::memory_order_relaxed);
+}
+
 /// The thread's number in the system, without asking it each time.
 pid_t currentThread() {
     thread_local pid_t thread = 0;
-    thread_local unsigned int knownForks = 0;
-    const unsigned int now = forks.load(std::memory_order_relaxed);
-    if (thread == 0 || knownForks != now) {
+    thread_local unsigned int knownProcess = 0;
+    const unsigned int process = thisProcess();
+    if (thread == 0 || knownProcess != process) {
         thread = static_cast<pid_t>(syscall(SYS_gettid));
-        knownForks = now;
+        knownProcess = process;
     }
     return thread;
 }
@@ -425,14 +439,16 @@ class KeptBlocks {
 public:
     void add(const QSharedPointer<ShmBlock>& block, pid_t owner) {
         const QMutexLocker lock(&m_mutex);
-        m_kept.append({block, owner});
+        m_kept.append({block, owner, thisProcess()});
     }
 
-    /// Lets go of those that nothing leads to any more: this thread's own, and those of threads
-    /// that have ended.
+    /// Lets go of those that nothing leads to any more: this thread's own, those of threads that
+    /// have ended, and those of the process that this one was forked from.
     void sweep() {
         const QMutexLocker lock(&m_mutex);
         const auto isFree = [](const Kept& kept) {
+            if (kept.process != thisProcess())
+                return true;
             pthread_mutex_t& clientMutex = areaOf(shmAt(kept.block->base())).control.clientMutex;
             return kept.owner == currentThread() ? pthread_mutex_unlock(&clientMutex) == 0
                                                  : !isAlive(kept.owner);
@@ -444,6 +460,7 @@ private:
     struct Kept {
         QSharedPointer<ShmBlock> block;
         pid_t owner;
+        unsigned int process;
     };
 
     QMutex m_mutex; // guards m_kept
@@ -519,6 +536,8 @@ bool IPCFS::Data::enter() {
     }
     m_holdsClientMutex = true;
     m_owner = currentThread();
+    m_areaSession = beginSession(area());
+    m_process = thisProcess();
     return true;
 }
 
@@ -567,19 +586,32 @@ void IPCFS::Data::end() {
 /// Whether the session is still this client's. It is not in a child of fork(2), and when the thread
 /// that began it has ended and another process, or the server, has drawn the conclusion.
 bool IPCFS::Data::holdsSession() {
-    pthread_mutex_t& clientMutex = area().control.clientMutex;
-    const int error = pthread_mutex_trylock(&clientMutex);
-    if (error == EOWNERDEAD) {
-        pthread_mutex_consistent(&clientMutex);
-        m_owner = currentThread();
-    }
-    if (error == 0)
-        pthread_mutex_unlock(&clientMutex);
-    m_holdsClientMutex = error == EOWNERDEAD || (error == EBUSY && isAlive(m_owner));
+    m_holdsClientMutex = m_process == thisProcess() && holdsClientMutex();
     if (m_holdsClientMutex && mark(area()) == Done)
         return true;
     ORUIO_LOG(LogDebug, "Session lost. Stopping client");
     leave();
+    return false;
+}
+
+/// Whether the client mutex is held for this session. This thread takes it over from one that has
+/// ended.
+bool IPCFS::Data::holdsClientMutex() {
+    pthread_mutex_t& clientMutex = area().control.clientMutex;
+    const int error = pthread_mutex_trylock(&clientMutex);
+    // The owner, alive or dead, may be that of a later session.
+    const bool isLastSession = lastSession(area()) == m_areaSession;
+    if (error == EBUSY)
+        return isLastSession && isAlive(m_owner);
+    if (error == EOWNERDEAD) {
+        pthread_mutex_consistent(&clientMutex);
+        if (isLastSession) {
+            m_owner = currentThread();
+            return true;
+        }
+    }
+    if (error == 0 || error == EOWNERDEAD)
+        pthread_mutex_unlock(&clientMutex);
     return false;
 }
 
@@ -941,7 +973,7 @@ int IPCFS::readlink(QString path, QString& target) {
     std::array<char, linkTextSize> text;
     const int length = readlink(std::move(path), text.data(), linkTextSize);
     if (length >= 0)
-        target = QString::fromUtf8(text.data(), length);
+        target = decoded(text.data(), length);
     return length;
 }
 

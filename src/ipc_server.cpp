@@ -90,7 +90,11 @@ void IPCServer::Data::setBlock(QSharedPointer<ShmBlock> newBlock) {
 // --- Beginning and end --------------------------------------------------------------------------
 
 IPCShm* IPCServer::Data::init(Properties*) {
-    for (int tries = 0; tries < initTries && retirePredecessor(); ++tries) {
+    for (int tries = 0; tries < initTries; ++tries) {
+        if (const int error = retirePredecessor()) {
+            errno = error;
+            return nullptr;
+        }
         const auto created =
             QSharedPointer<ShmBlock>::create(blockName, areaSize, ShmBlock::Create);
         if (DBG_MASK & TraceLifecycle)
@@ -114,16 +118,16 @@ IPCShm* IPCServer::Data::init(Properties*) {
 
 /// Removes what a server that is no more has left behind. Its client, if there still is one, keeps
 /// the memory and finds the server gone; everything in it, mutexes and semaphores that the client
-/// may be using among them, stays as it is. \returns false, having said why, when a server is
-/// there.
-bool IPCServer::Data::retirePredecessor() {
+/// may be using among them, stays as it is. \returns 0, or an error number, having said why: EBUSY
+/// when a server is there.
+int IPCServer::Data::retirePredecessor() {
     const auto existing = QSharedPointer<ShmBlock>::create(blockName, areaSize, 0U);
     const ShmBlock::Access<IPCShm> access(existing);
     if (!access.data()) {
         if (!existing->isValid())
-            return true;
+            return 0;
         ORUIO_LOG(LogDebug, "Invalid shmblock");
-        return false;
+        return EBUSY;
     }
     Area& old = areaOf(access.data());
     if (DBG_MASK & TraceLifecycle)
@@ -134,16 +138,20 @@ bool IPCServer::Data::retirePredecessor() {
         const int error = lockShared(old.control.serverMutex, &deadline);
         if (error == EBUSY || error == ETIMEDOUT) {
             ORUIO_LOG(LogDebug, "Existing active server detected. Aborting");
-            return false;
+            return EBUSY;
         }
         if (error == 0) {
-            ORUIO_LOG(LogDebug, "Server crash detected. Resetting.");
             setOwned(old, false);
+            // Before anything else: to the old client, whoever holds it is the server.
             pthread_mutex_unlock(&old.control.serverMutex);
+            ORUIO_LOG(LogDebug, "Server crash detected. Resetting.");
         }
     }
-    existing->remove();
-    return true;
+    if (existing->remove())
+        return 0;
+    const int error = errno;
+    ORUIO_LOG(LogDebug, "Invalid shmblock");
+    return error;
 }
 
 /// Makes the locked block this server's own.
@@ -159,6 +167,7 @@ IPCShm* IPCServer::Data::takeOver(const ShmBlock::Access<IPCShm>& access) {
         ORUIO_LOG(LogDebug, "Initialize FSShm");
     state = Initialising;
     if (!initialiseMutexes(created.control)) {
+        const KeptReason kept;
         access.block()->remove();
         return nullptr;
     }
@@ -215,7 +224,7 @@ int IPCServer::Data::run(Properties* props) {
 bool IPCServer::Data::begin(Properties* props) {
     shm = init(props);
     const bool isReady = shm && resetSession() == 0;
-    m_beginning.reset();
+    release(m_beginning);
     if (!isReady)
         ORUIO_LOG(LogDebug, "IPC Server init failed");
     return isReady;

@@ -61,7 +61,7 @@ private:
     ipcwire::Area& area();
     QSharedPointer<ShmBlock> currentBlock();
     void setBlock(QSharedPointer<ShmBlock> newBlock);
-    bool retirePredecessor();
+    int retirePredecessor();
     IPCShm* takeOver(const ShmBlock::Access<IPCShm>& access);
     bool initialiseMutexes(ipcwire::AreaControl& control);
     bool begin(Properties* props);

@@ -82,7 +82,8 @@ struct Area {
     AreaControl control;
     char request[textSize];
     char response[textSize];
-    char unused[buffersOffset - sizeof(AreaControl) - 2 * textSize];
+    std::uint32_t sessions; // how many have begun; counted by who has just taken clientMutex
+    char unused[buffersOffset - sizeof(AreaControl) - 2 * textSize - sizeof(std::uint32_t)];
     char buffers[dataBuffers][dataBufferSize];
 };
 
@@ -98,7 +99,8 @@ static_assert(offsetof(AreaControl, magic) == 0 && offsetof(AreaControl, clientM
 static_assert(offsetof(AreaControl, requestSem) == 76 && offsetof(AreaControl, responseSem) == 92 &&
               offsetof(AreaControl, bufferSem) == 108 && offsetof(AreaControl, bufferMap) == 124);
 static_assert(offsetof(Area, request) == 128 && offsetof(Area, response) == 8832 &&
-              offsetof(Area, unused) == 17536 && sizeof(Area::unused) == 2944);
+              offsetof(Area, sessions) == 17536 && sizeof(Area::sessions) == 4 &&
+              offsetof(Area, unused) == 17540 && sizeof(Area::unused) == 2940);
 static_assert(offsetof(Area, buffers) == 0x5000 && sizeof(Area) == areaSize);
 static_assert(sizeof(struct stat) == 104 && sizeof(struct statfs) == 88 &&
               sizeof(struct dirent) == 280 && sizeof(struct flock) == 32);
@@ -115,6 +117,11 @@ inline Area& areaOf(IPCShm* shm) {
 /// Whether a server owns the area, as far as its magic tells.
 bool isOwned(const Area& area);
 void setOwned(Area& area, bool owned);
+
+/// Counts one more session. \returns its number. Only for the holder of the client mutex.
+std::uint32_t beginSession(Area& area);
+/// The number of the last session that has begun. What it starts from makes no difference.
+std::uint32_t lastSession(const Area& area);
 
 // --- Operations ---------------------------------------------------------------------------------
 

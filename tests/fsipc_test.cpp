@@ -22,19 +22,26 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace oru::io {
@@ -80,6 +87,44 @@ int descriptorsOf(const char* name) {
     return count;
 }
 
+int mappingsOf(const char* name) {
+    return test::contents("/proc/self/maps").count(objectPath(name).toUtf8());
+}
+
+/// A standard error as most services have it: perror(3) cannot open it for reading too, and leaves
+/// that failure in errno.
+class WriteOnlyStandardError {
+public:
+    WriteOnlyStandardError() : m_kept(dup(STDERR_FILENO)) {
+        EXPECT_EQ(pipe(m_ends), 0);
+        dup2(m_ends[1], STDERR_FILENO);
+        close(m_ends[1]);
+    }
+    ~WriteOnlyStandardError() {
+        restore();
+        close(m_ends[0]);
+    }
+
+    /// What was written, when all is.
+    std::string text() {
+        restore();
+        char text[256];
+        const ssize_t length = ::read(m_ends[0], text, sizeof text);
+        return {text, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+    }
+
+private:
+    void restore() {
+        if (m_kept == -1)
+            return;
+        dup2(m_kept, STDERR_FILENO);
+        close(std::exchange(m_kept, -1));
+    }
+
+    int m_kept;
+    int m_ends[2];
+};
+
 } // namespace
 
 // --- ShmBlock -----------------------------------------------------------------------------------
@@ -105,6 +150,18 @@ TEST(ShmBlock, Create_ObjectOfTheSizeAndFortyBytes) {
     EXPECT_EQ(header.magic, 0x0CAB005EU);
     EXPECT_EQ(header.size, 140U);
     shm_unlink("/_blk_t-new");
+}
+
+TEST(ShmBlock, Create_ForEverybodyThatTheUmaskLeaves) {
+    const mode_t before = umask(0);
+    for (const mode_t masked : {0, 027}) {
+        umask(masked);
+        const ShmBlock block("t-mode", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
+        struct stat st = {};
+        EXPECT_EQ(::stat(qPrintable(objectPath("t-mode")), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0666 & ~masked);
+    }
+    umask(before);
 }
 
 TEST(ShmBlock, CreatorsDescriptor_StaysOpenWithTheBlock) {
@@ -177,11 +234,58 @@ TEST(ShmBlock, NameOfAnotherObject_NotRemoved) {
     shm_unlink("/_blk_t-name");
     ShmBlock next("t-name", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     ASSERT_NE(lost.lock(), nullptr);
-    lost.remove();
+    EXPECT_TRUE(lost.remove());
     EXPECT_EQ(lost.unlock(), 0);
     EXPECT_FALSE(lost.isValid());
     EXPECT_TRUE(objectExists("t-name"));
     EXPECT_TRUE(next.isValid());
+}
+
+TEST(ShmBlock, NameTakenAwayByHand_RemovedAllTheSame) {
+    ShmBlock block("t-hand", 100, ShmBlock::Create);
+    shm_unlink("/_blk_t-hand");
+    ASSERT_NE(block.lock(), nullptr);
+    // By then it might be that of another object.
+    bool isUnlinked = false;
+    test::atCall("shm_unlink", 1, [&] { isUnlinked = true; });
+    EXPECT_TRUE(block.remove());
+    EXPECT_FALSE(isUnlinked);
+    EXPECT_FALSE(block.isValid());
+    EXPECT_EQ(block.unlock(), 0);
+    // Between the two looks at the name.
+    ShmBlock next("t-hand", 100, ShmBlock::Create);
+    ASSERT_NE(next.lock(), nullptr);
+    test::atCall("shm_unlink", 1, [] { ::unlink("/dev/shm/_blk_t-hand"); });
+    EXPECT_TRUE(next.remove());
+    EXPECT_FALSE(next.isValid());
+    EXPECT_EQ(next.unlock(), 0);
+}
+
+TEST(ShmBlock, NoDescriptorToLookAtTheName_RemovedAllTheSame) {
+    for (const int error : {EMFILE, ENFILE, ENOMEM}) {
+        ShmBlock block("t-blind", 100, ShmBlock::Create);
+        ASSERT_NE(block.lock(), nullptr);
+        test::failCall("shm_open", 1, error);
+        EXPECT_TRUE(block.remove());
+        EXPECT_FALSE(block.isValid());
+        EXPECT_FALSE(objectExists("t-blind"));
+        EXPECT_EQ(block.unlock(), 0);
+    }
+}
+
+TEST(ShmBlock, NameCannotBeTakenAway_StaysValid) {
+    ShmBlock block("t-fast", 100, ShmBlock::Create);
+    ASSERT_NE(block.lock(), nullptr);
+    test::failCall("shm_unlink", 1, EACCES);
+    errno = 0;
+    EXPECT_FALSE(block.remove());
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_TRUE(block.isValid());
+    EXPECT_TRUE(objectExists("t-fast"));
+    EXPECT_TRUE(block.remove());
+    EXPECT_FALSE(block.isValid());
+    EXPECT_FALSE(objectExists("t-fast"));
+    EXPECT_EQ(block.unlock(), 0);
 }
 
 TEST(ShmBlock, RemovedByItsHolder_WaiterGetsNothing) {
@@ -278,6 +382,23 @@ TEST(ShmBlock, InitialisedWhileAnOpenerLooks_Valid) {
     close(fd);
 }
 
+TEST(ShmBlock, SomebodyElseInitialisesForLong_InvalidAndNotTouched) {
+    const int fd = shm_open("/_blk_t-slow", O_RDWR | O_CREAT, 0600);
+    ASSERT_NE(fd, -1);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    const auto start = Clock::now();
+    EXPECT_FALSE(ShmBlock("t-slow", 100, ShmBlock::Create).isValid());
+    EXPECT_GE(secondsSince(start), 0.9);
+    EXPECT_LT(secondsSince(start), 5);
+    std::uint32_t header = 1;
+    EXPECT_EQ(pread(fd, &header, sizeof header, 0), static_cast<ssize_t>(sizeof header));
+    EXPECT_EQ(header, 0U);
+    EXPECT_EQ(flock(fd, LOCK_UN), 0);
+    EXPECT_TRUE(ShmBlock("t-slow", 100, ShmBlock::Create).isValid());
+    close(fd);
+    shm_unlink("/_blk_t-slow");
+}
+
 TEST(ShmBlock, ManyCreatorsAtOnce_OneMutexForAll) {
     for (int round = 0; round < 20; ++round) {
         int counter = 0;
@@ -351,6 +472,18 @@ TEST(ShmBlock, NameThatCannotBe_SaysSoOnStandardError) {
     testing::internal::CaptureStderr();
     EXPECT_FALSE(ShmBlock("a/b", 100, ShmBlock::Create).isValid());
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "/_blk_a/b: Invalid argument\n");
+}
+
+TEST(ShmBlock, ObjectCannotBeMade_SaysSoOnStandardErrorAndKeepsTheReason) {
+    // Looking for the object takes 20 attempts.
+    test::failCall("shm_open", 21, EACCES);
+    liberrno = NotFound;
+    WriteOnlyStandardError output;
+    const ShmBlock block("t-denied", 100, ShmBlock::Create);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(liberrno, NotFound);
+    EXPECT_FALSE(block.isValid());
+    EXPECT_EQ(output.text(), "/_blk_t-denied: Permission denied\n");
 }
 
 TEST(ShmBlock, MappingFails_SaysSoOnStandardError) {
@@ -835,6 +968,19 @@ TEST_F(IPCFSTest, MoreThanABuffer_ShortCount) {
     EXPECT_EQ(st.st_size, 2 * buffer);
 }
 
+TEST_F(IPCFSTest, ReadAll_NothingOfMoreThanABuffer) {
+    ASSERT_EQ(fs.connect(1, nullptr), 0);
+    const auto file = openNew("f");
+    constexpr int buffer = 1 << 20;
+    EXPECT_EQ(file->ftruncate(buffer), 0);
+    EXPECT_EQ(file->readAll(buffer + 1).size(), buffer);
+    EXPECT_EQ(file->lseek(0, SEEK_SET), 0);
+    EXPECT_EQ(file->ftruncate(buffer + 1), 0);
+    EXPECT_EQ(file->readAll(buffer + 1), QByteArray());
+    EXPECT_EQ(file->lseek(0, SEEK_SET), 0);
+    EXPECT_EQ(file->readAll(buffer).size(), buffer);
+}
+
 TEST_F(IPCFSTest, NoBytes_NoNothing) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
@@ -951,6 +1097,10 @@ TEST_F(IPCFSTest, FcntlLocks_TravelUnderTheTargetsNumbers) {
     EXPECT_EQ(seen.l_type, F_WRLCK);
     EXPECT_EQ(seen.l_pid, server.process().pid());
     ::close(fd);
+    EXPECT_EQ(::fcntl(fd, F_SETLK, &lock), -1);
+    struct flock asked = lock;
+    EXPECT_EQ(file->fcntl(F_GETLK, &asked), 0);
+    EXPECT_EQ(std::memcmp(&asked, &lock, sizeof lock), 0);
     lock.l_whence = 99;
     EXPECT_EQ(file->fcntl(F_SETLK, &lock), -1);
     EXPECT_EQ(errno, EINVAL);
@@ -1583,40 +1733,106 @@ TEST_F(IPCFSWithFakeServer, PlaceTakenWhileTheThreadWasGone_SessionIsLost) {
     EXPECT_EQ(log.messages(), QStringList({"fsipc 12 Session lost. Stopping client"}));
 }
 
-TEST_F(IPCFSTest, PlaceTakenByALivingProcess_NothingReachesItsFiles) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+namespace {
+
+/// The state of a process's first thread, as the system tells it: Z when it has ended.
+char firstThreadState(pid_t process) {
+    const QByteArray status = test::contents(QStringLiteral("/proc/%1/stat").arg(process));
+    return status.mid(status.lastIndexOf(')') + 2, 1).append('\0').front();
+}
+
+} // namespace
+
+/// A client in another process, which takes the place of one whose thread has ended. The server
+/// gives both the same descriptor.
+class IPCFSTakenPlace : public IPCFSTest {
+protected:
+    void SetUp() override {
+        if (!test::ownerDeathIsSeen())
+            GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+        IPCFSTest::SetUp();
+        ASSERT_EQ(pipe(opened), 0);
+        ASSERT_EQ(pipe(goOn), 0);
+        // Forked while there are no threads yet.
+        other = std::make_unique<ChildProcess>([this] {
+            char byte;
+            IPCFS client;
+            if (::read(goOn[0], &byte, 1) != 1 || client.connect(1, nullptr) != 0)
+                return 1;
+            const auto file = client.open("/theirs", O_RDWR | O_CREAT, 0644);
+            if (!file || ::write(opened[1], "o", 1) != 1 || ::read(goOn[0], &byte, 1) != 1)
+                return 2;
+            return file->write("theirs", 6) == 6 ? 0 : 3;
+        });
+    }
+
+    void beginOnAThreadThatEnds() {
+        std::thread([this] {
+            ASSERT_EQ(fs.connect(1, nullptr), 0);
+            mine = openNew("mine");
+        }).join();
+        ASSERT_TRUE(mine);
+    }
+    void letTheOtherOpen() {
+        char byte;
+        ASSERT_EQ(::write(goOn[1], "g", 1), 1);
+        ASSERT_EQ(::read(opened[0], &byte, 1), 1);
+    }
+    void letTheOtherWrite() {
+        ASSERT_EQ(::write(goOn[1], "g", 1), 1);
+        EXPECT_EQ(other->wait(), 0);
+        EXPECT_EQ(test::contents(dir / "theirs"), "theirs");
+    }
+
     int opened[2];
     int goOn[2];
-    ASSERT_EQ(pipe(opened), 0);
-    ASSERT_EQ(pipe(goOn), 0);
-    // Forked while there are no threads yet; it begins when this process's thread has ended.
-    ChildProcess other([&] {
-        char byte;
-        IPCFS client;
-        if (::read(goOn[0], &byte, 1) != 1 || client.connect(1, nullptr) != 0)
-            return 1;
-        const auto file = client.open("/theirs", O_RDWR | O_CREAT, 0644);
-        if (!file || ::write(opened[1], "o", 1) != 1 || ::read(goOn[0], &byte, 1) != 1)
-            return 2;
-        return file->write("theirs", 6) == 6 ? 0 : 3;
-    });
+    std::unique_ptr<ChildProcess> other;
     QSharedPointer<File> mine;
-    std::thread([&] {
-        ASSERT_EQ(fs.connect(1, nullptr), 0);
-        mine = openNew("mine");
-    }).join();
-    ASSERT_TRUE(mine);
-    char byte;
-    ASSERT_EQ(::write(goOn[1], "g", 1), 1);
-    ASSERT_EQ(::read(opened[0], &byte, 1), 1);
-    // The server has handed out the same descriptor to the other process.
+};
+
+TEST_F(IPCFSTakenPlace, OtherLives_NothingReachesItsFiles) {
+    beginOnAThreadThatEnds();
+    letTheOtherOpen();
     expectNotConnected(mine->write("mine", 4));
-    ASSERT_EQ(::write(goOn[1], "g", 1), 1);
-    EXPECT_EQ(other.wait(), 0);
-    QFile theirs(dir / "theirs");
-    ASSERT_TRUE(theirs.open(QIODevice::ReadOnly));
-    EXPECT_EQ(theirs.readAll(), "theirs");
+    letTheOtherWrite();
+}
+
+TEST_F(IPCFSTakenPlace, OtherHasDied_NothingReachesItsFilesAndTheNextBegins) {
+    beginOnAThreadThatEnds();
+    letTheOtherOpen();
+    other->signal(SIGKILL);
+    ASSERT_EQ(other->wait(), -SIGKILL);
+    expectNotConnected(mine->write("mine", 4));
+    EXPECT_EQ(test::contents(dir / "theirs"), "");
+    const int descriptors = server.process().descriptors();
+    EXPECT_EQ(fs.connect(1, nullptr), 0);
+    EXPECT_EQ(server.process().descriptors(), descriptors - 1); // of the one that died
+    EXPECT_EQ(fs.stat("/theirs", st), 0);
+}
+
+TEST_F(IPCFSTakenPlace, FirstThreadHasEndedAndCannotBeReaped_NothingReachesItsFiles) {
+    int begin[2];
+    ASSERT_EQ(pipe(begin), 0);
+    ChildProcess threads([&] {
+        if (fs.connect(1, nullptr) != 0)
+            return 1;
+        mine = openNew("mine");
+        std::thread([&] {
+            char byte;
+            const bool isRefused = ::read(begin[0], &byte, 1) == 1 &&
+                                   mine->write("mine", 4) == -1 && errno == ENOTCONN &&
+                                   !fs.isConnected();
+            _exit(isRefused ? 0 : 2);
+        }).detach();
+        // As pthread_exit(3), but the test's own frames are not unwound.
+        syscall(SYS_exit, 0);
+        return 3;
+    });
+    ASSERT_TRUE(test::eventually([&] { return firstThreadState(threads.pid()) == 'Z'; }));
+    letTheOtherOpen();
+    ASSERT_EQ(::write(begin[1], "b", 1), 1);
+    EXPECT_EQ(threads.wait(), 0);
+    letTheOtherWrite();
 }
 
 TEST_F(IPCFSTest, ForkedChild_HasNoPartInTheSession) {
@@ -1633,6 +1849,75 @@ TEST_F(IPCFSTest, ForkedChild_HasNoPartInTheSession) {
     EXPECT_EQ(file->write("parent", 6), 6);
     EXPECT_EQ(file->fstat(st), 0);
     EXPECT_EQ(st.st_size, 6);
+}
+
+TEST_F(IPCFSTest, ForkedChildOfADeadParent_HasNoPartInTheSession) {
+    if (!test::ownerDeathIsSeen())
+        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+    int lifeline[2];
+    int told[2];
+    ASSERT_EQ(pipe(lifeline), 0);
+    ASSERT_EQ(pipe(told), 0);
+    ChildProcess parent([&] {
+        if (fs.connect(1, nullptr) != 0)
+            return 1;
+        const auto file = openNew("f");
+        if (!file || file->write("parent", 6) != 6)
+            return 2;
+        if (fork() == 0) {
+            char byte;
+            ::close(lifeline[1]);
+            const bool isRefused = ::read(lifeline[0], &byte, 1) == 0 && // the parent is dead
+                                   file->write("child", 5) == -1 && errno == ENOTCONN &&
+                                   !fs.isConnected();
+            (void)!::write(told[1], isRefused ? "y" : "n", 1);
+            _exit(0);
+        }
+        return raise(SIGKILL);
+    });
+    ::close(lifeline[1]);
+    ::close(told[1]);
+    EXPECT_EQ(parent.wait(), -SIGKILL);
+    char isRefused = '?';
+    EXPECT_EQ(::read(told[0], &isRefused, 1), 1);
+    EXPECT_EQ(isRefused, 'y');
+    EXPECT_EQ(test::contents(dir / "f"), "parent");
+    EXPECT_EQ(mark(test::AreaView().area()), Done);
+    EXPECT_EQ(fs.connect(1, nullptr), 0);
+}
+
+namespace {
+
+/// The exit status of a process that does `work` and, to itself, is number 1; `refused` when there
+/// can be no such process.
+int firstOfItsNumbers(const std::function<int()>& work, int refused) {
+    if (unshare(CLONE_NEWPID) != 0)
+        return refused;
+    return ChildProcess(work).wait();
+}
+
+} // namespace
+
+// The thread that began the session holds its mutex after another one has ended it. A child whose
+// thread has the same number is not that thread.
+TEST_F(IPCFSTest, DisconnectedByAnotherThread_NothingBreaksInAChildOfTheSameNumber) {
+    constexpr int cannotBe = 77;
+    const auto connectInChild = [] { return IPCFS().connect(1, nullptr) == -1 ? 0 : 3; };
+    ChildProcess outer([&] {
+        return firstOfItsNumbers(
+            [&] {
+                if (fs.connect(1, nullptr) != 0)
+                    return 1;
+                std::thread([this] { fs.disconnect(); }).join();
+                return firstOfItsNumbers(connectInChild, 2);
+            },
+            cannotBe);
+    });
+    const int status = outer.wait();
+    if (status == cannotBe)
+        GTEST_SKIP() << "no process numbers of one's own";
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(fs.connect(1, nullptr), 0);
 }
 
 TEST_F(IPCFSTest, EndOfAFile_TellsNothingAboutAnotherFailure) {
@@ -1682,10 +1967,12 @@ TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_NothingBreaks) {
     sem_wait(&connected);
     fs.disconnect();
     EXPECT_EQ(fs.connect(1, nullptr), -1); // as long as that thread lives
+    EXPECT_EQ(mappingsOf(blockName), 2); // the server's, and one to which that thread's list leads
     sem_post(&goOn);
     owner.join();
     if (test::ownerDeathIsSeen()) {
         EXPECT_EQ(fs.connect(1, nullptr), 0);
+        EXPECT_EQ(mappingsOf(blockName), 2); // the server's and the session's
     }
 }
 
@@ -1704,6 +1991,8 @@ TEST_F(IPCFSWithFakeServer, ClientMutexBeyondRecovery_SaysSo) {
 }
 
 TEST(IPCFSWithoutServer, Connect_TriesOncePerSecond) {
+    // Servers that another test has ended leave it behind.
+    QFile::remove(objectPath(blockName));
     IPCFS fs;
     LogCapture log("fsipc=12");
     auto start = Clock::now();

@@ -6,6 +6,7 @@
 #include "support/ipcservice.h"
 #include "support/logcapture.h"
 #include "support/memfs.h"
+#include "support/recordingfs.h"
 #include "support/slots.h"
 
 #include <oruio/error.h>
@@ -322,6 +323,61 @@ TEST(IPCServer, AreaLeftBehindUnlocked_TakenOver) {
     EXPECT_FALSE(test::serviceExists());
 }
 
+// To a client of the old one that looks at its mutex, whoever holds that is a server.
+TEST(IPCServer, DeadServersMutex_FreeBeforeAnythingIsSaid) {
+    ShmBlock left(blockName, areaSize, ShmBlock::Create);
+    Area& area = areaOf(shmAt(left.base()));
+    SharedMutexAttributes().makeMutex(area.control.serverMutex);
+    setOwned(area, true);
+    LogCapture log("fsipcsrv=12");
+    QStringList saidBefore;
+    test::atCall("pthread_mutex_unlock", 1, [&] { saidBefore = log.messages(); });
+    RunningServer running(QSharedPointer<MemFS>::create());
+    EXPECT_EQ(withoutAddresses(saidBefore).last(), "Existing Shm");
+    EXPECT_EQ(log.messages().first(), "fsipcsrv 12 Server crash detected. Resetting.");
+}
+
+TEST(IPCServer, PredecessorCannotBeRemoved_RefusedAndItStays) {
+    const ShmBlock left(blockName, areaSize, ShmBlock::Create);
+    IPCServer server(QSharedPointer<MemFS>::create());
+    LogCapture log("fsipcsrv=12");
+    test::failCall("shm_unlink", 1, EPERM);
+    errno = 0;
+    EXPECT_EQ(server.run(nullptr), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(withoutAddresses(log.messages()),
+              QStringList({"fsipcsrv 12 IPC Server initializing", "Existing Shm",
+                           "fsipcsrv 12 Invalid shmblock", "fsipcsrv 12 IPC Server init failed",
+                           "fsipcsrv 12 IPC Server stopped"}));
+    EXPECT_TRUE(left.isValid());
+    EXPECT_TRUE(test::serviceExists());
+    RunningServer next(QSharedPointer<MemFS>::create());
+    EXPECT_FALSE(left.isValid());
+    EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
+}
+
+TEST(IPCServer, NoDescriptorToLookAtThePredecessor_ReplacedAllTheSame) {
+    const ShmBlock left(blockName, areaSize, ShmBlock::Create);
+    test::failCall("shm_open", 2, EMFILE); // the first one finds it
+    RunningServer running(QSharedPointer<MemFS>::create());
+    // The server has an object of its own.
+    EXPECT_FALSE(left.isValid());
+    EXPECT_FALSE(isOwned(areaOf(shmAt(left.base()))));
+    EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
+}
+
+TEST(IPCServer, BlockCannotBeRemovedAtTheEnd_TriedAgain) {
+    for (const char* call : {"shm_open", "shm_unlink"}) {
+        RunningServer running(QSharedPointer<MemFS>::create());
+        const test::AreaView view;
+        test::failCall(call, 1, EMFILE);
+        running.server->terminate();
+        EXPECT_EQ(running.join(), 0);
+        EXPECT_FALSE(view.isThere()) << call;
+        EXPECT_FALSE(test::serviceExists()) << call;
+    }
+}
+
 TEST(IPCServer, AreaOfNobody_Replaced) {
     const ShmBlock left(blockName, areaSize, ShmBlock::Create);
     {
@@ -353,6 +409,15 @@ TEST(IPCServer, BlockCannotBeMade_SaysSo) {
                      "fsipcsrv 12 Invalid shmblock", "fsipcsrv 12 IPC Server init failed",
                      "fsipcsrv 12 IPC Server stopped"}));
     shm_unlink("/_blk_fsipc");
+}
+
+TEST(IPCServer, ObjectCannotBeMade_TellsWhy) {
+    IPCServer server(QSharedPointer<MemFS>::create());
+    // Looking for one takes 20 attempts, both for a predecessor's and for its own.
+    test::failCall("shm_open", 41, EACCES);
+    EXPECT_EQ(server.run(nullptr), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_FALSE(test::serviceExists());
 }
 
 TEST(IPCServer, NewBlockStaysLocked_SaysSo) {
@@ -413,6 +478,15 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& tested) {
         return std::string(tested.param.call) + std::to_string(tested.param.count);
     });
+
+TEST(IPCServer, InitFailsAndSoDoesCleaningUp_TellsTheFirstReason) {
+    IPCServer server(QSharedPointer<MemFS>::create());
+    test::failCall("pthread_mutex_init", 2, EAGAIN);
+    test::atCall("shm_unlink", 1, [] { ::unlink("/dev/shm/_blk_fsipc"); });
+    EXPECT_EQ(server.run(nullptr), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_FALSE(test::serviceExists());
+}
 
 TEST(IPCServer, FirstResetFails_TornDownAsAtANormalEnd) {
     IPCServer server(QSharedPointer<MemFS>::create());
@@ -500,6 +574,21 @@ TEST(IPCServer, TerminatedWithASessionOpen_EverythingClosed) {
     FDAdapter bystander(QSharedPointer<MemFS>::create());
     EXPECT_EQ(bystander.lseek(fd.toInt(), 0, SEEK_SET), -1);
     EXPECT_EQ(liberrno, NotFound);
+}
+
+TEST(IPCServer, TerminatedWhileAClientWaitsForABuffer_ItWaitsNoLonger) {
+    RunningServer running(QSharedPointer<MemFS>::create());
+    const test::AreaView view;
+    EXPECT_EQ(view.shm()->allocDataBuf(1), 0);
+    EXPECT_EQ(view.shm()->allocDataBuf(1), 1);
+    const auto start = Clock::now();
+    std::thread waiter([&] {
+        EXPECT_EQ(view.shm()->allocDataBuf(60), -1);
+        EXPECT_EQ(errno, EAGAIN);
+    });
+    running.server->terminate();
+    waiter.join();
+    EXPECT_LT(secondsSince(start), 30);
 }
 
 TEST_F(IPCServerBusy, StillActiveAfterTheTimeout_SaysSo) {
@@ -865,7 +954,8 @@ protected:
     }
 
     std::unique_ptr<Area> area = std::make_unique<Area>();
-    IPCServer::Data data{QSharedPointer<MemFS>::create()};
+    QSharedPointer<test::RecordingFS> fs = QSharedPointer<test::RecordingFS>::create();
+    IPCServer::Data data{fs};
 };
 
 TEST_F(IPCServerData, ResponseTooLong_ReplacedByE2BIG) {
@@ -894,6 +984,20 @@ TEST_F(IPCServerData, RecordTooLong_ReplacedByE2BIG) {
     EXPECT_STREQ(area->response, "-1,7,0 Server Error");
     EXPECT_EQ(area->unused[0], 'u');
     EXPECT_TRUE(log.messages().contains("fsipcsrv 12 Response 'readlink' exceeds max 8704"));
+}
+
+TEST_F(IPCServerData, Syncs_EachAsItself) {
+    const auto process = [this](const QByteArray& request) {
+        std::strcpy(data.request.bytes, request.constData());
+        data.process();
+        return fs->take();
+    };
+    EXPECT_EQ(process("open 2 0 /f"), QStringList("open /f 2 0"));
+    ASSERT_EQ(data.files.size(), 1);
+    const QByteArray fd = QByteArray::number(data.files.first());
+    EXPECT_EQ(process("sync"), QStringList("sync"));
+    EXPECT_EQ(process("fsync " + fd), QStringList("fsync"));
+    EXPECT_EQ(process("fdatasync " + fd), QStringList("fdatasync"));
 }
 
 TEST_F(IPCServerData, Handlers_ForEveryOperation) {

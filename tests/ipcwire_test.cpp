@@ -38,13 +38,24 @@ TEST(IpcLayout, Area_FieldsInOrder) {
     EXPECT_LT(offsetof(AreaControl, bufferSem), offsetof(AreaControl, bufferMap));
     EXPECT_EQ(offsetof(Area, request), sizeof(AreaControl));
     EXPECT_EQ(offsetof(Area, response), offsetof(Area, request) + 8704);
-    EXPECT_EQ(offsetof(Area, unused), offsetof(Area, response) + 8704);
+    EXPECT_EQ(offsetof(Area, sessions), offsetof(Area, response) + 8704);
+    EXPECT_EQ(offsetof(Area, unused), offsetof(Area, sessions) + 4);
     EXPECT_EQ(offsetof(Area, buffers) % 16, 0U);
 }
 
 TEST(IpcLayout, Area_WithinTheObject) {
     EXPECT_LE(sizeof(BlockHeader) + sizeof(Area), 0x205028U);
     EXPECT_GE(sizeof(BlockHeader) + sizeof(Area), 0x205020U);
+}
+
+TEST(IpcSessions, Numbers_GoOnFromWhateverStandsThere) {
+    const auto area = std::make_unique<Area>();
+    EXPECT_EQ(lastSession(*area), 0U);
+    EXPECT_EQ(beginSession(*area), 1U);
+    EXPECT_EQ(lastSession(*area), 1U);
+    area->sessions = 0xFFFFFFFF;
+    EXPECT_EQ(beginSession(*area), 0U);
+    EXPECT_EQ(lastSession(*area), 0U);
 }
 
 TEST(IpcLocks, Commands_HaveTheTargetsNumbersOnTheWire) {

@@ -57,7 +57,9 @@ public:
     void removeAtClose();
     /// Removes the object at once: its name is free, and no further process can open or lock it.
     /// An object that has got the name meanwhile keeps it. Only for the holder of the lock.
-    void remove();
+    /// \returns whether that worked; if not, all is as it was and errno says why, as of
+    /// shm_unlink(3).
+    bool remove();
 
     /// The time on CLOCK_REALTIME in `ms` milliseconds. A full second of nanoseconds is carried
     /// only when there is more than that, so that tv_nsec can be 1,000,000,000.
@@ -99,6 +101,7 @@ private:
     bool map(int fd);
     void unmap();
     bool isReady(int fd) const;
+    bool isNamed() const;
     bool initialise(int fd);
     bool initialiseHeader();
     void* lockedData(int lockResult);
@@ -144,19 +147,29 @@ private:
 /// The file system that an IPCServer in another process serves.
 ///
 /// Every operation is one request to the server, and fails with errno ENOTCONN while there is no
-/// session. The session ends with disconnect(), when the server goes away, and when it has not
-/// answered within 10 s; connect() then begins a new one. Files and directories belong to the
-/// session that opened them: in a later one they answer EBADF. They may outlive the IPCFS.
+/// session. The session ends with disconnect(), when the server goes away, when it has not answered
+/// within 10 s, and with any answer whose errno is ENOTCONN or ESHUTDOWN, such as that of a served
+/// file system that has lost a connection of its own; connect() then begins a new one. Files and
+/// directories belong to the session that opened them: in a later one they answer EBADF. They may
+/// outlive the IPCFS.
 ///
-/// One process at a time can be connected. Extended attributes, watches and ioctl() are not
-/// implemented.
+/// Of a file, read(), write(), pread() and pwrite() carry at most 1 MiB and come back short when
+/// asked for more, so that readAll() of more than that is empty. fchmod() is flock() with the mode
+/// for its operation. fcntl() takes locks (F_SETLK, F_SETLKW) for the server's process; F_GETLK
+/// does not tell which lock it found: the record stays as it was. F_DUPFD, F_DUPFD_CLOEXEC,
+/// F_GETFD, F_SETFD, F_GETFL and F_SETFL change nothing and give 0 for any file that is open in the
+/// server; other commands fail with errno EOPNOTSUPP.
+///
+/// One IPCFS at a time can be connected, of those in all processes. Extended attributes, watches
+/// and ioctl() are not implemented.
 ///
 /// Threads: the request area holds one request, so calls on an IPCFS and on its files and
 /// directories must not overlap; callers serialise them. The thread that connects holds a lock for
 /// the whole session: it should live as long, and be the one that disconnects. When it ends before,
-/// another process may take the session's place; this one then answers ENOTCONN. When the session
-/// ends on another thread, others can connect only after that thread has ended or connected anew.
-/// A child of fork(2) has no part in the session.
+/// another client may take the session's place, and the server, which looks every 30 s, makes it
+/// free; this client then answers ENOTCONN. When the session ends on another thread, others can
+/// connect only after the thread that connected has ended or connected anew. A child of fork(2) has
+/// no part in the session, also when its parent is no more.
 ///
 /// Time-outs are measured on CLOCK_REALTIME: setting it forward cuts them short, setting it back
 /// makes them longer.
@@ -174,7 +187,9 @@ public:
     /// A file of descriptor 0 in the server cannot be used: its operations answer EBADF.
     QSharedPointer<File> open(QString path, int flags, int mode) override;
     /// Null when the request failed or the server's file system gave no directory. Over a server's
-    /// local backend a directory that cannot be opened is an empty one, and errno tells why.
+    /// local backend a directory that cannot be opened is an empty one, and errno tells why. Its
+    /// readdir() leaves -1 in errno at the end, and also when the server's file system cannot go
+    /// on.
     QSharedPointer<Directory> opendir(QString path) override;
     int lstat(QString path, struct stat& st) override;
     int stat(QString path, struct stat& st) override;
@@ -210,9 +225,9 @@ public:
 
     /// Begins a session, in up to `tries` attempts, with a pause of 1 s after each that failed.
     /// `props` is not read and may be null. \returns 0 when connected, also if it was before, else
-    /// -1 with errno ENOTCONN, or why the server refused. An attempt takes up to 30 s: when the
-    /// block is locked for long, a former session is long in ending, and the server does not
-    /// answer.
+    /// -1 with errno ENOTCONN, or why the server refused. An attempt takes up to 40 s: 10 s each
+    /// for the block, for the last request of a former session, for the end of that session, and
+    /// for the server's answer.
     virtual int connect(unsigned int tries, Properties* props);
     /// Ends the session, if there is one. Returns when the server has closed all that the session
     /// had open; does not wait longer than 10 s for the block, and as long for the server.

@@ -30,8 +30,9 @@ public:
     /// can be run again.
     ///
     /// What a crashed server left behind is removed first, unless that was a program of another
-    /// word size: whether it still runs cannot be told, and errno is EBUSY. Its client is left to
-    /// find out. What the client had open is closed at the end.
+    /// word size: whether it still runs cannot be told, and errno is EBUSY. When it cannot be
+    /// removed, errno is that of shm_unlink(3). Its client is left to find out. What the client had
+    /// open is closed at the end.
     virtual int run(Properties* props);
     /// 0 stopped, 1 initialising, 2 serving, 3 terminating.
     virtual int state();
