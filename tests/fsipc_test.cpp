@@ -1100,7 +1100,10 @@ TEST_F(IPCFSTest, FcntlLocks_TravelUnderTheTargetsNumbers) {
     EXPECT_EQ(::fcntl(fd, F_SETLK, &lock), -1);
     struct flock asked = lock;
     EXPECT_EQ(file->fcntl(F_GETLK, &asked), 0);
-    EXPECT_EQ(std::memcmp(&asked, &lock, sizeof lock), 0);
+    EXPECT_EQ(asked.l_type, lock.l_type);
+    EXPECT_EQ(asked.l_start, lock.l_start);
+    EXPECT_EQ(asked.l_len, lock.l_len);
+    EXPECT_EQ(asked.l_pid, lock.l_pid);
     lock.l_whence = 99;
     EXPECT_EQ(file->fcntl(F_SETLK, &lock), -1);
     EXPECT_EQ(errno, EINVAL);

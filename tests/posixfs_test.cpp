@@ -277,7 +277,7 @@ TEST_F(PosixFSTest, ListxattrOverridden_VectorFormUsesIt) {
 
 TEST_F(PosixFSTest, ListxattrOfNameWithByteOrderMark_KeepsIt) {
     ListingFS listing;
-    listing.text = std::string("\xEF\xBB\xBFn", 5);
+    listing.text = std::string("\xEF\xBB\xBFn") + '\0';
     listing.result = 5;
     QVector<QString> names;
     EXPECT_EQ(listing.listxattr("/any", names), 5);

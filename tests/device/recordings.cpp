@@ -77,7 +77,7 @@ QByteArray expectRecovered(const Recording& recording, const Told& told) {
         EXPECT_EQ(contents(file).size(), told.finished[clip].bytes);
         expectBeginning(contents(file), told.finished[clip]);
     }
-    const QByteArray next = contents(fileOf(recording, told.finished.size()));
+    QByteArray next = contents(fileOf(recording, told.finished.size()));
     if (told.next.bytes > 0)
         expectBeginning(next, told.next);
     EXPECT_EQ(umountPath(qPrintable(recording.directory), nullptr), 0) << strerror();
