@@ -46,8 +46,8 @@ constexpr int lockTimeoutMs = 10'000;
 /// to look.
 constexpr int openTries = 20;
 constexpr auto openPause = std::chrono::microseconds(500);
-/// How often to try for the lock of one who creates, with the same pause: for a second.
-constexpr int lockTries = 2000;
+/// How long to try for the lock of one who creates, with the same pause.
+constexpr auto creationTimeout = std::chrono::seconds(1);
 
 /// Refuses a call for this reason.
 int refused(int reason) {
@@ -101,11 +101,10 @@ void setMagic(void* base, std::uint32_t value) {
 class CreationLock {
 public:
     explicit CreationLock(int fd) : m_fd(fd) {
-        for (int tries = 0; !m_isHeld && tries < lockTries; ++tries) {
-            if (tries > 0)
-                std::this_thread::sleep_for(openPause);
-            m_isHeld = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
-        }
+        const auto deadline = std::chrono::steady_clock::now() + creationTimeout;
+        while (!(m_isHeld = ::flock(fd, LOCK_EX | LOCK_NB) == 0) &&
+               std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(openPause);
     }
     ~CreationLock() {
         if (m_isHeld)
@@ -307,12 +306,12 @@ bool ShmBlock::remove() {
     return true;
 }
 
-/// Whether the name leads to this block's object. It does when nobody can look, for want of
-/// descriptors: while the header is valid, only the holder of the lock takes the name away.
+/// Whether the name leads to this block's object. When nobody can look, for want of descriptors,
+/// the header tells: while it is valid, only the holder of the lock takes the name away.
 bool ShmBlock::isNamed() const {
     const int named = shm_open(m_name, O_RDWR, 0666);
     if (named == -1)
-        return errno != ENOENT;
+        return errno != ENOENT && isValid();
     const bool isThisOne = statusOf(named).st_ino == m_object;
     ::close(named);
     return isThisOne;
@@ -520,6 +519,9 @@ bool IPCFS::Data::enter() {
     if (DBG_MASK & TraceLifecycle)
         ORUIO_LOG(LogDebug, "Detected Server online");
     const int error = pthread_mutex_trylock(&area().control.clientMutex);
+    // Before anything else: this ends a session that still takes the mutex for its own.
+    if (error == 0 || error == EOWNERDEAD)
+        m_areaSession = beginSession(area());
     switch (error) {
     case 0:
         break;
@@ -536,7 +538,6 @@ bool IPCFS::Data::enter() {
     }
     m_holdsClientMutex = true;
     m_owner = currentThread();
-    m_areaSession = beginSession(area());
     m_process = thisProcess();
     return true;
 }
@@ -574,6 +575,10 @@ void IPCFS::Data::end() {
     if (state != Connected)
         return;
     const KeptReason kept;
+    if (m_process != thisProcess()) {
+        holdsSession(); // it never does; and the block's mutex is the parent's matter
+        return;
+    }
     const ShmBlock::Access<IPCShm> access(block);
     if (!holdsSession())
         return;
@@ -600,12 +605,12 @@ bool IPCFS::Data::holdsClientMutex() {
     pthread_mutex_t& clientMutex = area().control.clientMutex;
     const int error = pthread_mutex_trylock(&clientMutex);
     // The owner, alive or dead, may be that of a later session.
-    const bool isLastSession = lastSession(area()) == m_areaSession;
+    const bool isLast = isLastSession();
     if (error == EBUSY)
-        return isLastSession && isAlive(m_owner);
+        return isLast && isAlive(m_owner);
     if (error == EOWNERDEAD) {
         pthread_mutex_consistent(&clientMutex);
-        if (isLastSession) {
+        if (isLast) {
             m_owner = currentThread();
             return true;
         }
@@ -615,16 +620,24 @@ bool IPCFS::Data::holdsClientMutex() {
     return false;
 }
 
-/// Lets go of the client mutex and the block, whatever the server does.
+/// Whether no other client has begun one since.
+bool IPCFS::Data::isLastSession() {
+    return lastSession(area()) == m_areaSession;
+}
+
+/// Lets go of the client mutex and the block, whatever the server does and the area says.
 void IPCFS::Data::leave() {
     const KeptReason kept;
     state = NotConnected;
-    if (m_holdsClientMutex) {
+    if (m_holdsClientMutex && isLastSession())
         withdraw(area());
-        if (pthread_mutex_unlock(&area().control.clientMutex) == EPERM)
+    if (m_owner != 0 && m_process == thisProcess()) {
+        const bool isAnothers = pthread_mutex_unlock(&area().control.clientMutex) == EPERM;
+        if (isAnothers && m_owner != currentThread() && isAlive(m_owner))
             keptBlocks().add(block, m_owner);
     }
     m_holdsClientMutex = false;
+    m_owner = 0;
     shm = nullptr;
     block.reset();
 }
@@ -743,6 +756,12 @@ int IPCFS::Data::awaitResponse(const char** payload) {
     sem_t& responseSem = area().control.responseSem;
     if (!m_poller.take(responseSem) && !waitUntilPosted(responseSem)) {
         ORUIO_LOG(LogDebug, "Response wait error: %s. Disconnecting.", std::strerror(errno));
+        leave();
+        return refused(ENOTCONN);
+    }
+    if (m_holdsClientMutex && !isLastSession()) {
+        sem_post(&responseSem); // it was for another client
+        ORUIO_LOG(LogDebug, "Session lost. Stopping client");
         leave();
         return refused(ENOTCONN);
     }

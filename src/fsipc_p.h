@@ -68,6 +68,7 @@ private:
     bool endPredecessor();
     bool holdsSession();
     bool holdsClientMutex();
+    bool isLastSession();
     void leave();
 
     int send(const char* name, const void* data, std::size_t length, const char* format,
@@ -82,7 +83,7 @@ private:
     bool await(Condition condition);
 
     bool m_holdsClientMutex = false;
-    pid_t m_owner = 0;               // the thread that holds it
+    pid_t m_owner = 0;               // the thread that took it, for the present session
     std::uint32_t m_areaSession = 0; // the area's number of the session
     unsigned int m_process = 0;      // which process of a line of forks has begun it
     ipcwire::Text m_response;

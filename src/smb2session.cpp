@@ -250,9 +250,9 @@ smb2_create_request opening(const char* path, std::uint32_t access, std::uint32_
 
 /// What comes of a request of one command or more.
 struct Smb2Session::Reply {
-    int unanswered = 1;          ///< commands
-    int result = 0;              ///< of the first that failed, a negative errno; else 0 or a count
-    bool renewsDeadline = false; ///< with each request after the first
+    int unanswered = 1; ///< commands
+    int result = 0;     ///< of the first that failed, a negative errno; else 0 or a count
+    int renewals = 0;   ///< how many requests after the first have a deadline of their own
     void* data = nullptr;
 
     bool isComplete() const {
@@ -731,7 +731,7 @@ int Smb2Session::fsync(smb2fh* file) {
 
 int Smb2Session::opendir(const char* path, smb2dir*& dir) {
     Reply opened;
-    opened.renewsDeadline = true;
+    opened.renewals = 10'000; // more than any listing has: one without an end has an end
     const int result = request(opened, deadline(), [&](smb2_context* context, Reply* reply) {
         return smb2_opendir_async(context, path, Reply::take, reply);
     });
@@ -791,8 +791,10 @@ int Smb2Session::await(Reply& reply, QDeadlineTimer deadline) {
         const auto events = static_cast<short>(smb2_which_events(context));
         // Of several requests libsmb2 queues the next one when it has all of the answer before it.
         const bool hasRequest = (events & POLLOUT) != 0;
-        if (reply.renewsDeadline && hasRequest && !hadRequest)
+        if (hasRequest && !hadRequest && reply.renewals > 0) {
             deadline = this->deadline();
+            --reply.renewals;
+        }
         hadRequest = hasRequest;
         const int limit = remaining(deadline);
         if (limit == 0)

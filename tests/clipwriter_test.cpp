@@ -9,6 +9,10 @@
 #include <oruio/fsswitch.h>
 #include <oruio/posixfs.h>
 
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -38,6 +42,26 @@ protected:
             return failure.message;
         }
         return {};
+    }
+
+    /// Finishes a clip while the given call fails. \returns as failureOf().
+    QString failureToFinish(int call, int error = EIO) {
+        const auto clip = ClipWriter::create(m_destination, "clip");
+        clip->write("frame", 5);
+        m_fs->plan().failCall(call, error);
+        try {
+            clip->finish();
+        } catch (const Failure& failure) {
+            return failure.message;
+        }
+        return {};
+    }
+
+    QStringList namesLeft() {
+        QStringList names = QDir(m_directory.path()).entryList(QDir::Files, QDir::Name);
+        for (const QString& name : names)
+            QFile::remove(m_directory.path() + QLatin1Char('/') + name);
+        return names;
     }
 
 private:
@@ -70,6 +94,34 @@ TEST_F(ClipWriterTest, StorageSyncsNoDirectories_IsNoFailure) {
         EXPECT_EQ(failureOf(openDirectory, error), QString());
         EXPECT_NE(failureOf(syncDirectory, error), QString());
     }
+}
+
+/// The file before its directory: a name must not be durable before what it names.
+TEST_F(ClipWriterTest, AnyCallOfFinishFails_TheClipHasItsNameOrLeavesNothing) {
+    const char* const actions[] = {"sync .*/clip\\.part",
+                                   "close .*/clip\\.part",
+                                   "look for .*/clip",
+                                   "rename to .*/clip",
+                                   "sync .*/clip",
+                                   "sync .*/clip",
+                                   nullptr,
+                                   "sync the directory .*",
+                                   "sync the directory .*",
+                                   nullptr};
+    constexpr int naming = 4; // the fourth call
+    int call = 0;
+    for (const char* action : actions) {
+        SCOPED_TRACE(++call);
+        const QString pattern =
+            action ? QString("cannot %1: Input/output error").arg(action) : QString();
+        const QString message = failureToFinish(call);
+        EXPECT_TRUE(QRegularExpression('^' + pattern + '$').match(message).hasMatch())
+            << qPrintable(message);
+        EXPECT_EQ(namesLeft(), call <= naming ? QStringList() : QStringList("clip"));
+    }
+    // As of a clip that its mode lets nobody write.
+    EXPECT_EQ(failureToFinish(naming + 1, EACCES), QString());
+    EXPECT_EQ(namesLeft(), QStringList("clip"));
 }
 
 } // namespace

@@ -273,6 +273,18 @@ TEST(ShmBlock, NoDescriptorToLookAtTheName_RemovedAllTheSame) {
     }
 }
 
+TEST(ShmBlock, NoDescriptorToLookAtTheNameOfAnotherBlock_NotRemoved) {
+    ShmBlock old("t-blind", 100, ShmBlock::Create);
+    ASSERT_NE(old.lock(), nullptr);
+    EXPECT_TRUE(old.remove());
+    EXPECT_EQ(old.unlock(), 0);
+    const ShmBlock next("t-blind", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
+    ASSERT_TRUE(next.isValid());
+    test::failCall("shm_open", 1, ENFILE);
+    EXPECT_TRUE(old.remove());
+    EXPECT_TRUE(objectExists("t-blind"));
+}
+
 TEST(ShmBlock, NameCannotBeTakenAway_StaysValid) {
     ShmBlock block("t-fast", 100, ShmBlock::Create);
     ASSERT_NE(block.lock(), nullptr);
@@ -1838,6 +1850,20 @@ TEST_F(IPCFSTakenPlace, FirstThreadHasEndedAndCannotBeReaped_NothingReachesItsFi
     letTheOtherWrite();
 }
 
+TEST_F(IPCFSTest, SessionNumberOverwritten_SessionIsLostAndNothingElse) {
+    ASSERT_EQ(fs.connect(1, nullptr), 0);
+    const auto file = openNew("f");
+    ASSERT_TRUE(file);
+    test::AreaView().area().sessions += 7;
+    EXPECT_EQ(file->write("abc", 3), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_FALSE(fs.isConnected());
+    // The mutex is free, and no list of this thread leads to memory that is gone.
+    EXPECT_EQ(mappingsOf(blockName), 0);
+    ASSERT_EQ(fs.connect(1, nullptr), 0);
+    EXPECT_EQ(fs.mkdir("/d", 0755), 0);
+}
+
 TEST_F(IPCFSTest, ForkedChild_HasNoPartInTheSession) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     auto file = openNew("f");
@@ -1958,7 +1984,9 @@ TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_NothingBreaks) {
     sem_t goOn;
     sem_init(&connected, 0, 0);
     sem_init(&goOn, 0, 0);
+    pid_t number = 0;
     std::thread owner([&] {
+        number = static_cast<pid_t>(syscall(SYS_gettid));
         EXPECT_EQ(fs.connect(1, nullptr), 0);
         sem_post(&connected);
         sem_wait(&goOn);
@@ -1974,6 +2002,9 @@ TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_NothingBreaks) {
     sem_post(&goOn);
     owner.join();
     if (test::ownerDeathIsSeen()) {
+        // The system is done with a thread a moment later than its joiner is told.
+        EXPECT_TRUE(
+            test::eventually([&] { return syscall(SYS_tgkill, getpid(), number, 0) == -1; }));
         EXPECT_EQ(fs.connect(1, nullptr), 0);
         EXPECT_EQ(mappingsOf(blockName), 2); // the server's and the session's
     }

@@ -139,11 +139,13 @@ run_in_device() {
     local directory
     results=$root/build/device/tests
     "$root/tools/device/run-tests" "$results" "$@" || status=$?
+    [[ $status -le 1 ]] || exit "$status" # it did not run
     for directory in "$results"/*; do
         if [[ -e $directory/tests.xml ]]; then
             show_failures "$directory"
         else
             echo "failed: the device with ${directory##*/} has left no results"
+            broken=$((broken + 1))
         fi
     done
 }
@@ -161,12 +163,13 @@ read_results() {
 }
 
 status=0
+broken=0 # devices
 case $preset in
 device) run_in_device "$@" ;;
 *) run_here "$@" ;;
 esac
 
-passed=0 failed=0 skipped=0 unexpected=0
+passed=0 failed=$broken skipped=0 unexpected=0
 while IFS=$'\t' read -r outcome name reason; do
     case $outcome in
     passed) passed=$((passed + 1)) ;;

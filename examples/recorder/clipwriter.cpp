@@ -58,7 +58,7 @@ bool isUnsupported() {
            failedWith(EOPNOTSUPP);
 }
 
-/// Whether opening a directory failed because the storage lets nobody do that, or not this user.
+/// Whether opening failed because the storage lets nobody do that, or not this user.
 bool isClosedToUs() {
     return isUnsupported() || failedWith(EISDIR) || failedWith(EPERM) || failedWith(EACCES);
 }
@@ -73,26 +73,18 @@ void syncAndClose(int fd, const QString& action) {
         throw *failure;
 }
 
-/// Makes a new name durable, where the storage lets a directory be opened and synced for that.
-void syncDirectory(const Destination& destination) {
-    const QString action = "sync the directory " + destination.shown({});
-    const int fd =
-        storage().open(qUtf8Printable(destination.directory()), O_RDONLY | O_DIRECTORY, 0);
-    if (fd < 0) {
-        if (isClosedToUs())
-            return;
+/// Makes durable what belongs to a name, where the storage lets it be opened and synced for that.
+void syncPath(const QString& path, int flags, const QString& action) {
+    const int fd = storage().open(qUtf8Printable(path), flags | O_CLOEXEC, 0);
+    if (fd >= 0)
+        syncAndClose(fd, action);
+    else if (!isClosedToUs())
         throw cannot(action);
-    }
-    syncAndClose(fd, action);
 }
 
-/// Makes durable what belongs to a file under its present name.
-void syncFile(const Destination& destination, const QString& name) {
-    const QString action = "sync " + destination.shown(name);
-    const int fd = storage().open(qUtf8Printable(destination.path(name)), O_WRONLY | O_CLOEXEC, 0);
-    if (fd < 0)
-        throw cannot(action);
-    syncAndClose(fd, action);
+void syncDirectory(const Destination& destination) {
+    syncPath(destination.directory(), O_RDONLY | O_DIRECTORY,
+             "sync the directory " + destination.shown({}));
 }
 
 } // namespace
@@ -191,7 +183,7 @@ void ClipWriter::finish() {
         throw cannot("rename to " + m_destination.shown(m_name));
     m_partExists = false;
     // A FAT's entry of the new name tells of an empty file until the file is synced once more.
-    syncFile(m_destination, m_name);
+    syncPath(m_destination.path(m_name), O_WRONLY, "sync " + m_destination.shown(m_name));
     syncDirectory(m_destination);
 }
 

@@ -11,8 +11,9 @@
 #include <cstddef>
 #include <memory>
 
-/// Writes a clip under NAME.part; finish() gives it its name. A clip that is not finished leaves
-/// nothing behind, unless the storage itself is out of reach by then.
+/// Writes a clip under NAME.part; finish() gives it its name. A clip without its name leaves
+/// nothing behind, unless the storage itself is out of reach by then; one that has it stays, also
+/// when finish() fails to make that durable.
 ///
 /// All functions throw Failure.
 class ClipWriter {

@@ -21,7 +21,7 @@ TEST_F(AfterPowerCut, WhatWasFinishedOrSynced_IsThere) {
         if (!QFile::exists(recording.log))
             GTEST_SKIP() << "the power was not cut before";
         const Told told = toldSoFar(recording);
-        EXPECT_GT(told.finished.size() + told.next.bytes, 0);
+        EXPECT_FALSE(told.finished.isEmpty());
         expectRecovered(recording, told);
     }
 }
