@@ -1978,6 +1978,26 @@ TEST_F(IPCFSWithFakeServer, TimedOutOnAnotherThread_BeginnersThreadConnectsAgain
     test::shortenWaits(0);
 }
 
+TEST_F(IPCFSWithFakeServer, PlaceTakenBeforeTheAnswer_ThatIsTheOthers) {
+    server.beSilent();
+    AreaControl& control = server.area().control;
+    std::thread other([this, &control] {
+        EXPECT_TRUE(test::eventually([this] { return server.request().startsWith("mkdir"); }));
+        beginSession(server.area());
+        sem_post(&control.responseSem);
+    });
+    EXPECT_EQ(fs.mkdir("/d", 0755), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+    other.join();
+    EXPECT_FALSE(fs.isConnected());
+    int answers = 0;
+    EXPECT_EQ(sem_getvalue(&control.responseSem, &answers), 0);
+    EXPECT_EQ(answers, 1);
+    EXPECT_EQ(mark(server.area()), Taken);
+    EXPECT_EQ(pthread_mutex_trylock(&control.clientMutex), 0);
+    EXPECT_EQ(pthread_mutex_unlock(&control.clientMutex), 0);
+}
+
 TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_NothingBreaks) {
     fs.disconnect();
     sem_t connected;
