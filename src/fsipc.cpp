@@ -632,8 +632,9 @@ void IPCFS::Data::leave() {
     if (m_holdsClientMutex && isLastSession())
         withdraw(area());
     if (m_owner != 0 && m_process == thisProcess()) {
-        const bool isAnothers = pthread_mutex_unlock(&area().control.clientMutex) == EPERM;
-        if (isAnothers && m_owner != currentThread() && isAlive(m_owner))
+        if (m_owner == currentThread())
+            pthread_mutex_unlock(&area().control.clientMutex);
+        else if (isAlive(m_owner))
             keptBlocks().add(block, m_owner);
     }
     m_holdsClientMutex = false;
