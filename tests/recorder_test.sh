@@ -24,9 +24,9 @@ run_on_tmpfs() {
     local options=$1 namespace=-m
     shift
     [ "$(id -u)" -eq 0 ] || namespace=-rm
-    unshare $namespace mount -t tmpfs none "$clips" 2>/dev/null || return 1
+    unshare $namespace --propagation slave mount -t tmpfs none "$clips" 2>/dev/null || return 1
     # shellcheck disable=SC2016  # the inner shell expands these
-    run unshare $namespace sh -c '
+    run unshare $namespace --propagation slave sh -c '
         mount -t tmpfs -o "$1" none "$2" || exit 99
         directory=$2 left=$3
         shift 3

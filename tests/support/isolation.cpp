@@ -37,8 +37,9 @@ bool enterNamespaces(int flags) {
 
 bool isolate(Own own) {
     const bool hasNetwork = own == Own::MountsAndNetwork;
+    // What others unmount goes here too: a copy of the mount would keep their disk busy.
     if (!enterNamespaces(hasNetwork ? CLONE_NEWNS | CLONE_NEWNET : CLONE_NEWNS) ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0)
         return false;
     // umockdev queues udev's messages in a socket, which takes few of them by default.
     if (hasNetwork)
