@@ -85,7 +85,7 @@ export PKG_CONFIG_PATH=$libraries/pkgconfig
 compile=$(pkg-config --cflags oruio)
 link=$(pkg-config --libs oruio)
 # shellcheck disable=SC2086 # lists of flags
-"$(cached CMAKE_CXX_COMPILER)" "${flags[@]}" $compile \
+"$(cached CMAKE_CXX_COMPILER)" -fPIC "${flags[@]}" $compile \
     "$source/main.cpp" -o "$work/consumer" $link
 # What pkg-config tells names no place to find the libraries at when the program starts.
 export LD_LIBRARY_PATH=$libraries
