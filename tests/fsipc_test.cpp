@@ -2071,9 +2071,7 @@ TEST(IPCFSWithoutServer, Connect_TriesOncePerSecond) {
 
 TEST(IPCFSWithoutServer, AreaLeftBehindUnlocked_SaysSo) {
     ShmBlock block(blockName, areaSize, ShmBlock::Create | ShmBlock::RemoveAtClose);
-    Area& area = areaOf(shmAt(block.base()));
-    SharedMutexAttributes().makeMutex(area.control.serverMutex);
-    setOwned(area, true);
+    test::leaveBehind(block);
     IPCFS fs;
     LogCapture log("fsipc=12");
     EXPECT_EQ(fs.connect(1, nullptr), -1);

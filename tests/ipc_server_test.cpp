@@ -307,9 +307,7 @@ TEST(IPCServer, CompetingServer_LeftAlone) {
 
 TEST(IPCServer, AreaLeftBehindUnlocked_TakenOver) {
     ShmBlock left(blockName, areaSize, ShmBlock::Create);
-    Area& area = areaOf(shmAt(left.base()));
-    SharedMutexAttributes().makeMutex(area.control.serverMutex);
-    setOwned(area, true);
+    const Area& area = test::leaveBehind(left);
     LogCapture log("fsipcsrv=12");
     {
         RunningServer running(QSharedPointer<MemFS>::create());
@@ -326,9 +324,7 @@ TEST(IPCServer, AreaLeftBehindUnlocked_TakenOver) {
 // To a client of the old one that looks at its mutex, whoever holds that is a server.
 TEST(IPCServer, DeadServersMutex_FreeBeforeAnythingIsSaid) {
     ShmBlock left(blockName, areaSize, ShmBlock::Create);
-    Area& area = areaOf(shmAt(left.base()));
-    SharedMutexAttributes().makeMutex(area.control.serverMutex);
-    setOwned(area, true);
+    test::leaveBehind(left);
     LogCapture log("fsipcsrv=12");
     QStringList saidBefore;
     test::atCall("pthread_mutex_unlock", 1, [&] { saidBefore = log.messages(); });

@@ -52,6 +52,13 @@ bool serviceExists() {
     return access("/dev/shm/_blk_fsipc", F_OK) == 0;
 }
 
+ipcwire::Area& leaveBehind(ShmBlock& block) {
+    ipcwire::Area& area = ipcwire::areaOf(ipcwire::shmAt(block.base()));
+    ipcwire::SharedMutexAttributes().makeMutex(area.control.serverMutex);
+    ipcwire::setOwned(area, true);
+    return area;
+}
+
 bool ownerDeathIsSeen() {
     void* const page =
         mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);

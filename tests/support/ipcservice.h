@@ -24,6 +24,10 @@ bool serviceExists();
 /// Whether a mutex tells of its owner's death here: not under every emulator.
 bool ownerDeathIsSeen();
 
+/// Makes the area of a new block one whose server has gone without a word: it has an owner, and
+/// nobody holds its mutex.
+ipcwire::Area& leaveBehind(ShmBlock& block);
+
 /// The service's area as a bystander sees it. Null data when there is none.
 class AreaView {
 public:
