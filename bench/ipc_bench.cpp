@@ -1,5 +1,5 @@
 // What the way to a file system in another process costs.
-#include "film.h"
+#include "clip.h"
 #include "mirror.h"
 #include "placement.h"
 #include "report.h"
@@ -20,9 +20,9 @@ using benchmark::State;
 /// Without anything for the file system to do.
 void exchange(State& state) {
     const Placement placement(Placement::Together);
-    const auto film = Service::instance().fs().open(Service::instance().film(), O_RDONLY, 0);
+    const auto clip = Service::instance().fs().open(Service::instance().clip(), O_RDONLY, 0);
     for (auto _ : state) {
-        if (film->lseek(0, SEEK_SET) != 0)
+        if (clip->lseek(0, SEEK_SET) != 0)
             state.SkipWithError("lseek failed");
     }
 }
@@ -39,7 +39,7 @@ void bareExchange(State& state) {
 void statThroughService(State& state) {
     const Placement placement(Placement::Together);
     auto& fs = Service::instance().fs();
-    const QString path = Service::instance().film();
+    const QString path = Service::instance().clip();
     struct stat st;
     for (auto _ : state) {
         if (fs.stat(path, st) != 0)
@@ -48,17 +48,17 @@ void statThroughService(State& state) {
 }
 
 bool hasMirror(State& state) {
-    const std::string& whyNot = Mirror::instance().whyNot();
-    if (!whyNot.empty())
-        leaveOut(state, "comparison with a FUSE pass-through: " + whyNot);
-    return whyNot.empty();
+    const std::string& lastError = Mirror::instance().lastError();
+    if (!lastError.empty())
+        leaveOut(state, "comparison with a FUSE pass-through: " + lastError);
+    return lastError.empty();
 }
 
 void statThroughMirror(State& state) {
     const Placement placement(Placement::Together);
     if (!hasMirror(state))
         return;
-    const std::string path = Mirror::instance().film();
+    const std::string path = Mirror::instance().clip();
     struct stat st;
     for (auto _ : state) {
         if (stat(path.c_str(), &st) != 0)
@@ -69,10 +69,10 @@ void statThroughMirror(State& state) {
 void openCloseThroughService(State& state) {
     const Placement placement(Placement::Together);
     auto& fs = Service::instance().fs();
-    const QString path = Service::instance().film();
+    const QString path = Service::instance().clip();
     for (auto _ : state) {
-        const auto film = fs.open(path, O_RDONLY, 0);
-        if (!film || film->close() != 0)
+        const auto clip = fs.open(path, O_RDONLY, 0);
+        if (!clip || clip->close() != 0)
             state.SkipWithError("open or close failed");
     }
 }
@@ -81,7 +81,7 @@ void openCloseThroughMirror(State& state) {
     const Placement placement(Placement::Together);
     if (!hasMirror(state))
         return;
-    const std::string path = Mirror::instance().film();
+    const std::string path = Mirror::instance().clip();
     for (auto _ : state) {
         if (close(open(path.c_str(), O_RDONLY)) != 0)
             state.SkipWithError("open or close failed");
@@ -89,7 +89,7 @@ void openCloseThroughMirror(State& state) {
 }
 
 /// What stands for the service's data buffer where there is no service.
-char* betweenMemory() {
+char* memoryToMemory() {
     static Piece piece;
     return piece.bytes.data();
 }
@@ -98,32 +98,32 @@ void readThroughService(State& state, Placement::Where where) {
     const Placement placement(where);
     if (!placement.isDone())
         return leaveOut(state, "transfers between two processors: there is only one");
-    const auto film = Service::instance().fs().open(Service::instance().film(), O_RDONLY, 0);
-    moveFilm(
-        state, [&] { return film->lseek(0, SEEK_SET); },
-        [&] { return film->read(applicationMemory(), mebi); });
+    const auto clip = Service::instance().fs().open(Service::instance().clip(), O_RDONLY, 0);
+    moveClip(
+        state, [&] { return clip->lseek(0, SEEK_SET); },
+        [&] { return clip->read(applicationMemory(), mebi); });
 }
 
 void writeThroughService(State& state, Placement::Where where) {
     const Placement placement(where);
     if (!placement.isDone())
         return leaveOut(state, "transfers between two processors: there is only one");
-    const auto film = Service::instance().fs().open(Service::instance().film(), O_WRONLY, 0);
-    moveFilm(
-        state, [&] { return film->lseek(0, SEEK_SET); },
-        [&] { return film->write(applicationMemory(), mebi); });
+    const auto clip = Service::instance().fs().open(Service::instance().clip(), O_WRONLY, 0);
+    moveClip(
+        state, [&] { return clip->lseek(0, SEEK_SET); },
+        [&] { return clip->write(applicationMemory(), mebi); });
 }
 
 void readAndCopy(State& state) {
     const Placement placement(Placement::Together);
-    const int fd = open(Service::instance().systemFilm().c_str(), O_RDONLY);
+    const int fd = open(Service::instance().systemClip().c_str(), O_RDONLY);
     off_t position = 0;
-    moveFilm(
+    moveClip(
         state, [&] { return position = 0; },
         [&] {
-            const ssize_t count = pread(fd, betweenMemory(), mebi, position);
+            const ssize_t count = pread(fd, memoryToMemory(), mebi, position);
             position += mebi;
-            std::memcpy(applicationMemory(), betweenMemory(), mebi);
+            std::memcpy(applicationMemory(), memoryToMemory(), mebi);
             benchmark::ClobberMemory();
             return count;
         });
@@ -132,14 +132,14 @@ void readAndCopy(State& state) {
 
 void copyAndWrite(State& state) {
     const Placement placement(Placement::Together);
-    const int fd = open(Service::instance().systemFilm().c_str(), O_WRONLY);
+    const int fd = open(Service::instance().systemClip().c_str(), O_WRONLY);
     off_t position = 0;
-    moveFilm(
+    moveClip(
         state, [&] { return position = 0; },
         [&] {
-            std::memcpy(betweenMemory(), applicationMemory(), mebi);
+            std::memcpy(memoryToMemory(), applicationMemory(), mebi);
             benchmark::ClobberMemory();
-            const ssize_t count = pwrite(fd, betweenMemory(), mebi, position);
+            const ssize_t count = pwrite(fd, memoryToMemory(), mebi, position);
             position += mebi;
             return count;
         });
@@ -156,17 +156,17 @@ BENCHMARK(openCloseThroughMirror)->Name("open_close/bindfs")->UseRealTime();
 
 BENCHMARK_CAPTURE(readThroughService, together, Placement::Together)
     ->Name("read_1m/ipc_together")
-    ->Apply(filmRounds);
-BENCHMARK(readAndCopy)->Name("read_1m/copied")->Apply(filmRounds);
+    ->Apply(clipRounds);
+BENCHMARK(readAndCopy)->Name("read_1m/copied")->Apply(clipRounds);
 BENCHMARK_CAPTURE(readThroughService, apart, Placement::Apart)
     ->Name("read_1m/ipc_apart")
-    ->Apply(filmRounds);
+    ->Apply(clipRounds);
 BENCHMARK_CAPTURE(writeThroughService, together, Placement::Together)
     ->Name("write_1m/ipc_together")
-    ->Apply(filmRounds);
-BENCHMARK(copyAndWrite)->Name("write_1m/copied")->Apply(filmRounds);
+    ->Apply(clipRounds);
+BENCHMARK(copyAndWrite)->Name("write_1m/copied")->Apply(clipRounds);
 BENCHMARK_CAPTURE(writeThroughService, apart, Placement::Apart)
     ->Name("write_1m/ipc_apart")
-    ->Apply(filmRounds);
+    ->Apply(clipRounds);
 
 } // namespace

@@ -1,7 +1,7 @@
 // What a log message costs that nobody wants to see.
 #include <benchmark/benchmark.h>
 
-#include "log_p.h"
+#include "core/log_p.h"
 
 namespace oru::io {
 

@@ -3,7 +3,7 @@
 // program to themselves.
 #include "report.h"
 
-#include "support/isolation.h"
+#include "support/system/isolation.h"
 
 #include <oruio/bdmon.h>
 #include <oruio/sysutils.h>
@@ -35,7 +35,7 @@ constexpr int events = 100;
 constexpr int mounts = 10'000;
 
 // Before there are threads.
-const bool isIsolated = oru::io::test::isolate(oru::io::test::Own::MountsAndNetwork);
+const bool isIsolated = oru::io::test::isolate(oru::io::test::Namespaces::MountAndNetwork);
 
 /// The system that both sides see.
 class Media {

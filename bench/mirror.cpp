@@ -26,10 +26,10 @@ Mirror& Mirror::instance() {
     return mirror;
 }
 
-Mirror::Mirror() : m_whyNot(mount()) {}
+Mirror::Mirror() : m_lastError(mount()) {}
 
 Mirror::~Mirror() {
-    if (m_whyNot.empty())
+    if (m_lastError.empty())
         umount2(mountPoint, MNT_DETACH);
 }
 
@@ -54,10 +54,10 @@ std::string Mirror::mount() {
     return "bindfs does not mount: " + m_bindfs.readAllStandardError().toStdString();
 }
 
-const std::string& Mirror::whyNot() const {
-    return m_whyNot;
+const std::string& Mirror::lastError() const {
+    return m_lastError;
 }
 
-std::string Mirror::film() const {
-    return mountPoint + Service::instance().film().toStdString();
+std::string Mirror::clip() const {
+    return mountPoint + Service::instance().clip().toStdString();
 }

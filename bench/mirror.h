@@ -15,9 +15,9 @@ public:
     ~Mirror();
 
     /// Why there is none, empty if there is.
-    const std::string& whyNot() const;
-    /// The service's film.
-    std::string film() const;
+    const std::string& lastError() const;
+    /// The service's clip.
+    std::string clip() const;
 
 private:
     Mirror();
@@ -26,5 +26,5 @@ private:
     std::string mount();
 
     Helper m_bindfs;
-    std::string m_whyNot;
+    std::string m_lastError;
 };

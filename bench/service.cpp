@@ -1,7 +1,7 @@
 #include "service.h"
 
+#include "clip.h"
 #include "files.h"
-#include "film.h"
 #include "mounts.h"
 
 #include <cstdio>
@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr char filmPath[] = "/film.mov";
+constexpr char clipPath[] = "/clip.mov";
 
 /// Memory for a PingPong that programs started later inherit. \returns its descriptor, or -1.
 int makeSharedMemory() {
@@ -28,7 +28,7 @@ Service& Service::instance() {
 }
 
 Service::Service() : m_directory(directoryTemplate()) {
-    makeFile(m_directory, filmPath, filmSize);
+    makeFile(m_directory, clipPath, clipSize);
     // There is one service on a system: without mounts of its own, this one is that.
     hasPrivateMounts();
     const int shared = makeSharedMemory();
@@ -59,12 +59,12 @@ PingPong& Service::pingPong() {
     return *m_pingPong;
 }
 
-QString Service::film() const {
-    return filmPath;
+QString Service::clip() const {
+    return clipPath;
 }
 
-std::string Service::systemFilm() const {
-    return (m_directory.path() + filmPath).toStdString();
+std::string Service::systemClip() const {
+    return (m_directory.path() + clipPath).toStdString();
 }
 
 QString Service::systemDirectory() const {

@@ -10,7 +10,7 @@
 
 #include <string>
 
-/// A directory on the disk that another process serves, with one film in it.
+/// A directory on the disk that another process serves, with one clip in it.
 class Service {
 public:
     /// The one service, begun on first use and ended with the program.
@@ -23,9 +23,9 @@ public:
     /// What the serving process plays as well.
     PingPong& pingPong();
 
-    /// A film of filmSize bytes, as the client and as the system know it.
-    QString film() const;
-    std::string systemFilm() const;
+    /// A clip of clipSize bytes, as the client and as the system know it.
+    QString clip() const;
+    std::string systemClip() const;
     QString systemDirectory() const;
 
 private:

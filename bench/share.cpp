@@ -1,10 +1,10 @@
 #include "share.h"
 
+#include "clip.h"
 #include "files.h"
-#include "film.h"
 #include "placement.h"
 
-#include "support/childprocess.h"
+#include "support/system/childprocess.h"
 
 #include <ctime>
 
@@ -18,12 +18,12 @@ namespace {
 using oru::io::Smb2FS;
 using oru::io::test::SmbServer;
 
-constexpr char shareName[] = "films";
+constexpr char shareName[] = "clips";
 constexpr int timeoutSeconds = 30;
 
-/// Serves a film in `directory`, on the processor of the helpers.
+/// Serves a clip in `directory`, on the processor of the helpers.
 SmbServer serve(QTemporaryDir& directory) {
-    makeFile(directory, QStringLiteral("/") + Share::film, filmSize);
+    makeFile(directory, QStringLiteral("/") + Share::clip, clipSize);
     SmbServer::Options options;
     options.shares[shareName] = QStringList{"path = " + directory.path(), "read only = no"};
     const Placement placement(Placement::Together);
@@ -43,10 +43,10 @@ Share& Share::instance() {
 
 Share::Share()
     : m_directory(directoryTemplate()), m_server(serve(m_directory)),
-      m_idleProcesses(m_server.processes().size()), m_whyNot(m_server.problem().toStdString()) {}
+      m_idleProcesses(m_server.processes().size()), m_lastError(m_server.problem().toStdString()) {}
 
-const std::string& Share::whyNot() const {
-    return m_whyNot;
+const std::string& Share::lastError() const {
+    return m_lastError;
 }
 
 void Share::awaitIdleServer() const {

@@ -1,7 +1,7 @@
 // A share of an SMB server, and the ways to it that are compared.
 #pragma once
 
-#include "support/smbserver.h"
+#include "support/system/smbserver.h"
 
 #include <oruio/fssmb.h>
 
@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-/// A directory on the disk that a server on this machine shares, with one film in it.
+/// A directory on the disk that a server on this machine shares, with one clip in it.
 ///
 /// Every benchmark makes a connection of its own, and drops it at its end. How much a connection
 /// carries at a time grows with its use, and not always alike: one that were kept could be slow, or
@@ -28,7 +28,7 @@ public:
     static Share& instance();
 
     /// Why there is none, empty if there is.
-    const std::string& whyNot() const;
+    const std::string& lastError() const;
 
     /// Connects with the library. \returns null when that fails.
     std::unique_ptr<oru::io::Smb2FS> connect() const;
@@ -37,8 +37,8 @@ public:
     /// What smbclient has to be called with to connect.
     QStringList smbclientArguments() const;
 
-    /// A film of filmSize bytes, as all of them know it.
-    static constexpr char film[] = "film.mov";
+    /// A clip of clipSize bytes, as all of them know it.
+    static constexpr char clip[] = "clip.mov";
 
 private:
     Share();
@@ -49,5 +49,5 @@ private:
     QTemporaryDir m_directory;
     oru::io::test::SmbServer m_server;
     const int m_idleProcesses; // those that do not serve a connection
-    const std::string m_whyNot;
+    const std::string m_lastError;
 };

@@ -1,5 +1,5 @@
 // What the way to a share of an SMB server costs, beside that of other clients.
-#include "film.h"
+#include "clip.h"
 #include "placement.h"
 #include "report.h"
 #include "share.h"
@@ -31,10 +31,10 @@ bool isPlaced(State& state, const Placement& placement) {
 }
 
 bool hasShare(State& state) {
-    const std::string& whyNot = Share::instance().whyNot();
-    if (!whyNot.empty())
-        leaveOut(state, "shares of an SMB server: " + whyNot);
-    return whyNot.empty();
+    const std::string& lastError = Share::instance().lastError();
+    if (!lastError.empty())
+        leaveOut(state, "shares of an SMB server: " + lastError);
+    return lastError.empty();
 }
 
 void readOfShare(State& state, Placement::Where where) {
@@ -42,12 +42,12 @@ void readOfShare(State& state, Placement::Where where) {
     if (!isPlaced(state, placement) || !hasShare(state))
         return;
     const auto fs = Share::instance().connect();
-    const auto film = fs ? fs->open(Share::film, O_RDONLY, 0) : nullptr;
-    if (!film)
-        return state.SkipWithError("cannot open the film");
-    moveFilm(
-        state, [&] { return film->lseek(0, SEEK_SET); },
-        [&] { return film->read(applicationMemory(), mebi); });
+    const auto clip = fs ? fs->open(Share::clip, O_RDONLY, 0) : nullptr;
+    if (!clip)
+        return state.SkipWithError("cannot open the clip");
+    moveClip(
+        state, [&] { return clip->lseek(0, SEEK_SET); },
+        [&] { return clip->read(applicationMemory(), mebi); });
 }
 
 void writeOfShare(State& state) {
@@ -55,12 +55,12 @@ void writeOfShare(State& state) {
     if (!hasShare(state))
         return;
     const auto fs = Share::instance().connect();
-    const auto film = fs ? fs->open(Share::film, O_WRONLY, 0) : nullptr;
-    if (!film)
-        return state.SkipWithError("cannot open the film");
-    moveFilm(
-        state, [&] { return film->lseek(0, SEEK_SET); },
-        [&] { return film->write(applicationMemory(), mebi); });
+    const auto clip = fs ? fs->open(Share::clip, O_WRONLY, 0) : nullptr;
+    if (!clip)
+        return state.SkipWithError("cannot open the clip");
+    moveClip(
+        state, [&] { return clip->lseek(0, SEEK_SET); },
+        [&] { return clip->write(applicationMemory(), mebi); });
 }
 
 void statOfShare(State& state) {
@@ -68,7 +68,7 @@ void statOfShare(State& state) {
     if (!hasShare(state))
         return;
     const auto fs = Share::instance().connect();
-    const QString path = Share::film;
+    const QString path = Share::clip;
     struct stat st;
     for (auto _ : state) {
         if (!fs || fs->stat(path, st) != 0)
@@ -81,15 +81,15 @@ std::uint8_t* applicationBytes() {
 }
 
 /// All of a piece with one call, which makes one request of it.
-int readPiece(smb2_context* context, smb2fh* film) {
-    return smb2_read(context, film, applicationBytes(), mebi);
+int readPiece(smb2_context* context, smb2fh* clip) {
+    return smb2_read(context, clip, applicationBytes(), mebi);
 }
 
 /// A piece in requests of the size that the library makes of it.
-int writePiece(smb2_context* context, smb2fh* film) {
+int writePiece(smb2_context* context, smb2fh* clip) {
     constexpr unsigned request = 64U << 10;
     for (unsigned done = 0; done < mebi; done += request) {
-        if (smb2_write(context, film, applicationBytes() + done, request) != int{request})
+        if (smb2_write(context, clip, applicationBytes() + done, request) != int{request})
             return -1;
     }
     return mebi;
@@ -100,13 +100,13 @@ void moveByLibsmb2(State& state, int flags, int (*move)(smb2_context*, smb2fh*))
     if (!hasShare(state))
         return;
     const auto context = Share::instance().connectLibsmb2();
-    smb2fh* const film = context ? smb2_open(context.get(), Share::film, flags) : nullptr;
-    if (!film)
-        return state.SkipWithError("libsmb2 cannot open the film");
-    moveFilm(
-        state, [&] { return smb2_lseek(context.get(), film, 0, SEEK_SET, nullptr); },
-        [&] { return move(context.get(), film); });
-    smb2_close(context.get(), film);
+    smb2fh* const clip = context ? smb2_open(context.get(), Share::clip, flags) : nullptr;
+    if (!clip)
+        return state.SkipWithError("libsmb2 cannot open the clip");
+    moveClip(
+        state, [&] { return smb2_lseek(context.get(), clip, 0, SEEK_SET, nullptr); },
+        [&] { return move(context.get(), clip); });
+    smb2_close(context.get(), clip);
 }
 
 void statByLibsmb2(State& state) {
@@ -116,23 +116,23 @@ void statByLibsmb2(State& state) {
     const auto context = Share::instance().connectLibsmb2();
     smb2_stat_64 st;
     for (auto _ : state) {
-        if (!context || smb2_stat(context.get(), Share::film, &st) != 0)
+        if (!context || smb2_stat(context.get(), Share::clip, &st) != 0)
             state.SkipWithError("smb2_stat failed");
     }
 }
 
-/// Gets the film as often as the other benchmarks read it. \returns how long that took by
+/// Gets the clip as often as the other benchmarks read it. \returns how long that took by
 /// smbclient's own account, which is that of the transfers alone: to start and to connect is not in
 /// it, as it is not in the time of the others. 0, with an error in `state`, when it failed.
 double getBySmbclient(State& state) {
-    const QString get = QStringLiteral("get %1 /dev/null;").arg(Share::film);
+    const QString get = QStringLiteral("get %1 /dev/null;").arg(Share::clip);
     QProcess smbclient;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("LC_ALL", "C");
     smbclient.setProcessEnvironment(environment);
     smbclient.setProcessChannelMode(QProcess::MergedChannels);
     smbclient.start("smbclient", Share::instance().smbclientArguments()
-                                     << "-c" << get.repeated(lapsOfFilm));
+                                     << "-c" << get.repeated(lapsOfClip));
     if (!smbclient.waitForStarted()) {
         leaveOut(state, "comparison with smbclient: it is not installed");
         return 0;
@@ -146,7 +146,7 @@ double getBySmbclient(State& state) {
         state.SkipWithError(("smbclient failed: " + output.toStdString()).c_str());
         return 0;
     }
-    constexpr double kibiBytes = double{lapsOfFilm} * filmSize / 1024;
+    constexpr double kibiBytes = double{lapsOfClip} * clipSize / 1024;
     return kibiBytes / speed;
 }
 
@@ -156,7 +156,7 @@ void readBySmbclient(State& state) {
         return;
     for (auto _ : state)
         state.SetIterationTime(getBySmbclient(state));
-    state.SetBytesProcessed(std::int64_t{lapsOfFilm} * filmSize);
+    state.SetBytesProcessed(std::int64_t{lapsOfClip} * clipSize);
 }
 
 // Part of the work is the server's: its time is only seen in real time.
@@ -166,14 +166,14 @@ void readBySmbclient(State& state) {
 // it is hidden by waiting for the other processor.
 BENCHMARK_CAPTURE(readOfShare, together, Placement::Together)
     ->Name("read_1m/share")
-    ->Apply(filmRounds);
+    ->Apply(clipRounds);
 BENCHMARK_CAPTURE(moveByLibsmb2, read, O_RDONLY, readPiece)
     ->Name("read_1m/libsmb2")
-    ->Apply(filmRounds);
-BENCHMARK(writeOfShare)->Name("write_1m/share")->Apply(filmRounds);
+    ->Apply(clipRounds);
+BENCHMARK(writeOfShare)->Name("write_1m/share")->Apply(clipRounds);
 BENCHMARK_CAPTURE(moveByLibsmb2, write, O_WRONLY, writePiece)
     ->Name("write_1m/libsmb2")
-    ->Apply(filmRounds);
+    ->Apply(clipRounds);
 // As many as take much longer than the first, which the connection is new to.
 constexpr int stats = 300;
 BENCHMARK(statOfShare)->Name("stat/share")->UseRealTime()->Iterations(stats);
@@ -182,7 +182,7 @@ BENCHMARK(statByLibsmb2)->Name("stat/libsmb2")->UseRealTime()->Iterations(stats)
 // same time: on one processor it would not show what it can do.
 BENCHMARK_CAPTURE(readOfShare, apart, Placement::Apart)
     ->Name("read_1m/share_apart")
-    ->Apply(filmRounds);
+    ->Apply(clipRounds);
 BENCHMARK(readBySmbclient)->Name("read_1m/smbclient")->UseManualTime()->Iterations(1);
 
 } // namespace

@@ -15,10 +15,10 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/oruio"
   FILES_MATCHING PATTERN "*.h"
 )
 # The library starts it from /usr/local/bin: where it is with the default prefix.
-install(PROGRAMS "${PROJECT_SOURCE_DIR}/tools/sysutils/oruio_sysutils"
+install(PROGRAMS "${PROJECT_SOURCE_DIR}/sysutils/oruio_sysutils"
   DESTINATION ${CMAKE_INSTALL_BINDIR}
 )
-install(FILES "${PROJECT_SOURCE_DIR}/tools/sysutils/oruio_sysutils.8"
+install(FILES "${PROJECT_SOURCE_DIR}/sysutils/oruio_sysutils.8"
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
 )
 install(EXPORT oruio-targets NAMESPACE oruio:: DESTINATION ${_package_dir})

@@ -17,7 +17,7 @@ locations=$directory/locations.ini
 
 trap 'stop_monitor; close_slots' EXIT
 
-open_slots "$tools/sysutils/oruio_sysutils" || {
+open_slots "$tools/../sysutils/oruio_sysutils" || {
     echo "no udevd: $(cat /run/udev/log)"
     exit 1
 }

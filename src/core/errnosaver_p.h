@@ -8,15 +8,15 @@
 namespace oru::io {
 
 /// Puts errno and liberrno back, at the end of its scope, to what they are at its beginning.
-class KeptReason {
+class ErrnoSaver {
 public:
-    KeptReason() = default;
-    ~KeptReason() {
+    ErrnoSaver() = default;
+    ~ErrnoSaver() {
         liberrno = m_reason.code;
         errno = m_reason.sysErrno;
     }
-    KeptReason(const KeptReason&) = delete;
-    KeptReason& operator=(const KeptReason&) = delete;
+    ErrnoSaver(const ErrnoSaver&) = delete;
+    ErrnoSaver& operator=(const ErrnoSaver&) = delete;
 
 private:
     const Error m_reason;
@@ -26,7 +26,7 @@ private:
 /// which leaves errno and liberrno as the operation before has set them.
 template <class Holder>
 void release(Holder& holder) {
-    const KeptReason kept;
+    const ErrnoSaver kept;
     holder.reset();
 }
 

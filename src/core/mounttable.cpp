@@ -1,4 +1,4 @@
-#include "mounttable_p.h"
+#include "core/mounttable_p.h"
 
 #include <array>
 #include <cerrno>

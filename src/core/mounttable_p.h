@@ -1,7 +1,7 @@
 // Reading the kernel's table of mounts, proc(5).
 #pragma once
 
-#include "systemtext_p.h"
+#include "core/systemtext_p.h"
 
 #include <QByteArray>
 #include <QString>

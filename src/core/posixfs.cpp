@@ -1,6 +1,6 @@
 #include <oruio/posixfs.h>
 
-#include "systemtext_p.h"
+#include "core/systemtext_p.h"
 
 #include <array>
 #include <cerrno>
@@ -14,7 +14,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "notimplemented_p.h"
+#include "core/notimplemented_p.h"
 
 namespace oru::io {
 

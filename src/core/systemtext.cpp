@@ -1,4 +1,4 @@
-#include "systemtext_p.h"
+#include "core/systemtext_p.h"
 
 #include <QByteArray>
 #include <QFile>
@@ -45,7 +45,7 @@ bool toSystem(const QString& text, SystemText& utf8) {
     return true;
 }
 
-bool crossesThroughQt(const QString& text) {
+bool qtEncodesAsUtf8(const QString& text) {
     SystemText utf8;
     if (!toSystem(text, utf8))
         return false;

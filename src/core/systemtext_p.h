@@ -21,7 +21,7 @@ bool toSystem(const QString& text, SystemText& utf8);
 /// Whether `text`, which Qt is to hand to the system, gets there as toSystem() would have it: Qt
 /// does it in the codec of the locale. \returns false with errno as toSystem(); EILSEQ when that
 /// codec makes other bytes of it.
-bool crossesThroughQt(const QString& text);
+bool qtEncodesAsUtf8(const QString& text);
 
 /// The text that `utf8` spells. \returns false with errno EFAULT when it is null, ENAMETOOLONG when
 /// it has more than 1 MiB, which no system takes, EILSEQ when it is not valid UTF-8; `text` is then

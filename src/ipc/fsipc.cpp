@@ -1,10 +1,10 @@
 #include <oruio/error.h>
 #include <oruio/fsipc.h>
 
-#include "fsipc_p.h"
-#include "ipcwire_p.h"
-#include "release_p.h"
-#include "systemtext_p.h"
+#include "core/errnosaver_p.h"
+#include "core/systemtext_p.h"
+#include "ipc/fsipc_p.h"
+#include "ipc/ipcwire_p.h"
 
 #include <QMutex>
 #include <QVector>
@@ -27,8 +27,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "log_p.h"
-#include "notimplemented_p.h"
+#include "core/log_p.h"
+#include "core/notimplemented_p.h"
 
 namespace oru::io {
 
@@ -79,7 +79,7 @@ std::uint32_t magicAt(const void* base) {
 
 /// Whether this is a block of a program of another word size, whose header has the size elsewhere:
 /// behind the mutex of a 32-bit system, of x86-64 or of 64-bit ARM.
-bool isOfAnotherWordSize(const void* base, std::uint32_t size) {
+bool isOfOtherAbi(const void* base, std::uint32_t size) {
     constexpr std::size_t sizeOffsets[] = {28, 48, 56};
     return magicAt(base) == magic &&
            std::any_of(std::begin(sizeOffsets), std::end(sizeOffsets), [&](std::size_t offset) {
@@ -185,7 +185,7 @@ bool ShmBlock::create() {
     if (isNew)
         fd = shm_open(m_name, O_RDWR | O_CREAT, 0666);
     if (fd == -1) {
-        const KeptReason kept;
+        const ErrnoSaver kept;
         perror(m_name);
         return true;
     }
@@ -208,7 +208,7 @@ bool ShmBlock::map(int fd) {
     const bool resize = (m_flags & Create) && object.st_size != static_cast<off_t>(m_size);
     if (m_base && (!resize || ftruncate(fd, m_size) == 0))
         return true;
-    const KeptReason kept;
+    const ErrnoSaver kept;
     perror("ShmBlock mmap error");
     unmap();
     return false;
@@ -238,7 +238,7 @@ bool ShmBlock::initialise(int fd) {
 
 bool ShmBlock::initialiseHeader() {
     // Those who use it would not get over that.
-    if (isOfAnotherWordSize(m_base, m_size)) {
+    if (isOfOtherAbi(m_base, m_size)) {
         errno = EBUSY;
         return false;
     }
@@ -434,7 +434,7 @@ bool isAlive(pid_t thread) {
 
 /// Blocks whose client mutex is held by another thread than the one that left the session. To unmap
 /// memory that a thread's list of robust mutexes leads through would take the thread down.
-class KeptBlocks {
+class DeferredUnmap {
 public:
     void add(const QSharedPointer<ShmBlock>& block, pid_t owner) {
         const QMutexLocker lock(&m_mutex);
@@ -466,9 +466,9 @@ private:
     QVector<Kept> m_kept;
 };
 
-KeptBlocks& keptBlocks() {
+DeferredUnmap& deferredUnmap() {
     // Never destroyed: threads may outlive the statics.
-    static auto* const blocks = new KeptBlocks;
+    static auto* const blocks = new DeferredUnmap;
     return *blocks;
 }
 
@@ -485,7 +485,7 @@ Area& IPCFS::Data::area() {
 int IPCFS::Data::init(Properties*) {
     if (DBG_MASK & TraceLifecycle)
         ORUIO_LOG(LogDebug, "Client connecting");
-    keptBlocks().sweep();
+    deferredUnmap().sweep();
     const ShmBlock::Access<IPCShm> access(
         QSharedPointer<ShmBlock>::create(blockName, areaSize, 0U));
     if (!access.data()) {
@@ -557,24 +557,24 @@ int IPCFS::Data::greet() {
 /// Ends the session of a client that has not done so itself. \returns whether the area is idle:
 /// then no request of that client will be carried out, and no answer to one will come, any more.
 bool IPCFS::Data::endPredecessor() {
-    withdraw(area());
+    cancel(area());
     const auto isSettled = [this] {
-        const char now = mark(area());
-        return now != Taking && now != Ending;
+        const char now = requestState(area());
+        return now != Copying && now != Ending;
     };
     if (!await(isSettled))
         return false;
-    if (mark(area()) == Idle)
+    if (requestState(area()) == Idle)
         return true;
     setDone(area());
     post(op::disconnect, sizeof op::disconnect);
-    return await([this] { return mark(area()) == Idle; });
+    return await([this] { return requestState(area()) == Idle; });
 }
 
 void IPCFS::Data::end() {
     if (state != Connected)
         return;
-    const KeptReason kept;
+    const ErrnoSaver kept;
     if (m_process != thisProcess()) {
         holdsSession(); // it never does; and the block's mutex is the parent's matter
         return;
@@ -584,7 +584,7 @@ void IPCFS::Data::end() {
         return;
     post(op::disconnect, sizeof op::disconnect);
     // The next client must not begin while the server is still busy with this one.
-    await([this] { return mark(area()) == Idle; });
+    await([this] { return requestState(area()) == Idle; });
     leave();
 }
 
@@ -592,7 +592,7 @@ void IPCFS::Data::end() {
 /// that began it has ended and another process, or the server, has drawn the conclusion.
 bool IPCFS::Data::holdsSession() {
     m_holdsClientMutex = m_process == thisProcess() && holdsClientMutex();
-    if (m_holdsClientMutex && mark(area()) == Done)
+    if (m_holdsClientMutex && requestState(area()) == Done)
         return true;
     ORUIO_LOG(LogDebug, "Session lost. Stopping client");
     leave();
@@ -627,15 +627,15 @@ bool IPCFS::Data::isLastSession() {
 
 /// Lets go of the client mutex and the block, whatever the server does and the area says.
 void IPCFS::Data::leave() {
-    const KeptReason kept;
+    const ErrnoSaver kept;
     state = NotConnected;
     if (m_holdsClientMutex && isLastSession())
-        withdraw(area());
+        cancel(area());
     if (m_owner != 0 && m_process == thisProcess()) {
         if (m_owner == currentThread())
             pthread_mutex_unlock(&area().control.clientMutex);
         else if (isAlive(m_owner))
-            keptBlocks().add(block, m_owner);
+            deferredUnmap().add(block, m_owner);
     }
     m_holdsClientMutex = false;
     m_owner = 0;
@@ -755,7 +755,7 @@ bool waitUntilPosted(sem_t& responseSem) {
 
 int IPCFS::Data::awaitResponse(const char** payload) {
     sem_t& responseSem = area().control.responseSem;
-    if (!m_poller.take(responseSem) && !waitUntilPosted(responseSem)) {
+    if (!m_spinWaiter.take(responseSem) && !waitUntilPosted(responseSem)) {
         ORUIO_LOG(LogDebug, "Response wait error: %s. Disconnecting.", std::strerror(errno));
         leave();
         return refused(ENOTCONN);
@@ -828,7 +828,7 @@ int IPCFS::Data::reserveBuffer() {
 }
 
 void IPCFS::Data::releaseBuffer(int index) {
-    const KeptReason kept;
+    const ErrnoSaver kept;
     if (shm)
         shm->freeDataBuf(index);
 }
@@ -849,7 +849,7 @@ int IPCFS::connect(unsigned int tries, Properties* props) {
     for (unsigned int i = 0; i < tries && !isConnected(); ++i) {
         if (m_data->init(props) == 0)
             break;
-        const KeptReason kept;
+        const ErrnoSaver kept;
         std::this_thread::sleep_for(std::chrono::seconds(1));
     }
     if (isConnected())
@@ -1038,7 +1038,7 @@ IPCFS::Data::File::File(int fd, Data* data)
     : oru::io::File(QStringLiteral("IPCFile")), m_fd(fd), m_data(data), m_session(data->session) {}
 
 IPCFS::Data::File::~File() {
-    const KeptReason kept;
+    const ErrnoSaver kept;
     File::close();
 }
 
@@ -1214,7 +1214,7 @@ IPCFS::Data::Dir::Dir(void* handle, Data* data)
       m_session(data->session) {}
 
 IPCFS::Data::Dir::~Dir() {
-    const KeptReason kept;
+    const ErrnoSaver kept;
     Dir::closedir();
 }
 

@@ -3,7 +3,7 @@
 
 #include <oruio/fsipc.h>
 
-#include "ipcwire_p.h"
+#include "ipc/ipcwire_p.h"
 
 #include <QSharedData>
 
@@ -87,7 +87,7 @@ private:
     std::uint32_t m_areaSession = 0; // the area's number of the session
     unsigned int m_process = 0;      // which process of a line of forks has begun it
     ipcwire::Text m_response;
-    ipcwire::Poller m_poller;
+    ipcwire::SpinWaiter m_spinWaiter;
 };
 
 /// A descriptor of the server.

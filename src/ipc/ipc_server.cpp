@@ -1,9 +1,9 @@
 #include <oruio/error.h>
 #include <oruio/ipc_server.h>
 
-#include "ipc_server_p.h"
-#include "ipcwire_p.h"
-#include "release_p.h"
+#include "core/errnosaver_p.h"
+#include "ipc/ipc_server_p.h"
+#include "ipc/ipcwire_p.h"
 
 #include <algorithm>
 #include <array>
@@ -13,8 +13,8 @@
 #include <cstring>
 #include <utility>
 
-#include "log_p.h"
-#include "notimplemented_p.h"
+#include "core/log_p.h"
+#include "core/notimplemented_p.h"
 
 namespace oru::io {
 
@@ -167,7 +167,7 @@ IPCShm* IPCServer::Data::takeOver(const ShmBlock::Access<IPCShm>& access) {
         ORUIO_LOG(LogDebug, "Initialize FSShm");
     state = Initialising;
     if (!initialiseMutexes(created.control)) {
-        const KeptReason kept;
+        const ErrnoSaver kept;
         access.block()->remove();
         return nullptr;
     }
@@ -250,9 +250,9 @@ int IPCServer::Data::serve() {
     }
     ORUIO_LOG(LogDebug, "IPC Server stopping");
     // Not while the client may still be reading the answer to its last request.
-    if (mark(area()) != Taken) {
+    if (requestState(area()) != Accepted) {
         take(area(), request);
-        cancel(shm);
+        answerCancelled(shm);
     }
     return 0;
 }
@@ -262,7 +262,7 @@ bool IPCServer::Data::isServing() const {
 }
 
 /// Answers that the server is about to end.
-void IPCServer::Data::cancel(IPCShm* to) {
+void IPCServer::Data::answerCancelled(IPCShm* to) {
     errno = ECANCELED;
     liberrno = Ok;
     sendResponse(to, -1, nullptr);
@@ -270,10 +270,10 @@ void IPCServer::Data::cancel(IPCShm* to) {
 
 /// Answers a request that was made while the server mutex was being released. A client that comes
 /// later finds the mutex free and does not wait.
-void IPCServer::Data::cancelLate(IPCShm* to) {
+void IPCServer::Data::answerLateRequest(IPCShm* to) {
     Text unanswered;
     if (take(areaOf(to), unanswered))
-        cancel(to);
+        answerCancelled(to);
 }
 
 /// Gives the area up and removes the block. \returns the result of releasing the server mutex.
@@ -282,7 +282,7 @@ int IPCServer::Data::tearDown() {
     // Before the block: a client that is connecting or leaving holds that until it is answered, or
     // finds that nobody will.
     const int result = pthread_mutex_unlock(&area().control.serverMutex);
-    cancelLate(shm);
+    answerLateRequest(shm);
     {
         const ShmBlock::Access<IPCShm> access(block);
         setOwned(area(), false);
@@ -315,7 +315,7 @@ int IPCServer::Data::terminate() {
     if (error == 0) {
         pthread_mutex_unlock(&serverMutex);
         // For as long as this thread held it, the server seemed to be there.
-        cancelLate(target);
+        answerLateRequest(target);
     }
     return 0;
 }
@@ -400,7 +400,7 @@ int IPCServer::Data::getRequest(IPCShm* from) {
     // before the semaphore was initialised anew.
     while (isServing()) {
         const bool isConnected = isClientConnected();
-        if (m_poller.take(requestSem))
+        if (m_spinWaiter.take(requestSem))
             break;
         const struct timespec deadline = inMs(clientPollMs);
         if (waitFor(requestSem, isConnected ? &deadline : nullptr) == 0)
@@ -607,7 +607,7 @@ template <class Operation>
 int IPCServer::Data::moveOut(const Transfer& transfer, Operation operation) {
     const ssize_t count = move(transfer, operation);
     if (transfer.index >= 0) {
-        const KeptReason kept;
+        const ErrnoSaver kept;
         shm->freeDataBuf(transfer.index);
     }
     return respondCount(count);

@@ -5,7 +5,7 @@
 #include <oruio/fsipc.h>
 #include <oruio/ipc_server.h>
 
-#include "ipcwire_p.h"
+#include "ipc/ipcwire_p.h"
 
 #include <QList>
 #include <QMap>
@@ -67,8 +67,8 @@ private:
     bool begin(Properties* props);
     int serve();
     bool isServing() const;
-    void cancel(IPCShm* to);
-    void cancelLate(IPCShm* to);
+    void answerCancelled(IPCShm* to);
+    void answerLateRequest(IPCShm* to);
     int tearDown();
     void stop(const QSharedPointer<ShmBlock>& current);
     void closeSession();
@@ -140,7 +140,7 @@ private:
     int rq_notfound(const char* args);
 
     std::optional<ShmBlock::Access<IPCShm>> m_beginning;
-    ipcwire::Poller m_poller;
+    ipcwire::SpinWaiter m_spinWaiter;
     std::mutex m_running;    // held by run()
     std::mutex m_blockMutex; // guards block
     std::atomic<bool> m_isFinished{false};

@@ -1,4 +1,4 @@
-#include "ipcwire_p.h"
+#include "ipc/ipcwire_p.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +14,7 @@ namespace {
 /// Never part of a text in UTF-8, and no NUL.
 constexpr char wiped = '\xff';
 
-bool replaceMark(Area& area, char from, char to) {
+bool exchangeState(Area& area, char from, char to) {
     return __atomic_compare_exchange_n(&area.request[0], &from, to, false, __ATOMIC_ACQ_REL,
                                        __ATOMIC_RELAXED);
 }
@@ -43,7 +43,7 @@ void copy(Text& text, const char* from, std::size_t length, std::size_t at) {
     text.bytes[text.length] = text.bytes[text.length + 1] = '\0';
 }
 
-void setMark(Area& area, char to) {
+void setState(Area& area, char to) {
     __atomic_store_n(&area.request[0], to, __ATOMIC_RELEASE);
 }
 
@@ -105,7 +105,7 @@ bool isIntegerCommand(int command) {
     }
 }
 
-char mark(const Area& area) {
+char requestState(const Area& area) {
     return __atomic_load_n(&area.request[0], __ATOMIC_ACQUIRE);
 }
 
@@ -117,18 +117,18 @@ void publish(Area& area, const char* text, std::size_t length) {
     __atomic_exchange_n(&area.request[0], text[0], __ATOMIC_ACQ_REL);
 }
 
-bool withdraw(Area& area) {
-    const char request = mark(area);
-    return isRequest(request) && replaceMark(area, request, Done);
+bool cancel(Area& area) {
+    const char request = requestState(area);
+    return isPublished(request) && exchangeState(area, request, Done);
 }
 
 void setDone(Area& area) {
-    setMark(area, Done);
+    setState(area, Done);
 }
 
 bool take(Area& area, Text& request) {
     const char first = __atomic_fetch_or(&area.request[0], 0, __ATOMIC_ACQ_REL);
-    if (!isRequest(first) || !replaceMark(area, first, Taking))
+    if (!isPublished(first) || !exchangeState(area, first, Copying))
         return false;
     // Most requests are short, and nothing stands behind their text.
     char* const behind = area.request + 1;
@@ -138,13 +138,13 @@ bool take(Area& area, Text& request) {
     copy(request, behind, used, 1);
     request.bytes[0] = first;
     std::memset(behind, wiped, used);
-    setMark(area, names(request, op::disconnect) ? Ending : Taken);
+    setState(area, names(request, op::disconnect) ? Ending : Accepted);
     return true;
 }
 
 void setIdle(Area& area) {
     std::memset(area.request + 1, wiped, textSize - 1);
-    setMark(area, Idle);
+    setState(area, Idle);
 }
 
 void copyResponse(const Area& area, Text& response) {
@@ -212,7 +212,7 @@ int waitFor(sem_t& semaphore, const struct timespec* deadline) {
     return result;
 }
 
-bool Poller::take(sem_t& semaphore) {
+bool SpinWaiter::take(sem_t& semaphore) {
     if (sem_trywait(&semaphore) == 0)
         return true;
     if (m_toSkip > 0) {

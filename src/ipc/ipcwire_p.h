@@ -204,18 +204,18 @@ bool isIntegerCommand(int command);
 // The first byte of the request area says whose the area is. Only its owner touches the rest, so a
 // request is carried out once or not at all, however many times a semaphore was posted for it.
 
-enum Mark : char {
-    Idle = 0,   // no session: the client's to write
-    Taking = 1, // the server is copying the request out
-    Taken = 2,  // the server has the request, or has answered it: the client's to read the answer
-    Done = 3,   // the client has its answer, or wants none: the client's to write
-    Ending = 4, // the server has a "disconnect" and is about to make the area idle
+enum RequestState : char {
+    Idle = 0,     // no session: the client's to write
+    Copying = 1,  // the server is copying the request out
+    Accepted = 2, // the server has the request, or has answered it: the client's to read the answer
+    Done = 3,     // the client has its answer, or wants none: the client's to write
+    Ending = 4,   // the server has a "disconnect" and is about to make the area idle
     // Any other byte begins the name of a request: the server's to take, the client's to withdraw.
 };
 
 /// What the first byte is right now. A request reads as its first letter.
-char mark(const Area& area);
-inline bool isRequest(char mark) {
+char requestState(const Area& area);
+inline bool isPublished(char mark) {
     return static_cast<unsigned char>(mark) > Ending;
 }
 
@@ -223,7 +223,7 @@ inline bool isRequest(char mark) {
 /// NUL and what follows it.
 void publish(Area& area, const char* text, std::size_t length);
 /// Client: takes a request back. \returns false when the server was faster.
-bool withdraw(Area& area);
+bool cancel(Area& area);
 /// Client: the answer has been copied out, or nobody will come for it.
 void setDone(Area& area);
 
@@ -327,7 +327,7 @@ int waitFor(sem_t& semaphore, const struct timespec* deadline);
 /// Putting a processor to sleep and waking it up takes longer than most exchanges. On a processor
 /// that others keep busy, though, making way costs a whole slice of time: then a growing number of
 /// waits goes without it.
-class Poller {
+class SpinWaiter {
 public:
     /// \returns whether the semaphore was taken.
     bool take(sem_t& semaphore);

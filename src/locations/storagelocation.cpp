@@ -5,7 +5,7 @@
 #include <oruio/storagelocation.h>
 #include <oruio/sysutils.h>
 
-#include "mounttable_p.h"
+#include "core/mounttable_p.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -13,8 +13,8 @@
 
 #include <fcntl.h>
 
-#include "log_p.h"
-#include "notimplemented_p.h"
+#include "core/log_p.h"
+#include "core/notimplemented_p.h"
 
 ORUIO_LOG_CHANNEL("stg");
 

@@ -2,8 +2,8 @@
 #include <oruio/error.h>
 #include <oruio/sysutils.h>
 
-#include "mounttable_p.h"
-#include "systemtext_p.h"
+#include "core/mounttable_p.h"
+#include "core/systemtext_p.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -26,7 +26,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "log_p.h"
+#include "core/log_p.h"
 
 ORUIO_LOG_CHANNEL("libio");
 
@@ -165,7 +165,7 @@ LinuxBD::~LinuxBD() = default;
 int LinuxBD::mount(QString mountPoint, const Properties* props) {
     liberrno = Ok;
     // Else another directory would be made than the one to mount on.
-    if (!crossesThroughQt(mountPoint))
+    if (!qtEncodesAsUtf8(mountPoint))
         return -1;
     if (mountPoint.isEmpty() || !QDir(mountPoint).mkpath(QStringLiteral("."))) {
         errno = ENOENT;

@@ -1,8 +1,8 @@
 #include <oruio/sysutils.h>
 
-#include "mounttable_p.h"
-#include "release_p.h"
-#include "systemtext_p.h"
+#include "core/errnosaver_p.h"
+#include "core/mounttable_p.h"
+#include "core/systemtext_p.h"
 
 #include <QByteArray>
 #include <QProcess>
@@ -18,7 +18,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "log_p.h"
+#include "core/log_p.h"
 
 ORUIO_LOG_CHANNEL("libio");
 
@@ -42,7 +42,7 @@ bool childrenAreReported() {
 
 /// Whether all of them reach a program as they are.
 bool canCross(const QStringList& arguments) {
-    return std::all_of(arguments.begin(), arguments.end(), crossesThroughQt);
+    return std::all_of(arguments.begin(), arguments.end(), qtEncodesAsUtf8);
 }
 
 /// Has a program that this process becomes get none of its descriptors but the standard ones. Only
@@ -106,7 +106,7 @@ protected:
 
 /// Whether something is mounted on `path` now, for all that can be told. Leaves errno as it is.
 bool isMounted(const char* path) {
-    const KeptReason kept;
+    const ErrnoSaver kept;
     MountTable mounts;
     if (!mounts.isRead())
         return true;

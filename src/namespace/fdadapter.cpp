@@ -2,8 +2,8 @@
 #include <oruio/fdadapter.h>
 #include <oruio/fsswitch.h>
 
-#include "release_p.h"
-#include "systemtext_p.h"
+#include "core/errnosaver_p.h"
+#include "core/systemtext_p.h"
 
 #include <QMutex>
 

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <utility>
 
-#include "release_p.h"
+#include "core/errnosaver_p.h"
 
-#include "log_p.h"
-#include "notimplemented_p.h"
+#include "core/log_p.h"
+#include "core/notimplemented_p.h"
 
 namespace oru::io {
 

@@ -1,14 +1,14 @@
 #include <oruio/fsnfs.h>
 #include <oruio/sysutils.h>
 
-#include "mounttable_p.h"
+#include "core/mounttable_p.h"
 
 #include <utility>
 
 #include <sys/stat.h>
 
-#include "log_p.h"
-#include "notimplemented_p.h"
+#include "core/log_p.h"
+#include "core/notimplemented_p.h"
 
 ORUIO_LOG_CHANNEL("NFS");
 

@@ -1,8 +1,8 @@
 #include <oruio/error.h>
 #include <oruio/fssmb.h>
 
-#include "smb2session_p.h"
-#include "systemtext_p.h"
+#include "core/systemtext_p.h"
+#include "network/smb2session_p.h"
 
 #include <QSharedData>
 
@@ -22,8 +22,8 @@
 
 #include <smb2/libsmb2.h>
 
-#include "log_p.h"
-#include "notimplemented_p.h"
+#include "core/log_p.h"
+#include "core/notimplemented_p.h"
 
 ORUIO_LOG_CHANNEL("libio_smb2");
 

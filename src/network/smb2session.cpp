@@ -1,4 +1,4 @@
-#include "smb2session_p.h"
+#include "network/smb2session_p.h"
 
 #include <QSemaphore>
 
@@ -336,7 +336,7 @@ void Smb2Session::ContextDeleter::operator()(smb2_context* context) const {
     destroyContext(context);
 }
 
-Smb2Session::Smb2Session(unsigned int timeout) : m_timeout(timeout), m_whyNot(ENOTCONN) {}
+Smb2Session::Smb2Session(unsigned int timeout) : m_timeout(timeout), m_lastError(ENOTCONN) {}
 
 Smb2Session::~Smb2Session() = default;
 
@@ -379,7 +379,7 @@ int Smb2Session::connect(const Login& login, const QDeadlineTimer& deadline) {
 
     const int result = establish(attempt, deadline);
     if (result < 0) {
-        lose(ENOTCONN);
+        fail(ENOTCONN);
         return result;
     }
     m_dialect = smb2_get_dialect(context);
@@ -399,7 +399,7 @@ int Smb2Session::establish(const std::shared_ptr<Attempt>& attempt,
     if (failed != 0)
         return failed;
     const int result = await(attempt->reply, deadline);
-    return m_context || result < 0 ? result : -m_whyNot;
+    return m_context || result < 0 ? result : -m_lastError;
 }
 
 /// A name is looked up on a thread that nobody has to wait for.
@@ -477,7 +477,7 @@ int Smb2Session::disconnect(const QDeadlineTimer& deadline) {
     request(loggingOff, deadline, [](smb2_context* context, Reply* reply) {
         return queue(context, smb2_cmd_logoff_async(context, Reply::takeStatus, reply));
     });
-    lose(ENOTCONN);
+    fail(ENOTCONN);
     return 0;
 }
 
@@ -602,7 +602,7 @@ int Smb2Session::readlink(const char* path, std::string& target) {
     };
     // libsmb2 loses some memory when it cannot send this one.
     if (!isStillThere())
-        return -m_whyNot;
+        return -m_lastError;
     Link link;
     const int result = request(link, deadline(), [&](smb2_context* context, Reply* reply) {
         return smb2_readlink_async(context, path, Link::take, reply);
@@ -639,14 +639,14 @@ int Smb2Session::close(smb2fh* file) {
 template <class Submit>
 int Smb2Session::transfer(std::uint32_t count, Submit submit) {
     if (!m_context)
-        return -m_whyNot;
+        return -m_lastError;
     if (count == 0)
         return 0;
     constexpr int largestErrno = 4095;
     const int moved = request(submit);
     const bool isErrno = moved < 0 && moved >= -largestErrno;
     if (!isErrno && static_cast<std::uint32_t>(moved) > count)
-        return lose(ECONNRESET); // no answer to what was asked
+        return fail(ECONNRESET); // no answer to what was asked
     return moved;
 }
 
@@ -696,11 +696,11 @@ int Smb2Session::pwrite(smb2fh* file, const void* buf, std::uint32_t count, std:
 }
 
 std::int64_t Smb2Session::lseek(smb2fh* file, std::int64_t offset) {
-    return m_context ? smb2_lseek(m_context.get(), file, offset, SEEK_SET, nullptr) : -m_whyNot;
+    return m_context ? smb2_lseek(m_context.get(), file, offset, SEEK_SET, nullptr) : -m_lastError;
 }
 
 std::int64_t Smb2Session::offsetOf(smb2fh* file) const {
-    return m_context ? smb2_lseek(m_context.get(), file, 0, SEEK_CUR, nullptr) : -m_whyNot;
+    return m_context ? smb2_lseek(m_context.get(), file, 0, SEEK_CUR, nullptr) : -m_lastError;
 }
 
 /// Not libsmb2's own call, which does not survive the end of the connection.
@@ -760,13 +760,13 @@ int Smb2Session::request(Submit submit) {
 template <class Submit>
 int Smb2Session::request(Reply& reply, const QDeadlineTimer& deadline, Submit submit) {
     if (!m_context)
-        return -m_whyNot;
+        return -m_lastError;
     const int refused = submit(m_context.get(), &reply);
     if (refused != 0)
         return refused == -1 ? -ENOMEM : refused;
     // Nearly every request fits into the socket's buffer: poll(2) need not be asked first.
     const int loss = service(POLLOUT);
-    return loss == 0 ? await(reply, deadline) : lose(loss);
+    return loss == 0 ? await(reply, deadline) : fail(loss);
 }
 
 /// Whether there is a connection. Notices a server that has ended it since the last call.
@@ -777,7 +777,7 @@ bool Smb2Session::isStillThere() {
     if (poll(&poller, 1, 0) > 0) {
         const int loss = serve(poller);
         if (loss != 0)
-            lose(loss);
+            fail(loss);
     }
     return m_context != nullptr;
 }
@@ -798,16 +798,16 @@ int Smb2Session::await(Reply& reply, QDeadlineTimer deadline) {
         hadRequest = hasRequest;
         const int limit = remaining(deadline);
         if (limit == 0)
-            return lose(ETIMEDOUT);
+            return fail(ETIMEDOUT);
         struct pollfd poller = {smb2_get_fd(context), events, 0};
         const int ready = poll(&poller, 1, limit);
         if (ready < 0 && errno != EINTR)
-            return lose(errno);
+            return fail(errno);
         const int loss = ready > 0 ? serve(poller) : 0;
         if (loss != 0) {
             // The answer may be the last that came.
             const int result = reply.isComplete() ? reply.result : -loss;
-            lose(loss);
+            fail(loss);
             return result;
         }
     }
@@ -843,8 +843,8 @@ int Smb2Session::service(int events) {
 }
 
 /// Ends the connection; from here on there is none, for that reason. \returns -reason.
-int Smb2Session::lose(int reason) {
-    m_whyNot = reason;
+int Smb2Session::fail(int reason) {
+    m_lastError = reason;
     m_context.reset();
     return -reason;
 }

@@ -134,11 +134,11 @@ private:
     int await(Reply& reply, QDeadlineTimer deadline);
     int serve(const struct pollfd& poller);
     int service(int events);
-    int lose(int reason);
+    int fail(int reason);
 
     const unsigned int m_timeout;
     std::unique_ptr<smb2_context, ContextDeleter> m_context; // null when there is no connection
-    int m_whyNot;                                            // the errno that says why
+    int m_lastError;                                         // the errno that says why
     unsigned int m_dialect = 0;
     int m_isProtected = 0;
 };

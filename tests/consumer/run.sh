@@ -9,7 +9,7 @@
 set -euo pipefail
 
 build=$(readlink -f "$1")
-source=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
+source=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/project
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -60,7 +60,7 @@ if grep -r -e spdlog -e libsmb2 "$work/build" --include=build.ninja --include=li
 fi
 examples=$(cached ORUIO_BUILD_EXAMPLES)
 if [[ $examples == ON ]]; then
-    cp -r "$source/../../examples" "$work/examples"
+    cp -r "$source/../../../examples" "$work/examples"
     quietly cmake -G "$generator" -S "$work/examples" -B "$work/examples/build" "${options[@]}"
     quietly cmake --build "$work/examples/build" --target media_monitor
 fi

@@ -1,6 +1,6 @@
 // What the bases implement themselves: readAll() and type().
 
-#include "support/recordingfs.h"
+#include "support/doubles/recordingfs.h"
 
 #include <oruio/error.h>
 #include <oruio/fs.h>

@@ -17,7 +17,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "log_p.h"
+#include "core/log_p.h"
 
 namespace {
 

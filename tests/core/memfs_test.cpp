@@ -1,8 +1,8 @@
 // The in-memory file system and the fault-injecting one, which other tests trust.
 
-#include "support/faultfs.h"
-#include "support/fs_conformance.h"
-#include "support/memfs.h"
+#include "support/doubles/faultfs.h"
+#include "support/doubles/memfs.h"
+#include "support/suite/fs_conformance.h"
 
 #include <oruio/error.h>
 

@@ -1,6 +1,6 @@
-#include "support/fs_conformance.h"
-#include "support/posixcapabilities.h"
-#include "support/tempdir.h"
+#include "support/suite/fs_conformance.h"
+#include "support/suite/posixcapabilities.h"
+#include "support/system/tempdir.h"
 
 #include <oruio/error.h>
 #include <oruio/posixfs.h>

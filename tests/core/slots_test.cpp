@@ -1,6 +1,6 @@
 // The order of the virtual functions, which programs built against the library depend on.
 
-#include "support/slots.h"
+#include "support/suite/slots.h"
 
 #include <oruio/fdadapter.h>
 #include <oruio/fs.h>

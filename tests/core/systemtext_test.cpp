@@ -1,5 +1,5 @@
-#include "support/localecodec.h"
-#include "systemtext_p.h"
+#include "core/systemtext_p.h"
+#include "support/system/localecodec.h"
 
 #include <gtest/gtest.h>
 
@@ -59,19 +59,19 @@ TEST(SystemText, CrossesThroughQt_WhatTheLocaleWritesAsUtf8) {
     const QString umlauts = QString::fromUtf8("bä");
     {
         const test::LocaleCodec latin("ISO-8859-1");
-        EXPECT_TRUE(crossesThroughQt(QString()));
-        EXPECT_TRUE(crossesThroughQt("/plain"));
+        EXPECT_TRUE(qtEncodesAsUtf8(QString()));
+        EXPECT_TRUE(qtEncodesAsUtf8("/plain"));
         errno = 0;
-        EXPECT_FALSE(crossesThroughQt(umlauts));
+        EXPECT_FALSE(qtEncodesAsUtf8(umlauts));
         EXPECT_EQ(errno, EILSEQ);
     }
     const test::LocaleCodec utf8("UTF-8");
-    EXPECT_TRUE(crossesThroughQt(umlauts));
-    EXPECT_TRUE(crossesThroughQt(QChar(QChar::ByteOrderMark) + umlauts));
+    EXPECT_TRUE(qtEncodesAsUtf8(umlauts));
+    EXPECT_TRUE(qtEncodesAsUtf8(QChar(QChar::ByteOrderMark) + umlauts));
     errno = 0;
-    EXPECT_FALSE(crossesThroughQt(umlauts + QChar(QChar::Null)));
+    EXPECT_FALSE(qtEncodesAsUtf8(umlauts + QChar(QChar::Null)));
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_FALSE(crossesThroughQt(QChar(0xd800)));
+    EXPECT_FALSE(qtEncodesAsUtf8(QChar(0xd800)));
     EXPECT_EQ(errno, EILSEQ);
 }
 

@@ -6,9 +6,9 @@
 #include <oruio/sysutils.h>
 
 #include "device/nfsserver.h"
-#include "support/fs_conformance.h"
-#include "support/posixcapabilities.h"
-#include "support/tempdir.h"
+#include "support/suite/fs_conformance.h"
+#include "support/suite/posixcapabilities.h"
+#include "support/system/tempdir.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -1,10 +1,10 @@
 #include "hardware.h"
 
-#include "support/childprocess.h"
-#include "support/files.h"
-#include "support/loopdisk.h"
-#include "support/mounts.h"
-#include "support/qtprint.h"
+#include "support/suite/qtprint.h"
+#include "support/system/childprocess.h"
+#include "support/system/files.h"
+#include "support/system/loopdisk.h"
+#include "support/system/mounts.h"
 
 #include <QDir>
 #include <QFile>

@@ -2,8 +2,8 @@
 // for sticks. There is one of each, for all test programs.
 #pragma once
 
-#include "support/monitorbatches.h"
-#include "support/tempdir.h"
+#include "support/system/monitorbatches.h"
+#include "support/system/tempdir.h"
 
 #include <gtest/gtest.h>
 

@@ -6,11 +6,11 @@
 #include <oruio/storagelocation.h>
 
 #include "device/hardware.h"
-#include "support/disktest.h"
-#include "support/files.h"
-#include "support/logcapture.h"
-#include "support/medialocation.h"
-#include "support/mounts.h"
+#include "support/suite/logcapture.h"
+#include "support/system/disktest.h"
+#include "support/system/files.h"
+#include "support/system/medialocation.h"
+#include "support/system/mounts.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

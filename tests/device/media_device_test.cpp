@@ -3,10 +3,10 @@
 #include <oruio/bdmon.h>
 
 #include "device/hardware.h"
-#include "support/childprocess.h"
-#include "support/files.h"
-#include "support/loopdisk.h"
-#include "support/qtprint.h"
+#include "support/suite/qtprint.h"
+#include "support/system/childprocess.h"
+#include "support/system/files.h"
+#include "support/system/loopdisk.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -3,10 +3,10 @@
 #include <oruio/fsnfs.h>
 
 #include "device/nfsserver.h"
-#include "support/childprocess.h"
-#include "support/files.h"
-#include "support/mounts.h"
-#include "support/tempdir.h"
+#include "support/system/childprocess.h"
+#include "support/system/files.h"
+#include "support/system/mounts.h"
+#include "support/system/tempdir.h"
 
 #include <QElapsedTimer>
 #include <QFile>

@@ -1,7 +1,7 @@
 #include "nfsserver.h"
 
-#include "support/files.h"
-#include "support/loopdisk.h"
+#include "support/system/files.h"
+#include "support/system/loopdisk.h"
 
 #include <QFile>
 

@@ -8,8 +8,8 @@
 
 #include "device/hardware.h"
 #include "device/recordings.h"
-#include "support/childprocess.h"
-#include "support/files.h"
+#include "support/system/childprocess.h"
+#include "support/system/files.h"
 
 #include <QDir>
 #include <QFile>

@@ -5,7 +5,7 @@
 #include <oruio/sysutils.h>
 
 #include "device/hardware.h"
-#include "support/files.h"
+#include "support/system/files.h"
 
 #include <QFile>
 

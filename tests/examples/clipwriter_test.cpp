@@ -3,8 +3,8 @@
 #include "common/failure.h"
 #include "recorder/clipwriter.h"
 
-#include "support/faultfs.h"
-#include "support/tempdir.h"
+#include "support/doubles/faultfs.h"
+#include "support/system/tempdir.h"
 
 #include <oruio/fsswitch.h>
 #include <oruio/posixfs.h>

@@ -13,9 +13,9 @@ fi
 
 # By its absolute path: one case runs it in another directory.
 recorder=("${@:1:$#-1}" "$(realpath "${!#}")")
-man_page=$(dirname "$0")/../debian/oruio-recorder.1
-# shellcheck source=tests/support/cases.sh
-source "$(dirname "$0")/support/cases.sh"
+man_page=$(dirname "$0")/../../debian/oruio-recorder.1
+# shellcheck source=tests/support/suite/cases.sh
+source "$(dirname "$0")/../support/suite/cases.sh"
 
 # Runs the recorder with the arguments from $2 on, on a tmpfs with the mount options $1 at $clips,
 # in a mount namespace of its own. Leaves the names of the files there in $work/left.

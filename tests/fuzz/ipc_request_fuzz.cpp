@@ -9,7 +9,7 @@
 //     &    a directory handle of somebody else
 
 #include "fuzz/support.h"
-#include "support/memfs.h"
+#include "support/doubles/memfs.h"
 
 #include <oruio/error.h>
 #include <oruio/fdadapter.h>
@@ -24,7 +24,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "ipc_server_p.h"
+#include "ipc/ipc_server_p.h"
 
 namespace oru::io::test {
 
@@ -127,13 +127,14 @@ public:
         std::memset(m_area.response, unwritten, textSize);
         std::memcpy(m_area.request, bytes.data(), std::min(bytes.size(), textSize));
         const std::string owners = ownersOf(m_area);
-        const char first = mark(m_area);
+        const char first = requestState(m_area);
         if (!take()) {
-            require(!isRequest(first) && mark(m_area) == first, "only a request is taken");
+            require(!isPublished(first) && requestState(m_area) == first,
+                    "only a request is taken");
             return;
         }
-        const bool ends = mark(m_area) == Ending;
-        require(ends || mark(m_area) == Taken, "a request that was taken is marked so");
+        const bool ends = requestState(m_area) == Ending;
+        require(ends || requestState(m_area) == Accepted, "a request that was taken is marked so");
         require(m_server.request.end()[0] == '\0' && m_server.request.end()[1] == '\0',
                 "behind a request stand two NULs");
         if (ends)
@@ -149,7 +150,7 @@ public:
         require(m_server.resetSession() == 0, "a session ends");
         require(m_server.files.isEmpty() && m_server.dirs.isEmpty(),
                 "an ended session has nothing");
-        require(mark(m_area) == Idle, "an ended session leaves the area idle");
+        require(requestState(m_area) == Idle, "an ended session leaves the area idle");
         for (const int fd : m_seenFiles)
             require(m_server.lseek(fd, 0, SEEK_CUR) == -1 && liberrno == NotFound,
                     "an ended session has closed its files");
@@ -200,7 +201,8 @@ private:
     }
 
     void checkAnswer(bool ended) {
-        require(mark(m_area) == (ended ? Idle : Taken), "an answer does not change the mark");
+        require(requestState(m_area) == (ended ? Idle : Accepted),
+                "an answer does not change the mark");
         int posts = -1;
         sem_getvalue(&m_area.control.responseSem, &posts);
         require(posts == (ended ? 0 : 1), "a request is answered once");

@@ -66,7 +66,7 @@ public:
         require(take(area(), request), "a client posts what is a request");
         const std::string_view text(request.bytes);
         require(text.size() < request.length, "a request ends within the area");
-        if (mark(area()) == Ending) {
+        if (requestState(area()) == Ending) {
             endSession();
             return;
         }
@@ -89,7 +89,7 @@ public:
 
     void checkSessionEnded() {
         AreaControl& control = area().control;
-        require(mark(area()) == Idle, "a client that leaves says so");
+        require(requestState(area()) == Idle, "a client that leaves says so");
         require(pthread_mutex_trylock(&control.clientMutex) == 0, "a client makes room for others");
         pthread_mutex_unlock(&control.clientMutex);
     }

@@ -1,7 +1,7 @@
 // The reader of the kernel's table of mounts. An input is a table.
 
+#include "core/mounttable_p.h"
 #include "fuzz/support.h"
-#include "mounttable_p.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "ipcwire_p.h"
+#include "ipc/ipcwire_p.h"
 
 namespace oru::io::test {
 

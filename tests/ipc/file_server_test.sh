@@ -8,8 +8,8 @@
 # file service of this system is in use.
 set -u
 
-# shellcheck source=tests/support/alone.sh
-source "$(dirname "$0")/support/alone.sh"
+# shellcheck source=tests/support/system/alone.sh
+source "$(dirname "$0")/../support/system/alone.sh"
 
 if [ $# -ne 2 ]; then
     echo "usage: $0 FILE_SERVER RECORDER" >&2
@@ -25,8 +25,8 @@ if [ -e "$shared_memory" ]; then
     exit 77
 fi
 
-# shellcheck source=tests/support/cases.sh
-source "$(dirname "$0")/support/cases.sh"
+# shellcheck source=tests/support/suite/cases.sh
+source "$(dirname "$0")/../support/suite/cases.sh"
 
 # --- what the cases are made of ---------------------------------------------------------------
 

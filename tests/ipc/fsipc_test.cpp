@@ -1,14 +1,14 @@
 // The shared-memory block, the service's area, and the client with a server in another process.
 
-#include "fsipc_p.h"
-#include "support/childprocess.h"
-#include "support/files.h"
-#include "support/fs_conformance.h"
-#include "support/ipccalls.h"
-#include "support/ipcservice.h"
-#include "support/logcapture.h"
-#include "support/slots.h"
-#include "support/tempdir.h"
+#include "ipc/fsipc_p.h"
+#include "support/ipc/ipccalls.h"
+#include "support/ipc/ipcservice.h"
+#include "support/suite/fs_conformance.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/slots.h"
+#include "support/system/childprocess.h"
+#include "support/system/files.h"
+#include "support/system/tempdir.h"
 
 #include <oruio/error.h>
 #include <oruio/fsipc.h>
@@ -937,7 +937,7 @@ TEST_F(IPCFSTest, RequestOfTheWholeArea_RefusedAndNotPosted) {
     const QStringList messages = log.messages();
     ASSERT_EQ(messages.size(), 1);
     EXPECT_TRUE(messages[0].startsWith("fsipc 12 Request 'stat pppp"));
-    EXPECT_EQ(mark(test::AreaView().area()), Done);
+    EXPECT_EQ(requestState(test::AreaView().area()), Done);
     EXPECT_EQ(fs.rename(longest, "/b"), -1);
     EXPECT_EQ(errno, E2BIG);
     EXPECT_EQ(fs.stat("/", st), 0);
@@ -1220,7 +1220,7 @@ TEST_F(IPCFSTest, ServerKilledAndRestarted_ClientFindsTheOldOneGone) {
     ServerProcess next(dir.path());
     ASSERT_TRUE(test::eventually([] {
         const test::AreaView view;
-        return view.isThere() && isOwned(view.area()) && mark(view.area()) == Idle;
+        return view.isThere() && isOwned(view.area()) && requestState(view.area()) == Idle;
     }));
     char byte = 0;
     expectNotConnected(file->write(&byte, 1));
@@ -1289,7 +1289,7 @@ TEST_F(IPCFSTest, AnswerThatComesTooLate_TakenForNoOther) {
     // It gets on when the next session has already begun to end this one.
     std::thread later([fd] {
         const test::AreaView view;
-        EXPECT_TRUE(test::eventually([&] { return isRequest(mark(view.area())); }));
+        EXPECT_TRUE(test::eventually([&] { return isPublished(requestState(view.area())); }));
         ::flock(fd, LOCK_UN);
     });
     EXPECT_EQ(fs.connect(1, nullptr), 0);
@@ -1427,7 +1427,7 @@ private:
             m_answer.clear();
             std::memcpy(area().response, bytes.constData(), bytes.size());
             sem_post(&area().control.responseSem);
-            if (mark(area()) == Ending) {
+            if (requestState(area()) == Ending) {
                 sem_init(&area().control.responseSem, 1, 0);
                 setIdle(area());
             }
@@ -1508,7 +1508,7 @@ TEST_F(IPCFSWithFakeServer, AnsweredNotConnected_EndsTheSession) {
         EXPECT_EQ(errno, reason);
         EXPECT_FALSE(fs.isConnected());
         // In good order: the server knows.
-        EXPECT_EQ(mark(server.area()), Idle);
+        EXPECT_EQ(requestState(server.area()), Idle);
     }
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openAs(7);
@@ -1705,7 +1705,7 @@ TEST(IPCFSData, RequestWithPayload_FitsOrIsRefusedWhole) {
               -1);
     EXPECT_EQ(errno, E2BIG);
     EXPECT_EQ(log.messages(), QStringList({"fsipc 12 Request 'fcntl 7 13' exceeds max 8704"}));
-    EXPECT_EQ(mark(server.area()), Done);
+    EXPECT_EQ(requestState(server.area()), Done);
     EXPECT_EQ(session.sendBufRequest(op::fcntl, payload.data(), 8703 - text.size(),
                                      args::fdAndNumber, 7, 13),
               0);
@@ -1725,7 +1725,7 @@ TEST_F(IPCFSWithFakeServer, ConnectingThreadEnded_SessionGoesOn) {
     EXPECT_EQ(fs.mkdir("/d", 0755), 0);
     EXPECT_EQ(fs.mkdir("/d", 0755), 0);
     fs.disconnect();
-    EXPECT_EQ(mark(server.area()), Idle);
+    EXPECT_EQ(requestState(server.area()), Idle);
     EXPECT_EQ(fs.connect(1, nullptr), 0);
 }
 
@@ -1911,7 +1911,7 @@ TEST_F(IPCFSTest, ForkedChildOfADeadParent_HasNoPartInTheSession) {
     EXPECT_EQ(::read(told[0], &isRefused, 1), 1);
     EXPECT_EQ(isRefused, 'y');
     EXPECT_EQ(test::contents(dir / "f"), "parent");
-    EXPECT_EQ(mark(test::AreaView().area()), Done);
+    EXPECT_EQ(requestState(test::AreaView().area()), Done);
     EXPECT_EQ(fs.connect(1, nullptr), 0);
 }
 
@@ -1995,7 +1995,7 @@ TEST_F(IPCFSWithFakeServer, PlaceTakenBeforeTheAnswer_ThatIsTheOthers) {
     int answers = 0;
     EXPECT_EQ(sem_getvalue(&control.responseSem, &answers), 0);
     EXPECT_EQ(answers, 1);
-    EXPECT_EQ(mark(server.area()), Taken);
+    EXPECT_EQ(requestState(server.area()), Accepted);
     EXPECT_EQ(pthread_mutex_trylock(&control.clientMutex), 0);
     EXPECT_EQ(pthread_mutex_unlock(&control.clientMutex), 0);
 }

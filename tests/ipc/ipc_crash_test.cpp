@@ -3,10 +3,10 @@
 // The ends run in child processes; SIGKILL comes at a chosen call of the C library. Every case has
 // the same aftermath: a server and a client that work, with nothing left open or taken.
 
-#include "support/childprocess.h"
-#include "support/ipccalls.h"
-#include "support/ipcservice.h"
-#include "support/tempdir.h"
+#include "support/ipc/ipccalls.h"
+#include "support/ipc/ipcservice.h"
+#include "support/system/childprocess.h"
+#include "support/system/tempdir.h"
 
 #include <oruio/error.h>
 #include <oruio/fsipc.h>
@@ -140,7 +140,7 @@ protected:
         EXPECT_EQ(server.process().descriptors(), idleDescriptors);
         const test::AreaView view;
         ASSERT_TRUE(view.isThere());
-        EXPECT_EQ(mark(view.area()), Idle);
+        EXPECT_EQ(requestState(view.area()), Idle);
         EXPECT_EQ(view.area().control.bufferMap, 0U);
         expectValue(view.area().control.bufferSem, 2);
         expectValue(view.area().control.responseSem, 0);
@@ -241,7 +241,7 @@ TEST_F(IpcCrash, ClientKilledWhileTheServerIsInTheFileSystem_NextClientWorks) {
     // The next one comes while the server is still inside, and goes on when it is done.
     ChildProcess later([&] {
         const test::AreaView view;
-        if (!test::eventually([&] { return isRequest(mark(view.area())); }))
+        if (!test::eventually([&] { return isPublished(requestState(view.area())); }))
             return 1;
         return ::close(::open(qPrintable(dir / "go"), O_CREAT | O_WRONLY, 0644));
     });

@@ -1,9 +1,9 @@
 // Which messages each bit of the debug mask turns on. The mask is read when the program is loaded,
 // so one process sees one mask.
 
-#include "support/ipcservice.h"
-#include "support/logcapture.h"
-#include "support/memfs.h"
+#include "support/doubles/memfs.h"
+#include "support/ipc/ipcservice.h"
+#include "support/suite/logcapture.h"
 
 #include <oruio/fsipc.h>
 #include <oruio/ipc_server.h>

@@ -1,13 +1,13 @@
 // The server: how it begins and ends, what it answers to what, and what it says.
 
-#include "ipc_server_p.h"
-#include "support/childprocess.h"
-#include "support/ipccalls.h"
-#include "support/ipcservice.h"
-#include "support/logcapture.h"
-#include "support/memfs.h"
-#include "support/recordingfs.h"
-#include "support/slots.h"
+#include "ipc/ipc_server_p.h"
+#include "support/doubles/memfs.h"
+#include "support/doubles/recordingfs.h"
+#include "support/ipc/ipccalls.h"
+#include "support/ipc/ipcservice.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/slots.h"
+#include "support/system/childprocess.h"
 
 #include <oruio/error.h>
 #include <oruio/fdadapter.h>
@@ -507,7 +507,7 @@ TEST(IPCServer, LaterResetFails_OnlySaysSo) {
     LogCapture log("fsipcsrv=12");
     test::failCall("sem_init", 1, ENOSYS);
     client.send("disconnect");
-    EXPECT_TRUE(eventually([&] { return mark(client.area()) == Idle; }));
+    EXPECT_TRUE(eventually([&] { return requestState(client.area()) == Idle; }));
     EXPECT_TRUE(eventually([&] {
         static QStringList messages;
         messages += log.messages();
@@ -924,7 +924,7 @@ TEST_F(IPCServerRequests, Disconnect_ClosesAndMakesAllAsNew) {
     ASSERT_EQ(shm->allocDataBuf(1), 0);
     LogCapture log("fsipcsrv=12");
     client.send("disconnect");
-    ASSERT_TRUE(eventually([&] { return mark(client.area()) == Idle; }));
+    ASSERT_TRUE(eventually([&] { return requestState(client.area()) == Idle; }));
     int value = -1;
     sem_getvalue(&client.area().control.responseSem, &value);
     EXPECT_EQ(value, 0);

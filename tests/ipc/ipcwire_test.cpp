@@ -1,6 +1,6 @@
 // What the two ends of the file service agree on, and how a request changes hands.
 
-#include "ipcwire_p.h"
+#include "ipc/ipcwire_p.h"
 
 #include <gtest/gtest.h>
 
@@ -91,47 +91,47 @@ protected:
 };
 
 TEST_F(IpcRequest, Idle_NothingToTake) {
-    EXPECT_EQ(mark(*area), Idle);
+    EXPECT_EQ(requestState(*area), Idle);
     EXPECT_FALSE(take(*area, text));
-    EXPECT_EQ(mark(*area), Idle);
+    EXPECT_EQ(requestState(*area), Idle);
 }
 
 TEST_F(IpcRequest, Published_TakenOnce) {
     publishText("stat /a");
-    EXPECT_TRUE(isRequest(mark(*area)));
+    EXPECT_TRUE(isPublished(requestState(*area)));
     ASSERT_TRUE(take(*area, text));
     EXPECT_STREQ(text.bytes, "stat /a");
-    EXPECT_EQ(mark(*area), Taken);
+    EXPECT_EQ(requestState(*area), Accepted);
     EXPECT_FALSE(take(*area, text));
 }
 
 TEST_F(IpcRequest, Disconnect_TakenAsTheEnd) {
     publishText("disconnect");
     ASSERT_TRUE(take(*area, text));
-    EXPECT_EQ(mark(*area), Ending);
+    EXPECT_EQ(requestState(*area), Ending);
     setIdle(*area);
     publishText("disconnect now");
     ASSERT_TRUE(take(*area, text));
-    EXPECT_EQ(mark(*area), Ending);
+    EXPECT_EQ(requestState(*area), Ending);
     setIdle(*area);
     publishText("disconnected");
     ASSERT_TRUE(take(*area, text));
-    EXPECT_EQ(mark(*area), Taken);
+    EXPECT_EQ(requestState(*area), Accepted);
 }
 
 TEST_F(IpcRequest, Withdrawn_NotTaken) {
     publishText("unlink /a");
-    EXPECT_TRUE(withdraw(*area));
-    EXPECT_EQ(mark(*area), Done);
+    EXPECT_TRUE(cancel(*area));
+    EXPECT_EQ(requestState(*area), Done);
     EXPECT_FALSE(take(*area, text));
-    EXPECT_FALSE(withdraw(*area));
+    EXPECT_FALSE(cancel(*area));
 }
 
 TEST_F(IpcRequest, Taken_NotWithdrawn) {
     publishText("unlink /a");
     ASSERT_TRUE(take(*area, text));
-    EXPECT_FALSE(withdraw(*area));
-    EXPECT_EQ(mark(*area), Taken);
+    EXPECT_FALSE(cancel(*area));
+    EXPECT_EQ(requestState(*area), Accepted);
 }
 
 TEST_F(IpcRequest, WhatStoodThereBefore_CompletesNothing) {
@@ -209,11 +209,11 @@ TEST_F(IpcRequest, TakenAndWithdrawnAtOnce_OneOfThem) {
     int taken = 0;
     for (int i = 0; i < rounds; ++i) {
         publishText(i % 2 ? "rename /aaaa" : "unlink /bb");
-        if (withdraw(*area)) {
+        if (cancel(*area)) {
             ++withdrawn;
         } else {
             ++taken;
-            while (mark(*area) != Taken)
+            while (requestState(*area) != Accepted)
                 std::this_thread::yield();
             setDone(*area);
         }
@@ -287,7 +287,7 @@ protected:
     }
 
     sem_t semaphore;
-    Poller poller;
+    SpinWaiter poller;
 
     int wait(const struct timespec* deadline) {
         return poller.take(semaphore) ? 0 : waitFor(semaphore, deadline);
@@ -324,7 +324,7 @@ TEST_F(IpcPoller, ManyWaits_NoneLost) {
             sem_post(&answer);
         }
     });
-    Poller mine;
+    SpinWaiter mine;
     for (int i = 0; i < rounds; ++i) {
         sem_post(&semaphore);
         if (!mine.take(answer)) {

@@ -11,8 +11,8 @@
 # programs of this machine are not built.
 set -u
 
-# shellcheck source=tests/support/alone.sh
-source "$(dirname "$0")/support/alone.sh"
+# shellcheck source=tests/support/system/alone.sh
+source "$(dirname "$0")/../support/system/alone.sh"
 if ! $is_alone; then
     echo "SKIP: mounting another /dev/shm is not permitted"
     exit 77
@@ -33,8 +33,8 @@ if [ ! -x "$directory/file_server" ] || [ ! -x "$directory/recorder" ]; then
     exit 77
 fi
 
-# shellcheck source=tests/support/cases.sh
-source "$(dirname "$0")/support/cases.sh"
+# shellcheck source=tests/support/suite/cases.sh
+source "$(dirname "$0")/../support/suite/cases.sh"
 
 # --- what the cases are made of ---------------------------------------------------------------
 

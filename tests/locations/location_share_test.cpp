@@ -4,13 +4,13 @@
 #include <oruio/fssmb.h>
 #include <oruio/storagelocation.h>
 
-#include "support/exporttest.h"
-#include "support/files.h"
-#include "support/logcapture.h"
-#include "support/loopback.h"
-#include "support/mounts.h"
-#include "support/openlocation.h"
-#include "support/smbtest.h"
+#include "support/doubles/openlocation.h"
+#include "support/suite/logcapture.h"
+#include "support/system/exporttest.h"
+#include "support/system/files.h"
+#include "support/system/loopback.h"
+#include "support/system/mounts.h"
+#include "support/system/smbtest.h"
 
 #include <gtest/gtest.h>
 

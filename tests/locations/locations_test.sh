@@ -17,7 +17,7 @@ locations=$1
 recorder=$2
 here=$(dirname "$0")
 # shellcheck source=tools/card-slot.sh
-source "$here/../tools/card-slot.sh"
+source "$here/../../tools/card-slot.sh"
 if [ -z "${in_own_namespaces:-}" ]; then
     missing=$(missing_for_slots)
     if [ -n "$missing" ]; then
@@ -27,12 +27,12 @@ if [ -z "${in_own_namespaces:-}" ]; then
     in_own_namespaces=yes exec unshare --mount --net "$0" "$@"
 fi
 export ORUIO_SMB_PASSWORD=secret
-# shellcheck source=tests/support/cases.sh
-source "$here/support/cases.sh"
+# shellcheck source=tests/support/suite/cases.sh
+source "$here/../support/suite/cases.sh"
 trap 'close_slots; rm -rf "$work"' EXIT
 
 ip link set lo up
-open_slots "$here/../tools/sysutils/oruio_sysutils" || {
+open_slots "$here/../../sysutils/oruio_sysutils" || {
     echo "no udevd: $(cat /run/udev/log)"
     exit 1
 }
@@ -81,7 +81,7 @@ PLACES
 
 start_server() {
     : >"$work/server.out"
-    "$here/../tools/smb-server.sh" "$clips/server" >"$work/server.out" 2>&1 &
+    "$here/../../tools/smb-server.sh" "$clips/server" >"$work/server.out" 2>&1 &
     server=$!
     expect wait_until grep -q '^[0-9]' "$work/server.out"
     read -r port smbd <"$work/server.out"

@@ -3,15 +3,15 @@
 #include <oruio/fsswitch.h>
 #include <oruio/storagelocation.h>
 
-#include "support/isolated.h"
-#include "support/logcapture.h"
-#include "support/memfs.h"
-#include "support/memorymount.h"
-#include "support/mounts.h"
-#include "support/openlocation.h"
-#include "support/qtprint.h"
-#include "support/scripteddevice.h"
-#include "support/tempdir.h"
+#include "support/doubles/memfs.h"
+#include "support/doubles/memorymount.h"
+#include "support/doubles/openlocation.h"
+#include "support/doubles/scripteddevice.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/qtprint.h"
+#include "support/system/isolated.h"
+#include "support/system/mounts.h"
+#include "support/system/tempdir.h"
 
 #include <QDir>
 #include <QSet>

@@ -2,12 +2,12 @@
 #include <oruio/error.h>
 #include <oruio/storagelocation.h>
 
-#include "support/logcapture.h"
-#include "support/memfs.h"
-#include "support/openlocation.h"
-#include "support/qtprint.h"
-#include "support/scriptedshare.h"
-#include "support/transitions.h"
+#include "support/doubles/memfs.h"
+#include "support/doubles/openlocation.h"
+#include "support/doubles/scriptedshare.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/qtprint.h"
+#include "support/suite/transitions.h"
 
 #include <gtest/gtest.h>
 

@@ -3,15 +3,15 @@
 #include <oruio/fsswitch.h>
 #include <oruio/storagelocation.h>
 
-#include "support/isolation.h"
-#include "support/logcapture.h"
-#include "support/memfs.h"
-#include "support/openlocation.h"
-#include "support/qtprint.h"
-#include "support/scripteddevice.h"
-#include "support/scriptedshare.h"
-#include "support/slots.h"
-#include "support/tempdir.h"
+#include "support/doubles/memfs.h"
+#include "support/doubles/openlocation.h"
+#include "support/doubles/scripteddevice.h"
+#include "support/doubles/scriptedshare.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/qtprint.h"
+#include "support/suite/slots.h"
+#include "support/system/isolation.h"
+#include "support/system/tempdir.h"
 
 #include <QFile>
 #include <QMetaMethod>
@@ -387,7 +387,7 @@ public:
 
 // The switch has mount points with a slash at the end, the kernel without.
 TEST_F(SystemLocationTest, Umount_AtTheSwitchsMountPoint) {
-    if (!test::isolate(test::Own::Mounts))
+    if (!test::isolate(test::Namespaces::Mount))
         GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
     const test::TempDir temp;
     const auto isMounted = [&] {

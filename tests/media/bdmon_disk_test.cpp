@@ -4,12 +4,12 @@
 #include <oruio/error.h>
 #include <oruio/sysutils.h>
 
-#include "support/childprocess.h"
-#include "support/disktest.h"
-#include "support/files.h"
-#include "support/logcapture.h"
-#include "support/maintenanceprogram.h"
-#include "support/mounts.h"
+#include "support/doubles/maintenanceprogram.h"
+#include "support/suite/logcapture.h"
+#include "support/system/childprocess.h"
+#include "support/system/disktest.h"
+#include "support/system/files.h"
+#include "support/system/mounts.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,13 +1,13 @@
 // The monitor of block devices, and what devices tell of themselves, with devices of umockdev's.
 
-#include "support/childprocess.h"
-#include "support/isolation.h"
-#include "support/logcapture.h"
-#include "support/monitorbatches.h"
-#include "support/qtprint.h"
-#include "support/slots.h"
-#include "support/udevcalls.h"
-#include "support/udevtestbed.h"
+#include "support/doubles/udevcalls.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/qtprint.h"
+#include "support/suite/slots.h"
+#include "support/system/childprocess.h"
+#include "support/system/isolation.h"
+#include "support/system/monitorbatches.h"
+#include "support/system/udevtestbed.h"
 
 #include <oruio/bdmon.h>
 
@@ -1217,7 +1217,7 @@ int main(int argc, char** argv) {
     if (argc == 3 && std::strcmp(argv[1], "--role") == 0)
         return oru::io::runRole(argv[2]);
     // Without a network of its own only some tests skip themselves.
-    oru::io::test::isolate(oru::io::test::Own::MountsAndNetwork);
+    oru::io::test::isolate(oru::io::test::Namespaces::MountAndNetwork);
     const QCoreApplication application(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

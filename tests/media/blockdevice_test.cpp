@@ -1,13 +1,13 @@
 // Block devices as udev's properties describe them, without their nodes; and mounting them, with
 // memory file systems in their place, which takes no privilege.
 
-#include "support/childprocess.h"
-#include "support/isolated.h"
-#include "support/logcapture.h"
-#include "support/mounts.h"
-#include "support/qtprint.h"
-#include "support/slots.h"
-#include "support/tempdir.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/qtprint.h"
+#include "support/suite/slots.h"
+#include "support/system/childprocess.h"
+#include "support/system/isolated.h"
+#include "support/system/mounts.h"
+#include "support/system/tempdir.h"
 
 #include <oruio/bdmon.h>
 #include <oruio/error.h>

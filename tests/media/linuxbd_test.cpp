@@ -2,12 +2,12 @@
 #include <oruio/bdmon.h>
 #include <oruio/error.h>
 
-#include "support/isolated.h"
-#include "support/localecodec.h"
-#include "support/logcapture.h"
-#include "support/maintenanceprogram.h"
-#include "support/qtprint.h"
-#include "support/tempdir.h"
+#include "support/doubles/maintenanceprogram.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/qtprint.h"
+#include "support/system/isolated.h"
+#include "support/system/localecodec.h"
+#include "support/system/tempdir.h"
 
 #include <QDir>
 #include <QFile>

@@ -20,8 +20,8 @@ if ! command -v umockdev-run >/dev/null; then
     exit 77
 fi
 
-# shellcheck source=tests/support/cases.sh
-source "$(dirname "$0")/support/cases.sh"
+# shellcheck source=tests/support/suite/cases.sh
+source "$(dirname "$0")/../support/suite/cases.sh"
 
 # A disk with one partition, and one that nobody plugs in.
 describe_devices() {

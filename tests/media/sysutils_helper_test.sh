@@ -24,8 +24,8 @@ fi
 
 sysutils=$(realpath "$1")
 PATH=/usr/sbin:/usr/bin:/sbin:/bin
-# shellcheck source=tests/support/cases.sh
-source "$(dirname "$0")/support/cases.sh"
+# shellcheck source=tests/support/suite/cases.sh
+source "$(dirname "$0")/../support/suite/cases.sh"
 
 # --- what the cases are made of ---------------------------------------------------------------
 

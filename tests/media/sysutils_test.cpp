@@ -1,14 +1,14 @@
 #include <oruio/error.h>
 #include <oruio/sysutils.h>
 
-#include "mounttable_p.h"
-#include "support/isolated.h"
-#include "support/localecodec.h"
-#include "support/logcapture.h"
-#include "support/maintenanceprogram.h"
-#include "support/mounts.h"
-#include "support/qtprint.h"
-#include "support/tempdir.h"
+#include "core/mounttable_p.h"
+#include "support/doubles/maintenanceprogram.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/qtprint.h"
+#include "support/system/isolated.h"
+#include "support/system/localecodec.h"
+#include "support/system/mounts.h"
+#include "support/system/tempdir.h"
 
 #include <QDir>
 #include <QElapsedTimer>

@@ -1,7 +1,7 @@
 // The descriptor adapter in a process whose limit of system descriptors is unknown.
 
-#include "support/recordingfs.h"
-#include "support/tempdir.h"
+#include "support/doubles/recordingfs.h"
+#include "support/system/tempdir.h"
 
 #include <oruio/error.h>
 #include <oruio/fdadapter.h>

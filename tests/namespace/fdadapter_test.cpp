@@ -1,7 +1,7 @@
-#include "support/faultfs.h"
-#include "support/memfs.h"
-#include "support/recordingfs.h"
-#include "support/tempdir.h"
+#include "support/doubles/faultfs.h"
+#include "support/doubles/memfs.h"
+#include "support/doubles/recordingfs.h"
+#include "support/system/tempdir.h"
 
 #include <oruio/error.h>
 #include <oruio/fdadapter.h>

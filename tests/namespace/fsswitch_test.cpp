@@ -1,10 +1,10 @@
-#include "support/faultfs.h"
-#include "support/fs_conformance.h"
-#include "support/logcapture.h"
-#include "support/memfs.h"
-#include "support/posixcapabilities.h"
-#include "support/recordingfs.h"
-#include "support/tempdir.h"
+#include "support/doubles/faultfs.h"
+#include "support/doubles/memfs.h"
+#include "support/doubles/recordingfs.h"
+#include "support/suite/fs_conformance.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/posixcapabilities.h"
+#include "support/system/tempdir.h"
 
 #include <oruio/error.h>
 #include <oruio/fsswitch.h>

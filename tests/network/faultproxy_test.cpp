@@ -1,13 +1,13 @@
 // What the tests of SMB rest on: each fault of the proxy, with both ends in the test's hands, and
 // the server, with Samba's own client.
 
-#include "support/faultproxy.h"
+#include "support/doubles/faultproxy.h"
 
-#include "support/childprocess.h"
-#include "support/files.h"
-#include "support/loopback.h"
-#include "support/qtprint.h"
-#include "support/smbserver.h"
+#include "support/suite/qtprint.h"
+#include "support/system/childprocess.h"
+#include "support/system/files.h"
+#include "support/system/loopback.h"
+#include "support/system/smbserver.h"
 
 #include <QFile>
 #include <QFileInfo>

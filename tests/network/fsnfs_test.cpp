@@ -2,11 +2,11 @@
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>
 
-#include "support/exporttest.h"
-#include "support/logcapture.h"
-#include "support/mounts.h"
-#include "support/qtprint.h"
-#include "support/slots.h"
+#include "support/suite/logcapture.h"
+#include "support/suite/qtprint.h"
+#include "support/suite/slots.h"
+#include "support/system/exporttest.h"
+#include "support/system/mounts.h"
 
 #include <QDir>
 #include <QFile>

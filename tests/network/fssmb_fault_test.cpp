@@ -2,10 +2,10 @@
 #include <oruio/error.h>
 #include <oruio/fssmb.h>
 
-#include "support/childprocess.h"
-#include "support/faultproxy.h"
-#include "support/loopback.h"
-#include "support/smbtest.h"
+#include "support/doubles/faultproxy.h"
+#include "support/system/childprocess.h"
+#include "support/system/loopback.h"
+#include "support/system/smbtest.h"
 
 #include <QDir>
 #include <QElapsedTimer>

@@ -2,12 +2,12 @@
 #include <oruio/error.h>
 #include <oruio/fssmb.h>
 
-#include "support/faultproxy.h"
-#include "support/files.h"
-#include "support/fs_conformance.h"
-#include "support/logcapture.h"
-#include "support/smbtest.h"
-#include "support/tempdir.h"
+#include "support/doubles/faultproxy.h"
+#include "support/suite/fs_conformance.h"
+#include "support/suite/logcapture.h"
+#include "support/system/files.h"
+#include "support/system/smbtest.h"
+#include "support/system/tempdir.h"
 
 #include <QDir>
 #include <QElapsedTimer>

@@ -14,13 +14,13 @@ if [ $# -ne 1 ]; then
 fi
 
 recorder=$1
-smb_server=$(dirname "$0")/../tools/smb-server.sh
+smb_server=$(dirname "$0")/../../tools/smb-server.sh
 # With characters that mean something to shells, to URLs and to smb.conf.
 # shellcheck disable=SC2016 # nothing in it is to be expanded
 password='g%41 "h;e$1m@ü'
 export ORUIO_SMB_PASSWORD=$password
-# shellcheck source=tests/support/cases.sh
-source "$(dirname "$0")/support/cases.sh"
+# shellcheck source=tests/support/suite/cases.sh
+source "$(dirname "$0")/../support/suite/cases.sh"
 
 # --- what the cases are made of ---------------------------------------------------------------
 

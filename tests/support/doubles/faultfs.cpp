@@ -1,4 +1,4 @@
-#include "faultfs.h"
+#include "support/doubles/faultfs.h"
 
 #include <cerrno>
 #include <cstdarg>

@@ -1,6 +1,6 @@
-#include "faultproxy.h"
+#include "support/doubles/faultproxy.h"
 
-#include "childprocess.h"
+#include "support/system/childprocess.h"
 
 #include <QtEndian>
 

@@ -10,7 +10,7 @@
 // a message it does to the whole frame that has it.
 #pragma once
 
-#include "loopback.h"
+#include "support/system/loopback.h"
 
 #include <QByteArray>
 #include <QList>

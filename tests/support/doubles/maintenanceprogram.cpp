@@ -1,4 +1,4 @@
-#include "maintenanceprogram.h"
+#include "support/doubles/maintenanceprogram.h"
 
 #include <QDir>
 #include <QFile>

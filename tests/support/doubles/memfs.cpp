@@ -1,4 +1,4 @@
-#include "memfs.h"
+#include "support/doubles/memfs.h"
 
 #include <oruio/error.h>
 
@@ -16,7 +16,7 @@
 #include <fcntl.h>
 #include <sys/xattr.h>
 
-#include "notimplemented_p.h"
+#include "core/notimplemented_p.h"
 
 namespace oru::io::test {
 

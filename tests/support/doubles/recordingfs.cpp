@@ -1,4 +1,4 @@
-#include "recordingfs.h"
+#include "support/doubles/recordingfs.h"
 
 #include <cstdarg>
 #include <utility>

@@ -1,7 +1,7 @@
 // A network share of the test's own, which needs no server.
 #pragma once
 
-#include "memfs.h"
+#include "support/doubles/memfs.h"
 
 #include <oruio/fsnfs.h>
 #include <oruio/fssmb.h>

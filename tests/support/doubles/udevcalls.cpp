@@ -1,4 +1,4 @@
-#include "udevcalls.h"
+#include "support/doubles/udevcalls.h"
 
 #include <atomic>
 #include <cerrno>

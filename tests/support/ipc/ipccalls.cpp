@@ -1,4 +1,4 @@
-#include "ipccalls.h"
+#include "support/ipc/ipccalls.h"
 
 #include <atomic>
 #include <cerrno>

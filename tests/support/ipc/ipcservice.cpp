@@ -1,7 +1,7 @@
-#include "ipcservice.h"
+#include "support/ipc/ipcservice.h"
 
-#include "isolation.h"
-#include "logcapture.h"
+#include "support/suite/logcapture.h"
+#include "support/system/isolation.h"
 
 #include <oruio/ipc_server.h>
 #include <oruio/posixfs.h>
@@ -31,7 +31,7 @@ class PrivateSharedMemory : public ::testing::Environment {
 public:
     void SetUp() override {
         const bool isPrivate =
-            isolate(Own::Mounts) && mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+            isolate(Namespaces::Mount) && mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
         if (isPrivate)
             return;
         // Until the program ends.

@@ -5,7 +5,7 @@
 // programs take turns.
 #pragma once
 
-#include "childprocess.h"
+#include "support/system/childprocess.h"
 
 #include <oruio/fs.h>
 #include <oruio/fsipc.h>
@@ -15,7 +15,7 @@
 #include <functional>
 #include <memory>
 
-#include "ipcwire_p.h"
+#include "ipc/ipcwire_p.h"
 
 namespace oru::io::test {
 

@@ -1,4 +1,4 @@
-#include "fs_conformance.h"
+#include "support/suite/fs_conformance.h"
 
 #include <QDateTime>
 #include <QSet>

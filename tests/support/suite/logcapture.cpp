@@ -1,4 +1,4 @@
-#include "logcapture.h"
+#include "support/suite/logcapture.h"
 
 #include <orulog/control.h>
 

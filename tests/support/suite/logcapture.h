@@ -1,7 +1,7 @@
 // The messages that the library logs while a test looks on.
 #pragma once
 
-#include "qtprint.h"
+#include "support/suite/qtprint.h"
 
 #include <QMutex>
 #include <QStringList>

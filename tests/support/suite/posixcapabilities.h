@@ -1,7 +1,7 @@
 // The capability table of PosixFS, for the conformance suite.
 #pragma once
 
-#include "fs_conformance.h"
+#include "support/suite/fs_conformance.h"
 
 namespace oru::io::test {
 

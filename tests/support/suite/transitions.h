@@ -2,8 +2,8 @@
 // find, and what may come of it.
 #pragma once
 
-#include "openlocation.h"
-#include "qtprint.h"
+#include "support/doubles/openlocation.h"
+#include "support/suite/qtprint.h"
 
 #include <oruio/error.h>
 

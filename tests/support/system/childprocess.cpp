@@ -1,4 +1,4 @@
-#include "childprocess.h"
+#include "support/system/childprocess.h"
 
 #include <algorithm>
 #include <chrono>

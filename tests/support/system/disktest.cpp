@@ -1,8 +1,8 @@
-#include "disktest.h"
+#include "support/system/disktest.h"
 
-#include "files.h"
-#include "isolation.h"
-#include "mounts.h"
+#include "support/system/files.h"
+#include "support/system/isolation.h"
+#include "support/system/mounts.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -32,7 +32,7 @@ QString problemWithDisks() {
         const QString tool = missingTool({"blkid", "debugfs", "e2fsck", "mkfs.ext4"});
         if (!tool.isEmpty())
             return tool + " is not installed";
-        if (!isolate(Own::MountsAndNetwork))
+        if (!isolate(Namespaces::MountAndNetwork))
             return QStringLiteral("no mounts of its own: %1").arg(std::strerror(errno));
         return LoopDisk::missing();
     }();

@@ -2,10 +2,10 @@
 // maintenance program.
 #pragma once
 
-#include "loopdisk.h"
-#include "monitorbatches.h"
-#include "tempdir.h"
-#include "udevd.h"
+#include "support/system/loopdisk.h"
+#include "support/system/monitorbatches.h"
+#include "support/system/tempdir.h"
+#include "support/system/udevd.h"
 
 #include <gtest/gtest.h>
 

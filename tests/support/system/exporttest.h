@@ -1,9 +1,9 @@
 // Tests of NFS exports; a memory file system takes the export's place.
 #pragma once
 
-#include "isolated.h"
-#include "maintenanceprogram.h"
-#include "tempdir.h"
+#include "support/doubles/maintenanceprogram.h"
+#include "support/system/isolated.h"
+#include "support/system/tempdir.h"
 
 #include <oruio/properties.h>
 

@@ -1,4 +1,4 @@
-#include "files.h"
+#include "support/system/files.h"
 
 #include <QFile>
 

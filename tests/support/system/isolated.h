@@ -1,7 +1,7 @@
 // Tests that mount.
 #pragma once
 
-#include "isolation.h"
+#include "support/system/isolation.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +14,7 @@ namespace oru::io::test {
 class Isolated : public ::testing::Test {
 protected:
     void SetUp() override {
-        static const int problem = isolate(Own::Mounts) ? 0 : errno;
+        static const int problem = isolate(Namespaces::Mount) ? 0 : errno;
         if (problem != 0)
             GTEST_SKIP() << "no private mounts: " << std::strerror(problem);
     }

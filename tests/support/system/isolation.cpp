@@ -1,4 +1,4 @@
-#include "isolation.h"
+#include "support/system/isolation.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -35,8 +35,8 @@ bool enterNamespaces(int flags) {
 
 } // namespace
 
-bool isolate(Own own) {
-    const bool hasNetwork = own == Own::MountsAndNetwork;
+bool isolate(Namespaces namespaces) {
+    const bool hasNetwork = namespaces == Namespaces::MountAndNetwork;
     // What others unmount goes here too: a copy of the mount would keep their disk busy.
     if (!enterNamespaces(hasNetwork ? CLONE_NEWNS | CLONE_NEWNET : CLONE_NEWNS) ||
         mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0)

@@ -1,4 +1,4 @@
-#include "loopback.h"
+#include "support/system/loopback.h"
 
 #include <cerrno>
 #include <utility>

@@ -1,8 +1,8 @@
-#include "loopdisk.h"
+#include "support/system/loopdisk.h"
 
-#include "childprocess.h"
-#include "files.h"
-#include "mounts.h"
+#include "support/system/childprocess.h"
+#include "support/system/files.h"
+#include "support/system/mounts.h"
 
 #include <QDir>
 #include <QFile>

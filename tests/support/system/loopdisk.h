@@ -1,7 +1,7 @@
 // Disks of a test's own: image files on loop devices.
 #pragma once
 
-#include "tempdir.h"
+#include "support/system/tempdir.h"
 
 #include <QByteArray>
 #include <QList>

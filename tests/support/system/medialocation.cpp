@@ -1,4 +1,4 @@
-#include "medialocation.h"
+#include "support/system/medialocation.h"
 
 #include <oruio/bdmon.h>
 #include <oruio/posixfs.h>

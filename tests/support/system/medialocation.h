@@ -1,7 +1,7 @@
 // A location of local media as an application has it.
 #pragma once
 
-#include "openlocation.h"
+#include "support/doubles/openlocation.h"
 
 #include <oruio/error.h>
 #include <oruio/fs.h>

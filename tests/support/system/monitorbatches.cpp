@@ -1,4 +1,4 @@
-#include "monitorbatches.h"
+#include "support/system/monitorbatches.h"
 
 #include <gtest/gtest.h>
 

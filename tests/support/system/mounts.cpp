@@ -1,6 +1,6 @@
-#include "mounts.h"
+#include "support/system/mounts.h"
 
-#include "files.h"
+#include "support/system/files.h"
 
 namespace oru::io::test {
 

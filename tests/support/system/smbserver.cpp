@@ -1,7 +1,7 @@
-#include "smbserver.h"
+#include "support/system/smbserver.h"
 
-#include "childprocess.h"
-#include "files.h"
+#include "support/system/childprocess.h"
+#include "support/system/files.h"
 
 #include <QDir>
 #include <QStandardPaths>

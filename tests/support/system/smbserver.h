@@ -1,8 +1,8 @@
 // An SMB server of a test's own: the real smbd, on the loopback interface.
 #pragma once
 
-#include "loopback.h"
-#include "tempdir.h"
+#include "support/system/loopback.h"
+#include "support/system/tempdir.h"
 
 #include <QByteArray>
 #include <QList>

@@ -1,7 +1,7 @@
 // Tests against a real SMB server.
 #pragma once
 
-#include "smbserver.h"
+#include "support/system/smbserver.h"
 
 #include <oruio/properties.h>
 

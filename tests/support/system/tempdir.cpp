@@ -1,4 +1,4 @@
-#include "tempdir.h"
+#include "support/system/tempdir.h"
 
 #include <cstdlib>
 #include <filesystem>

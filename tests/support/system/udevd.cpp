@@ -1,7 +1,7 @@
-#include "udevd.h"
+#include "support/system/udevd.h"
 
-#include "files.h"
-#include "loopdisk.h"
+#include "support/system/files.h"
+#include "support/system/loopdisk.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,7 +1,7 @@
 // udevd, with rules that know nothing but the disks of the test.
 #pragma once
 
-#include "childprocess.h"
+#include "support/system/childprocess.h"
 
 #include <QString>
 #include <QStringList>

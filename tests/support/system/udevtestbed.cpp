@@ -1,4 +1,4 @@
-#include "udevtestbed.h"
+#include "support/system/udevtestbed.h"
 
 #include <QByteArrayList>
 #include <QDir>
