@@ -1,4 +1,4 @@
-// Doing something after the deciding call of an operation, without losing why it failed.
+// Keeping the reason of a failure while a call cleans up.
 #pragma once
 
 #include <oruio/error.h>
@@ -7,27 +7,27 @@
 
 namespace oru::io {
 
-/// Puts errno and liberrno back, at the end of its scope, to what they are at its beginning.
+/// Saves errno and liberrno. Its destructor restores them.
 class ErrnoSaver {
 public:
     ErrnoSaver() = default;
     ~ErrnoSaver() {
-        liberrno = m_reason.code;
-        errno = m_reason.sysErrno;
+        liberrno = m_saved.code;
+        errno = m_saved.sysErrno;
     }
     ErrnoSaver(const ErrnoSaver&) = delete;
     ErrnoSaver& operator=(const ErrnoSaver&) = delete;
 
 private:
-    const Error m_reason;
+    const Error m_saved;
 };
 
-/// Resets `holder`, which may hold the last reference. What it held may close itself on the way,
-/// which leaves errno and liberrno as the operation before has set them.
-template <class Holder>
-void release(Holder& holder) {
-    const ErrnoSaver kept;
-    holder.reset();
+/// Resets `pointer`, which may be the last reference to an object. Whatever the object's destructor
+/// does, errno and liberrno stay as they are.
+template <class Pointer>
+void release(Pointer& pointer) {
+    const ErrnoSaver saver;
+    pointer.reset();
 }
 
 } // namespace oru::io

@@ -1,9 +1,9 @@
-// Logging to the device's logging service, one channel per source file.
+// Logging to the device's logging service, one channel per unit.
 //
 // Include last, and only in sources: everything here has internal linkage, so that each source has
-// its own channel. Follow the include with ORUIO_LOG_CHANNEL("name"); then log with
-// ORUIO_LOG(level, format, ...). Logging leaves errno as it is, and whatever the service does, it
-// never fails visibly.
+// its own LOG_CHAN. Follow the include with ORUIO_LOG_CHANNEL("name"), or with one of the macros
+// for a unit of several sources; then log with ORUIO_LOG(level, format, ...). Logging never fails
+// visibly and leaves errno as it is.
 #pragma once
 
 #include <orulog/orulog.h>
@@ -19,7 +19,7 @@
 
 namespace oru::io {
 
-// The service's scale; a message is logged when its level is at most its channel's threshold.
+// The levels of the service. A message is logged when its level is at most its channel's threshold.
 enum LogLevel : int {
     LogFailure = 9,
     LogWarning = 10,
@@ -35,8 +35,8 @@ static inline bool isLogged(int channel, int level) {
            level <= __atomic_load_n(&oruLogLevel[channel], __ATOMIC_RELAXED);
 }
 
-/// Formats the message into a record of the service and hands it over, if it is to be logged.
-/// Without a record, the bare text goes to standard error.
+/// Formats a message that is within the threshold into a record of the service and pushes it. When
+/// the service has no record, prints the bare message on standard error.
 __attribute__((format(printf, 5, 6))) static inline void
 __oruLog(int channel, int level, const char* file, int line, const char* format, ...) {
     if (!isLogged(channel, level))
@@ -55,8 +55,8 @@ __oruLog(int channel, int level, const char* file, int line, const char* format,
         msg->length = vsnprintf(msg->text, sizeof msg->text, format, args);
         oruLogMsgPush(msg);
     } else {
-        // The text is written over the prefix and cut as if it stood behind it: standard error
-        // gets the message alone, in the length that readers of it have always seen.
+        // The message overwrites the prefix and is cut as if it followed it. So standard error gets
+        // the message alone, cut to the length that its readers know.
         char text[sizeof msg->text];
         const int prefix = snprintf(text, sizeof text, "LOG DROP: %s:%d: ", file, line);
         const auto used = std::clamp<size_t>(prefix, 0, sizeof text - 1);
@@ -72,6 +72,15 @@ __oruLog(int channel, int level, const char* file, int line, const char* format,
 /// Registers the source file's channel while the library is loaded.
 #define ORUIO_LOG_CHANNEL(name)                                                                    \
     static const int LOG_CHAN = __oruLogChanReg(name, __FILE__, __LINE__, name)
+
+/// Registers the channel of a unit that has several sources. `handle` is declared in a private
+/// header of the unit, as an `extern const int`.
+#define ORUIO_SHARED_LOG_CHANNEL(handle, name)                                                     \
+    const int handle = __oruLogChanReg(name, __FILE__, __LINE__, name);                            \
+    static const int& LOG_CHAN = handle
+
+/// Logs on a channel that another source of the unit registers.
+#define ORUIO_LOG_ON(handle) static const int& LOG_CHAN = handle
 
 /// The arguments are evaluated only if the message is logged.
 #define ORUIO_LOG(level, ...)                                                                      \

@@ -1,10 +1,11 @@
-// The server's session with its client, and what it does with a request.
+// The server: its life, its session with the client, and what it does for each request.
 #pragma once
 
 #include <oruio/fdadapter.h>
 #include <oruio/fsipc.h>
 #include <oruio/ipc_server.h>
 
+#include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
 
 #include <QList>
@@ -16,8 +17,11 @@
 
 namespace oru::io {
 
-/// Descriptors and handles travel to the client as this adapter hands them out; only those are
-/// taken back.
+/// The log channel "fsipcsrv".
+extern const int fsipcsrvLogChannel;
+
+/// The client gets the descriptors and handles of this adapter. Only those that the session opened
+/// are accepted from it.
 class IPCServer::Data : public FDAdapter {
 public:
     enum State : int { Stopped = 0, Initialising = 1, Serving = 2, Terminating = 3 };
@@ -27,33 +31,33 @@ public:
 
     int run(Properties* props);
     int terminate();
-    /// Terminates for good, and waits until run() has returned.
+    /// Terminates, lets no further run() begin, and waits until run() has returned.
     void finish();
 
-    /// Creates the block and takes it over; it stays locked until m_beginning is reset. \returns
-    /// its area, or null with the service as it was.
+    /// Creates the block and becomes its server. The block stays locked until m_beginning is reset.
+    /// \returns its area, or null; then nothing has changed.
     IPCShm* init(Properties* props);
-    /// Closes what the session had open and makes the area as new. \returns 0 or -1.
+    /// Closes what the session has open and resets the area. \returns 0 or -1.
     int resetSession();
-    /// Waits until the client has sent something or run() is to end. \returns 0.
+    /// Waits until the client has posted a request or run() has to return. \returns 0.
     int getRequest(IPCShm* area);
-    /// Carries out the request that was taken out of the area, and answers it.
+    /// Executes `request` and answers it.
     void process();
 
-    /// Answers with a result, errno and liberrno, and a text unless `format` is null. \returns 0;
-    /// -1 when the text did not fit, which is then answered instead, with errno E2BIG.
+    /// Answers with a result, errno and liberrno, and a string unless `format` is null. \returns 0,
+    /// or -1 when the string does not fit; then the answer is a failure with errno E2BIG.
     int sendResponse(IPCShm* area, int result, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
-    /// As sendResponse(), with a record of `length` bytes.
+    /// The same with a record of `length` bytes.
     int sendBufResponse(IPCShm* area, int result, const void* data, unsigned int length);
 
     std::atomic<int> state{Stopped};
     QSharedPointer<ShmBlock> block; ///< guarded by m_blockMutex; changed by run() only
     IPCShm* shm = nullptr;
-    QList<int> files;  ///< the descriptors that the session has open
-    QList<void*> dirs; ///< the directory handles
+    QList<int> files;  ///< the descriptors that the session has opened
+    QList<void*> dirs; ///< the directory handles that it has opened
     QMap<QString, int (Data::*)(const char* args)> handlers;
-    ipcwire::Text request; ///< of which the handlers get the arguments
+    ipcwire::Text request; ///< the current one. The handlers get its arguments.
 
 private:
     Q_DISABLE_COPY(Data)
@@ -72,12 +76,12 @@ private:
     int tearDown();
     void stop(const QSharedPointer<ShmBlock>& current);
     void closeSession();
-    bool isClientConnected();
+    bool probeClient();
     int replaceTooLong(IPCShm* to);
 
-    bool isOpen(int fd);
-    bool isOpen(void* handle);
-    const char* secondText(const char* first) const;
+    bool checkOpen(int fd);
+    bool checkOpen(void* handle);
+    const char* secondString(const char* first) const;
     void* dataBuffer(int index, std::size_t count);
 
     int respond(int result);
@@ -86,7 +90,7 @@ private:
     template <class Operation>
     int onPath(const char* args, Operation operation);
     template <class Operation>
-    int onTwoTexts(const char* args, Operation operation);
+    int onTwoStrings(const char* args, Operation operation);
     template <class Number, class Operation>
     int onNumberAndPath(const char* args, Operation operation);
     template <class Operation>

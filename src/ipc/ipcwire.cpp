@@ -1,17 +1,13 @@
 #include "ipc/ipcwire_p.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <cstring>
-
-#include <sched.h>
 
 namespace oru::io::ipcwire {
 
 namespace {
 
-/// Never part of a text in UTF-8, and no NUL.
+/// Fills a wiped area. No string in UTF-8 contains this byte, and it is not NUL.
 constexpr char wiped = '\xff';
 
 bool exchangeState(Area& area, char from, char to) {
@@ -26,17 +22,7 @@ bool names(const Text& request, const char* name) {
            (request.bytes[length] == '\0' || request.bytes[length] == ' ');
 }
 
-using Clock = std::chrono::steady_clock;
-
-/// About what a request for a whole data buffer takes.
-constexpr auto pollTime = std::chrono::microseconds(300);
-/// Longer than that, somebody else had the processor.
-constexpr auto longestYield = std::chrono::microseconds(250);
-constexpr unsigned int mostSkipped = 4096;
-/// So many good polls in a row, and the processor is not busy any more: while it is, some are good.
-constexpr unsigned int enoughGood = 4096;
-
-/// Copies `length` bytes to the place `at` of a text, which ends there.
+/// Copies `length` bytes to offset `at` of `text`, which ends after them.
 void copy(Text& text, const char* from, std::size_t length, std::size_t at) {
     std::memcpy(text.bytes + at, from, length);
     text.length = at + length;
@@ -111,9 +97,9 @@ char requestState(const Area& area) {
 
 void publish(Area& area, const char* text, std::size_t length) {
     std::memcpy(area.request + 1, text + 1, std::min(length, textSize) - 1);
-    // Exchanged, not just stored: of this and the server's look at the mark in take(), the later
-    // one sees all that came before the earlier one. So a client that then finds the server mutex
-    // taken, and a server that releases it and then looks for a request, do not miss each other.
+    // An exchange and not a store: it is ordered with the read-modify-write in take(), and the
+    // later of the two sees everything before the earlier one. So either the client finds the
+    // server mutex released, or the server that has released it finds the request.
     __atomic_exchange_n(&area.request[0], text[0], __ATOMIC_ACQ_REL);
 }
 
@@ -130,14 +116,14 @@ bool take(Area& area, Text& request) {
     const char first = __atomic_fetch_or(&area.request[0], 0, __ATOMIC_ACQ_REL);
     if (!isPublished(first) || !exchangeState(area, first, Copying))
         return false;
-    // Most requests are short, and nothing stands behind their text.
-    char* const behind = area.request + 1;
-    const std::size_t text = strnlen(behind, textSize - 1);
-    const bool isAll = text + 1 >= textSize - 1 || behind[text + 1] == wiped;
+    // Most requests are short, and nothing follows their string.
+    char* const tail = area.request + 1;
+    const std::size_t text = strnlen(tail, textSize - 1);
+    const bool isAll = text + 1 >= textSize - 1 || tail[text + 1] == wiped;
     const std::size_t used = isAll ? std::min(text + 1, textSize - 1) : textSize - 1;
-    copy(request, behind, used, 1);
+    copy(request, tail, used, 1);
     request.bytes[0] = first;
-    std::memset(behind, wiped, used);
+    std::memset(tail, wiped, used);
     setState(area, names(request, op::disconnect) ? Ending : Accepted);
     return true;
 }
@@ -174,69 +160,6 @@ FieldReader& FieldReader::separator(char wanted) {
     if (m_isGood)
         ++m_next;
     return *this;
-}
-
-SharedMutexAttributes::SharedMutexAttributes()
-    : m_initError(pthread_mutexattr_init(&m_attributes)) {
-    if (m_initError != 0)
-        return;
-    m_setError = pthread_mutexattr_setrobust(&m_attributes, PTHREAD_MUTEX_ROBUST);
-    if (m_setError == 0)
-        m_setError = pthread_mutexattr_setpshared(&m_attributes, PTHREAD_PROCESS_SHARED);
-}
-
-SharedMutexAttributes::~SharedMutexAttributes() {
-    if (m_initError == 0)
-        pthread_mutexattr_destroy(&m_attributes);
-}
-
-int SharedMutexAttributes::makeMutex(pthread_mutex_t& mutex) const {
-    if (m_initError != 0)
-        return m_initError;
-    return m_setError != 0 ? m_setError : pthread_mutex_init(&mutex, &m_attributes);
-}
-
-int lockShared(pthread_mutex_t& mutex, const struct timespec* deadline) {
-    int error =
-        deadline ? pthread_mutex_timedlock(&mutex, deadline) : pthread_mutex_trylock(&mutex);
-    if (error == EOWNERDEAD)
-        error = pthread_mutex_consistent(&mutex);
-    return error;
-}
-
-int waitFor(sem_t& semaphore, const struct timespec* deadline) {
-    int result;
-    do
-        result = deadline ? sem_timedwait(&semaphore, deadline) : sem_wait(&semaphore);
-    while (result != 0 && errno == EINTR);
-    return result;
-}
-
-bool SpinWaiter::take(sem_t& semaphore) {
-    if (sem_trywait(&semaphore) == 0)
-        return true;
-    if (m_toSkip > 0) {
-        --m_toSkip;
-        return false;
-    }
-    bool isTaken = false;
-    const auto start = Clock::now();
-    auto now = start;
-    while (!isTaken && now - start < pollTime) {
-        const auto before = now;
-        sched_yield();
-        isTaken = sem_trywait(&semaphore) == 0;
-        now = Clock::now();
-        if (now - before > longestYield) {
-            m_toSkip = m_skipped;
-            m_skipped = std::min(2 * m_skipped, mostSkipped);
-            m_goodPolls = 0;
-            return isTaken;
-        }
-    }
-    if (++m_goodPolls == enoughGood)
-        m_skipped = fewestSkipped;
-    return isTaken;
 }
 
 } // namespace oru::io::ipcwire

@@ -1,12 +1,11 @@
-// What the two ends of the file service between processes agree on: names, formats, limits, the
-// layout of the shared memory, and how a request changes hands.
+// The wire format of the file service between processes: names, formats, limits, the layout of the
+// shared memory, and the states of a request.
 #pragma once
 
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -26,13 +25,14 @@ namespace ipcwire {
 constexpr char blockName[] = "fsipc";
 constexpr char blockNameFormat[] = "/_blk_%s";
 
-/// Says that a block's header, or a server's area, is in order.
+/// Marks a block's header as initialised, and an area as owned by a server.
 constexpr std::uint32_t magic = 0x0CAB005E;
 
-/// How much larger an object is than its user data.
+/// How many bytes an object is larger than its user data.
 constexpr unsigned int blockOverhead = 40;
 constexpr unsigned int areaSize = 0x205000;
-/// A text area, which a text with all that follows it must not fill.
+/// The size of a text area. A request or response must be shorter, with all that follows its
+/// string.
 constexpr std::size_t textSize = 8704;
 constexpr int dataBuffers = 2;
 constexpr unsigned int dataBufferSize = 1U << 20;
@@ -59,7 +59,7 @@ struct BlockHeader {
     std::uint32_t size; // of the whole object
 };
 
-/// Where each platform's own mutexes and semaphores make a difference.
+/// The part of the layout that depends on the platform's mutexes and semaphores.
 struct AreaControl {
     std::uint32_t magic; // a server owns the area
     pthread_mutex_t clientMutex;
@@ -71,18 +71,19 @@ struct AreaControl {
     std::uint32_t bufferMap; // bit i: data buffer i is in use; guarded by bufferMutex
 };
 
-/// What of the area lies within the object. A header larger than the overhead takes the rest.
+/// How much of the area lies within the object. A header that is larger than the overhead takes the
+/// difference from the area.
 constexpr std::size_t areaRoom = sizeof(BlockHeader) > blockOverhead
                                      ? areaSize + blockOverhead - sizeof(BlockHeader)
                                      : areaSize;
-/// The buffers keep their place at the end, so that they never leave the object.
+/// The buffers are at the end of the area, so that they lie within the object on each platform.
 constexpr std::size_t buffersOffset = areaRoom - std::size_t{dataBuffers} * dataBufferSize;
 
 struct Area {
     AreaControl control;
     char request[textSize];
     char response[textSize];
-    std::uint32_t sessions; // how many have begun; counted by who has just taken clientMutex
+    std::uint32_t sessions; // how many have begun; a client counts after it has locked clientMutex
     char unused[buffersOffset - sizeof(AreaControl) - 2 * textSize - sizeof(std::uint32_t)];
     char buffers[dataBuffers][dataBufferSize];
 };
@@ -114,13 +115,13 @@ inline Area& areaOf(IPCShm* shm) {
     return *reinterpret_cast<Area*>(shm);
 }
 
-/// Whether a server owns the area, as far as its magic tells.
+/// Whether a server owns the area, by its magic.
 bool isOwned(const Area& area);
 void setOwned(Area& area, bool owned);
 
-/// Counts one more session. \returns its number. Only for the holder of the client mutex.
+/// Counts a session. \returns its number. The caller holds the client mutex.
 std::uint32_t beginSession(Area& area);
-/// The number of the last session that has begun. What it starts from makes no difference.
+/// The number of the session that began last. Only equality matters: the first may have any number.
 std::uint32_t lastSession(const Area& area);
 
 // --- Operations ---------------------------------------------------------------------------------
@@ -161,10 +162,10 @@ constexpr char fchmod[] = "fchmod";
 constexpr char close[] = "close";
 } // namespace op
 
-/// The arguments of requests, as the client writes them.
+/// The arguments of requests, as the client formats them.
 namespace args {
 constexpr char path[] = "%s";
-constexpr char twoTexts[] = "%s%c%s"; // with a NUL between them
+constexpr char twoStrings[] = "%s%c%s"; // with a NUL between them
 constexpr char modeAndPath[] = "%d %s";
 constexpr char lengthAndPath[] = "%llu %s";
 constexpr char handle[] = "%p";
@@ -178,8 +179,8 @@ constexpr char fdAndNumber[] = "%d %d";
 constexpr char fdAndTwoNumbers[] = "%d %d %d";
 } // namespace args
 
-/// The responses, as the server writes them: the header is the result, errno and liberrno; behind
-/// it comes a blank and a text, or a NUL and a record.
+/// The responses, as the server formats them. The header is the result, errno and liberrno. After
+/// it comes a blank and a string, or a NUL and a record.
 namespace answer {
 constexpr char header[] = "%d,%d,%d";
 constexpr char tooLong[] = "%d,%d,%d Server Error";
@@ -190,46 +191,47 @@ constexpr char count[] = "%zd";
 constexpr char position[] = "%lli";
 } // namespace answer
 
-/// The lock commands have the target's numbers on the wire, whatever the platform calls them.
+/// The numbers of the lock commands on the wire, on every platform: those of the target.
 enum WireLockCommand : int { WireGetLock = 12, WireSetLock = 13, WireSetLockWait = 14 };
 
-/// The wire's number of a platform's lock command, and back; -1 for other commands.
+/// The number on the wire of a platform's lock command, and back. \returns -1 for other commands.
 int wireLockCommand(int command);
 int platformLockCommand(int wireCommand);
 /// Whether fcntl() carries `command` with an integer argument.
 bool isIntegerCommand(int command);
 
-// --- How a request changes hands ----------------------------------------------------------------
+// --- The states of a request --------------------------------------------------------------------
 //
-// The first byte of the request area says whose the area is. Only its owner touches the rest, so a
-// request is carried out once or not at all, however many times a semaphore was posted for it.
+// The first byte of the request area is its state, and says which end owns the area. Only the owner
+// accesses the rest. So a request is executed once or not at all, even if a semaphore was posted
+// several times for it.
 
 enum RequestState : char {
-    Idle = 0,     // no session: the client's to write
-    Copying = 1,  // the server is copying the request out
-    Accepted = 2, // the server has the request, or has answered it: the client's to read the answer
-    Done = 3,     // the client has its answer, or wants none: the client's to write
-    Ending = 4,   // the server has a "disconnect" and is about to make the area idle
-    // Any other byte begins the name of a request: the server's to take, the client's to withdraw.
+    Idle = 0,     // no session. The client may publish a request.
+    Copying = 1,  // the server is copying the request
+    Accepted = 2, // the server has the request, or has answered it. The client may read the answer.
+    Done = 3,     // the client has its answer or does not want one. It may publish a request.
+    Ending = 4,   // the server has accepted "disconnect" and will set the state to Idle
+    // Any other byte is the first letter of a published request: the server may accept it, the
+    // client may cancel it.
 };
 
-/// What the first byte is right now. A request reads as its first letter.
+/// The current state. Of a published request, its first letter.
 char requestState(const Area& area);
-inline bool isPublished(char mark) {
-    return static_cast<unsigned char>(mark) > Ending;
+inline bool isPublished(char state) {
+    return static_cast<unsigned char>(state) > Ending;
 }
 
-/// Client: puts a request into an area that is idle or done. `text` has `length` bytes, with the
-/// NUL and what follows it.
+/// Client: publishes a request in an area that is Idle or Done. `length` counts the bytes of `text`
+/// with its NUL and the record after it.
 void publish(Area& area, const char* text, std::size_t length);
-/// Client: takes a request back. \returns false when the server was faster.
+/// Client: cancels a published request. \returns false when the server has accepted it before.
 bool cancel(Area& area);
-/// Client: the answer has been copied out, or nobody will come for it.
+/// Client: sets the state to Done, after the answer has been copied or when nobody waits for it.
 void setDone(Area& area);
 
-/// A request or response, copied out of the area: nothing that the other end does afterwards
-/// changes it. Behind it stand two NULs: even behind a text without an end begins another, empty
-/// one.
+/// A copy of a request or response, which the other end cannot change any more. Two NULs follow it:
+/// they end a string without a NUL and make the one after it empty.
 struct Text {
     char bytes[textSize + 2];
     std::size_t length;
@@ -239,22 +241,23 @@ struct Text {
     }
 };
 
-/// Server: takes the request out of the area and wipes it, so that a later one that is cut short is
-/// not completed by what stood there before. \returns false when there is none.
+/// Server: copies the published request and wipes the area, so that bytes of this request cannot
+/// complete a later one that is cut short. \returns false when no request is published.
 bool take(Area& area, Text& request);
-/// Server: no session, nothing in the request area.
+/// Server: wipes the request area and sets the state to Idle.
 void setIdle(Area& area);
 
-/// Client: copies the response, with as much behind its text as may be a record.
+/// Client: copies the response: its string and, after that, as many bytes as the largest record
+/// has.
 void copyResponse(const Area& area, Text& response);
 
-// --- Reading what the other end wrote -----------------------------------------------------------
+// --- Parsing ------------------------------------------------------------------------------------
 
-/// Reads numbers one after the other from a NUL-terminated text. After the first thing that is not
-/// as expected, nothing more is read and isGood() is false.
+/// Parses the fields of a NUL-terminated string from left to right. After the first field that is
+/// malformed it parses nothing more, and isGood() is false.
 class FieldReader {
 public:
-    /// A null text has no fields.
+    /// A null string has no fields.
     explicit FieldReader(const char* text);
 
     template <class Number>
@@ -266,18 +269,18 @@ public:
         m_next = next;
         return *this;
     }
-    /// An address as "%p" writes it.
+    /// Parses an address as "%p" prints it.
     FieldReader& pointer(void*& value);
     FieldReader& separator(char wanted);
 
     bool isGood() const {
         return m_isGood;
     }
-    /// Whether all has been read.
+    /// Whether the whole string has been parsed.
     bool atEnd() const {
         return m_next == m_end;
     }
-    /// What has not been read yet.
+    /// The rest of the string.
     const char* rest() const {
         return m_next;
     }
@@ -286,57 +289,6 @@ private:
     const char* m_next;
     const char* m_end;
     bool m_isGood;
-};
-
-// --- Mutexes ------------------------------------------------------------------------------------
-
-/// The attributes of robust mutexes that other processes may use.
-class SharedMutexAttributes {
-public:
-    SharedMutexAttributes();
-    ~SharedMutexAttributes();
-    SharedMutexAttributes(const SharedMutexAttributes&) = delete;
-    SharedMutexAttributes& operator=(const SharedMutexAttributes&) = delete;
-
-    /// The errors of pthread_mutexattr_init(3), and of making the attributes robust and shared.
-    int initError() const {
-        return m_initError;
-    }
-    int setError() const {
-        return m_setError;
-    }
-    /// Initialises `mutex`. \returns 0 or an error number.
-    int makeMutex(pthread_mutex_t& mutex) const;
-
-private:
-    pthread_mutexattr_t m_attributes;
-    int m_initError;
-    int m_setError = 0;
-};
-
-/// Takes a mutex until `deadline` on CLOCK_REALTIME; at once, or not at all, when that is null. The
-/// death of a holder is made good. \returns 0 or an error number.
-int lockShared(pthread_mutex_t& mutex, const struct timespec* deadline);
-
-/// sem_timedwait(3), which goes on after a signal handler has run. A null deadline is none.
-int waitFor(sem_t& semaphore, const struct timespec* deadline);
-
-/// Looks for what the other end usually does soon, before a wait: for a moment in which the thread
-/// only makes way for others. For one thread.
-///
-/// Putting a processor to sleep and waking it up takes longer than most exchanges. On a processor
-/// that others keep busy, though, making way costs a whole slice of time: then a growing number of
-/// waits goes without it.
-class SpinWaiter {
-public:
-    /// \returns whether the semaphore was taken.
-    bool take(sem_t& semaphore);
-
-private:
-    static constexpr unsigned int fewestSkipped = 16;
-    unsigned int m_toSkip = 0;              // waits that do not poll
-    unsigned int m_skipped = fewestSkipped; // as many after the next poll that took too long
-    unsigned int m_goodPolls = 0;           // in a row
 };
 
 } // namespace ipcwire

@@ -106,7 +106,7 @@ protected:
 
 /// Whether something is mounted on `path` now, for all that can be told. Leaves errno as it is.
 bool isMounted(const char* path) {
-    const ErrnoSaver kept;
+    const ErrnoSaver saver;
     MountTable mounts;
     if (!mounts.isRead())
         return true;

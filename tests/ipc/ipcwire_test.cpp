@@ -1,5 +1,6 @@
 // What the two ends of the file service agree on, and how a request changes hands.
 
+#include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
 
 #include <gtest/gtest.h>

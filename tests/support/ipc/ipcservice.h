@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 
+#include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
 
 namespace oru::io::test {

@@ -1,0 +1,404 @@
+#include <oruio/error.h>
+
+#include "core/errnosaver_p.h"
+#include "core/failwith_p.h"
+#include "ipc/deferredunmap_p.h"
+#include "ipc/ipcsession_p.h"
+#include "ipc/ipcsync_p.h"
+#include "ipc/ipcwire_p.h"
+#include "ipc/threadid_p.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include <pthread.h>
+
+#include "core/log_p.h"
+
+namespace oru::io {
+
+ORUIO_LOG_ON(fsipcLogChannel);
+
+namespace {
+
+using namespace ipcwire;
+
+const unsigned int DBG_MASK = IPCShm::debugMask();
+
+/// How long to sleep between two looks at the state of the request area.
+constexpr auto pollPause = std::chrono::microseconds(500);
+
+} // namespace
+
+IPCFS::Data::~Data() {
+    end();
+}
+
+Area& IPCFS::Data::area() {
+    return areaOf(shm);
+}
+
+int IPCFS::Data::init(Properties*) {
+    if (DBG_MASK & TraceLifecycle)
+        ORUIO_LOG(LogDebug, "Client connecting");
+    DeferredUnmap::instance().sweep();
+    const ShmBlock::Access<IPCShm> access(
+        QSharedPointer<ShmBlock>::create(blockName, areaSize, 0U));
+    if (!access.data()) {
+        ORUIO_LOG(LogDebug, "No IPC Server found.");
+        return failWith(ENOTCONN);
+    }
+    block = access.block();
+    shm = access.data();
+    int result = failWith(ENOTCONN);
+    if (!isOwned(area()) || lockClientMutex())
+        result = sendConnect();
+    if (result != 0) {
+        leave();
+        return result;
+    }
+    state = Connected;
+    ++session;
+    ORUIO_LOG(LogDebug, "IPC Client Ready");
+    return 0;
+}
+
+/// Makes this the one client. \returns false when there is no server, or another client; which one
+/// is logged.
+bool IPCFS::Data::lockClientMutex() {
+    const int server = probeServer();
+    if (server != EBUSY) {
+        ORUIO_LOG(LogDebug, "Server not online: %s",
+                  server == 0 ? "shm unlocked" : std::strerror(server));
+        return false;
+    }
+    if (DBG_MASK & TraceLifecycle)
+        ORUIO_LOG(LogDebug, "Detected Server online");
+    const int error = pthread_mutex_trylock(&area().control.clientMutex);
+    // First of all: a session that still believes that it holds the mutex is over with this.
+    if (error == 0 || error == EOWNERDEAD)
+        m_areaSession = beginSession(area());
+    switch (error) {
+    case 0:
+        break;
+    case EOWNERDEAD:
+        ORUIO_LOG(LogDebug, "Client crash detected. Continuing.");
+        pthread_mutex_consistent(&area().control.clientMutex);
+        break;
+    case EBUSY:
+        ORUIO_LOG(LogDebug, "Existing client detected. Aborting.");
+        return false;
+    default:
+        ORUIO_LOG(LogDebug, "Client lock failed: %s. Aborting.", std::strerror(error));
+        return false;
+    }
+    m_holdsClientMutex = true;
+    m_owner = currentThread();
+    m_generation = processGeneration();
+    return true;
+}
+
+/// Sends "connect". \returns its result. An area without a server is left as it is.
+int IPCFS::Data::sendConnect() {
+    int result = -1;
+    if (m_holdsClientMutex && !endPredecessor())
+        failWith(ENOTCONN);
+    else
+        result = call(nullptr, op::connect, nullptr);
+    if (result != 0)
+        ORUIO_LOG(LogDebug, "No response from server");
+    return result;
+}
+
+/// Ends the previous client's session, if that client did not. \returns whether the area is idle.
+/// If so, no request of the previous client will be executed, and no answer to one will come.
+bool IPCFS::Data::endPredecessor() {
+    cancel(area());
+    const auto isSettled = [this] {
+        const char now = requestState(area());
+        return now != Copying && now != Ending;
+    };
+    if (!await(isSettled))
+        return false;
+    if (requestState(area()) == Idle)
+        return true;
+    setDone(area());
+    post(op::disconnect, sizeof op::disconnect);
+    return await([this] { return requestState(area()) == Idle; });
+}
+
+void IPCFS::Data::end() {
+    if (state != Connected)
+        return;
+    const ErrnoSaver saver;
+    if (m_generation != processGeneration()) {
+        verifySession(); // it fails, and drops what was inherited; the block's mutex is the
+                         // parent's
+        return;
+    }
+    const ShmBlock::Access<IPCShm> access(block);
+    if (!verifySession())
+        return;
+    post(op::disconnect, sizeof op::disconnect);
+    // The next client must not begin before the server has closed this session.
+    await([this] { return requestState(area()) == Idle; });
+    leave();
+}
+
+/// Checks that the session is still this client's, and leaves it otherwise. \returns whether it is.
+/// It is not in a child of fork(2). Nor is it when the thread that connected has ended and another
+/// client or the server has taken the client mutex since.
+bool IPCFS::Data::verifySession() {
+    m_holdsClientMutex = m_generation == processGeneration() && verifyClientMutex();
+    if (m_holdsClientMutex && requestState(area()) == Done)
+        return true;
+    ORUIO_LOG(LogDebug, "Session lost. Stopping client");
+    leave();
+    return false;
+}
+
+/// Checks that the client mutex is held for this session. If the thread that locked it has ended,
+/// the calling thread takes it over. \returns whether it is held.
+bool IPCFS::Data::verifyClientMutex() {
+    pthread_mutex_t& clientMutex = area().control.clientMutex;
+    const int error = pthread_mutex_trylock(&clientMutex);
+    // The owner, alive or dead, may belong to a later session.
+    const bool isLast = isLastSession();
+    if (error == EBUSY)
+        return isLast && isAlive(m_owner);
+    if (error == EOWNERDEAD) {
+        pthread_mutex_consistent(&clientMutex);
+        if (isLast) {
+            m_owner = currentThread();
+            return true;
+        }
+    }
+    if (error == 0 || error == EOWNERDEAD)
+        pthread_mutex_unlock(&clientMutex);
+    return false;
+}
+
+/// Whether no other client has begun a session since.
+bool IPCFS::Data::isLastSession() const {
+    return lastSession(areaOf(shm)) == m_areaSession;
+}
+
+/// Releases the client mutex and the block without a request to the server.
+void IPCFS::Data::leave() {
+    const ErrnoSaver saver;
+    state = NotConnected;
+    if (m_holdsClientMutex && isLastSession())
+        cancel(area());
+    if (m_owner != 0 && m_generation == processGeneration()) {
+        if (m_owner == currentThread())
+            pthread_mutex_unlock(&area().control.clientMutex);
+        else if (isAlive(m_owner))
+            DeferredUnmap::instance().add(block, m_owner);
+    }
+    m_holdsClientMutex = false;
+    m_owner = 0;
+    shm = nullptr;
+    block.reset();
+}
+
+/// Looks for a server. \returns EBUSY when there is one, 0 when it has stopped, EOWNERDEAD when it
+/// has died; the area is then marked as not owned.
+int IPCFS::Data::probeServer() {
+    AreaControl& control = area().control;
+    const int error = pthread_mutex_trylock(&control.serverMutex);
+    if (error == EOWNERDEAD) {
+        setOwned(area(), false);
+        pthread_mutex_consistent(&control.serverMutex);
+    }
+    if (error == 0 || error == EOWNERDEAD)
+        pthread_mutex_unlock(&control.serverMutex);
+    return error;
+}
+
+/// Waits until `condition` holds, while there is a server, for as long as an answer may take.
+/// \returns whether it holds.
+template <class Condition>
+bool IPCFS::Data::await(Condition condition) {
+    using Clock = std::chrono::steady_clock;
+    constexpr int yields = 200;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(answerTimeoutMs);
+    for (int round = 0; !condition(); ++round) {
+        if (probeServer() != EBUSY || Clock::now() > deadline)
+            return condition();
+        if (round < yields)
+            std::this_thread::yield();
+        else
+            std::this_thread::sleep_for(pollPause);
+    }
+    return true;
+}
+
+// --- Exchanges ----------------------------------------------------------------------------------
+
+int IPCFS::Data::sendRequest(const char* name, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int result = send(name, nullptr, 0, format, args);
+    va_end(args);
+    return result;
+}
+
+int IPCFS::Data::sendBufRequest(const char* name, const void* data, std::size_t length,
+                                const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int result = send(name, data, length, format, args);
+    va_end(args);
+    return result;
+}
+
+int IPCFS::Data::send(const char* name, const void* data, std::size_t length, const char* format,
+                      va_list args) {
+    const bool greets = std::strcmp(name, op::connect) == 0;
+    if (!shm || (state != Connected && !greets) || (state == Connected && !verifySession()))
+        return failWith(ENOTCONN);
+
+    char text[textSize];
+    std::size_t used = std::min(std::strlen(name), textSize - 1);
+    std::memcpy(text, name, used);
+    text[used] = '\0';
+    if (format && used + 1 < textSize) {
+        text[used++] = ' ';
+        used += vsnprintf(text + used, textSize - used, format, args);
+    }
+    if (used + length >= textSize) {
+        ORUIO_LOG(LogDebug, "Request '%s' exceeds max %zu", text, textSize);
+        return failWith(E2BIG);
+    }
+    if (length > 0)
+        std::memcpy(text + used + 1, data, length);
+    post(text, used + 1 + length);
+    return 0;
+}
+
+void IPCFS::Data::post(const char* text, std::size_t length) {
+    publish(area(), text, length);
+    if (DBG_MASK & TraceClient)
+        ORUIO_LOG(LogDebug, "Send request '%s'", text);
+    sem_post(&area().control.requestSem);
+}
+
+int IPCFS::Data::getResponse(const char** payload) {
+    if (!shm)
+        return failWith(ENOTCONN);
+    const int server = probeServer();
+    if (server == EBUSY) {
+        const int result = awaitResponse(payload);
+        // The server's file system may have lost a connection of its own.
+        if (errno == ENOTCONN || errno == ESHUTDOWN)
+            end();
+        return result;
+    }
+    if (server == EOWNERDEAD)
+        ORUIO_LOG(LogDebug, "Server crashed.");
+    ORUIO_LOG(LogDebug, "Server offline. Stopping client");
+    leave();
+    return failWith(ENOTCONN);
+}
+
+namespace {
+
+/// \returns false with errno after the time-out.
+bool waitUntilPosted(sem_t& responseSem) {
+    struct timespec deadline;
+    IPCShm::setTimeout(&deadline, answerTimeoutMs);
+    return waitFor(responseSem, &deadline) == 0;
+}
+
+} // namespace
+
+int IPCFS::Data::awaitResponse(const char** payload) {
+    sem_t& responseSem = area().control.responseSem;
+    if (!m_spinWaiter.take(responseSem) && !waitUntilPosted(responseSem)) {
+        ORUIO_LOG(LogDebug, "Response wait error: %s. Disconnecting.", std::strerror(errno));
+        leave();
+        return failWith(ENOTCONN);
+    }
+    if (m_holdsClientMutex && !isLastSession()) {
+        sem_post(&responseSem); // the answer is for another client
+        ORUIO_LOG(LogDebug, "Session lost. Stopping client");
+        leave();
+        return failWith(ENOTCONN);
+    }
+    copyResponse(area(), m_response);
+    setDone(area());
+    return parseResponse(payload);
+}
+
+int IPCFS::Data::parseResponse(const char** payload) {
+    int result = 0;
+    int systemError = 0;
+    int libraryError = 0;
+    FieldReader header(m_response.bytes);
+    header.number(result).separator(',').number(systemError).separator(',').number(libraryError);
+    const bool isWhole = header.isGood() && (header.atEnd() || *header.rest() == ' ');
+    if (!isWhole || result < -1 || libraryError < Ok) {
+        ORUIO_LOG(LogDebug, "Malformed response '%s'", m_response.bytes);
+        return failWith(EBADMSG);
+    }
+    if (DBG_MASK & TraceClient)
+        ORUIO_LOG(LogDebug, "Got response: '%s'", m_response.bytes);
+    if (payload)
+        *payload = header.rest() + 1;
+    errno = systemError;
+    liberrno = static_cast<ErrorCode>(libraryError);
+    return result;
+}
+
+int IPCFS::Data::call(const char** payload, const char* name, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int result = callWith(payload, name, format, args);
+    va_end(args);
+    return result;
+}
+
+int IPCFS::Data::callForRecord(void* record, std::size_t size, const char* name, const char* format,
+                               ...) {
+    const char* payload = nullptr;
+    va_list args;
+    va_start(args, format);
+    const int result = callWith(&payload, name, format, args);
+    va_end(args);
+    if (result < 0)
+        return result;
+    const bool isRecord = result == 0 && payload[-1] == '\0' && payload + size <= m_response.end();
+    if (!isRecord)
+        return failWith(EBADMSG);
+    std::memcpy(record, payload, size);
+    return 0;
+}
+
+int IPCFS::Data::callWith(const char** payload, const char* name, const char* format,
+                          va_list args) {
+    return send(name, nullptr, 0, format, args) == 0 ? getResponse(payload) : -1;
+}
+
+int IPCFS::Data::reserveBuffer() {
+    if (state != Connected || !verifySession())
+        return failWith(ENOTCONN);
+    liberrno = Ok;
+    return shm->allocDataBuf(bufferTimeoutS);
+}
+
+void IPCFS::Data::releaseBuffer(int index) {
+    const ErrnoSaver saver;
+    if (shm)
+        shm->freeDataBuf(index);
+}
+
+void* IPCFS::Data::buffer(int index) {
+    return shm->databufAddr(index);
+}
+
+} // namespace oru::io
