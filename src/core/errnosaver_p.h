@@ -22,8 +22,8 @@ private:
     const Error m_saved;
 };
 
-/// Resets `pointer`, which may be the last reference to an object. Whatever the object's destructor
-/// does, errno and liberrno stay as they are.
+/// Resets `pointer`, which may be the last reference to an object. Keeps errno and liberrno, which
+/// the object's destructor may change.
 template <class Pointer>
 void release(Pointer& pointer) {
     const ErrnoSaver saver;

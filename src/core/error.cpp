@@ -21,7 +21,7 @@ const QMap<ErrorCode, const char*> messages{
 const char* describe(ErrorCode code, int sysErrno) {
     if (code == Ok)
         return std::strerror(sysErrno);
-    // Signed: a negative code counts as known, is not in the table and so has a null text.
+    // Signed: a negative code counts as known, is not in the table and so has no string.
     if (code < messages.size())
         return messages.value(code, nullptr);
     return "No description available";

@@ -16,7 +16,7 @@ bool readAll(const char* path, QByteArray& content) {
     const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
     if (fd == -1)
         return false;
-    std::array<char, 4096> piece; // the kernel gives no more at a time
+    std::array<char, 4096> piece; // the kernel returns no more per read(2)
     ssize_t count = 0;
     while ((count = ::read(fd, piece.data(), piece.size())) > 0 ||
            (count == -1 && errno == EINTR)) {
@@ -54,7 +54,7 @@ const MountTable::Mount* MountTable::next() {
         char* const line = m_line;
         auto* const lineEnd = static_cast<char*>(std::memchr(line, '\n', end - line));
         if (lineEnd)
-            *lineEnd = '\0'; // else the array's own is behind the last line
+            *lineEnd = '\0'; // after a last line without "\n" is the array's own NUL
         m_line = lineEnd ? lineEnd + 1 : line + (end - line);
         char* rest = nullptr;
         m_mount.device = strtok_r(line, " ", &rest);

@@ -8,32 +8,34 @@
 
 namespace oru::io {
 
-/// A mount point as the table has it: without a slash at its end, which mount(2) does not mind but
-/// whose mount umountPath() would not find. \returns false as toSystem().
+/// Converts `directory` to the spelling of the mount table: without slashes at its end, which
+/// mount(2) ignores. umountPath() finds a mount by this spelling only. \returns false as toSystem()
+/// does.
 bool tableMountPoint(const QString& directory, SystemText& path);
 
-/// A table as it was at one moment: read piece by piece while something is unmounted, the kernel's
-/// would leave lines out. Its lines may have any length and content.
+/// A copy of the table, read at once: while something is unmounted, the kernel's own would omit
+/// lines between two reads. Lines may have any length and content.
 class MountTable {
 public:
-    /// The first two words of a line, as they stand there: a blank in a name is "\040".
+    /// The first two words of a line, not decoded: a blank in a name is "\040".
     struct Mount {
         const char* device;
         const char* mountPoint;
     };
 
-    /// With errno when the table cannot be read.
+    /// Reads the table. Sets errno when that fails.
     explicit MountTable(const char* path = "/proc/mounts");
 
     bool isRead() const;
-    /// The next line that has two words; its texts live as long as the table. Null at the end.
+    /// The next line that has two words, or null at the end. The strings are valid as long as the
+    /// table.
     const Mount* next();
 
 private:
     Q_DISABLE_COPY(MountTable)
 
-    QByteArray m_text; // with a NUL in place of each line's and word's end that was passed
-    char* m_line;      // where the next one begins; null when there is no table
+    QByteArray m_text; // next() replaces the ends of words and lines by NULs
+    char* m_line;      // the next line; null when the table could not be read
     Mount m_mount = {};
 };
 

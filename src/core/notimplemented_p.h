@@ -1,4 +1,4 @@
-// What an operation that this backend does not provide returns. Include last, and only in sources.
+// The result of an operation that a backend does not provide. Include last, and only in sources.
 #pragma once
 
 #include <oruio/error.h>

@@ -120,7 +120,8 @@ int PosixFS::listxattr(QString path, QVector<QString>& names) {
     const int size = listxattr(path, list.data(), capacity);
     const char* text = list.data();
     const char* const end = text + capacity;
-    // One text per byte of the list: the names, then empty texts from the zeroes behind them.
+    // One string per byte of the list: the names, and after them empty strings from the zeroes that
+    // follow. Callers rely on the count.
     for (int i = 0; i < size; ++i) {
         const size_t length = strnlen(text, end - text);
         names.append(decoded(text, static_cast<int>(length)));
@@ -236,7 +237,8 @@ int PosixFile::fchmod(int mode) {
 
 int PosixFile::close() {
     liberrno = Ok;
-    // On Linux the descriptor is gone whatever the result; a second close could hit another file.
+    // On Linux close(2) releases the descriptor also when it fails. A second call could close
+    // another file.
     const int fd = m_fd.exchange(-1);
     return fd < 0 ? 0 : ::close(fd);
 }

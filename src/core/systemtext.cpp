@@ -11,7 +11,7 @@ namespace oru::io {
 
 namespace {
 
-/// Most texts are plain: for these, one pass both checks and converts.
+/// Most strings are ASCII. For them, one pass both checks and converts. \returns false for others.
 bool toAscii(const QString& text, SystemText& ascii) {
     const int length = text.size();
     ascii.resize(length + 1);
@@ -45,7 +45,7 @@ bool toSystem(const QString& text, SystemText& utf8) {
     return true;
 }
 
-bool qtEncodesAsUtf8(const QString& text) {
+bool checkQtEncoding(const QString& text) {
     SystemText utf8;
     if (!toSystem(text, utf8))
         return false;
@@ -72,7 +72,7 @@ bool fromSystem(const char* utf8, QString& text) {
         text = QString::fromLatin1(utf8, length);
         return true;
     }
-    // Only a text that comes back the same was decoded as it is.
+    // A string with invalid parts does not convert back to the same bytes.
     const QString result = decoded(utf8, length);
     if (result.toUtf8() != QByteArray::fromRawData(utf8, length)) {
         errno = EILSEQ;
@@ -83,7 +83,7 @@ bool fromSystem(const char* utf8, QString& text) {
 }
 
 QString decoded(const char* utf8, int length) {
-    // Qt drops a byte order mark, unless that is behind something.
+    // Qt removes a byte order mark at the beginning, so put a character before it.
     return QString::fromUtf8('/' + QByteArray::fromRawData(utf8, length)).mid(1);
 }
 

@@ -1,7 +1,7 @@
-// How text crosses between QString and the C interface: as UTF-8, unchanged or not at all.
+// Strings between QString and the C interface: converted to UTF-8 without a change, or refused.
 //
-// A text that would arrive as a different one (cut at a NUL, or with its invalid parts replaced)
-// could name the wrong file, so it is refused.
+// A string that changes on the way (cut at a NUL, or with its invalid parts replaced) could name
+// another file.
 #pragma once
 
 #include <QString>
@@ -11,29 +11,28 @@
 
 namespace oru::io {
 
-/// A NUL-terminated text as the C interface takes it. Most fit without an allocation.
+/// A NUL-terminated string for the C interface. Most fit without an allocation.
 using SystemText = QVarLengthArray<char, 256>;
 
-/// The UTF-8 form of `text`. \returns false with errno EINVAL when it contains a NUL, EILSEQ when
-/// it is not valid UTF-16; what is in `utf8` then is unspecified.
+/// Converts `text` to UTF-8. \returns false with errno EINVAL when it contains a NUL, EILSEQ when
+/// it is not valid UTF-16; `utf8` is unspecified then.
 bool toSystem(const QString& text, SystemText& utf8);
 
-/// Whether `text`, which Qt is to hand to the system, gets there as toSystem() would have it: Qt
-/// does it in the codec of the locale. \returns false with errno as toSystem(); EILSEQ when that
-/// codec makes other bytes of it.
-bool qtEncodesAsUtf8(const QString& text);
+/// Checks that Qt, which encodes paths in the codec of the locale, encodes `text` as toSystem()
+/// does. \returns false with errno as toSystem(), or EILSEQ when the codec encodes other bytes.
+bool checkQtEncoding(const QString& text);
 
-/// The text that `utf8` spells. \returns false with errno EFAULT when it is null, ENAMETOOLONG when
-/// it has more than 1 MiB, which no system takes, EILSEQ when it is not valid UTF-8; `text` is then
-/// unchanged.
+/// Converts `utf8` to a QString. \returns false with errno EFAULT when it is null, ENAMETOOLONG
+/// when it is longer than 1 MiB, more than any system call takes, EILSEQ when it is not valid
+/// UTF-8; `text` is unchanged then.
 bool fromSystem(const char* utf8, QString& text);
 
-/// The text of `length` bytes that the system tells, with a replacement character for each part
-/// that is not valid UTF-8.
+/// The string of `length` bytes that the system returned. Each part that is not valid UTF-8 becomes
+/// a replacement character.
 QString decoded(const char* utf8, int length);
 
-/// The result of `call` on the system form of `path`; -1 when there is none. Releasing the path
-/// leaves errno as the call set it.
+/// Calls `call` with `path` in UTF-8. \returns its result, or -1 with errno when `path` cannot be
+/// converted. errno stays as `call` leaves it, also when the memory of the path is freed.
 template <class Call>
 int withPath(const QString& path, Call call) {
     int result = -1;
@@ -48,7 +47,7 @@ int withPath(const QString& path, Call call) {
     return result;
 }
 
-/// The result of `call` on the system forms of two texts; -1 when there is none.
+/// The same with two paths.
 template <class Call>
 int withPaths(const QString& first, const QString& second, Call call) {
     return withPath(first, [&](const char* firstPath) {

@@ -222,8 +222,8 @@ inline bool isPublished(char state) {
     return static_cast<unsigned char>(state) > Ending;
 }
 
-/// Client: publishes a request in an area that is Idle or Done. `length` counts the bytes of `text`
-/// with its NUL and the record after it.
+/// Client: publishes a request in an area that is Idle or Done. `length` counts the
+/// bytes of the string with its NUL, and of the record after it.
 void publish(Area& area, const char* text, std::size_t length);
 /// Client: cancels a published request. \returns false when the server has accepted it before.
 bool cancel(Area& area);

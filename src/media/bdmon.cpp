@@ -165,7 +165,7 @@ LinuxBD::~LinuxBD() = default;
 int LinuxBD::mount(QString mountPoint, const Properties* props) {
     liberrno = Ok;
     // Else another directory would be made than the one to mount on.
-    if (!qtEncodesAsUtf8(mountPoint))
+    if (!checkQtEncoding(mountPoint))
         return -1;
     if (mountPoint.isEmpty() || !QDir(mountPoint).mkpath(QStringLiteral("."))) {
         errno = ENOENT;

@@ -42,7 +42,7 @@ bool childrenAreReported() {
 
 /// Whether all of them reach a program as they are.
 bool canCross(const QStringList& arguments) {
-    return std::all_of(arguments.begin(), arguments.end(), qtEncodesAsUtf8);
+    return std::all_of(arguments.begin(), arguments.end(), checkQtEncoding);
 }
 
 /// Has a program that this process becomes get none of its descriptors but the standard ones. Only

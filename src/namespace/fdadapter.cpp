@@ -3,6 +3,7 @@
 #include <oruio/fsswitch.h>
 
 #include "core/errnosaver_p.h"
+#include "core/failwith_p.h"
 #include "core/systemtext_p.h"
 
 #include <QMutex>
@@ -20,46 +21,39 @@ namespace oru::io {
 
 namespace {
 
-/// The number of open files that the device is dimensioned for. Not a limit: a recorder that needs
-/// more gets more.
+/// The number of open files that the device is designed for. It is not a limit.
 [[maybe_unused]] constexpr int MAX_FDS = 4096;
 
 FDMap fdMap;
 
-/// Refuses a call for the reason in errno.
-int refused() {
-    liberrno = Ok;
-    return -1;
+/// Calls `operation` with `path` as a QString. \returns its result, or -1 with errno when `path`
+/// cannot be converted.
+template <class Operation>
+int withString(const char* path, Operation operation) {
+    QString string;
+    return fromSystem(path, string) ? operation(std::move(string)) : failWith(errno);
 }
 
-/// The result of `operation` on the text of `path`; -1 when it has none.
+/// The same with two strings.
 template <class Operation>
-int withText(const char* path, Operation operation) {
-    QString text;
-    return fromSystem(path, text) ? operation(std::move(text)) : refused();
-}
-
-/// As withText(), for two texts.
-template <class Operation>
-int withTexts(const char* first, const char* second, Operation operation) {
-    return withText(first, [&](QString&& firstText) {
-        return withText(second, [&](QString&& secondText) {
-            return operation(std::move(firstText), std::move(secondText));
+int withStrings(const char* first, const char* second, Operation operation) {
+    return withString(first, [&](QString&& firstString) {
+        return withString(second, [&](QString&& secondString) {
+            return operation(std::move(firstString), std::move(secondString));
         });
     });
 }
 
-/// As withText(), for an operation that fills `*record`.
+/// The same with an operation that fills `*record`.
 template <class Record, class Operation>
 int withRecord(const char* path, Record* record, Operation operation) {
-    if (!record) {
-        errno = EFAULT;
-        return refused();
-    }
-    return withText(path, [&](QString&& text) { return operation(std::move(text), *record); });
+    if (!record)
+        return failWith(EFAULT);
+    return withString(path,
+                      [&](QString&& string) { return operation(std::move(string), *record); });
 }
 
-/// The result of `operation` on the open file; -1 when there is none.
+/// Calls `operation` with the open file. \returns its result, or -1 when there is none.
 template <class Operation>
 auto withFile(int fd, Operation operation) -> decltype(operation(**fdMap.hold(fd))) {
     auto file = fdMap.hold(fd);
@@ -91,9 +85,7 @@ int FDMap::add(QSharedPointer<File>& file) {
     const std::lock_guard lock(m_fileMutex);
     const int fd = lowestFree();
     if (fd == -1) {
-        liberrno = Ok;
-        errno = EMFILE;
-        return -1;
+        return failWith(EMFILE);
     }
     m_files.insert(fd, held);
     return fd;
@@ -148,7 +140,7 @@ QSharedPointer<Directory> FDMap::getdir(void* handle) {
 int FDMap::remove(void* handle) {
     if (!handle)
         return -1;
-    // Outlives the lock: the directory may be closed with it.
+    // Declared before the lock, so that the directory is closed after it.
     QSharedPointer<Directory> dir;
     const std::lock_guard lock(m_dirMutex);
     dir = m_dirs.take(handle);
@@ -192,25 +184,25 @@ int FDAdapter::statfs(const char* path, struct statfs* st) {
 }
 
 int FDAdapter::link(const char* oldPath, const char* newPath) {
-    return withTexts(oldPath, newPath, [this](QString&& from, QString&& to) {
+    return withStrings(oldPath, newPath, [this](QString&& from, QString&& to) {
         return m_fs->link(std::move(from), std::move(to));
     });
 }
 
 int FDAdapter::unlink(const char* path) {
-    return withText(path, [this](QString&& p) { return m_fs->unlink(std::move(p)); });
+    return withString(path, [this](QString&& p) { return m_fs->unlink(std::move(p)); });
 }
 
 int FDAdapter::mkdir(const char* path, int mode) {
-    return withText(path, [=](QString&& p) { return m_fs->mkdir(std::move(p), mode); });
+    return withString(path, [=](QString&& p) { return m_fs->mkdir(std::move(p), mode); });
 }
 
 int FDAdapter::rmdir(const char* path) {
-    return withText(path, [this](QString&& p) { return m_fs->rmdir(std::move(p)); });
+    return withString(path, [this](QString&& p) { return m_fs->rmdir(std::move(p)); });
 }
 
 int FDAdapter::rename(const char* oldPath, const char* newPath) {
-    return withTexts(oldPath, newPath, [this](QString&& from, QString&& to) {
+    return withStrings(oldPath, newPath, [this](QString&& from, QString&& to) {
         return m_fs->rename(std::move(from), std::move(to));
     });
 }
@@ -220,49 +212,49 @@ void FDAdapter::sync() {
 }
 
 int FDAdapter::getxattr(const char* path, const char* name, void* value, unsigned int size) {
-    return withTexts(path, name, [=](QString&& p, QString&& n) {
+    return withStrings(path, name, [=](QString&& p, QString&& n) {
         return m_fs->getxattr(std::move(p), std::move(n), value, size);
     });
 }
 
 int FDAdapter::setxattr(const char* path, const char* name, void* value, unsigned int size,
                         int flags) {
-    return withTexts(path, name, [=](QString&& p, QString&& n) {
+    return withStrings(path, name, [=](QString&& p, QString&& n) {
         return m_fs->setxattr(std::move(p), std::move(n), value, size, flags);
     });
 }
 
 int FDAdapter::removexattr(const char* path, const char* name) {
-    return withTexts(path, name, [this](QString&& p, QString&& n) {
+    return withStrings(path, name, [this](QString&& p, QString&& n) {
         return m_fs->removexattr(std::move(p), std::move(n));
     });
 }
 
 int FDAdapter::listxattr(const char* path, char* list, unsigned int size) {
-    return withText(path, [=](QString&& p) { return m_fs->listxattr(std::move(p), list, size); });
+    return withString(path, [=](QString&& p) { return m_fs->listxattr(std::move(p), list, size); });
 }
 
 int FDAdapter::symlink(const char* target, const char* linkPath) {
-    return withTexts(target, linkPath, [this](QString&& to, QString&& p) {
+    return withStrings(target, linkPath, [this](QString&& to, QString&& p) {
         return m_fs->symlink(std::move(to), std::move(p));
     });
 }
 
 int FDAdapter::readlink(const char* path, char* buf, unsigned int size) {
-    return withText(path, [=](QString&& p) { return m_fs->readlink(std::move(p), buf, size); });
+    return withString(path, [=](QString&& p) { return m_fs->readlink(std::move(p), buf, size); });
 }
 
 int FDAdapter::truncate(const char* path, long long length) {
-    return withText(path, [=](QString&& p) { return m_fs->truncate(std::move(p), length); });
+    return withString(path, [=](QString&& p) { return m_fs->truncate(std::move(p), length); });
 }
 
 int FDAdapter::chmod(const char* path, int mode) {
-    return withText(path, [=](QString&& p) { return m_fs->chmod(std::move(p), mode); });
+    return withString(path, [=](QString&& p) { return m_fs->chmod(std::move(p), mode); });
 }
 
 void* FDAdapter::opendir(const char* path) {
     QSharedPointer<Directory> dir;
-    withText(path, [&](QString&& p) {
+    withString(path, [&](QString&& p) {
         dir = m_fs->opendir(std::move(p));
         return 0;
     });
@@ -290,7 +282,7 @@ int FDAdapter::closedir(void* handle) {
 int FDAdapter::open(const char* path, int flags, int mode) {
     liberrno = Ok;
     QSharedPointer<File> file;
-    withText(path, [&](QString&& p) {
+    withString(path, [&](QString&& p) {
         file = m_fs->open(std::move(p), flags, mode);
         return 0;
     });
@@ -324,12 +316,7 @@ long long FDAdapter::lseek(int fd, long long offset, int whence) {
 }
 
 int FDAdapter::fstat(int fd, struct stat* st) {
-    return withFile(fd, [=](File& file) {
-        if (st)
-            return file.fstat(*st);
-        errno = EFAULT;
-        return refused();
-    });
+    return withFile(fd, [=](File& file) { return st ? file.fstat(*st) : failWith(EFAULT); });
 }
 
 int FDAdapter::ftruncate(int fd, long long length) {

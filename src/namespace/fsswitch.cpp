@@ -24,7 +24,8 @@ QMutex& rootfsMutex() {
     return mutex;
 }
 
-/// Makes `mountPoint` end with a slash. \returns false, without a change, when it is not absolute.
+/// Appends a slash unless there is one. \returns false, without a change, when `mountPoint` is not
+/// absolute.
 bool normalise(QString& mountPoint) {
     if (!mountPoint.startsWith(QLatin1Char('/')))
         return false;
@@ -33,8 +34,8 @@ bool normalise(QString& mountPoint) {
     return true;
 }
 
-/// Whether `path` lies under `mountPoint` or names it without its slash. This runs for every entry
-/// on every call, so the cheap test of the slash comes before the comparison of the texts.
+/// Whether `path` is below `mountPoint`, or names it without its slash. This runs for every entry
+/// on every call, so the cheap test of the slash comes before the comparison of the strings.
 bool serves(const QString& mountPoint, const QString& path) {
     const int stem = mountPoint.size() - 1;
     if (path.size() < stem || (path.size() > stem && path.at(stem) != QLatin1Char('/')))
@@ -46,22 +47,23 @@ bool serves(const QString& mountPoint, const QString& path) {
 
 class FSSwitch::Data {
 public:
-    /// Where a path leads: the file system, null when there is none, and the length of its mount
-    /// point without the slash at the end.
+    /// The result of a lookup: the file system, or null, and the length of its mount point without
+    /// the slash at the end.
     struct Target {
         QSharedPointer<FS> fs;
         int stem = 0;
 
-        /// What is left of the path within the file system.
+        /// The rest of the path, within the file system.
         QString rest(const QString& path) const {
             return path.size() > stem ? path.mid(stem) : QStringLiteral("/");
         }
     };
 
-    /// Finds the entry that serves `path`. Tells liberrno whether there is one; errno stays.
+    /// Finds the entry that serves `path`. Sets liberrno to Ok or NotFound and keeps errno.
     Target lookup(const QString& path);
 
-    /// The result of `operation` on the file system that serves `path` and the rest of the path.
+    /// Calls `operation` with the file system that serves `path` and the rest of the path. \returns
+    /// its result, or -1 when nothing is mounted there.
     template <class Operation>
     int forward(const QString& path, Operation operation) {
         Target target = lookup(path);
@@ -72,7 +74,7 @@ public:
         return result;
     }
 
-    /// As forward(), for two paths that the same entry must serve.
+    /// The same for two paths. \returns -1 unless the same entry serves both.
     template <class Operation>
     int forward(const QString& first, const QString& second, Operation operation) {
         Target target = lookup(first);
@@ -87,7 +89,7 @@ public:
         return result;
     }
 
-    /// As forward(), for an operation that gives an open file or directory.
+    /// The same for an operation that opens a file or directory.
     template <class Opened, class Operation>
     QSharedPointer<Opened> opened(const QString& path, Operation operation) {
         Target target = lookup(path);
@@ -104,7 +106,7 @@ public:
 
 FSSwitch::Data::Target FSSwitch::Data::lookup(const QString& path) {
     Target target;
-    const int reason = errno; // to wait for the lock may change it
+    const int reason = errno; // waiting for the lock may change it
     {
         const QMutexLocker lock(&mutex);
         for (int i = entries.size() - 1; i >= 0; --i) {
@@ -150,7 +152,7 @@ void FSSwitch::add(QString mountPoint, QSharedPointer<FS> fs) {
 void FSSwitch::remove(QString mountPoint) {
     if (!normalise(mountPoint))
         return;
-    // Outlives the lock: the file system may be destroyed with it, and take its time.
+    // Declared before the lock, so that the file system is destroyed after it, which may take long.
     FSEntry removed;
     const QMutexLocker lock(&m_data->mutex);
     auto& entries = m_data->entries;
@@ -187,7 +189,7 @@ QSharedPointer<FSSwitch> FSSwitch::rootfs() {
 }
 
 void FSSwitch::setRootfs(QSharedPointer<FSSwitch>& fs) {
-    // Declared first, so that the old switch goes after the lock does.
+    // Declared before the lock, so that the old switch is destroyed after it.
     SPtr replaced = fs;
     const QMutexLocker lock(&rootfsMutex());
     theRootfs.swap(replaced);

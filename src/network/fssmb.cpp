@@ -2,32 +2,25 @@
 #include <oruio/fssmb.h>
 
 #include "core/systemtext_p.h"
+#include "network/fssmb_p.h"
+#include "network/libsmb2_p.h"
 #include "network/smb2session_p.h"
-
-#include <QSharedData>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <limits>
+#include <ctime>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <utility>
-
-// libsmb2's headers want these first.
-#include <ctime>
-#include <smb2/smb2.h>
-
-#include <smb2/libsmb2.h>
 
 #include "core/log_p.h"
 #include "core/notimplemented_p.h"
 
-ORUIO_LOG_CHANNEL("libio_smb2");
-
 namespace oru::io {
+
+ORUIO_SHARED_LOG_CHANNEL(smbLogChannel, "libio_smb2");
 
 namespace {
 
@@ -38,43 +31,87 @@ const QMap<QString, smb2_negotiate_version> version_map = {
     {QStringLiteral("3.1.1"), SMB2_VERSION_0311},
 };
 
-/// The most bytes of one text of a login. Longer ones do not fit into the protocol's fields.
-constexpr int longestText = 1024;
-/// The most characters of a path that the protocol can carry.
-constexpr int longestPath = 32767;
+/// The longest string of a login, in bytes. Longer ones do not fit into the fields of the protocol.
+constexpr int longestString = 1024;
 constexpr int longestDescription = 4095;
-constexpr int longestWrite = 65536;
-/// What connect() has left, at least, when leaving the former share has taken its time.
+/// The least time for connect() after it has left the previous share.
 constexpr qint64 shortestConnectMs = 800;
 
-/// Whether a failure is one of the connection, which ends all use of the share.
-bool isFatal(int error) {
-    switch (error) {
-    case ETIMEDOUT:
-    case ENETRESET:
-    case EBUSY:
-    case ECONNREFUSED:
-    case ECONNRESET:
-        return true;
-    default:
-        return false;
+/// Where to connect to, and as which user.
+class Login {
+public:
+    /// Reads the properties of Smb2FS::connect(). \returns 0, or a negative errno for a string that
+    /// cannot be sent.
+    int read(const Properties& props) {
+        version = version_map.value(props[QStringLiteral("version")].toString(), SMB2_VERSION_ANY);
+        const struct {
+            const char* key;
+            SystemText& value;
+        } fields[] = {
+            {"server", server},       {"share", share},   {"user", user},
+            {"password", password},   {"domain", domain}, {"workstation", workstation},
+            {"version", versionName},
+        };
+        for (const auto& field : fields) {
+            if (!toSystem(props[QLatin1String(field.key)].toString(), field.value))
+                return -errno;
+            if (field.value.size() - 1 > longestString) // without the NUL
+                return -ENAMETOOLONG;
+        }
+        return 0;
     }
+
+    Smb2Session::Login forSession() const {
+        Smb2Session::Login login = {};
+        login.server = server.constData();
+        login.share = share.constData();
+        login.user = user.constData();
+        login.password = password.constData();
+        login.domain = domain.constData();
+        login.workstation = workstation.constData();
+        login.version = version;
+        return login;
+    }
+
+    /// A URL of the share for the log, without the password.
+    QByteArray description() const {
+        QByteArray url = "smb://";
+        if (!isEmpty(domain))
+            url.append(domain.constData()).append('\\');
+        url.append(isEmpty(user) ? "anonymous" : user.constData());
+        if (!isEmpty(password))
+            url.append(":****");
+        url.append('@').append(server.constData()).append('/').append(share.constData());
+        if (!isEmpty(versionName))
+            url.append(" vers=").append(versionName.constData());
+        if (!isEmpty(workstation))
+            url.append(" workstation=").append(workstation.constData());
+        return url.left(longestDescription);
+    }
+
+private:
+    static bool isEmpty(const SystemText& field) {
+        return field[0] == '\0';
+    }
+
+    SystemText server;
+    SystemText share;
+    SystemText user;
+    SystemText password;
+    SystemText domain;
+    SystemText workstation;
+    SystemText versionName;
+    smb2_negotiate_version version = SMB2_VERSION_ANY;
+};
+
+/// Sessions that sign or encrypt their messages are refused: libsmb2's ciphers are too slow to
+/// record through. \returns 0, -EPERM for such a session, or -ENOTSUP when it cannot be found out.
+int protectionError(const Smb2Session& session) {
+    const int isProtected = session.isProtected();
+    return isProtected > 0 ? -EPERM : isProtected;
 }
 
-int notSupported() {
-    errno = EOPNOTSUPP;
-    return -1;
-}
-
-/// The result of `call` on the path as the protocol has it: without the slash in front.
-template <class Call>
-int withSharePath(const QString& path, Call call) {
-    if (path.size() > longestPath) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    return withPath(path, [&](const char* p) { return call(*p == '/' ? p + 1 : p); });
-}
+} // namespace
 
 void smbStat2Stat(const smb2_stat_64* in, struct stat* out) {
     constexpr mode_t readWriteForAll = 0666;
@@ -106,59 +143,7 @@ void smbStat2Stat(const smb2_stat_64* in, struct stat* out) {
     out->st_ctim = timeOf(in->smb2_ctime, in->smb2_ctime_nsec);
 }
 
-unsigned char directoryType(std::uint32_t smb2Type) {
-    switch (smb2Type) {
-    case SMB2_TYPE_FILE:
-        return DT_REG;
-    case SMB2_TYPE_DIRECTORY:
-        return DT_DIR;
-    case SMB2_TYPE_LINK:
-        return DT_LNK;
-    default:
-        return DT_UNKNOWN;
-    }
-}
-
-} // namespace
-
 // --- Smb2FS -------------------------------------------------------------------------------------
-
-/// The connection. Shared by a share with its files and directories, so that those find out when it
-/// is gone.
-class Smb2FS::Data : public QSharedData {
-public:
-    explicit Data(unsigned int seconds)
-        : timeout(seconds), session(std::make_shared<Smb2Session>(seconds)) {}
-
-    bool isBroken() const {
-        return isFatal(lastError);
-    }
-
-    /// What an operation returns for what the session did, and remembers of it.
-    int report(int result) {
-        if (result >= 0)
-            return result;
-        lastError = -result;
-        errno = -result;
-        return -1;
-    }
-
-    /// The result of `call(session, path)`.
-    template <class Call>
-    int onPath(const QString& path, Call call) {
-        if (isBroken())
-            return -1;
-        const std::lock_guard lock(mutex);
-        return withSharePath(path, [&](const char* p) { return report(call(*session, p)); });
-    }
-
-    // Recursive: a directory is made under it, and opens itself under it.
-    std::recursive_mutex mutex; // guards all below but lastError
-    const unsigned int timeout;
-    std::shared_ptr<Smb2Session> session; ///< one for each connect(); null when the share is gone
-    QByteArray description;               ///< of the connection; empty when not connected
-    std::atomic<int> lastError{0};        ///< the errno of the last call that failed
-};
 
 int set_errno(Smb2FS* fs, int rc, smb2_context*, const char*, const char*) {
     return fs->m_data->report(rc);
@@ -172,7 +157,7 @@ Smb2FS::~Smb2FS() {
 }
 
 int Smb2FS::connect(Properties props) {
-    // First of all: who waits for the lock meanwhile must not find the connection before this one.
+    // First of all: a call that waits for the lock must not find the connection before this one.
     const std::lock_guard lock(m_data->mutex);
     const qint64 limit = qint64{m_data->timeout} * 1000;
     const QDeadlineTimer deadline(limit);
@@ -181,52 +166,21 @@ int Smb2FS::connect(Properties props) {
     m_data->description.clear();
     m_data->session = std::make_shared<Smb2Session>(m_data->timeout);
 
-    const QString version = props[QStringLiteral("version")].toString();
-    std::array<SystemText, 7> texts;
-    auto& [server, share, user, password, domain, workstation, versionText] = texts;
-    const char* const keys[] = {"server", "share",       "user",   "password",
-                                "domain", "workstation", "version"};
-    for (size_t i = 0; i < texts.size(); ++i) {
-        if (!toSystem(props[QLatin1String(keys[i])].toString(), texts[i]))
-            return m_data->report(-errno);
-        if (texts[i].size() - 1 > longestText) // less its NUL
-            return m_data->report(-ENAMETOOLONG);
-    }
-
-    Smb2Session::Login login = {};
-    login.server = server.constData();
-    login.share = share.constData();
-    login.user = user.constData();
-    login.password = password.constData();
-    login.domain = domain.constData();
-    login.workstation = workstation.constData();
-    login.version = version_map.value(version, SMB2_VERSION_ANY);
-    // Leaving a share that does not answer may have taken all of the time.
+    Login login;
+    if (const int failed = m_data->report(login.read(props)))
+        return failed;
+    // To leave a share whose server does not answer may have taken all of the time.
     const QDeadlineTimer rest =
         limit == 0 ? QDeadlineTimer(QDeadlineTimer::Forever)
                    : QDeadlineTimer(std::max(deadline.remainingTime(), shortestConnectMs));
-    if (const int failed = m_data->report(m_data->session->connect(login, rest)))
+    if (const int failed = m_data->report(m_data->session->connect(login.forSession(), rest)))
         return failed;
-
-    const int isProtected = m_data->session->isProtected();
-    if (isProtected != 0) {
+    if (const int refused = protectionError(*m_data->session)) {
         m_data->session->disconnect(rest);
         m_data->session = std::make_shared<Smb2Session>(m_data->timeout);
-        return m_data->report(isProtected > 0 ? -EPERM : isProtected);
+        return m_data->report(refused);
     }
-
-    QByteArray description = "smb://";
-    if (login.domain[0])
-        description.append(login.domain).append('\\');
-    description.append(login.user[0] ? login.user : "anonymous");
-    if (login.password[0])
-        description.append(":****");
-    description.append('@').append(login.server).append('/').append(login.share);
-    if (versionText[0])
-        description.append(" vers=").append(versionText.constData());
-    if (login.workstation[0])
-        description.append(" workstation=").append(login.workstation);
-    m_data->description = description.left(longestDescription);
+    m_data->description = login.description();
     ORUIO_LOG(LogDebug, "SMB Connect '%s' OK", m_data->description.constData());
     return 0;
 }
@@ -413,333 +367,6 @@ int Smb2FS::chmod(QString, int) {
 }
 
 int Smb2FS::ioctl(QString, QString&) {
-    return notImplemented();
-}
-
-// --- Smb2File -----------------------------------------------------------------------------------
-
-namespace {
-
-/// What an operation does to liberrno.
-enum class Liberrno { Clear, Keep };
-
-} // namespace
-
-class Smb2File::Data {
-public:
-    using Share = QExplicitlySharedDataPointer<Smb2FS::Data>;
-
-    Data(Share of, smb2fh* opened)
-        : share(std::move(of)), session(share->session), handle(opened) {}
-
-    template <class Call>
-    int run(Liberrno treatment, Call call) {
-        if (share->isBroken())
-            return -1;
-        const std::lock_guard lock(share->mutex);
-        if (treatment == Liberrno::Clear)
-            liberrno = Ok;
-        return runLocked(call);
-    }
-    /// The result of `call(session)`; -1 with errno EBADF when there is nothing to call it on.
-    template <class Call>
-    int runLocked(Call call) {
-        const std::shared_ptr<Smb2Session> current = session.lock();
-        if (!current || !isOpen) {
-            errno = EBADF;
-            return -1;
-        }
-        return share->report(call(*current));
-    }
-
-    void written(qint64 end) {
-        writtenEnd = std::max(writtenEnd, end);
-    }
-
-    const Share share;
-    // All below: under the share's mutex.
-    const std::weak_ptr<Smb2Session> session; // which alone knows the handle
-    smb2fh* const handle;
-    bool isOpen = true;
-    qint64 position = 0;
-    qint64 writtenEnd = 0; ///< the end of what was written through this object
-};
-
-Smb2File::Smb2File(Smb2FS* fs, smb2fh* handle, QString)
-    : File(QStringLiteral("Smb2File")), m_data([&] {
-          const std::lock_guard lock(fs->m_data->mutex);
-          return new Data(fs->m_data, handle);
-      }()) {}
-
-Smb2File::~Smb2File() {
-    close();
-}
-
-int Smb2File::read(void* buf, unsigned int len) {
-    return m_data->run(Liberrno::Clear, [&](Smb2Session& session) {
-        const int count = session.read(m_data->handle, buf, len);
-        if (count > 0)
-            m_data->position += count;
-        return count;
-    });
-}
-
-int Smb2File::write(const void* buf, unsigned int len) {
-    return m_data->run(Liberrno::Clear, [&](Smb2Session& session) {
-        if (len > static_cast<unsigned int>(std::numeric_limits<int>::max()))
-            return -EINVAL;
-        const char* from = static_cast<const char*>(buf);
-        int left = static_cast<int>(len);
-        int count = 0;
-        // A server that takes nothing is asked again: a recording is not given up while the
-        // connection stands.
-        while (left > 0) {
-            count = session.write(m_data->handle, from, std::min(left, longestWrite));
-            if (count < 0)
-                return count;
-            from += count;
-            left -= count;
-        }
-        m_data->position += len;
-        m_data->written(m_data->position);
-        return static_cast<int>(len);
-    });
-}
-
-int Smb2File::pread(void* buf, unsigned int len, long long offset) {
-    return m_data->run(Liberrno::Clear, [&](Smb2Session& session) {
-        return session.pread(m_data->handle, buf, len, offset);
-    });
-}
-
-int Smb2File::pwrite(const void* buf, unsigned int len, long long offset) {
-    return m_data->run(Liberrno::Clear, [&](Smb2Session& session) {
-        if (len > static_cast<unsigned int>(std::numeric_limits<int>::max()))
-            return -EINVAL;
-        if (offset > std::numeric_limits<long long>::max() - len)
-            return -EFBIG;
-        const char* const from = static_cast<const char*>(buf);
-        int done = 0;
-        while (done < static_cast<int>(len)) {
-            const int piece = std::min(static_cast<int>(len) - done, longestWrite);
-            const int count = session.pwrite(m_data->handle, from + done, piece, offset + done);
-            if (count < 0)
-                return count;
-            if (count == 0)
-                break;
-            done += count;
-        }
-        m_data->written(offset + len);
-        return static_cast<int>(len);
-    });
-}
-
-long long Smb2File::lseek(long long offset, int whence) {
-    if (m_data->share->isBroken())
-        return -1;
-    const std::lock_guard lock(m_data->share->mutex);
-    liberrno = Ok;
-    const std::shared_ptr<Smb2Session> session = m_data->session.lock();
-    if (!session || !m_data->isOpen) {
-        errno = EBADF;
-        return -1;
-    }
-    qint64 base = 0;
-    switch (whence) {
-    case SEEK_SET:
-        break;
-    case SEEK_CUR:
-        base = m_data->position;
-        break;
-    case SEEK_END:
-        base = m_data->writtenEnd;
-        break;
-    default:
-        ORUIO_LOG(LogDebug, "Invalid lseek whence code '%d'", whence);
-        errno = EINVAL;
-        return -1;
-    }
-    long long target = 0;
-    if (__builtin_add_overflow(base, offset, &target)) {
-        errno = EOVERFLOW;
-        return -1;
-    }
-    m_data->position = target;
-    if (target < 0) {
-        ORUIO_LOG(LogDebug, "Invalid seek offset: %lld", target);
-        errno = EINVAL;
-        return -1;
-    }
-    // To ask where one is, at the beginning, moves nothing. A step that leads back there from
-    // elsewhere does move libsmb2's offset: that is where reads and writes go on.
-    if (whence == SEEK_CUR && offset == 0 && target == 0)
-        return target;
-    const std::int64_t result = session->lseek(m_data->handle, target);
-    if (result < 0) {
-        ORUIO_LOG(LogWarning, "smb lseek failed\n");
-        return result;
-    }
-    return target;
-}
-
-int Smb2File::fstat(struct stat& st) {
-    return m_data->run(Liberrno::Keep, [&](Smb2Session& session) {
-        smb2_stat_64 found = {};
-        const int result = session.fstat(m_data->handle, found);
-        if (result == 0)
-            smbStat2Stat(&found, &st);
-        return result;
-    });
-}
-
-int Smb2File::ftruncate(long long length) {
-    return m_data->run(Liberrno::Clear, [&](Smb2Session& session) {
-        return length < 0 ? -EINVAL
-                          : session.ftruncate(m_data->handle, static_cast<std::uint64_t>(length));
-    });
-}
-
-int Smb2File::fsync() {
-    return m_data->run(Liberrno::Clear,
-                       [&](Smb2Session& session) { return session.fsync(m_data->handle); });
-}
-
-int Smb2File::fdatasync() {
-    if (m_data->share->isBroken())
-        return -1;
-    const std::lock_guard lock(m_data->share->mutex);
-    liberrno = Ok;
-    return notSupported();
-}
-
-int Smb2File::fcntl(int, ...) {
-    if (m_data->share->isBroken())
-        return -1;
-    const std::lock_guard lock(m_data->share->mutex);
-    return notSupported();
-}
-
-int Smb2File::flock(int) {
-    return notSupported();
-}
-
-int Smb2File::fchmod(int) {
-    return notSupported();
-}
-
-int Smb2File::close() {
-    if (m_data->share->isBroken())
-        return -1;
-    const std::lock_guard lock(m_data->share->mutex);
-    liberrno = Ok;
-    if (!m_data->isOpen)
-        return 0;
-    const int result =
-        m_data->runLocked([&](Smb2Session& session) { return session.close(m_data->handle); });
-    m_data->isOpen = false;
-    return result;
-}
-
-int Smb2File::ioctl(QString, QString&) {
-    return notImplemented();
-}
-
-// --- Smb2Dir ------------------------------------------------------------------------------------
-
-class Smb2Dir::Data {
-public:
-    Data(QExplicitlySharedDataPointer<Smb2FS::Data> of, QString at)
-        : share(std::move(of)), path(std::move(at)) {}
-
-    /// Opens the directory in `current`; errno tells why that failed.
-    void open(const std::shared_ptr<Smb2Session>& current) {
-        session = current;
-        smb2dir* opened = nullptr;
-        withSharePath(path,
-                      [&](const char* p) { return share->report(current->opendir(p, opened)); });
-        handle = opened;
-    }
-    void close() {
-        const std::shared_ptr<Smb2Session> current = session.lock();
-        smb2dir* const opened = handle.exchange(nullptr);
-        if (current && opened)
-            current->closedir(opened);
-    }
-
-    const QExplicitlySharedDataPointer<Smb2FS::Data> share;
-    const QString path;
-    // All below: under the share's mutex.
-    std::weak_ptr<Smb2Session> session; // which alone knows the handle, while there is one
-    // Written under the share's mutex; isOpen() reads it without.
-    std::atomic<smb2dir*> handle{nullptr}; ///< null when not open
-    struct dirent entry = {};
-};
-
-Smb2Dir::Smb2Dir(Smb2FS* fs, QString& path)
-    : Directory(QStringLiteral("Smb2Directory")), m_data(new Data(fs->m_data, path)) {
-    if (m_data->share->isBroken())
-        return;
-    const std::lock_guard lock(m_data->share->mutex);
-    m_data->open(m_data->share->session);
-}
-
-Smb2Dir::~Smb2Dir() {
-    closedir();
-}
-
-bool Smb2Dir::isOpen() {
-    return m_data->handle;
-}
-
-struct dirent* Smb2Dir::readdir() {
-    if (m_data->share->isBroken())
-        return nullptr;
-    const std::lock_guard lock(m_data->share->mutex);
-    errno = ENOENT;
-    if (!m_data->handle)
-        return nullptr;
-    const std::shared_ptr<Smb2Session> current = m_data->session.lock();
-    if (!current) {
-        errno = EBADF;
-        return nullptr;
-    }
-    const smb2dirent* const found = current->readdir(m_data->handle);
-    if (!found)
-        return nullptr;
-    struct dirent& entry = m_data->entry;
-    entry.d_ino = found->st.smb2_ino;
-    entry.d_off = 0;
-    entry.d_reclen = 0;
-    entry.d_type = directoryType(found->st.smb2_type);
-    std::strncpy(entry.d_name, found->name ? found->name : "", sizeof entry.d_name - 1);
-    return &entry;
-}
-
-int Smb2Dir::rewinddir() {
-    if (m_data->share->isBroken())
-        return -1;
-    const std::lock_guard lock(m_data->share->mutex);
-    // An open directory belongs to its connection, a closed one to none.
-    const std::shared_ptr<Smb2Session> current =
-        m_data->handle ? m_data->session.lock() : m_data->share->session;
-    if (!current) {
-        errno = EBADF;
-        return -1;
-    }
-    m_data->close();
-    m_data->open(current);
-    return 0;
-}
-
-int Smb2Dir::closedir() {
-    if (m_data->share->isBroken())
-        return -1;
-    const std::lock_guard lock(m_data->share->mutex);
-    m_data->close();
-    return 0;
-}
-
-int Smb2Dir::ioctl(QString, QString&) {
     return notImplemented();
 }
 

@@ -1,101 +1,26 @@
+#include "network/libsmb2_internals_p.h"
+#include "network/libsmb2_p.h"
+#include "network/smb2reply_p.h"
 #include "network/smb2session_p.h"
 
-#include <QSemaphore>
-
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <limits>
-#include <mutex>
+#include <string>
 #include <utility>
-#include <vector>
 
-#include <fcntl.h>
-#include <malloc.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
-
-// libsmb2's headers want these first.
-#include <smb2/smb2.h>
-
-#include <smb2/libsmb2.h>
-
-#include <smb2/libsmb2-raw.h>
 
 namespace oru::io {
 
 namespace {
 
-/// libsmb2 keeps a list of all contexts, without a lock of its own.
-std::mutex contextsMutex;
-
-smb2_context* makeContext() {
-    const std::lock_guard lock(contextsMutex);
-    return smb2_init_context();
-}
-
-void destroyContext(smb2_context* context) {
-    const std::lock_guard lock(contextsMutex);
-    smb2_destroy_context(context);
-}
-
-/// A flag of a context that libsmb2 has a function to set but none to get. Where it lies shows on a
-/// context of its own, on which it is turned on.
-class HiddenFlag {
-public:
-    explicit HiddenFlag(void (*set)(smb2_context*, int)) {
-        // To the end: the contexts are linked, so that making and destroying others changes this
-        // one.
-        const std::lock_guard lock(contextsMutex);
-        smb2_context* const sample = smb2_init_context();
-        if (!sample)
-            return;
-        set(sample, 0);
-        const std::size_t size = malloc_usable_size(sample);
-        const unsigned char* const bytes = bytesOf(sample);
-        const std::vector<unsigned char> off(bytes, bytes + size);
-        set(sample, 1);
-        std::size_t changes = 0;
-        for (std::size_t i = 0; i < size; ++i) {
-            const unsigned char change = off[i] ^ bytes[i];
-            if (change == 0)
-                continue;
-            ++changes;
-            m_offset = i;
-            m_mask = change;
-        }
-        // One bit of one byte, else it is something other than a flag.
-        if (changes != 1 || (m_mask & (m_mask - 1)) != 0)
-            m_mask = 0;
-        smb2_destroy_context(sample);
-    }
-
-    /// 1 or 0; -ENOTSUP when it was not found.
-    int of(const smb2_context* context) const {
-        if (m_mask == 0)
-            return -ENOTSUP;
-        return (bytesOf(context)[m_offset] & m_mask) != 0;
-    }
-
-private:
-    static const unsigned char* bytesOf(const smb2_context* context) {
-        return reinterpret_cast<const unsigned char*>(context);
-    }
-
-    std::size_t m_offset = 0;
-    unsigned char m_mask = 0;
-};
-
-/// Keeps SIGPIPE from the calling thread: libsmb2 writes to a connection that the server may have
-/// ended, and the error alone is enough.
+/// Blocks SIGPIPE in the calling thread while libsmb2 writes to a connection that the server may
+/// have closed. The write's error suffices.
 class NoPipeSignal {
 public:
     NoPipeSignal() {
@@ -106,15 +31,15 @@ public:
             return;
         sigset_t pending;
         sigpending(&pending);
-        m_isSomebodyElses = sigismember(&pending, SIGPIPE) == 1;
+        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
     }
     ~NoPipeSignal() {
         pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
     }
-    /// After a write that failed.
+    /// Discards the signal of a write that failed.
     void discard() {
         constexpr struct timespec now = {0, 0};
-        if (!m_isSomebodyElses)
+        if (!m_wasPending)
             sigtimedwait(&m_pipe, nullptr, &now);
     }
 
@@ -123,67 +48,15 @@ private:
 
     sigset_t m_pipe;
     sigset_t m_mask;
-    bool m_isSomebodyElses = false;
+    bool m_wasPending = false;
 };
 
-/// Prepares a socket that libsmb2 has made.
-void socketMade(smb2_context*, t_socket socket, int command) {
-    if (command != SMB2_ADD_FD)
-        return;
-    // A program that the process starts must not keep the connection.
-    fcntl(socket, F_SETFD, FD_CLOEXEC);
-    // A server that is switched off ends the connection, also while nothing is asked of it.
-    const auto set = [socket](int level, int option, int value) {
-        setsockopt(socket, level, option, &value, sizeof value);
-    };
-    set(SOL_SOCKET, SO_KEEPALIVE, 1);
-    set(IPPROTO_TCP, TCP_KEEPIDLE, 30);
-    set(IPPROTO_TCP, TCP_KEEPINTVL, 10);
-    set(IPPROTO_TCP, TCP_KEEPCNT, 3);
-}
-
-/// Why a connection ended, by what its socket says.
+/// Why a connection ended, by the error of its socket.
 int lossOf(int error) {
     return error == ETIMEDOUT ? ETIMEDOUT : ECONNRESET;
 }
 
-/// In milliseconds, as poll(2) and its like take it.
-int remaining(const QDeadlineTimer& deadline) {
-    return static_cast<int>(
-        std::min<qint64>(deadline.remainingTime(), std::numeric_limits<int>::max()));
-}
-
-/// The host in "host", "host:port", "[host]" and "[host]:port".
-std::string hostOf(const char* server) {
-    const bool isBracketed = *server == '[';
-    const char* const begin = server + (isBracketed ? 1 : 0);
-    return {begin, std::strcspn(begin, isBracketed ? "]" : ":")};
-}
-
-/// Whether a server is given by an address: then nobody is asked for it.
-bool isAddress(const char* server) {
-    addrinfo hints = {};
-    hints.ai_flags = AI_NUMERICHOST;
-    addrinfo* addresses = nullptr;
-    if (getaddrinfo(hostOf(server).c_str(), nullptr, &hints, &addresses) != 0)
-        return false;
-    freeaddrinfo(addresses);
-    return true;
-}
-
-/// The reason why no address of a server could even be tried, which libsmb2 tells in a text only.
-int connectFailure(smb2_context* context, int result) {
-    const char* const text = smb2_get_error(context);
-    const auto begins = [text](const char* words) {
-        return std::strncmp(text, words, std::strlen(words)) == 0;
-    };
-    const char* const number = std::strrchr(text, '(');
-    const bool isTold = begins("Connect failed") || begins("Failed to open");
-    const int error = isTold && number ? std::atoi(number + 1) : 0;
-    return error > 0 ? -error : result;
-}
-
-/// Queues a request; a null one could not be made. \returns 0 or a negative errno.
+/// Queues a request. Null means that libsmb2 had no memory for it. \returns 0 or a negative errno.
 int queue(smb2_context* context, smb2_pdu* request) {
     if (!request)
         return -ENOMEM;
@@ -233,7 +106,7 @@ smb2_query_info_request infoRequest(std::uint8_t type, std::uint8_t infoClass,
     return request;
 }
 
-/// To open what there is at `path`, for one request.
+/// A command that opens the file or directory at `path` for the other commands of a request.
 smb2_create_request opening(const char* path, std::uint32_t access, std::uint32_t options = 0) {
     smb2_create_request request = {};
     request.requested_oplock_level = SMB2_OPLOCK_LEVEL_NONE;
@@ -247,41 +120,6 @@ smb2_create_request opening(const char* path, std::uint32_t access, std::uint32_
 }
 
 } // namespace
-
-/// What comes of a request of one command or more.
-struct Smb2Session::Reply {
-    int unanswered = 1; ///< commands
-    int result = 0;     ///< of the first that failed, a negative errno; else 0 or a count
-    int renewals = 0;   ///< how many requests after the first have a deadline of their own
-    void* data = nullptr;
-
-    bool isComplete() const {
-        return unanswered == 0;
-    }
-    void answer(int status, void* replyData = nullptr) {
-        if (result == 0)
-            result = status;
-        data = replyData;
-        --unanswered;
-    }
-
-    /// For requests whose status libsmb2 translates.
-    static void take(smb2_context*, int status, void* data, void* reply) {
-        static_cast<Reply*>(reply)->answer(status, data);
-    }
-    /// For connecting, where libsmb2 has the sign of some failures wrong, and -1 for an answer that
-    /// it cannot read.
-    static void takeConnection(smb2_context*, int status, void*, void* reply) {
-        static_cast<Reply*>(reply)->answer(status == -1 ? -ECONNRESET : -std::abs(status));
-    }
-    /// For commands whose status is the server's.
-    static void takeStatus(smb2_context*, int status, void*, void* reply) {
-        static_cast<Reply*>(reply)->answer(-nterror_to_errno(status));
-    }
-    /// For a command that asks for an `Info`, for the `Attributes` of a Query.
-    template <class Info, class Attributes>
-    static void takeInfo(smb2_context* context, int status, void* data, void* reply);
-};
 
 template <class Attributes>
 struct Smb2Session::Query : Reply {
@@ -299,46 +137,24 @@ void Smb2Session::Reply::takeInfo(smb2_context* context, int status, void* data,
         if (info)
             fill(query->attributes, *static_cast<const Info*>(info));
         else
-            result = -EBADMSG; // a success that tells nothing
+            result = -EBADMSG; // a success without the record
         smb2_free_data(context, info);
     }
     query->answer(result);
 }
 
-/// The beginning of a connection: libsmb2 looks the name of the server up before it returns, which
-/// takes as long as the resolver likes.
-struct Smb2Session::Attempt {
-    std::string server;
-    std::string share;
-    Reply reply;
-    std::unique_ptr<smb2_context, ContextDeleter> context; // goes first, and writes the reply
-    std::atomic<int> result = 0;                           // set when all before it is
-    QSemaphore hasBegun;
-
-    void begin() {
-        // No user: it is set. Were it set again, a password from libsmb2's own file would replace
-        // ours.
-        const int refused = smb2_connect_share_async(context.get(), server.c_str(), share.c_str(),
-                                                     nullptr, Reply::takeConnection, &reply);
-        result = refused == 0 ? 0 : connectFailure(context.get(), refused);
-        hasBegun.release();
-    }
-
-    static void* run(void* shared) {
-        const std::unique_ptr<std::shared_ptr<Attempt>> attempt(
-            static_cast<std::shared_ptr<Attempt>*>(shared));
-        (*attempt)->begin();
-        return nullptr;
-    }
-};
-
 void Smb2Session::ContextDeleter::operator()(smb2_context* context) const {
-    destroyContext(context);
+    libsmb2::destroyContext(context);
 }
 
 Smb2Session::Smb2Session(unsigned int timeout) : m_timeout(timeout), m_lastError(ENOTCONN) {}
 
 Smb2Session::~Smb2Session() = default;
+
+int Smb2Session::remainingMs(const QDeadlineTimer& deadline) {
+    return static_cast<int>(
+        std::min<qint64>(deadline.remainingTime(), std::numeric_limits<int>::max()));
+}
 
 QDeadlineTimer Smb2Session::deadline() const {
     return m_timeout == 0 ? QDeadlineTimer(QDeadlineTimer::Forever)
@@ -351,119 +167,6 @@ unsigned int Smb2Session::dialect() const {
 
 int Smb2Session::isProtected() const {
     return m_isProtected;
-}
-
-// --- Connecting ---------------------------------------------------------------------------------
-
-int Smb2Session::connect(const Login& login, const QDeadlineTimer& deadline) {
-    const auto attempt = std::make_shared<Attempt>();
-    attempt->server = login.server;
-    attempt->share = login.share;
-    attempt->context.reset(makeContext());
-    if (!attempt->context)
-        return -ENOMEM;
-    smb2_context* const context = attempt->context.get();
-    // Its own time-outs are not set: they come late, and some of its calls do not survive them.
-    smb2_fd_event_callbacks(context, socketMade, nullptr);
-    // Without this it wants Kerberos, where it was built with that.
-    constexpr int ntlmssp = 1;
-    smb2_set_authentication(context, ntlmssp);
-    smb2_set_user(context, login.user);
-    // For libsmb2 an empty password is one, and null is none: it then connects as nobody in
-    // particular.
-    smb2_set_password(context, login.password[0] ? login.password : nullptr);
-    smb2_set_domain(context, login.domain);
-    smb2_set_workstation(context, login.workstation);
-    smb2_set_security_mode(context, 0);
-    smb2_set_version(context, static_cast<smb2_negotiate_version>(login.version));
-
-    const int result = establish(attempt, deadline);
-    if (result < 0) {
-        fail(ENOTCONN);
-        return result;
-    }
-    m_dialect = smb2_get_dialect(context);
-    const int isSigned = HiddenFlag(smb2_set_sign).of(context);
-    const int isSealed = HiddenFlag(smb2_set_seal).of(context);
-    m_isProtected = std::min(isSigned, isSealed) < 0 ? -ENOTSUP : isSigned | isSealed;
-    return 0;
-}
-
-int Smb2Session::establish(const std::shared_ptr<Attempt>& attempt,
-                           const QDeadlineTimer& deadline) {
-    const int refused = begin(attempt, deadline);
-    if (refused != 0)
-        return refused;
-    m_context = std::move(attempt->context);
-    const int failed = reach(deadline);
-    if (failed != 0)
-        return failed;
-    const int result = await(attempt->reply, deadline);
-    return m_context || result < 0 ? result : -m_lastError;
-}
-
-/// A name is looked up on a thread that nobody has to wait for.
-int Smb2Session::begin(const std::shared_ptr<Attempt>& attempt, const QDeadlineTimer& deadline) {
-    if (isAddress(attempt->server.c_str())) {
-        attempt->begin();
-        return attempt->result;
-    }
-    auto shared = std::make_unique<std::shared_ptr<Attempt>>(attempt);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    // The program's signals are for its own threads.
-    sigset_t all;
-    sigset_t mask;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &mask);
-    pthread_t thread;
-    const int error = pthread_create(&thread, &attributes, &Attempt::run, shared.get());
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-    pthread_attr_destroy(&attributes);
-    if (error != 0)
-        return -error;
-    static_cast<void>(shared.release()); // the thread's
-    if (!attempt->hasBegun.tryAcquire(1, remaining(deadline)))
-        return -ETIMEDOUT;
-    return attempt->result;
-}
-
-/// Waits until the server has taken the connection, at one of its addresses. They are tried one
-/// after another: of several attempts at a time libsmb2 may close the wrong socket. One that does
-/// not answer gets an eighth of the time that is left, as long as there are others: each is on
-/// libsmb2's list three times, once for each type of socket, so that a sole one is tried anew
-/// twice.
-int Smb2Session::reach(const QDeadlineTimer& deadline) {
-    smb2_context* const context = m_context.get();
-    const auto isConnecting = [context] { return (smb2_which_events(context) & POLLIN) == 0; };
-    while (isConnecting()) {
-        size_t count = 0;
-        int untilNext = -1;
-        struct pollfd poller = {*smb2_get_fds(context, &count, &untilNext), POLLOUT, 0};
-        const bool isLast = untilNext < 0;
-        QDeadlineTimer share = deadline;
-        if (!isLast && !deadline.isForever())
-            share.setRemainingTime(deadline.remainingTime() / 8);
-
-        int ready = 0;
-        do
-            ready = poll(&poller, 1, remaining(share));
-        while (ready < 0 && errno == EINTR);
-        if (ready < 0)
-            return -errno;
-        int error = ETIMEDOUT;
-        socklen_t size = sizeof error;
-        if (ready > 0)
-            getsockopt(poller.fd, SOL_SOCKET, SO_ERROR, &error, &size);
-        if (isLast && error != 0)
-            return -error;
-        // For libsmb2 POLLERR is to close this socket, and to try the next address.
-        const int failed = smb2_service_fd(context, poller.fd, error == 0 ? POLLOUT : POLLERR);
-        if (failed != 0)
-            return -error;
-    }
-    return 0;
 }
 
 int Smb2Session::disconnect(const QDeadlineTimer& deadline) {
@@ -489,9 +192,9 @@ int Smb2Session::echo() {
 
 // --- Paths --------------------------------------------------------------------------------------
 
-/// One request: opens something, does what the commands say that `makeCommand` makes, if any, and
-/// closes it. libsmb2's own calls of this kind trust a success to tell what was asked, and report
-/// the failure of the last command in place of the first.
+/// Sends one compound request: the command `open`, the commands that `makeCommand` makes, and a
+/// close. libsmb2's own calls of this kind do not check what a successful answer contains, and
+/// return the failure of the last command instead of the first.
 template <class... MakeCommand>
 int Smb2Session::whileOpen(Reply& reply, smb2_create_request open, MakeCommand... makeCommand) {
     smb2_close_request close = {};
@@ -565,9 +268,9 @@ int Smb2Session::unlink(const char* path) {
     return remove(path, SMB2_FILE_NON_DIRECTORY_FILE);
 }
 
-/// libsmb2's own two calls remove a file and a directory alike, and do not notice when the server
-/// keeps a directory that is not empty: they ask for its removal with the last handle, after whose
-/// closing nobody tells. Asked for by name, it is granted or refused at once.
+/// Deletes a file or a directory, by setting its disposition, which the server grants or refuses in
+/// its answer. libsmb2's own calls use "delete on close" instead: they delete files and directories
+/// alike, and succeed for a directory that the server keeps because it is not empty.
 int Smb2Session::remove(const char* path, std::uint32_t options) {
     smb2_file_disposition_info disposition = {};
     disposition.delete_pending = 1;
@@ -592,7 +295,7 @@ int Smb2Session::readlink(const char* path, std::string& target) {
     struct Link : Reply {
         std::string target;
 
-        // The text is there during the callback only.
+        // The string is valid during the callback only.
         static void take(smb2_context*, int status, void* text, void* reply) {
             auto* const link = static_cast<Link*>(static_cast<Reply*>(reply));
             if (status == 0 && text)
@@ -600,8 +303,8 @@ int Smb2Session::readlink(const char* path, std::string& target) {
             link->answer(status);
         }
     };
-    // libsmb2 loses some memory when it cannot send this one.
-    if (!isStillThere())
+    // libsmb2 leaks memory when it cannot send this request.
+    if (!checkConnection())
         return -m_lastError;
     Link link;
     const int result = request(link, deadline(), [&](smb2_context* context, Reply* reply) {
@@ -609,7 +312,8 @@ int Smb2Session::readlink(const char* path, std::string& target) {
     });
     if (result < 0)
         return result;
-    // What libsmb2 calls a target that it cannot read; no server allows such a name.
+    // The second string is libsmb2's for a kind of link that it does not know. It is not a valid
+    // name.
     if (link.target.empty() || link.target == "<unknown reparse point type>")
         return -EINVAL;
     target = std::move(link.target);
@@ -634,8 +338,8 @@ int Smb2Session::close(smb2fh* file) {
     });
 }
 
-/// A request that moves up to `count` bytes, of which there are some: libsmb2 takes a count of 0
-/// for a very large one.
+/// Sends a request that transfers up to `count` bytes. A count of 0 sends none: libsmb2 would take
+/// it for a very large one.
 template <class Submit>
 int Smb2Session::transfer(std::uint32_t count, Submit submit) {
     if (!m_context)
@@ -646,7 +350,7 @@ int Smb2Session::transfer(std::uint32_t count, Submit submit) {
     const int moved = request(submit);
     const bool isErrno = moved < 0 && moved >= -largestErrno;
     if (!isErrno && static_cast<std::uint32_t>(moved) > count)
-        return fail(ECONNRESET); // no answer to what was asked
+        return fail(ECONNRESET); // not an answer to this request
     return moved;
 }
 
@@ -666,7 +370,7 @@ int Smb2Session::write(smb2fh* file, const void* buf, std::uint32_t count) {
     });
 }
 
-/// Keeps the handle's offset, which libsmb2 moves with every transfer.
+/// Transfers at `offset` and restores the handle's offset, which libsmb2 moves with every transfer.
 template <class Transfer>
 int Smb2Session::atOffset(smb2fh* file, std::int64_t offset, Transfer transfer) {
     if (offset < 0)
@@ -703,7 +407,7 @@ std::int64_t Smb2Session::offsetOf(smb2fh* file) const {
     return m_context ? smb2_lseek(m_context.get(), file, 0, SEEK_CUR, nullptr) : -m_lastError;
 }
 
-/// Not libsmb2's own call, which does not survive the end of the connection.
+/// libsmb2's own call crashes when the connection ends.
 int Smb2Session::fstat(smb2fh* file, smb2_stat_64& st) {
     Query<smb2_stat_64> reply(st);
     return request(reply, deadline(), [&](smb2_context* context, Reply* to) {
@@ -731,7 +435,7 @@ int Smb2Session::fsync(smb2fh* file) {
 
 int Smb2Session::opendir(const char* path, smb2dir*& dir) {
     Reply opened;
-    opened.renewals = 10'000; // more than any listing has: one without an end has an end
+    opened.renewals = 10'000; // more requests than any listing needs, but an end to an endless one
     const int result = request(opened, deadline(), [&](smb2_context* context, Reply* reply) {
         return smb2_opendir_async(context, path, Reply::take, reply);
     });
@@ -764,13 +468,13 @@ int Smb2Session::request(Reply& reply, const QDeadlineTimer& deadline, Submit su
     const int refused = submit(m_context.get(), &reply);
     if (refused != 0)
         return refused == -1 ? -ENOMEM : refused;
-    // Nearly every request fits into the socket's buffer: poll(2) need not be asked first.
+    // Nearly every request fits into the socket's buffer, so write without poll(2) first.
     const int loss = service(POLLOUT);
     return loss == 0 ? await(reply, deadline) : fail(loss);
 }
 
-/// Whether there is a connection. Notices a server that has ended it since the last call.
-bool Smb2Session::isStillThere() {
+/// Reads what has arrived since the last call. \returns whether there still is a connection.
+bool Smb2Session::checkConnection() {
     if (!m_context)
         return false;
     struct pollfd poller = {smb2_get_fd(m_context.get()), POLLIN, 0};
@@ -782,21 +486,21 @@ bool Smb2Session::isStillThere() {
     return m_context != nullptr;
 }
 
-/// Serves the connection until `reply` is complete. \returns its result. When the deadline passes
-/// or the connection fails, the session has lost it.
+/// Reads and writes until `reply` is complete. \returns its result. After the deadline (ETIMEDOUT)
+/// or a failure of the connection, the session has no connection any more.
 int Smb2Session::await(Reply& reply, QDeadlineTimer deadline) {
     smb2_context* const context = m_context.get();
     bool hadRequest = true;
     while (!reply.isComplete()) {
         const auto events = static_cast<short>(smb2_which_events(context));
-        // Of several requests libsmb2 queues the next one when it has all of the answer before it.
+        // libsmb2 queues a follow-up request after it has received the previous answer.
         const bool hasRequest = (events & POLLOUT) != 0;
         if (hasRequest && !hadRequest && reply.renewals > 0) {
             deadline = this->deadline();
             --reply.renewals;
         }
         hadRequest = hasRequest;
-        const int limit = remaining(deadline);
+        const int limit = remainingMs(deadline);
         if (limit == 0)
             return fail(ETIMEDOUT);
         struct pollfd poller = {smb2_get_fd(context), events, 0};
@@ -805,7 +509,7 @@ int Smb2Session::await(Reply& reply, QDeadlineTimer deadline) {
             return fail(errno);
         const int loss = ready > 0 ? serve(poller) : 0;
         if (loss != 0) {
-            // The answer may be the last that came.
+            // The answer may have arrived before the connection ended.
             const int result = reply.isComplete() ? reply.result : -loss;
             fail(loss);
             return result;
@@ -814,11 +518,13 @@ int Smb2Session::await(Reply& reply, QDeadlineTimer deadline) {
     return reply.result;
 }
 
-/// Does what poll(2) says can be done. \returns 0, or why the connection has ended.
+/// Reads or writes, by the result of poll(2). \returns 0, or the errno with which the connection
+/// ended.
 int Smb2Session::serve(const struct pollfd& poller) {
     if (!(poller.revents & (POLLERR | POLLHUP | POLLNVAL)))
         return service(poller.revents);
-    // What had come before is still to be read, and behind it why nothing more comes.
+    // Data received before the connection closed is read first. The read after it returns the
+    // error.
     if (poller.revents & POLLIN)
         return service(POLLIN);
     int error = 0;
@@ -827,7 +533,7 @@ int Smb2Session::serve(const struct pollfd& poller) {
     return lossOf(error);
 }
 
-/// \returns 0, or why the connection has ended.
+/// \returns 0, or the errno with which the connection ended.
 int Smb2Session::service(int events) {
     smb2_context* const context = m_context.get();
     const t_socket socket = smb2_get_fd(context);
@@ -842,7 +548,7 @@ int Smb2Session::service(int events) {
     return lossOf(error);
 }
 
-/// Ends the connection; from here on there is none, for that reason. \returns -reason.
+/// Ends the connection. Later calls fail with `reason`. \returns -reason.
 int Smb2Session::fail(int reason) {
     m_lastError = reason;
     m_context.reset();

@@ -1,13 +1,12 @@
 // One connection to an SMB2/3 share, with synchronous calls on it.
 //
-// What libsmb2's own synchronous calls would be if they told why they failed: each call here
-// returns 0 or a count, or the negative errno of what happened, within the session's time-out. It
-// sends one request (where a call needs more, it says so) and waits for the answer to it, whatever
-// signals arrive meanwhile.
+// Each call sends one request, except where it says otherwise, and waits for the answer until the
+// session's time-out, also when signals arrive. It returns 0 or a count, or the negative errno of
+// the failure. It is built on libsmb2's asynchronous calls, as its synchronous ones do not return
+// the errno.
 //
-// A connection that breaks, and one on which an answer did not come in time, is not usable any
-// more: libsmb2's context is destroyed then and there, with the socket and every handle that it
-// gave out, and each further call returns what ended it, without a request.
+// After a failure of the connection or a time-out, the session destroys libsmb2's context, with the
+// socket and every handle. Later calls fail with the same errno, without a request.
 //
 // Threads: callers serialise the calls on one session. Sessions are independent of each other.
 #pragma once
@@ -32,56 +31,57 @@ namespace oru::io {
 
 class Smb2Session {
 public:
-    /// Where to connect to, and as whom. An empty text is none.
+    /// Where to connect to, and as which user. An empty string leaves a field out.
     struct Login {
-        const char* server; ///< a name or an address, and a colon and the port unless that is 445
+        const char* server; ///< a name or an address, with ":PORT" unless the port is 445
         const char* share;
         const char* user;
         const char* password;
         const char* domain;
         const char* workstation;
-        unsigned int version; ///< a dialect as libsmb2 numbers them, 0 for any
+        unsigned int version; ///< libsmb2's number of a dialect; 0 for any
     };
 
-    /// Not connected: every call but connect() returns -ENOTCONN. `timeout` is in seconds, per
-    /// call, of opendir() per request; 0 is none.
+    /// Not connected: every call but connect() returns -ENOTCONN. `timeout` is in seconds, for each
+    /// call, and for each request of opendir(); 0 is no limit.
     explicit Smb2Session(unsigned int timeout);
-    /// Drops the connection, without a request.
+    /// Closes the connection, without a request.
     ~Smb2Session();
 
-    /// Connects, once in the life of a session. \returns -EIO or -EAGAIN when the server's name
-    /// cannot be resolved, -ECONNREFUSED also when the server refuses the user or the password,
-    /// -ENOENT when it has no such share. `deadline`: the time-out of this call.
+    /// Connects, until `deadline`. Call it once. \returns 0 or a negative errno, among them:
+    ///  - EIO, EAGAIN: the server's name cannot be resolved
+    ///  - ECONNREFUSED: no server listens there, or it refuses the user or the password
+    ///  - ENOENT: the server has no such share
     int connect(const Login& login, const QDeadlineTimer& deadline);
-    /// Leaves the share and ends the connection: two requests. When the server refuses the first,
-    /// the session stays connected. `deadline`: the time-out of this call.
+    /// Disconnects from the share and logs off, until `deadline`: two requests. When the server
+    /// refuses the first, the session stays connected.
     int disconnect(const QDeadlineTimer& deadline);
-    /// When a call that begins now has to be done.
+    /// The deadline of a call that begins now.
     QDeadlineTimer deadline() const;
-    /// Asks the server for a sign of life.
+    /// Sends an echo request.
     int echo();
 
-    /// The dialect that the server agreed to, as libsmb2 numbers them; 0 before connect().
+    /// libsmb2's number of the negotiated dialect; 0 before connect().
     unsigned int dialect() const;
-    /// Whether the session signs or encrypts its messages: 1 or 0; -ENOTSUP when this libsmb2 does
-    /// not let one see.
+    /// Whether the session signs or encrypts its messages: 1 or 0; -ENOTSUP when that cannot be
+    /// found out with this libsmb2.
     int isProtected() const;
 
     int stat(const char* path, smb2_stat_64& st);
     int statvfs(const char* path, struct smb2_statvfs& st);
     int mkdir(const char* path);
-    /// Of directories only, as unlink() is of anything else.
+    /// Deletes directories only. unlink() deletes everything else.
     int rmdir(const char* path);
     int unlink(const char* path);
     int rename(const char* from, const char* to);
     int truncate(const char* path, std::uint64_t length);
-    /// \returns -EINVAL also for a link of a kind that has no target text.
+    /// \returns -EINVAL also for a kind of link that has no target.
     int readlink(const char* path, std::string& target);
 
     int open(const char* path, int flags, smb2fh*& file);
-    /// Closes the handle, whatever the result.
+    /// Closes the handle, also when it fails.
     int close(smb2fh* file);
-    /// At the handle's offset, which moves on.
+    /// At the handle's offset, which moves.
     int read(smb2fh* file, void* buf, std::uint32_t count);
     int write(smb2fh* file, const void* buf, std::uint32_t count);
     /// The handle's offset stays.
@@ -93,9 +93,9 @@ public:
     int ftruncate(smb2fh* file, std::uint64_t length);
     int fsync(smb2fh* file);
 
-    /// Reads the whole directory: as many requests as that takes, each within the time-out.
+    /// Reads the whole directory, with as many requests as needed, each within the time-out.
     int opendir(const char* path, smb2dir*& dir);
-    /// From what opendir() has read. Null at the end, and when the connection is gone.
+    /// The next entry that opendir() has read. Null at the end and without a connection.
     const smb2dirent* readdir(smb2dir* dir);
     void closedir(smb2dir* dir);
 
@@ -130,7 +130,9 @@ private:
     int atOffset(smb2fh* file, std::int64_t offset, Transfer transfer);
     std::int64_t offsetOf(smb2fh* file) const;
 
-    bool isStillThere();
+    static int remainingMs(const QDeadlineTimer& deadline);
+
+    bool checkConnection();
     int await(Reply& reply, QDeadlineTimer deadline);
     int serve(const struct pollfd& poller);
     int service(int events);
@@ -138,7 +140,7 @@ private:
 
     const unsigned int m_timeout;
     std::unique_ptr<smb2_context, ContextDeleter> m_context; // null when there is no connection
-    int m_lastError;                                         // the errno that says why
+    int m_lastError; // then the errno that each call returns
     unsigned int m_dialect = 0;
     int m_isProtected = 0;
 };

@@ -1,0 +1,24 @@
+// What the library must know of the inside of libsmb2, as its interface does not offer it.
+#pragma once
+
+struct smb2_context;
+
+namespace oru::io::libsmb2 {
+
+/// smb2_init_context(3) and smb2_destroy_context(3). libsmb2 keeps a list of all contexts without a
+/// lock, so these two take one. Any thread may call them.
+smb2_context* makeContext();
+void destroyContext(smb2_context* context);
+
+/// Whether the session of `context` signs or encrypts its messages. libsmb2 has functions that set
+/// these two flags and none that read them. \returns 1 or 0, or -ENOTSUP when the flag was not
+/// found in this version of libsmb2.
+int isSigned(const smb2_context* context);
+int isSealed(const smb2_context* context);
+
+/// Why smb2_connect_share_async(3), which has returned `result`, could not try any address. The
+/// socket is closed by then, so only libsmb2's message contains the errno. \returns a negative
+/// errno; `result` when the message contains none.
+int connectError(smb2_context* context, int result);
+
+} // namespace oru::io::libsmb2
