@@ -28,7 +28,7 @@ int notFound() {
     return -1;
 }
 
-/// What disable() says of a location that is mounted.
+/// disable() of a location that is mounted: logs and \returns -1.
 int refuseToDisable(const char* name) {
     ORUIO_LOG(LogFailure, "%s: disable of mounted media fails\n", name);
     return -1;
@@ -41,7 +41,7 @@ int refuseToDisable(const char* name) {
 StorageLocation::StorageLocation(const char* name, FS::SPtr fs, Properties* props)
     : m_name(strdup(name ? name : "")), m_fs(std::move(fs)),
       m_props(props ? *props : Properties()) {
-    // For connections across threads, and for QSignalSpy.
+    // For queued connections and QSignalSpy.
     qRegisterMetaType<StorageLocation*>();
     qRegisterMetaType<StorageLocation*>("StorageLocation*");
     qRegisterMetaType<AccessType>();
@@ -122,7 +122,7 @@ namespace {
 const QString mountPointKey = QStringLiteral("mountPoint");
 const QString readonlyKey = QStringLiteral("readonly");
 
-/// The type of partitions that hold what starts a computer, in a GUID partition table.
+/// The GUID partition type of EFI system partitions.
 constexpr char efiSystemPartition[] = "c12a7328-f81f-11d2-ba4b-00a0c93ec93b";
 
 bool isWholeDisk(const BlockDevice& device) {
@@ -134,7 +134,7 @@ bool isWholeDisk(const BlockDevice& device) {
 SystemLocation::SystemLocation(const char* name, FS::SPtr fs, Properties* props)
     : StorageLocation(name, std::move(fs), props),
       m_blkDevId(m_props.value(QStringLiteral("blkDevId")).toString()) {
-    // For slots that are invoked by name.
+    // For slots invoked by name.
     qRegisterMetaType<BlockDevice::SPtr>("BlockDevice::SPtr");
 }
 
@@ -166,7 +166,7 @@ int SystemLocation::mkWriteable() {
         return 0;
     if (m_blkDevWhole && m_blkDevWhole->m_writeProtected) {
         ORUIO_LOG(LogFailure, "%s: is write protected; cannot make writable\n", m_name);
-        return notImplemented(); // what programs know write protection by
+        return notImplemented(); // programs recognise write protection by this
     }
     Properties opts;
     if (!selectedPart() || !mountOptions(opts, nullptr, false))
@@ -332,47 +332,42 @@ void SystemLocation::removeBlockDevice(BlockDevice::SPtr spbd) {
 
 namespace {
 
-/// What a share's file system can do beside the operations of every other. It is found at each
-/// call: a location may have any file system.
-class Connection {
-public:
-    explicit Connection(const FS::SPtr& fs)
-        : m_smb(dynamic_cast<Smb2FS*>(fs.data())), m_nfs(dynamic_cast<NFS*>(fs.data())) {}
+/// Calls `operation` with the file system as the class that can connect. \returns its result, or
+/// `otherwise` when the file system is of no such class. A new kind of share needs one more line
+/// here.
+template <class Result, class Operation>
+Result withConnectable(const FS::SPtr& fs, Result otherwise, Operation operation) {
+    if (auto* const share = dynamic_cast<Smb2FS*>(fs.data()))
+        return operation(*share);
+    if (auto* const nfs = dynamic_cast<NFS*>(fs.data()))
+        return operation(*nfs);
+    return otherwise;
+}
 
-    bool exists() const {
-        return m_smb || m_nfs;
-    }
-    /// Its paths are put behind the mount point as they are, so they need a slash to lie within it.
-    bool isLocalDirectory() const {
-        return m_nfs != nullptr;
-    }
-    int connect(const Properties& props) const {
-        return m_smb ? m_smb->connect(props) : m_nfs ? m_nfs->connect(props) : -1;
-    }
-    int disconnect() const {
-        return m_smb ? m_smb->disconnect() : m_nfs ? m_nfs->disconnect() : 0;
-    }
-    bool isConnected() const {
-        return m_smb ? m_smb->isConnected() : m_nfs && m_nfs->isConnected();
-    }
+int connectShare(const FS::SPtr& fs, const Properties& props) {
+    return withConnectable(fs, -1, [&](auto& share) { return share.connect(props); });
+}
 
-private:
-    Smb2FS* const m_smb;
-    NFS* const m_nfs;
-};
+int disconnectShare(const FS::SPtr& fs) {
+    return withConnectable(fs, 0, [](auto& share) { return share.disconnect(); });
+}
 
-/// The file by which a share is tried: several devices may try one share at a time.
+bool isShareConnected(const FS::SPtr& fs, bool otherwise) {
+    return withConnectable(fs, otherwise, [](auto& share) { return share.isConnected(); });
+}
+
+/// The name of the file that probe() creates. Several devices may probe one share at a time.
 QString markerName() {
     const char* const serial = std::getenv("SERIAL_NUMBER");
     return QStringLiteral("ORU-write-check-") + QString::fromUtf8(serial ? serial : "unknown");
 }
 
-/// Whether a file can be made. It is removed again.
-bool isWritable(FS& fs, const QString& marker) {
-    fs.unlink(marker); // of an earlier time
-    const bool isMade = !fs.open(marker, O_RDWR | O_CREAT, 0666).isNull();
+/// Creates a file and removes it. \returns whether it could be created.
+bool tryToWrite(FS& fs, const QString& marker) {
+    fs.unlink(marker); // of an earlier probe
+    const bool isCreated = !fs.open(marker, O_RDWR | O_CREAT, 0666).isNull();
     fs.unlink(marker);
-    return isMade;
+    return isCreated;
 }
 
 } // namespace
@@ -395,33 +390,33 @@ int RemoteLocation::check() {
 }
 
 int RemoteLocation::mount(Properties* props) {
-    const int result = Connection(m_fs).connect(props ? *props : m_props);
+    const int result = connectShare(m_fs, props ? *props : m_props);
     accessChange(result == 0 ? Write : None);
     return result;
 }
 
 int RemoteLocation::umount(Properties*) {
-    const int result = Connection(m_fs).disconnect();
+    const int result = disconnectShare(m_fs);
     if (result == 0)
         accessChange(None);
     return result;
 }
 
 int RemoteLocation::probe(bool* writable, QString* subdir, bool noConnect) {
-    const Connection connection(m_fs);
     int result = 0;
-    if (!noConnect && !connection.isConnected())
-        result = connection.connect(m_props);
-    // Also a positive one: the status of the program that should have mounted an export.
+    if (!noConnect && !isShareConnected(m_fs, false))
+        result = connectShare(m_fs, m_props);
+    // Also after a positive result: the exit status of the program that should mount an export.
     if (result != 0) {
-        connection.disconnect();
+        disconnectShare(m_fs);
         return result;
     }
     if (writable && m_fs) {
         QString marker = subdir ? *subdir + '/' + markerName() : markerName();
-        if (connection.isLocalDirectory())
+        // A local directory appends the path to its root as it is, so it needs a slash.
+        if (m_fs.dynamicCast<PosixFS>())
             marker.prepend('/');
-        *writable = isWritable(*m_fs, marker);
+        *writable = tryToWrite(*m_fs, marker);
     }
     return result;
 }
@@ -431,8 +426,7 @@ void RemoteLocation::setProperties(Properties& props) {
 }
 
 bool RemoteLocation::ping() {
-    const Connection connection(m_fs);
-    return !connection.exists() || connection.isConnected();
+    return isShareConnected(m_fs, true);
 }
 
 } // namespace oru::io

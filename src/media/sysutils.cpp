@@ -29,30 +29,29 @@ namespace {
 const QString fl_sysCmdPath = QStringLiteral("/usr/local/bin/oruio_sysutils");
 constexpr int startLimitMs = 5000;
 
-/// The most of a stream that is kept for the log, which has room for much less.
+/// How much of an output stream is kept for the log.
 constexpr int longestOutput = 1 << 20;
 
-/// Whether this process is told how its children end. If not, QProcess takes every end for a
-/// success.
-bool childrenAreReported() {
+/// Whether this process can wait for its children. If not, QProcess takes each exit for a success.
+bool canWaitForChildren() {
     struct sigaction action = {};
     sigaction(SIGCHLD, nullptr, &action);
     return action.sa_handler != SIG_IGN && !(action.sa_flags & SA_NOCLDWAIT);
 }
 
-/// Whether all of them reach a program as they are.
-bool canCross(const QStringList& arguments) {
+/// Checks that QProcess passes all arguments to a program unchanged.
+bool checkArguments(const QStringList& arguments) {
     return std::all_of(arguments.begin(), arguments.end(), checkQtEncoding);
 }
 
-/// Has a program that this process becomes get none of its descriptors but the standard ones. Only
-/// makes system calls, as it must between fork(2) and exec(3).
-void withholdDescriptors() {
+/// Marks every descriptor above stderr close-on-exec. Runs between fork(2) and exec(3), so it makes
+/// system calls only.
+void closeDescriptorsOnExec() {
     constexpr unsigned int closeRangeCloexec = 4; // CLOSE_RANGE_CLOEXEC
     if (syscall(SYS_close_range, 3U, ~0U, closeRangeCloexec) == 0)
         return;
-    // Before 5.11. There may be some above the limit, if that was lowered, and up to it there may
-    // be a billion.
+    // Before Linux 5.11. Not a loop up to the limit: it may be a billion, and after it was lowered
+    // there may be descriptors above it.
     const int directory = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     alignas(struct dirent64) char entries[1024];
     long size = 0;
@@ -69,19 +68,20 @@ void withholdDescriptors() {
     }
 }
 
-/// The maintenance program, with nothing of this process but what it is told.
+/// A run of the maintenance program. It inherits the standard descriptors only, and no blocked
+/// signals.
 class Program : public QProcess {
 public:
     Program() {
         connect(this, &QProcess::readyReadStandardOutput, this, [this] { takeOutput(); });
         connect(this, &QProcess::readyReadStandardError, this, [this] { takeOutput(); });
     }
-    /// One that did not begin in time is ended by QProcess, which then may still read.
+    /// QProcess ends a program that did not start in time, and may read its output then.
     ~Program() override {
         disconnect();
     }
 
-    /// What it has written so far, as far as it is kept.
+    /// Reads the output so far, and keeps up to longestOutput of it.
     void takeOutput() {
         const auto keep = [](QByteArray& kept, const QByteArray& more) {
             kept.append(more.left(longestOutput - kept.size()));
@@ -94,17 +94,18 @@ public:
     QByteArray errors;
 
 protected:
-    // In the child, which may only make system calls here.
+    // Runs in the child, between fork(2) and exec(3).
     void setupChildProcess() override {
-        // An open file of one medium must not keep it busy while another is checked.
-        withholdDescriptors();
+        // A file that is open on one medium must not keep that busy while another is checked.
+        closeDescriptorsOnExec();
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
     }
 };
 
-/// Whether something is mounted on `path` now, for all that can be told. Leaves errno as it is.
+/// Whether something is mounted on `path` now. Also true when the table cannot be read. Keeps
+/// errno.
 bool isMounted(const char* path) {
     const ErrnoSaver saver;
     MountTable mounts;
@@ -116,7 +117,8 @@ bool isMounted(const char* path) {
     return mount != nullptr;
 }
 
-/// Unmounts what was mounted last on `path`, if need be by the means that `props` allows.
+/// Unmounts what was mounted last on `path`. When it is busy, forces it, and with "lazy" detaches
+/// it.
 int umountLast(const char* path, const char* device, const Properties* props) {
     const int result = ::umount(path);
     ORUIO_LOG(LogDebug, "umount '%s' (%s): %d", path, device, result);
@@ -146,14 +148,14 @@ int SysCmd::exec(int runs) {
     int status = -1;
     for (int run = 1; status != 0 && run <= runs; ++run) {
         Program process;
-        const bool canStart = canCross(m_args) && childrenAreReported();
+        const bool canStart = checkArguments(m_args) && canWaitForChildren();
         if (canStart)
             process.start(fl_sysCmdPath, m_args, QIODevice::ReadWrite);
         if (!canStart || !process.waitForStarted(startLimitMs)) {
             ORUIO_LOG(LogFailure, "Unable to exec SysCmd %s\n", command.constData());
             return -1;
         }
-        process.closeWriteChannel(); // nobody answers a program that asks
+        process.closeWriteChannel(); // a program that asks a question reads the end of the file
         const bool hasEnded = process.waitForFinished(-1);
         const bool hasExited = hasEnded && process.exitStatus() == QProcess::NormalExit;
         if (!hasExited || process.exitCode() != 0) {
@@ -184,8 +186,8 @@ int umountPath(const char* path, const Properties* props) {
     while (result == 0 && (mount = mounts.next())) {
         if (std::strcmp(mount->mountPoint, path) == 0)
             result = umountLast(path, mount->device, props);
-        // Somebody else may have been first, and one umount(2) of a shared mount takes several
-        // away.
+        // Another process may have unmounted it, and one umount(2) of a shared mount removes
+        // several lines.
         if (result != 0 && errno == EINVAL && !isMounted(path))
             return 0;
     }

@@ -16,8 +16,8 @@ namespace oru::io {
 
 namespace {
 
-/// Options that let no caller wait long for a server that is gone. connect() does not fall back to
-/// them: what is mounted how is for those to say who know the network.
+/// Options with which a server that does not answer blocks no caller for long. connect() does not
+/// use them: the caller knows the network and passes the options.
 [[maybe_unused]] constexpr char DEFAULT_MNT_OPTS[] =
     "nolock,soft,timeo=20,retrans=2,retry=0,vers=3,proto=udp";
 
