@@ -1,5 +1,13 @@
-// The descriptor adapter: any FS behind the familiar C interface of paths, integer descriptors and
-// directory handles.
+/// \file
+/// The descriptor adapter: any FS through `const char*` paths, integer descriptors and directory
+/// handles.
+///
+/// \code
+/// FDAdapter* io = FDAdapter::rootfs();
+/// const int fd = io->open("/media/card/clip.mov", O_WRONLY | O_CREAT | O_EXCL, 0644);
+/// if (fd == -1 || io->write(fd, "frame", 5) != 5 || io->close(fd) != 0)
+///     fprintf(stderr, "cannot record: %s\n", oru::io::strerror());
+/// \endcode
 #pragma once
 
 #include <oruio/fs.h>
@@ -14,24 +22,30 @@
 
 namespace oru::io {
 
-/// The table behind all adapters: descriptors to open files, handles to open directories.
+/// A table of open files by descriptor and of open directories by handle.
 ///
-/// Descriptors begin at the process's limit of system descriptors, as sysconf(_SC_OPEN_MAX) tells
-/// it when the table is made, so that they can never be mistaken for the system's own. The lowest
-/// free number is handed out, and a number is free again as soon as it is closed. When the limit is
-/// unknown (-1), no descriptor can be added.
+/// All adapters share one table, which is made when the library is loaded. Numbering:
 ///
-/// Threads: any thread may call any function. A file or directory that was found stays alive until
-/// its finder lets it go, also when it is removed meanwhile.
+/// - The first descriptor is the process's limit of system descriptors when the table is made:
+///   sysconf(_SC_OPEN_MAX). So no descriptor of the table is one of the system.
+/// - This no longer holds after the limit has been raised (setrlimit(2)): the two ranges overlap.
+/// - add() assigns the lowest free number. A number is free again as soon as it is removed.
+/// - When the limit is unknown (-1), no descriptor can be added.
+///
+/// Threads: any thread may call any function. A file or directory that get() or getdir() returned
+/// stays alive until the caller releases it, even if it is removed from the table before.
 class ORUIO_EXPORT FDMap {
 public:
     FDMap();
     ~FDMap();
 
-    /// A new descriptor for `file`. \returns -1 when `file` is null, when the limit was unknown,
-    /// and, with errno EMFILE, when the numbers are used up.
+    /// Adds `file` under a new descriptor.
+    ///
+    /// \returns the descriptor, or -1:
+    /// - errno EMFILE: no number is free;
+    /// - `file` is null or the limit was unknown: errno and liberrno stay.
     int add(QSharedPointer<File>& file);
-    /// The open file, or null. Sets liberrno to 0 or NotFound.
+    /// Returns the open file, or null. Sets liberrno to Ok or NotFound.
     QSharedPointer<File> get(int fd);
 
     /// An open file, held for the length of a call.
@@ -40,16 +54,22 @@ public:
     /// does, which counts twice.
     Hold hold(int fd);
 
-    /// Forgets the descriptor, then closes its file. \returns the result of File::close(), or -1
-    /// when there is no such descriptor. Sets liberrno to 0 or NotFound before it closes.
+    /// Removes the descriptor, then closes its file.
+    ///
+    /// Sets liberrno to Ok or NotFound before it closes the file.
+    ///
+    /// \returns the result of File::close(), or -1 for an unknown descriptor.
     int remove(int fd);
 
-    /// The handle for `dir`, which is its address; null for null. Adding it again changes nothing.
+    /// Adds `dir`. Adding it again has no effect.
+    ///
+    /// \returns the handle, which is the address of the directory; null for null.
     void* add(QSharedPointer<Directory>& dir);
-    /// The open directory, or null. Leaves liberrno alone.
+    /// Returns the open directory, or null. Does not change liberrno.
     QSharedPointer<Directory> getdir(void* handle);
-    /// Forgets the handle; the directory closes when its last holder lets it go. \returns 0, also
-    /// for an unknown handle, or -1 for a null one.
+    /// Removes the handle. The directory closes when the last reference to it is released.
+    ///
+    /// \returns 0, also for an unknown handle; -1 for null.
     int remove(void* handle);
 
 private:
@@ -62,28 +82,32 @@ private:
     std::mutex m_dirMutex;  // guards m_dirs
     QMap<int, Hold> m_files;
     QMap<void*, QSharedPointer<Directory>> m_dirs;
-    // The numbers below m_next that are not in m_files, the lowest on top.
+    // The numbers below m_next that are not in m_files. The lowest is on top.
     std::priority_queue<int, std::vector<int>, std::greater<int>> m_freed;
-    int m_next; // every number from here on is free
+    int m_next; // this number and all above it are free
 };
 
 /// The operations of an FS with `const char*` paths, integer descriptors and directory handles.
 ///
-/// Each operation does what the POSIX call of its name does, on the FS given to the constructor,
-/// and returns its result. All adapters share one process-wide FDMap: a descriptor opened through
-/// one adapter can be used and closed through any other.
+/// Each operation calls the operation of its name on the FS given to the constructor and returns
+/// its result. All adapters of the process share one FDMap: a descriptor opened through one adapter
+/// can be used and closed through another.
 ///
-/// A path, name, target or record pointer that is null is refused with -1 (null from opendir) and
-/// errno EFAULT; a text that is not valid UTF-8, with errno EILSEQ; one of more than 1 MiB, with
-/// errno ENAMETOOLONG; all set liberrno to 0. An unknown descriptor gives -1 with liberrno
-/// NotFound, and errno stays as it was.
+/// The adapter itself fails with -1, or null from opendir():
+///
+/// - errno EFAULT: a path, name, target or record pointer is null.
+/// - errno EILSEQ: a string is not valid UTF-8.
+/// - errno ENAMETOOLONG: a string is longer than 1 MiB.
+/// - liberrno NotFound: unknown descriptor; errno stays.
+///
+/// The failures with an errno set liberrno to Ok.
 ///
 /// Threads: any thread may call any operation, as far as the FS allows it.
 class ORUIO_EXPORT FDAdapter {
 public:
     using SPtr = QSharedPointer<FDAdapter>;
 
-    /// Serves `fs`; for a null one, an empty FSSwitch, where nothing is found.
+    /// Makes an adapter for `fs`. Null stands for an empty FSSwitch, where no path is found.
     explicit FDAdapter(QSharedPointer<FS> fs);
 
     /// lstat(2).
@@ -121,19 +145,26 @@ public:
     virtual int truncate(const char* path, long long length);
     /// chmod(2).
     virtual int chmod(const char* path, int mode);
-    /// opendir(3). \returns a handle for readdir(), or null when the FS gave no directory. Over
-    /// the local backend a directory that cannot be opened gives a handle with no entries, and
-    /// errno tells why.
+    /// opendir(3).
+    ///
+    /// \returns a handle for readdir(), or null when the FS returned no directory. When PosixFS
+    /// cannot open the directory, the handle has no entries and errno holds the reason.
     virtual void* opendir(const char* path);
-    /// readdir(3). \returns null at the end, on failure, and for an unknown handle.
+    /// readdir(3).
+    ///
+    /// \returns null at the end, on failure, and for an unknown handle.
     virtual struct dirent* readdir(void* handle);
     /// rewinddir(3). Does nothing for an unknown handle.
     virtual void rewinddir(void* handle);
-    /// closedir(3). \returns 0, also for an unknown handle; -1 for a null one.
+    /// closedir(3). The result of Directory::closedir() is not reported.
+    ///
+    /// \returns 0, also for an unknown handle; -1 for null.
     virtual int closedir(void* handle);
-    /// open(2). \returns the lowest free descriptor of the table, or -1.
+    /// open(2). Sets liberrno to Ok first.
+    ///
+    /// \returns the lowest free descriptor of the table, or -1.
     virtual int open(const char* path, int flags, int mode);
-    /// creat(2): open() for writing, created or cut to nothing.
+    /// creat(2): open() with O_WRONLY | O_CREAT | O_TRUNC.
     virtual int creat(const char* path, int mode);
     /// read(2).
     virtual int read(int fd, void* buf, unsigned int len);
@@ -153,7 +184,8 @@ public:
     virtual int fsync(int fd);
     /// fdatasync(2).
     virtual int fdatasync(int fd);
-    /// fcntl(2) with exactly one further argument of one machine word: an integer or a pointer.
+    /// fcntl(2). Takes exactly one argument after `cmd`, of one machine word: an integer or a
+    /// pointer.
     virtual int fcntl(int fd, int cmd, ...);
     /// flock(2).
     virtual int flock(int fd, int operation);
@@ -161,15 +193,18 @@ public:
     virtual int fchmod(int fd, int mode);
     /// close(2).
     virtual int close(int fd);
-    /// File::ioctl() of the open file.
+    /// Calls File::ioctl() of the open file.
     virtual int ioctl(int fd, const QString& request, QString& response);
-    /// The type name of the FS.
+    /// Returns the type() of the FS.
     virtual QString type();
 
     virtual ~FDAdapter();
 
-    /// The adapter over FSSwitch::rootfs() as it was at the first call of this function. It lives
-    /// until the library is unloaded; any thread may call this.
+    /// Returns the process-wide adapter, for the switch that FSSwitch::rootfs() returned at the
+    /// first call of this function. A later FSSwitch::setRootfs() does not change it.
+    ///
+    /// The adapter lives until the process ends: destructors of static objects and detached threads
+    /// may use it. Any thread may call this function.
     static FDAdapter* rootfs();
 
 private:
