@@ -142,8 +142,7 @@ public:
     /// is missing.
     ///
     /// - m_blkSize is the physical block size of the device node (BLKPBSZGET), or 512 when it
-    /// cannot
-    ///   be read.
+    ///   cannot be read.
     /// - m_totalBlocks of a disk is in these blocks.
     /// - m_startBlock and m_totalBlocks of a partition are in units of 512 bytes for every block
     ///   size, as udev reports them.
@@ -213,8 +212,7 @@ public:
     /// - When udev_monitor_new_from_netlink(3) fails, the process ends with exit status 1: a
     ///   recorder that does not see its media is of no use.
     /// - When the monitor cannot receive events, it is closed again. This is logged, and notify()
-    /// is
-    ///   not emitted.
+    ///   is not emitted.
     virtual void start();
     /// Closes the monitor. Events that update() has not reported are dropped.
     virtual void stop();

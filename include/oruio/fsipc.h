@@ -27,8 +27,7 @@ namespace oru::io {
 /// - It is 40 bytes larger than the user data. On the target the header has 32 of them; the other 8
 ///   follow the user data, unused.
 /// - Where the mutex of the platform is larger than that of the target, so is the header. The end
-/// of
-///   the user data is then shorter by what the 40 bytes lack: by 16 bytes on x86-64.
+///   of the user data is then shorter by what the 40 bytes lack: by 16 bytes on x86-64.
 ///
 /// Threads: any thread may use a block. The thread that locked a block must unlock it. While it
 /// holds the lock, it must not end and the block must not be destroyed.
@@ -186,7 +185,7 @@ private:
 ///   - when the server ends;
 ///   - when the server has not answered a request within 10 s;
 ///   - with an answer whose errno is ENOTCONN or ESHUTDOWN, such as that of a served share which
-///   has
+///     has
 ///     lost its connection.
 /// - A file or directory belongs to the session that opened it. In a later session it fails with
 ///   errno EBADF. It may outlive the IPCFS.
@@ -211,8 +210,7 @@ private:
 /// - The thread that calls connect() holds a lock for the whole session. It should live as long as
 ///   the session, and be the one that calls disconnect().
 /// - When that thread ends before the session, another client may take over. The server checks
-/// every
-///   30 s and frees the place. This client then fails with errno ENOTCONN.
+///   every 30 s and frees the place. This client then fails with errno ENOTCONN.
 /// - When another thread ends the session, clients can connect only after the connecting thread has
 ///   ended or connected again.
 /// - A child of fork(2) has no part in the session, even after its parent has ended.

@@ -28,8 +28,7 @@
 /// - Every operation of the share, its files and its directories fails at once. It sends no request
 ///   and leaves errno and liberrno unchanged, on all threads.
 /// - A thread that was already waiting for its turn fails with the same errno when the connection
-/// is
-///   lost. When the errno was an answer of the server, such as EBUSY, that thread is served.
+///   is lost. When the errno was an answer of the server, such as EBUSY, that thread is served.
 /// - disconnect() fails with the reason in errno.
 /// - Operations that this backend never provides still fail in their usual way: link(), symlink(),
 ///   flock(), fchmod(), ioctl(), extended attributes and watches.
@@ -228,8 +227,7 @@ public:
     /// - SEEK_END is relative to the end of what was written through this object, not to the end of
     ///   the file.
     /// - A negative target fails with errno EINVAL. It still moves the position to which SEEK_CUR
-    /// is
-    ///   relative; reads and writes continue where they were.
+    ///   is relative; reads and writes continue where they were.
     ///
     /// \returns the new position, or -1 with errno. When the connection is lost, the negative errno
     /// itself (such as -ENOTCONN or -ECONNRESET); errno stays unchanged.

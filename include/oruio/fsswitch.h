@@ -32,8 +32,7 @@ struct FSEntry {
 /// - When nothing is mounted for the path, the result is -1 or null with liberrno NotFound. errno
 ///   stays.
 /// - Otherwise the result is that of the mounted file system. The call holds a reference to it
-/// until
-///   it returns: remove() on another thread does not destroy it during the call.
+///   until it returns: remove() on another thread does not destroy it during the call.
 ///
 /// Which mount point serves a path:
 ///
