@@ -44,7 +44,7 @@ enum ErrorCode : std::int32_t {
     Ok = 0,             ///< no library error; the reason of a failure is in errno
     NotImplemented = 1, ///< the backend does not provide the operation
     NotFound = 2,       ///< no mount point, descriptor, handle or medium matches
-    LibraryFailure = 3, ///< a library used by the backend failed; no operation sets it yet
+    LibraryFailure = 3, ///< a library used by the backend failed; not set at present
 };
 
 /// The last library error of the calling thread; Ok in a new thread.

@@ -110,88 +110,88 @@ public:
     /// Makes an adapter for `fs`. Null stands for an empty FSSwitch, where no path is found.
     explicit FDAdapter(QSharedPointer<FS> fs);
 
-    /// lstat(2).
+    /// Gets the status of a file or symbolic link, as lstat(2).
     virtual int lstat(const char* path, struct stat* st);
-    /// stat(2).
+    /// Gets the status of a file, as stat(2).
     virtual int stat(const char* path, struct stat* st);
-    /// statfs(2).
+    /// Gets the status of a file system, as statfs(2).
     virtual int statfs(const char* path, struct statfs* st);
-    /// link(2).
+    /// Makes a hard link, as link(2).
     virtual int link(const char* oldPath, const char* newPath);
-    /// unlink(2).
+    /// Removes a file, as unlink(2).
     virtual int unlink(const char* path);
-    /// mkdir(2).
+    /// Makes a directory, as mkdir(2).
     virtual int mkdir(const char* path, int mode);
-    /// rmdir(2).
+    /// Removes an empty directory, as rmdir(2).
     virtual int rmdir(const char* path);
-    /// rename(2).
+    /// Renames a file, as rename(2). FSSwitch::rename() documents what happens across mounts.
     virtual int rename(const char* oldPath, const char* newPath);
-    /// sync(2).
+    /// Writes everything to the medium, as sync(2).
     virtual void sync();
-    /// getxattr(2).
+    /// Gets an extended attribute, as getxattr(2).
     virtual int getxattr(const char* path, const char* name, void* value, unsigned int size);
-    /// setxattr(2).
+    /// Sets an extended attribute, as setxattr(2).
     virtual int setxattr(const char* path, const char* name, void* value, unsigned int size,
                          int flags);
-    /// removexattr(2).
+    /// Removes an extended attribute, as removexattr(2).
     virtual int removexattr(const char* path, const char* name);
-    /// listxattr(2).
+    /// Lists the names of the extended attributes, as listxattr(2).
     virtual int listxattr(const char* path, char* list, unsigned int size);
-    /// symlink(2).
+    /// Makes a symbolic link, as symlink(2).
     virtual int symlink(const char* target, const char* linkPath);
-    /// readlink(2).
+    /// Reads the target of a symbolic link, as readlink(2). Adds no terminating NUL.
     virtual int readlink(const char* path, char* buf, unsigned int size);
-    /// truncate(2).
+    /// Cuts or extends a file, as truncate(2).
     virtual int truncate(const char* path, long long length);
-    /// chmod(2).
+    /// Changes the mode of a file, as chmod(2).
     virtual int chmod(const char* path, int mode);
-    /// opendir(3).
+    /// Opens a directory, as opendir(3).
     ///
     /// \returns a handle for readdir(), or null when the FS returned no directory. When PosixFS
     /// cannot open the directory, the handle has no entries and errno holds the reason.
     virtual void* opendir(const char* path);
-    /// readdir(3).
+    /// Returns the next entry, as readdir(3).
     ///
     /// \returns null at the end, on failure, and for an unknown handle.
     virtual struct dirent* readdir(void* handle);
-    /// rewinddir(3). Does nothing for an unknown handle.
+    /// Starts again from the first entry, as rewinddir(3). Does nothing for an unknown handle.
     virtual void rewinddir(void* handle);
-    /// closedir(3). The result of Directory::closedir() is not reported.
+    /// Closes a directory, as closedir(3). The result of Directory::closedir() is not reported.
     ///
     /// \returns 0, also for an unknown handle; -1 for null.
     virtual int closedir(void* handle);
-    /// open(2). Sets liberrno to Ok first.
+    /// Opens a file, as open(2). Sets liberrno to Ok first.
     ///
     /// \returns the lowest free descriptor of the table, or -1.
     virtual int open(const char* path, int flags, int mode);
-    /// creat(2): open() with O_WRONLY | O_CREAT | O_TRUNC.
+    /// Creates a file, as creat(2): open() with O_WRONLY | O_CREAT | O_TRUNC.
     virtual int creat(const char* path, int mode);
-    /// read(2).
+    /// Reads at the file position, as read(2).
     virtual int read(int fd, void* buf, unsigned int len);
-    /// write(2).
+    /// Writes at the file position, as write(2).
     virtual int write(int fd, const void* buf, unsigned int len);
-    /// pread(2).
+    /// Reads at `offset`, as pread(2).
     virtual int pread(int fd, void* buf, unsigned int len, long long offset);
-    /// pwrite(2).
+    /// Writes at `offset`, as pwrite(2).
     virtual int pwrite(int fd, const void* buf, unsigned int len, long long offset);
-    /// lseek(2).
+    /// Moves the file position, as lseek(2).
     virtual long long lseek(int fd, long long offset, int whence);
-    /// fstat(2).
+    /// Gets the status of an open file, as fstat(2).
     virtual int fstat(int fd, struct stat* st);
-    /// ftruncate(2).
+    /// Cuts or extends an open file, as ftruncate(2).
     virtual int ftruncate(int fd, long long length);
-    /// fsync(2).
+    /// Writes data and metadata of an open file to the medium, as fsync(2).
     virtual int fsync(int fd);
-    /// fdatasync(2).
+    /// Writes the data of an open file to the medium, as fdatasync(2).
     virtual int fdatasync(int fd);
-    /// fcntl(2). Takes exactly one argument after `cmd`, of one machine word: an integer or a
-    /// pointer.
+    /// Controls an open file, as fcntl(2). Takes exactly one argument after `cmd`, of one machine
+    /// word: an integer or a pointer.
     virtual int fcntl(int fd, int cmd, ...);
-    /// flock(2).
+    /// Locks an open file, as flock(2).
     virtual int flock(int fd, int operation);
-    /// fchmod(2).
+    /// Changes the mode of an open file, as fchmod(2).
     virtual int fchmod(int fd, int mode);
-    /// close(2).
+    /// Closes a descriptor, as close(2).
     virtual int close(int fd);
     /// Calls File::ioctl() of the open file.
     virtual int ioctl(int fd, const QString& request, QString& response);

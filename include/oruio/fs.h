@@ -13,6 +13,7 @@
 /// - Paths: passed to the system as UTF-8. A path with a NUL fails with errno EINVAL; a path that
 ///   is not valid UTF-16 fails with errno EILSEQ.
 /// - Output parameters: unspecified after a failure.
+/// - "Not implemented": the operation fails with liberrno NotImplemented. errno stays unchanged.
 /// - Threads: the interface holds no lock. Each backend documents whether threads may share one
 ///   object. errno and liberrno are per thread.
 #pragma once

@@ -184,9 +184,8 @@ private:
 ///   - with disconnect();
 ///   - when the server ends;
 ///   - when the server has not answered a request within 10 s;
-///   - with an answer whose errno is ENOTCONN or ESHUTDOWN, such as that of a served share which
-///     has
-///     lost its connection.
+///   - with an answer whose errno is ENOTCONN or ESHUTDOWN, such as when a served share has lost
+///     its connection.
 /// - A file or directory belongs to the session that opened it. In a later session it fails with
 ///   errno EBADF. It may outlive the IPCFS.
 ///
@@ -259,9 +258,9 @@ public:
     /// Not implemented.
     int listxattr(QString path, char* list, unsigned int size) override;
     int symlink(QString target, QString linkPath) override;
-    /// `target` is unchanged after a failure.
+    /// Reads the target of a symbolic link. `target` is unchanged after a failure.
     int readlink(QString path, QString& target) override;
-    /// Fills the rest of `buf` after the target with NULs.
+    /// Reads the target of a symbolic link. Fills the rest of `buf` after it with NULs.
     int readlink(QString path, char* buf, unsigned int size) override;
     int truncate(QString path, long long length) override;
     int chmod(QString path, int mode) override;

@@ -29,7 +29,7 @@
 ///   and leaves errno and liberrno unchanged, on all threads.
 /// - A thread that was already waiting for its turn fails with the same errno when the connection
 ///   is lost. When the errno was an answer of the server, such as EBUSY, that thread is served.
-/// - disconnect() fails with the reason in errno.
+/// - disconnect() still does its work. When it fails, errno holds the reason.
 /// - Operations that this backend never provides still fail in their usual way: link(), symlink(),
 ///   flock(), fchmod(), ioctl(), extended attributes and watches.
 ///
@@ -95,7 +95,7 @@ public:
     /// - EPERM: it is a directory;
     /// - ETXTBSY: the file is open, here or elsewhere.
     int unlink(QString path) override;
-    /// `mode` is not used.
+    /// Makes a directory. `mode` is not used.
     int mkdir(QString path, int mode) override;
     int rmdir(QString path) override;
     /// Renames a file or directory. Never replaces: fails with errno EEXIST when `newPath` exists.
@@ -118,8 +118,8 @@ public:
     ///
     /// \returns 0, not the length, or -1.
     int readlink(QString path, QString& target) override;
-    /// Fills the rest of `buf` after the target with NULs. A target of `size` bytes and more is cut
-    /// to `size` and has no NUL.
+    /// Reads up to `size` bytes of the target. Fills the rest of `buf` with NULs; a target of
+    /// `size` bytes and more has no NUL.
     ///
     /// \returns 0, not the length, or -1.
     int readlink(QString path, char* buf, unsigned int size) override;
@@ -217,10 +217,10 @@ public:
     ///
     /// \returns `len`, or -1. errno EINVAL, before any request: `len` is larger than an int holds.
     int write(const void* buf, unsigned int len) override;
-    /// As read().
+    /// As read(), at `offset`. The file position stays.
     int pread(void* buf, unsigned int len, long long offset) override;
-    /// As write(), at `offset`. When the server takes 0 bytes of a request, the call ends there and
-    /// returns `len` all the same.
+    /// As write(), at `offset`. The file position stays. When the server takes 0 bytes of a
+    /// request, the call ends there and returns `len` all the same.
     int pwrite(const void* buf, unsigned int len, long long offset) override;
     /// Moves the file position, without a request.
     ///

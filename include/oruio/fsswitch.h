@@ -71,16 +71,17 @@ public:
     /// Renames within one mount. Never copies.
     ///
     /// When the paths belong to different mounts, the result is -1 without a reason: errno stays,
-    /// and liberrno is Ok. (It is NotFound when nothing is mounted for `newPath`.) So compare the
-    /// file systems of both paths first. When they differ, copy the file and remove the old one:
+    /// and liberrno is Ok. (It is NotFound only when nothing is mounted for `newPath`.) So compare
+    /// the file systems of both paths first. When they differ, copy the file and remove the old
+    /// one:
     ///
     /// \code
     /// const bool isSameMount = io->getFS(from, nullptr) == io->getFS(to, nullptr);
     /// const int result = isSameMount ? io->rename(from, to) : copyAndRemove(from, to);
     /// \endcode
     ///
-    /// The comparison takes two mount points of one FS object for the same mount; rename() does
-    /// not.
+    /// An FS object that is mounted at two mount points counts as two mounts for rename(), but not
+    /// in this comparison.
     int rename(QString oldPath, QString newPath) override;
     /// Calls sync() of each mounted file system, in table order.
     void sync() override;
@@ -89,7 +90,7 @@ public:
     int removexattr(QString path, QString name) override;
     int listxattr(QString path, QVector<QString>& names) override;
     int listxattr(QString path, char* list, unsigned int size) override;
-    /// `linkPath` selects the mount. `target` is passed on unchanged.
+    /// Makes a symbolic link in the mount of `linkPath`. `target` is passed on unchanged.
     int symlink(QString target, QString linkPath) override;
     int readlink(QString path, QString& target) override;
     int readlink(QString path, char* buf, unsigned int size) override;

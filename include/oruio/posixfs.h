@@ -72,9 +72,9 @@ public:
     /// \returns the result of the other form.
     int listxattr(QString path, QVector<QString>& names) override;
     int listxattr(QString path, char* list, unsigned int size) override;
-    /// The root directory is put before `linkPath` only.
+    /// Makes a symbolic link. The root directory is put before `linkPath` only.
     int symlink(QString target, QString linkPath) override;
-    /// Reads up to 4096 bytes of the target. `target` is empty after a failure.
+    /// Reads up to 4096 bytes of the target of a symbolic link. `target` is empty after a failure.
     int readlink(QString path, QString& target) override;
     int readlink(QString path, char* buf, unsigned int size) override;
     int truncate(QString path, long long length) override;
@@ -131,8 +131,10 @@ public:
     ~PosixDir() override;
 
     struct dirent* readdir() override;
-    /// \returns always 0.
+    /// Starts again from the first entry. \returns always 0.
     int rewinddir() override;
+    /// Closes the directory.
+    ///
     /// \returns the result of closedir(3); -1 with errno unchanged when the directory is not open.
     int closedir() override;
     /// Not implemented.
