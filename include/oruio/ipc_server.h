@@ -5,7 +5,7 @@
 /// \code
 /// IPCServer server(FSSwitch::rootfs());
 /// std::thread service([&] { server.run(nullptr); });
-/// ...
+/// // ... and when the application ends:
 /// server.terminate();
 /// service.join();
 /// \endcode
@@ -56,7 +56,7 @@ public:
     ///
     /// - When another process keeps the block locked for 10 s, it asks without waiting.
     /// - A request that arrives too late is answered with -1 and errno ECANCELED.
-    /// - When no service is running, it does nothing.
+    /// - When no service is running, it does nothing: a run() that begins later is not affected.
     ///
     /// \returns always 0.
     virtual int terminate();

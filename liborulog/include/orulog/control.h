@@ -23,7 +23,9 @@
 ///
 /// A line has the time, the level, the channel, the source line, the thread and the message:
 ///
-///     2024-05-01 12:34:56.123456 warning libio src/fsswitch.cpp:102 [4711] the message
+/// \code{.unparsed}
+/// 2024-05-01 12:34:56.123456 warning libio src/fsswitch.cpp:102 [4711] the message
+/// \endcode
 ///
 /// - The level is "critical" up to 8, "error" for 9, "warning" for 10, "info" for 11, "debug" for
 ///   12 and "trace" above.
