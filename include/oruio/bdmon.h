@@ -1,12 +1,15 @@
-// Block devices: what udev says of them, what can be done to them, and their coming and going.
-//
-//     QObject::connect(BDMon::instance(), &BDMon::notify,
-//                      [](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr) {
-//                          for (const BDMon::Event& event : *events)
-//                              qInfo() << event.action << event.dev->m_devName;
-//                      });
-//     BDMon::instance()->start();  // everything that is there
-//     BDMon::instance()->update(); // what came and went since; now and then
+/// \file
+/// Block devices: their udev properties, their operations, and a monitor of added and removed ones.
+///
+/// \code
+/// QObject::connect(BDMon::instance(), &BDMon::notify,
+///                  [](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr) {
+///                      for (const BDMon::Event& event : *events)
+///                          qInfo() << event.action << event.dev->m_devName;
+///                  });
+/// BDMon::instance()->start();  // all devices that are present
+/// BDMon::instance()->update(); // the changes since; call it from time to time
+/// \endcode
 #pragma once
 
 #include <oruio/export.h>
@@ -23,93 +26,126 @@
 
 namespace oru::io {
 
-// The names of udev's properties, as `udevadm info` shows them: each constant is called after its
-// text.
-ORUIO_EXPORT extern const QString UDEV_ID_PATH;
-ORUIO_EXPORT extern const QString UDEV_DEVTYPE;
-ORUIO_EXPORT extern const QString UDEV_DEVNAME;
-ORUIO_EXPORT extern const QString UDEV_ID_PART_TABLE_TYPE;
-ORUIO_EXPORT extern const QString UDEV_PARTN;
-ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_OFFSET;
-ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_SIZE;
-ORUIO_EXPORT extern const QString UDEV_ID_FS_TYPE;
-ORUIO_EXPORT extern const QString UDEV_ID_FS_LABEL;
-ORUIO_EXPORT extern const QString UDEV_ACTION;
-ORUIO_EXPORT extern const QString UDEV_SEQNUM;
-ORUIO_EXPORT extern const QString UDEV_DEVPATH;
-ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_TYPE;
+// The names of udev properties, as `udevadm info` prints them.
+ORUIO_EXPORT extern const QString UDEV_ID_PATH;              ///< "ID_PATH"
+ORUIO_EXPORT extern const QString UDEV_DEVTYPE;              ///< "DEVTYPE"
+ORUIO_EXPORT extern const QString UDEV_DEVNAME;              ///< "DEVNAME"
+ORUIO_EXPORT extern const QString UDEV_ID_PART_TABLE_TYPE;   ///< "ID_PART_TABLE_TYPE"
+ORUIO_EXPORT extern const QString UDEV_PARTN;                ///< "PARTN"
+ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_OFFSET; ///< "ID_PART_ENTRY_OFFSET"
+ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_SIZE;   ///< "ID_PART_ENTRY_SIZE"
+ORUIO_EXPORT extern const QString UDEV_ID_FS_TYPE;           ///< "ID_FS_TYPE"
+ORUIO_EXPORT extern const QString UDEV_ID_FS_LABEL;          ///< "ID_FS_LABEL"
+ORUIO_EXPORT extern const QString UDEV_ACTION;               ///< "ACTION"
+ORUIO_EXPORT extern const QString UDEV_SEQNUM;               ///< "SEQNUM"
+ORUIO_EXPORT extern const QString UDEV_DEVPATH;              ///< "DEVPATH"
+ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_TYPE;   ///< "ID_PART_ENTRY_TYPE"
 
-/// How often fsck() tries unless told otherwise.
+/// How many times fsck() tries by default.
 inline constexpr int FSCK_RETRIES = 3;
 
-/// A disk or a partition, as udev described it at the moment of an event, and what can be done to
-/// it. The fields do not change, except for m_umountFailed.
+/// A disk or a partition, as udev described it at the time of an event, and its operations.
 ///
-/// Each of the first five operations blocks its caller until it is done, clears liberrno first and
-/// \returns 0 on success. Let one thread at a time operate on a device.
+/// The fields do not change, except m_umountFailed.
+///
+/// mount(), umount(), mkfs(), fsck() and format() block until they are done, set liberrno to Ok
+/// first, and return 0 on success. Every other result is a failure.
+///
+/// Threads: only one thread at a time may operate on a device.
 class ORUIO_EXPORT BlockDevice {
 public:
     using SPtr = QSharedPointer<BlockDevice>;
 
-    /// Mounts the file system, by mount(2): on `mountPoint`, which is made if need be, without
-    /// access times and without programs; an exFAT one by the kernel's driver "ufsd". Reads of
-    /// `props`, which may be null: "readonly" and "remount", true to do that. \returns -1 with
-    /// errno; ENOENT when there is no mount point and none can be made, EINVAL when it contains a
-    /// NUL, EILSEQ when it is no text, or one that the locale's codec does not write as UTF-8.
+    /// Mounts the file system on `mountPoint`, as mount(2) with MS_NOATIME and MS_NOEXEC.
+    ///
+    /// The directory is made if it does not exist. exFAT is mounted by the kernel driver "ufsd".
+    ///
+    /// Keys in `props`, which may be null:
+    /// - "readonly": true to mount it read-only.
+    /// - "remount": true to change the options of an existing mount.
+    ///
+    /// \returns 0, or -1 with errno:
+    /// - EILSEQ: `mountPoint` is not valid UTF-16, or the codec of the locale does not encode it as
+    ///   UTF-8;
+    /// - EINVAL: `mountPoint` contains a NUL;
+    /// - ENOENT: `mountPoint` is empty, or the directory cannot be made;
+    /// - that of mount(2).
     virtual int mount(QString mountPoint, const Properties* props) = 0;
-    /// Unmounts the device wherever it is mounted, and what is mounted on its node, by umountPath()
-    /// with `props`. \returns 0, also when it is not mounted; else what umountPath() does for the
-    /// first mount that stays, as one with a blank in its path (ENOENT); -1 with errno when the
-    /// kernel's table of mounts cannot be read.
+    /// Unmounts the device from all mount points, and unmounts what is mounted on its device node.
+    ///
+    /// Calls umountPath() with `props` for each.
+    ///
+    /// \returns 0, also when it is not mounted; -1 with errno:
+    /// - that of umountPath(), for the first mount that stays (ENOENT when its path has a blank);
+    /// - that of reading the mount table.
     virtual int umount(const Properties* props) = 0;
-    /// Makes a file system. Reads of `props`, which may be null: "fs_type", its type; "cmd_opts", a
-    /// last argument for the maintenance program. \returns that program's exit status, or -1
-    /// (SysCmd).
+    /// Makes a file system on the device, with the maintenance program.
+    ///
+    /// Keys in `props`, which may be null:
+    /// - "fs_type": the type of the file system.
+    /// - "cmd_opts": the last argument for the maintenance program.
+    ///
+    /// \returns the result of SysCmd::exec(): the exit status of the program, or -1. Only 0 is
+    /// success.
     virtual int mkfs(const Properties* props) = 0;
-    /// Checks the file system and repairs it. Reads of `props`, which may be null: "retries", how
-    /// often to try, as an int (FSCK_RETRIES); "cmd_opts". \returns as mkfs().
+    /// Checks and repairs the file system, with the maintenance program.
+    ///
+    /// Keys in `props`, which may be null:
+    /// - "retries": how many times to try, an int. The default is FSCK_RETRIES.
+    /// - "cmd_opts": the last argument for the maintenance program.
+    ///
+    /// \returns as mkfs().
     virtual int fsck(const Properties* props) = 0;
-    /// Makes one file system of the whole disk. Reads of `props`, which may be null: "kill", whose
-    /// presence says to end who uses the disk. \returns as mkfs().
+    /// Formats the whole disk with one file system, with the maintenance program.
+    ///
+    /// Key in `props`, which may be null:
+    /// - "kill": if present, with any value, processes that use the disk are killed first.
+    ///
+    /// \returns as mkfs().
     virtual int format(const Properties* props) = 0;
-    /// A copy of m_props.
+    /// Returns a copy of m_props.
     virtual Properties props() = 0;
     virtual ~BlockDevice();
 
-    /// `m_totalBlocks * m_blkSize`: bytes, except for the partitions of a disk whose blocks do not
-    /// have 512 bytes, where it is that many times too much (see LinuxBD).
+    /// Returns `m_totalBlocks * m_blkSize`: the size in bytes of a disk, and of a partition of a
+    /// disk whose blocks have 512 bytes.
+    ///
+    /// For a partition of a disk with larger blocks the value is too large, by the factor
+    /// `m_blkSize / 512` (see LinuxBD).
     quint64 capacity() const;
-    /// Whether udev found a file system.
+    /// Returns whether udev found a file system.
     bool isMountable() const;
 
-    QString m_idPath;          ///< "ID_PATH": where the disk is plugged in; its partitions share it
+    QString m_idPath;          ///< "ID_PATH": where the disk is plugged in; same for its partitions
     quint32 m_partNum = 0;     ///< "PARTN"; 0 for a whole disk
-    quint64 m_startBlock = 0;  ///< where a partition begins; 0 for a disk
-    quint64 m_totalBlocks = 0; ///< in blocks; of a partition, as udev has it (see LinuxBD)
-    quint64 m_blkSize = 0;     ///< in bytes
+    quint64 m_startBlock = 0;  ///< first block of a partition; 0 for a disk
+    quint64 m_totalBlocks = 0; ///< size in blocks; of a partition in units of udev (see LinuxBD)
+    quint64 m_blkSize = 0;     ///< block size in bytes
     QString m_fsType;          ///< "ID_FS_TYPE"; empty without a file system
     QString m_fsLabel;         ///< "ID_FS_LABEL"
     QString m_devName;         ///< "DEVNAME": the device node
     QString m_partTableType;   ///< "ID_PART_TABLE_TYPE"
     qint32 m_seqNum = 0;       ///< "SEQNUM"
-    QString m_action;          ///< "ACTION"; empty for what was there before the monitor
-    QString m_devPath;       ///< "DEVPATH"; of SD cards the path of their write protection in /sys
+    QString m_action;          ///< "ACTION"; empty for a device found by start()
+    QString m_devPath;       ///< "DEVPATH"; of SD cards the file in /sys with the write protection
     QString m_partEntryType; ///< "ID_PART_ENTRY_TYPE": code or GUID
-    bool m_writeProtected = false; ///< whether an SD card's switch is on
-    /// All properties, as texts; of SD cards also "WRITE_PROTECTED", a bool.
+    bool m_writeProtected = false; ///< whether the switch of an SD card is on
+    /// All udev properties, as strings. For SD cards also "WRITE_PROTECTED", a bool.
     Properties m_props;
-    bool m_umountFailed = false; ///< whether the last umount() did
+    bool m_umountFailed = false; ///< whether the last umount() failed
 };
 
 /// A block device of this system.
 class ORUIO_EXPORT LinuxBD : public BlockDevice {
 public:
-    /// `udevProps` are the properties of an event. A key that is missing leaves its field empty or
-    /// 0.
+    /// Makes a device from the udev properties of an event. A field is empty or 0 when its property
+    /// is missing.
     ///
-    /// The block size is the physical one of the device node, 512 when that tells none. A disk's
-    /// length is in these blocks; a partition's begin and length are what udev gives them in, units
-    /// of 512 bytes, whatever the block size.
+    /// - m_blkSize is the physical block size of the device node (BLKPBSZGET), or 512 when it
+    ///   cannot be read.
+    /// - m_totalBlocks of a disk is in these blocks.
+    /// - m_startBlock and m_totalBlocks of a partition are in units of 512 bytes for every block
+    ///   size, as udev reports them.
     explicit LinuxBD(Properties& udevProps);
     ~LinuxBD() override;
 
@@ -121,57 +157,70 @@ public:
     Properties props() override;
 };
 
-/// The monitor: tells of block devices that come, go and change. There is one, instance().
+/// The monitor of block devices that are added, removed or changed. There is one, instance().
 ///
-/// It has no thread of its own, and nothing is open until start(). Let one thread call start(),
-/// update() and stop(), and none be in them when the process exits. As a QObject it belongs to the
-/// thread that loaded the library: queued calls take that one's event loop, or moveToThread(). When
-/// udev gives no context, loading the library ends the process with exit status 1. Devices without
-/// "ID_PATH", such as RAM disks and loop devices, are not told of. With the environment variable
-/// ORUIO_UDEVDBG set, the properties of every device are printed on standard output.
+/// - It has no thread of its own, and opens nothing before start().
+/// - Devices without "ID_PATH", such as RAM disks and loop devices, are not reported.
+/// - When udev_new(3) fails, loading the library ends the process with exit status 1.
+/// - When the environment variable ORUIO_UDEVDBG is set, the properties of every device are printed
+///   on standard output.
+///
+/// Threads: one thread calls start(), update() and stop(), and is in none of them when the process
+/// exits. As a QObject the monitor belongs to the thread that loaded the library: queued calls need
+/// the event loop of that thread, or moveToThread().
 class ORUIO_EXPORT BDMon : public QObject {
     Q_OBJECT
 
 public:
-    /// One device that came, went or changed.
+    /// One device that was added, removed or changed.
     struct ORUIO_EXPORT Event {
-        /// Takes `dev` over.
+        /// Takes ownership of `dev`.
         Event(int seq, QString action, BlockDevice* dev);
 
-        int seq;        ///< its place in the batch, from 1
-        QString action; ///< "add", "remove", "change", as udev has it; of what is there, "add"
-        BlockDevice::SPtr dev; ///< as it was at that moment
+        int seq;               ///< number in the batch, from 1
+        QString action;        ///< udev's "add", "remove" or "change"; "add" from start()
+        BlockDevice::SPtr dev; ///< the device at the time of the event
     };
 
     /// A batch: events in the order of their arrival.
     using EventListSPtr = QSharedPointer<QList<Event>>;
-    /// The same ones by the ID_PATH of their device: a disk and its partitions have one key.
+    /// The same events by the ID_PATH of the device: a disk and its partitions have the same key.
     using EventListByDeviceSPtr = QSharedPointer<QMap<QString, QList<Event>>>;
 
-    /// The only one.
+    /// Returns the only monitor.
     static BDMon* instance();
     ~BDMon() override;
 
 public Q_SLOTS:
-    /// Tells by notify() what came and went since the last call, in one batch: as soon as nothing
-    /// has happened for `quiescent_ms` milliseconds, or at once when nothing has happened at all.
-    /// As long as something happens, it goes on. What comes after the kernel's queue is full is
-    /// lost: stop() and start() tell what is there. \returns 0.
+    /// Emits notify() with one batch of all events since the last call.
+    ///
+    /// Returns at once when no event is queued. Otherwise it collects events until none has arrived
+    /// for `quiescent_ms` milliseconds; as long as events keep arriving, it does not return.
+    ///
+    /// Events that arrive while the kernel's queue is full are lost. stop() and start() then report
+    /// all devices that are present.
+    ///
+    /// \returns always 0.
     virtual int update(unsigned int quiescent_ms = 500);
 
 public:
-    /// Opens the monitor and tells by notify() what is there; what comes meanwhile is told of here,
-    /// by the next update(), or by both. Does nothing when it is open. When udev gives no monitor,
-    /// that ends the process with exit status 1: a recorder that does not see its media is of no
-    /// use. One that cannot receive is closed again, which is logged, and nothing is told.
+    /// Opens the monitor and emits notify() with all devices that are present.
+    ///
+    /// Does nothing when the monitor is open. A device that is added during the call is reported
+    /// here, by the next update(), or by both.
+    ///
+    /// - When udev_monitor_new_from_netlink(3) fails, the process ends with exit status 1: a
+    ///   recorder that does not see its media is of no use.
+    /// - When the monitor cannot receive events, it is closed again. This is logged, and notify()
+    ///   is not emitted.
     virtual void start();
-    /// Closes the monitor. What update() has not told of is dropped.
+    /// Closes the monitor. Events that update() has not reported are dropped.
     virtual void stop();
-    /// Whether it is open.
+    /// Returns whether the monitor is open.
     virtual bool isRunning();
 
 Q_SIGNALS:
-    /// A batch, which is never empty. Emitted by start() and update(), on their thread.
+    /// Reports a batch, which is never empty. start() and update() emit it, on their thread.
     void notify(oru::io::BDMon::EventListSPtr events,
                 oru::io::BDMon::EventListByDeviceSPtr eventsByDevice);
 

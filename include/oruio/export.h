@@ -1,6 +1,8 @@
-// Marks what liboruio.so exports; everything else in the library is hidden.
+/// \file
+/// Symbol visibility: liboruio.so exports what is marked here and hides everything else.
 #pragma once
 
+/// Exports a class, function or variable from liboruio.so.
 #define ORUIO_EXPORT __attribute__((visibility("default")))
-/// For a class within an exported one that stays inside the library.
+/// Hides a class that is nested in an exported one.
 #define ORUIO_LOCAL __attribute__((visibility("hidden")))

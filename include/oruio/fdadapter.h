@@ -1,5 +1,13 @@
-// The descriptor adapter: any FS behind the familiar C interface of paths, integer descriptors and
-// directory handles.
+/// \file
+/// The descriptor adapter: any FS through `const char*` paths, integer descriptors and directory
+/// handles.
+///
+/// \code
+/// FDAdapter* io = FDAdapter::rootfs();
+/// const int fd = io->open("/media/card/clip.mov", O_WRONLY | O_CREAT | O_EXCL, 0644);
+/// if (fd == -1 || io->write(fd, "frame", 5) != 5 || io->close(fd) != 0)
+///     fprintf(stderr, "cannot record: %s\n", oru::io::strerror());
+/// \endcode
 #pragma once
 
 #include <oruio/fs.h>
@@ -14,24 +22,30 @@
 
 namespace oru::io {
 
-/// The table behind all adapters: descriptors to open files, handles to open directories.
+/// A table of open files by descriptor and of open directories by handle.
 ///
-/// Descriptors begin at the process's limit of system descriptors, as sysconf(_SC_OPEN_MAX) tells
-/// it when the table is made, so that they can never be mistaken for the system's own. The lowest
-/// free number is handed out, and a number is free again as soon as it is closed. When the limit is
-/// unknown (-1), no descriptor can be added.
+/// All adapters share one table, which is made when the library is loaded. Numbering:
 ///
-/// Threads: any thread may call any function. A file or directory that was found stays alive until
-/// its finder lets it go, also when it is removed meanwhile.
+/// - The first descriptor is the process's limit of system descriptors when the table is made:
+///   sysconf(_SC_OPEN_MAX). So no descriptor of the table is one of the system.
+/// - This no longer holds after the limit has been raised (setrlimit(2)): the two ranges overlap.
+/// - add() assigns the lowest free number. A number is free again as soon as it is removed.
+/// - When the limit is unknown (-1), no descriptor can be added.
+///
+/// Threads: any thread may call any function. A file or directory that get() or getdir() returned
+/// stays alive until the caller releases it, even if it is removed from the table before.
 class ORUIO_EXPORT FDMap {
 public:
     FDMap();
     ~FDMap();
 
-    /// A new descriptor for `file`. \returns -1 when `file` is null, when the limit was unknown,
-    /// and, with errno EMFILE, when the numbers are used up.
+    /// Adds `file` under a new descriptor.
+    ///
+    /// \returns the descriptor, or -1:
+    /// - errno EMFILE: no number is free;
+    /// - `file` is null or the limit was unknown: errno and liberrno stay.
     int add(QSharedPointer<File>& file);
-    /// The open file, or null. Sets liberrno to 0 or NotFound.
+    /// Returns the open file, or null. Sets liberrno to Ok or NotFound.
     QSharedPointer<File> get(int fd);
 
     /// An open file, held for the length of a call.
@@ -40,16 +54,22 @@ public:
     /// does, which counts twice.
     Hold hold(int fd);
 
-    /// Forgets the descriptor, then closes its file. \returns the result of File::close(), or -1
-    /// when there is no such descriptor. Sets liberrno to 0 or NotFound before it closes.
+    /// Removes the descriptor, then closes its file.
+    ///
+    /// Sets liberrno to Ok or NotFound before it closes the file.
+    ///
+    /// \returns the result of File::close(), or -1 for an unknown descriptor.
     int remove(int fd);
 
-    /// The handle for `dir`, which is its address; null for null. Adding it again changes nothing.
+    /// Adds `dir`. Adding it again has no effect.
+    ///
+    /// \returns the handle, which is the address of the directory; null for null.
     void* add(QSharedPointer<Directory>& dir);
-    /// The open directory, or null. Leaves liberrno alone.
+    /// Returns the open directory, or null. Does not change liberrno.
     QSharedPointer<Directory> getdir(void* handle);
-    /// Forgets the handle; the directory closes when its last holder lets it go. \returns 0, also
-    /// for an unknown handle, or -1 for a null one.
+    /// Removes the handle. The directory closes when the last reference to it is released.
+    ///
+    /// \returns 0, also for an unknown handle; -1 for null.
     int remove(void* handle);
 
 private:
@@ -62,114 +82,129 @@ private:
     std::mutex m_dirMutex;  // guards m_dirs
     QMap<int, Hold> m_files;
     QMap<void*, QSharedPointer<Directory>> m_dirs;
-    // The numbers below m_next that are not in m_files, the lowest on top.
+    // The numbers below m_next that are not in m_files. The lowest is on top.
     std::priority_queue<int, std::vector<int>, std::greater<int>> m_freed;
-    int m_next; // every number from here on is free
+    int m_next; // this number and all above it are free
 };
 
 /// The operations of an FS with `const char*` paths, integer descriptors and directory handles.
 ///
-/// Each operation does what the POSIX call of its name does, on the FS given to the constructor,
-/// and returns its result. All adapters share one process-wide FDMap: a descriptor opened through
-/// one adapter can be used and closed through any other.
+/// Each operation calls the operation of its name on the FS given to the constructor and returns
+/// its result. All adapters of the process share one FDMap: a descriptor opened through one adapter
+/// can be used and closed through another.
 ///
-/// A path, name, target or record pointer that is null is refused with -1 (null from opendir) and
-/// errno EFAULT; a text that is not valid UTF-8, with errno EILSEQ; one of more than 1 MiB, with
-/// errno ENAMETOOLONG; all set liberrno to 0. An unknown descriptor gives -1 with liberrno
-/// NotFound, and errno stays as it was.
+/// The adapter itself fails with -1, or null from opendir():
+///
+/// - errno EFAULT: a path, name, target or record pointer is null.
+/// - errno EILSEQ: a string is not valid UTF-8.
+/// - errno ENAMETOOLONG: a string is longer than 1 MiB.
+/// - liberrno NotFound: unknown descriptor; errno stays.
+///
+/// The failures with an errno set liberrno to Ok.
 ///
 /// Threads: any thread may call any operation, as far as the FS allows it.
 class ORUIO_EXPORT FDAdapter {
 public:
     using SPtr = QSharedPointer<FDAdapter>;
 
-    /// Serves `fs`; for a null one, an empty FSSwitch, where nothing is found.
+    /// Makes an adapter for `fs`. Null stands for an empty FSSwitch, where no path is found.
     explicit FDAdapter(QSharedPointer<FS> fs);
 
-    /// lstat(2).
+    /// Gets the status of a file or symbolic link, as lstat(2).
     virtual int lstat(const char* path, struct stat* st);
-    /// stat(2).
+    /// Gets the status of a file, as stat(2).
     virtual int stat(const char* path, struct stat* st);
-    /// statfs(2).
+    /// Gets the status of a file system, as statfs(2).
     virtual int statfs(const char* path, struct statfs* st);
-    /// link(2).
+    /// Makes a hard link, as link(2).
     virtual int link(const char* oldPath, const char* newPath);
-    /// unlink(2).
+    /// Removes a file, as unlink(2).
     virtual int unlink(const char* path);
-    /// mkdir(2).
+    /// Makes a directory, as mkdir(2).
     virtual int mkdir(const char* path, int mode);
-    /// rmdir(2).
+    /// Removes an empty directory, as rmdir(2).
     virtual int rmdir(const char* path);
-    /// rename(2).
+    /// Renames a file, as rename(2). FSSwitch::rename() documents what happens across mounts.
     virtual int rename(const char* oldPath, const char* newPath);
-    /// sync(2).
+    /// Writes everything to the medium, as sync(2).
     virtual void sync();
-    /// getxattr(2).
+    /// Gets an extended attribute, as getxattr(2).
     virtual int getxattr(const char* path, const char* name, void* value, unsigned int size);
-    /// setxattr(2).
+    /// Sets an extended attribute, as setxattr(2).
     virtual int setxattr(const char* path, const char* name, void* value, unsigned int size,
                          int flags);
-    /// removexattr(2).
+    /// Removes an extended attribute, as removexattr(2).
     virtual int removexattr(const char* path, const char* name);
-    /// listxattr(2).
+    /// Lists the names of the extended attributes, as listxattr(2).
     virtual int listxattr(const char* path, char* list, unsigned int size);
-    /// symlink(2).
+    /// Makes a symbolic link, as symlink(2).
     virtual int symlink(const char* target, const char* linkPath);
-    /// readlink(2).
+    /// Reads the target of a symbolic link, as readlink(2). Adds no terminating NUL.
     virtual int readlink(const char* path, char* buf, unsigned int size);
-    /// truncate(2).
+    /// Cuts or extends a file, as truncate(2).
     virtual int truncate(const char* path, long long length);
-    /// chmod(2).
+    /// Changes the mode of a file, as chmod(2).
     virtual int chmod(const char* path, int mode);
-    /// opendir(3). \returns a handle for readdir(), or null when the FS gave no directory. Over
-    /// the local backend a directory that cannot be opened gives a handle with no entries, and
-    /// errno tells why.
+    /// Opens a directory, as opendir(3).
+    ///
+    /// \returns a handle for readdir(), or null when the FS returned no directory. When PosixFS
+    /// cannot open the directory, the handle has no entries and errno holds the reason.
     virtual void* opendir(const char* path);
-    /// readdir(3). \returns null at the end, on failure, and for an unknown handle.
+    /// Returns the next entry, as readdir(3).
+    ///
+    /// \returns null at the end, on failure, and for an unknown handle.
     virtual struct dirent* readdir(void* handle);
-    /// rewinddir(3). Does nothing for an unknown handle.
+    /// Starts again from the first entry, as rewinddir(3). Does nothing for an unknown handle.
     virtual void rewinddir(void* handle);
-    /// closedir(3). \returns 0, also for an unknown handle; -1 for a null one.
+    /// Closes a directory, as closedir(3). The result of Directory::closedir() is not reported.
+    ///
+    /// \returns 0, also for an unknown handle; -1 for null.
     virtual int closedir(void* handle);
-    /// open(2). \returns the lowest free descriptor of the table, or -1.
+    /// Opens a file, as open(2). Sets liberrno to Ok first.
+    ///
+    /// \returns the lowest free descriptor of the table, or -1.
     virtual int open(const char* path, int flags, int mode);
-    /// creat(2): open() for writing, created or cut to nothing.
+    /// Creates a file, as creat(2): open() with O_WRONLY | O_CREAT | O_TRUNC.
     virtual int creat(const char* path, int mode);
-    /// read(2).
+    /// Reads at the file position, as read(2).
     virtual int read(int fd, void* buf, unsigned int len);
-    /// write(2).
+    /// Writes at the file position, as write(2).
     virtual int write(int fd, const void* buf, unsigned int len);
-    /// pread(2).
+    /// Reads at `offset`, as pread(2).
     virtual int pread(int fd, void* buf, unsigned int len, long long offset);
-    /// pwrite(2).
+    /// Writes at `offset`, as pwrite(2).
     virtual int pwrite(int fd, const void* buf, unsigned int len, long long offset);
-    /// lseek(2).
+    /// Moves the file position, as lseek(2).
     virtual long long lseek(int fd, long long offset, int whence);
-    /// fstat(2).
+    /// Gets the status of an open file, as fstat(2).
     virtual int fstat(int fd, struct stat* st);
-    /// ftruncate(2).
+    /// Cuts or extends an open file, as ftruncate(2).
     virtual int ftruncate(int fd, long long length);
-    /// fsync(2).
+    /// Writes data and metadata of an open file to the medium, as fsync(2).
     virtual int fsync(int fd);
-    /// fdatasync(2).
+    /// Writes the data of an open file to the medium, as fdatasync(2).
     virtual int fdatasync(int fd);
-    /// fcntl(2) with exactly one further argument of one machine word: an integer or a pointer.
+    /// Controls an open file, as fcntl(2). Takes exactly one argument after `cmd`, of one machine
+    /// word: an integer or a pointer.
     virtual int fcntl(int fd, int cmd, ...);
-    /// flock(2).
+    /// Locks an open file, as flock(2).
     virtual int flock(int fd, int operation);
-    /// fchmod(2).
+    /// Changes the mode of an open file, as fchmod(2).
     virtual int fchmod(int fd, int mode);
-    /// close(2).
+    /// Closes a descriptor, as close(2).
     virtual int close(int fd);
-    /// File::ioctl() of the open file.
+    /// Calls File::ioctl() of the open file.
     virtual int ioctl(int fd, const QString& request, QString& response);
-    /// The type name of the FS.
+    /// Returns the type() of the FS.
     virtual QString type();
 
     virtual ~FDAdapter();
 
-    /// The adapter over FSSwitch::rootfs() as it was at the first call of this function. It lives
-    /// until the library is unloaded; any thread may call this.
+    /// Returns the process-wide adapter, for the switch that FSSwitch::rootfs() returned at the
+    /// first call of this function. A later FSSwitch::setRootfs() does not change it.
+    ///
+    /// The adapter lives until the process ends: destructors of static objects and detached threads
+    /// may use it. Any thread may call this function.
     static FDAdapter* rootfs();
 
 private:

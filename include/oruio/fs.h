@@ -1,18 +1,21 @@
-// The file-system interface: FS, File and Directory, which every storage backend implements.
-//
-// The operations are the POSIX calls of the same name. Unless a function says otherwise:
-//
-//  - it returns what the call returns: 0 or a count on success, -1 or null on failure, with the
-//    reason in errno (the system or the server refused) or in liberrno (the library refused);
-//  - it blocks until the storage has answered;
-//  - sizes and offsets are in bytes, modes and flags are those of the platform's <fcntl.h> and
-//    <sys/stat.h>;
-//  - paths are UTF-8 on their way to the system. A path that cannot cross to it fails with errno
-//    EINVAL (it contains a NUL) or EILSEQ (it is not valid UTF-16);
-//  - what it would have written through a reference or pointer is unspecified when it fails.
-//
-// The interface holds no locks. Whether one object may be used from several threads at once is
-// each backend's matter, and said there. liberrno and errno are per thread.
+/// \file
+/// The file-system interface: FS, File and Directory, which every storage backend implements.
+///
+/// Each operation mirrors the POSIX call that its comment names. Unless an operation or a backend
+/// documents otherwise:
+///
+/// - Result: that of the POSIX call: 0 or a count on success, -1 or null on failure.
+/// - Reason of a failure: in errno when the system or the server refused, in liberrno when the
+///   library refused (oruio/error.h).
+/// - Blocking: the call returns when the storage has answered.
+/// - Units: sizes and offsets are in bytes.
+/// - Modes and flags: those of `<fcntl.h>` and `<sys/stat.h>` on the platform.
+/// - Paths: passed to the system as UTF-8. A path with a NUL fails with errno EINVAL; a path that
+///   is not valid UTF-16 fails with errno EILSEQ.
+/// - Output parameters: unspecified after a failure.
+/// - "Not implemented": the operation fails with liberrno NotImplemented. errno stays unchanged.
+/// - Threads: the interface holds no lock. Each backend documents whether threads may share one
+///   object. errno and liberrno are per thread.
 #pragma once
 
 #include <oruio/export.h>
@@ -36,54 +39,77 @@ static_assert(sizeof(time_t) == sizeof(long),
 
 namespace oru::io {
 
-/// An open file. Closes itself when its last holder lets it go.
+/// An open file. Closes itself when the last reference to it is released.
 class ORUIO_EXPORT File {
 public:
     using SPtr = QSharedPointer<File>;
 
-    /// `type` is what type() answers.
+    /// `type` is the name that type() returns.
     explicit File(const QString& type);
 
-    /// read(2): up to `len` bytes at the file position, which moves. \returns the count, 0 at the
-    /// end of the file, or -1.
+    /// Reads up to `len` bytes at the file position and advances it, as read(2).
+    ///
+    /// \returns the number of bytes read, 0 at the end of the file, or -1.
     virtual int read(void* buf, unsigned int len) = 0;
-    /// write(2): up to `len` bytes at the file position, which moves. \returns the count or -1.
+    /// Writes up to `len` bytes at the file position and advances it, as write(2).
+    ///
+    /// \returns the number of bytes written, or -1.
     virtual int write(const void* buf, unsigned int len) = 0;
-    /// pread(2): as read(), at `offset`; the file position stays.
+    /// Reads up to `len` bytes at `offset`, as pread(2). The file position stays.
+    ///
+    /// \returns the number of bytes read, 0 at the end of the file, or -1.
     virtual int pread(void* buf, unsigned int len, long long offset) = 0;
-    /// pwrite(2): as write(), at `offset`; the file position stays.
+    /// Writes up to `len` bytes at `offset`, as pwrite(2). The file position stays.
+    ///
+    /// \returns the number of bytes written, or -1.
     virtual int pwrite(const void* buf, unsigned int len, long long offset) = 0;
-    /// lseek(2). `whence` is SEEK_SET, SEEK_CUR or SEEK_END. \returns the new position or -1.
+    /// Moves the file position, as lseek(2). `whence` is SEEK_SET, SEEK_CUR or SEEK_END.
+    ///
+    /// \returns the new position, or -1.
     virtual long long lseek(long long offset, int whence) = 0;
-    /// fstat(2).
+    /// Gets the status of the file, as fstat(2).
     virtual int fstat(struct stat& st) = 0;
-    /// ftruncate(2): cuts or extends the file to `length` bytes.
+    /// Cuts or extends the file to `length` bytes, as ftruncate(2).
     virtual int ftruncate(long long length) = 0;
-    /// fsync(2): returns when data and metadata are on the medium.
+    /// Writes data and metadata to the medium, as fsync(2). Returns when they are there.
     virtual int fsync() = 0;
-    /// fdatasync(2): as fsync(), without metadata that reading the data does not need.
+    /// As fsync(), without the metadata that reading the data does not need, as fdatasync(2).
     virtual int fdatasync() = 0;
-    /// fcntl(2) with exactly one further argument of one machine word: an integer or a pointer.
+    /// Controls the open file, as fcntl(2).
+    ///
+    /// Takes exactly one argument after `cmd`, of one machine word: an integer or a pointer.
     virtual int fcntl(int cmd, ...) = 0;
-    /// flock(2): LOCK_SH, LOCK_EX or LOCK_UN, optionally with LOCK_NB.
+    /// Locks the file, as flock(2). `operation` is LOCK_SH, LOCK_EX or LOCK_UN, optionally with
+    /// LOCK_NB.
     virtual int flock(int operation) = 0;
-    /// fchmod(2).
+    /// Changes the mode of the file, as fchmod(2).
     virtual int fchmod(int mode) = 0;
-    /// close(2). Closing again is harmless. The file is closed also when -1 is returned.
+    /// Closes the file, as close(2).
+    ///
+    /// The file is closed even if the result is -1. Closing it again has no effect.
     virtual int close() = 0;
-    /// A backend's own text request and its text answer.
+    /// Sends a request string that only the backend defines, and stores its answer in `response`.
+    ///
+    /// No backend of the library implements it: -1 with liberrno NotImplemented.
     virtual int ioctl(QString request, QString& response) = 0;
 
-    /// The bytes from the file position on, at most `maxSize` and at most the size that fstat()
-    /// tells.
+    /// Reads up to `maxSize` bytes, limited to the size that fstat() reports, with one read().
     ///
-    /// Makes a single read(): a read that fails or comes back short gives an empty array. So do
-    /// more bytes than an array holds (2 GiB, errno EFBIG) or than memory has (errno ENOMEM). An
-    /// empty file and a failure look alike; only errno and liberrno tell them apart.
+    /// Starts at the file position. Seek to the start of the file first: when fewer bytes follow
+    /// the position than are requested, the result is empty.
+    ///
+    /// \returns the bytes. An empty array for an empty file, and on failure:
+    /// - fstat() or read() failed, with its errno or liberrno;
+    /// - read() returned fewer bytes than requested, without a reason;
+    /// - errno EFBIG: more bytes than a QByteArray can hold (2 GiB);
+    /// - errno ENOMEM: not enough memory.
+    ///
+    /// Only errno and liberrno distinguish a failure from an empty file: clear both before the
+    /// call.
     virtual QByteArray readAll(unsigned int maxSize);
 
-    /// What kind of file it is: "PosixFile", "Smb2File" or "IPCFile", or what another class gives
-    /// the constructor. The reference lives as long as the file.
+    /// Returns the kind of file: "PosixFile", "Smb2File", "IPCFile", or what a derived class passed
+    /// to the constructor. The reference is valid as long as the file.
     virtual const QString& type();
 
     virtual ~File();
@@ -93,27 +119,31 @@ private:
     const QString m_type;
 };
 
-/// An open directory stream. Closes itself when its last holder lets it go.
+/// An open directory stream. Closes itself when the last reference to it is released.
 class ORUIO_EXPORT Directory {
 public:
     using SPtr = QSharedPointer<Directory>;
 
-    /// `type` is what type() answers.
+    /// `type` is the name that type() returns.
     explicit Directory(QString type);
 
-    /// readdir(3). \returns the next entry, valid until the next call on this directory, or null
-    /// at the end and on failure. At the end errno stays as it was over the local backend, is
-    /// ENOENT on a share, and -1 over IPC, where it is the same after a failure of the server's
-    /// file system.
+    /// Returns the next entry, as readdir(3). It is valid until the next call on this directory.
+    ///
+    /// \returns null at the end and on failure. At the end errno depends on the backend:
+    /// - local: unchanged;
+    /// - share: ENOENT;
+    /// - IPC: -1, the same as after a failure of the server's file system.
     virtual struct dirent* readdir() = 0;
-    /// rewinddir(3): the next readdir() starts from the beginning.
+    /// Starts again from the first entry, as rewinddir(3).
     virtual int rewinddir() = 0;
-    /// closedir(3). Afterwards readdir() answers null.
+    /// Closes the directory, as closedir(3). readdir() returns null afterwards.
     virtual int closedir() = 0;
-    /// A backend's own text request and its text answer.
+    /// Sends a request string that only the backend defines, and stores its answer in `response`.
+    ///
+    /// No backend of the library implements it: -1 with liberrno NotImplemented.
     virtual int ioctl(QString request, QString& response) = 0;
-    /// What kind of directory it is: "PosixDirectory", "Smb2Directory" or "IPCDirectory", or what
-    /// another class gives the constructor.
+    /// Returns the kind of directory: "PosixDirectory", "Smb2Directory", "IPCDirectory", or what a
+    /// derived class passed to the constructor.
     virtual QString type();
 
     virtual ~Directory();
@@ -128,62 +158,79 @@ class ORUIO_EXPORT FS {
 public:
     using SPtr = QSharedPointer<FS>;
 
-    /// `type` is what type() answers.
+    /// `type` is the name that type() returns.
     explicit FS(QString type);
 
-    /// Asks for notice of changes under `path`. No backend provides it yet.
+    /// Requests notification of changes below `path`.
+    ///
+    /// No backend of the library implements it: -1 with liberrno NotImplemented.
     virtual int addWatch(QString path) = 0;
-    /// Ends addWatch().
+    /// Cancels addWatch(). No backend of the library implements it.
     virtual int remWatch(QString path) = 0;
-    /// open(2). `mode` counts only when `flags` create the file. \returns the open file or null.
+    /// Opens a file, as open(2). `mode` is used only when `flags` create the file.
+    ///
+    /// \returns the open file, or null.
     virtual QSharedPointer<File> open(QString path, int flags, int mode) = 0;
-    /// opendir(3). \returns the open directory; backends say whether they return null on failure.
+    /// Opens a directory, as opendir(3).
+    ///
+    /// \returns the open directory. On failure null, or a directory that is not open: each backend
+    /// documents which.
     virtual QSharedPointer<Directory> opendir(QString path) = 0;
-    /// lstat(2): as stat(), of a symbolic link itself.
+    /// Gets the status of a file, as lstat(2): of a symbolic link itself.
     virtual int lstat(QString path, struct stat& st) = 0;
-    /// stat(2).
+    /// Gets the status of a file, as stat(2).
     virtual int stat(QString path, struct stat& st) = 0;
-    /// statfs(2).
+    /// Gets the status of the file system, as statfs(2).
     virtual int statfs(QString path, struct statfs& st) = 0;
-    /// link(2).
+    /// Makes a hard link, as link(2).
     virtual int link(QString oldPath, QString newPath) = 0;
-    /// unlink(2).
+    /// Removes a file, as unlink(2).
     virtual int unlink(QString path) = 0;
-    /// mkdir(2).
+    /// Makes a directory, as mkdir(2).
     virtual int mkdir(QString path, int mode) = 0;
-    /// rmdir(2).
+    /// Removes an empty directory, as rmdir(2).
     virtual int rmdir(QString path) = 0;
-    /// rename(2). It outlives a power cut once the file has been synced under its new name, and
-    /// then the directory: what FAT file systems keep under the new name is empty until then.
+    /// Renames a file or directory, as rename(2).
+    ///
+    /// To make the new name survive a power cut, call fsync() on the file under its new name, then
+    /// on its directory. Until then a FAT file system may hold an empty file under the new name.
     virtual int rename(QString oldPath, QString newPath) = 0;
-    /// sync(2).
+    /// Writes everything to the medium, as sync(2).
     virtual void sync() = 0;
-    /// getxattr(2). \returns the size of the value; with a `size` of 0, without storing it.
+    /// Gets an extended attribute, as getxattr(2).
+    ///
+    /// \returns the size of the value, or -1. With a `size` of 0 nothing is stored.
     virtual int getxattr(QString path, QString name, void* value, unsigned int size) = 0;
-    /// setxattr(2).
+    /// Sets an extended attribute, as setxattr(2).
     virtual int setxattr(QString path, QString name, void* value, unsigned int size, int flags) = 0;
-    /// removexattr(2).
+    /// Removes an extended attribute, as removexattr(2).
     virtual int removexattr(QString path, QString name) = 0;
-    /// As the other form, with the names appended to `names`; backends say whether empty texts
-    /// follow them. \returns the size that the list of the other form has.
+    /// Lists the names of the extended attributes, as listxattr(2), and appends them to `names`.
+    ///
+    /// Each backend documents whether empty strings follow them.
+    ///
+    /// \returns the size in bytes of the list that the other form stores, or -1.
     virtual int listxattr(QString path, QVector<QString>& names) = 0;
-    /// listxattr(2): NUL-terminated names, one behind the other. \returns the size of the list;
-    /// with a `size` of 0, without storing it.
+    /// Lists the names of the extended attributes, as listxattr(2): each ends with a NUL.
+    ///
+    /// \returns the size of the list in bytes, or -1. With a `size` of 0 nothing is stored.
     virtual int listxattr(QString path, char* list, unsigned int size) = 0;
-    /// symlink(2). `target` is stored as it is.
+    /// Makes a symbolic link, as symlink(2). `target` is stored unchanged.
     virtual int symlink(QString target, QString linkPath) = 0;
-    /// readlink(2) into a text.
+    /// Reads the target of a symbolic link into `target`, as readlink(2).
     virtual int readlink(QString path, QString& target) = 0;
-    /// readlink(2): no terminating NUL is added.
+    /// Reads the target of a symbolic link into `buf`, as readlink(2). Adds no terminating NUL.
     virtual int readlink(QString path, char* buf, unsigned int size) = 0;
-    /// truncate(2).
+    /// Cuts or extends a file to `length` bytes, as truncate(2).
     virtual int truncate(QString path, long long length) = 0;
-    /// chmod(2).
+    /// Changes the mode of a file, as chmod(2).
     virtual int chmod(QString path, int mode) = 0;
-    /// A backend's own text request and its text answer.
+    /// Sends a request string that only the backend defines, and stores its answer in `response`.
+    ///
+    /// No backend of the library implements it: -1 with liberrno NotImplemented.
     virtual int ioctl(QString request, QString& response) = 0;
-    /// What kind of file system it is: "PosixFS", "NFS", "Smb2FS", "IPCFS", or "FSSwitchFS" for an
-    /// FSSwitch, or what another class gives the constructor.
+    /// Returns the kind of file system: "PosixFS", "NFS", "Smb2FS", "IPCFS", "FSSwitchFS" (an
+    /// FSSwitch), or what a derived class passed to the constructor.
     virtual QString type();
 
     virtual ~FS();

@@ -1,5 +1,12 @@
-// The file service between processes, client side: another process's file system as an FS, and the
-// shared-memory block through which the two ends meet.
+/// \file
+/// The file service between processes, client side: the file system of another process as an FS,
+/// and the shared memory between client and server.
+///
+/// \code
+/// IPCFS files;
+/// if (files.connect(3, nullptr) != 0)
+///     fprintf(stderr, "no server: %s\n", oru::io::strerror());
+/// \endcode
 #pragma once
 
 #include <oruio/fs.h>
@@ -13,63 +20,77 @@
 
 namespace oru::io {
 
-/// A named block of POSIX shared memory with a header and a robust, process-shared mutex.
+/// A named block of POSIX shared memory: a header with a robust, process-shared mutex, then the
+/// user data.
 ///
-/// The object is named "/_blk_" and the block's name, and is as large as the user data and 40 bytes
-/// more: those of the header in front (32 on the target) and an unused tail. Where the platform's
-/// mutex is larger than the target's, the header takes what is missing from the end of the user
-/// data: 16 bytes on x86-64.
+/// - The object is named "/_blk_" followed by the name of the block.
+/// - It is 40 bytes larger than the user data. On the target the header has 32 of them; the other 8
+///   follow the user data, unused.
+/// - Where the mutex of the platform is larger than that of the target, so is the header. The end
+///   of the user data is then shorter by what the 40 bytes lack: by 16 bytes on x86-64.
 ///
-/// Threads: any thread may use a block; whoever has locked it unlocks it again, and a thread must
-/// not end or lose the block while it holds the lock.
+/// Threads: any thread may use a block. The thread that locked a block must unlock it. While it
+/// holds the lock, it must not end and the block must not be destroyed.
 class ORUIO_EXPORT ShmBlock {
 public:
-    /// Create the object when there is none, and initialise it anew when its header is not valid.
+    /// Create the object if it does not exist. Initialise it if its header is not valid.
     static constexpr unsigned int Create = 1;
-    /// Remove the object with this block.
+    /// Remove the object in the destructor.
     static constexpr unsigned int RemoveAtClose = 2;
 
-    /// Opens the object, and with Create makes it, for `size` bytes of user data; `flags` are
-    /// Create and RemoveAtClose. Without Create, waits up to 10 ms for it to appear. Whether it
-    /// worked, isValid() says; failures to create or map go to standard error as of perror(3). An
-    /// object of this size that is of a program of another word size is neither opened nor made
-    /// anew: EBUSY.
-    /// Mirrors shm_open(3), ftruncate(2) and mmap(2).
+    /// Opens the object with `size` bytes of user data: shm_open(3), ftruncate(2), mmap(2).
+    ///
+    /// `flags` is 0 or a combination of Create and RemoveAtClose. isValid() returns whether it
+    /// worked. A failure to create or map the object is printed on standard error, as by perror(3).
+    ///
+    /// - Without Create: waits up to 10 ms for the object to appear.
+    /// - With Create: waits up to 1 s for another process that initialises the same object.
+    /// - An object of this size that belongs to a program of another ABI (32- or 64-bit) is not
+    ///   opened. With Create it is not initialised either, and errno is EBUSY.
     ShmBlock(const char* name, unsigned int size, unsigned int flags);
-    /// Unmaps the block, after removing the object if that was asked for and nobody else did.
+    /// Unmaps the block. With RemoveAtClose, removes the object before, unless it has been removed.
     ~ShmBlock();
 
-    /// Whether the block is mapped and its header intact.
+    /// Returns whether the block is mapped and its header is valid.
     bool isValid() const;
-    /// The address of the mapping, null when there is none.
+    /// Returns the address of the mapping, or null.
     void* base() const;
 
-    /// Takes the block's mutex, within 10 s. A holder that died is no obstacle. \returns the user
-    /// data, or null when the block is not valid, also by the time it is locked, or still locked.
+    /// Locks the mutex, waiting up to 10 s. Recovers it from a holder that has died.
+    ///
+    /// \returns the user data, or null:
+    /// - the mutex is still locked by another holder;
+    /// - the block is not valid, or was no longer valid when the mutex was locked.
     void* lock();
     /// As lock(), without waiting.
     void* tryLock();
-    /// Releases the mutex. \returns 0, or the error of pthread_mutex_unlock(3), which is EPERM for
-    /// a thread that has not locked it. Of a block that is not valid, always 0.
+    /// Unlocks the mutex.
+    ///
+    /// \returns 0, or the error number of pthread_mutex_unlock(3): EPERM for a thread that has not
+    /// locked it. Always 0 for a block that is not valid.
     int unlock();
 
     /// Makes the destructor remove the object.
     void removeAtClose();
-    /// Removes the object at once: its name is free, and no further process can open or lock it.
-    /// An object that has got the name meanwhile keeps it. Only for the holder of the lock.
-    /// \returns whether that worked; if not, all is as it was and errno says why, as of
-    /// shm_unlink(3).
+    /// Removes the object at once: its name is free, and no process can open or lock it any more.
+    ///
+    /// Only the holder of the lock may call it. If another object has taken the name, that one is
+    /// kept.
+    ///
+    /// \retval true removed
+    /// \retval false nothing has changed; errno is that of shm_unlink(3)
     bool remove();
 
-    /// The time on CLOCK_REALTIME in `ms` milliseconds. A full second of nanoseconds is carried
-    /// only when there is more than that, so that tv_nsec can be 1,000,000,000.
+    /// Returns the time on CLOCK_REALTIME `ms` milliseconds from now.
+    ///
+    /// tv_nsec can be 1,000,000,000: nanoseconds are carried only above a full second.
     static struct timespec abstime(int ms);
 
-    /// Holds a block locked and gives its user data as a T.
+    /// Locks a block for its own lifetime and gives access to the user data as a T.
     template <class T>
     class Access {
     public:
-        /// Locks the block, and keeps it from being closed.
+        /// Locks the block and holds a reference to it, so that it stays mapped.
         explicit Access(QSharedPointer<ShmBlock> block)
             : m_block(std::move(block)), m_data(m_block ? m_block->lock() : nullptr) {}
         ~Access() {
@@ -77,11 +98,11 @@ public:
                 m_block->unlock();
         }
 
-        /// The user data, null when the block could not be locked.
+        /// Returns the user data, or null when the block could not be locked.
         T* data() const {
             return static_cast<T*>(m_data);
         }
-        /// The block.
+        /// Returns the block.
         const QSharedPointer<ShmBlock>& block() const {
             return m_block;
         }
@@ -110,32 +131,41 @@ private:
     void* m_base = nullptr;
     unsigned int m_size;
     unsigned int m_flags;
-    int m_descriptor = 0; // of the object that this block has made; 0 is none
-    ino_t m_object = 0;   // which object is mapped
+    int m_descriptor = 0; // of the object, if this block created it; else 0
+    ino_t m_object = 0;   // inode of the mapped object
 };
 
-/// The user data of the file service's block: mutexes and semaphores, the texts of one request and
-/// one response, and two data buffers of 1 MiB. Exists in shared memory only.
+/// The user data of the block that client and server of the file service share.
 ///
-/// Threads and processes: any may call any function at the same time.
+/// It holds mutexes and semaphores, one request, one response, and two data buffers of 1 MiB. It
+/// exists in shared memory only.
+///
+/// Threads: any thread of any process may call any function at any time.
 class ORUIO_EXPORT IPCShm {
 public:
-    /// The size of the area, in bytes.
+    /// Returns the size of the area in bytes.
     static unsigned int size();
-    /// The hexadecimal number in the environment variable IO_IPCDBG, 0 without one. Of its bits, 1
-    /// traces requests in the server, 2 in the client, and 4 logs how sessions begin and end.
+    /// Returns the hexadecimal number in the environment variable IO_IPCDBG, 0 without one.
+    ///
+    /// Its bits select what is logged: 1 requests in the server, 2 requests in the client, 4 the
+    /// beginning and end of sessions.
     static unsigned int debugMask();
-    /// Sets `*ts` to CLOCK_REALTIME in `ms` milliseconds. \returns `ts`.
+    /// Sets `*ts` to the time on CLOCK_REALTIME `ms` milliseconds from now. \returns `ts`.
     static struct timespec* setTimeout(struct timespec* ts, unsigned long long ms);
 
-    /// The data buffer `index`, null unless that is 0 or 1.
+    /// Returns data buffer `index`, or null when `index` is not 0 or 1.
     void* databufAddr(int index);
-    /// Reserves a free data buffer, waiting up to `timeout` seconds for one. \returns its index, or
-    /// -1 with errno ETIMEDOUT when none became free, EAGAIN when buffers were given back that
-    /// nobody had.
+    /// Reserves a free data buffer, waiting up to `timeout` seconds for one.
+    ///
+    /// \returns the index of the buffer, or -1 with errno:
+    /// - ETIMEDOUT: no buffer became free in time;
+    /// - EAGAIN: no buffer is free although the semaphore counted one.
     int allocDataBuf(unsigned int timeout);
-    /// Releases data buffer `index`. \returns 0; -1 with errno EINVAL when that is not 0 or 1, and
-    /// with ETIMEDOUT when the buffers stay locked for 10 s.
+    /// Releases data buffer `index`.
+    ///
+    /// \returns 0, or -1 with errno:
+    /// - EINVAL: `index` is not 0 or 1;
+    /// - ETIMEDOUT: the buffers stayed locked for 10 s.
     int freeDataBuf(int index);
 
 private:
@@ -146,50 +176,67 @@ private:
 
 /// The file system that an IPCServer in another process serves.
 ///
-/// Every operation is one request to the server, and fails with errno ENOTCONN while there is no
-/// session. The session ends with disconnect(), when the server goes away, when it has not answered
-/// within 10 s, and with any answer whose errno is ENOTCONN or ESHUTDOWN, such as that of a served
-/// file system that has lost a connection of its own; connect() then begins a new one. Files and
-/// directories belong to the session that opened them: in a later one they answer EBADF. They may
-/// outlive the IPCFS.
+/// Sessions:
 ///
-/// Of a file, read(), write(), pread() and pwrite() carry at most 1 MiB and come back short when
-/// asked for more, so that readAll() of more than that is empty. fchmod() is flock() with the mode
-/// for its operation. fcntl() takes locks (F_SETLK, F_SETLKW) for the server's process; F_GETLK
-/// does not tell which lock it found: the record stays as it was. F_DUPFD, F_DUPFD_CLOEXEC,
-/// F_GETFD, F_SETFD, F_GETFL and F_SETFL change nothing and give 0 for any file that is open in the
-/// server; other commands fail with errno EOPNOTSUPP.
+/// - connect() begins a session. Only one IPCFS on the system can be connected at a time.
+/// - Every operation is one request to the server. Without a session it fails with errno ENOTCONN.
+/// - The session ends:
+///   - with disconnect();
+///   - when the server ends;
+///   - when the server has not answered a request within 10 s;
+///   - with an answer whose errno is ENOTCONN or ESHUTDOWN, such as when a served share has lost
+///     its connection.
+/// - A file or directory belongs to the session that opened it. In a later session it fails with
+///   errno EBADF. It may outlive the IPCFS.
 ///
-/// One IPCFS at a time can be connected, of those in all processes. Extended attributes, watches
-/// and ioctl() are not implemented.
+/// Open files:
 ///
-/// Threads: the request area holds one request, so calls on an IPCFS and on its files and
-/// directories must not overlap; callers serialise them. The thread that connects holds a lock for
-/// the whole session: it should live as long, and be the one that disconnects. When it ends before,
-/// another client may take the session's place, and the server, which looks every 30 s, makes it
-/// free; this client then answers ENOTCONN. When the session ends on another thread, others can
-/// connect only after the thread that connected has ended or connected anew. A child of fork(2) has
-/// no part in the session, also when its parent is no more.
+/// - read(), write(), pread() and pwrite() transfer at most 1 MiB. When asked for more, they return
+///   a short count; readAll() of more than 1 MiB is therefore empty.
+/// - fchmod() calls flock() in the server, with the mode as the operation.
+/// - fcntl() with F_SETLK or F_SETLKW takes locks on behalf of the server process.
+/// - fcntl() with F_GETLK does not report the lock that it found: the record stays unchanged.
+/// - fcntl() with F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL or F_SETFL has no effect. It
+///   returns 0 if the file is open in the server.
+/// - fcntl() with other commands fails with errno EOPNOTSUPP.
 ///
-/// Time-outs are measured on CLOCK_REALTIME: setting it forward cuts them short, setting it back
-/// makes them longer.
+/// Extended attributes, watches and ioctl() are not implemented.
+///
+/// Threads:
+///
+/// - Calls on an IPCFS and on its files and directories must not overlap: the callers serialise
+///   them. The shared memory has room for one request.
+/// - The thread that calls connect() holds a lock for the whole session. It should live as long as
+///   the session, and be the one that calls disconnect().
+/// - When that thread ends before the session, another client may take over. The server checks
+///   every 30 s and frees the place. This client then fails with errno ENOTCONN.
+/// - When another thread ends the session, clients can connect only after the connecting thread has
+///   ended or connected again.
+/// - A child of fork(2) has no part in the session, even after its parent has ended.
+///
+/// Time-outs are measured on CLOCK_REALTIME: setting the clock forward shortens them, setting it
+/// back extends them.
 class ORUIO_EXPORT IPCFS : public FS {
 public:
     using SPtr = QSharedPointer<IPCFS>;
 
-    /// Not connected.
+    /// Makes a file system that is not connected.
     IPCFS();
 
     /// Not implemented.
     int addWatch(QString path) override;
     /// Not implemented.
     int remWatch(QString path) override;
-    /// A file of descriptor 0 in the server cannot be used: its operations answer EBADF.
+    /// Opens a file. If the server assigns descriptor 0, the operations of the file fail with errno
+    /// EBADF.
     QSharedPointer<File> open(QString path, int flags, int mode) override;
-    /// Null when the request failed or the server's file system gave no directory. Over a server's
-    /// local backend a directory that cannot be opened is an empty one, and errno tells why. Its
-    /// readdir() leaves -1 in errno at the end, and also when the server's file system cannot go
-    /// on.
+    /// Opens a directory.
+    ///
+    /// When a PosixFS in the server cannot open the directory, the result is an empty directory and
+    /// errno holds the reason. readdir() sets errno to -1 at the end of a directory, and when the
+    /// server's file system fails.
+    ///
+    /// \returns null when the request failed or the server's file system returned no directory.
     QSharedPointer<Directory> opendir(QString path) override;
     int lstat(QString path, struct stat& st) override;
     int stat(QString path, struct stat& st) override;
@@ -211,9 +258,9 @@ public:
     /// Not implemented.
     int listxattr(QString path, char* list, unsigned int size) override;
     int symlink(QString target, QString linkPath) override;
-    /// `target` stays as it was when the call fails.
+    /// Reads the target of a symbolic link. `target` is unchanged after a failure.
     int readlink(QString path, QString& target) override;
-    /// What is left of `buf` behind the target is filled with NULs.
+    /// Reads the target of a symbolic link. Fills the rest of `buf` after it with NULs.
     int readlink(QString path, char* buf, unsigned int size) override;
     int truncate(QString path, long long length) override;
     int chmod(QString path, int mode) override;
@@ -224,21 +271,29 @@ public:
     ~IPCFS() override;
 
     /// Begins a session, in up to `tries` attempts, with a pause of 1 s after each that failed.
-    /// `props` is not read and may be null. \returns 0 when connected, also if it was before, else
-    /// -1 with errno ENOTCONN, or why the server refused. An attempt takes up to 40 s: 10 s each
-    /// for the block, for the last request of a former session, for the end of that session, and
-    /// for the server's answer.
+    ///
+    /// `props` is not read and may be null. An attempt takes up to 40 s, 10 s for each of these:
+    /// - the lock of the block;
+    /// - the last request of a former session;
+    /// - the end of that session;
+    /// - the answer of the server.
+    ///
+    /// \returns 0 when connected, also if it was connected before; else -1 with errno ENOTCONN or
+    /// the errno of the server's answer.
     virtual int connect(unsigned int tries, Properties* props);
     /// Ends the session, if there is one. Returns when the server has closed all that the session
-    /// had open; does not wait longer than 10 s for the block, and as long for the server.
-    /// \returns 0.
+    /// opened.
+    ///
+    /// Waits up to 10 s for the lock of the block, and up to 10 s for the server.
+    ///
+    /// \returns always 0.
     virtual int disconnect();
-    /// Whether there is a session, as far as the last call could tell.
+    /// Returns whether there was a session after the last call. Sends no request.
     virtual bool isConnected();
-    /// 1 when connected, else 0.
+    /// Returns 1 when isConnected(), else 0.
     virtual int state();
 
-    /// The session. The library's own.
+    /// The session. Internal.
     class ORUIO_LOCAL Data;
 
 private:

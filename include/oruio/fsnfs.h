@@ -1,11 +1,12 @@
-// The NFS backend: an export of an NFS server as an FS.
-//
-// The system's own client does the work: connect() has the maintenance program mount the export on
-// a local directory, and every operation on paths, files and directories is that of a local
-// directory. While nothing is mounted, they act on the directory itself.
-//
-// Threads: no locks. Let one thread connect and disconnect; operations of others meanwhile see
-// whatever is mounted at that moment.
+/// \file
+/// The NFS backend: an export of an NFS server as an FS.
+///
+/// connect() runs the maintenance program (oruio/sysutils.h), which mounts the export on a local
+/// directory. Operations on paths, files and directories are those of PosixFS on that directory.
+/// While nothing is mounted, they act on the directory itself.
+///
+/// Threads: the backend has no locks. Only one thread may connect and disconnect. Operations on
+/// other threads at that time use what is mounted at that moment.
 #pragma once
 
 #include <oruio/posixfs.h>
@@ -18,35 +19,43 @@ class ORUIO_EXPORT NFS : public PosixFS {
 public:
     using SPtr = QSharedPointer<NFS>;
 
-    /// Not connected. `mountPoint` is the directory that the export gets mounted on; it has to
-    /// exist by connect(), and disconnect() finds it only if it is spelled as umountPath() says;
-    /// but slashes at its end do no harm.
+    /// Makes a file system that is not connected.
+    ///
+    /// `mountPoint` is the directory to mount the export on. It must exist when connect() is
+    /// called, and be spelled as umountPath() requires. Slashes at its end are allowed.
     explicit NFS(QString mountPoint);
-    /// Disconnects.
+    /// Calls disconnect().
     ~NFS() override;
 
     /// Not implemented.
     int ioctl(QString request, QString& response) override;
 
-    /// Mounts an export, after disconnect(). Takes as long as the maintenance program does.
+    /// Mounts an export, after disconnect(). Blocks as long as the maintenance program runs.
     ///
-    /// Reads of `props`: "target", the export (server:/path); "readonly", true to mount it so;
-    /// "cmd_opts", the mount options as nfs(5) has them (there are none by default: without "soft"
-    /// and a short "timeo" a server that is gone blocks whoever uses its files). disconnect() hands
-    /// all of `props` to umountPath().
-    /// \returns 0; else the exit status of the maintenance program, or -1 when that could not be
-    /// started or was ended by a signal. Why is in the log.
+    /// Keys in `props`:
+    /// - "target": the export, as `server:/path`.
+    /// - "readonly": true to mount it read-only.
+    /// - "cmd_opts": the mount options of nfs(5), none by default. Without "soft" and a short
+    ///   "timeo", calls block as long as the server does not answer.
+    ///
+    /// disconnect() passes all of `props` to umountPath().
+    ///
+    /// \returns 0 on success, else a failure, whose reason is in the log:
+    /// - the exit status of the maintenance program, when it is not 0;
+    /// - -1: the program could not be started, or was killed by a signal.
     virtual int connect(Properties props);
-    /// Unmounts whatever is mounted on the directory, also by others. \returns what umountPath()
-    /// does: 0, or -1 with errno; it then is still connected.
+    /// Unmounts all that is mounted on the directory, also what other processes have mounted.
+    ///
+    /// \returns the result of umountPath(): 0, or -1 with errno. After -1 it is still connected.
     virtual int disconnect();
-    /// Whether it is connected and its directory answers stat(2), which without the option "soft"
-    /// may block for as long as the server is gone. Whether somebody else has unmounted it is not
-    /// seen.
+    /// Returns whether connect() has succeeded and stat(2) on the directory succeeds.
+    ///
+    /// Without the mount option "soft", stat(2) may block as long as the server does not answer. An
+    /// unmount by another process is not noticed.
     virtual bool isConnected();
 
 private:
-    Properties connectProps; // of the connection; empty when there is none
+    Properties connectProps; // those of connect(); empty when not connected
 };
 
 } // namespace oru::io

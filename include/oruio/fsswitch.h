@@ -1,6 +1,13 @@
-// The mount switch: joins file systems under absolute mount points into one namespace.
-//
-// Which file systems stand where is the application's decision; the library mounts nothing.
+/// \file
+/// The mount switch: joins file systems under absolute mount points into one namespace.
+///
+/// The application decides which file system is mounted where. The library adds no mount points by
+/// itself, and adding one does not call mount(2).
+///
+/// \code
+/// FSSwitch::rootfs()->add("/media/card", PosixFS::SPtr::create("/mnt/sd1"));
+/// File::SPtr clip = FSSwitch::rootfs()->open("/media/card/clip.mov", O_RDONLY, 0);
+/// \endcode
 #pragma once
 
 #include <oruio/fs.h>
@@ -11,27 +18,34 @@
 
 namespace oru::io {
 
-/// One row of a mount table.
+/// One entry of a mount table.
 struct FSEntry {
-    QString mountPoint;    ///< absolute, always with a slash at the end
+    QString mountPoint;    ///< absolute, ends with a slash
     QSharedPointer<FS> fs; ///< what is mounted there
 };
 
 /// An FS that forwards each operation to the file system mounted for its path.
 ///
-/// A forwarded operation returns what the mounted file system returns, and holds a reference to it
-/// until then: removing a mount never pulls it away from under a call. Where nothing is mounted for
-/// the path, the result is -1 or null with liberrno NotFound and errno untouched. liberrno is set
-/// to 0 or NotFound by the lookup of every call.
+/// Forwarding:
 ///
-/// Of several mount points that fit a path, the one that stands latest in the table serves it. A
-/// new mount point is inserted behind the first one that is shorter than itself, so this is
-/// usually, but not always, the longest: after mounting /, /a/ and /a/b/ in this order, /a/ serves
-/// /a/b/x. Mount longer mount points first where it matters.
+/// - The lookup of the path sets liberrno to Ok or NotFound.
+/// - When nothing is mounted for the path, the result is -1 or null with liberrno NotFound. errno
+///   stays.
+/// - Otherwise the result is that of the mounted file system. The call holds a reference to it
+///   until it returns: remove() on another thread does not destroy it during the call.
 ///
-/// Threads: all operations may be called from any thread. No lock is held during a forwarded call,
-/// except that sync() holds the table's mutex: a mounted file system's sync() must not call back
-/// into the same switch.
+/// Which mount point serves a path:
+///
+/// - A mount point serves its own path, with or without the slash at the end, and all paths below.
+/// - When several mount points fit, the last one in the table serves the path.
+/// - add() inserts a mount point after the first one that is shorter, or at the start of the table.
+///   So the last one that fits is usually the longest, but not always: after adding `/`, `/a/` and
+///   `/a/b/` in this order, `/a/` serves `/a/b/x`.
+/// - Add longer mount points first where this matters.
+///
+/// Threads: any thread may call any operation. No lock is held during a forwarded call, with one
+/// exception: sync() holds the lock of the table. So sync() of a mounted file system must not call
+/// the same switch.
 class ORUIO_EXPORT FSSwitch : public FS {
 public:
     using SPtr = QSharedPointer<FSSwitch>;
@@ -49,22 +63,34 @@ public:
     int lstat(QString path, struct stat& st) override;
     int stat(QString path, struct stat& st) override;
     int statfs(QString path, struct statfs& st) override;
-    /// Both paths must be served by the same mount; else -1 with errno untouched, and liberrno as
-    /// the lookup of `newPath` left it.
+    /// Makes a hard link within one mount. Fails across mounts as rename() does.
     int link(QString oldPath, QString newPath) override;
     int unlink(QString path) override;
     int mkdir(QString path, int mode) override;
     int rmdir(QString path) override;
-    /// As link(). A rename across mounts is never turned into a copy.
+    /// Renames within one mount. Never copies.
+    ///
+    /// When the paths belong to different mounts, the result is -1 without a reason: errno stays,
+    /// and liberrno is Ok. (It is NotFound only when nothing is mounted for `newPath`.) So compare
+    /// the file systems of both paths first. When they differ, copy the file and remove the old
+    /// one:
+    ///
+    /// \code
+    /// const bool isSameMount = io->getFS(from, nullptr) == io->getFS(to, nullptr);
+    /// const int result = isSameMount ? io->rename(from, to) : copyAndRemove(from, to);
+    /// \endcode
+    ///
+    /// An FS object that is mounted at two mount points counts as two mounts for rename(), but not
+    /// in this comparison.
     int rename(QString oldPath, QString newPath) override;
-    /// Calls sync() of every mounted file system, in table order.
+    /// Calls sync() of each mounted file system, in table order.
     void sync() override;
     int getxattr(QString path, QString name, void* value, unsigned int size) override;
     int setxattr(QString path, QString name, void* value, unsigned int size, int flags) override;
     int removexattr(QString path, QString name) override;
     int listxattr(QString path, QVector<QString>& names) override;
     int listxattr(QString path, char* list, unsigned int size) override;
-    /// `linkPath` decides the mount; `target` is passed on as it is.
+    /// Makes a symbolic link in the mount of `linkPath`. `target` is passed on unchanged.
     int symlink(QString target, QString linkPath) override;
     int readlink(QString path, QString& target) override;
     int readlink(QString path, char* buf, unsigned int size) override;
@@ -73,22 +99,32 @@ public:
     /// Not implemented.
     int ioctl(QString request, QString& response) override;
 
-    /// Mounts `fs` at `mountPoint`. A missing slash at the end is added; nothing else is
-    /// normalised. Where something is mounted already, it stays and `fs` is ignored. A mount point
-    /// that does not begin with a slash, or a null `fs`, is logged and ignored.
+    /// Mounts `fs` at `mountPoint`, an absolute path.
+    ///
+    /// A missing slash at the end is added; nothing else is normalised. The call has no effect
+    /// when:
+    /// - `mountPoint` does not begin with a slash (logged at level 12);
+    /// - `fs` is null (logged at level 12);
+    /// - a file system is mounted there already: it stays.
     virtual void add(QString mountPoint, QSharedPointer<FS> fs);
-    /// Unmounts what add() mounted at `mountPoint`, if anything. Calls under way go on.
+    /// Unmounts what add() mounted at `mountPoint`, if anything. Calls in progress continue.
     virtual void remove(QString mountPoint);
-    /// The file system that serves `path`, or null (liberrno NotFound). When found and `rest` is
-    /// given, `*rest` receives the path within that file system, which begins with a slash.
+    /// Returns the file system that serves `path`, or null with liberrno NotFound.
+    ///
+    /// Stores the path within that file system in `*rest`, unless `rest` is null. It begins with a
+    /// slash.
     virtual QSharedPointer<FS> getFS(QString path, QString* rest);
-    /// Every mount point of this very object, with the slash at its end, in table order.
+    /// Returns all mount points of the object `fs`, in table order, each with a slash at the end.
     virtual QStringList getMountPoints(QSharedPointer<FS> fs);
 
-    /// The process-wide switch, created empty on first use. Any thread may call it.
+    /// Returns the process-wide switch, which is created empty on first use.
+    ///
+    /// It lives until the process ends, unless it is replaced. Any thread may call this function.
     static QSharedPointer<FSSwitch> rootfs();
-    /// Replaces the process-wide switch; null makes the next rootfs() create a new one. Who has
-    /// got the old one keeps it, FDAdapter::rootfs() among them. Any thread may call it.
+    /// Replaces the process-wide switch. With null the next rootfs() creates a new one.
+    ///
+    /// A holder of the old switch keeps it: FDAdapter::rootfs() is one, once it has been called.
+    /// Any thread may call this function.
     static void setRootfs(QSharedPointer<FSSwitch>& fs);
 
 private:

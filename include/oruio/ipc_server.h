@@ -1,5 +1,14 @@
-// The file service between processes, server side: exports a file system to one client process at
-// a time, which reaches it through IPCFS (oruio/fsipc.h).
+/// \file
+/// The file service between processes, server side. One client process at a time uses the served
+/// file system through IPCFS (oruio/fsipc.h).
+///
+/// \code
+/// IPCServer server(FSSwitch::rootfs());
+/// std::thread service([&] { server.run(nullptr); });
+/// // ... and when the application ends:
+/// server.terminate();
+/// service.join();
+/// \endcode
 #pragma once
 
 #include <oruio/fs.h>
@@ -9,43 +18,53 @@
 
 namespace oru::io {
 
-/// Serves one FS through shared memory. There is one service on a system; a second server refuses
-/// to run while the first one lives.
+/// Serves one FS through shared memory. Only one server runs on a system at a time.
 ///
-/// Requests are carried out one at a time, on the thread in run(): the FS sees one call at a time,
-/// and one that does not return stops the service.
+/// The thread in run() carries out one request at a time: it makes one call on the FS at a time. A
+/// call that does not return stops the service.
 ///
-/// Threads: run() takes one thread for the server's life, which the application provides; the other
-/// functions may be called from any thread. A signal or exception must not end the thread in run().
+/// Threads: the application provides the thread that calls run(). It stays there until the service
+/// ends, and no signal or exception may end it. Any thread may call the other functions.
 class ORUIO_EXPORT IPCServer {
 public:
-    /// Will serve `fs`.
+    /// Makes a server for `fs`, which is not running yet.
     explicit IPCServer(QSharedPointer<FS> fs);
 
     /// Not implemented.
     virtual int ioctl(QString request, QString& response);
-    /// Serves until terminate() is called. `props` is not read and may be null. \returns 0 after an
-    /// orderly end; -1 when the service could not begin, with errno EBUSY when another server is
-    /// running, this object included; 0 also when only its semaphores could not be initialised. It
-    /// can be run again.
+    /// Serves until terminate() is called. `props` is not read and may be null.
     ///
-    /// What a crashed server left behind is removed first, unless that was a program of another
-    /// word size: whether it still runs cannot be told, and errno is EBUSY. When it cannot be
-    /// removed, errno is that of shm_unlink(3). Its client is left to find out. What the client had
-    /// open is closed at the end.
+    /// First removes the shared memory that a crashed server has left. The client of that server is
+    /// not notified: its next request fails. At the end, closes all that the client has open. run()
+    /// can be called again afterwards.
+    ///
+    /// \returns 0 after terminate(), also when only the semaphores could not be initialised. -1
+    /// when the service could not begin, with errno:
+    /// - EBUSY: another server is running, or this object already is;
+    /// - EBUSY: a server of another ABI (32- or 64-bit) has left its shared memory. Whether it is
+    ///   still running cannot be determined;
+    /// - that of shm_unlink(3): the shared memory of a crashed server could not be removed.
     virtual int run(Properties* props);
-    /// 0 stopped, 1 initialising, 2 serving, 3 terminating.
+    /// Returns what run() is doing.
+    ///
+    /// \retval 0 stopped
+    /// \retval 1 initialising
+    /// \retval 2 serving
+    /// \retval 3 terminating
     virtual int state();
-    /// Asks run() to end after the request under way, and waits up to 10 s until it no longer
-    /// serves; when another process keeps the block locked for 10 s, asks without waiting. A client
-    /// whose request comes too late gets -1 with errno ECANCELED. Does nothing while there is
-    /// nothing to stop. \returns 0.
+    /// Asks run() to end after the current request, and waits up to 10 s until it no longer serves.
+    ///
+    /// - When another process keeps the block locked for 10 s, it asks without waiting.
+    /// - A request that arrives too late is answered with -1 and errno ECANCELED.
+    /// - When no service is running, it does nothing: a run() that begins later is not affected.
+    ///
+    /// \returns always 0.
     virtual int terminate();
 
-    /// Terminates, and waits until run() has returned, however long the file system takes.
+    /// Terminates the service and waits, without a limit of time, until run() has returned.
     virtual ~IPCServer();
 
-    /// The adapter behind the service. The library's own.
+    /// The adapter that carries out the requests. Internal.
     class ORUIO_LOCAL Data;
 
 private:

@@ -1,12 +1,18 @@
-// The local backend: a directory tree of this system as an FS.
-//
-// A thin layer. Each operation prefixes the path with the root directory, makes the one system call
-// of its name and returns its result, with errno as the system left it. The two opens clear
-// liberrno first, and so do reading, writing, seeking, syncing, truncating and closing an open
-// file: strerror() then falls through to errno. Other operations leave liberrno as it was; set it
-// to Ok before them, if strerror() is to tell their reason.
-//
-// Threads: no locks; objects may be shared as far as the system calls allow.
+/// \file
+/// The local backend: a directory tree of this system as an FS.
+///
+/// Each operation puts the root directory before the path, makes the one system call of its name
+/// and returns its result. errno is that of the system call.
+///
+/// Some operations set liberrno to Ok first, so that strerror() describes errno:
+///
+/// - of PosixFS: open() and opendir();
+/// - of PosixFile: read(), write(), pread(), pwrite(), lseek(), ftruncate(), fsync(), fdatasync()
+///   and close().
+///
+/// The others leave liberrno as it is: set it to Ok before them if strerror() is to describe errno.
+///
+/// Threads: the backend has no locks. Threads may share an object as far as the system calls allow.
 #pragma once
 
 #include <oruio/fs.h>
@@ -20,15 +26,20 @@ class ORUIO_EXPORT PosixFS : public FS {
 public:
     using SPtr = QSharedPointer<PosixFS>;
 
-    /// The system path of an operation is `mountPoint` followed directly by the operation's path:
-    /// no separator is inserted and nothing is normalised. An empty `mountPoint` passes paths
-    /// through unchanged.
+    /// Makes a file system of the directory `mountPoint`.
+    ///
+    /// The system path of an operation is `mountPoint` followed directly by the path of the
+    /// operation. No slash is inserted and nothing is normalised:
+    /// - `PosixFS("/dir").open("/clip.mov", ...)` opens `/dir/clip.mov`.
+    /// - `PosixFS("/dir").open("clip.mov", ...)` opens `/dirclip.mov`. So begin each path with a
+    ///   slash. (A share accepts both spellings: see Smb2FS.)
+    /// - With an empty `mountPoint` the path is used unchanged.
     explicit PosixFS(QString mountPoint);
-    /// As above, under another type name.
+    /// As above, with `type` as the name that type() returns.
     PosixFS(QString mountPoint, QString type);
     ~PosixFS() override;
 
-    /// The root directory given to the constructor.
+    /// Returns the root directory given to the constructor.
     const QString& mountPoint() const;
 
     /// Not implemented.
@@ -36,8 +47,10 @@ public:
     /// Not implemented.
     int remWatch(QString path) override;
     QSharedPointer<File> open(QString path, int flags, int mode) override;
-    /// Never null: when the system refuses, the answer is a directory whose readdir() returns null
-    /// and whose closedir() returns -1, and errno holds the reason.
+    /// Opens a directory. The result is never null.
+    ///
+    /// When the system refuses, errno holds the reason. The returned directory is not open then:
+    /// its readdir() returns null and its closedir() returns -1.
     QSharedPointer<Directory> opendir(QString path) override;
     int lstat(QString path, struct stat& st) override;
     int stat(QString path, struct stat& st) override;
@@ -47,18 +60,21 @@ public:
     int mkdir(QString path, int mode) override;
     int rmdir(QString path) override;
     int rename(QString oldPath, QString newPath) override;
-    /// Flushes the whole system, not only this tree.
+    /// Writes all file systems of the system to their media, not only this tree.
     void sync() override;
     int getxattr(QString path, QString name, void* value, unsigned int size) override;
     int setxattr(QString path, QString name, void* value, unsigned int size, int flags) override;
     int removexattr(QString path, QString name) override;
-    /// \returns the result of the other form on a buffer of 64 KiB, and appends as many texts as
-    /// that list has bytes: the attribute names, then empty texts.
+    /// Lists the attribute names with a buffer of 64 KiB.
+    ///
+    /// Appends as many strings as the list has bytes: the names, then empty strings.
+    ///
+    /// \returns the result of the other form.
     int listxattr(QString path, QVector<QString>& names) override;
     int listxattr(QString path, char* list, unsigned int size) override;
-    /// Only `linkPath` is prefixed with the root directory.
+    /// Makes a symbolic link. The root directory is put before `linkPath` only.
     int symlink(QString target, QString linkPath) override;
-    /// `target` is empty when the call fails.
+    /// Reads up to 4096 bytes of the target of a symbolic link. `target` is empty after a failure.
     int readlink(QString path, QString& target) override;
     int readlink(QString path, char* buf, unsigned int size) override;
     int truncate(QString path, long long length) override;
@@ -75,7 +91,7 @@ private:
 /// An open file of the local system.
 class ORUIO_EXPORT PosixFile : public File {
 public:
-    /// Takes the system descriptor over.
+    /// Takes ownership of the system descriptor `fd`.
     explicit PosixFile(int fd);
     ~PosixFile() override;
 
@@ -91,10 +107,14 @@ public:
     int fcntl(int cmd, ...) override;
     int flock(int operation) override;
     int fchmod(int mode) override;
-    /// After the first call the file is closed, whatever the result; a further call returns 0, also
-    /// from another thread at the same time. As with close(2), an operation that is under way in
-    /// another thread goes on, and one that is about to start may meet a descriptor that the system
-    /// has given away again: callers keep the two apart.
+    /// Closes the file, as close(2).
+    ///
+    /// The first call closes the file even if it returns -1. Further calls return 0, also from
+    /// another thread at the same time.
+    ///
+    /// As with close(2), an operation in progress on another thread continues. An operation that
+    /// starts during close() may act on another file, to which the system has assigned the same
+    /// descriptor. The callers must prevent this.
     int close() override;
     /// Not implemented.
     int ioctl(QString request, QString& response) override;
@@ -106,14 +126,16 @@ private:
 /// An open directory stream of the local system.
 class ORUIO_EXPORT PosixDir : public Directory {
 public:
-    /// Takes the stream over. A null stream makes a directory that never opened.
+    /// Takes ownership of the stream `dir`. With null the directory is not open.
     explicit PosixDir(DIR* dir);
     ~PosixDir() override;
 
     struct dirent* readdir() override;
-    /// \returns 0 in every case.
+    /// Starts again from the first entry. \returns always 0.
     int rewinddir() override;
-    /// \returns -1, with errno as it was, when the directory is not open.
+    /// Closes the directory.
+    ///
+    /// \returns the result of closedir(3); -1 with errno unchanged when the directory is not open.
     int closedir() override;
     /// Not implemented.
     int ioctl(QString request, QString& response) override;

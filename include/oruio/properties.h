@@ -1,4 +1,5 @@
-// Named settings, as connect(), mount() and their like take them.
+/// \file
+/// Named settings, which connect(), mount() and similar functions take.
 #pragma once
 
 #include <QMap>
@@ -7,7 +8,7 @@
 
 namespace oru::io {
 
-/// Each function documents its keys. A key that it does not know is ignored.
+/// Settings by name. Each function documents its keys and ignores all others.
 using Properties = QMap<QString, QVariant>;
 
 } // namespace oru::io

@@ -1,22 +1,33 @@
-// Storage locations: the places where a recorder keeps its media, as objects of its application.
-//
-//     SystemLocation card("card", FS::SPtr(PosixFS::SPtr::create("/mnt/card")), &props);
-//     FSSwitch::rootfs()->add("/mnt/card", card.fs());
-//     QObject::connect(BDMon::instance(), &BDMon::notify, &card,
-//                      [&](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr) {
-//                          card.processBDEvents(events);
-//                          const BlockDevice::SPtr medium = card.selectedPart();
-//                          if (card.access() == StorageLocation::Presence && medium &&
-//                              medium->isMountable())
-//                              card.mount(nullptr);
-//                      });
-//
-// Operations return 0 or a positive value on success; -1 on failure, with the reason in liberrno
-// where they say so: NotFound (there is no medium, no mount point, or the mount failed) or
-// NotImplemented (the location has no such operation, or its medium is write-protected).
-//
-// Threads: a location belongs to one thread, whose calls block while something is mounted,
-// unmounted, checked or formatted, or while a server is asked.
+/// \file
+/// Storage locations: the places where a recorder keeps its media.
+///
+/// \code
+/// SystemLocation card("card", FS::SPtr(PosixFS::SPtr::create("/mnt/card")), &props);
+/// FSSwitch::rootfs()->add("/mnt/card", card.fs());
+/// QObject::connect(BDMon::instance(), &BDMon::notify, &card,
+///                  [&](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr) {
+///                      card.processBDEvents(events);
+///                      const BlockDevice::SPtr medium = card.selectedPart();
+///                      if (card.access() == StorageLocation::Presence && medium &&
+///                          medium->isMountable())
+///                          card.mount(nullptr);
+///                  });
+/// \endcode
+///
+/// Results of the operations:
+///
+/// - 0 is success.
+/// - -1 is a failure. The reason is in liberrno where the operation documents it:
+///   - NotFound: there is no medium or no mount point, or the mount failed;
+///   - NotImplemented: the location does not provide the operation, or the medium is
+///     write-protected.
+/// - A positive value is a failure too: the exit status of the maintenance program
+///   (oruio/sysutils.h). check() and format() of a local medium return it, and mount() and probe()
+///   of an NFS export.
+/// - One exception: check() of a RemoteLocation always returns 1, as there is nothing to check.
+///
+/// Threads: a location belongs to one thread. Its calls block while a medium is mounted, unmounted,
+/// checked or formatted, and while a server is asked.
 #pragma once
 
 #include <oruio/bdmon.h>
@@ -30,39 +41,42 @@
 
 namespace oru::io {
 
-/// What all locations have: a name, a file system, an access state.
+/// The base of all locations: a name, a file system and an access state.
 class ORUIO_EXPORT StorageLocation : public QObject {
     Q_OBJECT
 
 public:
-    /// How far a location can be used. "Mounted" is from Read on.
+    /// How a location can be used. It is mounted in the states Read and Write.
     enum AccessType : int {
-        None = 1, ///< no medium, or nothing is known of one
-        Presence, ///< a medium, which is not mounted
+        None = 1, ///< no medium is known
+        Presence, ///< a medium that is not mounted
         Read,     ///< mounted read-only
-        Write,    ///< mounted
+        Write,    ///< mounted for writing
     };
     Q_ENUM(AccessType)
 
-    /// `name` and `props` are copied; null is an empty one. `fs` is how the location's files are
-    /// reached.
+    /// Makes a location whose files are accessed through `fs`.
+    ///
+    /// `name` and `props` are copied. Null stands for an empty name and for no properties.
     StorageLocation(const char* name, FS::SPtr fs, Properties* props);
     ~StorageLocation() override;
 
-    /// Valid as long as the location.
+    /// Returns the name. It is valid as long as the location.
     const char* name();
-    /// The file system; null when it has none.
+    /// Returns the file system, or null.
     FS::SPtr fs();
-    /// The access state.
+    /// Returns the access state.
     AccessType access();
-    /// Sets the access state. Tells nobody: accessChanged() is for the owner to emit.
+    /// Sets the access state. Does not emit accessChanged(): the owner does.
     void accessChange(AccessType t);
-    /// "None", "Presence", "Read", "Write"; "Invalid" for anything else.
+    /// Returns "None", "Presence", "Read" or "Write"; "Invalid" for any other value.
     static const char* straccess(AccessType t);
 
-    /// Notes that the owner wants to use the location. \returns 0.
+    /// Records that the owner wants to use the location. \returns always 0.
     virtual int enable();
-    /// Notes that the owner does not want to use it. \returns 0; -1 while it is mounted.
+    /// Records that the owner does not want to use the location.
+    ///
+    /// \returns 0; -1 while it is mounted, in the derived classes.
     virtual int disable();
     /// Checks the medium. Not implemented here.
     virtual int check();
@@ -74,21 +88,21 @@ public:
     virtual int mount(Properties* props);
     /// Unmounts the medium. Not implemented here.
     virtual int umount(Properties* props);
-    /// Whether the medium has a switch that forbids to write, and it is on.
+    /// Returns whether the write-protection switch of the medium is on. False here.
     virtual bool isWriteProtected();
 
 Q_SIGNALS:
-    /// For the owner; the library does not emit it.
+    /// Reports a new access state. The owner emits it; the library does not.
     void accessChanged(StorageLocation* self, oru::io::StorageLocation::AccessType access);
 
 protected:
-    char* m_name;                  ///< of malloc(3)
+    char* m_name;                  ///< allocated by malloc(3)
     FS::SPtr m_fs;                 ///< may be null
     bool m_enabled = false;        ///< whether the owner wants to use it
     bool m_present = false;        ///< whether there is a medium
-    bool m_writeProtected = false; ///< whether a medium was; stays until the location goes
-    AccessType m_access = None;    ///< what access() answers
-    Properties m_props;            ///< those of the constructor, or of setProperties()
+    bool m_writeProtected = false; ///< whether any medium so far was write-protected
+    AccessType m_access = None;    ///< what access() returns
+    Properties m_props;            ///< from the constructor or setProperties()
 
 private:
     Q_DISABLE_COPY(StorageLocation)
@@ -96,81 +110,122 @@ private:
 
 /// A slot or port for local media.
 ///
-/// It follows the events of the disk that is plugged in there, and of its partitions selects the
-/// largest with a file system, the first of equal ones. A disk without a partition table is its own
-/// partition. The removal of any partition ends the selection.
+/// It follows the events of the disk that is plugged in there and selects one partition:
 ///
-/// A disk is told of before its partitions, maybe in a batch of its own: what has arrived is worth
-/// mounting once selectedPart() is mountable. A medium that is pulled out while it is mounted stays
-/// mounted, in name, until its owner unmounts it, lazily where files are open; for ext4, the next
-/// one cannot be mounted before.
+/// - The selected partition is the largest one with a file system, the first of several equal ones.
+/// - A disk with a file system and without a partition table is selected itself.
+/// - The removal of any partition clears the selection.
+///
+/// For the owner:
+///
+/// - udev reports a disk before its partitions, possibly in an earlier batch. So mount the medium
+///   when selectedPart() is mountable, not when access() becomes Presence.
+/// - A medium that is removed while it is mounted stays in the mount table until the owner unmounts
+///   it. Use "lazy" if files are open.
+/// - With ext4, the next medium cannot be mounted before that.
 class ORUIO_EXPORT SystemLocation : public StorageLocation {
     Q_OBJECT
 
 public:
-    /// Reads of `props`: "blkDevId", the "ID_PATH" of the disks that get plugged in there.
+    /// Makes a location.
+    ///
+    /// Key in `props`:
+    /// - "blkDevId": the "ID_PATH" of the disks that are plugged in there.
     SystemLocation(const char* name, FS::SPtr fs, Properties* props);
     ~SystemLocation() override;
 
     int enable() override;
-    /// \returns -1 while mounted, without a reason in liberrno.
-    int disable() override;
-    /// Checks and repairs the selected partition. \returns what BlockDevice::fsck() does; -1 with
-    /// NotFound when none is selected.
-    int check() override;
-    /// Mounts the medium read-only, whether it was mounted or not. \returns 0 when access() is Read
-    /// already, even if mkWriteable() has made the medium writeable since; -1 with NotFound when
-    /// there is no medium; else what mount() does.
-    int mkReadOnly() override;
-    /// Remounts the medium writeable, on the device itself: access() stays what it was. One that is
-    /// not mounted is mounted so, which the location does not notice: umount() then does nothing.
-    /// \returns 0 when access() is Write already; what BlockDevice::mount() does; -1 with NotFound
-    /// when there is no medium or mount point, with NotImplemented when it is write-protected.
-    int mkWriteable() override;
-    /// Mounts the selected partition, or mounts it anew with other options. Reads of `props`, which
-    /// may be null: "readonly", whose presence, whatever its value, mounts it so; "mountPoint",
-    /// where (default: the first place at which the root switch has fs()). \returns what
-    /// BlockDevice::mount() does, unless that fails: -1 with NotFound, and access() is None, even
-    /// if an earlier mount stays; without a medium or mount point -1 with NotFound, and access() is
-    /// what it was.
-    int mount(Properties* props) override;
-    /// Unmounts what mount() has mounted. Reads of `props`, which may be null: "mountPoint" as
-    /// there; "lazy" as umountPath() does. \returns 0, also when nothing is mounted; what
-    /// umountPath() returns, with the reason in errno and liberrno as it was; -1 with NotFound when
-    /// there is no fs() or no mount point.
+    /// Records that the owner does not want to use the location.
     ///
-    /// What is mounted elsewhere is not found, but the result is 0 and access() is Presence: after
-    /// a mount() with a "mountPoint" that is not given here as well, and where the kernel's table
-    /// spells the mount point in another way, as one with a blank or a double slash.
+    /// \returns 0; -1 while mounted, without a reason in liberrno.
+    int disable() override;
+    /// Checks and repairs the selected partition.
+    ///
+    /// \returns the result of BlockDevice::fsck(): the exit status of the maintenance program, of
+    /// which only 0 is success, or -1. Without a selected partition or disk, -1 with NotFound.
+    int check() override;
+    /// Mounts the medium read-only, or remounts it read-only.
+    ///
+    /// When access() is Read it does nothing, even if mkWriteable() has made the medium writeable
+    /// since.
+    ///
+    /// \returns the result of mount(); 0 when access() is Read; -1 with NotFound when there is no
+    /// medium or mount point.
+    int mkReadOnly() override;
+    /// Remounts the medium writeable. access() does not change.
+    ///
+    /// A medium that is not mounted is mounted, but the location does not record this: umount()
+    /// then does nothing.
+    ///
+    /// \returns the result of BlockDevice::mount(); 0 when access() is Write already; -1 with
+    /// liberrno:
+    /// - NotFound: there is no medium or no mount point;
+    /// - NotImplemented: the medium is write-protected.
+    int mkWriteable() override;
+    /// Mounts the selected partition. Remounts it with the new options if it is mounted.
+    ///
+    /// Keys in `props`, which may be null:
+    /// - "readonly": if present, with any value, mounts it read-only.
+    /// - "mountPoint": where to mount it. The default is the first mount point of fs() in
+    ///   FSSwitch::rootfs().
+    ///
+    /// On success access() becomes Read or Write.
+    ///
+    /// \returns 0, or -1 with NotFound:
+    /// - there is no medium or no mount point; access() does not change;
+    /// - BlockDevice::mount() failed; access() becomes None, even if an earlier mount stays.
+    int mount(Properties* props) override;
+    /// Unmounts what mount() has mounted. On success access() becomes Presence.
+    ///
+    /// Keys in `props`, which may be null:
+    /// - "mountPoint": as for mount(). If it was given there, give it here too.
+    /// - "lazy": as for umountPath().
+    ///
+    /// In two cases the medium stays mounted although the result is 0:
+    /// - mount() had a "mountPoint" that is not given here.
+    /// - The kernel's mount table spells the mount point differently, such as one with a blank or a
+    ///   double slash.
+    ///
+    /// \returns 0, also when nothing is mounted; -1 with NotFound when there is no fs() or no mount
+    /// point; else the result of umountPath(), with the reason in errno and liberrno unchanged.
     int umount(Properties* props) override;
-    /// Of the disk, when disk and partition are known.
+    /// Returns whether the disk is write-protected. False unless disk and partition are known.
     bool isWriteProtected() override;
 
-    /// Formats the whole disk. `props` as BlockDevice::format(). \returns what that does; -1 with
-    /// NotFound while mounted and without a disk, with NotImplemented when it is write-protected.
+    /// Formats the whole disk. `props` as for BlockDevice::format().
+    ///
+    /// \returns the result of BlockDevice::format(): the exit status of the maintenance program, of
+    /// which only 0 is success, or -1. Before that, -1 with liberrno:
+    /// - NotFound: the medium is mounted, or there is no disk;
+    /// - NotImplemented: the medium is write-protected.
     virtual int format(Properties* props);
-    /// Whether `id` is that of this location's disks.
+    /// Returns whether `id` is the ID_PATH of this location's disks.
     virtual bool matchesId(QString id);
-    /// Logs an event in five lines, at level 12. \returns 0.
+    /// Logs an event in five lines, at level 12. \returns always 0.
     virtual int logBDEvent(BDMon::Event& ev);
-    /// Takes the events of this location's disks out of a batch: "add" and "remove". EFI system
-    /// partitions are left alone. \returns 0.
+    /// Handles the "add" and "remove" events of this location's disks, except the "add" of EFI
+    /// system partitions. Ignores all other events. \returns always 0.
     virtual int processBDEvents(BDMon::EventListSPtr events);
 
-    /// The selected partition; the disk when there is none; null when there is no disk either.
+    /// Returns the selected partition, else the disk, else null.
     BlockDevice::SPtr& selectedPart();
-    /// Takes a selected partition whose file system udev does not know for an exFAT one. \returns
-    /// false when disk or partition is not known.
+    /// Sets the type of the selected partition to "exfat" if udev found none.
+    ///
+    /// \returns false when the disk or the partition is not known.
     bool fixFSType();
-    /// Sets `opts` to what BlockDevice::mount() is to be told: a copy of `props`, which may be
-    /// null, with "mountPoint", "readonly", and "remount" when it is mounted. \returns false when
-    /// there is no mount point.
+    /// Sets `opts` to the options for BlockDevice::mount().
+    ///
+    /// They are a copy of `props`, which may be null, with "mountPoint" and "readonly", and with
+    /// "remount" if the medium is mounted.
+    ///
+    /// \returns false when there is no mount point.
     bool mountOptions(Properties& opts, Properties* props, bool readonly);
 
 public Q_SLOTS:
-    /// Takes a disk or partition of this location in; access() is then Presence.
+    /// Adds a disk or partition of this location. access() becomes Presence.
     void addBlockDevice(BlockDevice::SPtr spbd);
-    /// Forgets it; access() is then None. What is mounted stays so, for the owner to unmount.
+    /// Removes a disk or partition of this location. access() becomes None. The owner has to
+    /// unmount what is mounted.
     void removeBlockDevice(BlockDevice::SPtr spbd);
 
 protected:
@@ -181,39 +236,54 @@ protected:
     bool m_mounted = false;          ///< whether the next mount is a remount
 };
 
-/// A share on the network: its file system is a Smb2FS or a NFS.
+/// A share on the network. Its file system is a Smb2FS or an NFS.
 class ORUIO_EXPORT RemoteLocation : public StorageLocation {
     Q_OBJECT
 
 public:
-    /// `props` are those of connect() of the file system.
+    /// Makes a location. `props` are the settings for connect() of the file system.
     RemoteLocation(const char* name, FS::SPtr fs, Properties* props);
     ~RemoteLocation() override;
 
     int enable() override;
-    /// \returns -1 while mounted, without a reason in liberrno.
+    /// Records that the owner does not want to use the location.
+    ///
+    /// \returns 0; -1 while mounted, without a reason in liberrno.
     int disable() override;
-    /// \returns 1: there is nothing to check.
+    /// Does nothing: there is nothing to check.
+    ///
+    /// \returns always 1.
     int check() override;
-    /// Connects, with `props` or else those of the location; access() is then Write. \returns what
-    /// connect() does, and access() is None unless that is 0; -1 for other file systems.
+    /// Connects with `props`, or with the properties of the location if `props` is null.
+    ///
+    /// On success access() becomes Write, else None.
+    ///
+    /// \returns the result of connect(), where only 0 is success; -1 for other file systems.
     int mount(Properties* props) override;
-    /// Disconnects; access() is then None. `props` is not used. \returns 0, or what disconnect()
-    /// returned.
+    /// Disconnects. On success access() becomes None. `props` is not used.
+    ///
+    /// \returns the result of disconnect(); 0 for other file systems.
     int umount(Properties* props) override;
 
-    /// Connects unless connected or `noConnect`; then, unless `writable` is null, tells whether a
-    /// file can be made on the share, in the directory `subdir` if that is not null. The file,
-    /// called "ORU-write-check-" and the environment's SERIAL_NUMBER or "unknown", is removed
-    /// again. \returns 0; else what connect() did, after disconnect(), with `writable` as it was.
+    /// Checks whether the share can be used.
     ///
-    /// After a fatal failure a Smb2FS counts as connected (Smb2FS::isConnected()): until the next
-    /// mount() this neither connects nor fails, and nothing can be written.
+    /// - Connects with the properties of the location, unless connected or `noConnect` is true. If
+    ///   that fails, disconnects and leaves `*writable` unchanged.
+    /// - Unless `writable` is null, sets `*writable` to whether a file can be made on the share: in
+    ///   the directory `subdir`, or at the top if `subdir` is null. The file is removed again. Its
+    ///   name is "ORU-write-check-" followed by the environment variable SERIAL_NUMBER, or
+    ///   "unknown".
+    ///
+    /// After a fatal failure a Smb2FS counts as connected (Smb2FS::isConnected()). Until the next
+    /// mount() this function then does not connect, returns 0, and sets `*writable` to false.
+    ///
+    /// \returns 0, or the result of connect() that failed.
     virtual int probe(bool* writable, QString* subdir, bool noConnect);
-    /// For the next mount() or probe().
+    /// Sets the properties for the next mount() or probe().
     virtual void setProperties(Properties& props);
-    /// Whether the server answers; true for other file systems, and for a Smb2FS from a fatal
-    /// failure to the next mount().
+    /// Returns whether the share is connected and the server answers.
+    ///
+    /// True for other file systems, and for a Smb2FS between a fatal failure and the next mount().
     virtual bool ping();
 };
 

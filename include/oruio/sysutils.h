@@ -1,19 +1,27 @@
-// Commands of the device's maintenance program, and unmounting.
-//
-// Whatever takes privilege or long (checking a file system, making one, formatting a card, mounting
-// an export) is the business of one program, /usr/local/bin/oruio_sysutils. It gets a command word
-// and its arguments on its command line, and succeeds with exit status 0.
-//
-// The program gets the environment and the working directory of the process, stays in its process
-// group, and finds its standard input at its end. It gets none of the process's descriptors and
-// blocked signals. Up to 1 MiB of each of its output streams is kept in memory.
-//
-// QProcess runs it. So nobody else in the process may wait for its children (wait(2), waitpid(2)
-// with -1): how they end would be lost, and the command would count as successful. Where the kernel
-// has no pidfd (before 5.4), Qt installs a handler for SIGCHLD at the first command, which has to
-// stay, and ignores SIGPIPE.
-//
-// Threads: calls share nothing. Each blocks its caller until the program has ended.
+/// \file
+/// Commands of the maintenance program, and unmounting.
+///
+/// Work that needs privilege or takes long is done by one program, `/usr/local/bin/oruio_sysutils`:
+/// checking a file system, making one, formatting a card, mounting an export. It gets a command
+/// word and arguments on its command line. Exit status 0 is success.
+///
+/// What the program gets from this process:
+///
+/// - the environment, the working directory and the process group;
+/// - a standard input that is at its end;
+/// - no other descriptors, and no blocked signals.
+///
+/// Up to 1 MiB of each of its output streams is kept in memory, for the log.
+///
+/// QProcess runs the program. The application must leave this to QProcess:
+///
+/// - Do not wait for any child of the process (wait(2), or waitpid(2) with -1). The exit status
+///   would be lost, and the command would count as successful.
+/// - On kernels without pidfd (before 5.4), Qt installs a handler for SIGCHLD at the first command
+///   and ignores SIGPIPE. Do not replace that handler.
+///
+/// Threads: any thread may call any function; the calls share nothing. Each blocks its caller until
+/// the program has ended.
 #pragma once
 
 #include <oruio/export.h>
@@ -25,37 +33,59 @@ namespace oru::io {
 
 /// One command line of the maintenance program.
 ///
-///     SysCmd("mkfs").addArg("ext4", "-t").addArg("/dev/sda1").exec(1);
+/// \code
+/// SysCmd("mkfs").addArg("ext4", "-t").addArg("/dev/sda1").exec(1);
+/// \endcode
 class ORUIO_EXPORT SysCmd {
 public:
-    /// `cmd` is the command word: "fsck", "mkfs", "format" or "mount.nfs".
+    /// Begins a command line with the command word `cmd`: "fsck", "mkfs", "format" or "mount.nfs".
     explicit SysCmd(const char* cmd);
 
-    /// Adds `option`, unless it is null, and `value`, unless it is empty, each as an argument of
-    /// its own: nothing is split, quoted or seen by a shell. \returns this object.
+    /// Adds `option`, unless it is null, and then `value`, unless it is empty.
+    ///
+    /// Each is one argument. Nothing is split or quoted, and no shell is involved.
+    ///
+    /// \returns this object.
     SysCmd& addArg(const QString& value, const char* option = nullptr);
 
-    /// Runs the command until it succeeds, up to `runs` times, without a limit of time. What a run
-    /// that fails has written is logged.
-    /// \returns the last run's exit status; -1 when none was started, or none ended by itself;
-    /// errno and liberrno say nothing. A program that cannot be started is not tried again: it is
-    /// not there or not ready within 5 s; an argument contains a NUL, is no text, or is one that
-    /// the locale's codec, in which QProcess hands it on, does not write as UTF-8; or the process
-    /// ignores SIGCHLD and would not learn how it ends.
+    /// Runs the command until it succeeds, up to `runs` times, without a limit of time.
+    ///
+    /// The output of a run that fails is logged.
+    ///
+    /// A program that cannot be started is not tried again. The log has "Unable to exec SysCmd" and
+    /// the command line, but neither the path of the program nor the reason, which is one of these:
+    /// - The program does not exist or is not executable: check `/usr/local/bin/oruio_sysutils`.
+    /// - It was not ready within 5 s.
+    /// - An argument contains a NUL or is not valid UTF-16.
+    /// - The codec of the locale, which QProcess uses, does not encode an argument as UTF-8.
+    /// - The process ignores SIGCHLD, so that the exit status would be lost.
+    ///
+    /// \returns the exit status of the last run that exited, 0 on success; -1 when a run could not
+    /// be started, or every run was killed by a signal. errno and liberrno hold no reason.
     int exec(int runs);
 
 private:
     QStringList m_args;
 };
 
-/// Unmounts, by umount(2), what is mounted on `path`, which is compared with the kernel's table of
-/// mounts byte for byte. So it has to be spelled as there: absolute, without symbolic links, ".",
-/// ".." and a slash at its end; one with blanks, tabs, newlines or backslashes, which are escaped
-/// there, is never found. Mounts stacked on one directory all go. One that cannot be unmounted is
-/// tried once more by umount2(2): with MNT_DETACH, which detaches it at once and ends it with its
-/// last user, if `props` is given and contains "lazy", whatever its value; and with MNT_FORCE if it
-/// is busy. \returns 0, also when nothing is mounted there; else -1 with errno, at the first that
-/// stays, or EFAULT when `path` is null.
+/// Unmounts everything that is mounted on `path`, as umount(2).
+///
+/// `path` is compared byte for byte with the mount points in `/proc/mounts`:
+///
+/// - It must be absolute, without symbolic links, ".", ".." and a slash at the end.
+/// - A path with a blank, tab, newline or backslash is never found: the table escapes them.
+///
+/// Mounts that are stacked on one directory are all unmounted. When umount(2) fails, umount2(2) is
+/// tried once, with these flags:
+///
+/// - MNT_DETACH, when `props` is not null and contains the key "lazy", with any value. The mount is
+///   detached at once, and unmounted when it is no longer in use.
+/// - MNT_FORCE, when the mount is busy (EBUSY).
+///
+/// \returns 0, also when nothing is mounted on `path`; -1 with errno:
+/// - EFAULT: `path` is null;
+/// - that of reading the mount table;
+/// - that of umount2(2), for the first mount that stays.
 ORUIO_EXPORT int umountPath(const char* path, const Properties* props);
 
 } // namespace oru::io

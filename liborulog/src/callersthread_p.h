@@ -1,4 +1,4 @@
-// What a thread of the program must not notice when it writes messages itself.
+// Protection of a thread of the program that writes messages itself: from SIGPIPE and cancellation.
 #pragma once
 
 #include <cerrno>
@@ -9,8 +9,10 @@
 
 namespace orulog {
 
-/// Keeps the thread from being killed by SIGPIPE of an output that nobody reads any more, and from
-/// being cancelled with an output half written, opened or closed. Leaves errno as it is at the end.
+/// Blocks SIGPIPE and thread cancellation in its scope. The destructor does not change errno.
+///
+/// - SIGPIPE: the reader of an output may have closed it.
+/// - Cancellation: it could interrupt writing, opening or closing an output.
 class CallersThread {
 public:
     CallersThread() {

@@ -15,7 +15,7 @@ constexpr auto allDefault = [] {
     return levels;
 }();
 
-// Used directly rather than through oruLogLevel, which a program may have put its own in place of.
+// Used directly, not through oruLogLevel: a program may have replaced that pointer.
 std::array<int, ORULOG_CHANNELS> table = allDefault;
 
 void setThreshold(int channel, int threshold) {
@@ -44,11 +44,11 @@ std::optional<int> parseNumber(std::string_view text) {
     return value;
 }
 
-std::optional<Thresholds> parseThresholds(std::string_view text) {
+std::optional<Thresholds> parseThresholds(std::string_view list) {
     Thresholds thresholds;
     for (;;) {
-        const auto comma = text.find(',');
-        const auto item = text.substr(0, comma);
+        const auto comma = list.find(',');
+        const auto item = list.substr(0, comma);
         const auto equals = item.find('=');
         const bool isNamed = equals != item.npos;
         const auto threshold = parseNumber(isNamed ? item.substr(equals + 1) : item);
@@ -58,16 +58,16 @@ std::optional<Thresholds> parseThresholds(std::string_view text) {
             thresholds.named[std::string(item.substr(0, equals))] = *threshold;
         else
             thresholds.every = threshold;
-        if (comma == text.npos)
+        if (comma == list.npos)
             return thresholds;
-        text.remove_prefix(comma + 1);
+        list.remove_prefix(comma + 1);
     }
 }
 
 } // namespace
 
 Levels& Levels::instance() {
-    // Never destroyed: it is used until the very end of the process.
+    // Never destroyed: it is used until the process ends.
     static Levels& levels = *new Levels;
     return levels;
 }
@@ -83,17 +83,17 @@ int Levels::add(const char* name) {
     return channel;
 }
 
-bool Levels::set(const char* text) {
-    if (!text)
+bool Levels::set(const char* list) {
+    if (!list)
         return false;
-    const auto thresholds = parseThresholds(text);
+    const auto thresholds = parseThresholds(list);
     if (!thresholds)
         return false;
 
     const std::lock_guard lock(mutex);
     NamedThresholds named = thresholds->named;
     if (!thresholds->every)
-        named.insert(m_named.begin(), m_named.end()); // only those that are not in the text
+        named.insert(m_named.begin(), m_named.end()); // only names that are not in `list`
     m_named.swap(named);
     m_every = thresholds->every.value_or(m_every);
     for (int channel = 0; channel < ORULOG_CHANNELS; ++channel) {

@@ -14,19 +14,21 @@ namespace orulog {
 /// Threshold by channel name.
 using NamedThresholds = std::map<std::string, int, std::less<>>;
 
-/// Thread-safe. Writers read the thresholds through oruLogLevel, without its mutex.
+/// The table of channels. Thread-safe. Callers that log read the thresholds through oruLogLevel,
+/// without the mutex.
 class Levels {
 public:
     static Levels& instance();
 
-    /// \returns the new channel's index, or -1 when the table is full or `name` is null.
+    /// Adds a channel. \returns its index, or -1 when the table is full or `name` is null.
     int add(const char* name);
 
-    /// oruLogSetThresholds() without errno: \returns false when `text` is none. May throw
-    /// std::bad_alloc; then, too, nothing has changed.
-    bool set(const char* text);
+    /// Does the work of oruLogSetThresholds(). \returns false when `list` is not valid.
+    ///
+    /// May throw std::bad_alloc. Then, and when it returns false, nothing has changed.
+    bool set(const char* list);
 
-    /// The name of any index, "?" when it is not registered.
+    /// Returns the name of a channel, "?" for an index that is not registered.
     const char* name(int channel);
 
     std::mutex mutex;
@@ -34,7 +36,7 @@ public:
 private:
     std::array<const char*, ORULOG_CHANNELS> m_names{};
     int m_count = 0;
-    int m_every = ORULOG_DEFAULT_THRESHOLD; // of new channels that m_named does not have
+    int m_every = ORULOG_DEFAULT_THRESHOLD; // of new channels whose name is not in m_named
     NamedThresholds m_named;
 };
 

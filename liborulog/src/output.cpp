@@ -36,15 +36,17 @@ Sink standardError() {
 }
 
 Sink systemLog() {
-    // Without a name of its own the log keeps the one that the program may have given it.
+    // With an empty name, syslog keeps the name that the program may have set with openlog(3).
     auto sink = std::make_shared<spdlog::sinks::syslog_sink_st>("", LOG_PID, LOG_USER, true);
     sink->set_formatter(std::make_unique<spdlog::pattern_formatter>(
         messagePattern, spdlog::pattern_time_type::local, std::string()));
     return sink;
 }
 
-/// Whether `path` can be opened to append to it; errno says why not. The sink itself would try for
-/// a while, make missing directories, and wait for a reader of a pipe.
+/// Returns whether `path` can be opened for appending. If not, errno holds the reason.
+///
+/// The sink does not report this: it retries for a while, makes missing directories, and waits for
+/// the reader of a pipe.
 bool canAppend(const char* path) {
     const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0666);
     if (fd == -1)
@@ -58,7 +60,7 @@ Sink rotatingFile(std::string_view name) {
         errno = EINVAL;
         return nullptr;
     }
-    // The file is opened again whenever it is rotated, wherever the program has gone by then.
+    // Each rotation opens the file again, and the program may have changed its working directory.
     const std::string path = std::filesystem::absolute(name).string();
     if (!canAppend(path.c_str()))
         return nullptr;
@@ -88,7 +90,7 @@ std::string_view textOf(const oruLogMsg& msg) {
 
 spdlog::log_clock::time_point timeOf(const oruLogMsg& msg) {
     using namespace std::chrono;
-    // Whatever the writer left there must not overflow.
+    // The caller fills in the time: clamp it so that the sum cannot overflow.
     constexpr auto last = duration_cast<seconds>(nanoseconds::max()).count() - 1;
     const seconds whole(std::clamp<int64_t>(msg.time.tv_sec, 0, last));
     const nanoseconds part(std::clamp<int64_t>(msg.time.tv_nsec, 0, 999'999'999));
@@ -112,7 +114,7 @@ bool tryWrite(Sink& sink, const spdlog::details::log_msg& line) {
         if (!sink)
             sink = standardError();
         sink->log(line);
-        // At once: nothing is left in a buffer that a forked child would write again.
+        // At once: a forked child would write a buffered line again.
         sink->flush();
         return true;
     } catch (const std::exception& error) {
@@ -123,9 +125,9 @@ bool tryWrite(Sink& sink, const spdlog::details::log_msg& line) {
 
 } // namespace
 
-Sink openSink(const char* text) {
+Sink openSink(const char* name) {
     constexpr std::string_view filePrefix = "file:";
-    const std::string_view output = text ? text : "";
+    const std::string_view output = name ? name : "";
     try {
         if (output == "stderr")
             return standardError();
@@ -146,7 +148,7 @@ void write(Sink& sink, const oruLogMsg& msg, const char* channel) noexcept {
     const auto line = lineOf(msg, channel);
     if (tryWrite(sink, line))
         return;
-    // A file sink that has failed once may crash when it is used again.
+    // A file sink that has failed may crash when it is used again.
     sink.reset();
     if (!tryWrite(sink, line))
         fprintf(stderr, "%.*s\n", static_cast<int>(line.payload.size()), line.payload.data());

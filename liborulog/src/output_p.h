@@ -1,4 +1,4 @@
-// Where messages go: the one unit that knows how they are written.
+// The outputs of messages. Only this unit uses spdlog.
 #pragma once
 
 #include <orulog/orulog.h>
@@ -11,14 +11,18 @@ class sink;
 
 namespace orulog {
 
-/// Null stands for standard error.
+/// An open output. Null stands for standard error.
 using Sink = std::shared_ptr<spdlog::sinks::sink>;
 
-/// The output that oruLogSetOutput() calls `text`; null with errno set when there is none such.
-Sink openSink(const char* text);
+/// Opens an output. `name` is the argument of oruLogSetOutput().
+///
+/// \returns the output, or null with errno.
+Sink openSink(const char* name);
 
-/// Writes a message through to `sink`. When it fails, says so on standard error, writes there, and
-/// leaves `sink` null. Not to be called for one sink by two threads at once.
+/// Writes a message to `sink` and flushes it.
+///
+/// On failure prints the reason on standard error, writes the message there, and sets `sink` to
+/// null. Two threads must not call it for one sink at the same time.
 void write(Sink& sink, const oruLogMsg& msg, const char* channel) noexcept;
 
 } // namespace orulog

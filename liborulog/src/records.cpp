@@ -7,7 +7,7 @@ namespace orulog {
 
 namespace {
 
-char takenMark;
+char takenMarker;
 
 oruLogMsg* next(const oruLogMsg* msg) {
     return static_cast<oruLogMsg*>(msg->service);
@@ -23,14 +23,14 @@ oruLogMsg* Records::take() {
         msg = &m_pool[m_used++];
     else
         return nullptr;
-    msg->service = &takenMark;
+    msg->service = &takenMarker;
     return msg;
 }
 
 bool Records::isTaken(const oruLogMsg* msg) const {
-    // Unsigned, so that an address before the pool is as far off as one behind it.
+    // Unsigned: an address before the pool becomes a large offset, as one after the pool is.
     const auto offset = reinterpret_cast<uintptr_t>(msg) - reinterpret_cast<uintptr_t>(m_pool);
-    return offset < sizeof m_pool && offset % sizeof *m_pool == 0 && msg->service == &takenMark;
+    return offset < sizeof m_pool && offset % sizeof *m_pool == 0 && msg->service == &takenMarker;
 }
 
 bool Records::queue(oruLogMsg* msg) {

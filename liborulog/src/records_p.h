@@ -1,4 +1,4 @@
-// The fixed supply of message records and the queue of those to be written.
+// The fixed number of message records, and the queue of records to be written.
 #pragma once
 
 #include <orulog/control.h>
@@ -7,23 +7,24 @@
 
 namespace orulog {
 
-/// Each record is free, taken by a writer, queued, or taken out to be written. Not thread-safe.
+/// The records. Each is free, taken by a caller, queued, or taken out to be written. Not
+/// thread-safe.
 ///
-/// A record's `service` field is the link while it is free or queued. On a taken one it is a mark,
-/// so that whatever else a writer hands over is found out.
+/// In a free or queued record, `service` links to the next one. In a taken record it is a marker,
+/// by which queue() recognises pointers that are not taken records.
 class Records {
 public:
-    /// A free record, now taken; null when there is none.
+    /// Takes a free record. \returns null when there is none.
     oruLogMsg* take();
 
-    /// Queues a taken record. \returns false, without doing anything, for any other pointer.
+    /// Queues a taken record. For any other pointer it does nothing and returns false.
     bool queue(oruLogMsg* msg);
 
     bool hasQueued() const {
         return m_oldest;
     }
 
-    /// Takes out the record that was queued first; null when none is.
+    /// Takes out the oldest queued record. \returns null when none is queued.
     oruLogMsg* takeOldest();
 
     /// Frees a record that was taken out.
@@ -36,7 +37,7 @@ private:
     bool isTaken(const oruLogMsg* msg) const;
 
     oruLogMsg m_pool[ORULOG_RECORDS] = {};
-    int m_used = 0; // the records from here on have never been taken
+    int m_used = 0; // this record and all after it have never been taken
     oruLogMsg* m_free = nullptr;
     oruLogMsg* m_oldest = nullptr;
     oruLogMsg* m_newest = nullptr;

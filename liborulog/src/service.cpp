@@ -20,10 +20,10 @@ namespace orulog {
 
 namespace {
 
-// In the static block of thread-locals: a thread's first look at it allocates nothing.
+// Initial-exec: the first access of a thread allocates no memory.
 __attribute__((tls_model("initial-exec"))) thread_local bool isWriting = false;
 
-/// Holds the right to write. The hook runs with it held, and gets it again.
+/// Locks m_writing, unless this thread has locked it already: the hook runs with it locked.
 class WritingLock {
 public:
     explicit WritingLock(std::mutex& mutex) : m_mutex(mutex), m_nested(isWriting) {
@@ -69,18 +69,18 @@ public:
 private:
     bool ensureThread();
     static void* runThread(void* service);
-    void writeAsTheyCome();
+    void writeUntilStopped();
     void writeQueued();
     bool writeOldest();
 
-    // Held while a record is written, so that records are written one after the other and as they
-    // were queued. Taken before any other mutex.
+    // Held while a record is written: records are written one at a time, in the order of the queue.
+    // Locked before any other mutex.
     std::mutex m_writing;
     Sink m_sink;
     oruLogHook m_hook = nullptr;
     void* m_user = nullptr;
 
-    // Guards what follows. Held briefly: every writer takes it.
+    // Guards the members below. Held briefly: every message locks it.
     std::mutex m_mutex;
     pthread_cond_t m_arrived = PTHREAD_COND_INITIALIZER; // a record was queued, or m_stopping set
     pthread_cond_t m_written = PTHREAD_COND_INITIALIZER; // m_writtenCount has grown
@@ -93,14 +93,14 @@ private:
 };
 
 Service& Service::instance() {
-    // Never destroyed: who is destroyed after this library may log, too.
+    // Never destroyed: objects that are destroyed after this library may still log.
     alignas(Service) static unsigned char storage[sizeof(Service)];
     static Service& service = *new (storage) Service;
     return service;
 }
 
 oruLogMsg* Service::alloc() {
-    // A hook that logged would never come to an end.
+    // A message logged by the hook would call the hook again, without end.
     if (isWriting)
         return nullptr;
     const std::lock_guard lock(m_mutex);
@@ -118,7 +118,7 @@ void Service::push(oruLogMsg* msg) {
             return;
         }
     }
-    // A hook runs within this already, further up in its thread.
+    // In a hook, the call of writeQueued() further up the stack writes the record.
     if (!isWriting) {
         const CallersThread guard;
         writeQueued();
@@ -130,7 +130,7 @@ void Service::setSink(Sink sink) {
         const WritingLock lock(m_writing);
         m_sink.swap(sink);
     }
-    // The former one is closed here, without the lock.
+    // The former sink is closed here, after the unlock.
 }
 
 void Service::setHook(oruLogHook hook, void* user) {
@@ -149,14 +149,15 @@ int Service::flush() {
     return 0;
 }
 
-/// Starts the thread if it is not running. \returns false when there is to be none, or none can be
-/// had. With m_mutex held.
+/// Starts the thread if it is not running. The caller holds m_mutex.
+///
+/// \returns false when the service is stopping or the thread cannot be started.
 bool Service::ensureThread() {
     if (m_stopping)
         return false;
     if (m_hasThread)
         return true;
-    // The thread inherits the mask: the program's signal handlers never run in it.
+    // The thread inherits the mask: no signal handler of the program runs in it.
     sigset_t all;
     sigset_t mask;
     sigfillset(&all);
@@ -168,11 +169,11 @@ bool Service::ensureThread() {
 
 void* Service::runThread(void* service) {
     pthread_setname_np(pthread_self(), "orulog");
-    static_cast<Service*>(service)->writeAsTheyCome();
+    static_cast<Service*>(service)->writeUntilStopped();
     return nullptr;
 }
 
-void Service::writeAsTheyCome() {
+void Service::writeUntilStopped() {
     std::unique_lock lock(m_mutex);
     for (;;) {
         while (!m_records.hasQueued() && !m_stopping)
@@ -219,7 +220,7 @@ void Service::stop() {
         hadThread = std::exchange(m_hasThread, false);
         pthread_cond_signal(&m_arrived);
     }
-    // A hook that ends the process cannot wait for itself.
+    // A hook that ends the process runs on that thread and cannot join it.
     if (hadThread && !isWriting)
         pthread_join(m_thread, nullptr);
 }
@@ -241,13 +242,13 @@ void Service::afterForkInParent() {
 void Service::afterForkInChild() {
     m_hasThread = false;
     m_pushedCount -= m_records.releaseQueued();
-    // Threads may have waited for them that the child does not have.
+    // Threads of the parent, which the child does not have, may have been waiting for them.
     m_arrived = PTHREAD_COND_INITIALIZER;
     m_written = PTHREAD_COND_INITIALIZER;
     afterForkInParent();
 }
 
-void complain(const char* variable, const char* text, const char* instead) {
+void reportUnusable(const char* variable, const char* text, const char* instead) {
     fprintf(stderr, "orulog: cannot use %s='%s', %s instead\n", variable, text, instead);
 }
 
@@ -277,10 +278,10 @@ __attribute__((constructor)) void load() {
                    [] { Service::instance().afterForkInChild(); });
     const char* const level = secure_getenv("ORULOG_LEVEL");
     if (level && !setThresholds(level))
-        complain("ORULOG_LEVEL", level, "10");
+        reportUnusable("ORULOG_LEVEL", level, "10");
     const char* const output = secure_getenv("ORULOG_OUTPUT");
     if (output && !setOutput(output))
-        complain("ORULOG_OUTPUT", output, "stderr");
+        reportUnusable("ORULOG_OUTPUT", output, "stderr");
 }
 
 __attribute__((destructor)) void unload() {

@@ -1,96 +1,124 @@
-// Controls of the logging service's stand-in, beside the four operations of orulog.h.
-//
-// The device's own service has none of these: programs that must run there use orulog.h only, and
-// set up the stand-in through its environment. When it is loaded it reads
-//
-//     ORULOG_LEVEL    thresholds, as oruLogSetThresholds() takes them
-//     ORULOG_OUTPUT   where messages go, as oruLogSetOutput() takes it
-//
-// What it cannot use of them it names on standard error, and then works as if they were not set.
-// They are not read in a program that runs with more rights than its user.
-//
-// Messages are written by one thread of the service, which starts with the first message and has
-// all signals blocked. Those that are queued when the process exits normally are written before it
-// ends; from then on, and when the thread cannot be started, the thread that logs writes its own.
-// A forked child starts with an empty queue and gets a thread of its own: what was queued before
-// the fork, the parent writes. Without forking, only one process should write to a file.
-//
-// A line holds the time, the level, the channel, the place in the source, the thread and the text:
-//
-//     2024-05-01 12:34:56.123456 warning libio src/fsswitch.cpp:102 [4711] the message
-//
-// with "critical" for levels up to 8, "error" for 9, "warning" for 10, "info" for 11, "debug" for
-// 12 and "trace" above. A newline at the end of the text is not doubled. The system log gets its
-// time from its own service.
-//
-// Of the operations, __oruLogChanReg() also returns -1 for a null name, and oruLogMsgPush() ignores
-// null and whatever else is no record that its caller has: both leave errno alone. So does
-// oruLogMsgAlloc(). None of these three is safe in a signal handler.
-//
-// All functions may be called from any thread.
+/// \file
+/// Controls of the logging stand-in, beside the four operations of orulog.h.
+///
+/// The service of the device has none of these functions. Programs that must run there use orulog.h
+/// only, and configure the stand-in through its environment. It reads two variables when it is
+/// loaded:
+///
+/// - `ORULOG_LEVEL`: thresholds, in the format of oruLogSetThresholds().
+/// - `ORULOG_OUTPUT`: the output, in the format of oruLogSetOutput().
+///
+/// A value that it cannot use is reported on standard error, and the default applies. The variables
+/// are ignored in a program that runs with more privileges than its user (secure_getenv(3)).
+///
+/// Who writes the messages:
+///
+/// - One thread of the service, which starts with the first message and has all signals blocked.
+/// - It writes all queued messages before a normal exit of the process ends.
+/// - After that, and when the thread cannot be started, the thread that logs writes its messages
+///   itself.
+/// - After fork(2), the parent writes what was queued before. The child starts with an empty queue
+///   and gets its own thread.
+/// - Only one process, with its forked children, should write to a file.
+///
+/// A line has the time, the level, the channel, the source line, the thread and the message:
+///
+/// \code{.unparsed}
+/// 2024-05-01 12:34:56.123456 warning libio src/fsswitch.cpp:102 [4711] the message
+/// \endcode
+///
+/// - The level is "critical" up to 8, "error" for 9, "warning" for 10, "info" for 11, "debug" for
+///   12 and "trace" above.
+/// - One newline at the end of a message is removed.
+/// - syslog(3) adds the time to its lines.
+///
+/// Details of the stand-in's operations:
+///
+/// - __oruLogChanReg() also returns -1 for a null name.
+/// - oruLogMsgPush() ignores null, and any other pointer that is not a record from
+///   oruLogMsgAlloc().
+/// - These two and oruLogMsgAlloc() do not change errno. None of the three is safe in a signal
+///   handler.
+///
+/// Threads: any thread may call any function.
 #pragma once
 
 #include <orulog/orulog.h>
 
-/// Messages that can be under way at once: taken by their writer, or not yet written.
+/// The number of messages that can be in use at once: being filled in, or not yet written.
 #define ORULOG_RECORDS 256
-/// Channels that can be registered.
+/// The number of channels that can be registered.
 #define ORULOG_CHANNELS 1000
-/// The threshold of channels that nothing else is said about.
+/// The default threshold of a channel.
 #define ORULOG_DEFAULT_THRESHOLD 10
-/// Bytes that a log file may have before it is rotated.
+/// The largest size of a log file in bytes. It is rotated before it grows larger.
 #define ORULOG_FILE_SIZE 1048576
-/// Rotated files that are kept beside the one being written.
+/// The number of rotated files that are kept, beside the current one.
 #define ORULOG_FILES_KEPT 3
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/// Sees a message when it has been written.
+/// A function that is called with each message after it has been written.
 ///
-/// \param msg the message as its writer left it; valid during the call only
+/// \param msg the message; valid during the call only
 /// \param channel the name of its channel, "?" for an index that is not registered
-/// \param user what oruLogSetHook() was given
+/// \param user the pointer given to oruLogSetHook()
 ///
-/// Calls never overlap. The service gives no record to a hook: what it logs goes to standard error
-/// like that of any writer who gets none. It may use the controls, except oruLogFlush(). It must
-/// not throw, end its thread or the process, nor fork other than to exec or _exit.
+/// - Calls never overlap.
+/// - oruLogMsgAlloc() returns null in a hook. So what the hook logs through the library goes to
+///   standard error.
+/// - It may call the controls, except oruLogFlush().
+/// - It must not throw, and not end its thread or the process.
+/// - It may fork(2) only to call exec(3) or _exit(2).
 typedef void (*oruLogHook)(const struct oruLogMsg* msg, const char* channel, void* user);
 
-/// Sets thresholds, of channels that are registered and of those still to come.
+/// Sets the thresholds of channels, registered ones and later ones.
 ///
-/// \param text a list with commas and without blanks, of which each item is NUMBER, for every
-/// channel, or NAME=NUMBER, for all channels of that name: `10`, `libio=12,stg=11`,
-/// `10,libio=12`. Names go before numbers wherever they stand; of equal names the last counts.
-/// Channels that the text does not cover keep their threshold.
-/// \returns 0; or -1 with errno EINVAL when `text` is null or anything else, or ENOMEM. Then
-/// nothing has changed.
+/// The argument is a list, separated by commas, without blanks: `10`, `libio=12,stg=11`,
+/// `10,libio=12`. Each item is one of:
+///
+/// - NUMBER: the threshold of all channels;
+/// - NAME=NUMBER: the threshold of the channels of this name. It takes precedence over NUMBER, in
+///   any order. The last one of a name counts.
+///
+/// Channels that no item matches keep their threshold.
+///
+/// \returns 0, or -1 with errno. After -1 nothing has changed.
+/// - EINVAL: the argument is null or not such a list;
+/// - ENOMEM: not enough memory.
 ORULOG_EXPORT int oruLogSetThresholds(const char* text);
 
-/// Chooses where messages go.
+/// Selects the output. The argument is one of:
 ///
-/// \param text
-/// - `stderr`: standard error, which is also the default;
-/// - `syslog`: syslog(3), after openlog(3) with LOG_PID and LOG_USER;
-/// - `file:PATH`: the end of this file. A relative PATH counts from the present working directory;
-///   the directory must exist. Before the file exceeds ORULOG_FILE_SIZE it is renamed to have `.1`
-///   before its extension; the ORULOG_FILES_KEPT newest of these are kept.
-/// \returns 0; or -1 with errno EINVAL when `text` is null or anything else, what open(2) says of
-/// the file, EIO or ENOMEM. Then messages go where they went before.
+/// - `stderr`: standard error, the default.
+/// - `syslog`: syslog(3), after openlog(3) with LOG_PID and LOG_USER.
+/// - `file:PATH`: this file; messages are appended. A relative PATH starts at the current working
+///   directory, and the directory must exist. Before the file grows larger than ORULOG_FILE_SIZE,
+///   `.1` is inserted before its extension; the newest ORULOG_FILES_KEPT of such files are kept.
 ///
-/// Returns when no message is being written to the former output any more. When an output fails
-/// later on, that is said on standard error, where messages then go until this is called again.
+/// Returns when no message is being written to the former output any more.
+///
+/// When an output fails later, the failure is printed on standard error. Messages then go to
+/// standard error until the next call.
+///
+/// \returns 0, or -1 with errno. After -1 the output has not changed.
+/// - EINVAL: the argument is null or none of these;
+/// - that of open(2) on the file;
+/// - EIO: the output could not be set up;
+/// - ENOMEM: not enough memory.
 ORULOG_EXPORT int oruLogSetOutput(const char* text);
 
-/// Makes `hook` see every message from now on, beside the output; null for none.
+/// Sets the hook that is called with every further message, beside the output. Null removes it.
 ///
-/// Returns when the former hook is not running any more, unless it makes the call itself.
+/// `user` is passed to each call of `hook`. Returns when the former hook is not running any more,
+/// except when that hook makes the call.
 ORULOG_EXPORT void oruLogSetHook(oruLogHook hook, void* user);
 
-/// Waits until every message that was pushed before has been written and seen by the hook.
+/// Waits until all messages pushed before are written and the hook has returned from them.
 ///
-/// \returns 0; or -1 with errno EDEADLK when a hook calls it.
+/// \returns 0, or -1 with errno EDEADLK when a hook calls it.
 ORULOG_EXPORT int oruLogFlush(void);
 
 #ifdef __cplusplus

@@ -1,47 +1,54 @@
-// The interface of the device's logging service: what a program needs to log through it.
-//
-// On the device, the service's own liborulog.so.1 offers exactly this; elsewhere its stand-in does.
+/// \file
+/// The interface of the device's logging service, for programs that log through it.
+///
+/// On the device, liborulog.so.1 of the service exports exactly these symbols. On other systems a
+/// stand-in exports them (orulog/control.h).
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 #include <time.h>
 
+/// Exports a function or variable from liborulog.so.1.
 #define ORULOG_EXPORT __attribute__((visibility("default")))
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/// One log message. The writer fills everything but `service`.
+/// One log message. The caller fills in all fields except `service`.
 struct oruLogMsg {
-    void* service;        ///< the service's own
-    int32_t channel;      ///< what __oruLogChanReg() returned
-    int32_t level;        ///< smaller is more important; 9 failure, 10 warning, 11 notice, 12 debug
-    uint32_t tid;         ///< kernel thread id of the writer, gettid(2)
+    void* service;        ///< used by the service only
+    int32_t channel;      ///< the result of __oruLogChanReg()
+    int32_t level;        ///< 9 failure, 10 warning, 11 notice, 12 debug; smaller is more important
+    uint32_t tid;         ///< kernel thread id of the caller, gettid(2)
     int32_t line;         ///< source line of the message
     const char* file;     ///< source file of the message, a string constant
     struct timespec time; ///< CLOCK_REALTIME
     char text[256];       ///< the message, NUL-terminated
-    int32_t length;       ///< what vsnprintf(3) returned for the text: its length before truncation
+    int32_t length;       ///< result of vsnprintf(3): the length of the message before truncation
 };
 
 /// Registers a channel. The strings must live as long as the program.
 ///
-/// \param name, description the channel's name and what it is for
-/// \param file, line where it is registered
-/// \returns the channel's index in the level table, or -1 when the table is full.
+/// \param name the name of the channel
+/// \param file, line the source line of the call
+/// \param description what the channel is for
+/// \returns the index of the channel in oruLogLevel, or -1 when the table is full.
 ORULOG_EXPORT int __oruLogChanReg(const char* name, const char* file, int line,
                                   const char* description);
 
-/// The threshold of each channel, at least 1000 entries: messages of a greater level are dropped by
-/// their writer. Read anew for every message; may change at any time.
+/// The threshold of each channel; at least 1000 entries. A message with a greater level is not
+/// logged.
+///
+/// A threshold may change at any time: read it for every message.
 extern ORULOG_EXPORT int* oruLogLevel;
 
-/// A free record, or null when the service has none. Never blocks for long and never allocates.
+/// Returns a free record, or null when there is none. Never blocks for long, and never allocates
+/// memory.
 ORULOG_EXPORT struct oruLogMsg* oruLogMsgAlloc(void);
 
-/// Takes over a record that oruLogMsgAlloc() gave, filled in.
+/// Hands over a record from oruLogMsgAlloc(), filled in, to the service.
 ORULOG_EXPORT void oruLogMsgPush(struct oruLogMsg* msg);
 
 #ifdef __cplusplus
