@@ -35,9 +35,9 @@ using test::IPCFSWithFakeServer;
 using test::LogCapture;
 using test::mappingsOf;
 
-TEST_F(IPCFSWithFakeServer, ConnectingThreadEnded_SessionGoesOn) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+TEST_F(IPCFSWithFakeServer, ConnectingThreadEnded_SessionContinues) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
     fs.disconnect();
     std::thread([this] { EXPECT_EQ(fs.connect(1, nullptr), 0); }).join();
     EXPECT_EQ(fs.mkdir("/d", 0755), 0);
@@ -47,9 +47,9 @@ TEST_F(IPCFSWithFakeServer, ConnectingThreadEnded_SessionGoesOn) {
     EXPECT_EQ(fs.connect(1, nullptr), 0);
 }
 
-TEST_F(IPCFSWithFakeServer, PlaceTakenWhileTheThreadWasGone_SessionIsLost) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+TEST_F(IPCFSWithFakeServer, ConnectingThreadEndedAndOtherClientConnected_SessionIsLost) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
     fs.disconnect();
     std::thread([this] { EXPECT_EQ(fs.connect(1, nullptr), 0); }).join();
     IPCFS other;
@@ -68,25 +68,25 @@ TEST_F(IPCFSWithFakeServer, PlaceTakenWhileTheThreadWasGone_SessionIsLost) {
 
 namespace {
 
-/// The state of a process's first thread, as the system tells it: Z when it has ended.
-char firstThreadState(pid_t process) {
+/// The state of a process's main thread in /proc: Z when it has ended.
+char mainThreadState(pid_t process) {
     const QByteArray status = test::contents(QStringLiteral("/proc/%1/stat").arg(process));
     return status.mid(status.lastIndexOf(')') + 2, 1).append('\0').front();
 }
 
 } // namespace
 
-/// A client in another process, which takes the place of one whose thread has ended. The server
-/// gives both the same descriptor.
-class IPCFSTakenPlace : public IPCFSTest {
+/// A client whose connecting thread ends, and a client in another process that connects afterwards.
+/// The server gives both the same descriptor number.
+class IPCFSReplacedClient : public IPCFSTest {
 protected:
     void SetUp() override {
-        if (!test::ownerDeathIsSeen())
-            GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+        if (!test::hasRobustMutexes())
+            GTEST_SKIP() << "the system does not report the death of a mutex owner";
         IPCFSTest::SetUp();
         ASSERT_EQ(pipe(opened), 0);
         ASSERT_EQ(pipe(goOn), 0);
-        // Forked while there are no threads yet.
+        // The process has no threads yet, so it can fork.
         other = std::make_unique<ChildProcess>([this] {
             char byte;
             IPCFS client;
@@ -99,19 +99,19 @@ protected:
         });
     }
 
-    void beginOnAThreadThatEnds() {
+    void connectOnAThreadThatEnds() {
         std::thread([this] {
             ASSERT_EQ(fs.connect(1, nullptr), 0);
             mine = openNew("mine");
         }).join();
         ASSERT_TRUE(mine);
     }
-    void letTheOtherOpen() {
+    void letOtherOpen() {
         char byte;
         ASSERT_EQ(::write(goOn[1], "g", 1), 1);
         ASSERT_EQ(::read(opened[0], &byte, 1), 1);
     }
-    void letTheOtherWrite() {
+    void letOtherWrite() {
         ASSERT_EQ(::write(goOn[1], "g", 1), 1);
         EXPECT_EQ(other->wait(), 0);
         EXPECT_EQ(test::contents(dir / "theirs"), "theirs");
@@ -123,27 +123,27 @@ protected:
     QSharedPointer<File> mine;
 };
 
-TEST_F(IPCFSTakenPlace, OtherLives_NothingReachesItsFiles) {
-    beginOnAThreadThatEnds();
-    letTheOtherOpen();
+TEST_F(IPCFSReplacedClient, OtherClientLives_WriteFailsAndItsFileIsUnchanged) {
+    connectOnAThreadThatEnds();
+    letOtherOpen();
     expectNotConnected(mine->write("mine", 4));
-    letTheOtherWrite();
+    letOtherWrite();
 }
 
-TEST_F(IPCFSTakenPlace, OtherHasDied_NothingReachesItsFilesAndTheNextBegins) {
-    beginOnAThreadThatEnds();
-    letTheOtherOpen();
+TEST_F(IPCFSReplacedClient, OtherClientDied_WriteFailsAndNextConnectSucceeds) {
+    connectOnAThreadThatEnds();
+    letOtherOpen();
     other->signal(SIGKILL);
     ASSERT_EQ(other->wait(), -SIGKILL);
     expectNotConnected(mine->write("mine", 4));
     EXPECT_EQ(test::contents(dir / "theirs"), "");
     const int descriptors = server.process().descriptors();
     EXPECT_EQ(fs.connect(1, nullptr), 0);
-    EXPECT_EQ(server.process().descriptors(), descriptors - 1); // of the one that died
+    EXPECT_EQ(server.process().descriptors(), descriptors - 1); // that of the dead client is closed
     EXPECT_EQ(fs.stat("/theirs", st), 0);
 }
 
-TEST_F(IPCFSTakenPlace, FirstThreadHasEndedAndCannotBeReaped_NothingReachesItsFiles) {
+TEST_F(IPCFSReplacedClient, MainThreadIsZombie_WriteFailsAndOtherFileIsUnchanged) {
     int begin[2];
     ASSERT_EQ(pipe(begin), 0);
     ChildProcess threads([&] {
@@ -157,18 +157,18 @@ TEST_F(IPCFSTakenPlace, FirstThreadHasEndedAndCannotBeReaped_NothingReachesItsFi
                                    !fs.isConnected();
             _exit(isRefused ? 0 : 2);
         }).detach();
-        // As pthread_exit(3), but the test's own frames are not unwound.
+        // Ends the main thread like pthread_exit(3), but does not unwind the stack of the test.
         syscall(SYS_exit, 0);
         return 3;
     });
-    ASSERT_TRUE(test::eventually([&] { return firstThreadState(threads.pid()) == 'Z'; }));
-    letTheOtherOpen();
+    ASSERT_TRUE(test::eventually([&] { return mainThreadState(threads.pid()) == 'Z'; }));
+    letOtherOpen();
     ASSERT_EQ(::write(begin[1], "b", 1), 1);
     EXPECT_EQ(threads.wait(), 0);
-    letTheOtherWrite();
+    letOtherWrite();
 }
 
-TEST_F(IPCFSTest, SessionNumberOverwritten_SessionIsLostAndNothingElse) {
+TEST_F(IPCFSTest, SessionNumberOverwritten_SessionIsLostAndNextConnectSucceeds) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     ASSERT_TRUE(file);
@@ -176,13 +176,14 @@ TEST_F(IPCFSTest, SessionNumberOverwritten_SessionIsLostAndNothingElse) {
     EXPECT_EQ(file->write("abc", 3), -1);
     EXPECT_EQ(errno, ENOTCONN);
     EXPECT_FALSE(fs.isConnected());
-    // The mutex is free, and no list of this thread leads to memory that is gone.
+    // The client mutex was released before it was unmapped: a robust list that refers to unmapped
+    // memory would break the next lock.
     EXPECT_EQ(mappingsOf(blockName), 0);
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     EXPECT_EQ(fs.mkdir("/d", 0755), 0);
 }
 
-TEST_F(IPCFSTest, ForkedChild_HasNoPartInTheSession) {
+TEST_F(IPCFSTest, ForkedChild_FailsWithENOTCONN) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     auto file = openNew("f");
     ASSERT_TRUE(file);
@@ -198,13 +199,13 @@ TEST_F(IPCFSTest, ForkedChild_HasNoPartInTheSession) {
     EXPECT_EQ(st.st_size, 6);
 }
 
-TEST_F(IPCFSTest, ForkedChildOfADeadParent_HasNoPartInTheSession) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+TEST_F(IPCFSTest, ForkedChildOfADeadParent_FailsWithENOTCONN) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
     int lifeline[2];
-    int told[2];
+    int result[2];
     ASSERT_EQ(pipe(lifeline), 0);
-    ASSERT_EQ(pipe(told), 0);
+    ASSERT_EQ(pipe(result), 0);
     ChildProcess parent([&] {
         if (fs.connect(1, nullptr) != 0)
             return 1;
@@ -217,16 +218,16 @@ TEST_F(IPCFSTest, ForkedChildOfADeadParent_HasNoPartInTheSession) {
             const bool isRefused = ::read(lifeline[0], &byte, 1) == 0 && // the parent is dead
                                    file->write("child", 5) == -1 && errno == ENOTCONN &&
                                    !fs.isConnected();
-            (void)!::write(told[1], isRefused ? "y" : "n", 1);
+            (void)!::write(result[1], isRefused ? "y" : "n", 1);
             _exit(0);
         }
         return raise(SIGKILL);
     });
     ::close(lifeline[1]);
-    ::close(told[1]);
+    ::close(result[1]);
     EXPECT_EQ(parent.wait(), -SIGKILL);
     char isRefused = '?';
-    EXPECT_EQ(::read(told[0], &isRefused, 1), 1);
+    EXPECT_EQ(::read(result[0], &isRefused, 1), 1);
     EXPECT_EQ(isRefused, 'y');
     EXPECT_EQ(test::contents(dir / "f"), "parent");
     EXPECT_EQ(requestState(test::AreaView().area()), Done);
@@ -235,9 +236,9 @@ TEST_F(IPCFSTest, ForkedChildOfADeadParent_HasNoPartInTheSession) {
 
 namespace {
 
-/// The exit status of a process that does `work` and, to itself, is number 1; `refused` when there
-/// can be no such process.
-int firstOfItsNumbers(const std::function<int()>& work, int refused) {
+/// Runs `work` in a child process that is number 1 of a new PID namespace. \returns its exit
+/// status, or `refused` when the namespace cannot be created.
+int runAsPidOne(const std::function<int()>& work, int refused) {
     if (unshare(CLONE_NEWPID) != 0)
         return refused;
     return ChildProcess(work).wait();
@@ -245,33 +246,33 @@ int firstOfItsNumbers(const std::function<int()>& work, int refused) {
 
 } // namespace
 
-// The thread that began the session holds its mutex after another one has ended it. A child whose
-// thread has the same number is not that thread.
-TEST_F(IPCFSTest, DisconnectedByAnotherThread_NothingBreaksInAChildOfTheSameNumber) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
-    constexpr int cannotBe = 77;
+// The connecting thread still holds the client mutex after another thread has disconnected. The
+// child has a thread with the same number, which does not hold it.
+TEST_F(IPCFSTest, DisconnectedByAnotherThread_ConnectFailsInAChildWithTheSameTid) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
+    constexpr int noNamespace = 77;
     const auto connectInChild = [] { return IPCFS().connect(1, nullptr) == -1 ? 0 : 3; };
     ChildProcess outer([&] {
-        return firstOfItsNumbers(
+        return runAsPidOne(
             [&] {
                 if (fs.connect(1, nullptr) != 0)
                     return 1;
                 std::thread([this] { fs.disconnect(); }).join();
-                return firstOfItsNumbers(connectInChild, 2);
+                return runAsPidOne(connectInChild, 2);
             },
-            cannotBe);
+            noNamespace);
     });
     const int status = outer.wait();
-    if (status == cannotBe)
-        GTEST_SKIP() << "no process numbers of one's own";
+    if (status == noNamespace)
+        GTEST_SKIP() << "needs root to create a PID namespace";
     EXPECT_EQ(status, 0);
     EXPECT_EQ(fs.connect(1, nullptr), 0);
 }
 
-// The session ends on another thread than the one that began it, which alone can let its place go.
-TEST_F(IPCFSWithFakeServer, TimedOutOnAnotherThread_BeginnersThreadConnectsAgain) {
-    test::shortenWaits(100);
+// The session ends on another thread. Only the connecting thread can release the client mutex.
+TEST_F(IPCFSWithFakeServer, TimeoutOnAnotherThread_OnlyTheConnectingThreadReconnects) {
+    test::limitSemaphoreWaits(100);
     server.beSilent();
     std::thread([this] { EXPECT_EQ(fs.mkdir("/d", 0755), -1); }).join();
     EXPECT_FALSE(fs.isConnected());
@@ -279,10 +280,10 @@ TEST_F(IPCFSWithFakeServer, TimedOutOnAnotherThread_BeginnersThreadConnectsAgain
     std::thread([this] { EXPECT_EQ(fs.connect(1, nullptr), -1); }).join();
     EXPECT_EQ(fs.connect(1, nullptr), 0);
     EXPECT_EQ(fs.mkdir("/d", 0755), 0);
-    test::shortenWaits(0);
+    test::limitSemaphoreWaits(0);
 }
 
-TEST_F(IPCFSWithFakeServer, PlaceTakenBeforeTheAnswer_ThatIsTheOthers) {
+TEST_F(IPCFSWithFakeServer, SessionReplacedBeforeTheAnswer_AnswerIsLeftForTheNewClient) {
     server.beSilent();
     AreaControl& control = server.area().control;
     std::thread other([this, &control] {
@@ -302,7 +303,7 @@ TEST_F(IPCFSWithFakeServer, PlaceTakenBeforeTheAnswer_ThatIsTheOthers) {
     EXPECT_EQ(pthread_mutex_unlock(&control.clientMutex), 0);
 }
 
-TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_NothingBreaks) {
+TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_ReconnectsOnceTheConnectingThreadEnded) {
     fs.disconnect();
     sem_t connected;
     sem_t goOn;
@@ -314,19 +315,19 @@ TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_NothingBreaks) {
         EXPECT_EQ(fs.connect(1, nullptr), 0);
         sem_post(&connected);
         sem_wait(&goOn);
-        // Its list of robust mutexes is still good.
+        // This thread's list of robust mutexes still refers to mapped memory.
         ShmBlock block(blockName, areaSize, 0);
         EXPECT_NE(block.lock(), nullptr);
         EXPECT_EQ(block.unlock(), 0);
     });
     sem_wait(&connected);
     fs.disconnect();
-    EXPECT_EQ(fs.connect(1, nullptr), -1); // as long as that thread lives
-    EXPECT_EQ(mappingsOf(blockName), 2); // the server's, and one to which that thread's list leads
+    EXPECT_EQ(fs.connect(1, nullptr), -1); // the connecting thread still holds the client mutex
+    EXPECT_EQ(mappingsOf(blockName), 2);   // the server's and that thread's
     sem_post(&goOn);
     owner.join();
-    if (test::ownerDeathIsSeen()) {
-        // The system is done with a thread a moment later than its joiner is told.
+    if (test::hasRobustMutexes()) {
+        // join() may return shortly before the kernel has removed the thread.
         EXPECT_TRUE(
             test::eventually([&] { return syscall(SYS_tgkill, getpid(), number, 0) == -1; }));
         EXPECT_EQ(fs.connect(1, nullptr), 0);
@@ -334,9 +335,9 @@ TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_NothingBreaks) {
     }
 }
 
-TEST_F(IPCFSWithFakeServer, ClientMutexBeyondRecovery_SaysSo) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+TEST_F(IPCFSWithFakeServer, ClientMutexNotRecoverable_ConnectFails) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
     fs.disconnect();
     pthread_mutex_t* const mutex = &server.area().control.clientMutex;
     std::thread([=] { pthread_mutex_lock(mutex); }).join();

@@ -1,4 +1,4 @@
-// IPCFS with a server in another process: what holds of every file system.
+// IPCFS passes the conformance tests of file systems, with a server in another process.
 
 #include "support/ipc/ipcservice.h"
 #include "support/suite/fs_conformance.h"
@@ -24,13 +24,13 @@ test::Backend connectedBackend() {
         ServerProcess server{directory.path()};
         IPCFS::SPtr client = IPCFS::SPtr::create();
 
-        // While the server is there.
+        // Disconnects before the server is destroyed.
         ~Parts() {
             client->disconnect();
         }
     };
     const auto parts = std::make_shared<Parts>();
-    EXPECT_TRUE(parts->server.isReady());
+    EXPECT_TRUE(parts->server.awaitReady());
     EXPECT_EQ(parts->client->connect(1, nullptr), 0);
     test::Backend backend;
     backend.fs = parts->client;

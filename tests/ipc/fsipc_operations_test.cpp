@@ -33,7 +33,7 @@ using test::LogCapture;
 using test::secondsSince;
 using ::testing::HasSubstr;
 
-TEST_F(IPCFSTest, WhatIsNeverSent_NotImplemented) {
+TEST_F(IPCFSTest, XattrWatchAndIoctl_FailWithNotImplemented) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     const auto directory = fs.opendir("/");
@@ -56,7 +56,7 @@ TEST_F(IPCFSTest, WhatIsNeverSent_NotImplemented) {
                                            "fsipc 12 'dir::ioctl' Not implemented"}));
 }
 
-TEST_F(IPCFSTest, RequestOfTheWholeArea_RefusedAndNotPosted) {
+TEST_F(IPCFSTest, RequestTooLong_FailsWithE2BIGAndIsNotPosted) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const QString longest(8704 - 1 - 5, 'p');
     EXPECT_EQ(fs.stat(longest, st), -1);
@@ -75,7 +75,7 @@ TEST_F(IPCFSTest, RequestOfTheWholeArea_RefusedAndNotPosted) {
     EXPECT_EQ(fs.stat("/", st), 0);
 }
 
-TEST_F(IPCFSTest, PathThatCannotCross_RefusedHere) {
+TEST_F(IPCFSTest, PathWithNulOrLoneSurrogate_FailsWithEINVALOrEILSEQ) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     EXPECT_EQ(fs.stat(QString("/a") + QChar(QChar::Null), st), -1);
     EXPECT_EQ(errno, EINVAL);
@@ -83,7 +83,7 @@ TEST_F(IPCFSTest, PathThatCannotCross_RefusedHere) {
     EXPECT_EQ(errno, EILSEQ);
 }
 
-TEST_F(IPCFSTest, LeadingBlanks_BelongToTheName) {
+TEST_F(IPCFSTest, LeadingBlanks_ArePartOfTheName) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     EXPECT_EQ(fs.mkdir("/  two", 0755), 0);
     EXPECT_EQ(fs.chmod("/  two", 0700), 0);
@@ -95,7 +95,7 @@ TEST_F(IPCFSTest, LeadingBlanks_BelongToTheName) {
     EXPECT_TRUE(QFileInfo::exists(dir / "  two"));
 }
 
-TEST_F(IPCFSTest, MoreThanABuffer_ShortCount) {
+TEST_F(IPCFSTest, TransferAboveOneMebibyte_ReturnsShortCount) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     constexpr int buffer = 1 << 20;
@@ -112,7 +112,7 @@ TEST_F(IPCFSTest, MoreThanABuffer_ShortCount) {
     EXPECT_EQ(st.st_size, 2 * buffer);
 }
 
-TEST_F(IPCFSTest, ReadAll_NothingOfMoreThanABuffer) {
+TEST_F(IPCFSTest, ReadAllAboveOneMebibyte_ReturnsEmpty) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     constexpr int buffer = 1 << 20;
@@ -125,7 +125,7 @@ TEST_F(IPCFSTest, ReadAll_NothingOfMoreThanABuffer) {
     EXPECT_EQ(file->readAll(buffer).size(), buffer);
 }
 
-TEST_F(IPCFSTest, NoBytes_NoNothing) {
+TEST_F(IPCFSTest, ZeroBytes_ReturnsZero) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     char byte = 0;
@@ -137,7 +137,7 @@ TEST_F(IPCFSTest, NoBytes_NoNothing) {
     EXPECT_EQ(file->write(nullptr, 0), 0);
 }
 
-TEST_F(IPCFSTest, NullBuffer_EFAULT) {
+TEST_F(IPCFSTest, NullBuffer_FailsWithEFAULT) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     for (int i = 0; i < 5; ++i) {
@@ -156,7 +156,7 @@ TEST_F(IPCFSTest, NullBuffer_EFAULT) {
     EXPECT_EQ(test::AreaView().area().control.bufferMap, 0U);
 }
 
-TEST_F(IPCFSTest, FailedTransfers_LeaveNoBufferTaken) {
+TEST_F(IPCFSTest, FailedTransfers_ReleaseTheirDataBuffers) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     ASSERT_TRUE(openNew("f"));
     const auto reader = fs.open("/f", O_RDONLY, 0);
@@ -179,7 +179,7 @@ TEST_F(IPCFSTest, FailedTransfers_LeaveNoBufferTaken) {
     EXPECT_EQ(freeBuffers, 2);
 }
 
-TEST_F(IPCFSTest, BuffersTaken_TransferFailsAfterTwoSeconds) {
+TEST_F(IPCFSTest, AllDataBuffersTaken_WriteFailsWithETIMEDOUTAfterTwoSeconds) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     const test::AreaView view;
@@ -195,7 +195,7 @@ TEST_F(IPCFSTest, BuffersTaken_TransferFailsAfterTwoSeconds) {
     EXPECT_EQ(file->write(&byte, 1), 1);
 }
 
-TEST_F(IPCFSTest, FcntlNumbers_OnlyLookAtTheDescriptor) {
+TEST_F(IPCFSTest, FcntlIntegerCommands_AreSentAsFstat) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     LogCapture log("fsipc=12");
@@ -217,7 +217,7 @@ TEST_F(IPCFSTest, FcntlNumbers_OnlyLookAtTheDescriptor) {
     EXPECT_EQ(log.messages(), QStringList());
 }
 
-TEST_F(IPCFSTest, FcntlLocks_TravelUnderTheTargetsNumbers) {
+TEST_F(IPCFSTest, FcntlLocks_AreSentWithTheTargetsNumbers) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     struct flock lock = {};
@@ -234,7 +234,7 @@ TEST_F(IPCFSTest, FcntlLocks_TravelUnderTheTargetsNumbers) {
     EXPECT_TRUE(messages[0].endsWith(" 13'"));
     EXPECT_TRUE(messages[2].endsWith(" 14'"));
     EXPECT_TRUE(messages[4].endsWith(" 12'"));
-    // The server process has the lock.
+    // The server process holds the lock.
     const int fd = ::open(qPrintable(dir / "f"), O_RDWR);
     struct flock seen = lock;
     EXPECT_EQ(::fcntl(fd, F_GETLK, &seen), 0);
@@ -267,7 +267,7 @@ TEST_F(IPCFSTest, Fchmod_LocksTheFile) {
     EXPECT_EQ(st.st_mode & 0777, 0644U);
 }
 
-TEST_F(IPCFSTest, EndOfDirectory_NullWithErrnoMinusOne) {
+TEST_F(IPCFSTest, EndOfDirectory_ReturnsNullWithErrnoMinusOne) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto directory = fs.opendir("/");
     EXPECT_NE(directory->readdir(), nullptr);
@@ -279,7 +279,7 @@ TEST_F(IPCFSTest, EndOfDirectory_NullWithErrnoMinusOne) {
     EXPECT_NE(directory->readdir(), nullptr);
 }
 
-TEST_F(IPCFSTest, SuccessAfterAFailure_TellsNoOldReason) {
+TEST_F(IPCFSTest, SuccessAfterFailure_ClearsErrno) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     EXPECT_EQ(fs.stat("/missing", st), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -288,7 +288,7 @@ TEST_F(IPCFSTest, SuccessAfterAFailure_TellsNoOldReason) {
     EXPECT_EQ(liberrno, Ok);
 }
 
-TEST_F(IPCFSTest, SameRecordAsTheSystems) {
+TEST_F(IPCFSTest, StatAndFstat_ReturnTheSystemsRecord) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     ASSERT_EQ(file->write("abc", 3), 3);
@@ -300,7 +300,7 @@ TEST_F(IPCFSTest, SameRecordAsTheSystems) {
     EXPECT_EQ(std::memcmp(&st, &system, sizeof st), 0);
 }
 
-TEST_F(IPCFSTest, EndOfAFile_TellsNothingAboutAnotherFailure) {
+TEST_F(IPCFSTest, DestroyedFile_KeepsErrnoAndLiberrno) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     auto file = openNew("f");
     auto directory = fs.opendir("/");

@@ -1,4 +1,4 @@
-// IPCFS: the requests that it sends, and the responses that it accepts and refuses.
+// IPCFS: the format of its requests, and how it handles valid and malformed responses.
 
 #include "ipc/fsipc_p.h"
 #include "support/ipc/fakeserver.h"
@@ -26,7 +26,7 @@ using test::FakeServer;
 using test::IPCFSWithFakeServer;
 using test::LogCapture;
 
-TEST_F(IPCFSWithFakeServer, MalformedHeader_EBADMSG) {
+TEST_F(IPCFSWithFakeServer, MalformedHeader_FailsWithEBADMSG) {
     for (const char* header : {"", "1", "1,2", "1,2,", "a,b,c", "1,2,x", "1;2;3", " 1,2,3",
                                "1,2,3,4", "99999999999,0,0", "0,0,-1"}) {
         LogCapture log("fsipc=12");
@@ -37,7 +37,7 @@ TEST_F(IPCFSWithFakeServer, MalformedHeader_EBADMSG) {
     }
 }
 
-TEST_F(IPCFSWithFakeServer, ResponseWithoutAnEnd_EBADMSG) {
+TEST_F(IPCFSWithFakeServer, ResponseWithoutNul_EndsWithTheArea) {
     server.answer(QByteArray(8704, 'x'));
     expectBadMessage(fs.mkdir("/d", 0755));
     server.answer(QByteArray("0,0,0") + QByteArray(8699, '0'));
@@ -47,7 +47,7 @@ TEST_F(IPCFSWithFakeServer, ResponseWithoutAnEnd_EBADMSG) {
     EXPECT_EQ(fs.readlink("/l", buf, sizeof buf), 0);
 }
 
-TEST_F(IPCFSWithFakeServer, AnsweredReason_IsTheCallers) {
+TEST_F(IPCFSWithFakeServer, AnsweredError_SetsErrnoAndLiberrno) {
     server.answer(QByteArray("-1,28,0", 8));
     EXPECT_EQ(fs.mkdir("/d", 0755), -1);
     EXPECT_EQ(errno, ENOSPC);
@@ -57,14 +57,14 @@ TEST_F(IPCFSWithFakeServer, AnsweredReason_IsTheCallers) {
     EXPECT_EQ(liberrno, LibraryFailure);
 }
 
-TEST_F(IPCFSWithFakeServer, AnsweredNotConnected_EndsTheSession) {
+TEST_F(IPCFSWithFakeServer, AnsweredENOTCONNOrESHUTDOWN_EndsTheSession) {
     for (const int reason : {ENOTCONN, ESHUTDOWN}) {
         ASSERT_EQ(fs.connect(1, nullptr), 0);
         server.answer("-1," + QByteArray::number(reason) + QByteArray(",0", 3));
         EXPECT_EQ(fs.mkdir("/d", 0755), -1);
         EXPECT_EQ(errno, reason);
         EXPECT_FALSE(fs.isConnected());
-        // In good order: the server knows.
+        // The server has received a disconnect request.
         EXPECT_EQ(requestState(server.area()), Idle);
     }
     ASSERT_EQ(fs.connect(1, nullptr), 0);
@@ -75,7 +75,7 @@ TEST_F(IPCFSWithFakeServer, AnsweredNotConnected_EndsTheSession) {
     EXPECT_EQ(errno, ENOTCONN);
 }
 
-TEST_F(IPCFSWithFakeServer, RecordThatIsNone_EBADMSG) {
+TEST_F(IPCFSWithFakeServer, InvalidRecord_FailsWithEBADMSG) {
     struct statfs sfs;
     server.answer(QByteArray("0,0,0 text", 11));
     expectBadMessage(fs.stat("/f", st));
@@ -89,7 +89,7 @@ TEST_F(IPCFSWithFakeServer, RecordThatIsNone_EBADMSG) {
     expectBadMessage(fs.mkdir("/d", 0755));
 }
 
-TEST_F(IPCFSWithFakeServer, DescriptorZero_CannotBeUsed) {
+TEST_F(IPCFSWithFakeServer, DescriptorZero_OperationsFailWithEBADF) {
     const auto file = openAs(0);
     ASSERT_TRUE(file);
     char byte;
@@ -110,13 +110,13 @@ TEST_F(IPCFSWithFakeServer, DescriptorZero_CannotBeUsed) {
     EXPECT_TRUE(server.request().startsWith("open "));
 }
 
-TEST_F(IPCFSWithFakeServer, OpenRefused_Null) {
+TEST_F(IPCFSWithFakeServer, OpenRefused_ReturnsNull) {
     server.answer(QByteArray("-1,13,0", 8));
     EXPECT_FALSE(fs.open("/f", O_RDWR, 0));
     EXPECT_EQ(errno, EACCES);
 }
 
-TEST_F(IPCFSWithFakeServer, Close_ForgetsTheDescriptorWhateverTheAnswer) {
+TEST_F(IPCFSWithFakeServer, CloseRefused_FileIsClosedAnyway) {
     const auto file = openAs(7);
     server.answer(QByteArray("-1,5,0", 7));
     EXPECT_EQ(file->close(), -1);
@@ -126,7 +126,7 @@ TEST_F(IPCFSWithFakeServer, Close_ForgetsTheDescriptorWhateverTheAnswer) {
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(IPCFSWithFakeServer, CountsThatCannotBe_EBADMSG) {
+TEST_F(IPCFSWithFakeServer, CountOutOfRange_FailsWithEBADMSG) {
     const auto file = openAs(7);
     char buf[16];
     for (const char* answer : {"0,0,0 0 17", "0,0,0 0 -1", "0,0,0 1 3", "0,0,0 0", "0,0,0 x",
@@ -139,7 +139,7 @@ TEST_F(IPCFSWithFakeServer, CountsThatCannotBe_EBADMSG) {
         expectBadMessage(file->pread(buf, sizeof buf, 0));
         server.answer(QByteArray(answer, static_cast<int>(std::strlen(answer)) + 1));
         expectBadMessage(file->write(buf, sizeof buf));
-        server.area().control.bufferMap = 0; // a server releases what it was handed
+        server.area().control.bufferMap = 0; // as a server does after a write
         sem_post(&server.area().control.bufferSem);
     }
     server.answer(QByteArray("0,0,0 x", 8));
@@ -147,7 +147,7 @@ TEST_F(IPCFSWithFakeServer, CountsThatCannotBe_EBADMSG) {
     EXPECT_EQ(server.area().control.bufferMap, 0U);
 }
 
-TEST_F(IPCFSWithFakeServer, Position_AsAnswered) {
+TEST_F(IPCFSWithFakeServer, Lseek_ReturnsTheAnsweredPosition) {
     const auto file = openAs(7);
     server.answer(QByteArray("0,0,0 5000000000", 17));
     EXPECT_EQ(file->lseek(-3, SEEK_END), 5'000'000'000);
@@ -157,7 +157,7 @@ TEST_F(IPCFSWithFakeServer, Position_AsAnswered) {
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST_F(IPCFSWithFakeServer, DirectoryEntryWithoutAnEnd_IsCut) {
+TEST_F(IPCFSWithFakeServer, EntryNameWithoutNul_IsTerminated) {
     server.answer(QByteArray("0,0,0 0x1234", 13));
     const auto directory = fs.opendir("/");
     ASSERT_TRUE(directory);
@@ -169,7 +169,7 @@ TEST_F(IPCFSWithFakeServer, DirectoryEntryWithoutAnEnd_IsCut) {
     EXPECT_EQ(server.request(), "readdir 0x1234");
 }
 
-TEST_F(IPCFSWithFakeServer, HandleThatIsNone_NoDirectory) {
+TEST_F(IPCFSWithFakeServer, InvalidHandle_OpendirFailsWithEBADMSG) {
     for (const char* answer : {"0,0,0 (nil)", "0,0,0", "0,0,0 x", "0,0,0 0x0"}) {
         server.answer(QByteArray(answer, static_cast<int>(std::strlen(answer)) + 1));
         expectBadMessage(fs.opendir("/") ? 0 : -1);
@@ -179,7 +179,7 @@ TEST_F(IPCFSWithFakeServer, HandleThatIsNone_NoDirectory) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(IPCFSWithFakeServer, Closedir_KeepsTheHandleWhenRefused) {
+TEST_F(IPCFSWithFakeServer, ClosedirRefused_KeepsTheHandle) {
     server.answer(QByteArray("0,0,0 0x1234", 13));
     const auto directory = fs.opendir("/");
     server.answer(QByteArray("-1,5,0", 7));
@@ -194,7 +194,7 @@ TEST_F(IPCFSWithFakeServer, Closedir_KeepsTheHandleWhenRefused) {
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(IPCFSWithFakeServer, LinkText_AsLongAsTheBuffer) {
+TEST_F(IPCFSWithFakeServer, Readlink_ReturnsTheLengthOfTheCopiedTarget) {
     char buf[4] = {'#', '#', '#', '#'};
     server.answer(QByteArray("4096,0,0 abcdef", 16));
     EXPECT_EQ(fs.readlink("/l", buf, 3), 3);
@@ -208,7 +208,7 @@ TEST_F(IPCFSWithFakeServer, LinkText_AsLongAsTheBuffer) {
     EXPECT_EQ(target, "abcdef");
 }
 
-TEST_F(IPCFSWithFakeServer, Requests_InTheirFormats) {
+TEST_F(IPCFSWithFakeServer, Requests_HaveTheirFormat) {
     const auto sent = [this](long long) { return server.request(); };
     EXPECT_EQ(sent(fs.chmod("/f", 0640)), "chmod 416 /f");
     EXPECT_EQ(sent(fs.truncate("/f", 5'000'000'000)), "truncate 5000000000 /f");
@@ -230,13 +230,13 @@ TEST_F(IPCFSWithFakeServer, Requests_InTheirFormats) {
     EXPECT_EQ(sent(file->read(&byte, 1)), "read 7 1 1");
 }
 
-TEST_F(IPCFSWithFakeServer, Answer_AwaitedForTenSeconds) {
-    test::shortenWaits(50);
+TEST_F(IPCFSWithFakeServer, NoAnswer_FailsWithENOTCONNAfterTenSeconds) {
+    test::limitSemaphoreWaits(50);
     server.beSilent();
     EXPECT_EQ(fs.mkdir("/d", 0755), -1);
     EXPECT_EQ(errno, ENOTCONN);
-    EXPECT_NEAR(test::lastWaitSeconds(), 10, 0.2);
-    test::shortenWaits(0);
+    EXPECT_NEAR(test::lastSemaphoreTimeoutSeconds(), 10, 0.2);
+    test::limitSemaphoreWaits(0);
 }
 
 TEST_F(IPCFSWithFakeServer, WaitFails_EndsTheSession) {
@@ -250,7 +250,7 @@ TEST_F(IPCFSWithFakeServer, WaitFails_EndsTheSession) {
                            "fsipc 12 Response wait error: Invalid argument. Disconnecting."}));
 }
 
-TEST(IPCFSData, RequestWithPayload_FitsOrIsRefusedWhole) {
+TEST(IPCFSData, RequestWithPayload_FailsWithE2BIGAboveTheAreaSize) {
     FakeServer server;
     IPCFS::Data session;
     ASSERT_EQ(session.init(nullptr), 0);

@@ -1,4 +1,4 @@
-// IPCFS: servers that end, are killed, or are stopped during a session.
+// IPCFS: a server that ends, is killed, or is stopped during a session.
 
 #include "support/ipc/elapsed.h"
 #include "support/ipc/ipccalls.h"
@@ -31,7 +31,7 @@ using test::LogCapture;
 using test::secondsSince;
 using test::ServerProcess;
 
-TEST_F(IPCFSTest, ServerTerminated_NextCallFinds) {
+TEST_F(IPCFSTest, ServerTerminated_NextCallFailsWithENOTCONN) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     EXPECT_EQ(server.terminate(), 0);
     LogCapture log("fsipc=12");
@@ -43,9 +43,9 @@ TEST_F(IPCFSTest, ServerTerminated_NextCallFinds) {
     EXPECT_FALSE(QFileInfo::exists(dir / "d"));
 }
 
-TEST_F(IPCFSTest, ServerKilled_NextCallFinds) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+TEST_F(IPCFSTest, ServerKilled_NextCallFailsWithENOTCONN) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     server.process().signal(SIGKILL);
@@ -57,7 +57,7 @@ TEST_F(IPCFSTest, ServerKilled_NextCallFinds) {
     ASSERT_EQ(messages.size(), 3);
     EXPECT_EQ(messages[1], "fsipc 12 Server crashed.");
     EXPECT_EQ(messages[2], "fsipc 12 Server offline. Stopping client");
-    // Who comes now finds an area that no server owns.
+    // The area is still there, but no server owns it.
     EXPECT_EQ(fs.connect(1, nullptr), -1);
     EXPECT_EQ(errno, ENOTCONN);
     EXPECT_EQ(log.messages(),
@@ -65,14 +65,14 @@ TEST_F(IPCFSTest, ServerKilled_NextCallFinds) {
                            "fsipc 12 Server offline. Stopping client",
                            "fsipc 12 No response from server"}));
     ServerProcess next(dir.path());
-    ASSERT_TRUE(next.isReady());
+    ASSERT_TRUE(next.awaitReady());
     EXPECT_EQ(fs.connect(1, nullptr), 0);
     EXPECT_EQ(fs.stat("/f", st), 0);
 }
 
-TEST_F(IPCFSTest, ServerKilledAndRestarted_ClientFindsTheOldOneGone) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+TEST_F(IPCFSTest, ServerKilledAndRestarted_OldSessionFailsWithENOTCONN) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
     server.process().signal(SIGKILL);
@@ -80,7 +80,7 @@ TEST_F(IPCFSTest, ServerKilledAndRestarted_ClientFindsTheOldOneGone) {
     ServerProcess next(dir.path());
     ASSERT_TRUE(test::eventually([] {
         const test::AreaView view;
-        return view.isThere() && isOwned(view.area()) && requestState(view.area()) == Idle;
+        return view.isMapped() && isOwned(view.area()) && requestState(view.area()) == Idle;
     }));
     char byte = 0;
     expectNotConnected(file->write(&byte, 1));
@@ -92,9 +92,9 @@ TEST_F(IPCFSTest, ServerKilledAndRestarted_ClientFindsTheOldOneGone) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST_F(IPCFSTest, ServerKilledWithNobodyConnected_ClientIsTold) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+TEST_F(IPCFSTest, ServerKilledWithoutAClient_ConnectFailsWithENOTCONN) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
     server.process().signal(SIGKILL);
     ASSERT_EQ(server.process().wait(), -SIGKILL);
     LogCapture log("fsipc=12");
@@ -104,22 +104,22 @@ TEST_F(IPCFSTest, ServerKilledWithNobodyConnected_ClientIsTold) {
                                            "fsipc 12 Server not online: Owner died"}));
 }
 
-TEST_F(IPCFSTest, ServerStoppedForElevenSeconds_ClientBeginsAnewInStep) {
+TEST_F(IPCFSTest, ServerStoppedForElevenSeconds_RequestIsCancelledAndNextSessionWorks) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     auto file = openNew("f");
     server.process().signal(SIGSTOP);
     const auto start = Clock::now();
     LogCapture log("fsipc=12");
-    expectNotConnected(fs.mkdir("/given-up", 0755));
+    expectNotConnected(fs.mkdir("/cancelled", 0755));
     EXPECT_GE(secondsSince(start), 9.9);
     EXPECT_LT(secondsSince(start), 15);
-    EXPECT_EQ(log.messages(), QStringList({"fsipc 12 Send request 'mkdir 493 /given-up'",
+    EXPECT_EQ(log.messages(), QStringList({"fsipc 12 Send request 'mkdir 493 /cancelled'",
                                            "fsipc 12 Response wait error: Connection timed out. "
                                            "Disconnecting."}));
     std::this_thread::sleep_until(start + std::chrono::seconds(11));
     server.process().signal(SIGCONT);
     ASSERT_EQ(fs.connect(1, nullptr), 0);
-    // Each answer is its own.
+    // Each answer belongs to its request.
     for (int i = 1; i <= 100; ++i) {
         const QString name = QStringLiteral("/link%1").arg(i);
         QString target;
@@ -128,25 +128,25 @@ TEST_F(IPCFSTest, ServerStoppedForElevenSeconds_ClientBeginsAnewInStep) {
         ASSERT_EQ(fs.readlink(name, target), expected.size());
         ASSERT_EQ(target, expected);
     }
-    // What was given up was not done behind the client's back.
-    EXPECT_FALSE(QFileInfo::exists(dir / "given-up"));
+    // The server has not carried out the cancelled request.
+    EXPECT_FALSE(QFileInfo::exists(dir / "cancelled"));
     file.reset();
     EXPECT_EQ(server.terminate(), 0);
     EXPECT_TRUE(server.messages().contains("fsipcsrv 12 Close Session. 1 files 0 dirs"));
 }
 
-TEST_F(IPCFSTest, AnswerThatComesTooLate_TakenForNoOther) {
+TEST_F(IPCFSTest, LateAnswer_IsNotTakenForAnotherRequest) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
-    test::shortenWaits(200);
+    test::limitSemaphoreWaits(200);
     const auto holder = openNew("f");
     const auto waiter = fs.open("/f", O_RDWR, 0);
     ASSERT_EQ(holder->flock(LOCK_EX), 0);
-    // The server is inside the file system until this process unlocks the file.
+    // The server blocks in flock(2) until this process unlocks the file.
     const int fd = ::open(qPrintable(dir / "f"), O_RDWR);
     ASSERT_EQ(holder->flock(LOCK_UN), 0);
     ASSERT_EQ(::flock(fd, LOCK_EX), 0);
     expectNotConnected(waiter->flock(LOCK_EX));
-    // It gets on when the next session has already begun to end this one.
+    // The next client requests the end of this session before the server continues.
     std::thread later([fd] {
         const test::AreaView view;
         EXPECT_TRUE(test::eventually([&] { return isPublished(requestState(view.area())); }));
@@ -160,7 +160,7 @@ TEST_F(IPCFSTest, AnswerThatComesTooLate_TakenForNoOther) {
     }
     later.join();
     ::close(fd);
-    test::shortenWaits(0);
+    test::limitSemaphoreWaits(0);
 }
 
 } // namespace oru::io

@@ -1,4 +1,4 @@
-// IPCFS: how a session begins and ends, and what belongs to it.
+// IPCFS: connecting and disconnecting, and the files and directories of a session.
 
 #include "ipc/fsipc_p.h"
 #include "support/ipc/elapsed.h"
@@ -34,7 +34,7 @@ using test::LogCapture;
 using test::objectPath;
 using test::secondsSince;
 
-TEST_F(IPCFSTest, Session_BeginsAndEnds) {
+TEST_F(IPCFSTest, ConnectAndDisconnect_ChangeTheState) {
     EXPECT_EQ(fs.state(), 0);
     EXPECT_FALSE(fs.isConnected());
     EXPECT_EQ(fs.connect(1, nullptr), 0);
@@ -50,7 +50,7 @@ TEST_F(IPCFSTest, Session_BeginsAndEnds) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST_F(IPCFSTest, Session_MessagesOfBothEnds) {
+TEST_F(IPCFSTest, ConnectAndDisconnect_LogAtBothEnds) {
     {
         LogCapture log("fsipc=12");
         ASSERT_EQ(fs.connect(1, nullptr), 0);
@@ -65,7 +65,7 @@ TEST_F(IPCFSTest, Session_MessagesOfBothEnds) {
     }
     EXPECT_EQ(server.terminate(), 0);
     QStringList messages = server.messages();
-    // Of another thread, which need not have waited for the one that serves to wait again.
+    // Logged by the terminating thread, at any time after the disconnect.
     EXPECT_EQ(messages.removeAll("fsipcsrv 12 Terminate server"), 1);
     EXPECT_EQ(
         messages,
@@ -82,7 +82,7 @@ TEST_F(IPCFSTest, Session_MessagesOfBothEnds) {
                      "fsipcsrv 12 Send response '-1,125,0'", "fsipcsrv 12 IPC Server stopped"}));
 }
 
-TEST_F(IPCFSTest, OpenAtDisconnect_ClosedByTheServer) {
+TEST_F(IPCFSTest, FilesOpenAtDisconnect_AreClosedByTheServer) {
     const int before = server.process().descriptors();
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto file = openNew("f");
@@ -96,7 +96,7 @@ TEST_F(IPCFSTest, OpenAtDisconnect_ClosedByTheServer) {
     EXPECT_TRUE(server.messages().contains("fsipcsrv 12 Close Session. 1 files 1 dirs"));
 }
 
-TEST_F(IPCFSTest, OfAnEarlierSession_EBADF) {
+TEST_F(IPCFSTest, FileOfAnEarlierSession_FailsWithEBADF) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     const auto oldFile = openNew("old");
     const auto oldDirectory = fs.opendir("/");
@@ -105,7 +105,7 @@ TEST_F(IPCFSTest, OfAnEarlierSession_EBADF) {
     char byte = 'x';
     expectNotConnected(oldFile->write(&byte, 1));
     ASSERT_EQ(fs.connect(1, nullptr), 0);
-    // It has the same number in the server as the old one had.
+    // The server gives it the same descriptor number as the old one.
     const auto newFile = openNew("new");
     ASSERT_TRUE(newFile);
     liberrno = LibraryFailure;
@@ -123,7 +123,7 @@ TEST_F(IPCFSTest, OfAnEarlierSession_EBADF) {
     EXPECT_EQ(newFile->close(), 0);
 }
 
-TEST_F(IPCFSTest, FileThatOutlivesTheFS_NotConnected) {
+TEST_F(IPCFSTest, FileThatOutlivesTheFS_FailsWithENOTCONN) {
     auto client = std::make_unique<IPCFS>();
     ASSERT_EQ(client->connect(1, nullptr), 0);
     const auto file = client->open("/f", O_RDWR | O_CREAT, 0644);
@@ -137,7 +137,7 @@ TEST_F(IPCFSTest, FileThatOutlivesTheFS_NotConnected) {
     expectNotConnected(directory->closedir());
 }
 
-TEST_F(IPCFSTest, NotConnected_EveryOperationFails) {
+TEST_F(IPCFSTest, NotConnected_EveryOperationFailsWithENOTCONN) {
     struct statfs sfs;
     char buf[16];
     QString text;
@@ -162,7 +162,7 @@ TEST_F(IPCFSTest, NotConnected_EveryOperationFails) {
     EXPECT_TRUE(QDir(dir.path()).isEmpty());
 }
 
-TEST_F(IPCFSTest, SecondClient_Refused) {
+TEST_F(IPCFSTest, SecondClient_ConnectFailsWithENOTCONN) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     LogCapture log("fsipc=12");
     IPCFS second;
@@ -179,20 +179,20 @@ TEST_F(IPCFSTest, SecondClient_Refused) {
 
 // --- Many sessions -------------------------------------------------------------------------------
 
-// What is lost is waited for: for a second or longer.
-constexpr double longestOrderlySession = 0.9;
+// After a lost post, a session takes a second or longer.
+constexpr double maxSessionSeconds = 0.9;
 
-TEST_F(IPCFSTest, ThousandSessions_NoneLost) {
+TEST_F(IPCFSTest, ThousandSessions_EachTakesLessThanASecond) {
     for (int i = 0; i < 1000; ++i) {
         const auto start = Clock::now();
         ASSERT_EQ(fs.connect(1, nullptr), 0) << i;
         ASSERT_EQ(fs.stat("/", st), 0) << i;
         fs.disconnect();
-        ASSERT_LT(secondsSince(start), longestOrderlySession) << i;
+        ASSERT_LT(secondsSince(start), maxSessionSeconds) << i;
     }
 }
 
-TEST_F(IPCFSTest, ThousandSessionsOfTwoProcessesInTurn_NoneLost) {
+TEST_F(IPCFSTest, ThousandSessionsOfTwoProcessesInTurn_EachTakesLessThanASecond) {
     int toChild[2];
     int toParent[2];
     ASSERT_EQ(pipe(toChild), 0);
@@ -206,7 +206,7 @@ TEST_F(IPCFSTest, ThousandSessionsOfTwoProcessesInTurn_NoneLost) {
                 return i + 1;
             const auto start = Clock::now();
             if (client.connect(1, nullptr) != 0 || client.stat("/", seen) != 0 ||
-                client.disconnect() != 0 || secondsSince(start) >= longestOrderlySession ||
+                client.disconnect() != 0 || secondsSince(start) >= maxSessionSeconds ||
                 ::write(out, &turn, 1) != 1)
                 return i + 1;
         }
@@ -218,12 +218,12 @@ TEST_F(IPCFSTest, ThousandSessionsOfTwoProcessesInTurn_NoneLost) {
     EXPECT_EQ(child.wait(), 0);
 }
 
-// Without taking turns: who is refused tries again, and everybody gets through.
-TEST_F(IPCFSTest, TwoProcessesAtOnce_EachAnswerItsOwn) {
+// Both processes connect at the same time. The one that is refused tries again.
+TEST_F(IPCFSTest, TwoProcessesAtOnce_EachReceivesItsOwnAnswers) {
     const auto play = [](const char* name) {
         IPCFS::Data session;
         for (int sessions = 0; sessions < 100;) {
-            // One attempt, without the pause that follows in connect().
+            // One attempt, without the pause of one second in connect().
             if (session.init(nullptr) != 0)
                 continue;
             const char* answer = nullptr;
@@ -246,7 +246,7 @@ TEST_F(IPCFSTest, TwoProcessesAtOnce_EachAnswerItsOwn) {
 // --- Without a server ----------------------------------------------------------------------------
 
 TEST(IPCFSWithoutServer, Connect_TriesOncePerSecond) {
-    // Servers that another test has ended leave it behind.
+    // A server that an earlier test killed has left its object.
     QFile::remove(objectPath(blockName));
     IPCFS fs;
     LogCapture log("fsipc=12");
@@ -268,9 +268,9 @@ TEST(IPCFSWithoutServer, Connect_TriesOncePerSecond) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCFSWithoutServer, AreaLeftBehindUnlocked_SaysSo) {
+TEST(IPCFSWithoutServer, OrphanedArea_ConnectFailsWithENOTCONN) {
     ShmBlock block(blockName, areaSize, ShmBlock::Create | ShmBlock::RemoveAtClose);
-    test::leaveBehind(block);
+    test::makeOrphanedArea(block);
     IPCFS fs;
     LogCapture log("fsipc=12");
     EXPECT_EQ(fs.connect(1, nullptr), -1);
@@ -279,7 +279,7 @@ TEST(IPCFSWithoutServer, AreaLeftBehindUnlocked_SaysSo) {
                                            "fsipc 12 Server not online: shm unlocked"}));
 }
 
-TEST(IPCFSSlots, OwnOperations_BehindThoseOfFS) {
+TEST(IPCFSSlots, OwnFunctions_FollowThoseOfFS) {
     using test::slotOf;
     int slot = 27;
     EXPECT_EQ(slotOf(&IPCFS::connect), slot++);

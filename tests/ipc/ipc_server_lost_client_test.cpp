@@ -1,4 +1,4 @@
-// IPCServer: clients that die during a session.
+// IPCServer: a client that dies during a session.
 
 #include "support/doubles/memfs.h"
 #include "support/ipc/ipccalls.h"
@@ -27,8 +27,8 @@ using test::RunningServer;
 
 namespace {
 
-/// Those of one channel.
-QStringList only(const char* channel, const QStringList& messages) {
+/// The messages of one channel.
+QStringList messagesOf(const char* channel, const QStringList& messages) {
     QStringList found;
     for (const QString& message : messages) {
         if (message.section(' ', 0, 0) == channel)
@@ -42,16 +42,16 @@ QStringList only(const char* channel, const QStringList& messages) {
 class IPCServerCrash : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!test::ownerDeathIsSeen())
-            GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+        if (!test::hasRobustMutexes())
+            GTEST_SKIP() << "the system does not report the death of a mutex owner";
     }
 
-    /// A client that opens a file and then waits for its death.
+    /// A client that opens a file and then waits to be killed. It is forked here, before the
+    /// server's thread starts, and connects once there is a server.
     std::unique_ptr<ChildProcess> connectedClient() {
         int opened[2];
         EXPECT_EQ(pipe(opened), 0);
         auto child = std::make_unique<ChildProcess>([&] {
-            // Started before this process had threads, so before the server.
             IPCFS fs;
             while (fs.connect(1, nullptr) != 0) {
             }
@@ -72,49 +72,49 @@ protected:
     int m_opened = -1;
 };
 
-TEST_F(IPCServerCrash, ClientKilled_FoundByThePollAndClosedWithTheNext) {
+TEST_F(IPCServerCrash, ClientKilled_PollEndsItsSession) {
     const auto child = connectedClient();
-    test::shortenWaits(100);
+    test::limitSemaphoreWaits(100);
     LogCapture log("fsipcsrv=12,fsipc=12");
     QStringList messages;
-    const auto says = [&](const char* text) {
+    const auto hasLogged = [&](const char* message) {
         return eventually([&] {
             messages += log.messages();
-            return messages.contains(text);
+            return messages.contains(message);
         });
     };
     RunningServer running(QSharedPointer<MemFS>::create());
     awaitConnected();
-    EXPECT_TRUE(says("fsipcsrv 12 Poll for active client"));
-    EXPECT_NEAR(test::lastWaitSeconds(), 30, 0.2);
+    EXPECT_TRUE(hasLogged("fsipcsrv 12 Poll for active client"));
+    EXPECT_NEAR(test::lastSemaphoreTimeoutSeconds(), 30, 0.2);
     child->signal(SIGKILL);
-    EXPECT_TRUE(says("fsipcsrv 12 Client crashed. Terminating session."));
+    EXPECT_TRUE(hasLogged("fsipcsrv 12 Client crashed. Terminating session."));
     EXPECT_FALSE(messages.contains("fsipcsrv 12 Close Session. 1 files 0 dirs"));
     IPCFS next;
     EXPECT_EQ(next.connect(1, nullptr), 0);
     EXPECT_FALSE(messages.contains("fsipc 12 Client crash detected. Continuing."));
-    EXPECT_TRUE(says("fsipcsrv 12 Close Session. 1 files 0 dirs"));
+    EXPECT_TRUE(hasLogged("fsipcsrv 12 Close Session. 1 files 0 dirs"));
     struct stat st;
     EXPECT_EQ(next.stat("/f", st), 0);
-    test::shortenWaits(0);
+    test::limitSemaphoreWaits(0);
 }
 
-TEST_F(IPCServerCrash, NewClientBeforeThePoll_Inherits) {
+TEST_F(IPCServerCrash, NewClientBeforeThePoll_EndsTheSessionOfTheDeadOne) {
     const auto child = connectedClient();
-    test::shortenWaits(50);
+    test::limitSemaphoreWaits(50);
     RunningServer running(QSharedPointer<MemFS>::create());
     awaitConnected();
-    // The server has looked for its client for the last time, and waits for half a minute.
-    EXPECT_TRUE(eventually(test::isLastWaitShortened));
-    test::shortenWaits(0);
-    EXPECT_TRUE(eventually([] { return !test::isLastWaitShortened(); }));
+    // The server now waits 30 s before it polls for its client again.
+    EXPECT_TRUE(eventually(test::isLastWaitLimited));
+    test::limitSemaphoreWaits(0);
+    EXPECT_TRUE(eventually([] { return !test::isLastWaitLimited(); }));
     child->signal(SIGKILL);
     ASSERT_EQ(child->wait(), -SIGKILL);
     LogCapture log("fsipcsrv=12,fsipc=12");
     IPCFS next;
     EXPECT_EQ(next.connect(1, nullptr), 0);
     const QStringList messages = log.messages();
-    EXPECT_EQ(only("fsipc", messages),
+    EXPECT_EQ(messagesOf("fsipc", messages),
               QStringList({"fsipc 12 Client connecting", "fsipc 12 Detected Server online",
                            "fsipc 12 Client crash detected. Continuing.",
                            "fsipc 12 Send request 'disconnect'", "fsipc 12 Send request 'connect'",

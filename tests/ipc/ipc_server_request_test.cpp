@@ -1,4 +1,4 @@
-// IPCServer: how it answers each request, and which requests it refuses.
+// IPCServer: the answers to valid and invalid requests.
 
 #include "ipc/ipc_server_p.h"
 #include "support/doubles/recordingfs.h"
@@ -40,7 +40,7 @@ protected:
         dir = client.ask("opendir /").split(' ').value(1);
     }
 
-    /// With FD and DIR replaced.
+    /// Sends a request. FD and DIR stand for the session's open file and directory.
     QByteArray ask(QByteArray request) {
         return client.ask(request.replace("FD", fd).replace("DIR", dir));
     }
@@ -52,7 +52,7 @@ protected:
     QByteArray dir;
 };
 
-TEST_F(IPCServerRequests, UnknownName_EOPNOTSUPP) {
+TEST_F(IPCServerRequests, UnknownName_AnswersEOPNOTSUPP) {
     LogCapture log("fsipcsrv=12");
     EXPECT_EQ(ask("format /dev/sda"), "-1,95,0");
     EXPECT_TRUE(log.messages().contains("fsipcsrv 12 Request not supported 'format'"));
@@ -64,7 +64,7 @@ TEST_F(IPCServerRequests, UnknownName_EOPNOTSUPP) {
     EXPECT_EQ(ask("sync"), "0,0,0");
 }
 
-TEST_F(IPCServerRequests, MissingOrBadArguments_EINVAL) {
+TEST_F(IPCServerRequests, MissingOrBadArguments_AnswersEINVAL) {
     for (const char* name :
          {"mkdir",     "rmdir",    "statfs", "stat",   "lstat",    "link",      "symlink",
           "unlink",    "readlink", "rename", "chmod",  "truncate", "opendir",   "open",
@@ -84,7 +84,7 @@ TEST_F(IPCServerRequests, MissingOrBadArguments_EINVAL) {
         EXPECT_EQ(ask(request), "-1,22,0") << request;
 }
 
-TEST_F(IPCServerRequests, DescriptorNeverHandedOut_EINVAL) {
+TEST_F(IPCServerRequests, DescriptorNotOpenedByTheSession_AnswersEINVAL) {
     for (const char* other : {"0", "1", "2", "-1", "999999", "2147483647"}) {
         const QByteArray bad = other;
         EXPECT_EQ(ask("read " + bad + " 0 1"), "-1,22,2 0 -1");
@@ -103,7 +103,7 @@ TEST_F(IPCServerRequests, DescriptorNeverHandedOut_EINVAL) {
     EXPECT_EQ(ask("lseek FD 0 0"), "-1,22,2 -1");
 }
 
-TEST_F(IPCServerRequests, DescriptorOfTheServersOwn_IsNoneOfTheClients) {
+TEST_F(IPCServerRequests, DescriptorOfTheServerProcess_AnswersEINVAL) {
     FDAdapter own(fs);
     const int ownFd = own.open("/secret", O_RDWR | O_CREAT, 0600);
     ASSERT_GE(ownFd, 0);
@@ -112,7 +112,7 @@ TEST_F(IPCServerRequests, DescriptorOfTheServersOwn_IsNoneOfTheClients) {
     EXPECT_EQ(own.close(ownFd), 0);
 }
 
-TEST_F(IPCServerRequests, HandleNeverHandedOut_EINVAL) {
+TEST_F(IPCServerRequests, HandleNotOpenedByTheSession_AnswersEINVAL) {
     for (const char* request :
          {"readdir", "readdir 0x1", "readdir (nil)", "readdir x", "readdir 1234", "rewinddir 0x1",
           "closedir 0x1", "closedir", "rewinddir", "readdir 0xffffffffffffffffff"})
@@ -123,7 +123,7 @@ TEST_F(IPCServerRequests, HandleNeverHandedOut_EINVAL) {
     EXPECT_EQ(ask("readdir DIR"), "-1,22,2");
 }
 
-TEST_F(IPCServerRequests, BufferOrCountOutside_EINVAL) {
+TEST_F(IPCServerRequests, BufferOrCountOutOfRange_AnswersEINVAL) {
     for (const char* index : {"2", "-1", "1000000", "2147483647", "-2147483648"}) {
         const QByteArray bad = index;
         EXPECT_EQ(ask("read FD " + bad + " 1"), "-1,22,0 " + bad + " -1");
@@ -138,7 +138,7 @@ TEST_F(IPCServerRequests, BufferOrCountOutside_EINVAL) {
     EXPECT_EQ(ask("write FD 1 1048576"), "0,0,0 1048576");
 }
 
-TEST_F(IPCServerRequests, Write_ReleasesTheBufferAlsoWhenItFails) {
+TEST_F(IPCServerRequests, Write_ReleasesTheDataBufferEvenOnFailure) {
     for (const char* request : {"write FD 0 1", "write 5 0 1", "write FD 0 1048577",
                                 "pwrite FD 0 1 0", "pwrite 5 0 1 0"}) {
         IPCShm* const shm = reinterpret_cast<IPCShm*>(&client.area());
@@ -146,14 +146,14 @@ TEST_F(IPCServerRequests, Write_ReleasesTheBufferAlsoWhenItFails) {
         ask(request);
         EXPECT_EQ(client.area().control.bufferMap, 0U) << request;
     }
-    // The client releases what it reads into.
+    // After a read, the client releases the data buffer.
     IPCShm* const shm = reinterpret_cast<IPCShm*>(&client.area());
     ASSERT_EQ(shm->allocDataBuf(1), 0);
     EXPECT_EQ(ask("pread FD 0 1 0"), "0,0,0 1");
     EXPECT_EQ(client.area().control.bufferMap, 1U);
 }
 
-TEST_F(IPCServerRequests, Transfers_ThroughTheDataBuffers) {
+TEST_F(IPCServerRequests, Transfers_UseTheDataBuffers) {
     std::memcpy(client.area().buffers[1], "footage", 7);
     EXPECT_EQ(ask("write FD 1 7"), "0,0,0 7");
     EXPECT_EQ(ask("lseek FD 0 0"), "0,0,0 0");
@@ -164,18 +164,18 @@ TEST_F(IPCServerRequests, Transfers_ThroughTheDataBuffers) {
     EXPECT_EQ(ask("read FD 0 0"), "0,0,0 0 0");
 }
 
-TEST_F(IPCServerRequests, SecondText_BehindTheNulOfTheFirst) {
+TEST_F(IPCServerRequests, SecondArgument_FollowsTheNulOfTheFirst) {
     EXPECT_EQ(ask(QByteArray("symlink target\0/l", 17)), "0,0,0");
     EXPECT_EQ(ask("readlink /l"), "6,0,0 target");
     EXPECT_EQ(ask(QByteArray("rename /l\0/m", 12)), "0,0,0");
     EXPECT_EQ(ask(QByteArray("link /f\0/g", 10)), "0,0,0");
     EXPECT_EQ(ask("readlink /f"), "-1,22,0 ");
-    // Without one, there is none: not the one of the request before.
+    // A missing second argument is not taken from the request before.
     EXPECT_EQ(ask("rename /m"), "-1,22,0");
     EXPECT_EQ(ask("readlink /m"), "6,0,0 target");
 }
 
-TEST_F(IPCServerRequests, AreaWithoutANul_StaysInside) {
+TEST_F(IPCServerRequests, RequestWithoutNul_AnswersAnError) {
     for (const char* name : {"stat ", "link ", "rename ", "open 66 420 ", "bogus"}) {
         const QByteArray whole = QByteArray(name).leftJustified(8704, 'p');
         std::memcpy(client.area().request + 1, whole.constData() + 1, whole.size() - 1);
@@ -187,7 +187,7 @@ TEST_F(IPCServerRequests, AreaWithoutANul_StaysInside) {
     EXPECT_EQ(ask("sync"), "0,0,0");
 }
 
-TEST_F(IPCServerRequests, TokenWithoutARequest_NoAnswer) {
+TEST_F(IPCServerRequests, PostWithoutARequest_IsNotAnswered) {
     for (int i = 0; i < 5; ++i)
         sem_post(&client.area().control.requestSem);
     EXPECT_EQ(ask("sync"), "0,0,0");
@@ -196,7 +196,7 @@ TEST_F(IPCServerRequests, TokenWithoutARequest_NoAnswer) {
     EXPECT_EQ(answers, 0);
 }
 
-TEST_F(IPCServerRequests, Fcntl_LocksIntegersAndTheRest) {
+TEST_F(IPCServerRequests, Fcntl_AcceptsOnlyLocksAndIntegerCommands) {
     EXPECT_EQ(ask("fcntl FD 99 0"), "-1,95,0");
     EXPECT_EQ(ask("fcntl FD 5 0"), "-1,95,0");
     EXPECT_EQ(ask("fcntl FD 1030"), "-1,22,0");
@@ -204,12 +204,12 @@ TEST_F(IPCServerRequests, Fcntl_LocksIntegersAndTheRest) {
     QByteArray request = "fcntl FD 13";
     request.replace("FD", fd).append('\0').append(reinterpret_cast<const char*>(&lock),
                                                   sizeof lock);
-    // The file system in memory has no locks, and says so.
+    // The file system in memory does not implement locks.
     EXPECT_EQ(client.ask(request), "-1,0,1");
-    EXPECT_EQ(ask("fcntl FD 3 0"), "2,0,0"); // its flags
+    EXPECT_EQ(ask("fcntl FD 3 0"), "2,0,0"); // F_GETFL
 }
 
-TEST_F(IPCServerRequests, Fstat_WithMoreArgumentsWithoutARecord) {
+TEST_F(IPCServerRequests, FstatWithMoreArguments_AnswersNoRecord) {
     LogCapture log("fsipcsrv=12");
     EXPECT_EQ(ask("fstat FD 3 0"), "0,0,0");
     EXPECT_EQ(ask("fstat FD"), "0,0,0");
@@ -219,7 +219,7 @@ TEST_F(IPCServerRequests, Fstat_WithMoreArgumentsWithoutARecord) {
         QStringLiteral("fsipcsrv 12 Send BufResponse 0,0,0 + %1 bytes").arg(sizeof(struct stat))));
 }
 
-TEST_F(IPCServerRequests, Records_BehindTheHeadersNul) {
+TEST_F(IPCServerRequests, Records_FollowTheNulOfTheHeader) {
     QByteArray answer = client.ask("stat /f", 6 + sizeof(struct stat));
     struct stat st;
     std::memcpy(&st, answer.constData() + 6, sizeof st);
@@ -232,11 +232,11 @@ TEST_F(IPCServerRequests, Records_BehindTheHeadersNul) {
     EXPECT_EQ(client.ask("statfs /", 5), "0,0,0");
 }
 
-TEST_F(IPCServerRequests, NoDirectory_NullHandle) {
+TEST_F(IPCServerRequests, OpendirOfAMissingPath_AnswersNullHandle) {
     EXPECT_EQ(ask("opendir /missing"), "-1,2,0 (nil)");
 }
 
-TEST_F(IPCServerRequests, LongestLinkText_ComesWhole) {
+TEST_F(IPCServerRequests, LongLinkTarget_IsCutTo4096Bytes) {
     const QByteArray target(4096, 't');
     EXPECT_EQ(ask("symlink " + target + QByteArray("\0/l", 3)), "0,0,0");
     EXPECT_EQ(ask("readlink /l"), "4096,0,0 " + target);
@@ -244,7 +244,7 @@ TEST_F(IPCServerRequests, LongestLinkText_ComesWhole) {
     EXPECT_EQ(ask("readlink /m"), "4096,0,0 " + target);
 }
 
-TEST_F(IPCServerRequests, EndOfDirectory_ErrnoMinusOne) {
+TEST_F(IPCServerRequests, EndOfDirectory_AnswersErrnoMinusOne) {
     EXPECT_EQ(ask("readdir DIR"), "0,0,0");
     EXPECT_EQ(ask("readdir DIR"), "0,0,0");
     EXPECT_EQ(ask("readdir DIR"), "0,0,0");
@@ -253,14 +253,14 @@ TEST_F(IPCServerRequests, EndOfDirectory_ErrnoMinusOne) {
     EXPECT_EQ(ask("readdir DIR"), "0,0,0");
 }
 
-TEST_F(IPCServerRequests, ReasonOfOneRequest_NotThatOfTheNext) {
+TEST_F(IPCServerRequests, ErrorOfOneRequest_IsClearedForTheNext) {
     EXPECT_EQ(ask("stat /missing"), "-1,2,0");
     EXPECT_EQ(ask("read 5 0 1"), "-1,22,2 0 -1");
     EXPECT_EQ(ask("sync"), "0,0,0");
     EXPECT_EQ(ask("stat /missing"), "-1,2,0");
 }
 
-TEST_F(IPCServerRequests, Disconnect_ClosesAndMakesAllAsNew) {
+TEST_F(IPCServerRequests, Disconnect_ClosesFilesAndResetsTheArea) {
     IPCShm* const shm = reinterpret_cast<IPCShm*>(&client.area());
     ASSERT_EQ(shm->allocDataBuf(1), 0);
     LogCapture log("fsipcsrv=12");
@@ -277,9 +277,10 @@ TEST_F(IPCServerRequests, Disconnect_ClosesAndMakesAllAsNew) {
     EXPECT_EQ(ask("readdir DIR"), "-1,22,2");
 }
 
-// --- Without a thread ----------------------------------------------------------------------------
+// --- The session without a thread
+// ----------------------------------------------------------------------------
 
-/// The private parts of a server over an area in ordinary memory.
+/// The server's session, without a thread and with an area in ordinary memory.
 class IPCServerData : public ::testing::Test {
 protected:
     IPCServerData() {
@@ -294,7 +295,7 @@ protected:
     IPCServer::Data data{fs};
 };
 
-TEST_F(IPCServerData, ResponseTooLong_ReplacedByE2BIG) {
+TEST_F(IPCServerData, ResponseTooLong_AnswersE2BIG) {
     LogCapture log("fsipcsrv=12");
     errno = ENOENT;
     liberrno = NotFound;
@@ -307,7 +308,7 @@ TEST_F(IPCServerData, ResponseTooLong_ReplacedByE2BIG) {
     EXPECT_TRUE(log.messages().contains("fsipcsrv 12 Response 'readlink' exceeds max 8704"));
 }
 
-TEST_F(IPCServerData, RecordTooLong_ReplacedByE2BIG) {
+TEST_F(IPCServerData, RecordTooLong_AnswersE2BIG) {
     LogCapture log("fsipcsrv=12");
     const std::vector<char> record(8704, 'r');
     errno = 0;
@@ -322,7 +323,7 @@ TEST_F(IPCServerData, RecordTooLong_ReplacedByE2BIG) {
     EXPECT_TRUE(log.messages().contains("fsipcsrv 12 Response 'readlink' exceeds max 8704"));
 }
 
-TEST_F(IPCServerData, Syncs_EachAsItself) {
+TEST_F(IPCServerData, SyncRequests_CallTheMatchingFunction) {
     const auto process = [this](const QByteArray& request) {
         std::strcpy(data.request.bytes, request.constData());
         data.process();
@@ -336,7 +337,7 @@ TEST_F(IPCServerData, Syncs_EachAsItself) {
     EXPECT_EQ(process("fdatasync " + fd), QStringList("fdatasync"));
 }
 
-TEST_F(IPCServerData, Handlers_ForEveryOperation) {
+TEST_F(IPCServerData, Handlers_CoverEveryOperation) {
     EXPECT_EQ(
         data.handlers.keys(),
         QStringList({"chmod",     "close",     "closedir", "connect", "disconnect", "fchmod",

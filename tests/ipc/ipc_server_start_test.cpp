@@ -1,4 +1,4 @@
-// IPCServer: how it begins, takes over from a predecessor, and fails to begin.
+// IPCServer: starting, replacing the area of an earlier server, and failing to start.
 
 #include "ipc/ipcwire_p.h"
 #include "support/doubles/memfs.h"
@@ -39,7 +39,7 @@ using test::secondsSince;
 using test::withoutAddresses;
 using test::withoutWaits;
 
-TEST(IPCServer, RunAndTerminate_States) {
+TEST(IPCServer, RunAndTerminate_ChangeTheState) {
     IPCServer server(QSharedPointer<MemFS>::create());
     EXPECT_EQ(server.state(), 0);
     EXPECT_EQ(server.terminate(), 0);
@@ -55,13 +55,13 @@ TEST(IPCServer, RunAndTerminate_States) {
     EXPECT_EQ(server.terminate(), 0);
 }
 
-TEST(IPCServer, Ioctl_NotImplemented) {
+TEST(IPCServer, Ioctl_FailsWithNotImplemented) {
     IPCServer server(QSharedPointer<MemFS>::create());
-    QString response = "as it was";
+    QString response = "unchanged";
     liberrno = Ok;
     EXPECT_EQ(server.ioctl("anything", response), -1);
     EXPECT_EQ(liberrno, NotImplemented);
-    EXPECT_EQ(response, "as it was");
+    EXPECT_EQ(response, "unchanged");
 }
 
 TEST(IPCServer, NullFS_ServesAnEmptySwitch) {
@@ -85,7 +85,7 @@ TEST(IPCServer, RunAgain_ServesAgain) {
     }
 }
 
-TEST(IPCServer, SecondServer_RefusedAndTheFirstGoesOn) {
+TEST(IPCServer, SecondServer_FailsWithEBUSYAndTheFirstContinues) {
     RunningServer running(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
     IPCServer second(QSharedPointer<MemFS>::create());
@@ -100,12 +100,12 @@ TEST(IPCServer, SecondServer_RefusedAndTheFirstGoesOn) {
         QStringList({"fsipcsrv 12 Serving 'MemFS'", "fsipcsrv 12 IPC Server initializing",
                      "Existing Shm", "fsipcsrv 12 Existing active server detected. Aborting",
                      "fsipcsrv 12 IPC Server init failed", "fsipcsrv 12 IPC Server stopped"}));
-    EXPECT_NEAR(test::lastLockSeconds(), 0.1, 0.01); // the server mutex is tried for 100 ms
+    EXPECT_NEAR(test::lastMutexTimeoutSeconds(), 0.1, 0.01); // for the server mutex
     EXPECT_TRUE(test::serviceExists());
     EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
 }
 
-TEST(IPCServer, RunWhileRunning_Refused) {
+TEST(IPCServer, RunWhileRunning_FailsWithEBUSY) {
     RunningServer running(QSharedPointer<MemFS>::create());
     errno = 0;
     EXPECT_EQ(running.server->run(nullptr), -1);
@@ -114,7 +114,7 @@ TEST(IPCServer, RunWhileRunning_Refused) {
     EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
 }
 
-TEST(IPCServer, ServersAtOnce_OneServes) {
+TEST(IPCServer, ConcurrentServers_OneServes) {
     for (int round = 0; round < 10; ++round) {
         std::vector<std::unique_ptr<IPCServer>> servers;
         std::vector<std::thread> threads;
@@ -137,10 +137,10 @@ TEST(IPCServer, ServersAtOnce_OneServes) {
     }
 }
 
-TEST(IPCServer, CompetingServer_LeftAlone) {
+TEST(IPCServer, CompetingServer_RunFailsWithEBUSYAndItsAreaStays) {
     std::unique_ptr<ShmBlock> competitor;
-    // Looking for an object takes 20 attempts; then comes the one that would create it.
-    test::atCall("shm_open", 21, [&] {
+    // The first 20 calls try to open an existing object. The next one would create it.
+    test::runAtCall("shm_open", 21, [&] {
         competitor = std::make_unique<ShmBlock>(blockName, areaSize, ShmBlock::Create);
         setOwned(areaOf(shmAt(competitor->base())), true);
     });
@@ -158,9 +158,9 @@ TEST(IPCServer, CompetingServer_LeftAlone) {
     competitor->remove();
 }
 
-TEST(IPCServer, AreaLeftBehindUnlocked_TakenOver) {
+TEST(IPCServer, OrphanedArea_IsReplaced) {
     ShmBlock left(blockName, areaSize, ShmBlock::Create);
-    const Area& area = test::leaveBehind(left);
+    const Area& area = test::makeOrphanedArea(left);
     LogCapture log("fsipcsrv=12");
     {
         RunningServer running(QSharedPointer<MemFS>::create());
@@ -174,19 +174,19 @@ TEST(IPCServer, AreaLeftBehindUnlocked_TakenOver) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-// To a client of the old one that looks at its mutex, whoever holds that is a server.
-TEST(IPCServer, DeadServersMutex_FreeBeforeAnythingIsSaid) {
+// A client of the old server takes any holder of the server mutex for a live server.
+TEST(IPCServer, OrphanedArea_MutexIsReleasedBeforeTheCrashIsLogged) {
     ShmBlock left(blockName, areaSize, ShmBlock::Create);
-    test::leaveBehind(left);
+    test::makeOrphanedArea(left);
     LogCapture log("fsipcsrv=12");
-    QStringList saidBefore;
-    test::atCall("pthread_mutex_unlock", 1, [&] { saidBefore = log.messages(); });
+    QStringList loggedBefore;
+    test::runAtCall("pthread_mutex_unlock", 1, [&] { loggedBefore = log.messages(); });
     RunningServer running(QSharedPointer<MemFS>::create());
-    EXPECT_EQ(withoutAddresses(saidBefore).last(), "Existing Shm");
+    EXPECT_EQ(withoutAddresses(loggedBefore).last(), "Existing Shm");
     EXPECT_EQ(log.messages().first(), "fsipcsrv 12 Server crash detected. Resetting.");
 }
 
-TEST(IPCServer, PredecessorCannotBeRemoved_RefusedAndItStays) {
+TEST(IPCServer, UnlinkOfPredecessorFails_RunFailsAndAreaStays) {
     const ShmBlock left(blockName, areaSize, ShmBlock::Create);
     IPCServer server(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
@@ -205,29 +205,29 @@ TEST(IPCServer, PredecessorCannotBeRemoved_RefusedAndItStays) {
     EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
 }
 
-TEST(IPCServer, NoDescriptorToLookAtThePredecessor_ReplacedAllTheSame) {
+TEST(IPCServer, NoFreeDescriptor_PredecessorIsReplaced) {
     const ShmBlock left(blockName, areaSize, ShmBlock::Create);
-    test::failCall("shm_open", 2, EMFILE); // the first one finds it
+    test::failCall("shm_open", 2, EMFILE); // the first call opens the area
     RunningServer running(QSharedPointer<MemFS>::create());
-    // The server has an object of its own.
+    // The server has created a new object.
     EXPECT_FALSE(left.isValid());
     EXPECT_FALSE(isOwned(areaOf(shmAt(left.base()))));
     EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
 }
 
-TEST(IPCServer, BlockCannotBeRemovedAtTheEnd_TriedAgain) {
+TEST(IPCServer, RemovingTheBlockFails_IsTriedAgain) {
     for (const char* call : {"shm_open", "shm_unlink"}) {
         RunningServer running(QSharedPointer<MemFS>::create());
         const test::AreaView view;
         test::failCall(call, 1, EMFILE);
         running.server->terminate();
         EXPECT_EQ(running.join(), 0);
-        EXPECT_FALSE(view.isThere()) << call;
+        EXPECT_FALSE(view.isMapped()) << call;
         EXPECT_FALSE(test::serviceExists()) << call;
     }
 }
 
-TEST(IPCServer, AreaOfNobody_Replaced) {
+TEST(IPCServer, AreaWithoutOwner_IsReplaced) {
     const ShmBlock left(blockName, areaSize, ShmBlock::Create);
     {
         RunningServer running(QSharedPointer<MemFS>::create());
@@ -236,7 +236,7 @@ TEST(IPCServer, AreaOfNobody_Replaced) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCServer, ObjectOfAnotherSize_Replaced) {
+TEST(IPCServer, ObjectOfAnotherSize_IsReplaced) {
     const ShmBlock left(blockName, 100, ShmBlock::Create);
     {
         RunningServer running(QSharedPointer<MemFS>::create());
@@ -245,7 +245,7 @@ TEST(IPCServer, ObjectOfAnotherSize_Replaced) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCServer, BlockCannotBeMade_SaysSo) {
+TEST(IPCServer, MappingFails_RunFailsWithENOMEM) {
     IPCServer server(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
     test::failCall("mmap", 1, ENOMEM);
@@ -260,16 +260,16 @@ TEST(IPCServer, BlockCannotBeMade_SaysSo) {
     shm_unlink("/_blk_fsipc");
 }
 
-TEST(IPCServer, ObjectCannotBeMade_TellsWhy) {
+TEST(IPCServer, ShmOpenFails_RunFailsWithEACCES) {
     IPCServer server(QSharedPointer<MemFS>::create());
-    // Looking for one takes 20 attempts, both for a predecessor's and for its own.
+    // 20 calls try to open an earlier server's object, and 20 more the server's own.
     test::failCall("shm_open", 41, EACCES);
     EXPECT_EQ(server.run(nullptr), -1);
     EXPECT_EQ(errno, EACCES);
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCServer, NewBlockStaysLocked_SaysSo) {
+TEST(IPCServer, LockOfNewBlockTimesOut_RunFailsWithEBUSY) {
     IPCServer server(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
     test::failCall("pthread_mutex_timedlock", 1, ETIMEDOUT);
@@ -281,7 +281,7 @@ TEST(IPCServer, NewBlockStaysLocked_SaysSo) {
         QStringList({"fsipcsrv 12 IPC Server initializing", "fsipcsrv 12 Create new FSShm: OK",
                      "fsipcsrv 12 Invalid shmblock", "fsipcsrv 12 IPC Server init failed",
                      "fsipcsrv 12 IPC Server stopped"}));
-    EXPECT_NEAR(test::lastLockSeconds(), 10, 0.2);
+    EXPECT_NEAR(test::lastMutexTimeoutSeconds(), 10, 0.2);
     shm_unlink("/_blk_fsipc");
 }
 
@@ -293,7 +293,7 @@ struct InitFailure {
 
 class IPCServerInit : public ::testing::TestWithParam<InitFailure> {};
 
-TEST_P(IPCServerInit, CallFails_SaysSoAndLeavesNothing) {
+TEST_P(IPCServerInit, CallFails_RunFailsAndRemovesTheBlock) {
     IPCServer server(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
     test::failCall(GetParam().call, GetParam().count, EAGAIN);
@@ -313,7 +313,7 @@ TEST_P(IPCServerInit, CallFails_SaysSoAndLeavesNothing) {
     EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
 }
 
-// The first ones initialise the block's own mutex, or lock it.
+// The first call of each function initialises or locks the mutex of the block.
 INSTANTIATE_TEST_SUITE_P(
     , IPCServerInit,
     ::testing::Values(
@@ -328,16 +328,16 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(tested.param.call) + std::to_string(tested.param.count);
     });
 
-TEST(IPCServer, InitFailsAndSoDoesCleaningUp_TellsTheFirstReason) {
+TEST(IPCServer, InitAndCleanupFail_ErrnoIsThatOfInit) {
     IPCServer server(QSharedPointer<MemFS>::create());
     test::failCall("pthread_mutex_init", 2, EAGAIN);
-    test::atCall("shm_unlink", 1, [] { ::unlink("/dev/shm/_blk_fsipc"); });
+    test::runAtCall("shm_unlink", 1, [] { ::unlink("/dev/shm/_blk_fsipc"); });
     EXPECT_EQ(server.run(nullptr), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCServer, FirstResetFails_TornDownAsAtANormalEnd) {
+TEST(IPCServer, FirstResetFails_RunReturnsZeroAndRemovesTheBlock) {
     IPCServer server(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
     test::failCall("sem_init", 2, ENOSYS);
@@ -353,7 +353,7 @@ TEST(IPCServer, FirstResetFails_TornDownAsAtANormalEnd) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCServer, LaterResetFails_OnlySaysSo) {
+TEST(IPCServer, LaterResetFails_LogsAndKeepsServing) {
     RunningServer running(QSharedPointer<MemFS>::create());
     RawClient client;
     EXPECT_EQ(client.ask("connect"), "0,0,0");
@@ -370,7 +370,7 @@ TEST(IPCServer, LaterResetFails_OnlySaysSo) {
     EXPECT_EQ(running.server->state(), 2);
 }
 
-TEST(IPCServerSlots, InOrder) {
+TEST(IPCServerSlots, Functions_KeepTheirOrder) {
     using test::slotOf;
     int slot = 0;
     EXPECT_EQ(slotOf(&IPCServer::ioctl), slot++);

@@ -1,4 +1,4 @@
-// IPCServer: how it ends, idle or busy, with a session or without.
+// IPCServer: terminating and destroying a server, idle or busy, with or without a session.
 
 #include "ipc/ipcwire_p.h"
 #include "support/doubles/memfs.h"
@@ -41,7 +41,7 @@ using test::withoutWaits;
 
 namespace {
 
-/// A server that is inside the file system, until the test lets it go.
+/// A server that carries out a request, which blocks until openGate().
 class IPCServerBusy : public ::testing::Test {
 protected:
     IPCServerBusy() {
@@ -56,7 +56,7 @@ protected:
 
 } // namespace
 
-TEST(IPCServer, TerminatedWhileIdle_Messages) {
+TEST(IPCServer, TerminateWhileIdle_LogsAndRemovesTheBlock) {
     RunningServer running(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
     running.server->terminate();
@@ -68,21 +68,21 @@ TEST(IPCServer, TerminatedWhileIdle_Messages) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST_F(IPCServerBusy, TerminatedWhileBusy_EndsAfterTheRequest) {
+TEST_F(IPCServerBusy, TerminateDuringARequest_AnswersItFirst) {
     std::thread terminator([&] { running.server->terminate(); });
     EXPECT_TRUE(eventually([&] { return running.server->state() == 3; }));
     fs->openGate();
-    // The request under way has its own answer.
+    // The request gets its own answer.
     EXPECT_EQ(client.receive(), "-1,2,0");
     terminator.join();
     EXPECT_EQ(running.join(), 0);
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST_F(IPCServerBusy, TerminatedWhileAClientWaits_CanceledByTheNextAnswer) {
+TEST_F(IPCServerBusy, TerminateWithAPendingRequest_AnswersECANCELED) {
     std::thread terminator([&] { running.server->terminate(); });
     EXPECT_TRUE(eventually([&] { return running.server->state() == 3; }));
-    // A client that had given its first request up, and whose next one nobody will carry out.
+    // The client has cancelled its first request. The server does not carry out the second one.
     client.send("mkdir 493 /never");
     fs->openGate();
     QByteArray answer = client.receive();
@@ -95,7 +95,7 @@ TEST_F(IPCServerBusy, TerminatedWhileAClientWaits_CanceledByTheNextAnswer) {
     EXPECT_EQ(fs->stat("/never", st), -1);
 }
 
-TEST(IPCServer, TerminatedWithASessionOpen_EverythingClosed) {
+TEST(IPCServer, TerminateDuringASession_ClosesItsFiles) {
     RunningServer running(QSharedPointer<MemFS>::create());
     RawClient client;
     EXPECT_EQ(client.ask("connect"), "0,0,0");
@@ -103,12 +103,12 @@ TEST(IPCServer, TerminatedWithASessionOpen_EverythingClosed) {
     EXPECT_EQ(client.ask("lseek " + fd + " 0 0"), "0,0,0 0");
     running.server->terminate();
     running.join();
-    FDAdapter bystander(QSharedPointer<MemFS>::create());
-    EXPECT_EQ(bystander.lseek(fd.toInt(), 0, SEEK_SET), -1);
+    FDAdapter adapter(QSharedPointer<MemFS>::create());
+    EXPECT_EQ(adapter.lseek(fd.toInt(), 0, SEEK_SET), -1);
     EXPECT_EQ(liberrno, NotFound);
 }
 
-TEST(IPCServer, TerminatedWhileAClientWaitsForABuffer_ItWaitsNoLonger) {
+TEST(IPCServer, TerminateDuringAllocDataBuf_AllocFailsWithEAGAIN) {
     RunningServer running(QSharedPointer<MemFS>::create());
     const test::AreaView view;
     EXPECT_EQ(view.shm()->allocDataBuf(1), 0);
@@ -123,18 +123,18 @@ TEST(IPCServer, TerminatedWhileAClientWaitsForABuffer_ItWaitsNoLonger) {
     EXPECT_LT(secondsSince(start), 30);
 }
 
-TEST_F(IPCServerBusy, StillActiveAfterTheTimeout_SaysSo) {
+TEST_F(IPCServerBusy, TerminateTimesOut_LogsAndReturnsZero) {
     LogCapture log("fsipcsrv=12");
-    test::failCall("pthread_mutex_timedlock", 2, ETIMEDOUT); // the first one locks the block
+    test::failCall("pthread_mutex_timedlock", 2, ETIMEDOUT); // the first call locks the block
     EXPECT_EQ(running.server->terminate(), 0);
     EXPECT_EQ(log.messages(), QStringList({"fsipcsrv 12 Terminate server",
                                            "fsipcsrv 12 NOTICE: Server still active."}));
-    EXPECT_NEAR(test::lastLockSeconds(), 10, 0.2);
+    EXPECT_NEAR(test::lastMutexTimeoutSeconds(), 10, 0.2);
     fs->openGate();
     EXPECT_EQ(running.join(), 0);
 }
 
-TEST(IPCServer, BlockCannotBeLocked_SaysSoAndEndsAllTheSame) {
+TEST(IPCServer, LockOfBlockTimesOut_LogsAndStops) {
     RunningServer running(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
     test::failCall("pthread_mutex_timedlock", 1, ETIMEDOUT);
@@ -146,7 +146,7 @@ TEST(IPCServer, BlockCannotBeLocked_SaysSoAndEndsAllTheSame) {
 
 namespace {
 
-/// A file that takes its time to close.
+/// A file whose close() takes 300 ms.
 class SlowFile : public PosixFile {
 public:
     SlowFile() : PosixFile(-1) {}
@@ -166,8 +166,9 @@ public:
 
 } // namespace
 
-// Each waits for the other, but not for a lock that the other holds.
-TEST(IPCServer, BothEndsStopAtOnce_NeitherWaits) {
+// The client waits for the server and the server for the client, but neither holds a lock that the
+// other one needs.
+TEST(IPCServer, DisconnectDuringTerminate_DoesNotDeadlock) {
     RunningServer running(QSharedPointer<SlowFS>::create());
     IPCFS client;
     ASSERT_EQ(client.connect(1, nullptr), 0);
@@ -183,7 +184,7 @@ TEST(IPCServer, BothEndsStopAtOnce_NeitherWaits) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCServer, DestroyedWhileServing_RunHasReturned) {
+TEST(IPCServer, DestroyedWhileServing_WaitsForRun) {
     for (int i = 0; i < 20; ++i) {
         auto server = std::make_unique<IPCServer>(QSharedPointer<MemFS>::create());
         std::atomic<bool> hasReturned{false};
@@ -191,7 +192,7 @@ TEST(IPCServer, DestroyedWhileServing_RunHasReturned) {
             raw->run(nullptr);
             hasReturned = true;
         });
-        // At every stage of beginning.
+        // The delay varies, so that the server is destroyed at different stages of its start.
         std::this_thread::sleep_for(std::chrono::milliseconds(i));
         while (server->state() == 0)
             std::this_thread::yield();
@@ -202,7 +203,7 @@ TEST(IPCServer, DestroyedWhileServing_RunHasReturned) {
     }
 }
 
-TEST_F(IPCServerBusy, DestroyedWhileBusy_WaitsForTheFileSystem) {
+TEST_F(IPCServerBusy, DestroyedDuringARequest_WaitsForIt) {
     LogCapture log("fsipcsrv=12");
     std::thread opener([&] {
         EXPECT_TRUE(
@@ -215,7 +216,7 @@ TEST_F(IPCServerBusy, DestroyedWhileBusy_WaitsForTheFileSystem) {
     EXPECT_FALSE(test::serviceExists());
 }
 
-TEST(IPCServer, BlockMadeInvalidByTheClient_EndsAllTheSame) {
+TEST(IPCServer, BlockInvalidatedByTheClient_StopsAndRemovesIt) {
     RunningServer running(QSharedPointer<MemFS>::create());
     ShmBlock block(blockName, areaSize, 0);
     static_cast<BlockHeader*>(block.base())->magic = 0;

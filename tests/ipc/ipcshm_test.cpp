@@ -21,11 +21,11 @@ using namespace ipcwire;
 using test::Clock;
 using test::secondsSince;
 
-TEST(IPCShm, Size_OfTheArea) {
+TEST(IPCShm, Size_Is0x205000) {
     EXPECT_EQ(IPCShm::size(), 0x205000U);
 }
 
-TEST(IPCShm, DebugMask_HexadecimalFromTheEnvironment) {
+TEST(IPCShm, DebugMask_ReadsHexadecimalFromTheEnvironment) {
     setenv("IO_IPCDBG", "7", 1);
     EXPECT_EQ(IPCShm::debugMask(), 7U);
     setenv("IO_IPCDBG", "0x1F", 1);
@@ -38,7 +38,7 @@ TEST(IPCShm, DebugMask_HexadecimalFromTheEnvironment) {
     EXPECT_EQ(IPCShm::debugMask(), 0U);
 }
 
-TEST(ShmBlockTime, SetTimeout_Normalised) {
+TEST(IPCShm, SetTimeout_ReturnsNormalisedTime) {
     test::setClock(100, 999'000'000);
     struct timespec time;
     EXPECT_EQ(IPCShm::setTimeout(&time, 1), &time);
@@ -72,7 +72,7 @@ protected:
     IPCShm* const shm = reinterpret_cast<IPCShm*>(area.get());
 };
 
-TEST_F(IPCShmBuffers, Addresses_OneMebibyteApart) {
+TEST_F(IPCShmBuffers, Addresses_AreOneMebibyteApart) {
     auto* const first = static_cast<char*>(shm->databufAddr(0));
     auto* const second = static_cast<char*>(shm->databufAddr(1));
     EXPECT_EQ(first, area->buffers[0]);
@@ -81,7 +81,7 @@ TEST_F(IPCShmBuffers, Addresses_OneMebibyteApart) {
     EXPECT_EQ(shm->databufAddr(-1), nullptr);
 }
 
-TEST_F(IPCShmBuffers, Alloc_LowestFree) {
+TEST_F(IPCShmBuffers, Alloc_ReturnsLowestFreeBuffer) {
     EXPECT_EQ(shm->allocDataBuf(2), 0);
     EXPECT_EQ(area->control.bufferMap, 1U);
     EXPECT_EQ(shm->allocDataBuf(2), 1);
@@ -92,7 +92,7 @@ TEST_F(IPCShmBuffers, Alloc_LowestFree) {
     EXPECT_EQ(freeBuffers(), 0);
 }
 
-TEST_F(IPCShmBuffers, BothTaken_FailsAfterTheTimeout) {
+TEST_F(IPCShmBuffers, BothTaken_AllocFailsAfterTheTimeout) {
     ASSERT_EQ(shm->allocDataBuf(2), 0);
     ASSERT_EQ(shm->allocDataBuf(2), 1);
     const auto start = Clock::now();
@@ -103,7 +103,7 @@ TEST_F(IPCShmBuffers, BothTaken_FailsAfterTheTimeout) {
     EXPECT_LT(secondsSince(start), 4);
 }
 
-TEST_F(IPCShmBuffers, FreedWhileSomebodyWaits_Given) {
+TEST_F(IPCShmBuffers, FreedDuringAlloc_AllocReturnsIt) {
     ASSERT_EQ(shm->allocDataBuf(2), 0);
     ASSERT_EQ(shm->allocDataBuf(2), 1);
     int got = -1;
@@ -113,7 +113,7 @@ TEST_F(IPCShmBuffers, FreedWhileSomebodyWaits_Given) {
     EXPECT_EQ(got, 1);
 }
 
-TEST_F(IPCShmBuffers, FreeOfNoBuffer_EINVAL) {
+TEST_F(IPCShmBuffers, FreeOfInvalidIndex_FailsWithEINVAL) {
     for (const int index : {2, -1, 1000}) {
         errno = 0;
         EXPECT_EQ(shm->freeDataBuf(index), -1);
@@ -122,21 +122,21 @@ TEST_F(IPCShmBuffers, FreeOfNoBuffer_EINVAL) {
     EXPECT_EQ(freeBuffers(), 2);
 }
 
-TEST_F(IPCShmBuffers, FreedTwice_CountsOnce) {
+TEST_F(IPCShmBuffers, FreedTwice_PostsTheSemaphoreOnce) {
     ASSERT_EQ(shm->allocDataBuf(2), 0);
     EXPECT_EQ(shm->freeDataBuf(0), 0);
     EXPECT_EQ(shm->freeDataBuf(0), 0);
     EXPECT_EQ(freeBuffers(), 2);
 }
 
-TEST_F(IPCShmBuffers, SemaphoreTellsMoreThanTheMap_FailsAndTheUnitIsGone) {
+TEST_F(IPCShmBuffers, SemaphoreAboveFreeBuffers_AllocFailsWithEAGAINAndDecrementsIt) {
     area->control.bufferMap = 3;
     EXPECT_EQ(shm->allocDataBuf(2), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(freeBuffers(), 1);
 }
 
-TEST_F(IPCShmBuffers, HolderOfTheMutexStopped_FailsInTime) {
+TEST_F(IPCShmBuffers, MutexNotReleased_FailsWithETIMEDOUT) {
     test::failCall("pthread_mutex_timedlock", 1, ETIMEDOUT);
     EXPECT_EQ(shm->allocDataBuf(1), -1);
     EXPECT_EQ(errno, ETIMEDOUT);

@@ -1,4 +1,4 @@
-// ShmBlock: the named block of shared memory, its header and its mutex.
+// ShmBlock: creating, opening, locking and removing a named block of shared memory.
 
 #include "ipc/ipcwire_p.h"
 #include "support/ipc/elapsed.h"
@@ -44,11 +44,11 @@ using test::secondsSince;
 
 namespace {
 
-/// A standard error as most services have it: perror(3) cannot open it for reading too, and leaves
-/// that failure in errno.
+/// A write-only standard error, as most services have it. perror(3) fails to reopen it for reading
+/// and writing, and changes errno.
 class WriteOnlyStandardError {
 public:
-    WriteOnlyStandardError() : m_kept(dup(STDERR_FILENO)) {
+    WriteOnlyStandardError() : m_original(dup(STDERR_FILENO)) {
         EXPECT_EQ(pipe(m_ends), 0);
         dup2(m_ends[1], STDERR_FILENO);
         close(m_ends[1]);
@@ -58,29 +58,29 @@ public:
         close(m_ends[0]);
     }
 
-    /// What was written, when all is.
-    std::string text() {
+    /// Restores standard error. \returns what was written to it before.
+    std::string take() {
         restore();
-        char text[256];
-        const ssize_t length = ::read(m_ends[0], text, sizeof text);
-        return {text, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+        char output[256];
+        const ssize_t length = ::read(m_ends[0], output, sizeof output);
+        return {output, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
     }
 
 private:
     void restore() {
-        if (m_kept == -1)
+        if (m_original == -1)
             return;
-        dup2(m_kept, STDERR_FILENO);
-        close(std::exchange(m_kept, -1));
+        dup2(m_original, STDERR_FILENO);
+        close(std::exchange(m_original, -1));
     }
 
-    int m_kept;
+    int m_original;
     int m_ends[2];
 };
 
 } // namespace
 
-TEST(ShmBlock, NoObjectWithoutCreate_InvalidAfterTenMilliseconds) {
+TEST(ShmBlock, MissingObjectWithoutCreate_InvalidAfterTenMilliseconds) {
     const auto start = Clock::now();
     ShmBlock block("t-none", 100, 0);
     EXPECT_GE(secondsSince(start), 0.009);
@@ -93,7 +93,7 @@ TEST(ShmBlock, NoObjectWithoutCreate_InvalidAfterTenMilliseconds) {
     EXPECT_FALSE(objectExists("t-none"));
 }
 
-TEST(ShmBlock, Create_ObjectOfTheSizeAndFortyBytes) {
+TEST(ShmBlock, Create_MakesObjectFortyBytesLargerThanTheData) {
     ShmBlock block("t-new", 100, ShmBlock::Create);
     EXPECT_TRUE(block.isValid());
     EXPECT_EQ(objectSize("t-new"), 140);
@@ -103,7 +103,7 @@ TEST(ShmBlock, Create_ObjectOfTheSizeAndFortyBytes) {
     shm_unlink("/_blk_t-new");
 }
 
-TEST(ShmBlock, Create_ForEverybodyThatTheUmaskLeaves) {
+TEST(ShmBlock, Create_ModeIs0666WithoutTheUmask) {
     const mode_t before = umask(0);
     for (const mode_t masked : {0, 027}) {
         umask(masked);
@@ -115,7 +115,7 @@ TEST(ShmBlock, Create_ForEverybodyThatTheUmaskLeaves) {
     umask(before);
 }
 
-TEST(ShmBlock, CreatorsDescriptor_StaysOpenWithTheBlock) {
+TEST(ShmBlock, CreatorsDescriptor_StaysOpenAsLongAsTheBlock) {
     {
         ShmBlock block("t-fd", 100, ShmBlock::Create);
         EXPECT_EQ(descriptorsOf("t-fd"), 1);
@@ -143,7 +143,7 @@ TEST(ShmBlock, SecondOpener_SeesTheSameData) {
     EXPECT_EQ(opener.unlock(), 0);
 }
 
-TEST(ShmBlock, UserData_BehindTheHeader) {
+TEST(ShmBlock, Lock_ReturnsAddressAfterTheHeader) {
     ShmBlock block("t-data", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     EXPECT_EQ(block.lock(), static_cast<char*>(block.base()) + sizeof(BlockHeader));
     EXPECT_EQ(block.unlock(), 0);
@@ -152,7 +152,7 @@ TEST(ShmBlock, UserData_BehindTheHeader) {
 TEST(ShmBlock, RemoveAtClose_RemovesTheObject) {
     {
         ShmBlock block("t-gone", 100, ShmBlock::Create);
-        ShmBlock kept("t-gone", 100, 0);
+        ShmBlock second("t-gone", 100, 0);
         block.removeAtClose();
         EXPECT_TRUE(objectExists("t-gone"));
     }
@@ -165,7 +165,7 @@ TEST(ShmBlock, WithoutRemoveAtClose_ObjectStays) {
     shm_unlink("/_blk_t-stays");
 }
 
-TEST(ShmBlock, RemovedBySomebodyElse_InvalidAndNotRemovedAgain) {
+TEST(ShmBlock, RemovedByAnotherBlock_InvalidAndNotRemovedAgain) {
     auto first =
         std::make_unique<ShmBlock>("t-again", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     ShmBlock other("t-again", 100, 0);
@@ -180,63 +180,63 @@ TEST(ShmBlock, RemovedBySomebodyElse_InvalidAndNotRemovedAgain) {
     EXPECT_TRUE(objectExists("t-again"));
 }
 
-TEST(ShmBlock, NameOfAnotherObject_NotRemoved) {
-    ShmBlock lost("t-name", 100, ShmBlock::Create);
+TEST(ShmBlock, RemoveAfterNameWasReused_KeepsTheNewObject) {
+    ShmBlock old("t-name", 100, ShmBlock::Create);
     shm_unlink("/_blk_t-name");
     ShmBlock next("t-name", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
-    ASSERT_NE(lost.lock(), nullptr);
-    EXPECT_TRUE(lost.remove());
-    EXPECT_EQ(lost.unlock(), 0);
-    EXPECT_FALSE(lost.isValid());
+    ASSERT_NE(old.lock(), nullptr);
+    EXPECT_TRUE(old.remove());
+    EXPECT_EQ(old.unlock(), 0);
+    EXPECT_FALSE(old.isValid());
     EXPECT_TRUE(objectExists("t-name"));
     EXPECT_TRUE(next.isValid());
 }
 
-TEST(ShmBlock, NameTakenAwayByHand_RemovedAllTheSame) {
+TEST(ShmBlock, RemoveAfterNameWasUnlinked_Succeeds) {
     ShmBlock block("t-hand", 100, ShmBlock::Create);
     shm_unlink("/_blk_t-hand");
     ASSERT_NE(block.lock(), nullptr);
-    // By then it might be that of another object.
+    // A new object could get the name at any time, so remove() must not unlink it.
     bool isUnlinked = false;
-    test::atCall("shm_unlink", 1, [&] { isUnlinked = true; });
+    test::runAtCall("shm_unlink", 1, [&] { isUnlinked = true; });
     EXPECT_TRUE(block.remove());
     EXPECT_FALSE(isUnlinked);
     EXPECT_FALSE(block.isValid());
     EXPECT_EQ(block.unlock(), 0);
-    // Between the two looks at the name.
+    // The name is unlinked after remove() has checked it.
     ShmBlock next("t-hand", 100, ShmBlock::Create);
     ASSERT_NE(next.lock(), nullptr);
-    test::atCall("shm_unlink", 1, [] { ::unlink("/dev/shm/_blk_t-hand"); });
+    test::runAtCall("shm_unlink", 1, [] { ::unlink("/dev/shm/_blk_t-hand"); });
     EXPECT_TRUE(next.remove());
     EXPECT_FALSE(next.isValid());
     EXPECT_EQ(next.unlock(), 0);
 }
 
-TEST(ShmBlock, NoDescriptorToLookAtTheName_RemovedAllTheSame) {
+TEST(ShmBlock, RemoveWithoutFreeDescriptor_RemovesTheObject) {
     for (const int error : {EMFILE, ENFILE, ENOMEM}) {
-        ShmBlock block("t-blind", 100, ShmBlock::Create);
+        ShmBlock block("t-fds", 100, ShmBlock::Create);
         ASSERT_NE(block.lock(), nullptr);
         test::failCall("shm_open", 1, error);
         EXPECT_TRUE(block.remove());
         EXPECT_FALSE(block.isValid());
-        EXPECT_FALSE(objectExists("t-blind"));
+        EXPECT_FALSE(objectExists("t-fds"));
         EXPECT_EQ(block.unlock(), 0);
     }
 }
 
-TEST(ShmBlock, NoDescriptorToLookAtTheNameOfAnotherBlock_NotRemoved) {
-    ShmBlock old("t-blind", 100, ShmBlock::Create);
+TEST(ShmBlock, RemoveAgainWithoutFreeDescriptor_KeepsTheNewObject) {
+    ShmBlock old("t-fds", 100, ShmBlock::Create);
     ASSERT_NE(old.lock(), nullptr);
     EXPECT_TRUE(old.remove());
     EXPECT_EQ(old.unlock(), 0);
-    const ShmBlock next("t-blind", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
+    const ShmBlock next("t-fds", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     ASSERT_TRUE(next.isValid());
     test::failCall("shm_open", 1, ENFILE);
     EXPECT_TRUE(old.remove());
-    EXPECT_TRUE(objectExists("t-blind"));
+    EXPECT_TRUE(objectExists("t-fds"));
 }
 
-TEST(ShmBlock, NameCannotBeTakenAway_StaysValid) {
+TEST(ShmBlock, UnlinkFails_RemoveFailsAndBlockStaysValid) {
     ShmBlock block("t-fast", 100, ShmBlock::Create);
     ASSERT_NE(block.lock(), nullptr);
     test::failCall("shm_unlink", 1, EACCES);
@@ -251,7 +251,7 @@ TEST(ShmBlock, NameCannotBeTakenAway_StaysValid) {
     EXPECT_EQ(block.unlock(), 0);
 }
 
-TEST(ShmBlock, RemovedByItsHolder_WaiterGetsNothing) {
+TEST(ShmBlock, RemovedWhileLocked_WaitingLockReturnsNull) {
     const unsigned int flags = ShmBlock::Create;
     ShmBlock holder("t-wait", 100, flags);
     ShmBlock waiting("t-wait", 100, 0);
@@ -264,7 +264,7 @@ TEST(ShmBlock, RemovedByItsHolder_WaiterGetsNothing) {
     EXPECT_EQ(got, nullptr);
 }
 
-TEST(ShmBlock, OtherSize_RejectedByOpenerInitialisedAnewByCreator) {
+TEST(ShmBlock, ObjectOfAnotherSize_OpenFailsAndCreateInitialisesIt) {
     ShmBlock small("t-size", 100, ShmBlock::Create);
     ASSERT_TRUE(small.isValid());
     ShmBlock opener("t-size", 200, 0);
@@ -280,7 +280,7 @@ TEST(ShmBlock, OtherSize_RejectedByOpenerInitialisedAnewByCreator) {
     shm_unlink("/_blk_t-size");
 }
 
-TEST(ShmBlock, HeaderOfAnotherWordSize_RejectedAndLeftAsItIs) {
+TEST(ShmBlock, HeaderOfAnotherAbi_CreateFailsWithEBUSYAndObjectIsUnchanged) {
     constexpr std::uint32_t size = 140;
     constexpr std::uint32_t sizeOffsets[] = {28, 48, 56};
     for (const std::uint32_t sizeOffset : sizeOffsets) {
@@ -296,14 +296,14 @@ TEST(ShmBlock, HeaderOfAnotherWordSize_RejectedAndLeftAsItIs) {
         EXPECT_FALSE(ShmBlock("t-word", 100, ShmBlock::Create).isValid());
         EXPECT_EQ(errno, EBUSY);
         EXPECT_EQ(test::contents(objectPath("t-word")), object);
-        // Without the magic it is nobody's.
+        // Without the magic number the object is initialised.
         ASSERT_TRUE(test::makeFile(objectPath("t-word"), object.replace(0, 4, "none")));
         EXPECT_TRUE(ShmBlock("t-word", 100, ShmBlock::Create).isValid());
     }
     shm_unlink("/_blk_t-word");
 }
 
-TEST(ShmBlock, ObjectWithoutAHeader_InvalidUntilSomebodyCreates) {
+TEST(ShmBlock, ObjectWithoutHeader_InvalidUntilCreated) {
     const int fd = shm_open("/_blk_t-raw", O_RDWR | O_CREAT, 0600);
     ASSERT_NE(fd, -1);
     EXPECT_FALSE(ShmBlock("t-raw", 100, 0).isValid());
@@ -316,12 +316,12 @@ TEST(ShmBlock, ObjectWithoutAHeader_InvalidUntilSomebodyCreates) {
     shm_unlink("/_blk_t-raw");
 }
 
-TEST(ShmBlock, InitialisedBetweenAnOpenersTwoLooks_Valid) {
+TEST(ShmBlock, InitialisedDuringThePauseOfOpen_Valid) {
     const int fd = shm_open("/_blk_t-look", O_RDWR | O_CREAT, 0600);
     ASSERT_NE(fd, -1);
     ASSERT_EQ(ftruncate(fd, 140), 0);
     std::unique_ptr<ShmBlock> creator;
-    test::atCall("nanosleep", 1, [&] {
+    test::runAtCall("nanosleep", 1, [&] {
         creator =
             std::make_unique<ShmBlock>("t-look", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     });
@@ -331,21 +331,21 @@ TEST(ShmBlock, InitialisedBetweenAnOpenersTwoLooks_Valid) {
     close(fd);
 }
 
-TEST(ShmBlock, InitialisedWhileAnOpenerLooks_Valid) {
+TEST(ShmBlock, InitialisedByAnotherThread_RepeatedOpenBecomesValid) {
     const int fd = shm_open("/_blk_t-late", O_RDWR | O_CREAT, 0600);
     ASSERT_NE(fd, -1);
-    bool isEverValid = false;
+    bool hasBeenValid = false;
     std::thread opener([&] {
-        for (int i = 0; i < 1000 && !isEverValid; ++i)
-            isEverValid = ShmBlock("t-late", 100, 0).isValid();
+        for (int i = 0; i < 1000 && !hasBeenValid; ++i)
+            hasBeenValid = ShmBlock("t-late", 100, 0).isValid();
     });
     ShmBlock creator("t-late", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     opener.join();
-    EXPECT_TRUE(isEverValid);
+    EXPECT_TRUE(hasBeenValid);
     close(fd);
 }
 
-TEST(ShmBlock, SomebodyElseInitialisesForLong_InvalidAndNotTouched) {
+TEST(ShmBlock, CreationLockNotReleased_InvalidAfterOneSecondAndObjectIsUnchanged) {
     const int fd = shm_open("/_blk_t-slow", O_RDWR | O_CREAT, 0600);
     ASSERT_NE(fd, -1);
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
@@ -362,7 +362,7 @@ TEST(ShmBlock, SomebodyElseInitialisesForLong_InvalidAndNotTouched) {
     shm_unlink("/_blk_t-slow");
 }
 
-TEST(ShmBlock, ManyCreatorsAtOnce_OneMutexForAll) {
+TEST(ShmBlock, ConcurrentCreators_ShareOneMutex) {
     for (int round = 0; round < 20; ++round) {
         int counter = 0;
         std::vector<std::thread> threads;
@@ -383,7 +383,7 @@ TEST(ShmBlock, ManyCreatorsAtOnce_OneMutexForAll) {
     }
 }
 
-TEST(ShmBlock, LockHeldElsewhere_TryLockFailsLockWaits) {
+TEST(ShmBlock, HeldByAnotherThread_TryLockFailsAndLockWaits) {
     ShmBlock block("t-held", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     ShmBlock other("t-held", 100, 0);
     ASSERT_NE(block.lock(), nullptr);
@@ -400,7 +400,7 @@ TEST(ShmBlock, LockHeldElsewhere_TryLockFailsLockWaits) {
     thread.join();
 }
 
-TEST(ShmBlock, HeldForLong_NullAfterTenSeconds) {
+TEST(ShmBlock, HeldForLong_LockReturnsNullAfterTenSeconds) {
     ShmBlock block("t-long", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     ASSERT_NE(block.lock(), nullptr);
     std::thread thread([&] {
@@ -413,9 +413,9 @@ TEST(ShmBlock, HeldForLong_NullAfterTenSeconds) {
     EXPECT_EQ(block.unlock(), 0);
 }
 
-TEST(ShmBlock, HolderDied_LockIsMadeGood) {
-    if (!test::ownerDeathIsSeen())
-        GTEST_SKIP() << "the death of a mutex's owner is not seen here";
+TEST(ShmBlock, HolderDied_LockSucceeds) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
     ShmBlock block("t-dead", 100, ShmBlock::Create | ShmBlock::RemoveAtClose);
     ChildProcess child([&] { return block.lock() ? 0 : 1; });
     ASSERT_EQ(child.wait(), 0);
@@ -425,20 +425,20 @@ TEST(ShmBlock, HolderDied_LockIsMadeGood) {
     EXPECT_EQ(block.unlock(), 0);
 }
 
-TEST(ShmBlock, SizesThatCannotBe_Invalid) {
+TEST(ShmBlock, SizeThatOverflows_Invalid) {
     EXPECT_FALSE(ShmBlock("t-huge", 0xFFFFFFFF, ShmBlock::Create).isValid());
     EXPECT_FALSE(ShmBlock("t-huge", 0xFFFFFFFF - 39, ShmBlock::Create).isValid());
     EXPECT_FALSE(objectExists("t-huge"));
 }
 
-TEST(ShmBlock, NameThatCannotBe_SaysSoOnStandardError) {
+TEST(ShmBlock, InvalidName_PrintsTheReasonOnStandardError) {
     testing::internal::CaptureStderr();
     EXPECT_FALSE(ShmBlock("a/b", 100, ShmBlock::Create).isValid());
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "/_blk_a/b: Invalid argument\n");
 }
 
-TEST(ShmBlock, ObjectCannotBeMade_SaysSoOnStandardErrorAndKeepsTheReason) {
-    // Looking for the object takes 20 attempts.
+TEST(ShmBlock, ShmOpenFails_PrintsTheReasonAndKeepsErrno) {
+    // The first 20 calls try to open an existing object.
     test::failCall("shm_open", 21, EACCES);
     liberrno = NotFound;
     WriteOnlyStandardError output;
@@ -446,10 +446,10 @@ TEST(ShmBlock, ObjectCannotBeMade_SaysSoOnStandardErrorAndKeepsTheReason) {
     EXPECT_EQ(errno, EACCES);
     EXPECT_EQ(liberrno, NotFound);
     EXPECT_FALSE(block.isValid());
-    EXPECT_EQ(output.text(), "/_blk_t-denied: Permission denied\n");
+    EXPECT_EQ(output.take(), "/_blk_t-denied: Permission denied\n");
 }
 
-TEST(ShmBlock, MappingFails_SaysSoOnStandardError) {
+TEST(ShmBlock, MappingFails_PrintsTheReasonAndSetsErrno) {
     for (const char* call : {"mmap", "ftruncate"}) {
         test::failCall(call, 1, ENOMEM);
         testing::internal::CaptureStderr();
@@ -463,7 +463,7 @@ TEST(ShmBlock, MappingFails_SaysSoOnStandardError) {
     }
 }
 
-TEST(ShmBlock, HeaderCannotBeInitialised_Invalid) {
+TEST(ShmBlock, MutexInitialisationFails_InvalidWithErrno) {
     for (const char* call : {"pthread_mutexattr_init", "pthread_mutexattr_setrobust",
                              "pthread_mutexattr_setpshared", "pthread_mutex_init"}) {
         test::failCall(call, 1, EAGAIN);
@@ -476,7 +476,7 @@ TEST(ShmBlock, HeaderCannotBeInitialised_Invalid) {
     }
 }
 
-TEST(ShmBlock, Access_LocksForItsScope) {
+TEST(ShmBlock, Access_LocksTheBlockForItsScope) {
     const auto block = QSharedPointer<ShmBlock>::create("t-access", 0x205000U,
                                                         ShmBlock::Create | ShmBlock::RemoveAtClose);
     {
@@ -495,7 +495,7 @@ TEST(ShmBlock, Access_LocksForItsScope) {
 
 // --- The clock -----------------------------------------------------------------------------------
 
-TEST(ShmBlockTime, Abstime_CarriesOnlyMoreThanASecond) {
+TEST(ShmBlock, Abstime_CarriesOnlyMoreThanOneSecond) {
     test::setClock(100, 999'000'000);
     struct timespec time = ShmBlock::abstime(1);
     EXPECT_EQ(time.tv_sec, 100);

@@ -1,4 +1,4 @@
-// How much time has passed since a test began to wait.
+// Measures elapsed time.
 #pragma once
 
 #include <chrono>

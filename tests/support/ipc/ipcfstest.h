@@ -1,4 +1,4 @@
-// A client with a server of a local directory in another process.
+// A test case with a client, and a server of a local directory in another process.
 #pragma once
 
 #include "support/ipc/ipcservice.h"
@@ -20,10 +20,10 @@ namespace oru::io::test {
 class IPCFSTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(server.isReady());
+        ASSERT_TRUE(server.awaitReady());
     }
 
-    /// Expects -1, no session, and ENOTCONN.
+    /// Expects -1 with errno ENOTCONN, and no session.
     void expectNotConnected(long long result) {
         const Error reason;
         EXPECT_EQ(result, -1);

@@ -53,7 +53,7 @@ int RunningServer::join() {
 }
 
 RawClient::RawClient() {
-    EXPECT_TRUE(m_view.isThere());
+    EXPECT_TRUE(m_view.isMapped());
 }
 
 QByteArray RawClient::ask(const QByteArray& request, int size) {

@@ -20,7 +20,6 @@ long long objectSize(const char* name) {
     return ::stat(qPrintable(objectPath(name)), &st) == 0 ? st.st_size : -1;
 }
 
-/// The descriptors of this process that are open on an object.
 int descriptorsOf(const char* name) {
     int count = 0;
     for (int fd = 0; fd < 256; ++fd) {
