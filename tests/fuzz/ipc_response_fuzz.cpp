@@ -7,9 +7,9 @@
 //
 // An answer needs a NUL to end before the bytes of earlier answers. In addition to support.h,
 //
-//     ;    ends an answer and begins that to the next request of the same operation
+//     ;    separates the answers to several requests of one operation
 //
-// Further requests get the last answer again.
+// Further requests of the operation get the last answer again.
 
 #include "fuzz/support.h"
 

@@ -85,15 +85,15 @@ protected:
             GTEST_SKIP() << "the system does not report the death of a mutex owner";
         IPCFSTest::SetUp();
         ASSERT_EQ(pipe(opened), 0);
-        ASSERT_EQ(pipe(goOn), 0);
+        ASSERT_EQ(pipe(commands), 0);
         // The process has no threads yet, so it can fork.
         other = std::make_unique<ChildProcess>([this] {
             char byte;
             IPCFS client;
-            if (::read(goOn[0], &byte, 1) != 1 || client.connect(1, nullptr) != 0)
+            if (::read(commands[0], &byte, 1) != 1 || client.connect(1, nullptr) != 0)
                 return 1;
             const auto file = client.open("/theirs", O_RDWR | O_CREAT, 0644);
-            if (!file || ::write(opened[1], "o", 1) != 1 || ::read(goOn[0], &byte, 1) != 1)
+            if (!file || ::write(opened[1], "o", 1) != 1 || ::read(commands[0], &byte, 1) != 1)
                 return 2;
             return file->write("theirs", 6) == 6 ? 0 : 3;
         });
@@ -108,17 +108,17 @@ protected:
     }
     void letOtherOpen() {
         char byte;
-        ASSERT_EQ(::write(goOn[1], "g", 1), 1);
+        ASSERT_EQ(::write(commands[1], "g", 1), 1);
         ASSERT_EQ(::read(opened[0], &byte, 1), 1);
     }
     void letOtherWrite() {
-        ASSERT_EQ(::write(goOn[1], "g", 1), 1);
+        ASSERT_EQ(::write(commands[1], "g", 1), 1);
         EXPECT_EQ(other->wait(), 0);
         EXPECT_EQ(test::contents(dir / "theirs"), "theirs");
     }
 
     int opened[2];
-    int goOn[2];
+    int commands[2];
     std::unique_ptr<ChildProcess> other;
     QSharedPointer<File> mine;
 };
@@ -273,10 +273,10 @@ TEST_F(IPCFSTest, DisconnectedByAnotherThread_ConnectFailsInAChildWithTheSameTid
 // The session ends on another thread. Only the connecting thread can release the client mutex.
 TEST_F(IPCFSWithFakeServer, TimeoutOnAnotherThread_OnlyTheConnectingThreadReconnects) {
     test::limitSemaphoreWaits(100);
-    server.beSilent();
+    server.setSilent();
     std::thread([this] { EXPECT_EQ(fs.mkdir("/d", 0755), -1); }).join();
     EXPECT_FALSE(fs.isConnected());
-    server.beSilent(false);
+    server.setSilent(false);
     std::thread([this] { EXPECT_EQ(fs.connect(1, nullptr), -1); }).join();
     EXPECT_EQ(fs.connect(1, nullptr), 0);
     EXPECT_EQ(fs.mkdir("/d", 0755), 0);
@@ -284,7 +284,7 @@ TEST_F(IPCFSWithFakeServer, TimeoutOnAnotherThread_OnlyTheConnectingThreadReconn
 }
 
 TEST_F(IPCFSWithFakeServer, SessionReplacedBeforeTheAnswer_AnswerIsLeftForTheNewClient) {
-    server.beSilent();
+    server.setSilent();
     AreaControl& control = server.area().control;
     std::thread other([this, &control] {
         EXPECT_TRUE(test::eventually([this] { return server.request().startsWith("mkdir"); }));
@@ -306,15 +306,15 @@ TEST_F(IPCFSWithFakeServer, SessionReplacedBeforeTheAnswer_AnswerIsLeftForTheNew
 TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_ReconnectsOnceTheConnectingThreadEnded) {
     fs.disconnect();
     sem_t connected;
-    sem_t goOn;
+    sem_t mayEnd;
     sem_init(&connected, 0, 0);
-    sem_init(&goOn, 0, 0);
+    sem_init(&mayEnd, 0, 0);
     pid_t number = 0;
     std::thread owner([&] {
         number = static_cast<pid_t>(syscall(SYS_gettid));
         EXPECT_EQ(fs.connect(1, nullptr), 0);
         sem_post(&connected);
-        sem_wait(&goOn);
+        sem_wait(&mayEnd);
         // This thread's list of robust mutexes still refers to mapped memory.
         ShmBlock block(blockName, areaSize, 0);
         EXPECT_NE(block.lock(), nullptr);
@@ -324,7 +324,7 @@ TEST_F(IPCFSWithFakeServer, DisconnectedByAnotherThread_ReconnectsOnceTheConnect
     fs.disconnect();
     EXPECT_EQ(fs.connect(1, nullptr), -1); // the connecting thread still holds the client mutex
     EXPECT_EQ(mappingsOf(blockName), 2);   // the server's and that thread's
-    sem_post(&goOn);
+    sem_post(&mayEnd);
     owner.join();
     if (test::hasRobustMutexes()) {
         // join() may return shortly before the kernel has removed the thread.

@@ -232,7 +232,7 @@ TEST_F(IPCFSWithFakeServer, Requests_HaveTheirFormat) {
 
 TEST_F(IPCFSWithFakeServer, NoAnswer_FailsWithENOTCONNAfterTenSeconds) {
     test::limitSemaphoreWaits(50);
-    server.beSilent();
+    server.setSilent();
     EXPECT_EQ(fs.mkdir("/d", 0755), -1);
     EXPECT_EQ(errno, ENOTCONN);
     EXPECT_NEAR(test::lastSemaphoreTimeoutSeconds(), 10, 0.2);
@@ -240,7 +240,7 @@ TEST_F(IPCFSWithFakeServer, NoAnswer_FailsWithENOTCONNAfterTenSeconds) {
 }
 
 TEST_F(IPCFSWithFakeServer, WaitFails_EndsTheSession) {
-    server.beSilent();
+    server.setSilent();
     LogCapture log("fsipc=12");
     test::failCall("sem_timedwait", 1, EINVAL);
     EXPECT_EQ(fs.mkdir("/d", 0755), -1);

@@ -197,7 +197,7 @@ TEST_F(IPCFSTest, ThousandSessionsOfTwoProcessesInTurn_EachTakesLessThanASecond)
     int toParent[2];
     ASSERT_EQ(pipe(toChild), 0);
     ASSERT_EQ(pipe(toParent), 0);
-    const auto play = [](int in, int out) {
+    const auto runSessions = [](int in, int out) {
         IPCFS client;
         struct stat seen;
         char turn;
@@ -212,15 +212,15 @@ TEST_F(IPCFSTest, ThousandSessionsOfTwoProcessesInTurn_EachTakesLessThanASecond)
         }
         return 0;
     };
-    ChildProcess child([&] { return play(toChild[0], toParent[1]) ? 1 : 0; });
+    ChildProcess child([&] { return runSessions(toChild[0], toParent[1]) ? 1 : 0; });
     ASSERT_EQ(::write(toParent[1], "x", 1), 1);
-    EXPECT_EQ(play(toParent[0], toChild[1]), 0);
+    EXPECT_EQ(runSessions(toParent[0], toChild[1]), 0);
     EXPECT_EQ(child.wait(), 0);
 }
 
 // Both processes connect at the same time. The one that is refused tries again.
 TEST_F(IPCFSTest, TwoProcessesAtOnce_EachReceivesItsOwnAnswers) {
-    const auto play = [](const char* name) {
+    const auto runSessions = [](const char* name) {
         IPCFS::Data session;
         for (int sessions = 0; sessions < 100;) {
             // One attempt, without the pause of one second in connect().
@@ -237,8 +237,8 @@ TEST_F(IPCFSTest, TwoProcessesAtOnce_EachReceivesItsOwnAnswers) {
     };
     ASSERT_EQ(symlink("one", qPrintable(dir / "one")), 0);
     ASSERT_EQ(symlink("twotwo", qPrintable(dir / "twotwo")), 0);
-    ChildProcess one([&] { return play("one"); });
-    ChildProcess two([&] { return play("twotwo"); });
+    ChildProcess one([&] { return runSessions("one"); });
+    ChildProcess two([&] { return runSessions("twotwo"); });
     EXPECT_EQ(one.wait(60), 0);
     EXPECT_EQ(two.wait(60), 0);
 }

@@ -3,6 +3,7 @@
 // Client and server run in child processes. After each death, a server and a client must work, and
 // no descriptor or data buffer of the dead process may be left open or taken.
 
+#include "support/ipc/elapsed.h"
 #include "support/ipc/ipccalls.h"
 #include "support/ipc/ipcservice.h"
 #include "support/system/childprocess.h"
@@ -14,7 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <functional>
@@ -32,12 +32,12 @@ namespace oru::io {
 
 using namespace ipcwire;
 using test::ChildProcess;
+using test::Clock;
+using test::secondsSince;
 using test::ServerProcess;
 using test::TempDir;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 /// With a sanitizer each case is slow, so that only every seventh point is tested.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
@@ -117,7 +117,7 @@ protected:
         });
     }
 
-    /// A client whose request blocks in the server's file system. \returns once it has got there.
+    /// A client whose request blocks in the server's file system. Returns once the request blocks.
     std::unique_ptr<ChildProcess> startBlockedClient() {
         auto client = startClient([] {},
                                   [](IPCFS& fs) {
@@ -137,7 +137,7 @@ protected:
         const auto start = Clock::now();
         IPCFS fs;
         EXPECT_EQ(record(fs, "/next"), 0) << strerror();
-        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 9);
+        EXPECT_LT(secondsSince(start), 9);
         test::limitSemaphoreWaits(deadServerTimeoutMs);
         EXPECT_EQ(server.process().descriptors(), idleDescriptors);
         const test::AreaView view;
@@ -323,7 +323,7 @@ TEST_P(IpcServerDeath, ServerKilled_NextServerWorks) {
         const int step = record(fs);
         // After a posted answer, the client finds either the answer or the death first.
         EXPECT_TRUE(step == GetParam().failingStep || step == GetParam().otherFailingStep) << step;
-        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 9);
+        EXPECT_LT(secondsSince(start), 9);
     }
     EXPECT_EQ(GetParam().failingStep == 0 ? server->terminate() : server->process().wait(),
               -SIGKILL);

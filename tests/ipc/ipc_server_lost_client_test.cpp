@@ -48,7 +48,7 @@ protected:
 
     /// A client that opens a file and then waits to be killed. It is forked here, before the
     /// server's thread starts, and connects once there is a server.
-    std::unique_ptr<ChildProcess> connectedClient() {
+    std::unique_ptr<ChildProcess> startClient() {
         int opened[2];
         EXPECT_EQ(pipe(opened), 0);
         auto child = std::make_unique<ChildProcess>([&] {
@@ -73,11 +73,11 @@ protected:
 };
 
 TEST_F(IPCServerCrash, ClientKilled_PollEndsItsSession) {
-    const auto child = connectedClient();
+    const auto child = startClient();
     test::limitSemaphoreWaits(100);
     LogCapture log("fsipcsrv=12,fsipc=12");
     QStringList messages;
-    const auto hasLogged = [&](const char* message) {
+    const auto awaitMessage = [&](const char* message) {
         return eventually([&] {
             messages += log.messages();
             return messages.contains(message);
@@ -85,22 +85,22 @@ TEST_F(IPCServerCrash, ClientKilled_PollEndsItsSession) {
     };
     RunningServer running(QSharedPointer<MemFS>::create());
     awaitConnected();
-    EXPECT_TRUE(hasLogged("fsipcsrv 12 Poll for active client"));
+    EXPECT_TRUE(awaitMessage("fsipcsrv 12 Poll for active client"));
     EXPECT_NEAR(test::lastSemaphoreTimeoutSeconds(), 30, 0.2);
     child->signal(SIGKILL);
-    EXPECT_TRUE(hasLogged("fsipcsrv 12 Client crashed. Terminating session."));
+    EXPECT_TRUE(awaitMessage("fsipcsrv 12 Client crashed. Terminating session."));
     EXPECT_FALSE(messages.contains("fsipcsrv 12 Close Session. 1 files 0 dirs"));
     IPCFS next;
     EXPECT_EQ(next.connect(1, nullptr), 0);
     EXPECT_FALSE(messages.contains("fsipc 12 Client crash detected. Continuing."));
-    EXPECT_TRUE(hasLogged("fsipcsrv 12 Close Session. 1 files 0 dirs"));
+    EXPECT_TRUE(awaitMessage("fsipcsrv 12 Close Session. 1 files 0 dirs"));
     struct stat st;
     EXPECT_EQ(next.stat("/f", st), 0);
     test::limitSemaphoreWaits(0);
 }
 
 TEST_F(IPCServerCrash, NewClientBeforeThePoll_EndsTheSessionOfTheDeadOne) {
-    const auto child = connectedClient();
+    const auto child = startClient();
     test::limitSemaphoreWaits(50);
     RunningServer running(QSharedPointer<MemFS>::create());
     awaitConnected();

@@ -277,8 +277,7 @@ TEST_F(IPCServerRequests, Disconnect_ClosesFilesAndResetsTheArea) {
     EXPECT_EQ(ask("readdir DIR"), "-1,22,2");
 }
 
-// --- The session without a thread
-// ----------------------------------------------------------------------------
+// --- The session without a thread ---------------------------------------------------------------
 
 /// The server's session, without a thread and with an area in ordinary memory.
 class IPCServerData : public ::testing::Test {

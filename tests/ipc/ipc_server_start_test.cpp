@@ -159,12 +159,12 @@ TEST(IPCServer, CompetingServer_RunFailsWithEBUSYAndItsAreaStays) {
 }
 
 TEST(IPCServer, OrphanedArea_IsReplaced) {
-    ShmBlock left(blockName, areaSize, ShmBlock::Create);
-    const Area& area = test::makeOrphanedArea(left);
+    ShmBlock old(blockName, areaSize, ShmBlock::Create);
+    const Area& area = test::makeOrphanedArea(old);
     LogCapture log("fsipcsrv=12");
     {
         RunningServer running(QSharedPointer<MemFS>::create());
-        EXPECT_FALSE(left.isValid());
+        EXPECT_FALSE(old.isValid());
         EXPECT_FALSE(isOwned(area));
         EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
     }
@@ -176,8 +176,8 @@ TEST(IPCServer, OrphanedArea_IsReplaced) {
 
 // A client of the old server takes any holder of the server mutex for a live server.
 TEST(IPCServer, OrphanedArea_MutexIsReleasedBeforeTheCrashIsLogged) {
-    ShmBlock left(blockName, areaSize, ShmBlock::Create);
-    test::makeOrphanedArea(left);
+    ShmBlock old(blockName, areaSize, ShmBlock::Create);
+    test::makeOrphanedArea(old);
     LogCapture log("fsipcsrv=12");
     QStringList loggedBefore;
     test::runAtCall("pthread_mutex_unlock", 1, [&] { loggedBefore = log.messages(); });
@@ -187,7 +187,7 @@ TEST(IPCServer, OrphanedArea_MutexIsReleasedBeforeTheCrashIsLogged) {
 }
 
 TEST(IPCServer, UnlinkOfPredecessorFails_RunFailsAndAreaStays) {
-    const ShmBlock left(blockName, areaSize, ShmBlock::Create);
+    const ShmBlock old(blockName, areaSize, ShmBlock::Create);
     IPCServer server(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
     test::failCall("shm_unlink", 1, EPERM);
@@ -198,20 +198,20 @@ TEST(IPCServer, UnlinkOfPredecessorFails_RunFailsAndAreaStays) {
               QStringList({"fsipcsrv 12 IPC Server initializing", "Existing Shm",
                            "fsipcsrv 12 Invalid shmblock", "fsipcsrv 12 IPC Server init failed",
                            "fsipcsrv 12 IPC Server stopped"}));
-    EXPECT_TRUE(left.isValid());
+    EXPECT_TRUE(old.isValid());
     EXPECT_TRUE(test::serviceExists());
     RunningServer next(QSharedPointer<MemFS>::create());
-    EXPECT_FALSE(left.isValid());
+    EXPECT_FALSE(old.isValid());
     EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
 }
 
 TEST(IPCServer, NoFreeDescriptor_PredecessorIsReplaced) {
-    const ShmBlock left(blockName, areaSize, ShmBlock::Create);
+    const ShmBlock old(blockName, areaSize, ShmBlock::Create);
     test::failCall("shm_open", 2, EMFILE); // the first call opens the area
     RunningServer running(QSharedPointer<MemFS>::create());
     // The server has created a new object.
-    EXPECT_FALSE(left.isValid());
-    EXPECT_FALSE(isOwned(areaOf(shmAt(left.base()))));
+    EXPECT_FALSE(old.isValid());
+    EXPECT_FALSE(isOwned(areaOf(shmAt(old.base()))));
     EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
 }
 
@@ -228,7 +228,7 @@ TEST(IPCServer, RemovingTheBlockFails_IsTriedAgain) {
 }
 
 TEST(IPCServer, AreaWithoutOwner_IsReplaced) {
-    const ShmBlock left(blockName, areaSize, ShmBlock::Create);
+    const ShmBlock old(blockName, areaSize, ShmBlock::Create);
     {
         RunningServer running(QSharedPointer<MemFS>::create());
         EXPECT_EQ(RawClient().ask("sync"), "0,0,0");
@@ -237,7 +237,7 @@ TEST(IPCServer, AreaWithoutOwner_IsReplaced) {
 }
 
 TEST(IPCServer, ObjectOfAnotherSize_IsReplaced) {
-    const ShmBlock left(blockName, 100, ShmBlock::Create);
+    const ShmBlock old(blockName, 100, ShmBlock::Create);
     {
         RunningServer running(QSharedPointer<MemFS>::create());
         EXPECT_EQ(RawClient().ask("sync"), "0,0,0");

@@ -41,7 +41,7 @@ using test::withoutWaits;
 
 namespace {
 
-/// A server that carries out a request, which blocks until openGate().
+/// A server with a request that blocks until openGate().
 class IPCServerBusy : public ::testing::Test {
 protected:
     IPCServerBusy() {

@@ -43,7 +43,7 @@ void FakeServer::answer(const QByteArray& bytes) {
     m_answer = bytes;
 }
 
-void FakeServer::beSilent(bool isSilent) {
+void FakeServer::setSilent(bool isSilent) {
     m_isSilent = isSilent;
 }
 

@@ -29,7 +29,7 @@ public:
     /// Sets the bytes that answer the next request. Later requests are answered "0,0,0".
     void answer(const QByteArray& bytes);
     /// From now on, takes requests without answering them.
-    void beSilent(bool isSilent = true);
+    void setSilent(bool isSilent = true);
     /// The last request.
     QByteArray request();
 

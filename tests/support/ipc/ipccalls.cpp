@@ -22,8 +22,8 @@ namespace {
 
 std::atomic<int> passed{0};
 std::atomic<int> deadly{0};
-std::atomic<int> longestWait{0};
-std::atomic<bool> isShortened{false};
+std::atomic<int> waitLimitMs{0};
+std::atomic<bool> isLimited{false};
 std::atomic<double> lastWait{0};
 std::atomic<double> lastLock{0};
 std::atomic<long long> clockSeconds{0};
@@ -126,11 +126,11 @@ double lastMutexTimeoutSeconds() {
 }
 
 void limitSemaphoreWaits(int ms) {
-    longestWait = ms;
+    waitLimitMs = ms;
 }
 
 bool isLastWaitLimited() {
-    return isShortened;
+    return isLimited;
 }
 
 } // namespace oru::io::test
@@ -276,9 +276,9 @@ int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
     struct timespec earliest;
     __real_clock_gettime(CLOCK_REALTIME, &earliest);
     oru::io::test::lastWait = secondsUntil(deadline);
-    const int longest = oru::io::test::longestWait;
+    const int longest = oru::io::test::waitLimitMs;
     if (longest == 0) {
-        oru::io::test::isShortened = false;
+        oru::io::test::isLimited = false;
         return __real_sem_timedwait(semaphore, deadline);
     }
     const long long nanoseconds = earliest.tv_nsec + longest * 1'000'000LL;
@@ -287,7 +287,7 @@ int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
     const bool isLater =
         earliest.tv_sec > deadline->tv_sec ||
         (earliest.tv_sec == deadline->tv_sec && earliest.tv_nsec > deadline->tv_nsec);
-    oru::io::test::isShortened = !isLater;
+    oru::io::test::isLimited = !isLater;
     return __real_sem_timedwait(semaphore, isLater ? deadline : &earliest);
 }
 }

@@ -67,10 +67,10 @@ private:
     AreaView m_view;
 };
 
-/// The messages without "Wait for request". The server logs it before each request, and first at
-/// any time after it has begun to serve: before or after a test begins to capture.
+/// Removes "Wait for request" from the messages. The server may log the first one before or after a
+/// test begins to capture.
 QStringList withoutWaits(QStringList messages);
-/// The messages without the address in "Existing Shm".
+/// Replaces the messages that have the address of an existing area by "Existing Shm".
 QStringList withoutAddresses(QStringList messages);
 
 } // namespace oru::io::test
