@@ -305,7 +305,7 @@ struct ServerDeath {
     std::function<void()> prepare; ///< runs in the server process, before the server
     bool serves;                   ///< the server begins to serve before it dies
     int failingStep;               ///< of record(): 0 when it succeeds, -1 to run no session
-    int otherFailingStep = -1;     ///< may fail instead
+    int otherFailingStep = -1;     ///< a second possible result of record()
 };
 
 std::ostream& operator<<(std::ostream& out, const ServerDeath& death) {
