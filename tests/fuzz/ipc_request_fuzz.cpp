@@ -1,12 +1,12 @@
-// The server's end of the file service, fed with what a client might write into the request area.
+// The server's end of the file service: any bytes in the request area.
 //
-// An input is a session, each line a request as it stands in the area. A request that is to end
-// where it seems to must say so with a NUL. Besides what support.h says,
+// An input is a session. Each line is one request, as the bytes of the request area. It needs a NUL
+// to end before the bytes of earlier requests. In addition to support.h, these bytes are replaced:
 //
-//     $    the descriptor of the session that was opened last
-//     @    the directory handle of the session that was opened last
-//     !    a descriptor that somebody else in the server process has open
-//     &    a directory handle of somebody else
+//     $    the descriptor that the session opened last
+//     @    the directory handle that the session opened last
+//     !    a descriptor that the server process has opened outside the session
+//     &    a directory handle that the server process has opened outside the session
 
 #include "fuzz/support.h"
 #include "support/doubles/memfs.h"
@@ -32,10 +32,10 @@ namespace {
 
 using namespace ipcwire;
 
-/// Who uses files of the server process beside the client: none of the client's business.
-class Stranger {
+/// A file and a directory that the server process has opened outside the session.
+class ForeignFiles {
 public:
-    Stranger()
+    ForeignFiles()
         : m_adapter(QSharedPointer<MemFS>::create()),
           m_file(m_adapter.open("/file", O_RDWR | O_CREAT, 0600)),
           m_directory(m_adapter.opendir("/")) {
@@ -49,22 +49,22 @@ public:
         return m_directory;
     }
 
-    /// Everything is as it was left.
+    /// Requires that the file and the directory are unchanged.
     void check() {
         struct stat st;
         char bytes[sizeof content];
         require(m_adapter.fstat(m_file, &st) == 0 && st.st_size == sizeof content &&
                     st.st_mode == (S_IFREG | 0600),
-                "somebody else's file is as it was");
+                "a foreign file is unchanged");
         require(m_adapter.lseek(m_file, 0, SEEK_CUR) == sizeof content &&
                     m_adapter.fcntl(m_file, F_GETFL) == O_RDWR,
-                "somebody else's descriptor is as it was");
+                "a foreign descriptor is unchanged");
         require(m_adapter.pread(m_file, bytes, sizeof bytes, 0) == sizeof bytes &&
                     std::memcmp(bytes, content, sizeof bytes) == 0,
-                "somebody else's bytes are as they were");
+                "the content of a foreign file is unchanged");
         const struct dirent* const first = m_adapter.readdir(m_directory);
         require(first && std::strcmp(first->d_name, ".") == 0,
-                "somebody else's directory is where it was");
+                "the position of a foreign directory is unchanged");
         m_adapter.rewinddir(m_directory);
     }
 
@@ -75,10 +75,10 @@ private:
     void* const m_directory;
 };
 
-/// A server that looks at what its file system is asked to do.
-class WatchedServer : public IPCServer::Data {
+/// A server that checks the arguments of transfers.
+class CheckedServer : public IPCServer::Data {
 public:
-    WatchedServer(QSharedPointer<FS> fs, IPCShm* area) : Data(std::move(fs)) {
+    CheckedServer(QSharedPointer<FS> fs, IPCShm* area) : Data(std::move(fs)) {
         shm = area;
     }
 
@@ -104,19 +104,19 @@ private:
         require(files.contains(fd), "only the session's descriptors are used");
         const Area& area = areaOf(shm);
         const bool isBuffer = buf == area.buffers[0] || buf == area.buffers[1];
-        require(isBuffer && len <= dataBufferSize, "bytes come from and go to a data buffer");
+        require(isBuffer && len <= dataBufferSize, "a transfer stays within a data buffer");
     }
 };
 
-/// What of the area a request changes nothing of: whose it is.
-std::string ownersOf(const Area& area) {
+/// The bytes of the area that no request changes: magic number, client mutex and server mutex.
+std::string ownershipOf(const Area& area) {
     return {reinterpret_cast<const char*>(&area), offsetof(AreaControl, bufferMutex)};
 }
 
 class Session {
 public:
-    Session(WatchedBlock& block, const Stranger& stranger)
-        : m_area(block.area()), m_stranger(stranger),
+    Session(WatchedBlock& block, const ForeignFiles& foreign)
+        : m_area(block.area()), m_foreign(foreign),
           m_server(QSharedPointer<MemFS>::create(), block.shm()) {
         require(m_server.resetSession() == 0, "a session begins");
         std::memset(m_server.request.bytes, unwritten, sizeof m_server.request.bytes);
@@ -126,22 +126,24 @@ public:
         const std::string bytes = bytesOf(line, [this](char byte) { return special(byte); });
         std::memset(m_area.response, unwritten, textSize);
         std::memcpy(m_area.request, bytes.data(), std::min(bytes.size(), textSize));
-        const std::string owners = ownersOf(m_area);
+        const std::string ownership = ownershipOf(m_area);
         const char first = requestState(m_area);
         if (!take()) {
             require(!isPublished(first) && requestState(m_area) == first,
-                    "only a request is taken");
+                    "a published request is taken, any other bytes are left alone");
             return;
         }
         const bool ends = requestState(m_area) == Ending;
-        require(ends || requestState(m_area) == Accepted, "a request that was taken is marked so");
+        require(ends || requestState(m_area) == Accepted,
+                "the state of a taken request is Accepted or Ending");
         require(m_server.request.end()[0] == '\0' && m_server.request.end()[1] == '\0',
-                "behind a request stand two NULs");
+                "a request is followed by two NULs");
         if (ends)
             m_server.process();
         else
             process();
-        require(ownersOf(m_area) == owners, "a request leaves the area's owners alone");
+        require(ownershipOf(m_area) == ownership,
+                "a request does not change the ownership of the area");
         checkAnswer(ends);
         checkTables();
     }
@@ -149,7 +151,7 @@ public:
     void end() {
         require(m_server.resetSession() == 0, "a session ends");
         require(m_server.files.isEmpty() && m_server.dirs.isEmpty(),
-                "an ended session has nothing");
+                "an ended session has no open files");
         require(requestState(m_area) == Idle, "an ended session leaves the area idle");
         for (const int fd : m_seenFiles)
             require(m_server.lseek(fd, 0, SEEK_CUR) == -1 && liberrno == NotFound,
@@ -168,41 +170,41 @@ private:
         case '$':
             return std::to_string(m_server.files.isEmpty() ? -1 : m_server.files.last());
         case '@':
-            return handleText(m_server.dirs.isEmpty() ? nullptr : m_server.dirs.last());
+            return handleString(m_server.dirs.isEmpty() ? nullptr : m_server.dirs.last());
         case '!':
-            return std::to_string(m_stranger.file());
+            return std::to_string(m_foreign.file());
         case '&':
-            return handleText(m_stranger.directory());
+            return handleString(m_foreign.directory());
         default:
             return {};
         }
     }
 
-    static std::string handleText(const void* handle) {
-        char text[32];
-        std::snprintf(text, sizeof text, "%p", handle);
-        return text;
+    static std::string handleString(const void* handle) {
+        char string[32];
+        std::snprintf(string, sizeof string, "%p", handle);
+        return string;
     }
 
-    /// As the server does it, which must not read on into the response.
+    /// Takes the request, as the server does. It must not read the response area.
     bool take() {
         const OffLimits response(m_area.response, textSize);
         return ipcwire::take(m_area, m_server.request);
     }
 
-    /// As the server does it, which has the request now: what stands in the area, and behind the
-    /// request in the server's own memory, is of no more interest.
+    /// Carries out the request, as the server does. It must not read the request area again, nor
+    /// the bytes after the request in the server's own copy.
     void process() {
         const OffLimits area(m_area.request, textSize);
         Text& request = m_server.request;
         const std::size_t used = request.length + 2;
-        const OffLimits behind(request.bytes + used, sizeof request.bytes - used);
+        const OffLimits afterRequest(request.bytes + used, sizeof request.bytes - used);
         m_server.process();
     }
 
     void checkAnswer(bool ended) {
         require(requestState(m_area) == (ended ? Idle : Accepted),
-                "an answer does not change the mark");
+                "an answer does not change the request's state");
         int posts = -1;
         sem_getvalue(&m_area.control.responseSem, &posts);
         require(posts == (ended ? 0 : 1), "a request is answered once");
@@ -217,10 +219,12 @@ private:
         header.number(libraryError);
         require(header.isGood() && (header.atEnd() || *header.rest() == ' '),
                 "an answer begins with three numbers");
-        require(libraryError >= Ok && libraryError <= LibraryFailure, "the library's error is one");
+        require(libraryError >= Ok && libraryError <= LibraryFailure,
+                "an answer has a valid error code of the library");
     }
 
-    /// Descriptors that are not open any more may become somebody else's.
+    /// Requires that the session's tables hold only descriptors and handles that it has opened. A
+    /// closed descriptor may be reused outside the session.
     void checkTables() {
         for (const int fd : std::as_const(m_server.files)) {
             struct stat st;
@@ -229,14 +233,14 @@ private:
         }
         for (void* const handle : std::as_const(m_server.dirs))
             m_seenDirs.insert(handle);
-        require(!m_server.files.contains(m_stranger.file()) &&
-                    !m_server.dirs.contains(m_stranger.directory()),
-                "the session has nothing of somebody else's");
+        require(!m_server.files.contains(m_foreign.file()) &&
+                    !m_server.dirs.contains(m_foreign.directory()),
+                "the session has no foreign descriptor or handle");
     }
 
     Area& m_area;
-    const Stranger& m_stranger;
-    WatchedServer m_server;
+    const ForeignFiles& m_foreign;
+    CheckedServer m_server;
     std::set<int> m_seenFiles;
     std::set<void*> m_seenDirs;
 };
@@ -248,11 +252,11 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
     using namespace oru::io::test;
     static WatchedBlock block;
-    static Stranger stranger;
-    Session session(block, stranger);
+    static ForeignFiles foreign;
+    Session session(block, foreign);
     for (const std::string_view line : linesOf(input, size))
         session.request(line);
     session.end();
-    stranger.check();
+    foreign.check();
     return 0;
 }

@@ -1,16 +1,15 @@
-// The client's end of the file service, fed with what a server might write into the response area.
+// The client's end of the file service: any bytes in the response area.
 //
 // An input is a session with an open file and an open directory. Each line is an operation, a
-// number that it is called with, and what it is answered:
+// number that is its argument, and the answer to its request:
 //
 //     read 100:0,0,0 0 5|
 //
-// An answer that is to end where it seems to must say so with a NUL; behind it stands what earlier
-// answers have left there. Besides what support.h says,
+// An answer needs a NUL to end before the bytes of earlier answers. In addition to support.h,
 //
-//     ;    ends an answer: the next one is for the operation's next request
+//     ;    separates the answers to several requests of one operation
 //
-// and further requests get the last answer again.
+// Further requests of the operation get the last answer again.
 
 #include "fuzz/support.h"
 
@@ -39,7 +38,7 @@ namespace {
 
 using namespace ipcwire;
 
-/// A server that answers, in the moment in which a request is posted, what it was told to.
+/// A server without a thread. It answers from the input as soon as the client posts a request.
 class FakeServer {
 public:
     static FakeServer& instance() {
@@ -54,52 +53,53 @@ public:
         endSession();
     }
 
-    /// What is answered from now on.
-    void setAnswers(std::string_view texts) {
-        m_answers = texts;
+    void setAnswers(std::string_view answers) {
+        m_answers = answers;
         m_isWellFormed.reset();
     }
 
-    /// The client has posted a request.
+    /// Takes the posted request and answers it.
     void serve() {
         Text request;
-        require(take(area(), request), "a client posts what is a request");
-        const std::string_view text(request.bytes);
-        require(text.size() < request.length, "a request ends within the area");
+        require(take(area(), request), "a posted request can be taken");
+        const std::string_view string(request.bytes);
+        require(string.size() < request.length, "a request ends within the area");
         if (requestState(area()) == Ending) {
             endSession();
             return;
         }
-        if (text.substr(0, text.find(' ')) == op::connect)
+        if (string.substr(0, string.find(' ')) == op::connect)
             answer(bytesOf("0,0,0|"));
         else
             answer(nextAnswer());
-        // Of a buffer with data for the server, that is who lets go.
-        if (text.find("write") < text.find(' ')) {
+        // The server releases the data buffer of a write.
+        if (string.find("write") < string.find(' ')) {
             for (int i = 0; i < dataBuffers; ++i)
                 block.shm()->freeDataBuf(i);
         }
         sem_post(&area().control.responseSem);
     }
 
-    /// Whether what was answered last is an answer; nothing when nothing was.
+    /// Whether the last answer has a valid header; no value when there was no answer.
     std::optional<bool> isWellFormed() const {
         return m_isWellFormed;
     }
 
     void checkSessionEnded() {
         AreaControl& control = area().control;
-        require(requestState(area()) == Idle, "a client that leaves says so");
-        require(pthread_mutex_trylock(&control.clientMutex) == 0, "a client makes room for others");
+        require(requestState(area()) == Idle, "a disconnected client leaves the area idle");
+        require(pthread_mutex_trylock(&control.clientMutex) == 0,
+                "a disconnected client has released the client mutex");
         pthread_mutex_unlock(&control.clientMutex);
     }
 
-    /// The buffers are free while nothing is under way.
+    /// Requires that all data buffers are free between operations.
     void checkBuffers() {
         AreaControl& control = area().control;
         int free = 0;
         sem_getvalue(&control.bufferSem, &free);
-        require(free == dataBuffers && control.bufferMap == 0, "a client gives its buffers back");
+        require(free == dataBuffers && control.bufferMap == 0,
+                "an operation releases its data buffers");
     }
 
 private:
@@ -146,14 +146,14 @@ private:
 
 struct Client {
     IPCFS fs;
-    // What was opened last is used. The others stay: closing them is another exchange.
+    // Operations use the last one. The others stay open, because closing them sends a request.
     std::vector<QSharedPointer<File>> files;
     std::vector<QSharedPointer<Directory>> directories;
 };
 
 // --- Operations ---------------------------------------------------------------------------------
-// Each is called with the number of its line. \returns whether it failed; nothing when that does
-// not show.
+// Each is called with the number of its line. \returns whether it failed; no value when the result
+// does not show that.
 
 using Outcome = std::optional<bool>;
 using Operation = Outcome (*)(Client& client, long long number);
@@ -164,7 +164,7 @@ unsigned int lengthOf(long long number) {
     return static_cast<unsigned int>(std::clamp<long long>(number, 0, maxLength));
 }
 
-/// Moves data between the file and memory that ends where the length says. \returns whether that
+/// Moves data between the file and a memory block of exactly the length. \returns whether that
 /// failed.
 template <class Call>
 Outcome transfer(Client& client, long long number, Call call) {
@@ -174,7 +174,7 @@ Outcome transfer(Client& client, long long number, Call call) {
     const std::unique_ptr<char[]> bytes(new char[length]);
     const int count = call(*client.files.back(), bytes.get(), length);
     require(count >= -1 && count <= static_cast<int>(std::min(length, dataBufferSize)),
-            "a transfer moves at most what it was asked to");
+            "a transfer moves at most the requested length");
     return count == -1;
 }
 
@@ -209,11 +209,11 @@ Outcome readlink(Client& client, long long number) {
     require(length <= static_cast<int>(size), "a link's target is cut to the size asked for");
     if (length >= 0)
         require(std::count(target.get() + length, target.get() + size, '\0') == size - length,
-                "behind a link's target stand NULs");
+                "a link's target is followed by NULs");
     return length < 0;
 }
 
-Outcome readlinkText(Client& client, long long) {
+Outcome readlinkString(Client& client, long long) {
     QString target;
     const int length = client.fs.readlink("/l", target);
     require(length <= static_cast<int>(linkTextSize), "a link's target has a limited length");
@@ -242,7 +242,7 @@ const std::map<std::string_view, Operation> operations = {
     {"open", open},
     {"opendir", opendir},
     {"readlink", readlink},
-    {"readlinktext", readlinkText},
+    {"readlinktext", readlinkString},
     {"readall", readAll},
     {"readdir", readdir},
     {"stat",
@@ -345,7 +345,7 @@ const std::map<std::string_view, Operation> operations = {
      }},
 };
 
-/// Does what the line says. Nothing, when it says nothing.
+/// Runs the operation of a line. Ignores an unknown one.
 void operate(FakeServer& server, Client& client, std::string_view line) {
     const std::size_t colon = std::min(line.find(':'), line.size());
     const std::size_t blank = std::min(line.find(' '), colon);
@@ -367,9 +367,9 @@ void operate(FakeServer& server, Client& client, std::string_view line) {
     const auto wasWellFormed = server.isWellFormed();
     if (!wasWellFormed)
         require(!*hasFailed || reason == ENOTCONN || reason == EBADF,
-                "what cannot be asked is refused");
+                "an operation without a request succeeds or fails with ENOTCONN or EBADF");
     else if (!*wasWellFormed)
-        require(*hasFailed && reason == EBADMSG, "an answer that makes no sense is refused");
+        require(*hasFailed && reason == EBADMSG, "a malformed answer fails with EBADMSG");
 }
 
 } // namespace
@@ -387,7 +387,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t siz
     require(client.fs.connect(1, nullptr) == 0, "a session begins");
     operate(server, client, "open 2:1024,0,0|");
     operate(server, client, "opendir:0,0,0 0x10|");
-    require(!client.files.empty() && !client.directories.empty(), "both are open");
+    require(!client.files.empty() && !client.directories.empty(),
+            "a file and a directory are open");
     for (const std::string_view line : linesOf(input, size))
         operate(server, client, line);
     client.fs.disconnect();
@@ -395,8 +396,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t siz
     return 0;
 }
 
-// The linker passes the library's calls here: --wrap. The object that a client opens and maps is
-// the server's.
+// With --wrap, the linker redirects the library's calls to these functions. The client opens an
+// empty object and maps the server's block.
 extern "C" {
 
 int __wrap_shm_open(const char*, int, mode_t) {

@@ -1,4 +1,4 @@
-// The reader of the kernel's table of mounts. An input is a table.
+// The reader of the kernel's mount table. An input is a table.
 
 #include "core/mounttable_p.h"
 #include "fuzz/support.h"
@@ -16,7 +16,7 @@ namespace {
 using oru::io::MountTable;
 using oru::io::test::require;
 
-/// A file in memory.
+/// A mount table in memory.
 class Table {
 public:
     Table(const std::uint8_t* data, std::size_t size) : m_fd(memfd_create("table", MFD_CLOEXEC)) {
@@ -34,8 +34,8 @@ private:
     const int m_fd;
 };
 
-bool isWord(const char* text) {
-    return *text != '\0' && std::strpbrk(text, " \n") == nullptr;
+bool isWord(const char* string) {
+    return *string != '\0' && std::strpbrk(string, " \n") == nullptr;
 }
 
 } // namespace
@@ -49,10 +49,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         lines += data[i] == '\n';
     std::size_t mounts = 0;
     while (const MountTable::Mount* mount = table.next()) {
-        require(isWord(mount->device) && isWord(mount->mountPoint), "what it says are words");
+        require(isWord(mount->device) && isWord(mount->mountPoint),
+                "the fields of a mount are words");
         ++mounts;
     }
-    require(mounts <= lines, "a line is one mount at most");
-    require(table.next() == nullptr, "the end stays the end");
+    require(mounts <= lines, "a line has at most one mount");
+    require(table.next() == nullptr, "no mount follows the last one");
     return 0;
 }

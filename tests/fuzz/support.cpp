@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t maxLines = 64;
 constexpr std::size_t repetitions = 1000;
-/// More than fits a text area, so that it can be overfilled.
+/// Enough to overflow a text area.
 constexpr std::size_t maxBytes = 2 * textSize;
 
 } // namespace
@@ -22,7 +22,7 @@ constexpr std::size_t maxBytes = 2 * textSize;
 void require(bool holds, const char* what) {
     if (holds)
         return;
-    std::fprintf(stderr, "Not so: %s\n", what);
+    std::fprintf(stderr, "Check failed: %s\n", what);
     std::abort();
 }
 
@@ -37,9 +37,9 @@ std::vector<std::string_view> linesOf(const std::uint8_t* input, std::size_t siz
     return lines;
 }
 
-std::string bytesOf(std::string_view text, const std::function<std::string(char)>& special) {
+std::string bytesOf(std::string_view line, const std::function<std::string(char)>& special) {
     std::string bytes;
-    for (const char byte : text) {
+    for (const char byte : line) {
         const std::string replaced = special ? special(byte) : std::string();
         if (!replaced.empty())
             bytes += replaced;
@@ -55,7 +55,8 @@ std::string bytesOf(std::string_view text, const std::function<std::string(char)
     return bytes;
 }
 
-// Not initialised: a vector would be, and the texts' first bytes are all that counts.
+// Unlike a vector, new char[] leaves the memory uninitialised. Only the first bytes of the text
+// areas matter.
 WatchedBlock::WatchedBlock() : m_memory(new char[size]) {
     const SharedMutexAttributes attributes;
     auto& header = *new (base()) BlockHeader;

@@ -1,12 +1,12 @@
-// What the fuzz targets share: the form of their inputs, the area in memory that is watched, and
-// how they complain.
+// The fuzz targets' input format, their block of memory with checked accesses, and their checks.
 //
-// An input is made of lines. In a line every byte stands for itself, except
+// An input consists of lines. In a line these bytes are replaced:
 //
 //     |    a NUL
-//     ~    the byte before it, a thousand times more
+//     ~    1000 more copies of the byte before it
 //
-// and what a target adds to these. So inputs are short, and can be read and written by hand.
+// A target may replace further bytes. The format keeps inputs short enough to be read and written
+// by hand.
 #pragma once
 
 #include <oruio/fsipc.h>
@@ -23,19 +23,19 @@
 
 namespace oru::io::test {
 
-/// Ends the process, and with it the fuzzer's run, unless `holds`; `what` says what should.
+/// Aborts the process unless `holds`, and prints `what` should have been true.
 void require(bool holds, const char* what);
 
-/// The lines of an input. More than a reasonable number are ignored.
+/// The first 64 lines of an input.
 std::vector<std::string_view> linesOf(const std::uint8_t* input, std::size_t size);
 
-/// The bytes that `text` stands for. What `special` makes of a byte takes its place, unless that is
-/// empty.
-std::string bytesOf(std::string_view text, const std::function<std::string(char)>& special = {});
+/// The bytes of `line` after the replacements, up to about twice the size of a text area. The
+/// result of `special` for a byte replaces it, unless that is empty.
+std::string bytesOf(std::string_view line, const std::function<std::string(char)>& special = {});
 
-/// The service's object in ordinary memory, as a server that runs has it: the thread that makes it
-/// holds the server mutex. Whoever reads or writes outside of it, or between its texts and its
-/// buffers, is reported.
+/// The service's object in ordinary memory, in the state of a running server: the thread that
+/// creates it holds the server mutex. AddressSanitizer reports accesses outside of it, and to the
+/// unused bytes between the text areas and the data buffers.
 class WatchedBlock {
 public:
     WatchedBlock();
@@ -53,7 +53,7 @@ private:
     const std::unique_ptr<char[]> m_memory;
 };
 
-/// Memory that nobody may touch for as long as this lives.
+/// Memory that must not be accessed during the lifetime of this object.
 class OffLimits {
 public:
     OffLimits(const void* begin, std::size_t size);

@@ -1,11 +1,11 @@
 #!/bin/bash
-# Runs the example file server, with the example recorder as its client, the way their users do and
-# checks what they get to see.
+# Runs the example file server with the example recorder as its client, and checks their output,
+# exit statuses and files.
 #
 #   file_server_test.sh FILE_SERVER RECORDER
 #
-# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did. Ends with 77 when the
-# file service of this system is in use.
+# Prints "ok NAME" or "not ok NAME" for each case. Exits with 1 when a case has failed, and with 77
+# when the file service of this system is in use.
 set -u
 
 # shellcheck source=tests/support/system/alone.sh
@@ -21,16 +21,16 @@ recorder=$2
 shared_memory=/dev/shm/_blk_fsipc
 
 if [ -e "$shared_memory" ]; then
-    echo "SKIP: $shared_memory exists, and mounting another /dev/shm is not permitted"
+    echo "SKIP: needs root to mount a private /dev/shm, because $shared_memory exists"
     exit 77
 fi
 
 # shellcheck source=tests/support/suite/cases.sh
 source "$(dirname "$0")/../support/suite/cases.sh"
 
-# --- what the cases are made of ---------------------------------------------------------------
+# --- functions for the cases ------------------------------------------------------------------
 
-# Starts a server of $clips, as $server, and waits until it serves.
+# Starts a server of $clips and waits until it serves. Leaves its process number in $server.
 start_server() {
     : >"$work/server.out"
     "$file_server" "$clips" >"$work/server.out" 2>"$work/server.err" &
@@ -38,8 +38,9 @@ start_server() {
     expect wait_until grep -qx "serving $clips" "$work/server.out"
 }
 
-# The server is asked to end by the signal $1, and does so in good order.
-expect_orderly_end() {
+# Sends the server the signal $1. Expects that it prints "stopped", exits with 0 and removes its
+# shared memory.
+expect_clean_end() {
     expect kill -"$1" "$server"
     wait "$server"
     expect [ $? -eq 0 ]
@@ -53,7 +54,7 @@ kill_server() {
     wait "$server" 2>/dev/null
 }
 
-# Starts to record $clips/$1, as $recording, and waits until there is something of it.
+# Starts to record $clips/$1 and waits until it has 3 MB. Leaves the process number in $recording.
 start_recording() {
     "$recorder" --to ipc --name "$1" --seconds 20 --rate 200 >"$work/out" 2>"$work/err" &
     recording=$!
@@ -64,16 +65,16 @@ has_ended() {
     ! kill -0 "$1" 2>/dev/null
 }
 
-# Waits for the end of the recording; leaves its result in $status.
-end_recording() {
+# Waits for the end of the recording. Leaves its exit status in $status.
+await_recording() {
     expect wait_until has_ended "$recording"
     has_ended "$recording" || kill -KILL "$recording"
     wait "$recording"
     status=$?
 }
 
-# Whether two clips with frames of 1 MiB are the same, apart from the time that each frame's header
-# has in its bytes 16 to 23.
+# Whether two clips with frames of 1 MiB are equal, except for the time in bytes 16 to 23 of each
+# frame's header.
 has_same_frames() {
     local differing
     differing=$(cmp -l "$1" "$2" |
@@ -124,7 +125,7 @@ clip_is_recorded_into_the_served_directory() {
     run "$recorder" --to ipc --size 5M
     expect_success
     expect has_row clip 'ipc/clip-0001\.oru'
-    expect_orderly_end INT
+    expect_clean_end INT
     expect has_size "$clips/clip-0001.oru" 5242880
     expect has_same_frames "$clips/clip-0001.oru" "$clips/local"
     expect contains_only "$clips" clip-0001.oru local
@@ -144,7 +145,7 @@ second_server_is_refused() {
     expect_error 1 'another file server is running' file_server
     expect [ ! -s "$work/out" ]
     expect_recording_works clip
-    expect_orderly_end INT
+    expect_clean_end INT
 }
 
 second_recorder_is_refused() {
@@ -154,25 +155,25 @@ second_recorder_is_refused() {
     expect [ $? -eq 1 ]
     expect grep -q 'cannot connect to the file server' "$work/second"
     expect kill -INT "$recording"
-    end_recording
+    await_recording
     expect_success
-    expect_orderly_end INT
+    expect_clean_end INT
     expect contains_only "$clips" first
 }
 
-idle_server_ends_in_good_order() {
+idle_server_ends_cleanly() {
     local signal
     for signal in INT TERM; do
         start_server
-        expect_orderly_end $signal
+        expect_clean_end $signal
     done
 }
 
-server_that_ends_fails_the_recorder() {
+ended_server_fails_the_recorder() {
     start_server
     start_recording clip
-    expect_orderly_end INT
-    end_recording
+    expect_clean_end INT
+    await_recording
     expect_error 1 'cannot (write|sync) ipc/clip\.part: (Transport endpoint|Operation canceled)'
     expect contains_only "$clips" clip.part
 }
@@ -181,7 +182,7 @@ killed_server_fails_the_recorder() {
     start_server
     start_recording clip
     kill_server
-    end_recording
+    await_recording
     expect_error 1 'cannot (write|sync) ipc/clip\.part: Transport endpoint is not connected'
 }
 
@@ -191,32 +192,32 @@ hanging_server_fails_the_recorder() {
     start_recording first
     expect kill -STOP "$server"
     start=$SECONDS
-    end_recording
+    await_recording
     expect [ $((SECONDS - start)) -le 12 ]
     expect_error 1 'cannot (write|sync) ipc/first\.part: Transport endpoint is not connected'
     expect kill -CONT "$server"
     expect_recording_works second
-    expect_orderly_end INT
+    expect_clean_end INT
 }
 
-server_follows_a_killed_one() {
+server_replaces_a_killed_one() {
     start_server
     start_recording first
     kill_server
-    end_recording
+    await_recording
     expect [ -e "$shared_memory" ]
     start_server
     expect_recording_works second
-    expect_orderly_end INT
+    expect_clean_end INT
 }
 
-recorder_follows_a_killed_one() {
+recorder_works_after_a_killed_one() {
     start_server
     start_recording first
     expect kill -KILL "$recording"
     wait "$recording" 2>/dev/null
     expect_recording_works second
-    expect_orderly_end INT
+    expect_clean_end INT
     expect contains_only "$clips" first.part second
 }
 
@@ -226,18 +227,18 @@ interrupted_recorder_leaves_a_verified_clip() {
     for signal in INT TERM; do
         start_recording $signal
         expect kill -$signal "$recording"
-        end_recording
+        await_recording
         expect_success
         expect grep -q '^Stopped early' "$work/out"
     done
     expect_recording_works next
-    expect_orderly_end INT
+    expect_clean_end INT
     expect contains_only "$clips" INT TERM next
 }
 
 run_cases help_is_printed bad_arguments_are_refused missing_directory_is_reported \
     clip_is_recorded_into_the_served_directory recorder_without_server_fails \
-    second_server_is_refused second_recorder_is_refused idle_server_ends_in_good_order \
-    server_that_ends_fails_the_recorder killed_server_fails_the_recorder \
-    hanging_server_fails_the_recorder server_follows_a_killed_one recorder_follows_a_killed_one \
-    interrupted_recorder_leaves_a_verified_clip
+    second_server_is_refused second_recorder_is_refused idle_server_ends_cleanly \
+    ended_server_fails_the_recorder killed_server_fails_the_recorder \
+    hanging_server_fails_the_recorder server_replaces_a_killed_one \
+    recorder_works_after_a_killed_one interrupted_recorder_leaves_a_verified_clip

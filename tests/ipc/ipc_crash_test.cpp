@@ -1,8 +1,9 @@
-// Either end killed at every point of its life: the other end, or the next one, goes on.
+// Kills the client or the server at every call of the C library that it makes.
 //
-// The ends run in child processes; SIGKILL comes at a chosen call of the C library. Every case has
-// the same aftermath: a server and a client that work, with nothing left open or taken.
+// Client and server run in child processes. After each death, a server and a client must work, and
+// no descriptor or data buffer of the dead process may be left open or taken.
 
+#include "support/ipc/elapsed.h"
 #include "support/ipc/ipccalls.h"
 #include "support/ipc/ipcservice.h"
 #include "support/system/childprocess.h"
@@ -14,7 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <functional>
@@ -32,21 +32,22 @@ namespace oru::io {
 
 using namespace ipcwire;
 using test::ChildProcess;
+using test::Clock;
+using test::secondsSince;
 using test::ServerProcess;
 using test::TempDir;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-/// Sanitizers make each case slow; they see enough of them.
+/// With a sanitizer each case is slow, so that only every seventh point is tested.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int pointStep = 7;
 #else
 constexpr int pointStep = 1;
 #endif
 
-/// A local directory whose files can be made to hold a caller up, or to kill it.
+/// A local directory. stat() of "/trap" kills the process. stat() of "/hold" creates "/held" and
+/// blocks until "/go" exists.
 class TrapFS : public PosixFS {
 public:
     explicit TrapFS(const QString& root) : PosixFS(root) {}
@@ -55,7 +56,7 @@ public:
         if (path == "/trap")
             ::kill(getpid(), SIGKILL);
         if (path == "/hold") {
-            const int result = PosixFS::stat("/held", st); // says that it is inside
+            const int result = PosixFS::stat("/held", st);
             if (result == -1)
                 close(::open(qPrintable(mountPoint() + "/held"), O_CREAT | O_WRONLY, 0644));
             while (access(qPrintable(mountPoint() + "/go"), F_OK) != 0)
@@ -65,7 +66,7 @@ public:
     }
 };
 
-/// A session as a recorder has it. \returns 0, or the number of the step that failed.
+/// Runs a session like that of a recorder. \returns 0, or the number of the step that failed.
 int record(IPCFS& fs, const char* name = "/clip") {
     std::vector<char> frame(300'000);
     for (size_t i = 0; i < frame.size(); ++i)
@@ -89,15 +90,15 @@ int record(IPCFS& fs, const char* name = "/clip") {
     return fs.disconnect() == 0 ? 0 : 7;
 }
 
-constexpr int waitForTheDeadMs = 300;
+/// How long a client waits for a server that has died.
+constexpr int deadServerTimeoutMs = 300;
 
 class IpcCrash : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!test::ownerDeathIsSeen())
-            GTEST_SKIP() << "the death of a mutex's owner is not seen here";
-        // A client that waits for a server that is dead waits no longer than this.
-        test::shortenWaits(waitForTheDeadMs);
+        if (!test::hasRobustMutexes())
+            GTEST_SKIP() << "the system does not report the death of a mutex owner";
+        test::limitSemaphoreWaits(deadServerTimeoutMs);
     }
 
     std::unique_ptr<ServerProcess> startServer(const std::function<void()>& prepare = {}) {
@@ -106,7 +107,7 @@ protected:
             [root] { return QSharedPointer<TrapFS>::create(root); }, prepare);
     }
 
-    /// A client in a child process, which first does what `prepare` does.
+    /// A client in a child process that first runs `prepare`.
     std::unique_ptr<ChildProcess> startClient(const std::function<void()>& prepare,
                                               const std::function<int(IPCFS&)>& session) {
         return std::make_unique<ChildProcess>([&] {
@@ -116,8 +117,8 @@ protected:
         });
     }
 
-    /// A client whose request keeps the server inside the file system.
-    std::unique_ptr<ChildProcess> startHeldClient() {
+    /// A client whose request blocks in the server's file system. Returns once the request blocks.
+    std::unique_ptr<ChildProcess> startBlockedClient() {
         auto client = startClient([] {},
                                   [](IPCFS& fs) {
                                       struct stat st;
@@ -128,18 +129,19 @@ protected:
         return client;
     }
 
-    /// A client that works, at once; and afterwards a server with nothing open or taken.
-    void expectService(ServerProcess& server, int idleDescriptors) {
-        // This server lives: on a busy machine it may take longer than the dead.
-        test::shortenWaits(0);
+    /// Expects that a client works at once, and that afterwards the server has no descriptor open
+    /// and no data buffer taken.
+    void expectServiceWorks(ServerProcess& server, int idleDescriptors) {
+        // This server is alive. On a busy machine it may take longer than deadServerTimeoutMs.
+        test::limitSemaphoreWaits(0);
         const auto start = Clock::now();
         IPCFS fs;
         EXPECT_EQ(record(fs, "/next"), 0) << strerror();
-        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 9);
-        test::shortenWaits(waitForTheDeadMs);
+        EXPECT_LT(secondsSince(start), 9);
+        test::limitSemaphoreWaits(deadServerTimeoutMs);
         EXPECT_EQ(server.process().descriptors(), idleDescriptors);
         const test::AreaView view;
-        ASSERT_TRUE(view.isThere());
+        ASSERT_TRUE(view.isMapped());
         EXPECT_EQ(requestState(view.area()), Idle);
         EXPECT_EQ(view.area().control.bufferMap, 0U);
         expectValue(view.area().control.bufferSem, 2);
@@ -152,8 +154,8 @@ protected:
         EXPECT_EQ(value, expected);
     }
 
-    /// The server ends in good order and leaves nothing.
-    static void expectOrderlyEnd(ServerProcess& server) {
+    /// Expects that the server returns 0 and removes its object.
+    static void expectCleanEnd(ServerProcess& server) {
         EXPECT_EQ(server.terminate(), 0);
         EXPECT_FALSE(test::serviceExists());
     }
@@ -163,8 +165,7 @@ protected:
 
 } // namespace
 
-// --- The client dies
-// --------------------------------------------------------------------------------
+// --- The client dies ----------------------------------------------------------------------------
 
 struct ClientDeath {
     const char* name;
@@ -177,19 +178,19 @@ std::ostream& operator<<(std::ostream& out, const ClientDeath& death) {
 
 class IpcClientDeath : public IpcCrash, public ::testing::WithParamInterface<ClientDeath> {};
 
-TEST_P(IpcClientDeath, NextClientWorks) {
+TEST_P(IpcClientDeath, ClientKilled_NextClientWorks) {
     const auto server = startServer();
-    ASSERT_TRUE(server->isReady());
+    ASSERT_TRUE(server->awaitReady());
     const int idle = server->process().descriptors();
     const auto client = startClient(GetParam().prepare, [](IPCFS& fs) { return record(fs); });
     ASSERT_EQ(client->wait(), -SIGKILL);
-    expectService(*server, idle);
-    expectOrderlyEnd(*server);
+    expectServiceWorks(*server, idle);
+    expectCleanEnd(*server);
 }
 
 namespace {
 
-/// The posts of a session, in their order.
+/// The calls of sem_post(3) that the client of record() makes, in order.
 enum Post {
     Connect = 1,
     Open,
@@ -231,29 +232,29 @@ INSTANTIATE_TEST_SUITE_P(
                                   [] { test::dieAtCall("pthread_mutex_trylock", 1, true); }}),
     [](const auto& tested) { return tested.param.name; });
 
-TEST_F(IpcCrash, ClientKilledWhileTheServerIsInTheFileSystem_NextClientWorks) {
+TEST_F(IpcCrash, ClientKilledDuringARequest_NextClientWorks) {
     const auto server = startServer();
-    ASSERT_TRUE(server->isReady());
+    ASSERT_TRUE(server->awaitReady());
     const int idle = server->process().descriptors();
-    const auto client = startHeldClient();
+    const auto client = startBlockedClient();
     client->signal(SIGKILL);
     ASSERT_EQ(client->wait(), -SIGKILL);
-    // The next one comes while the server is still inside, and goes on when it is done.
+    // The next client connects while the request still blocks, and continues when it is done.
     ChildProcess later([&] {
         const test::AreaView view;
         if (!test::eventually([&] { return isPublished(requestState(view.area())); }))
             return 1;
         return ::close(::open(qPrintable(dir / "go"), O_CREAT | O_WRONLY, 0644));
     });
-    expectService(*server, idle);
+    expectServiceWorks(*server, idle);
     EXPECT_EQ(later.wait(), 0);
-    expectOrderlyEnd(*server);
+    expectCleanEnd(*server);
 }
 
-// The answer comes when nobody waits for it any more.
-TEST_F(IpcCrash, ClientKilledAfterTheResponse_NextClientTakesNoneOfIt) {
+// The server answers after the death of the client.
+TEST_F(IpcCrash, ClientKilledBeforeReadingTheAnswer_NextClientDoesNotReceiveIt) {
     const auto server = startServer();
-    ASSERT_TRUE(server->isReady());
+    ASSERT_TRUE(server->awaitReady());
     const int idle = server->process().descriptors();
     const auto client = startClient([] {},
                                     [](IPCFS& fs) {
@@ -270,13 +271,13 @@ TEST_F(IpcCrash, ClientKilledAfterTheResponse_NextClientTakesNoneOfIt) {
         sem_getvalue(&view.area().control.responseSem, &answers);
         return answers == 1;
     }));
-    expectService(*server, idle);
-    expectOrderlyEnd(*server);
+    expectServiceWorks(*server, idle);
+    expectCleanEnd(*server);
 }
 
 TEST_F(IpcCrash, ClientKilledAtEveryCall_NextClientWorks) {
     const auto server = startServer();
-    ASSERT_TRUE(server->isReady());
+    ASSERT_TRUE(server->awaitReady());
     const int idle = server->process().descriptors();
     int deaths = 0;
     int status = -SIGKILL;
@@ -288,24 +289,23 @@ TEST_F(IpcCrash, ClientKilledAtEveryCall_NextClientWorks) {
         ASSERT_TRUE(status == -SIGKILL || status == 0) << status << " at point " << point;
         deaths += status == -SIGKILL;
         SCOPED_TRACE("point " + std::to_string(point));
-        expectService(*server, idle);
+        expectServiceWorks(*server, idle);
         if (HasFailure())
             break;
     }
     EXPECT_GT(deaths, 40 / pointStep);
     RecordProperty("deaths", deaths);
-    expectOrderlyEnd(*server);
+    expectCleanEnd(*server);
 }
 
-// --- The server dies
-// --------------------------------------------------------------------------------
+// --- The server dies ----------------------------------------------------------------------------
 
 struct ServerDeath {
     const char* name;
-    std::function<void()> prepare; ///< in the server, before it runs
-    bool serves;                   ///< it dies only when it has begun to serve
-    int failingStep;               ///< of record(); 0 when it ends well, -1 without a session
-    int orStep = -1;
+    std::function<void()> prepare; ///< runs in the server process, before the server
+    bool serves;                   ///< the server begins to serve before it dies
+    int failingStep;               ///< of record(): 0 when it succeeds, -1 to run no session
+    int otherFailingStep = -1;     ///< a second possible result of record()
 };
 
 std::ostream& operator<<(std::ostream& out, const ServerDeath& death) {
@@ -314,31 +314,31 @@ std::ostream& operator<<(std::ostream& out, const ServerDeath& death) {
 
 class IpcServerDeath : public IpcCrash, public ::testing::WithParamInterface<ServerDeath> {};
 
-TEST_P(IpcServerDeath, NextServerWorks) {
+TEST_P(IpcServerDeath, ServerKilled_NextServerWorks) {
     const auto server = startServer(GetParam().prepare);
-    EXPECT_EQ(server->isReady(), GetParam().serves);
+    EXPECT_EQ(server->awaitReady(), GetParam().serves);
     IPCFS fs;
     if (GetParam().failingStep >= 0) {
         const auto start = Clock::now();
         const int step = record(fs);
-        // Once the answer is there, it depends on whether the death is seen first.
-        EXPECT_TRUE(step == GetParam().failingStep || step == GetParam().orStep) << step;
-        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 9);
+        // After a posted answer, the client finds either the answer or the death first.
+        EXPECT_TRUE(step == GetParam().failingStep || step == GetParam().otherFailingStep) << step;
+        EXPECT_LT(secondsSince(start), 9);
     }
     EXPECT_EQ(GetParam().failingStep == 0 ? server->terminate() : server->process().wait(),
               -SIGKILL);
     const auto next = startServer();
-    ASSERT_TRUE(next->isReady());
+    ASSERT_TRUE(next->awaitReady());
     const int idle = next->process().descriptors();
-    // The client of old finds its server gone, and comes back.
+    // A client that was connected to the dead server fails once and can connect again.
     if (fs.isConnected()) {
         struct stat st;
         EXPECT_EQ(fs.stat("/", st), -1);
         EXPECT_EQ(errno, ENOTCONN);
     }
     EXPECT_EQ(record(fs), 0);
-    expectService(*next, idle);
-    expectOrderlyEnd(*next);
+    expectServiceWorks(*next, idle);
+    expectCleanEnd(*next);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -362,7 +362,7 @@ INSTANTIATE_TEST_SUITE_P(
                     2},
         ServerDeath{"AfterTheResponseToOpen", [] { test::dieAtCall("sem_post", 2, true); }, true,
                     2},
-        // The fourth post frees the data buffer, the fifth answers.
+        // The fourth post releases the data buffer, the fifth posts the answer.
         ServerDeath{"HoldingADataBuffer", [] { test::dieAtCall("sem_post", 4, false); }, true, 3},
         ServerDeath{"AfterFreeingADataBuffer", [] { test::dieAtCall("sem_post", 4, true); }, true,
                     3},
@@ -374,9 +374,9 @@ INSTANTIATE_TEST_SUITE_P(
                     0}),
     [](const auto& tested) { return tested.param.name; });
 
-TEST_F(IpcCrash, ServerKilledInTheFileSystem_ClientIsToldAndTheNextServerWorks) {
+TEST_F(IpcCrash, ServerKilledDuringARequest_CallFailsAndNextServerWorks) {
     const auto server = startServer();
-    ASSERT_TRUE(server->isReady());
+    ASSERT_TRUE(server->awaitReady());
     IPCFS fs;
     ASSERT_EQ(fs.connect(1, nullptr), 0);
     struct stat st;
@@ -385,10 +385,10 @@ TEST_F(IpcCrash, ServerKilledInTheFileSystem_ClientIsToldAndTheNextServerWorks) 
     EXPECT_FALSE(fs.isConnected());
     EXPECT_EQ(server->process().wait(), -SIGKILL);
     const auto next = startServer();
-    ASSERT_TRUE(next->isReady());
+    ASSERT_TRUE(next->awaitReady());
     const int idle = next->process().descriptors();
-    expectService(*next, idle);
-    expectOrderlyEnd(*next);
+    expectServiceWorks(*next, idle);
+    expectCleanEnd(*next);
 }
 
 TEST_F(IpcCrash, ServerKilledAtEveryCall_NextServerWorks) {
@@ -399,21 +399,21 @@ TEST_F(IpcCrash, ServerKilledAtEveryCall_NextServerWorks) {
         ASSERT_LT(point, 1000);
         SCOPED_TRACE("point " + std::to_string(point));
         const auto server = startServer([point] { test::dieAtPoint(point); });
-        if (server->isReady())
+        if (server->awaitReady())
             record(fs);
         status = server->terminate();
         ASSERT_TRUE(status == -SIGKILL || status == 0) << status;
         deaths += status == -SIGKILL;
         const auto next = startServer();
-        ASSERT_TRUE(next->isReady());
+        ASSERT_TRUE(next->awaitReady());
         const int idle = next->process().descriptors();
         struct stat st;
         if (fs.isConnected()) {
             EXPECT_EQ(fs.stat("/", st), -1);
         }
         EXPECT_FALSE(fs.isConnected());
-        expectService(*next, idle);
-        expectOrderlyEnd(*next);
+        expectServiceWorks(*next, idle);
+        expectCleanEnd(*next);
         if (HasFailure())
             break;
     }
@@ -421,18 +421,18 @@ TEST_F(IpcCrash, ServerKilledAtEveryCall_NextServerWorks) {
     RecordProperty("deaths", deaths);
 }
 
-TEST_F(IpcCrash, BothKilled_NextOnesWork) {
+TEST_F(IpcCrash, BothKilled_NextServerAndClientWork) {
     auto server = startServer();
-    ASSERT_TRUE(server->isReady());
-    const auto client = startHeldClient();
+    ASSERT_TRUE(server->awaitReady());
+    const auto client = startBlockedClient();
     server->process().signal(SIGKILL);
     client->signal(SIGKILL);
     EXPECT_EQ(client->wait(), -SIGKILL);
     EXPECT_EQ(server->process().wait(), -SIGKILL);
     server = startServer();
-    ASSERT_TRUE(server->isReady());
-    expectService(*server, server->process().descriptors());
-    expectOrderlyEnd(*server);
+    ASSERT_TRUE(server->awaitReady());
+    expectServiceWorks(*server, server->process().descriptors());
+    expectCleanEnd(*server);
 }
 
 } // namespace oru::io

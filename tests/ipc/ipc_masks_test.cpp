@@ -1,5 +1,5 @@
-// Which messages each bit of the debug mask turns on. The mask is read when the program is loaded,
-// so one process sees one mask.
+// The messages that each bit of the debug mask enables. A process reads the mask once, when it
+// starts.
 
 #include "support/doubles/memfs.h"
 #include "support/ipc/ipcservice.h"
@@ -22,36 +22,36 @@ constexpr unsigned int always = 0;
 
 struct Message {
     unsigned int bit;
-    const char* text;
+    const char* string;
 };
 
-/// Of those of one channel that a session of both ends gives, the ones that this process's mask
-/// lets through.
+/// The messages of `all` that the mask enables, sorted.
 QStringList expected(const std::vector<Message>& all) {
     const unsigned int mask = IPCShm::debugMask();
-    QStringList texts;
+    QStringList strings;
     for (const Message& message : all) {
         if (message.bit == always || (message.bit & mask))
-            texts += message.text;
+            strings += message.string;
     }
-    // The server's threads log as they come.
-    texts.sort();
-    return texts;
+    // The order of messages from different threads varies.
+    strings.sort();
+    return strings;
 }
 
-QStringList only(const QString& channel, const QStringList& messages) {
-    QStringList texts;
+/// The messages of one channel, sorted.
+QStringList messagesOf(const QString& channel, const QStringList& messages) {
+    QStringList strings;
     for (const QString& message : messages) {
         if (message.startsWith(channel + " 12 "))
-            texts += message.section(' ', 2);
+            strings += message.section(' ', 2);
     }
-    texts.sort();
-    return texts;
+    strings.sort();
+    return strings;
 }
 
 } // namespace
 
-TEST(IpcMask, Messages_OfItsBitsOnly) {
+TEST(IpcMask, DebugMask_SelectsTheLoggedMessages) {
     using namespace ipcwire;
     test::LogCapture log("fsipc=12,fsipcsrv=12");
     {
@@ -70,42 +70,44 @@ TEST(IpcMask, Messages_OfItsBitsOnly) {
     const QStringList messages = log.messages();
     const std::string record =
         "Send BufResponse 0,0,0 + " + std::to_string(sizeof(struct stat)) + " bytes";
-    EXPECT_EQ(only("fsipc", messages), expected({{TraceLifecycle, "Client connecting"},
-                                                 {TraceLifecycle, "Detected Server online"},
-                                                 {TraceClient, "Send request 'connect'"},
-                                                 {TraceClient, "Got response: '0,0,0'"},
-                                                 {always, "IPC Client Ready"},
-                                                 {TraceClient, "Send request 'stat /missing'"},
-                                                 {TraceClient, "Got response: '-1,2,0'"},
-                                                 {TraceClient, "Send request 'stat /'"},
-                                                 {TraceClient, "Got response: '0,0,0'"},
-                                                 {TraceClient, "Send request 'disconnect'"}}));
-    EXPECT_EQ(only("fsipcsrv", messages), expected({{always, "Serving 'MemFS'"},
-                                                    {TraceLifecycle, "IPC Server initializing"},
-                                                    {TraceLifecycle, "Create new FSShm: OK"},
-                                                    {TraceLifecycle, "Initialize FSShm"},
-                                                    {TraceLifecycle, "FSShm ready for use"},
-                                                    {TraceLifecycle, "Session reset OK"},
-                                                    {always, "IPC Server Ready"},
-                                                    {TraceServer, "Wait for request"},
-                                                    {TraceServer, "Process 'connect'"},
-                                                    {TraceServer, "Send response '0,0,0'"},
-                                                    {TraceLifecycle, "Client connected OK"},
-                                                    {TraceServer, "Wait for request"},
-                                                    {TraceServer, "Process 'stat'"},
-                                                    {TraceServer, "Send response '-1,2,0'"},
-                                                    {TraceServer, "Wait for request"},
-                                                    {TraceServer, "Process 'stat'"},
-                                                    {TraceServer, record.c_str()},
-                                                    {TraceServer, "Wait for request"},
-                                                    {TraceServer, "Process 'disconnect'"},
-                                                    {TraceServer, "Send response '0,0,0'"},
-                                                    {TraceLifecycle, "Session reset OK"},
-                                                    {TraceServer, "Wait for request"},
-                                                    {always, "Terminate server"},
-                                                    {always, "IPC Server stopping"},
-                                                    {TraceServer, "Send response '-1,125,0'"},
-                                                    {always, "IPC Server stopped"}}));
+    EXPECT_EQ(messagesOf("fsipc", messages),
+              expected({{TraceLifecycle, "Client connecting"},
+                        {TraceLifecycle, "Detected Server online"},
+                        {TraceClient, "Send request 'connect'"},
+                        {TraceClient, "Got response: '0,0,0'"},
+                        {always, "IPC Client Ready"},
+                        {TraceClient, "Send request 'stat /missing'"},
+                        {TraceClient, "Got response: '-1,2,0'"},
+                        {TraceClient, "Send request 'stat /'"},
+                        {TraceClient, "Got response: '0,0,0'"},
+                        {TraceClient, "Send request 'disconnect'"}}));
+    EXPECT_EQ(messagesOf("fsipcsrv", messages),
+              expected({{always, "Serving 'MemFS'"},
+                        {TraceLifecycle, "IPC Server initializing"},
+                        {TraceLifecycle, "Create new FSShm: OK"},
+                        {TraceLifecycle, "Initialize FSShm"},
+                        {TraceLifecycle, "FSShm ready for use"},
+                        {TraceLifecycle, "Session reset OK"},
+                        {always, "IPC Server Ready"},
+                        {TraceServer, "Wait for request"},
+                        {TraceServer, "Process 'connect'"},
+                        {TraceServer, "Send response '0,0,0'"},
+                        {TraceLifecycle, "Client connected OK"},
+                        {TraceServer, "Wait for request"},
+                        {TraceServer, "Process 'stat'"},
+                        {TraceServer, "Send response '-1,2,0'"},
+                        {TraceServer, "Wait for request"},
+                        {TraceServer, "Process 'stat'"},
+                        {TraceServer, record.c_str()},
+                        {TraceServer, "Wait for request"},
+                        {TraceServer, "Process 'disconnect'"},
+                        {TraceServer, "Send response '0,0,0'"},
+                        {TraceLifecycle, "Session reset OK"},
+                        {TraceServer, "Wait for request"},
+                        {always, "Terminate server"},
+                        {always, "IPC Server stopping"},
+                        {TraceServer, "Send response '-1,125,0'"},
+                        {always, "IPC Server stopped"}}));
 }
 
 } // namespace oru::io

@@ -1,4 +1,4 @@
-// What the two ends of the file service agree on, and how a request changes hands.
+// The layout of the shared area, and how client and server hand over requests and responses.
 
 #include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
@@ -20,7 +20,7 @@ namespace oru::io {
 
 using namespace ipcwire;
 
-TEST(IpcLayout, Area_SameSizesOnEveryPlatform) {
+TEST(IpcLayout, Area_HasTheSameSizesOnEveryPlatform) {
     EXPECT_EQ(areaSize, 0x205000U);
     EXPECT_EQ(blockOverhead, 40U);
     EXPECT_EQ(sizeof(Area::request), 8704U);
@@ -29,7 +29,7 @@ TEST(IpcLayout, Area_SameSizesOnEveryPlatform) {
     EXPECT_EQ(sizeof(Area::buffers), 0x200000U);
 }
 
-TEST(IpcLayout, Area_FieldsInOrder) {
+TEST(IpcLayout, Area_FieldsAreInOrder) {
     EXPECT_EQ(offsetof(AreaControl, magic), 0U);
     EXPECT_LT(offsetof(AreaControl, clientMutex), offsetof(AreaControl, serverMutex));
     EXPECT_LT(offsetof(AreaControl, serverMutex), offsetof(AreaControl, bufferMutex));
@@ -44,12 +44,12 @@ TEST(IpcLayout, Area_FieldsInOrder) {
     EXPECT_EQ(offsetof(Area, buffers) % 16, 0U);
 }
 
-TEST(IpcLayout, Area_WithinTheObject) {
+TEST(IpcLayout, Area_FitsIntoTheObject) {
     EXPECT_LE(sizeof(BlockHeader) + sizeof(Area), 0x205028U);
     EXPECT_GE(sizeof(BlockHeader) + sizeof(Area), 0x205020U);
 }
 
-TEST(IpcSessions, Numbers_GoOnFromWhateverStandsThere) {
+TEST(IpcSessions, BeginSession_IncrementsTheNumberInTheArea) {
     const auto area = std::make_unique<Area>();
     EXPECT_EQ(lastSession(*area), 0U);
     EXPECT_EQ(beginSession(*area), 1U);
@@ -71,7 +71,7 @@ TEST(IpcLocks, Commands_HaveTheTargetsNumbersOnTheWire) {
     EXPECT_EQ(platformLockCommand(15), -1);
 }
 
-TEST(IpcLocks, IntegerCommands_ZeroToFourAnd1030) {
+TEST(IpcLocks, IntegerCommands_AreZeroToFourAnd1030) {
     for (int command = -1; command < 2000; ++command)
         EXPECT_EQ(isIntegerCommand(command), (command >= 0 && command <= 4) || command == 1030)
             << command;
@@ -83,7 +83,7 @@ protected:
         setIdle(*area);
     }
 
-    void publishText(const std::string& request) {
+    void publishString(const std::string& request) {
         publish(*area, request.c_str(), request.size() + 1);
     }
 
@@ -91,14 +91,14 @@ protected:
     Text text;
 };
 
-TEST_F(IpcRequest, Idle_NothingToTake) {
+TEST_F(IpcRequest, Idle_TakeReturnsFalse) {
     EXPECT_EQ(requestState(*area), Idle);
     EXPECT_FALSE(take(*area, text));
     EXPECT_EQ(requestState(*area), Idle);
 }
 
-TEST_F(IpcRequest, Published_TakenOnce) {
-    publishText("stat /a");
+TEST_F(IpcRequest, Published_IsTakenOnce) {
+    publishString("stat /a");
     EXPECT_TRUE(isPublished(requestState(*area)));
     ASSERT_TRUE(take(*area, text));
     EXPECT_STREQ(text.bytes, "stat /a");
@@ -106,46 +106,46 @@ TEST_F(IpcRequest, Published_TakenOnce) {
     EXPECT_FALSE(take(*area, text));
 }
 
-TEST_F(IpcRequest, Disconnect_TakenAsTheEnd) {
-    publishText("disconnect");
+TEST_F(IpcRequest, DisconnectTaken_StateIsEnding) {
+    publishString("disconnect");
     ASSERT_TRUE(take(*area, text));
     EXPECT_EQ(requestState(*area), Ending);
     setIdle(*area);
-    publishText("disconnect now");
+    publishString("disconnect now");
     ASSERT_TRUE(take(*area, text));
     EXPECT_EQ(requestState(*area), Ending);
     setIdle(*area);
-    publishText("disconnected");
+    publishString("disconnected");
     ASSERT_TRUE(take(*area, text));
     EXPECT_EQ(requestState(*area), Accepted);
 }
 
-TEST_F(IpcRequest, Withdrawn_NotTaken) {
-    publishText("unlink /a");
+TEST_F(IpcRequest, Cancelled_CannotBeTaken) {
+    publishString("unlink /a");
     EXPECT_TRUE(cancel(*area));
     EXPECT_EQ(requestState(*area), Done);
     EXPECT_FALSE(take(*area, text));
     EXPECT_FALSE(cancel(*area));
 }
 
-TEST_F(IpcRequest, Taken_NotWithdrawn) {
-    publishText("unlink /a");
+TEST_F(IpcRequest, Taken_CannotBeCancelled) {
+    publishString("unlink /a");
     ASSERT_TRUE(take(*area, text));
     EXPECT_FALSE(cancel(*area));
     EXPECT_EQ(requestState(*area), Accepted);
 }
 
-TEST_F(IpcRequest, WhatStoodThereBefore_CompletesNothing) {
+TEST_F(IpcRequest, ShorterRequest_KeepsNothingOfTheOneBefore) {
     publish(*area, "link /first\0/second", 20);
     ASSERT_TRUE(take(*area, text));
     EXPECT_STREQ(text.bytes + 12, "/second");
-    publishText("link /first");
+    publishString("link /first");
     ASSERT_TRUE(take(*area, text));
     EXPECT_STREQ(text.bytes, "link /first");
     EXPECT_EQ(text.end() - text.bytes, 12);
 }
 
-TEST_F(IpcRequest, PayloadBehindTheText_TakenToo) {
+TEST_F(IpcRequest, PayloadAfterTheNul_IsTakenToo) {
     const char request[] = "fcntl 7 13\0\x01\x02\x03\0\x05";
     publish(*area, request, sizeof request);
     ASSERT_TRUE(take(*area, text));
@@ -153,28 +153,28 @@ TEST_F(IpcRequest, PayloadBehindTheText_TakenToo) {
     EXPECT_EQ(text.end(), text.bytes + 8704);
 }
 
-TEST_F(IpcRequest, NoNulInTheArea_TakenWithOneBehind) {
+TEST_F(IpcRequest, RequestWithoutNul_IsTerminatedInTheCopy) {
     std::memset(area->request, 'x', sizeof area->request);
     ASSERT_TRUE(take(*area, text));
     EXPECT_EQ(std::strlen(text.bytes), 8704U);
     EXPECT_EQ(text.bytes[8705], '\0');
 }
 
-TEST_F(IpcRequest, LongestPublished_TakenWhole) {
+TEST_F(IpcRequest, LongestRequest_IsTakenWhole) {
     const std::string longest = "stat /" + std::string(8703 - 6, 'p');
-    publishText(longest);
+    publishString(longest);
     ASSERT_TRUE(take(*area, text));
     EXPECT_EQ(text.bytes, longest);
 }
 
-TEST_F(IpcRequest, LongerThanTheArea_StaysInside) {
+TEST_F(IpcRequest, RequestTooLong_LeavesTheResponseAreaUnchanged) {
     const std::string tooLong(20'000, 'p');
     std::memset(area->response, 'r', sizeof area->response);
     publish(*area, tooLong.data(), tooLong.size());
     EXPECT_EQ(area->response[0], 'r');
 }
 
-TEST_F(IpcRequest, Response_WithARecordBehindItsText) {
+TEST_F(IpcRequest, CopyResponse_IncludesTheRecordAfterTheHeader) {
     std::memset(area->response, 'x', sizeof area->response);
     std::memcpy(area->response, "0,0,0", 6);
     copyResponse(*area, text);
@@ -184,15 +184,16 @@ TEST_F(IpcRequest, Response_WithARecordBehindItsText) {
     EXPECT_EQ(*text.end(), '\0');
 }
 
-TEST_F(IpcRequest, ResponseWithoutANul_CopiedWithOneBehind) {
+TEST_F(IpcRequest, ResponseWithoutNul_IsTerminatedInTheCopy) {
     std::memset(area->response, '1', sizeof area->response);
     area->unused[0] = '2';
     copyResponse(*area, text);
     EXPECT_EQ(std::strlen(text.bytes), 8704U);
 }
 
-// A client withdraws while the server takes: one of them has it, and the next one is whole.
-TEST_F(IpcRequest, TakenAndWithdrawnAtOnce_OneOfThem) {
+// The client cancels a request while the server takes it. One of them succeeds, and the next
+// request is complete.
+TEST_F(IpcRequest, TakeAndCancelAtOnce_OneOfThemSucceeds) {
     constexpr int rounds = 20'000;
     std::atomic<bool> ends{false};
     int served = 0;
@@ -206,12 +207,12 @@ TEST_F(IpcRequest, TakenAndWithdrawnAtOnce_OneOfThem) {
             EXPECT_TRUE(got == "rename /aaaa" || got == "unlink /bb") << got;
         }
     });
-    int withdrawn = 0;
+    int cancelled = 0;
     int taken = 0;
     for (int i = 0; i < rounds; ++i) {
-        publishText(i % 2 ? "rename /aaaa" : "unlink /bb");
+        publishString(i % 2 ? "rename /aaaa" : "unlink /bb");
         if (cancel(*area)) {
-            ++withdrawn;
+            ++cancelled;
         } else {
             ++taken;
             while (requestState(*area) != Accepted)
@@ -222,10 +223,10 @@ TEST_F(IpcRequest, TakenAndWithdrawnAtOnce_OneOfThem) {
     ends = true;
     server.join();
     EXPECT_EQ(served, taken);
-    EXPECT_EQ(withdrawn + taken, rounds);
+    EXPECT_EQ(cancelled + taken, rounds);
 }
 
-TEST(IpcFields, Numbers_InOrder) {
+TEST(IpcFields, Numbers_AreReadInOrder) {
     int fd = 0;
     long long offset = 0;
     unsigned long long length = 0;
@@ -238,14 +239,14 @@ TEST(IpcFields, Numbers_InOrder) {
     EXPECT_TRUE(fields.atEnd());
 }
 
-TEST(IpcFields, Rest_IsWhatFollowsOneSeparator) {
+TEST(IpcFields, Rest_StartsAfterOneSeparator) {
     int mode = 0;
     FieldReader fields("511  two blanks");
     EXPECT_TRUE(fields.number(mode).separator(' ').isGood());
     EXPECT_STREQ(fields.rest(), " two blanks");
 }
 
-TEST(IpcFields, NotANumber_NothingMoreIsRead) {
+TEST(IpcFields, NotANumber_LaterFieldsAreNotRead) {
     for (const char* text : {"", "x", " 1", "+1", "99999999999999999999", "--1"}) {
         int value = 42;
         int next = 43;
@@ -260,7 +261,7 @@ TEST(IpcFields, NotANumber_NothingMoreIsRead) {
     EXPECT_FALSE(FieldReader(nullptr).separator(' ').isGood());
 }
 
-TEST(IpcFields, Pointer_AsPrinted) {
+TEST(IpcFields, Pointer_IsReadAsPrinted) {
     int object = 0;
     char text[32];
     snprintf(text, sizeof text, "%p", static_cast<void*>(&object));
@@ -274,9 +275,9 @@ TEST(IpcFields, Pointer_AsPrinted) {
     }
 }
 
-class IpcPoller : public ::testing::Test {
+class IpcSpinWaiter : public ::testing::Test {
 protected:
-    IpcPoller() {
+    IpcSpinWaiter() {
         sem_init(&semaphore, 0, 0);
     }
 
@@ -288,14 +289,14 @@ protected:
     }
 
     sem_t semaphore;
-    SpinWaiter poller;
+    SpinWaiter spinWaiter;
 
     int wait(const struct timespec* deadline) {
-        return poller.take(semaphore) ? 0 : waitFor(semaphore, deadline);
+        return spinWaiter.take(semaphore) ? 0 : waitFor(semaphore, deadline);
     }
 };
 
-TEST_F(IpcPoller, Posted_TakenOnce) {
+TEST_F(IpcSpinWaiter, PostedOnce_IsTakenOnce) {
     const struct timespec past = in(0);
     sem_post(&semaphore);
     EXPECT_EQ(wait(&past), 0);
@@ -303,7 +304,7 @@ TEST_F(IpcPoller, Posted_TakenOnce) {
     EXPECT_EQ(errno, ETIMEDOUT);
 }
 
-TEST_F(IpcPoller, PostedAfterTheMomentOfPolling_Taken) {
+TEST_F(IpcSpinWaiter, PostedAfterSpinning_WaitReturns) {
     for (int i = 0; i < 20; ++i) {
         std::thread poster([this, i] {
             std::this_thread::sleep_for(std::chrono::microseconds(100 * i));
@@ -315,7 +316,7 @@ TEST_F(IpcPoller, PostedAfterTheMomentOfPolling_Taken) {
     }
 }
 
-TEST_F(IpcPoller, ManyWaits_NoneLost) {
+TEST_F(IpcSpinWaiter, ManyWaits_NoPostIsLost) {
     constexpr int rounds = 20'000;
     sem_t answer;
     sem_init(&answer, 0, 0);

@@ -22,14 +22,14 @@ namespace {
 
 std::atomic<int> passed{0};
 std::atomic<int> deadly{0};
-std::atomic<int> longestWait{0};
-std::atomic<bool> isShortened{false};
+std::atomic<int> waitLimitMs{0};
+std::atomic<bool> isLimited{false};
 std::atomic<double> lastWait{0};
 std::atomic<double> lastLock{0};
 std::atomic<long long> clockSeconds{0};
 std::atomic<long> clockNanoseconds{-1};
 
-/// What happens at a call of one function, counted down.
+/// Counts down the calls of one function until something is to happen.
 struct Plan {
     std::atomic<const char*> function{nullptr};
     std::atomic<int> count{0};
@@ -68,7 +68,7 @@ bool fails(const char* function) {
     return isDue;
 }
 
-/// Makes the call, with what is planned for it.
+/// Makes the call, unless it is to fail or the process is to die before it.
 template <class Result, class Call>
 Result watched(const char* function, Result failed, Call call) {
     if (action.isDue(function))
@@ -84,9 +84,9 @@ Result watched(const char* function, Result failed, Call call) {
     return result;
 }
 
-/// For functions that return an error number.
+/// As watched(), for functions that return an error number.
 template <class Call>
-int watchedNumber(const char* function, Call call) {
+int watchedErrno(const char* function, Call call) {
     return watched<int>(function, failureError, call);
 }
 
@@ -97,16 +97,12 @@ void dieAtPoint(int number) {
     deadly = number;
 }
 
-int pointsPassed() {
-    return passed;
-}
-
 void dieAtCall(const char* function, int count, bool after) {
     diesAfter = after;
     death.set(function, count);
 }
 
-void atCall(const char* function, int count, std::function<void()> run) {
+void runAtCall(const char* function, int count, std::function<void()> run) {
     actionToRun = std::move(run);
     action.set(function, count);
 }
@@ -121,29 +117,30 @@ void setClock(long long seconds, long nanoseconds) {
     clockNanoseconds = nanoseconds;
 }
 
-double lastWaitSeconds() {
+double lastSemaphoreTimeoutSeconds() {
     return lastWait;
 }
 
-double lastLockSeconds() {
+double lastMutexTimeoutSeconds() {
     return lastLock;
 }
 
-void shortenWaits(int ms) {
-    longestWait = ms;
+void limitSemaphoreWaits(int ms) {
+    waitLimitMs = ms;
 }
 
-bool isLastWaitShortened() {
-    return isShortened;
+bool isLastWaitLimited() {
+    return isLimited;
 }
 
 } // namespace oru::io::test
 
 using oru::io::test::fails;
 using oru::io::test::watched;
-using oru::io::test::watchedNumber;
+using oru::io::test::watchedErrno;
 
-// The linker passes the calls of the sources here: --wrap. It wants to see them from outside.
+// With --wrap, the linker redirects the service's calls to these functions. Their symbols must be
+// visible to it.
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -180,26 +177,26 @@ int __wrap_flock(int fd, int operation) {
 
 int __real_pthread_mutexattr_init(pthread_mutexattr_t* attributes);
 int __wrap_pthread_mutexattr_init(pthread_mutexattr_t* attributes) {
-    return watchedNumber("pthread_mutexattr_init",
-                         [=] { return __real_pthread_mutexattr_init(attributes); });
+    return watchedErrno("pthread_mutexattr_init",
+                        [=] { return __real_pthread_mutexattr_init(attributes); });
 }
 
 int __real_pthread_mutexattr_setrobust(pthread_mutexattr_t* attributes, int robust);
 int __wrap_pthread_mutexattr_setrobust(pthread_mutexattr_t* attributes, int robust) {
-    return watchedNumber("pthread_mutexattr_setrobust",
-                         [=] { return __real_pthread_mutexattr_setrobust(attributes, robust); });
+    return watchedErrno("pthread_mutexattr_setrobust",
+                        [=] { return __real_pthread_mutexattr_setrobust(attributes, robust); });
 }
 
 int __real_pthread_mutexattr_setpshared(pthread_mutexattr_t* attributes, int shared);
 int __wrap_pthread_mutexattr_setpshared(pthread_mutexattr_t* attributes, int shared) {
-    return watchedNumber("pthread_mutexattr_setpshared",
-                         [=] { return __real_pthread_mutexattr_setpshared(attributes, shared); });
+    return watchedErrno("pthread_mutexattr_setpshared",
+                        [=] { return __real_pthread_mutexattr_setpshared(attributes, shared); });
 }
 
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
-    return watchedNumber("pthread_mutex_init",
-                         [=] { return __real_pthread_mutex_init(mutex, attributes); });
+    return watchedErrno("pthread_mutex_init",
+                        [=] { return __real_pthread_mutex_init(mutex, attributes); });
 }
 
 int __real_clock_gettime(clockid_t clock, struct timespec* time);
@@ -229,10 +226,10 @@ int __wrap_nanosleep(const struct timespec* time, struct timespec* left) {
 int __real_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline);
 int __wrap_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline) {
     oru::io::test::lastLock = secondsUntil(deadline);
-    const int error = watchedNumber(
-        "pthread_mutex_timedlock", [=] { return __real_pthread_mutex_timedlock(mutex, deadline); });
+    const int error = watchedErrno("pthread_mutex_timedlock",
+                                   [=] { return __real_pthread_mutex_timedlock(mutex, deadline); });
 #if defined(__SANITIZE_THREAD__)
-    // The sanitizer does not know that this, too, is a lock.
+    // With this result the caller holds the lock, which the sanitizer does not know.
     if (error == EOWNERDEAD) {
         __tsan_mutex_pre_lock(mutex, __tsan_mutex_try_lock);
         __tsan_mutex_post_lock(mutex, __tsan_mutex_try_lock, 0);
@@ -248,19 +245,18 @@ int __wrap_pthread_mutex_trylock(pthread_mutex_t* mutex) {
     const int error = __real_pthread_mutex_trylock(mutex);
     if (error == EBUSY)
         return error;
-    return watchedNumber("pthread_mutex_trylock", [=] { return error; });
+    return watchedErrno("pthread_mutex_trylock", [=] { return error; });
 }
 
 int __real_pthread_mutex_consistent(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_consistent(pthread_mutex_t* mutex) {
-    return watchedNumber("pthread_mutex_consistent",
-                         [=] { return __real_pthread_mutex_consistent(mutex); });
+    return watchedErrno("pthread_mutex_consistent",
+                        [=] { return __real_pthread_mutex_consistent(mutex); });
 }
 
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
-    return watchedNumber("pthread_mutex_unlock",
-                         [=] { return __real_pthread_mutex_unlock(mutex); });
+    return watchedErrno("pthread_mutex_unlock", [=] { return __real_pthread_mutex_unlock(mutex); });
 }
 
 int __real_sem_init(sem_t* semaphore, int shared, unsigned int value);
@@ -280,9 +276,9 @@ int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
     struct timespec earliest;
     __real_clock_gettime(CLOCK_REALTIME, &earliest);
     oru::io::test::lastWait = secondsUntil(deadline);
-    const int longest = oru::io::test::longestWait;
+    const int longest = oru::io::test::waitLimitMs;
     if (longest == 0) {
-        oru::io::test::isShortened = false;
+        oru::io::test::isLimited = false;
         return __real_sem_timedwait(semaphore, deadline);
     }
     const long long nanoseconds = earliest.tv_nsec + longest * 1'000'000LL;
@@ -291,7 +287,7 @@ int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
     const bool isLater =
         earliest.tv_sec > deadline->tv_sec ||
         (earliest.tv_sec == deadline->tv_sec && earliest.tv_nsec > deadline->tv_nsec);
-    oru::io::test::isShortened = !isLater;
+    oru::io::test::isLimited = !isLater;
     return __real_sem_timedwait(semaphore, isLater ? deadline : &earliest);
 }
 }

@@ -1,6 +1,6 @@
-// Stands between the file service's sources and the C library, in test programs that compile those
-// sources in (see oruio_ipc_test() in CMakeLists.txt): kills the process at a chosen call, makes a
-// call fail, or shortens waits.
+// Wrappers of the C library calls that the file service makes, in test programs that link the
+// service's objects (see CMakeLists.txt in tests/ipc): they kill the process at a chosen call, make
+// a call fail, or shorten waits.
 #pragma once
 
 #include <functional>
@@ -8,32 +8,31 @@
 namespace oru::io::test {
 
 /// Kills this process at the `point`-th point from now on (1 is the next). Each call is two points,
-/// before and after it; waits for semaphores and attempts at a mutex that somebody holds are none,
-/// as their number is a matter of chance.
+/// before and after it. Waits for semaphores, and attempts to lock a mutex that is held, are not
+/// counted: their number varies from run to run.
 void dieAtPoint(int point);
-/// The points passed since dieAtPoint().
-int pointsPassed();
 
 /// Kills this process at the `count`-th call of `function` from now on, before or after the call.
 void dieAtCall(const char* function, int count, bool after);
 
 /// Runs `action` before the `count`-th call of `function` from now on.
-void atCall(const char* function, int count, std::function<void()> action);
+void runAtCall(const char* function, int count, std::function<void()> action);
 
 /// The `count`-th call of `function` from now on fails with `error`.
 void failCall(const char* function, int count, int error);
 
-/// What CLOCK_REALTIME tells from now on; negative nanoseconds give it back its own time.
+/// Sets the time that CLOCK_REALTIME returns from now on. Negative nanoseconds restore the system's
+/// time.
 void setClock(long long seconds, long nanoseconds);
 
-/// For how many seconds the last wait for a semaphore with a deadline was to go on at most.
-double lastWaitSeconds();
-/// The same of the last attempt at a mutex.
-double lastLockSeconds();
+/// The time-out of the last sem_timedwait(3), in seconds from its call.
+double lastSemaphoreTimeoutSeconds();
+/// The time-out of the last pthread_mutex_timedlock(3), in seconds from its call.
+double lastMutexTimeoutSeconds();
 
-/// No wait for a semaphore with a deadline takes longer than this. 0 is as long as it takes.
-void shortenWaits(int ms);
-/// Whether that has shortened the last such wait, which may still go on.
-bool isLastWaitShortened();
+/// Limits every sem_timedwait(3) to `ms` milliseconds. 0 removes the limit.
+void limitSemaphoreWaits(int ms);
+/// Whether the limit has shortened the last sem_timedwait(3), which may not have returned yet.
+bool isLastWaitLimited();
 
 } // namespace oru::io::test

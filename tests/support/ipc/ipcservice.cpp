@@ -27,6 +27,7 @@ namespace oru::io::test {
 
 namespace {
 
+/// Gives the program its own /dev/shm, or the system's /dev/shm exclusively until it ends.
 class PrivateSharedMemory : public ::testing::Environment {
 public:
     void SetUp() override {
@@ -34,15 +35,14 @@ public:
             isolate(Namespaces::Mount) && mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
         if (isPrivate)
             return;
-        // Until the program ends.
-        const int turn = ::open("/dev/shm/oruio-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        ASSERT_NE(turn, -1);
-        ASSERT_EQ(flock(turn, LOCK_EX), 0);
+        const int lock = ::open("/dev/shm/oruio-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        ASSERT_NE(lock, -1);
+        ASSERT_EQ(flock(lock, LOCK_EX), 0);
         shm_unlink("/_blk_fsipc");
     }
 };
 
-// gtest takes it over.
+// gtest owns and deletes it.
 [[maybe_unused]] ::testing::Environment* const environment =
     ::testing::AddGlobalTestEnvironment(new PrivateSharedMemory);
 
@@ -52,14 +52,14 @@ bool serviceExists() {
     return access("/dev/shm/_blk_fsipc", F_OK) == 0;
 }
 
-ipcwire::Area& leaveBehind(ShmBlock& block) {
+ipcwire::Area& makeOrphanedArea(ShmBlock& block) {
     ipcwire::Area& area = ipcwire::areaOf(ipcwire::shmAt(block.base()));
     ipcwire::SharedMutexAttributes().makeMutex(area.control.serverMutex);
     ipcwire::setOwned(area, true);
     return area;
 }
 
-bool ownerDeathIsSeen() {
+bool hasRobustMutexes() {
     void* const page =
         mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     auto* const mutex = static_cast<pthread_mutex_t*>(page);
@@ -76,7 +76,7 @@ bool ownerDeathIsSeen() {
 
 AreaView::AreaView() : m_block(ipcwire::blockName, ipcwire::areaSize, 0) {}
 
-bool AreaView::isThere() const {
+bool AreaView::isMapped() const {
     return m_block.isValid();
 }
 
@@ -110,7 +110,7 @@ ServerProcess::~ServerProcess() {
     ::close(m_readiness[0]);
 }
 
-/// The child's life.
+/// Runs in the child, until the server ends.
 int ServerProcess::serve(const std::function<QSharedPointer<FS>()>& makeFs,
                          const std::function<void()>& prepare) {
     ::close(m_commands[1]);
@@ -135,13 +135,13 @@ int ServerProcess::serve(const std::function<QSharedPointer<FS>()>& makeFs,
     const int result = server.run(nullptr);
     hasEnded = true;
     watcher.join();
-    const QByteArray text = log.messages().join('\n').toUtf8();
-    (void)!::write(m_messages[1], text.constData(), text.size());
+    const QByteArray messages = log.messages().join('\n').toUtf8();
+    (void)!::write(m_messages[1], messages.constData(), messages.size());
     return result & 0xff;
 }
 
-bool ServerProcess::isReady() {
-    // Until the child has closed its end.
+bool ServerProcess::awaitReady() {
+    // The read ends when the child closes its end.
     char ready;
     while (::read(m_readiness[0], &ready, 1) == 1)
         m_isReady = true;
@@ -156,11 +156,11 @@ int ServerProcess::terminate() {
 }
 
 QStringList ServerProcess::messages() {
-    char text[4096];
+    char chunk[4096];
     QByteArray all;
     ssize_t count;
-    while ((count = ::read(m_messages[0], text, sizeof text)) > 0)
-        all.append(text, static_cast<int>(count));
+    while ((count = ::read(m_messages[0], chunk, sizeof chunk)) > 0)
+        all.append(chunk, static_cast<int>(count));
     if (!all.isEmpty())
         m_log += QString::fromUtf8(all).split('\n');
     return m_log;

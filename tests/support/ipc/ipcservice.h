@@ -1,8 +1,7 @@
-// The file service between processes, in a process of its own, for tests of both ends.
+// A server of the file service in a child process, and access to the service's area.
 //
-// There is one service on a system. So each test program that links this puts itself into a mount
-// namespace with shared memory of its own, before its first test; where that is not allowed, the
-// programs take turns.
+// A system has one service. Before its first test, a program that links this enters a mount
+// namespace with its own /dev/shm. Without the privilege for that, the programs run one at a time.
 #pragma once
 
 #include "support/system/childprocess.h"
@@ -20,21 +19,22 @@
 
 namespace oru::io::test {
 
-/// Whether the service's object is there.
+/// Whether the service's object exists.
 bool serviceExists();
-/// Whether a mutex tells of its owner's death here: not under every emulator.
-bool ownerDeathIsSeen();
+/// Whether locking a robust mutex whose owner has died fails with EOWNERDEAD. Some emulators do not
+/// support that.
+bool hasRobustMutexes();
 
-/// Makes the area of a new block one whose server has gone without a word: it has an owner, and
-/// nobody holds its mutex.
-ipcwire::Area& leaveBehind(ShmBlock& block);
+/// Sets the area of a new block to the state after a server has vanished: it is marked as owned,
+/// and the server mutex is free.
+ipcwire::Area& makeOrphanedArea(ShmBlock& block);
 
-/// The service's area as a bystander sees it. Null data when there is none.
+/// The service's area, mapped without a session.
 class AreaView {
 public:
     AreaView();
 
-    bool isThere() const;
+    bool isMapped() const;
     ipcwire::Area& area() const;
     IPCShm* shm() const;
 
@@ -45,18 +45,19 @@ private:
 /// A server in a child process.
 class ServerProcess {
 public:
-    /// Serves what `makeFs` makes, after `prepare` has run, both in the child.
+    /// Serves the file system that `makeFs` returns. Both functions run in the child, `prepare`
+    /// first.
     explicit ServerProcess(const std::function<QSharedPointer<FS>()>& makeFs,
                            const std::function<void()>& prepare = {});
     /// Serves a local directory.
     explicit ServerProcess(const QString& directory);
     ~ServerProcess();
 
-    /// Waits until it serves. \returns false when it ended before.
-    bool isReady();
-    /// Asks it to terminate. \returns run()'s result, as ChildProcess::wait().
+    /// Waits until the server serves. \returns false when it has ended instead.
+    bool awaitReady();
+    /// Terminates the server. \returns the result of run(), as ChildProcess::wait().
     int terminate();
-    /// What it logged, once it has terminated.
+    /// The messages that the server has logged. Valid once it has terminated.
     QStringList messages();
     ChildProcess& process();
 

@@ -1,20 +1,20 @@
 #!/bin/bash
-# Runs the example file server and the example recorder of two builds, one of this machine's word size
-# and one of another, which lay the shared memory out differently: they refuse each other and leave
-# each other alone.
+# Runs the example file server and the example recorder of two builds, a native one and one for
+# another ABI (32- or 64-bit). The layout of the shared memory differs between the two: each must
+# refuse the other, and the running server must not be disturbed.
 #
-#   word_size_test.sh DIRECTORY OTHER_DIRECTORY LAUNCHER...
+#   other_abi_test.sh DIRECTORY OTHER_DIRECTORY LAUNCHER...
 #
-# The programs are in DIRECTORY and, started by the launcher, in OTHER_DIRECTORY.
+# The native programs are in DIRECTORY. LAUNCHER starts the others, which are in OTHER_DIRECTORY.
 #
-# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did. Ends with 77 where the
-# programs of this machine are not built.
+# Prints "ok NAME" or "not ok NAME" for each case. Exits with 1 when a case has failed, and with 77
+# when the native programs are not built.
 set -u
 
 # shellcheck source=tests/support/system/alone.sh
 source "$(dirname "$0")/../support/system/alone.sh"
 if ! $is_alone; then
-    echo "SKIP: mounting another /dev/shm is not permitted"
+    echo "SKIP: needs root to mount a private /dev/shm"
     exit 77
 fi
 
@@ -36,19 +36,19 @@ fi
 # shellcheck source=tests/support/suite/cases.sh
 source "$(dirname "$0")/../support/suite/cases.sh"
 
-# --- what the cases are made of ---------------------------------------------------------------
+# --- functions for the cases ------------------------------------------------------------------
 
-# The word sizes are "this" and "other".
+# An ABI is "native" or "other".
 
-# Sets $command to what starts the program $2 of the word size $1.
+# Sets $command to the command that starts the program $2 of the ABI $1.
 choose() {
     case $1 in
-    this) command=("$directory/$2") ;;
+    native) command=("$directory/$2") ;;
     other) command=("${launcher[@]}" "$other_directory/$2") ;;
     esac
 }
 
-# Starts a server of the word size $1, as $server, and waits until it serves.
+# Starts a server of the ABI $1 and waits until it serves. Leaves its process number in $server.
 start_server() {
     choose "$1" file_server
     : >"$work/server.out"
@@ -62,8 +62,8 @@ record() {
     run "${command[@]}" --to ipc --size 1M --name "$2"
 }
 
-# The server still serves those of its own word size, and ends in good order.
-expect_untouched() {
+# Expects that the server still serves a recorder of its own ABI $1, and ends cleanly.
+expect_undisturbed() {
     record "$1" afterwards
     expect_success
     expect has_size "$clips/afterwards" 1048576
@@ -74,39 +74,41 @@ expect_untouched() {
     expect [ ! -e "$shared_memory" ]
 }
 
+# A server of the ABI $1 refuses a recorder of the ABI $2.
 expect_refused_client() {
     start_server "$1"
     record "$2" refused
     expect_error 1 "cannot connect to the file server"
     expect is_empty "$clips"
-    expect_untouched "$1"
+    expect_undisturbed "$1"
 }
 
+# With a server of the ABI $1 running, a server of the ABI $2 does not start.
 expect_refused_server() {
     start_server "$1"
     choose "$2" file_server
     run "${command[@]}" "$clips"
     expect_error 1 "another file server is running" file_server
-    expect_untouched "$1"
+    expect_undisturbed "$1"
 }
 
 # --- the cases --------------------------------------------------------------------------------
 
-client_of_another_word_size_is_refused() {
-    expect_refused_client this other
+client_of_the_other_abi_is_refused() {
+    expect_refused_client native other
 }
 
-client_of_this_word_size_is_refused() {
-    expect_refused_client other this
+native_client_is_refused() {
+    expect_refused_client other native
 }
 
-server_of_another_word_size_does_not_begin() {
-    expect_refused_server this other
+server_of_the_other_abi_does_not_start() {
+    expect_refused_server native other
 }
 
-server_of_this_word_size_does_not_begin() {
-    expect_refused_server other this
+native_server_does_not_start() {
+    expect_refused_server other native
 }
 
-run_cases client_of_another_word_size_is_refused client_of_this_word_size_is_refused \
-    server_of_another_word_size_does_not_begin server_of_this_word_size_does_not_begin
+run_cases client_of_the_other_abi_is_refused native_client_is_refused \
+    server_of_the_other_abi_does_not_start native_server_does_not_start
