@@ -12,13 +12,7 @@
 
 #include <oruio/fs.h>
 
-#include <QMap>
-
-#include <functional>
 #include <memory>
-#include <mutex>
-#include <queue>
-#include <vector>
 
 namespace oru::io {
 
@@ -48,12 +42,6 @@ public:
     /// Returns the open file, or null. Sets liberrno to Ok or NotFound.
     QSharedPointer<File> get(int fd);
 
-    /// An open file, held for the length of a call.
-    using Hold = std::shared_ptr<const QSharedPointer<File>>;
-    /// As get(), for those who let go at once: holding costs half of what another QSharedPointer
-    /// does, which counts twice.
-    Hold hold(int fd);
-
     /// Removes the descriptor, then closes its file.
     ///
     /// Sets liberrno to Ok or NotFound before it closes the file.
@@ -74,17 +62,9 @@ public:
 
 private:
     Q_DISABLE_COPY(FDMap)
+    class ORUIO_LOCAL Data;
 
-    int lowestFree();
-
-    const int m_base;
-    std::mutex m_fileMutex; // guards m_files, m_freed and m_next
-    std::mutex m_dirMutex;  // guards m_dirs
-    QMap<int, Hold> m_files;
-    QMap<void*, QSharedPointer<Directory>> m_dirs;
-    // The numbers below m_next that are not in m_files. The lowest is on top.
-    std::priority_queue<int, std::vector<int>, std::greater<int>> m_freed;
-    int m_next; // this number and all above it are free
+    const std::unique_ptr<Data> m_data;
 };
 
 /// The operations of an FS with `const char*` paths, integer descriptors and directory handles.

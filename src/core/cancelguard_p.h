@@ -8,8 +8,8 @@ namespace oru::io {
 /// Holds off pthread_cancel(3) of the calling thread until it is destroyed.
 ///
 /// A cancelled thread unwinds its stack from a cancellation point, such as close(2). That must not
-/// happen in a destructor, where unwinding ends the process, nor in the middle of an exchange with a
-/// server or a program, which would leave the other end waiting.
+/// happen in a destructor, where unwinding ends the process, nor in the middle of an exchange with
+/// a server or a program, which would leave the other end waiting.
 class CancelGuard {
 public:
     CancelGuard() {

@@ -1,5 +1,7 @@
 #include "core/mounttable_p.h"
 
+#include "core/cancelguard_p.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -13,6 +15,7 @@ namespace {
 
 /// All of a file. \returns false with errno when it cannot be read.
 bool readAll(const char* path, QByteArray& content) {
+    const CancelGuard guard;
     const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
     if (fd == -1)
         return false;

@@ -1,5 +1,6 @@
 #include <oruio/posixfs.h>
 
+#include "core/cancelguard_p.h"
 #include "core/systemtext_p.h"
 
 #include <array>
@@ -236,6 +237,8 @@ int PosixFile::fchmod(int mode) {
 }
 
 int PosixFile::close() {
+    // Cancelled before close(2) does its work, the thread would leave the descriptor open.
+    const CancelGuard guard;
     liberrno = Ok;
     // On Linux close(2) releases the descriptor also when it fails. A second call could close
     // another file.
@@ -266,6 +269,7 @@ int PosixDir::rewinddir() {
 int PosixDir::closedir() {
     if (!m_dir)
         return -1;
+    const CancelGuard guard;
     const int result = ::closedir(m_dir);
     m_dir = nullptr;
     return result;

@@ -2,14 +2,14 @@
 // exception.
 //
 // The sources are compiled with -fexceptions. So when a thread is cancelled in a system call
-// (pthread_cancel(3), QThread::terminate()), the destructors of the library and of its caller run, and
-// no lock stays held.
+// (pthread_cancel(3), QThread::terminate()), the destructors of the library and of its caller run,
+// and no lock stays held.
 //
 // An exception of other code, such as a file system of the application's or Qt without memory, ends
 // the process where it reaches the library, with the stack of the throw still in the core dump. The
-// library's callers do not expect exceptions, and its own code is not written to be left in the middle
-// by one. The linker replaces the C++ personality routine, which the unwinder calls for each frame of
-// the library, by the one below.
+// library's callers do not expect exceptions, and its own code is not written to be left in the
+// middle by one. The linker replaces the C++ personality routine, which the unwinder calls for each
+// frame of the library, by the one below.
 
 #include <cxxabi.h>
 #include <exception>

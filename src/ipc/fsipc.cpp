@@ -1,6 +1,7 @@
 #include <oruio/error.h>
 #include <oruio/fsipc.h>
 
+#include "core/cancelguard_p.h"
 #include "core/errnosaver_p.h"
 #include "core/failwith_p.h"
 #include "core/systemtext_p.h"
@@ -258,6 +259,7 @@ template <class Request>
 int IPCFS::Data::File::fetch(void* buf, unsigned int len, Request request) {
     if (!isValid() || !checkBuffer(buf, len))
         return -1;
+    const CancelGuard guard; // until the data buffer is released
     const std::size_t wanted = std::min(len, dataBufferSize);
     const int index = m_data->reserveBuffer();
     if (index < 0)
@@ -306,6 +308,7 @@ template <class Request>
 int IPCFS::Data::File::deliver(const void* buf, unsigned int len, Request request) {
     if (!isValid() || !checkBuffer(buf, len))
         return -1;
+    const CancelGuard guard; // until the answer has arrived
     const std::size_t offered = std::min(len, dataBufferSize);
     const int index = m_data->reserveBuffer();
     if (index < 0)
@@ -376,6 +379,7 @@ int IPCFS::Data::File::fcntl(int cmd, ...) {
     if (lockCommand != -1) {
         if (!checkBuffer(argument, sizeof(struct flock)))
             return -1;
+        const CancelGuard guard;
         return m_data->sendBufRequest(op::fcntl, argument, sizeof(struct flock), args::fdAndNumber,
                                       m_fd, lockCommand) == 0
                    ? m_data->getResponse()

@@ -1,10 +1,13 @@
 #include <oruio/error.h>
 #include <oruio/ipc_server.h>
 
+#include "core/cancelguard_p.h"
 #include "core/errnosaver_p.h"
 #include "ipc/ipc_server_p.h"
 #include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
+
+#include <QScopeGuard>
 
 #include <cerrno>
 #include <cstdarg>
@@ -207,10 +210,13 @@ int IPCServer::Data::run(Properties* props) {
         ORUIO_LOG(LogDebug, "IPC Server initializing");
     int result = -1;
     if (running) {
+        // Also when this thread is cancelled while it waits for a request.
+        const auto stopping = qScopeGuard([&] {
+            if (shm)
+                result = tearDown();
+            state = Stopped;
+        });
         result = begin(props) ? serve() : -1;
-        if (shm)
-            result = tearDown();
-        state = Stopped;
     } else {
         ORUIO_LOG(LogDebug, "IPC Server init failed");
     }
@@ -221,6 +227,7 @@ int IPCServer::Data::run(Properties* props) {
 /// Prepares the area. Clients cannot connect before. \returns false on failure, which is logged. If
 /// there is an area then, the caller calls tearDown().
 bool IPCServer::Data::begin(Properties* props) {
+    const CancelGuard guard;
     shm = init(props);
     const bool isReady = shm && resetSession() == 0;
     release(m_beginning);
@@ -244,6 +251,7 @@ int IPCServer::Data::serve() {
                 ORUIO_LOG(LogDebug, "Get request failure %d", error);
             resetSession();
         } else if (take(area(), request)) {
+            const CancelGuard guard; // the client waits for an answer
             process();
         }
     }
@@ -277,6 +285,7 @@ void IPCServer::Data::answerLateRequest(IPCShm* to) {
 
 /// Releases the area and removes the block. \returns the result of unlocking the server mutex.
 int IPCServer::Data::tearDown() {
+    const CancelGuard guard;
     closeSession();
     // Before the block is locked: a client that connects or disconnects holds the block until it is
     // answered or finds the server mutex released.
@@ -293,6 +302,7 @@ int IPCServer::Data::tearDown() {
 }
 
 int IPCServer::Data::terminate() {
+    const CancelGuard guard;
     const QSharedPointer<ShmBlock> current = currentBlock();
     if (!current)
         return 0;

@@ -1,5 +1,6 @@
 #include <oruio/error.h>
 
+#include "core/cancelguard_p.h"
 #include "core/errnosaver_p.h"
 #include "core/failwith_p.h"
 #include "ipc/deferredunmap_p.h"
@@ -44,6 +45,7 @@ Area& IPCFS::Data::area() {
 }
 
 int IPCFS::Data::init(Properties*) {
+    const CancelGuard guard;
     if (DBG_MASK & TraceLifecycle)
         ORUIO_LOG(LogDebug, "Client connecting");
     DeferredUnmap::instance().sweep();
@@ -135,6 +137,7 @@ bool IPCFS::Data::endPredecessor() {
 void IPCFS::Data::end() {
     if (state != Connected)
         return;
+    const CancelGuard guard;
     const ErrnoSaver saver;
     if (m_generation != processGeneration()) {
         verifySession(); // it fails, and drops what was inherited; the block's mutex is the
@@ -381,6 +384,7 @@ int IPCFS::Data::callForRecord(void* record, std::size_t size, const char* name,
 
 int IPCFS::Data::callWith(const char** payload, const char* name, const char* format,
                           va_list args) {
+    const CancelGuard guard; // for the length of the exchange
     return send(name, nullptr, 0, format, args) == 0 ? getResponse(payload) : -1;
 }
 

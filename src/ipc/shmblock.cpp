@@ -1,5 +1,6 @@
 #include <oruio/fsipc.h>
 
+#include "core/cancelguard_p.h"
 #include "core/errnosaver_p.h"
 #include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
@@ -97,6 +98,7 @@ struct stat statusOf(int fd) {
 
 ShmBlock::ShmBlock(const char* name, unsigned int size, unsigned int flags)
     : m_name(nullptr), m_size(size + blockOverhead), m_flags(flags) {
+    const CancelGuard guard;
     const bool fits = m_size >= sizeof(BlockHeader) && m_size > size;
     if (!fits || asprintf(&m_name, blockNameFormat, name) == -1) {
         m_name = nullptr;
@@ -111,6 +113,7 @@ ShmBlock::ShmBlock(const char* name, unsigned int size, unsigned int flags)
 }
 
 ShmBlock::~ShmBlock() {
+    const CancelGuard guard;
     if ((m_flags & RemoveAtClose) && isValid())
         remove();
     unmap();
@@ -262,6 +265,7 @@ void ShmBlock::removeAtClose() {
 bool ShmBlock::remove() {
     if (!m_base)
         return true;
+    const CancelGuard guard;
     // In this order, a process that finds the header invalid also finds the name free. An object
     // with a name and without a valid header would be initialised again while others still use it.
     if (isNamed() && shm_unlink(m_name) != 0 && errno != ENOENT)

@@ -1,5 +1,6 @@
 #include <oruio/bdmon.h>
 
+#include "core/cancelguard_p.h"
 #include "media/bdmon_p.h"
 
 #include <QDeadlineTimer>

@@ -4,6 +4,7 @@
 #include <oruio/error.h>
 #include <oruio/sysutils.h>
 
+#include "core/cancelguard_p.h"
 #include "core/mounttable_p.h"
 #include "core/systemtext_p.h"
 #include "media/bdmon_p.h"
@@ -114,6 +115,7 @@ bool BlockDevice::isMountable() const {
 }
 
 LinuxBD::LinuxBD(Properties& udevProps) {
+    const CancelGuard guard; // no descriptor of a device stays open
     const auto property = [&](const QString& key) { return valueOf(udevProps, key); };
     m_props = udevProps;
     m_idPath = property(UDEV_ID_PATH);

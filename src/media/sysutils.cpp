@@ -1,5 +1,6 @@
 #include <oruio/sysutils.h>
 
+#include "core/cancelguard_p.h"
 #include "core/errnosaver_p.h"
 #include "core/mounttable_p.h"
 #include "core/systemtext_p.h"
@@ -143,6 +144,8 @@ SysCmd& SysCmd::addArg(const QString& value, const char* option) {
 }
 
 int SysCmd::exec(int runs) {
+    // The program would go on without this process waiting for it.
+    const CancelGuard guard;
     const QByteArray command = m_args.join(' ').toUtf8();
     ORUIO_LOG(LogDebug, "SysCmd: %s", command.constData());
     int status = -1;
@@ -178,6 +181,7 @@ int umountPath(const char* path, const Properties* props) {
         errno = EFAULT;
         return -1;
     }
+    const CancelGuard guard;
     MountTable mounts;
     if (!mounts.isRead())
         return -1;

@@ -4,15 +4,21 @@
 
 #include "core/errnosaver_p.h"
 #include "core/failwith_p.h"
+#include "core/forksafemutex_p.h"
 #include "core/systemtext_p.h"
 
-#include <QMutex>
+#include <QMap>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <functional>
 #include <limits>
+#include <memory>
+#include <mutex>
+#include <queue>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -24,22 +30,32 @@ namespace {
 /// The number of open files that the device is designed for. It is not a limit.
 [[maybe_unused]] constexpr int MAX_FDS = 4096;
 
-FDMap fdMap;
+/// The table of all adapters. Never destroyed, as detached threads and the destructors of other
+/// static objects may use it to the end of the process.
+FDMap& fdMap = *new FDMap;
 
 /// Calls `operation` with `path` as a QString. \returns its result, or -1 with errno when `path`
-/// cannot be converted.
+/// cannot be converted. errno stays as `operation` leaves it, also when the memory of the string is
+/// freed.
 template <class Operation>
 int withString(const char* path, Operation operation) {
-    QString string;
-    return fromSystem(path, string) ? operation(std::move(string)) : failWith(errno);
+    int result = -1;
+    int reason = 0;
+    {
+        QString string;
+        result = fromSystem(path, string) ? operation(string) : failWith(errno);
+        reason = errno;
+    }
+    errno = reason;
+    return result;
 }
 
 /// The same with two strings.
 template <class Operation>
 int withStrings(const char* first, const char* second, Operation operation) {
-    return withString(first, [&](QString&& firstString) {
-        return withString(second, [&](QString&& secondString) {
-            return operation(std::move(firstString), std::move(secondString));
+    return withString(first, [&](const QString& firstString) {
+        return withString(second, [&](const QString& secondString) {
+            return operation(firstString, secondString);
         });
     });
 }
@@ -49,59 +65,64 @@ template <class Record, class Operation>
 int withRecord(const char* path, Record* record, Operation operation) {
     if (!record)
         return failWith(EFAULT);
-    return withString(path,
-                      [&](QString&& string) { return operation(std::move(string), *record); });
+    return withString(path, [&](const QString& string) { return operation(string, *record); });
 }
 
 /// Calls `operation` with the open file. \returns its result, or -1 when there is none.
 template <class Operation>
-auto withFile(int fd, Operation operation) -> decltype(operation(**fdMap.hold(fd))) {
-    auto file = fdMap.hold(fd);
+auto withFile(int fd, Operation operation) -> decltype(operation(*fdMap.get(fd))) {
+    auto file = fdMap.get(fd);
     if (!file)
         return -1;
-    const auto result = operation(**file);
+    const auto result = operation(*file);
     release(file);
     return result;
 }
 
 } // namespace
 
-FDMap::FDMap() : m_base(static_cast<int>(sysconf(_SC_OPEN_MAX))), m_next(m_base) {}
+class FDMap::Data {
+public:
+    /// \returns -1 when all numbers are used. With fileMutex held.
+    int takeLowestFree() {
+        if (freed.empty())
+            return next == std::numeric_limits<int>::max() ? -1 : next++;
+        const int fd = freed.top();
+        freed.pop();
+        return fd;
+    }
+
+    const int base = static_cast<int>(sysconf(_SC_OPEN_MAX));
+    ForkSafeMutex fileMutex; // guards files, freed and next
+    ForkSafeMutex dirMutex;  // guards dirs
+    QMap<int, QSharedPointer<File>> files;
+    QMap<void*, QSharedPointer<Directory>> dirs;
+    // The numbers below `next` that are not in `files`, the lowest on top.
+    std::priority_queue<int, std::vector<int>, std::greater<int>> freed;
+    int next = base; // this number and all after it are free
+};
+
+FDMap::FDMap() : m_data(new Data) {}
 
 FDMap::~FDMap() = default;
 
-int FDMap::lowestFree() {
-    if (m_freed.empty())
-        return m_next == std::numeric_limits<int>::max() ? -1 : m_next++;
-    const int fd = m_freed.top();
-    m_freed.pop();
-    return fd;
-}
-
 int FDMap::add(QSharedPointer<File>& file) {
-    if (!file || m_base == -1)
+    if (!file || m_data->base == -1)
         return -1;
-    const auto held = std::make_shared<const QSharedPointer<File>>(file);
-    const std::lock_guard lock(m_fileMutex);
-    const int fd = lowestFree();
-    if (fd == -1) {
+    const std::lock_guard lock(m_data->fileMutex);
+    const int fd = m_data->takeLowestFree();
+    if (fd == -1)
         return failWith(EMFILE);
-    }
-    m_files.insert(fd, held);
+    m_data->files.insert(fd, file);
     return fd;
 }
 
 QSharedPointer<File> FDMap::get(int fd) {
-    const Hold file = hold(fd);
-    return file ? *file : nullptr;
-}
-
-FDMap::Hold FDMap::hold(int fd) {
-    Hold file;
+    QSharedPointer<File> file;
     {
-        const std::lock_guard lock(m_fileMutex);
-        const auto found = m_files.constFind(fd);
-        if (found != m_files.constEnd())
+        const std::lock_guard lock(m_data->fileMutex);
+        const auto found = m_data->files.constFind(fd);
+        if (found != m_data->files.constEnd())
             file = *found;
     }
     liberrno = file ? Ok : NotFound;
@@ -109,17 +130,17 @@ FDMap::Hold FDMap::hold(int fd) {
 }
 
 int FDMap::remove(int fd) {
-    Hold file;
+    QSharedPointer<File> file;
     {
-        const std::lock_guard lock(m_fileMutex);
-        file = m_files.take(fd);
+        const std::lock_guard lock(m_data->fileMutex);
+        file = m_data->files.take(fd);
         if (file)
-            m_freed.push(fd);
+            m_data->freed.push(fd);
     }
     liberrno = file ? Ok : NotFound;
     if (!file)
         return -1;
-    const int result = (*file)->close();
+    const int result = file->close();
     release(file);
     return result;
 }
@@ -127,23 +148,25 @@ int FDMap::remove(int fd) {
 void* FDMap::add(QSharedPointer<Directory>& dir) {
     if (!dir)
         return nullptr;
-    const std::lock_guard lock(m_dirMutex);
-    m_dirs.insert(dir.data(), dir);
+    const std::lock_guard lock(m_data->dirMutex);
+    m_data->dirs.insert(dir.data(), dir);
     return dir.data();
 }
 
 QSharedPointer<Directory> FDMap::getdir(void* handle) {
-    const std::lock_guard lock(m_dirMutex);
-    return m_dirs.value(handle);
+    const std::lock_guard lock(m_data->dirMutex);
+    return m_data->dirs.value(handle);
 }
 
 int FDMap::remove(void* handle) {
     if (!handle)
         return -1;
-    // Declared before the lock, so that the directory is closed after it.
     QSharedPointer<Directory> dir;
-    const std::lock_guard lock(m_dirMutex);
-    dir = m_dirs.take(handle);
+    {
+        const std::lock_guard lock(m_data->dirMutex);
+        dir = m_data->dirs.take(handle);
+    }
+    release(dir); // closes it, unless another thread uses it
     return 0;
 }
 
@@ -153,57 +176,53 @@ FDAdapter::FDAdapter(QSharedPointer<FS> fs)
 FDAdapter::~FDAdapter() = default;
 
 FDAdapter* FDAdapter::rootfs() {
-    static QMutex initMutex;
-    static QSharedPointer<FDAdapter> theRootfsAdapter;
-    static std::atomic<FDAdapter*> created{nullptr};
-
-    FDAdapter* adapter = created.load(std::memory_order_acquire);
-    if (adapter)
+    static std::atomic<FDAdapter*> theRootfsAdapter{nullptr};
+    if (FDAdapter* const adapter = theRootfsAdapter.load(std::memory_order_acquire))
         return adapter;
-    const QMutexLocker lock(&initMutex);
-    if (!theRootfsAdapter) {
-        theRootfsAdapter = SPtr::create(FSSwitch::rootfs());
-        created.store(theRootfsAdapter.data(), std::memory_order_release);
-    }
-    return theRootfsAdapter.data();
+    // Of several threads that get here, one creates it. Never destroyed, as fdMap.
+    auto created = std::make_unique<FDAdapter>(FSSwitch::rootfs());
+    FDAdapter* adapter = nullptr;
+    if (theRootfsAdapter.compare_exchange_strong(adapter, created.get(), std::memory_order_acq_rel))
+        adapter = created.release();
+    return adapter;
 }
 
 int FDAdapter::lstat(const char* path, struct stat* st) {
-    return withRecord(
-        path, st, [this](QString&& p, auto& record) { return m_fs->lstat(std::move(p), record); });
+    return withRecord(path, st,
+                      [this](const QString& p, auto& record) { return m_fs->lstat(p, record); });
 }
 
 int FDAdapter::stat(const char* path, struct stat* st) {
-    return withRecord(
-        path, st, [this](QString&& p, auto& record) { return m_fs->stat(std::move(p), record); });
+    return withRecord(path, st,
+                      [this](const QString& p, auto& record) { return m_fs->stat(p, record); });
 }
 
 int FDAdapter::statfs(const char* path, struct statfs* st) {
-    return withRecord(
-        path, st, [this](QString&& p, auto& record) { return m_fs->statfs(std::move(p), record); });
+    return withRecord(path, st,
+                      [this](const QString& p, auto& record) { return m_fs->statfs(p, record); });
 }
 
 int FDAdapter::link(const char* oldPath, const char* newPath) {
-    return withStrings(oldPath, newPath, [this](QString&& from, QString&& to) {
-        return m_fs->link(std::move(from), std::move(to));
+    return withStrings(oldPath, newPath, [this](const QString& from, const QString& to) {
+        return m_fs->link(from, to);
     });
 }
 
 int FDAdapter::unlink(const char* path) {
-    return withString(path, [this](QString&& p) { return m_fs->unlink(std::move(p)); });
+    return withString(path, [this](const QString& p) { return m_fs->unlink(p); });
 }
 
 int FDAdapter::mkdir(const char* path, int mode) {
-    return withString(path, [=](QString&& p) { return m_fs->mkdir(std::move(p), mode); });
+    return withString(path, [=](const QString& p) { return m_fs->mkdir(p, mode); });
 }
 
 int FDAdapter::rmdir(const char* path) {
-    return withString(path, [this](QString&& p) { return m_fs->rmdir(std::move(p)); });
+    return withString(path, [this](const QString& p) { return m_fs->rmdir(p); });
 }
 
 int FDAdapter::rename(const char* oldPath, const char* newPath) {
-    return withStrings(oldPath, newPath, [this](QString&& from, QString&& to) {
-        return m_fs->rename(std::move(from), std::move(to));
+    return withStrings(oldPath, newPath, [this](const QString& from, const QString& to) {
+        return m_fs->rename(from, to);
     });
 }
 
@@ -212,50 +231,49 @@ void FDAdapter::sync() {
 }
 
 int FDAdapter::getxattr(const char* path, const char* name, void* value, unsigned int size) {
-    return withStrings(path, name, [=](QString&& p, QString&& n) {
-        return m_fs->getxattr(std::move(p), std::move(n), value, size);
+    return withStrings(path, name, [=](const QString& p, const QString& n) {
+        return m_fs->getxattr(p, n, value, size);
     });
 }
 
 int FDAdapter::setxattr(const char* path, const char* name, void* value, unsigned int size,
                         int flags) {
-    return withStrings(path, name, [=](QString&& p, QString&& n) {
-        return m_fs->setxattr(std::move(p), std::move(n), value, size, flags);
+    return withStrings(path, name, [=](const QString& p, const QString& n) {
+        return m_fs->setxattr(p, n, value, size, flags);
     });
 }
 
 int FDAdapter::removexattr(const char* path, const char* name) {
-    return withStrings(path, name, [this](QString&& p, QString&& n) {
-        return m_fs->removexattr(std::move(p), std::move(n));
-    });
+    return withStrings(
+        path, name, [this](const QString& p, const QString& n) { return m_fs->removexattr(p, n); });
 }
 
 int FDAdapter::listxattr(const char* path, char* list, unsigned int size) {
-    return withString(path, [=](QString&& p) { return m_fs->listxattr(std::move(p), list, size); });
+    return withString(path, [=](const QString& p) { return m_fs->listxattr(p, list, size); });
 }
 
 int FDAdapter::symlink(const char* target, const char* linkPath) {
-    return withStrings(target, linkPath, [this](QString&& to, QString&& p) {
-        return m_fs->symlink(std::move(to), std::move(p));
+    return withStrings(target, linkPath, [this](const QString& to, const QString& p) {
+        return m_fs->symlink(to, p);
     });
 }
 
 int FDAdapter::readlink(const char* path, char* buf, unsigned int size) {
-    return withString(path, [=](QString&& p) { return m_fs->readlink(std::move(p), buf, size); });
+    return withString(path, [=](const QString& p) { return m_fs->readlink(p, buf, size); });
 }
 
 int FDAdapter::truncate(const char* path, long long length) {
-    return withString(path, [=](QString&& p) { return m_fs->truncate(std::move(p), length); });
+    return withString(path, [=](const QString& p) { return m_fs->truncate(p, length); });
 }
 
 int FDAdapter::chmod(const char* path, int mode) {
-    return withString(path, [=](QString&& p) { return m_fs->chmod(std::move(p), mode); });
+    return withString(path, [=](const QString& p) { return m_fs->chmod(p, mode); });
 }
 
 void* FDAdapter::opendir(const char* path) {
     QSharedPointer<Directory> dir;
-    withString(path, [&](QString&& p) {
-        dir = m_fs->opendir(std::move(p));
+    withString(path, [&](const QString& p) {
+        dir = m_fs->opendir(p);
         return 0;
     });
     return fdMap.add(dir);
@@ -271,8 +289,11 @@ struct dirent* FDAdapter::readdir(void* handle) {
 }
 
 void FDAdapter::rewinddir(void* handle) {
-    if (const auto dir = fdMap.getdir(handle))
-        dir->rewinddir();
+    auto dir = fdMap.getdir(handle);
+    if (!dir)
+        return;
+    dir->rewinddir();
+    release(dir);
 }
 
 int FDAdapter::closedir(void* handle) {
@@ -282,8 +303,8 @@ int FDAdapter::closedir(void* handle) {
 int FDAdapter::open(const char* path, int flags, int mode) {
     liberrno = Ok;
     QSharedPointer<File> file;
-    withString(path, [&](QString&& p) {
-        file = m_fs->open(std::move(p), flags, mode);
+    withString(path, [&](const QString& p) {
+        file = m_fs->open(p, flags, mode);
         return 0;
     });
     const int fd = fdMap.add(file);

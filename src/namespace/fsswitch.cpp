@@ -1,12 +1,12 @@
 #include <oruio/fsswitch.h>
 
-#include <QMutex>
+#include "core/errnosaver_p.h"
+#include "core/forksafemutex_p.h"
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <utility>
-
-#include "core/errnosaver_p.h"
 
 #include "core/log_p.h"
 #include "core/notimplemented_p.h"
@@ -16,13 +16,6 @@ namespace oru::io {
 ORUIO_LOG_CHANNEL("libio");
 
 namespace {
-
-QSharedPointer<FSSwitch> theRootfs;
-
-QMutex& rootfsMutex() {
-    static QMutex mutex;
-    return mutex;
-}
 
 /// Appends a slash unless there is one. \returns false, without a change, when `mountPoint` is not
 /// absolute.
@@ -69,7 +62,14 @@ public:
         Target target = lookup(path);
         if (!target.fs)
             return -1;
-        const int result = operation(*target.fs, target.rest(path));
+        int result = -1;
+        int reason = 0;
+        {
+            const QString rest = target.rest(path);
+            result = operation(*target.fs, rest);
+            reason = errno;
+        }
+        errno = reason; // freeing the string may change it
         release(target.fs);
         return result;
     }
@@ -82,8 +82,15 @@ public:
         // Mount points are unique, and each path begins with its own.
         const bool sameEntry = target.fs && target.fs == other.fs && target.stem == other.stem &&
                                first.leftRef(target.stem) == second.leftRef(other.stem);
-        const int result =
-            sameEntry ? operation(*target.fs, target.rest(first), target.rest(second)) : -1;
+        int result = -1;
+        int reason = errno;
+        if (sameEntry) {
+            const QString firstRest = target.rest(first);
+            const QString secondRest = target.rest(second);
+            result = operation(*target.fs, firstRest, secondRest);
+            reason = errno;
+        }
+        errno = reason;
         release(other.fs);
         release(target.fs);
         return result;
@@ -95,20 +102,64 @@ public:
         Target target = lookup(path);
         if (!target.fs)
             return {};
-        QSharedPointer<Opened> result = operation(*target.fs, target.rest(path));
+        QSharedPointer<Opened> result;
+        int reason = 0;
+        {
+            const QString rest = target.rest(path);
+            result = operation(*target.fs, rest);
+            reason = errno;
+        }
+        errno = reason;
         release(target.fs);
         return result;
     }
 
+    static QSharedPointer<FSSwitch>& theRootfs();
+    static ForkSafeMutex& rootfsMutex();
+    static void unloadRootfs();
+    /// Destroyed when the library is unloaded.
+    static struct Unloader {
+        ~Unloader() {
+            unloadRootfs();
+        }
+    } unloader;
+
     QVector<FSEntry> entries;
-    QMutex mutex; // guards entries
+    ForkSafeMutex mutex; // guards entries
 };
+
+/// The root switch and its mutex are never destroyed, as detached threads and the destructors of
+/// other static objects may use them to the end of the process.
+QSharedPointer<FSSwitch>& FSSwitch::Data::theRootfs() {
+    static auto& rootfs = *new QSharedPointer<FSSwitch>;
+    return rootfs;
+}
+
+ForkSafeMutex& FSSwitch::Data::rootfsMutex() {
+    static auto& mutex = *new ForkSafeMutex;
+    return mutex;
+}
+
+/// Releases the root switch and what is mounted in it, so that connections end in order. A holder
+/// of the switch, such as the root adapter, finds nothing mounted afterwards.
+void FSSwitch::Data::unloadRootfs() {
+    SPtr rootfs;
+    QVector<FSEntry> unmounted;
+    {
+        const std::lock_guard lock(rootfsMutex());
+        theRootfs().swap(rootfs);
+    }
+    if (!rootfs)
+        return;
+    const std::lock_guard lock(rootfs->m_data->mutex);
+    rootfs->m_data->entries.swap(unmounted);
+}
 
 FSSwitch::Data::Target FSSwitch::Data::lookup(const QString& path) {
     Target target;
     const int reason = errno; // waiting for the lock may change it
     {
-        const QMutexLocker lock(&mutex);
+        const std::lock_guard lock(mutex);
         for (int i = entries.size() - 1; i >= 0; --i) {
             const FSEntry& entry = entries.at(i);
             if (serves(entry.mountPoint, path)) {
@@ -121,6 +172,8 @@ FSSwitch::Data::Target FSSwitch::Data::lookup(const QString& path) {
     liberrno = target.fs ? Ok : NotFound;
     return target;
 }
+
+FSSwitch::Data::Unloader FSSwitch::Data::unloader;
 
 FSSwitch::FSSwitch() : FS(QStringLiteral("FSSwitchFS")), m_data(new Data) {}
 
@@ -136,7 +189,7 @@ void FSSwitch::add(QString mountPoint, QSharedPointer<FS> fs) {
         ORUIO_LOG(LogDebug, "No file system for mount point '%s'.", qUtf8Printable(mountPoint));
         return;
     }
-    const QMutexLocker lock(&m_data->mutex);
+    const std::lock_guard lock(m_data->mutex);
     auto& entries = m_data->entries;
     int index = 0;
     for (int i = 0; i < entries.size(); ++i) {
@@ -152,16 +205,17 @@ void FSSwitch::add(QString mountPoint, QSharedPointer<FS> fs) {
 void FSSwitch::remove(QString mountPoint) {
     if (!normalise(mountPoint))
         return;
-    // Declared before the lock, so that the file system is destroyed after it, which may take long.
-    FSEntry removed;
-    const QMutexLocker lock(&m_data->mutex);
-    auto& entries = m_data->entries;
-    for (int i = 0; i < entries.size(); ++i) {
-        if (entries.at(i).mountPoint == mountPoint) {
-            removed = entries.takeAt(i);
-            return;
+    QSharedPointer<FS> removed;
+    {
+        const std::lock_guard lock(m_data->mutex);
+        auto& entries = m_data->entries;
+        for (int i = 0; i < entries.size() && !removed; ++i) {
+            if (entries.at(i).mountPoint == mountPoint)
+                removed = entries.takeAt(i).fs;
         }
     }
+    // Without the lock: it may be destroyed, which may take long.
+    release(removed);
 }
 
 QSharedPointer<FS> FSSwitch::getFS(QString path, QString* rest) {
@@ -173,7 +227,7 @@ QSharedPointer<FS> FSSwitch::getFS(QString path, QString* rest) {
 
 QStringList FSSwitch::getMountPoints(QSharedPointer<FS> fs) {
     QStringList mountPoints;
-    const QMutexLocker lock(&m_data->mutex);
+    const std::lock_guard lock(m_data->mutex);
     for (const FSEntry& entry : qAsConst(m_data->entries)) {
         if (entry.fs == fs)
             mountPoints.append(entry.mountPoint);
@@ -182,17 +236,17 @@ QStringList FSSwitch::getMountPoints(QSharedPointer<FS> fs) {
 }
 
 QSharedPointer<FSSwitch> FSSwitch::rootfs() {
-    const QMutexLocker lock(&rootfsMutex());
-    if (!theRootfs)
-        theRootfs = SPtr::create();
-    return theRootfs;
+    const std::lock_guard lock(Data::rootfsMutex());
+    if (!Data::theRootfs())
+        Data::theRootfs() = SPtr::create();
+    return Data::theRootfs();
 }
 
 void FSSwitch::setRootfs(QSharedPointer<FSSwitch>& fs) {
     // Declared before the lock, so that the old switch is destroyed after it.
     SPtr replaced = fs;
-    const QMutexLocker lock(&rootfsMutex());
-    theRootfs.swap(replaced);
+    const std::lock_guard lock(Data::rootfsMutex());
+    Data::theRootfs().swap(replaced);
 }
 
 int FSSwitch::addWatch(QString) {
@@ -205,110 +259,107 @@ int FSSwitch::remWatch(QString) {
 
 QSharedPointer<File> FSSwitch::open(QString path, int flags, int mode) {
     return m_data->opened<File>(
-        path, [=](FS& fs, QString&& rest) { return fs.open(std::move(rest), flags, mode); });
+        path, [=](FS& fs, const QString& rest) { return fs.open(rest, flags, mode); });
 }
 
 QSharedPointer<Directory> FSSwitch::opendir(QString path) {
-    return m_data->opened<Directory>(
-        path, [](FS& fs, QString&& rest) { return fs.opendir(std::move(rest)); });
+    return m_data->opened<Directory>(path,
+                                     [](FS& fs, const QString& rest) { return fs.opendir(rest); });
 }
 
 int FSSwitch::lstat(QString path, struct stat& st) {
-    return m_data->forward(path,
-                           [&](FS& fs, QString&& rest) { return fs.lstat(std::move(rest), st); });
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.lstat(rest, st); });
 }
 
 int FSSwitch::stat(QString path, struct stat& st) {
-    return m_data->forward(path,
-                           [&](FS& fs, QString&& rest) { return fs.stat(std::move(rest), st); });
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.stat(rest, st); });
 }
 
 int FSSwitch::statfs(QString path, struct statfs& st) {
-    return m_data->forward(path,
-                           [&](FS& fs, QString&& rest) { return fs.statfs(std::move(rest), st); });
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.statfs(rest, st); });
 }
 
 int FSSwitch::link(QString oldPath, QString newPath) {
-    return m_data->forward(oldPath, newPath, [](FS& fs, QString&& oldRest, QString&& newRest) {
-        return fs.link(std::move(oldRest), std::move(newRest));
-    });
+    return m_data->forward(oldPath, newPath,
+                           [](FS& fs, const QString& oldRest, const QString& newRest) {
+                               return fs.link(oldRest, newRest);
+                           });
 }
 
 int FSSwitch::unlink(QString path) {
-    return m_data->forward(path, [](FS& fs, QString&& rest) { return fs.unlink(std::move(rest)); });
+    return m_data->forward(path, [](FS& fs, const QString& rest) { return fs.unlink(rest); });
 }
 
 int FSSwitch::mkdir(QString path, int mode) {
-    return m_data->forward(path,
-                           [&](FS& fs, QString&& rest) { return fs.mkdir(std::move(rest), mode); });
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.mkdir(rest, mode); });
 }
 
 int FSSwitch::rmdir(QString path) {
-    return m_data->forward(path, [](FS& fs, QString&& rest) { return fs.rmdir(std::move(rest)); });
+    return m_data->forward(path, [](FS& fs, const QString& rest) { return fs.rmdir(rest); });
 }
 
 int FSSwitch::rename(QString oldPath, QString newPath) {
-    return m_data->forward(oldPath, newPath, [](FS& fs, QString&& oldRest, QString&& newRest) {
-        return fs.rename(std::move(oldRest), std::move(newRest));
-    });
+    return m_data->forward(oldPath, newPath,
+                           [](FS& fs, const QString& oldRest, const QString& newRest) {
+                               return fs.rename(oldRest, newRest);
+                           });
 }
 
 void FSSwitch::sync() {
-    const QMutexLocker lock(&m_data->mutex);
+    const std::lock_guard lock(m_data->mutex);
+    m_data->mutex.setReading();
     for (const FSEntry& entry : qAsConst(m_data->entries))
         entry.fs->sync();
 }
 
 int FSSwitch::getxattr(QString path, QString name, void* value, unsigned int size) {
-    return m_data->forward(path, [&](FS& fs, QString&& rest) {
-        return fs.getxattr(std::move(rest), name, value, size);
-    });
+    return m_data->forward(
+        path, [&](FS& fs, const QString& rest) { return fs.getxattr(rest, name, value, size); });
 }
 
 int FSSwitch::setxattr(QString path, QString name, void* value, unsigned int size, int flags) {
-    return m_data->forward(path, [&](FS& fs, QString&& rest) {
-        return fs.setxattr(std::move(rest), name, value, size, flags);
+    return m_data->forward(path, [&](FS& fs, const QString& rest) {
+        return fs.setxattr(rest, name, value, size, flags);
     });
 }
 
 int FSSwitch::removexattr(QString path, QString name) {
-    return m_data->forward(
-        path, [&](FS& fs, QString&& rest) { return fs.removexattr(std::move(rest), name); });
+    return m_data->forward(path,
+                           [&](FS& fs, const QString& rest) { return fs.removexattr(rest, name); });
 }
 
 int FSSwitch::listxattr(QString path, QVector<QString>& names) {
-    return m_data->forward(
-        path, [&](FS& fs, QString&& rest) { return fs.listxattr(std::move(rest), names); });
+    return m_data->forward(path,
+                           [&](FS& fs, const QString& rest) { return fs.listxattr(rest, names); });
 }
 
 int FSSwitch::listxattr(QString path, char* list, unsigned int size) {
     return m_data->forward(
-        path, [&](FS& fs, QString&& rest) { return fs.listxattr(std::move(rest), list, size); });
+        path, [&](FS& fs, const QString& rest) { return fs.listxattr(rest, list, size); });
 }
 
 int FSSwitch::symlink(QString target, QString linkPath) {
-    return m_data->forward(
-        linkPath, [&](FS& fs, QString&& rest) { return fs.symlink(target, std::move(rest)); });
+    return m_data->forward(linkPath,
+                           [&](FS& fs, const QString& rest) { return fs.symlink(target, rest); });
 }
 
 int FSSwitch::readlink(QString path, QString& target) {
-    return m_data->forward(
-        path, [&](FS& fs, QString&& rest) { return fs.readlink(std::move(rest), target); });
+    return m_data->forward(path,
+                           [&](FS& fs, const QString& rest) { return fs.readlink(rest, target); });
 }
 
 int FSSwitch::readlink(QString path, char* buf, unsigned int size) {
     return m_data->forward(
-        path, [&](FS& fs, QString&& rest) { return fs.readlink(std::move(rest), buf, size); });
+        path, [&](FS& fs, const QString& rest) { return fs.readlink(rest, buf, size); });
 }
 
 int FSSwitch::truncate(QString path, long long length) {
-    return m_data->forward(
-        path, [&](FS& fs, QString&& rest) { return fs.truncate(std::move(rest), length); });
+    return m_data->forward(path,
+                           [&](FS& fs, const QString& rest) { return fs.truncate(rest, length); });
 }
 
 int FSSwitch::chmod(QString path, int mode) {
-    return m_data->forward(path,
-                           [&](FS& fs, QString&& rest) { return fs.chmod(std::move(rest), mode); });
+    return m_data->forward(path, [&](FS& fs, const QString& rest) { return fs.chmod(rest, mode); });
 }
 
 int FSSwitch::ioctl(QString, QString&) {

@@ -152,13 +152,13 @@ int set_errno(Smb2FS* fs, int rc, smb2_context*, const char*, const char*) {
 Smb2FS::Smb2FS(unsigned int timeout) : FS(QStringLiteral("Smb2FS")), m_data(new Data(timeout)) {}
 
 Smb2FS::~Smb2FS() {
-    const std::lock_guard lock(m_data->mutex);
+    const Smb2FS::Data::Lock lock(*m_data);
     m_data->session.reset();
 }
 
 int Smb2FS::connect(Properties props) {
     // First of all: a call that waits for the lock must not find the connection before this one.
-    const std::lock_guard lock(m_data->mutex);
+    const Smb2FS::Data::Lock lock(*m_data);
     const qint64 limit = qint64{m_data->timeout} * 1000;
     const QDeadlineTimer deadline(limit);
     disconnect();
@@ -186,7 +186,7 @@ int Smb2FS::connect(Properties props) {
 }
 
 int Smb2FS::disconnect() {
-    const std::lock_guard lock(m_data->mutex);
+    const Smb2FS::Data::Lock lock(*m_data);
     if (m_data->description.isEmpty())
         return 0;
     Smb2Session& session = *m_data->session;
@@ -199,7 +199,7 @@ int Smb2FS::disconnect() {
 bool Smb2FS::isConnected() {
     if (m_data->isBroken())
         return true;
-    const std::lock_guard lock(m_data->mutex);
+    const Smb2FS::Data::Lock lock(*m_data);
     return !m_data->description.isEmpty() && m_data->session->echo() == 0;
 }
 
@@ -207,7 +207,7 @@ QString Smb2FS::getDialect() {
     QString unknown = QStringLiteral("unknown");
     if (m_data->isBroken())
         return unknown;
-    const std::lock_guard lock(m_data->mutex);
+    const Smb2FS::Data::Lock lock(*m_data);
     if (m_data->description.isEmpty())
         return unknown;
     const auto dialect = static_cast<smb2_negotiate_version>(m_data->session->dialect());
@@ -225,7 +225,7 @@ int Smb2FS::remWatch(QString) {
 QSharedPointer<File> Smb2FS::open(QString path, int flags, int) {
     if (m_data->isBroken())
         return {};
-    const std::lock_guard lock(m_data->mutex);
+    const Smb2FS::Data::Lock lock(*m_data);
     liberrno = Ok;
     smb2fh* handle = nullptr;
     const int result = withSharePath(path, [&](const char* p) {
@@ -239,7 +239,7 @@ QSharedPointer<File> Smb2FS::open(QString path, int flags, int) {
 QSharedPointer<Directory> Smb2FS::opendir(QString path) {
     if (m_data->isBroken())
         return {};
-    const std::lock_guard lock(m_data->mutex);
+    const Smb2FS::Data::Lock lock(*m_data);
     liberrno = Ok;
     auto directory = QSharedPointer<Smb2Dir>::create(this, path);
     if (!directory->isOpen())
@@ -302,7 +302,7 @@ int Smb2FS::rmdir(QString path) {
 int Smb2FS::rename(QString oldPath, QString newPath) {
     if (m_data->isBroken())
         return -1;
-    const std::lock_guard lock(m_data->mutex);
+    const Smb2FS::Data::Lock lock(*m_data);
     return withSharePath(oldPath, [&](const char* from) {
         return withSharePath(newPath, [&](const char* to) {
             return m_data->report(m_data->session->rename(from, to));
@@ -362,7 +362,7 @@ int Smb2FS::truncate(QString path, long long length) {
 int Smb2FS::chmod(QString, int) {
     if (m_data->isBroken())
         return -1;
-    const std::lock_guard lock(m_data->mutex);
+    const Smb2FS::Data::Lock lock(*m_data);
     return notSupported();
 }
 

@@ -3,6 +3,7 @@
 
 #include <oruio/fssmb.h>
 
+#include "core/cancelguard_p.h"
 #include "core/systemtext_p.h"
 #include "network/smb2session_p.h"
 
@@ -72,6 +73,17 @@ public:
         return isFatal(lastError);
     }
 
+    /// Locks the connection, and holds off the cancellation of the thread: libsmb2 keeps pointers
+    /// into the caller's stack until it has the answer.
+    class Lock {
+    public:
+        explicit Lock(Data& share) : m_lock(share.mutex) {}
+
+    private:
+        const CancelGuard m_guard;
+        const std::lock_guard<std::recursive_mutex> m_lock;
+    };
+
     /// Converts a result of the session into that of an operation: a negative errno becomes -1,
     /// with errno and lastError set.
     int report(int result) {
@@ -87,7 +99,7 @@ public:
     int onPath(const QString& path, Call call) {
         if (isBroken())
             return -1;
-        const std::lock_guard lock(mutex);
+        const Lock lock(*this);
         return withSharePath(path, [&](const char* p) { return report(call(*session, p)); });
     }
 

@@ -62,7 +62,7 @@ public:
     int run(Liberrno treatment, Call call) {
         if (share->isBroken())
             return -1;
-        const std::lock_guard lock(share->mutex);
+        const Smb2FS::Data::Lock lock(*share);
         if (treatment == Liberrno::Clear)
             liberrno = Ok;
         return runLocked(call);
@@ -94,7 +94,7 @@ public:
 
 Smb2File::Smb2File(Smb2FS* fs, smb2fh* handle, QString)
     : File(QStringLiteral("Smb2File")), m_data([&] {
-          const std::lock_guard lock(fs->m_data->mutex);
+          const Smb2FS::Data::Lock lock(*fs->m_data);
           return new Data(fs->m_data, handle);
       }()) {}
 
@@ -163,7 +163,7 @@ int Smb2File::pwrite(const void* buf, unsigned int len, long long offset) {
 long long Smb2File::lseek(long long offset, int whence) {
     if (m_data->share->isBroken())
         return -1;
-    const std::lock_guard lock(m_data->share->mutex);
+    const Smb2FS::Data::Lock lock(*m_data->share);
     liberrno = Ok;
     const std::shared_ptr<Smb2Session> session = m_data->session.lock();
     if (!session || !m_data->isOpen) {
@@ -233,7 +233,7 @@ int Smb2File::fsync() {
 int Smb2File::fdatasync() {
     if (m_data->share->isBroken())
         return -1;
-    const std::lock_guard lock(m_data->share->mutex);
+    const Smb2FS::Data::Lock lock(*m_data->share);
     liberrno = Ok;
     return notSupported();
 }
@@ -241,7 +241,7 @@ int Smb2File::fdatasync() {
 int Smb2File::fcntl(int, ...) {
     if (m_data->share->isBroken())
         return -1;
-    const std::lock_guard lock(m_data->share->mutex);
+    const Smb2FS::Data::Lock lock(*m_data->share);
     return notSupported();
 }
 
@@ -256,7 +256,7 @@ int Smb2File::fchmod(int) {
 int Smb2File::close() {
     if (m_data->share->isBroken())
         return -1;
-    const std::lock_guard lock(m_data->share->mutex);
+    const Smb2FS::Data::Lock lock(*m_data->share);
     liberrno = Ok;
     if (!m_data->isOpen)
         return 0;
@@ -305,7 +305,7 @@ Smb2Dir::Smb2Dir(Smb2FS* fs, QString& path)
     : Directory(QStringLiteral("Smb2Directory")), m_data(new Data(fs->m_data, path)) {
     if (m_data->share->isBroken())
         return;
-    const std::lock_guard lock(m_data->share->mutex);
+    const Smb2FS::Data::Lock lock(*m_data->share);
     m_data->open(m_data->share->session);
 }
 
@@ -320,7 +320,7 @@ bool Smb2Dir::isOpen() {
 struct dirent* Smb2Dir::readdir() {
     if (m_data->share->isBroken())
         return nullptr;
-    const std::lock_guard lock(m_data->share->mutex);
+    const Smb2FS::Data::Lock lock(*m_data->share);
     errno = ENOENT;
     if (!m_data->handle)
         return nullptr;
@@ -344,7 +344,7 @@ struct dirent* Smb2Dir::readdir() {
 int Smb2Dir::rewinddir() {
     if (m_data->share->isBroken())
         return -1;
-    const std::lock_guard lock(m_data->share->mutex);
+    const Smb2FS::Data::Lock lock(*m_data->share);
     // An open directory belongs to the connection that opened it. A closed one may be opened again
     // in the current connection.
     const std::shared_ptr<Smb2Session> current =
@@ -361,7 +361,7 @@ int Smb2Dir::rewinddir() {
 int Smb2Dir::closedir() {
     if (m_data->share->isBroken())
         return -1;
-    const std::lock_guard lock(m_data->share->mutex);
+    const Smb2FS::Data::Lock lock(*m_data->share);
     m_data->close();
     return 0;
 }

@@ -1,0 +1,49 @@
+// A mutex that a child of fork(2) can use.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+
+namespace oru::io {
+
+/// A mutex whose data is consistent in a child of fork(2), where the other threads do not exist.
+///
+/// fork(2) waits until no thread holds a mutex of this type. It does not wait for a holder that
+/// called setReading(): such a holder may take long, or be the forking thread itself. In the child
+/// the mutex is initialised again instead.
+///
+/// To hold a mutex of this type, do not lock another one, unless setReading() was called.
+class ForkSafeMutex {
+public:
+    ForkSafeMutex();
+    ~ForkSafeMutex();
+    ForkSafeMutex(const ForkSafeMutex&) = delete;
+    ForkSafeMutex& operator=(const ForkSafeMutex&) = delete;
+
+    void lock() {
+        m_mutex.lock();
+    }
+    void unlock() {
+        m_isReading.store(false, std::memory_order_relaxed);
+        m_mutex.unlock();
+    }
+    /// For the holder, until it unlocks: the data is not changed any more.
+    void setReading() {
+        m_isReading.store(true, std::memory_order_release);
+    }
+
+private:
+    class Registry;
+
+    void prepare();
+    void afterForkInParent();
+    void afterForkInChild();
+
+    std::mutex m_mutex;
+    std::atomic<bool> m_isReading{false};
+    bool m_isHeldForFork = false;
+    ForkSafeMutex* m_previous = nullptr; // guarded by the registry's mutex
+    ForkSafeMutex* m_next = nullptr;
+};
+
+} // namespace oru::io
