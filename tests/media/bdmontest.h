@@ -1,0 +1,103 @@
+// What tests of the block device monitor on umockdev's devices share.
+#pragma once
+
+#include "support/doubles/udevcalls.h"
+#include "support/suite/qtprint.h"
+#include "support/system/childprocess.h"
+#include "support/system/monitorbatches.h"
+#include "support/system/udevtestbed.h"
+
+#include <oruio/bdmon.h>
+
+#include <QDir>
+#include <QString>
+#include <QStringList>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <utility>
+
+namespace oru::io::test {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+/// Far more than anything takes that does not wait.
+constexpr seconds atOnce(5);
+
+inline milliseconds timeOf(const std::function<void()>& work) {
+    const auto begin = Clock::now();
+    work();
+    return std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
+}
+
+inline int openDescriptors() {
+    return QDir("/proc/self/fd")
+        .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
+        .size();
+}
+
+/// Whether no more descriptors are open than there were. umockdev's thread may be about to close
+/// its own.
+inline bool noMoreDescriptorsThan(int before) {
+    return test::eventually([before] { return openDescriptors() <= before; });
+}
+
+/// Each event as "seq action node".
+inline QStringList summary(const QList<BDMon::Event>& events) {
+    QStringList lines;
+    for (const BDMon::Event& event : events)
+        lines += QStringLiteral("%1 %2 %3")
+                     .arg(QString::number(event.seq), event.action, event.dev->m_devName);
+    return lines;
+}
+
+/// What a test starts this program for, by name.
+int runRole(const char* role);
+
+class BDMonTest : public ::testing::Test {
+protected:
+    BDMonTest() {
+        QObject::connect(
+            monitor, &BDMon::notify,
+            [this](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr byDevice) {
+                batches.append({events, byDevice});
+                if (onNotify)
+                    onNotify();
+            });
+    }
+    ~BDMonTest() override {
+        monitor->stop();
+        monitor->disconnect();
+        test::hideUdevDevice({});
+        test::failUdevReceive(0, 0);
+    }
+
+    /// The batches so far, which then count as seen.
+    QList<Batch> takeBatches() {
+        return std::exchange(batches, {});
+    }
+    void startAndForget() {
+        monitor->start();
+        batches.clear();
+    }
+    /// The only batch that an update brings.
+    Batch update(unsigned int quiescentMs = 0) {
+        EXPECT_EQ(monitor->update(quiescentMs), 0);
+        const QList<Batch> seen = takeBatches();
+        EXPECT_EQ(seen.size(), 1);
+        return seen.isEmpty()
+                   ? Batch{BDMon::EventListSPtr::create(), BDMon::EventListByDeviceSPtr::create()}
+                   : seen.first();
+    }
+
+    UdevTestbed testbed;
+    BDMon* const monitor = BDMon::instance();
+    QList<Batch> batches;
+    std::function<void()> onNotify;
+};
+
+} // namespace oru::io::test

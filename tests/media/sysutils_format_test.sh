@@ -1,0 +1,310 @@
+#!/bin/bash
+# The maintenance program's command format with the real tools on loop disks.
+#
+#   sysutils_format_test.sh ORUIO_SYSUTILS
+#
+# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did.
+set -u
+
+# shellcheck source=tests/support/system/loopdisks.sh
+source "$(dirname "$0")/../support/system/loopdisks.sh"
+
+# --- the cases: format ------------------------------------------------------------------------
+
+# expect_formatted SIZE START CODE TYPE VERSION
+expect_formatted() {
+    new_disk "$1"
+    succeeds format "$disk"
+    expect_layout "$2" "$3" "$4"
+    expect has_tag "${disk}p1" VERSION "$5"
+    succeeds fsck -t "$4" "${disk}p1"
+    release_disks
+}
+
+cards_are_formatted_as_their_size_asks() {
+    can_use_disks || return
+    expect_formatted 16M 128 4 vfat FAT16
+    expect_formatted 32M 128 6 vfat FAT16
+    expect_formatted 2048M 128 6 vfat FAT16
+    expect_formatted 2049M 8192 c vfat FAT32
+    expect_formatted 32768M 8192 c vfat FAT32
+    expect_formatted 32769M 32768 7 exfat 1.0
+}
+
+bytes_per_cluster() {
+    od -An -tu1 -j13 -N1 "$1" | tr -d ' '
+}
+
+clusters_are_of_the_standard_size() {
+    can_use_disks || return
+    new_disk 8G
+    succeeds format "$disk"
+    expect_layout 8192 c vfat
+    expect [ "$(bytes_per_cluster "${disk}p1")" -eq 64 ]
+    release_disks
+    new_disk 8G --sector-size 4096
+    succeeds format "$disk"
+    expect_layout 1024 c vfat 4096
+    expect [ "$(bytes_per_cluster "${disk}p1")" -eq 8 ]
+    release_disks
+}
+
+old_contents_are_gone() {
+    can_use_disks || return
+    new_disk 64M
+    printf 'start=1MiB, size=16MiB\nsize=16MiB\nsize=16MiB\n' |
+        sfdisk --quiet --label gpt --no-reread --no-tell-kernel "$disk"
+    partx -u "$disk"
+    expect wait_until [ -b "${disk}p3" ]
+    mkfs.ext4 -q "${disk}p1"
+    mkfs.exfat "${disk}p2" >/dev/null
+    succeeds format "$disk"
+    expect_layout 128 6 vfat
+    expect [ "$(wipefs --noheadings --output TYPE "$disk" | tr -s ' \n' ' ')" = 'dos ' ]
+    expect [ "$(wipefs --noheadings --output TYPE "${disk}p1" | sort -u)" = vfat ]
+    expect [ ! -e "${disk}p2" ]
+    release_disks
+    new_disk 64M
+    mkfs.ext4 -q "$disk"
+    succeeds format "$disk"
+    expect_layout 128 6 vfat
+    succeeds format "$disk"
+    expect_layout 128 6 vfat
+    release_disks
+}
+
+environment_changes_nothing() {
+    can_use_disks || return
+    new_disk 64M
+    mkdir "$clips/bin"
+    printf '#!/bin/sh\nexit 1\n' >"$clips/bin/stat"
+    chmod +x "$clips/bin/stat"
+    cp "$clips/bin/stat" "$clips/bin/mkfs.vfat"
+    run env PATH="$clips/bin:$PATH" IFS=/ LOCK_BLOCK_DEVICE=1 POSIXLY_CORRECT=1 CDPATH=/ \
+        LC_ALL=tr_TR.UTF-8 "$sysutils" format "$disk"
+    expect [ "$status" -eq 0 ]
+    expect_layout 128 6 vfat
+    release_disks
+}
+
+# In the first seconds of the system there are digits that would be octal ones.
+first_second_is_like_others() {
+    can_use_disks || return
+    new_disk 32M
+    echo '0.08 0.00' >"$clips/uptime"
+    expect mount --bind "$clips/uptime" /proc/uptime
+    mounts+=(/proc/uptime)
+    succeeds format "$disk"
+    release_disks
+}
+
+link_with_blanks_is_a_name() {
+    can_use_disks || return
+    new_disk 64M
+    ln -s "$disk" "$clips/a  card *"
+    succeeds format -k "$clips/a  card *"
+    expect_layout 128 6 vfat
+    release_disks
+}
+
+# expect_tool_failure TOOL STATUS PATTERN: that is how format ends if the tool fails.
+expect_tool_failure() {
+    local tools=$clips/failing-$1
+    mkdir "$tools"
+    printf '#!/bin/sh\necho "cause 1"\necho "cause 2" >&2\nexit 7\n' >"$tools/$1"
+    chmod +x "$tools/$1"
+    stack_tools "$tools"
+    run "$sysutils" format "$disk"
+    expect_error "$2" "$3" oruio_sysutils
+    expect grep -qx 'cause 1' "$work/out"
+    expect grep -qx 'cause 2' "$work/out"
+    umount /usr/sbin
+}
+
+failing_tools_are_reported() {
+    can_use_disks || return
+    new_disk 64M
+    expect_tool_failure wipefs 43 "the old contents of $disk cannot be removed"
+    expect_tool_failure sfdisk 43 "$disk cannot be partitioned"
+    expect_tool_failure partx 44 "the kernel does not take the partition of $disk"
+    expect_tool_failure mkfs.vfat 42 "no file system on ${disk}p1: mkfs.vfat ended with status 7"
+    succeeds format "$disk"
+    release_disks
+}
+
+missing_tools_are_reported() {
+    local tool
+    can_use_disks || return
+    new_ext4
+    mkdir "$clips/tools"
+    for tool in fsck.vfat mkfs.exfat mount.nfs sfdisk; do
+        mknod "$clips/tools/$tool" c 0 0 # to an overlay, that is a removed file
+    done
+    stack_tools "$clips/tools"
+    refused 11 'fsck.vfat is not installed' fsck -t vfat "$partition"
+    refused 11 'mkfs.exfat is not installed' mkfs -t exfat "$partition"
+    refused 11 'mkfs.exfat is not installed' format "$disk"
+    refused 11 'mount.nfs is not installed' mount.nfs server:/export "$clips"
+    succeeds fsck -t ext4 "$partition"
+    umount /usr/sbin
+    release_disks
+}
+
+# --- the cases: format -k ---------------------------------------------------------------------
+
+users_are_ended() {
+    local bystander file_user node_user stubborn_user
+    can_use_disks || return
+    new_ext4 64M
+    mount_on "$partition" "$clips/mount"
+    mount_on "$partition" "$clips/another mount"
+    touch "$clips/mount/file" "$clips/mount/stubborn" "$clips/bystander"
+    start_user "$clips/mount/file"
+    file_user=$user
+    start_user "$partition"
+    node_user=$user
+    start_user "$clips/mount/stubborn" env --ignore-signal=TERM
+    stubborn_user=$user
+    start_user "$clips/bystander"
+    bystander=$user
+    (cd "$clips/another mount" && exec sleep 1000) &
+    expect wait_until [ "/proc/$!/cwd" -ef "$clips/another mount" ]
+    succeeds format -k "$disk" 2>/dev/null # the shell tells of one that is killed
+    expect_ended_by $! 15
+    expect_ended_by "$file_user" 15
+    expect_ended_by "$node_user" 15
+    expect_ended_by "$stubborn_user" 9
+    expect grep -qx "SIGKILL to process $stubborn_user (sleep)" "$work/out"
+    expect [ "$(grep -c SIGKILL "$work/out")" -eq 1 ]
+    expect_alive "$bystander"
+    expect [ "$(is_mounted "$clips/mount" && echo mounted)" = '' ]
+    expect [ "$(is_mounted "$clips/another mount" && echo mounted)" = '' ]
+    expect_layout 128 6 vfat
+    release_disks
+}
+
+whoever_waits_for_the_program_is_spared() {
+    local other
+    can_use_disks || return
+    new_ext4
+    mount_on "$partition" "$clips/mount"
+    touch "$clips/mount/file"
+    start_user "$clips/mount/file"
+    other=$user
+    cd "$clips/mount" || return
+    refused 27 "$disk is in use by process $$, which must not be ended" format -k "$disk"
+    cd / || return
+    expect_alive "$other" # it would have been in vain
+    expect is_mounted "$clips/mount"
+    release_disks
+}
+
+mount_that_cannot_be_undone_is_reported() {
+    can_use_disks || return
+    new_ext4
+    mount_on "$partition" "$clips/mount"
+    mkdir "$clips/mount/below"
+    expect mount -t tmpfs none "$clips/mount/below"
+    mounts+=("$clips/mount/below")
+    refused 27 "$disk cannot be unmounted" format -k "$disk"
+    expect is_mounted "$clips/mount"
+    release_disks
+}
+
+# --- the cases: two at a time -----------------------------------------------------------------
+
+# Starts a run that makes an ext4 file system on $partition and stays in the middle of it until
+# something is written to $clips/go. It is $first.
+start_long_run() {
+    mkdir "$clips/tools"
+    mkfifo "$clips/begun" "$clips/go"
+    cat >"$clips/tools/mkfs.ext4" <<SCRIPT
+#!/bin/sh
+echo >$clips/begun
+read -r _ <$clips/go
+exec /usr/sbin/mke2fs -t ext4 "\$@"
+SCRIPT
+    chmod +x "$clips/tools/mkfs.ext4"
+    stack_tools "$clips/tools"
+    "$sysutils" mkfs -t ext4 "$partition" >"$work/first.out" 2>"$work/first.err" &
+    first=$!
+    expect read -r -t 15 _ <>"$clips/begun"
+}
+
+# Ends the wait of a stand-in, once that waits.
+let_go() {
+    # shellcheck disable=SC2016 # that shell expands it
+    expect timeout 15 sh -c 'echo >"$1"' sh "$clips/go"
+}
+
+end_long_run() {
+    let_go
+    wait "$first"
+    expect [ $? -eq 0 ]
+    umount /usr/sbin
+}
+
+second_run_is_refused() {
+    can_use_disks || return
+    new_partitioned_disk 64M
+    start_long_run
+    refused 24 "another program is working on the disk of $disk" format -k "$disk"
+    end_long_run
+    expect has_tag "$partition" TYPE ext4
+    release_disks
+}
+
+second_run_waits_for_a_while() {
+    local second
+    can_use_disks || return
+    new_partitioned_disk 64M
+    start_long_run
+    "$sysutils" format -k "$disk" >"$work/out" 2>"$work/err" &
+    second=$!
+    expect wait_until is_waiting_for_lock "$second"
+    end_long_run
+    wait "$second"
+    expect [ $? -eq 0 ]
+    expect [ "$(grep -c SIG "$work/out")" -eq 0 ]
+    expect_layout 128 6 vfat
+    release_disks
+}
+
+waiting_run_is_no_user() {
+    local second
+    can_use_disks || return
+    new_partitioned_disk 64M
+    mkdir "$clips/tools"
+    mkfifo "$clips/begun" "$clips/go"
+    # At the time of the first look for users, the second run waits.
+    cat >"$clips/tools/flock" <<SCRIPT
+#!/bin/sh
+/usr/bin/flock "\$@" || exit
+mkdir $clips/first 2>/dev/null || exit 0
+echo >$clips/begun
+read -r _ <$clips/go
+SCRIPT
+    chmod +x "$clips/tools/flock"
+    stack_tools "$clips/tools"
+    "$sysutils" format -k "$disk" >"$work/first.out" 2>"$work/first.err" &
+    first=$!
+    expect read -r -t 15 _ <>"$clips/begun"
+    "$sysutils" format "$disk" >"$work/out" 2>"$work/err" &
+    second=$!
+    expect wait_until is_waiting_for_lock "$second"
+    let_go
+    wait "$first"
+    expect [ $? -eq 0 ]
+    wait "$second"
+    expect [ $? -eq 0 ]
+    expect [ "$(cat "$work/first.out" "$work/out" | grep -c SIG)" -eq 0 ]
+    umount /usr/sbin
+    release_disks
+}
+
+run_cases cards_are_formatted_as_their_size_asks clusters_are_of_the_standard_size \
+    old_contents_are_gone environment_changes_nothing first_second_is_like_others \
+    link_with_blanks_is_a_name failing_tools_are_reported missing_tools_are_reported \
+    users_are_ended whoever_waits_for_the_program_is_spared \
+    mount_that_cannot_be_undone_is_reported second_run_is_refused second_run_waits_for_a_while \
+    waiting_run_is_no_user
