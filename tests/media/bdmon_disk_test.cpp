@@ -1,4 +1,4 @@
-// The monitor of block devices on real disks, with a real udevd.
+// BDMon on loop disks with a real udevd.
 
 #include "support/doubles/maintenanceprogram.h"
 #include "support/system/childprocess.h"
@@ -27,8 +27,8 @@ constexpr char twoGptPartitions[] =
     "label: gpt\nstart=1MiB, size=16MiB, type=linux\n"
     "start=17MiB, size=20MiB, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\n";
 
-/// Properties that differ from event to event.
-Properties lasting(Properties properties) {
+/// Removes the properties that differ between events.
+Properties persistent(Properties properties) {
     for (const char* name : {"ACTION", "SEQNUM", "USEC_INITIALIZED", "SYNTH_UUID"})
         properties.remove(name);
     return properties;
@@ -36,7 +36,7 @@ Properties lasting(Properties properties) {
 
 using BDMonDisk = MonitorTest;
 
-/// "add /dev/loop0" for each event.
+/// "ACTION NODE" for each event.
 QStringList summary(const QList<BDMon::Event>& events) {
     QStringList lines;
     for (const BDMon::Event& event : events)
@@ -59,7 +59,8 @@ BlockDevice::SPtr deviceIn(const QList<BDMon::Event>& events, const QString& nod
     return found;
 }
 
-/// The events are numbered, and are the same ones by their devices.
+/// Expects that the events are numbered from 1, and that `eventsByDevice` holds the same events by
+/// ID_PATH.
 void expectGrouped(const QList<BDMon::Event>& events,
                    const QMap<QString, QList<BDMon::Event>>& eventsByDevice) {
     QMap<QString, QList<BDMon::Event>> expected;
@@ -124,7 +125,7 @@ void BDMonLayout::expectDisk(BlockDevice& device) const {
     EXPECT_EQ(device.m_devName, node);
     EXPECT_EQ(device.m_partTableType, GetParam().tableType);
     EXPECT_EQ(device.m_partTableType, tagOf(node, "PTTYPE"));
-    EXPECT_EQ("/sys" + device.m_devPath, QFileInfo(disk->place()).canonicalFilePath());
+    EXPECT_EQ("/sys" + device.m_devPath, QFileInfo(disk->sysfsPath()).canonicalFilePath());
     EXPECT_EQ(device.m_partEntryType, "");
     EXPECT_FALSE(device.m_writeProtected);
     EXPECT_FALSE(device.m_umountFailed);
@@ -140,17 +141,17 @@ void BDMonLayout::expectPartition(BlockDevice& device, int number) const {
     EXPECT_EQ(device.m_blkSize, GetParam().sectorSize);
     EXPECT_EQ(device.m_fsType, "ext4");
     EXPECT_EQ(device.m_fsType, tagOf(node, "TYPE"));
-    EXPECT_EQ(device.m_fsLabel, tagOf(node, "LABEL").replace(' ', '_')); // as udev has it
+    EXPECT_EQ(device.m_fsLabel, tagOf(node, "LABEL").replace(' ', '_')); // as udev encodes it
     EXPECT_EQ(device.m_fsLabel, number == 1 ? "CLIPS" : "BACKUP_2");
     EXPECT_TRUE(device.isMountable());
     EXPECT_EQ(device.m_devName, node);
     EXPECT_EQ(device.m_partTableType, GetParam().tableType);
-    EXPECT_EQ("/sys" + device.m_devPath, QFileInfo(disk->place(number)).canonicalFilePath());
+    EXPECT_EQ("/sys" + device.m_devPath, QFileInfo(disk->sysfsPath(number)).canonicalFilePath());
     EXPECT_FALSE(device.m_writeProtected);
     EXPECT_EQ(device.m_props.value("DEVTYPE"), "partition");
     EXPECT_FALSE(device.m_props.contains("WRITE_PROTECTED"));
 
-    // In units of 512 bytes, also where the block size is another one.
+    // In units of 512 bytes, independent of the block size.
     EXPECT_EQ(device.m_startBlock, (number == 1 ? 1 : 17) * MiB / 512);
     EXPECT_EQ(device.m_totalBlocks, (number == 1 ? 16 : 20) * MiB / 512);
     EXPECT_EQ(device.m_totalBlocks, outputOf({"blockdev", "--getsz", node}).toULongLong());
@@ -167,14 +168,14 @@ void BDMonLayout::expectPartition(BlockDevice& device, int number) const {
               std::strcmp(GetParam().tableType, "dos") == 0 ? "0x" + code : code);
 }
 
-TEST_P(BDMonLayout, PluggedIn_IsOneBatchOfThree) {
+TEST_P(BDMonLayout, PluggedIn_OneBatchOfThree) {
     ASSERT_FALSE(start().events);
     ASSERT_TRUE(plugIn(*disk));
     const Batch batch = update();
     ASSERT_TRUE(batch.events);
     const QList<BDMon::Event>& events = *batch.events;
     ASSERT_EQ(events.size(), 3);
-    EXPECT_EQ(summary(events)[0], "add " + disk->node()); // the partitions come in any order
+    EXPECT_EQ(summary(events)[0], "add " + disk->node()); // the partitions follow in any order
     EXPECT_EQ(sorted(summary(events)),
               QStringList({"add " + disk->node(), "add " + disk->node(1), "add " + disk->node(2)}));
     EXPECT_EQ(batch.eventsByDevice->keys(), QStringList(idPath()));
@@ -191,7 +192,7 @@ TEST_P(BDMonLayout, PluggedIn_IsOneBatchOfThree) {
     EXPECT_FALSE(update().events);
 }
 
-TEST_P(BDMonLayout, PresentAtTheStart_IsAddedInOneBatch) {
+TEST_P(BDMonLayout, PresentAtStart_AddedInOneBatch) {
     ASSERT_TRUE(plugIn(*disk));
     const Batch batch = start();
     ASSERT_TRUE(batch.events);
@@ -207,10 +208,10 @@ TEST_P(BDMonLayout, PresentAtTheStart_IsAddedInOneBatch) {
         EXPECT_EQ(event.dev->m_seqNum, 0);
     }
 
-    EXPECT_FALSE(start().events) << "it is running";
+    EXPECT_FALSE(start().events) << "already running";
 }
 
-TEST_P(BDMonLayout, Unplugged_TellsAllThatWasKnown) {
+TEST_P(BDMonLayout, Unplugged_RemovedWithLastProperties) {
     ASSERT_FALSE(start().events);
     ASSERT_TRUE(plugIn(*disk));
     const Batch added = update();
@@ -233,12 +234,12 @@ TEST_P(BDMonLayout, Unplugged_TellsAllThatWasKnown) {
         ASSERT_TRUE(before && after);
         EXPECT_EQ(after->m_action, "remove");
         EXPECT_GT(after->m_seqNum, before->m_seqNum);
-        EXPECT_EQ(lasting(after->m_props), lasting(before->m_props));
+        EXPECT_EQ(persistent(after->m_props), persistent(before->m_props));
         EXPECT_EQ(after->m_fsLabel, before->m_fsLabel);
         EXPECT_EQ(after->m_startBlock, before->m_startBlock);
         EXPECT_EQ(after->m_totalBlocks, before->m_totalBlocks);
     }
-    // The node of a partition has gone with it.
+    // The node of a removed partition is gone, so its block size is unknown.
     EXPECT_EQ(deviceIn(events, nodes[1])->m_blkSize, 512u);
     EXPECT_FALSE(update().events);
 }
@@ -252,7 +253,7 @@ INSTANTIATE_TEST_SUITE_P(Tables, BDMonLayout,
                              return std::string(param.param.name);
                          });
 
-TEST_F(BDMonDisk, NewFileSystem_IsAChange) {
+TEST_F(BDMonDisk, NewFileSystem_ChangeEvent) {
     const LoopDisk disk(20 * MiB, onePartition);
     ASSERT_EQ(disk.problem(), "");
     ASSERT_FALSE(start().events);
@@ -262,10 +263,11 @@ TEST_F(BDMonDisk, NewFileSystem_IsAChange) {
     EXPECT_FALSE(deviceIn(*before.events, disk.node(1))->isMountable());
 
     ASSERT_TRUE(makeExt4(disk.node(1), {"-L", "NEW"}));
-    ASSERT_TRUE(disk.tell("change", 1));
+    ASSERT_TRUE(disk.sendUevent("change", 1));
     const Batch after = update();
     ASSERT_TRUE(after.events);
-    // Once more where the system has a udevd of its own, which sees the node closed after writing.
+    // The udevd of the system, if any, triggers a second event when the node is closed after
+    // writing.
     EXPECT_THAT(summary(*after.events), Each(QString("change " + disk.node(1))));
     expectGrouped(*after.events, *after.eventsByDevice);
     const BlockDevice::SPtr device = after.events->last().dev;
@@ -276,34 +278,34 @@ TEST_F(BDMonDisk, NewFileSystem_IsAChange) {
     EXPECT_EQ(device->m_fsLabel, "NEW");
 }
 
-TEST_F(BDMonDisk, WithoutIdPath_IsNotToldOf) {
+TEST_F(BDMonDisk, WithoutIdPath_NotReported) {
     const LoopDisk unnamed(20 * MiB, onePartition);
     ASSERT_EQ(unnamed.problem(), "");
     ASSERT_TRUE(unnamed.plugIn());
     ASSERT_TRUE(udevd->settle());
     ASSERT_FALSE(start().events);
-    ASSERT_TRUE(unnamed.tell("change") && unnamed.tell("add", 1));
+    ASSERT_TRUE(unnamed.sendUevent("change") && unnamed.sendUevent("add", 1));
     EXPECT_FALSE(update().events);
 
     const LoopDisk named(8 * MiB);
     ASSERT_EQ(named.problem(), "");
-    ASSERT_TRUE(unnamed.tell("change"));
+    ASSERT_TRUE(unnamed.sendUevent("change"));
     ASSERT_TRUE(plugIn(named));
-    ASSERT_TRUE(unnamed.tell("change"));
+    ASSERT_TRUE(unnamed.sendUevent("change"));
     const Batch batch = update();
     ASSERT_TRUE(batch.events);
     EXPECT_EQ(summary(*batch.events), QStringList("add " + named.node()));
     EXPECT_EQ(batch.events->first().seq, 1);
 }
 
-TEST_F(BDMonDisk, TwoDisks_AreOneBatchOfTwoGroups) {
+TEST_F(BDMonDisk, TwoDisks_OneBatchOfTwoGroups) {
     const LoopDisk first(20 * MiB, onePartition);
     const LoopDisk second(20 * MiB, onePartition);
     ASSERT_EQ(first.problem() + second.problem(), "");
     ASSERT_FALSE(start().events);
     ASSERT_TRUE(plugIn(first, idPath(1)));
     ASSERT_TRUE(plugIn(second, idPath(2)));
-    ASSERT_TRUE(first.tell("change"));
+    ASSERT_TRUE(first.sendUevent("change"));
     const Batch batch = update();
     ASSERT_TRUE(batch.events);
     ASSERT_EQ(batch.events->size(), 5);
@@ -317,7 +319,7 @@ TEST_F(BDMonDisk, TwoDisks_AreOneBatchOfTwoGroups) {
               QStringList({"add " + second.node(), "add " + second.node(1)}));
 }
 
-TEST_F(BDMonDisk, Stopped_MissesWhatHappensUntilTheNextStart) {
+TEST_F(BDMonDisk, Stopped_EventsBeforeNextStartLost) {
     const LoopDisk disk(8 * MiB);
     ASSERT_EQ(disk.problem(), "");
     ASSERT_FALSE(start().events);
@@ -328,10 +330,10 @@ TEST_F(BDMonDisk, Stopped_MissesWhatHappensUntilTheNextStart) {
     const Batch batch = start();
     ASSERT_TRUE(batch.events);
     EXPECT_EQ(summary(*batch.events), QStringList("add " + disk.node()));
-    EXPECT_FALSE(update().events) << "the past is not told again";
+    EXPECT_FALSE(update().events) << "events before start() are lost";
 }
 
-TEST_F(BDMonDisk, Formatted_TellsOfTheNewPartition) {
+TEST_F(BDMonDisk, Formatted_NewPartitionReported) {
     const QString tool = missingToFormat();
     if (!tool.isEmpty())
         GTEST_SKIP() << tool.toStdString() << " is not installed";
@@ -358,8 +360,8 @@ TEST_F(BDMonDisk, Formatted_TellsOfTheNewPartition) {
     EXPECT_EQ(second->m_action, "remove");
 }
 
-// The remover of a card does not wait for its unmounting.
-TEST_F(BDMonDisk, RemovedWhileMounted_IsUnmountedByTheEventsDevice) {
+// A card may be removed before it is unmounted.
+TEST_F(BDMonDisk, RemovedWhileMounted_EventsDeviceUnmounts) {
     LoopDisk disk(20 * MiB, onePartition);
     ASSERT_EQ(disk.problem(), "");
     ASSERT_TRUE(makeExt4(disk.node(1)));
@@ -370,7 +372,7 @@ TEST_F(BDMonDisk, RemovedWhileMounted_IsUnmountedByTheEventsDevice) {
     ASSERT_EQ(deviceIn(*added.events, disk.node(1))->mount(directory(), nullptr), 0);
 
     ASSERT_TRUE(disk.pullOut());
-    EXPECT_TRUE(disk.isAttached()) << "the mount holds it";
+    EXPECT_TRUE(disk.isAttached()) << "the mount keeps the disk attached";
     const Batch removed = update();
     ASSERT_TRUE(removed.events);
     ASSERT_EQ(sorted(summary(*removed.events)),

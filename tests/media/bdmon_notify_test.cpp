@@ -11,7 +11,7 @@
 namespace oru::io::test {
 namespace {
 
-TEST_F(BDMonTest, Notify_DirectReceivers_RunOnTheCallersThread) {
+TEST_F(BDMonTest, Notify_DirectReceiver_RunsOnCallersThread) {
     testbed.addDisk("sda", "usb-1");
     std::thread::id receiver;
     onNotify = [&] { receiver = std::this_thread::get_id(); };
@@ -27,7 +27,7 @@ TEST_F(BDMonTest, Notify_DirectReceivers_RunOnTheCallersThread) {
     EXPECT_NE(receiver, std::this_thread::get_id());
 }
 
-TEST_F(BDMonTest, Notify_SignalSpy_SeesTheBatch) {
+TEST_F(BDMonTest, Notify_SignalSpy_ReceivesBatch) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     for (const bool byName : {false, true}) {
@@ -48,7 +48,7 @@ TEST_F(BDMonTest, Notify_SignalSpy_SeesTheBatch) {
     }
 }
 
-TEST_F(BDMonTest, Notify_QueuedReceivers_HaveTheBatchAfterTheEmission) {
+TEST_F(BDMonTest, Notify_QueuedReceiver_BatchStaysValid) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
 
@@ -73,7 +73,7 @@ TEST_F(BDMonTest, Notify_QueuedReceivers_HaveTheBatchAfterTheEmission) {
 
     testbed.send(disk, "change");
     monitor->update(0);
-    batches.clear(); // now only the queued call has it
+    batches.clear(); // only the queued call still holds the batch
     EXPECT_EQ(received.available(), 0);
     EXPECT_TRUE(batch);
     gate.release();
@@ -87,7 +87,7 @@ TEST_F(BDMonTest, Notify_QueuedReceivers_HaveTheBatchAfterTheEmission) {
     EXPECT_FALSE(batch);
 }
 
-TEST_F(BDMonTest, Notify_ReceiverStops_DoesNoHarm) {
+TEST_F(BDMonTest, Notify_ReceiverStops_MonitorStopped) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     onNotify = [this] { monitor->stop(); };
     monitor->start();
@@ -104,7 +104,7 @@ TEST_F(BDMonTest, Notify_ReceiverStops_DoesNoHarm) {
     EXPECT_TRUE(batches.isEmpty());
 }
 
-TEST_F(BDMonTest, Notify_ReceiverUpdates_DoesNoHarm) {
+TEST_F(BDMonTest, Notify_ReceiverUpdates_NestedBatchesInOrder) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     onNotify = [&] {
         if (batches.size() < 3)
@@ -119,7 +119,7 @@ TEST_F(BDMonTest, Notify_ReceiverUpdates_DoesNoHarm) {
     EXPECT_TRUE(monitor->isRunning());
 }
 
-TEST_F(BDMonTest, Notify_ReceiverRestarts_DoesNoHarm) {
+TEST_F(BDMonTest, Notify_ReceiverRestarts_MonitorRunning) {
     testbed.addDisk("sda", "usb-1");
     onNotify = [&] {
         if (batches.size() == 1) {
@@ -132,7 +132,7 @@ TEST_F(BDMonTest, Notify_ReceiverRestarts_DoesNoHarm) {
     EXPECT_TRUE(monitor->isRunning());
 }
 
-TEST(BDMonEvent, Construction_TakesTheDeviceOver) {
+TEST(BDMonEvent, Construction_FromPointer_OwnsDevice) {
     struct Watched : LinuxBD {
         Watched(Properties& props, bool& flag) : LinuxBD(props), isGone(flag) {}
         ~Watched() override {

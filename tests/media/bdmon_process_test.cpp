@@ -14,7 +14,6 @@
 
 namespace oru::io::test {
 
-/// What a test starts this program for, by name.
 int runRole(const char* role) {
     if (std::strcmp(role, "idle") == 0) {
         std::printf("%d descriptors, %d threads\n", openDescriptors(),
@@ -51,6 +50,7 @@ int runRole(const char* role) {
 
 namespace {
 
+/// Starts this program again with "--role ROLE".
 class Program {
 public:
     explicit Program(const QString& role, const char* variable = nullptr, const char* value = "") {
@@ -59,18 +59,18 @@ public:
         if (variable)
             environment.insert(variable, value);
         m_process.setProcessEnvironment(environment);
-        close_range(3, ~0U, CLOSE_RANGE_CLOEXEC); // also what this program was started with
+        close_range(3, ~0U, CLOSE_RANGE_CLOEXEC); // also descriptors that this program inherited
         m_process.start("/proc/self/exe", {"--role", role});
     }
 
-    /// Waits until it is told to go on.
-    QByteArray awaitError() {
+    /// Waits for a line on standard error.
+    QByteArray readErrorLine() {
         m_process.setReadChannel(QProcess::StandardError);
         while (!m_process.canReadLine() && m_process.waitForReadyRead())
             continue;
         return m_process.readLine();
     }
-    void goOn() {
+    void proceed() {
         m_process.write("\n");
     }
     int exitStatus() {
@@ -89,35 +89,35 @@ private:
     QProcess m_process;
 };
 
-TEST(BDMonProcess, Loaded_HasNeitherDescriptorNorThread) {
+TEST(BDMonProcess, Loaded_NoDescriptorAndNoThread) {
     Program program("idle");
     EXPECT_EQ(program.exitStatus(), 0);
-    // Its three standard ones, and the directory it counts in.
+    // The three standard descriptors, and the directory that openDescriptors() reads.
     EXPECT_EQ(program.output(), "4 descriptors, 1 threads\n");
 }
 
-// Before anything that registers a type of Qt's by its use.
-TEST(BDMonProcess, Loaded_KnowsItsTypesByName) {
+// In a new process, because the use of a type in a connection also registers it with Qt.
+TEST(BDMonProcess, Loaded_TypesRegisteredByName) {
     Program program("types");
     EXPECT_EQ(program.exitStatus(), 0);
     EXPECT_EQ(program.output(), "BDMon::EventListSPtr 1\nBDMon::EventListByDeviceSPtr 1\n"
                                 "BlockDevice::SPtr 1\nBDMon::NoSuchType 0\n");
 }
 
-TEST(BDMonProcess, NoContext_EndsTheProcess) {
+TEST(BDMonProcess, UdevContextFails_ExitsWithStatus1) {
     Program program("idle", "ORUIO_TEST_FAILS", "udev_new");
     EXPECT_EQ(program.exitStatus(), 1);
     EXPECT_EQ(program.errors(), "Fatal: Failed to create udev context\n");
     EXPECT_EQ(program.output(), "");
 }
 
-TEST(BDMonProcess, NoMonitor_EndsTheProcess) {
+TEST(BDMonProcess, UdevMonitorFails_ExitsWithStatus1) {
     Program program("start-logged", "ORUIO_TEST_FAILS", "udev_monitor_new_from_netlink");
     EXPECT_EQ(program.exitStatus(), 1);
     EXPECT_EQ(program.output(), "libio 12 Fatal: Failed to create udev monitor\n");
 }
 
-TEST(BDMonProcess, Monitor_StartsWithoutAWord) {
+TEST(BDMonProcess, Start_Succeeds_LogsNothing) {
     const UdevTestbed testbed;
     Program program("start-logged");
     EXPECT_EQ(program.exitStatus(), 0);
@@ -126,15 +126,15 @@ TEST(BDMonProcess, Monitor_StartsWithoutAWord) {
 
 class BDMonDebug : public ::testing::TestWithParam<const char*> {};
 
-TEST_P(BDMonDebug, Variable_PrintsEveryDevice) {
+TEST_P(BDMonDebug, VariableSet_PrintsEveryDevice) {
     UdevTestbed testbed;
     const QString disk = testbed.addDisk("sda", "usb-1", {{"UDISKS_PRESENTATION_NOPOLICY", "a b"}});
     const QString ram = testbed.addDisk("ram0", "");
     Program program("watch", "ORUIO_UDEVDBG", GetParam());
-    ASSERT_EQ(program.awaitError(), "started\n");
+    ASSERT_EQ(program.readErrorLine(), "started\n");
     testbed.send(ram, "change");
     testbed.send(disk, "remove");
-    program.goOn();
+    program.proceed();
     ASSERT_EQ(program.exitStatus(), 0);
     QString output = program.output();
     output.replace(QRegularExpression("SEQNUM               [0-9]+"), "SEQNUM               N");
@@ -183,13 +183,13 @@ TEST_P(BDMonDebug, Variable_PrintsEveryDevice) {
 
 INSTANTIATE_TEST_SUITE_P(AnyValue, BDMonDebug, ::testing::Values("1", "0", ""));
 
-TEST(BDMonProcess, NoDebugVariable_PrintsNothing) {
+TEST(BDMonProcess, DebugVariableUnset_PrintsNothing) {
     UdevTestbed testbed;
     const QString disk = testbed.addDisk("sda", "usb-1");
     Program program("watch");
-    ASSERT_EQ(program.awaitError(), "started\n");
+    ASSERT_EQ(program.readErrorLine(), "started\n");
     testbed.send(disk, "remove");
-    program.goOn();
+    program.proceed();
     EXPECT_EQ(program.exitStatus(), 0);
     EXPECT_EQ(program.output(), "");
 }

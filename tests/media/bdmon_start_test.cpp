@@ -1,4 +1,4 @@
-// Starting and stopping the monitor of block devices: the devices that are present.
+// BDMon::start() and stop(): the devices that are present.
 
 #include "bdmontest.h"
 #include "support/suite/logcapture.h"
@@ -10,13 +10,13 @@
 namespace oru::io::test {
 namespace {
 
-TEST_F(BDMonTest, Instance_IsOne) {
+TEST_F(BDMonTest, Instance_CalledTwice_ReturnsSameObject) {
     EXPECT_EQ(BDMon::instance(), monitor);
     EXPECT_FALSE(std::is_default_constructible_v<BDMon>);
     EXPECT_FALSE(std::is_copy_constructible_v<BDMon>);
 }
 
-TEST_F(BDMonTest, IsRunning_FromStartToStop) {
+TEST_F(BDMonTest, IsRunning_BetweenStartAndStop_True) {
     EXPECT_FALSE(monitor->isRunning());
     monitor->start();
     EXPECT_TRUE(monitor->isRunning());
@@ -42,17 +42,17 @@ TEST_F(BDMonTest, Start_MonitorCannotReceive_IsNotRunning) {
     EXPECT_EQ(takeBatches().size(), 1);
 }
 
-TEST_F(BDMonTest, Start_NothingThere_TellsNothing) {
+TEST_F(BDMonTest, Start_NoDevices_EmitsNothing) {
     monitor->start();
     EXPECT_TRUE(batches.isEmpty());
 }
 
-TEST_F(BDMonTest, Start_ListensToUdevNotToTheKernel) {
+TEST_F(BDMonTest, Start_MonitorSource_IsUdev) {
     monitor->start();
     EXPECT_EQ(test::udevMonitorSource(), "udev");
 }
 
-TEST_F(BDMonTest, Start_WhatIsThere_IsAddedInTheOrderOfTheEnumeration) {
+TEST_F(BDMonTest, Start_DevicesPresent_AddedInEnumerationOrder) {
     const QString last = testbed.addDisk("sdc", "usb-3");
     testbed.addPartition(last, 1);
     const QString first = testbed.addDisk("sda", "usb-1");
@@ -78,7 +78,7 @@ TEST_F(BDMonTest, Start_WhatIsThere_IsAddedInTheOrderOfTheEnumeration) {
     EXPECT_EQ(expected.size(), 6);
 }
 
-TEST_F(BDMonTest, Start_SeveralDisks_AreGroupedByTheirPlug) {
+TEST_F(BDMonTest, Start_SeveralDisks_GroupedByIdPath) {
     const QString stick = testbed.addDisk("sda", "usb-1");
     testbed.addPartition(stick, 1);
     const QString card = testbed.addDisk("mmcblk0", "platform-sd");
@@ -94,7 +94,7 @@ TEST_F(BDMonTest, Start_SeveralDisks_AreGroupedByTheirPlug) {
     EXPECT_EQ(byDevice["usb-1"][1].dev, batches[0].events->at(4).dev);
 }
 
-TEST_F(BDMonTest, Start_WhatIsThere_HasNeitherActionNorNumber) {
+TEST_F(BDMonTest, Start_DevicesPresent_NoActionAndSeqNumZero) {
     testbed.addDisk("sda", "usb-1", {{"ID_FS_TYPE", "vfat"}});
     monitor->start();
     ASSERT_EQ(batches.size(), 1);
@@ -106,7 +106,7 @@ TEST_F(BDMonTest, Start_WhatIsThere_HasNeitherActionNorNumber) {
     EXPECT_FALSE(device.m_props.contains("ACTION"));
 }
 
-TEST_F(BDMonTest, Start_WithoutIdPath_IsLeftOut) {
+TEST_F(BDMonTest, Start_DeviceWithoutIdPath_Omitted) {
     testbed.addDisk("loop0", "");
     testbed.addDisk("sda", "usb-1");
     testbed.addDisk("zram0", "");
@@ -116,13 +116,13 @@ TEST_F(BDMonTest, Start_WithoutIdPath_IsLeftOut) {
     EXPECT_EQ(batches[0].eventsByDevice->keys(), QStringList({"usb-1"}));
 }
 
-TEST_F(BDMonTest, Start_OnlyWithoutIdPath_TellsNothing) {
+TEST_F(BDMonTest, Start_OnlyDevicesWithoutIdPath_EmitsNothing) {
     testbed.addDisk("loop0", "");
     monitor->start();
     EXPECT_TRUE(batches.isEmpty());
 }
 
-TEST_F(BDMonTest, Start_OtherSubsystems_AreLeftOut) {
+TEST_F(BDMonTest, Start_OtherSubsystem_Omitted) {
     testbed.addOther("usb", "1-1", "usb-1");
     testbed.addDisk("sda", "usb-1");
     monitor->start();
@@ -130,7 +130,7 @@ TEST_F(BDMonTest, Start_OtherSubsystems_AreLeftOut) {
     EXPECT_EQ(batches[0].events->size(), 1);
 }
 
-TEST_F(BDMonTest, Start_GoneBeforeItIsOpened_IsLeftOut) {
+TEST_F(BDMonTest, Start_DeviceGoneBeforeOpen_Omitted) {
     const QString gone = testbed.addDisk("sda", "usb-1");
     testbed.addDisk("sdb", "usb-2");
     test::hideUdevDevice(gone.toUtf8());
@@ -139,10 +139,10 @@ TEST_F(BDMonTest, Start_GoneBeforeItIsOpened_IsLeftOut) {
     EXPECT_EQ(summary(*batches[0].events), QStringList({"1 add /dev/sdb"}));
 }
 
-TEST_F(BDMonTest, Start_ThousandDevices_AreOneBatch) {
+TEST_F(BDMonTest, Start_ThousandDevices_OneBatch) {
     for (int disk = 0; disk < 1000; ++disk) {
         const QString name = QString::asprintf("sd%04d", disk);
-        // Without nodes: to ask all of them takes umockdev minutes when the machine is busy.
+        // Without nodes: their ioctls would take umockdev minutes on a busy machine.
         testbed.addDisk(name, QStringLiteral("usb-%1").arg(disk % 10),
                         {{"DEVNAME", "/no-nodes/" + name}});
     }
@@ -159,7 +159,7 @@ TEST_F(BDMonTest, Start_ThousandDevices_AreOneBatch) {
     EXPECT_EQ(batches[0].eventsByDevice->value("usb-7").at(1).seq, 18);
 }
 
-TEST_F(BDMonTest, Start_Twice_DoesNothing) {
+TEST_F(BDMonTest, Start_AlreadyRunning_DoesNothing) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
@@ -170,7 +170,7 @@ TEST_F(BDMonTest, Start_Twice_DoesNothing) {
     EXPECT_EQ(summary(*update().events), QStringList({"1 change /dev/sda"}));
 }
 
-TEST_F(BDMonTest, Start_AfterStop_TellsAgain) {
+TEST_F(BDMonTest, Start_AfterStop_AddsDevicesAgain) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
@@ -179,14 +179,14 @@ TEST_F(BDMonTest, Start_AfterStop_TellsAgain) {
     ASSERT_EQ(batches.size(), 1);
     EXPECT_EQ(summary(*batches[0].events), QStringList({"1 add /dev/sda"}));
     batches.clear();
-    // What was queued for the closed monitor is gone with it.
+    // The event queued before stop() is lost.
     EXPECT_EQ(monitor->update(0), 0);
     EXPECT_TRUE(batches.isEmpty());
     testbed.send(disk, "remove");
     EXPECT_EQ(summary(*update().events), QStringList({"1 remove /dev/sda"}));
 }
 
-TEST_F(BDMonTest, Start_ComesWhileItTells_IsInTheNextUpdate) {
+TEST_F(BDMonTest, Start_DeviceAddedDuringNotify_InNextUpdate) {
     testbed.addDisk("sda", "usb-1");
     onNotify = [this] {
         if (batches.size() == 1)
@@ -199,8 +199,8 @@ TEST_F(BDMonTest, Start_ComesWhileItTells_IsInTheNextUpdate) {
     EXPECT_EQ(summary(*update().events), QStringList({"1 add /dev/sdb"}));
 }
 
-// It listens before it looks, so that nothing can come in between.
-TEST_F(BDMonTest, Start_ComesBeforeItLooks_IsInTheNextUpdateToo) {
+// start() opens the netlink monitor before it enumerates, so that no device is missed in between.
+TEST_F(BDMonTest, Start_DeviceAddedBeforeEnumeration_AlsoInNextUpdate) {
     testbed.addDisk("sda", "usb-1");
     test::beforeUdevEnumerates([this] { testbed.addDisk("sdb", "usb-2"); });
     monitor->start();
@@ -211,7 +211,7 @@ TEST_F(BDMonTest, Start_ComesBeforeItLooks_IsInTheNextUpdateToo) {
     EXPECT_EQ(summary(*update().events), QStringList({"1 add /dev/sdb"}));
 }
 
-TEST_F(BDMonTest, StartAndStop_LeaveNoDescriptor) {
+TEST_F(BDMonTest, StartAndStop_Repeated_LeakNoDescriptor) {
     testbed.setNode("/dev/sda", {512, 1024});
     testbed.addDisk("sda", "usb-1");
     startAndForget();
@@ -230,7 +230,7 @@ TEST_F(BDMonTest, StartAndStop_LeaveNoDescriptor) {
 
 // --- write protection ---------------------------------------------------------------------------
 
-TEST_F(BDMonTest, ProtectedCard_IsKnownWithItsPartitions) {
+TEST_F(BDMonTest, Start_ProtectedCard_DiskAndPartitionsProtected) {
     const QString card = testbed.addDisk("mmcblk0", "platform-sd");
     const QString partition = testbed.addPartition(card, 1);
     testbed.setAttribute(card, "ro", "1\n");
@@ -247,7 +247,7 @@ TEST_F(BDMonTest, ProtectedCard_IsKnownWithItsPartitions) {
     EXPECT_EQ(batches[0].device(1).m_props["DEVPATH"], "/devices/mmcblk0/mmcblk0p1");
 }
 
-TEST_F(BDMonTest, WritableCard_IsKnown) {
+TEST_F(BDMonTest, Start_WritableCard_NotProtected) {
     const QString card = testbed.addDisk("mmcblk0", "platform-sd");
     testbed.setAttribute(card, "ro", "0\n");
     monitor->start();
@@ -256,7 +256,7 @@ TEST_F(BDMonTest, WritableCard_IsKnown) {
     EXPECT_EQ(batches[0].device(0).props().value("WRITE_PROTECTED"), QVariant(false));
 }
 
-TEST_F(BDMonTest, UsbDisk_IsNotAskedForProtection) {
+TEST_F(BDMonTest, Start_UsbDisk_ProtectionNotRead) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     testbed.setAttribute(disk, "ro", "1\n");
     monitor->start();

@@ -1,4 +1,4 @@
-// The interface of the block device monitor: its meta-object and its virtual functions.
+// BDMon: its meta-object and its virtual function table.
 
 #include "bdmontest.h"
 #include "support/suite/slots.h"
@@ -12,7 +12,7 @@
 namespace oru::io::test {
 namespace {
 
-TEST_F(BDMonTest, MetaObject_HasOneSignalAndOneSlot) {
+TEST_F(BDMonTest, MetaObject_Methods_OneSignalAndOneSlot) {
     const QMetaObject& meta = BDMon::staticMetaObject;
     QStringList methods;
     for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
@@ -31,12 +31,12 @@ TEST_F(BDMonTest, MetaObject_HasOneSignalAndOneSlot) {
     EXPECT_STREQ(meta.superClass()->className(), "QObject");
 }
 
-TEST_F(BDMonTest, MetaObject_UpdateWithoutArgument_WaitsForHalfASecond) {
+TEST_F(BDMonTest, MetaObject_UpdateWithoutArgument_WaitsHalfASecond) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
     int result = -1;
-    const milliseconds taken = timeOf([&] {
+    const milliseconds taken = durationOf([&] {
         EXPECT_TRUE(QMetaObject::invokeMethod(monitor, "update", Qt::DirectConnection,
                                               Q_RETURN_ARG(int, result)));
     });
@@ -46,11 +46,11 @@ TEST_F(BDMonTest, MetaObject_UpdateWithoutArgument_WaitsForHalfASecond) {
     EXPECT_LT(taken, milliseconds(500) + atOnce);
 }
 
-TEST_F(BDMonTest, MetaObject_UpdateWithArgument_TakesIt) {
+TEST_F(BDMonTest, MetaObject_UpdateWithArgument_WaitsThatLong) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
-    const milliseconds taken = timeOf([&] {
+    const milliseconds taken = durationOf([&] {
         EXPECT_TRUE(QMetaObject::invokeMethod(monitor, "update", Qt::DirectConnection,
                                               Q_ARG(unsigned int, 900)));
     });
@@ -58,7 +58,7 @@ TEST_F(BDMonTest, MetaObject_UpdateWithArgument_TakesIt) {
     EXPECT_GE(taken, milliseconds(900));
 }
 
-TEST_F(BDMonTest, MetaObject_SignalsParameters_AreTheTypes) {
+TEST_F(BDMonTest, MetaObject_SignalParameters_AreRegisteredTypes) {
     const int notify = BDMon::staticMetaObject.indexOfSignal(
         "notify(oru::io::BDMon::EventListSPtr,oru::io::BDMon::EventListByDeviceSPtr)");
     ASSERT_NE(notify, -1);
@@ -69,24 +69,25 @@ TEST_F(BDMonTest, MetaObject_SignalsParameters_AreTheTypes) {
 
 template <class Base>
 struct Extended : Base {
-    virtual void behind();
+    virtual void next();
 };
 
-TEST(Slots, BDMon_BehindThoseOfQObject) {
-    int slot = slotOf(&Extended<QObject>::behind);
+TEST(Slots, BDMon_FollowQObjectsInOrder) {
+    int slot = slotOf(&Extended<QObject>::next);
     EXPECT_EQ(slotOf(&BDMon::update), slot++);
     EXPECT_EQ(slotOf(&BDMon::start), slot++);
     EXPECT_EQ(slotOf(&BDMon::stop), slot++);
     EXPECT_EQ(slotOf(&BDMon::isRunning), slot++);
-    EXPECT_EQ(slotOf(&Extended<BDMon>::behind), slot);
+    EXPECT_EQ(slotOf(&Extended<BDMon>::next), slot);
 }
 
 } // namespace
 } // namespace oru::io::test
 
 #if defined(__SANITIZE_THREAD__)
-// Libraries that are not instrumented: their locks are not seen, nor what they hand over to another
-// thread: umockdev the answers of a node, Qt the arguments of a queued call.
+// These libraries are not instrumented, so the sanitizer does not see their locks, nor the data
+// that they pass to another thread: umockdev passes ioctl results, Qt the arguments of queued
+// calls.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
     return "called_from_lib:libumockdev.so\n"
            "called_from_lib:libumockdev-preload.so\n"
@@ -102,7 +103,7 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_sup
 int main(int argc, char** argv) {
     if (argc == 3 && std::strcmp(argv[1], "--role") == 0)
         return oru::io::test::runRole(argv[2]);
-    // Without a network of its own only some tests skip themselves.
+    // Without a private network namespace, only the tests that need one are skipped.
     oru::io::test::isolate(oru::io::test::Namespaces::MountAndNetwork);
     const QCoreApplication application(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);

@@ -15,33 +15,33 @@
 namespace oru::io::test {
 namespace {
 
-TEST_F(BDMonTest, Update_BeforeStart_TellsNothing) {
+TEST_F(BDMonTest, Update_BeforeStart_EmitsNothing) {
     testbed.addDisk("sda", "usb-1");
-    EXPECT_LT(timeOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
+    EXPECT_LT(durationOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
     EXPECT_TRUE(batches.isEmpty());
     EXPECT_FALSE(monitor->isRunning());
 }
 
-TEST_F(BDMonTest, Update_AfterStop_TellsNothing) {
+TEST_F(BDMonTest, Update_AfterStop_EmitsNothing) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
     monitor->stop();
-    EXPECT_LT(timeOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
+    EXPECT_LT(durationOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
     EXPECT_TRUE(batches.isEmpty());
 }
 
 TEST_F(BDMonTest, Update_NothingQueued_ReturnsAtOnce) {
     testbed.addDisk("sda", "usb-1");
     startAndForget();
-    EXPECT_LT(timeOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
+    EXPECT_LT(durationOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
     EXPECT_TRUE(batches.isEmpty());
 }
 
-TEST_F(BDMonTest, Update_CardWithTwoPartitions_IsOneBatchOfThree) {
+TEST_F(BDMonTest, Update_CardWithTwoPartitions_OneBatchOfThree) {
     startAndForget();
     const QString card = testbed.addDisk("mmcblk0", "platform-sd");
-    testbed.addPartition(card, 2); // udev's order need not be the numbers'
+    testbed.addPartition(card, 2); // events need not come in the order of the numbers
     testbed.addPartition(card, 1);
     const Batch batch = update();
     const QStringList expected{"1 add /dev/mmcblk0", "2 add /dev/mmcblk0p2",
@@ -57,7 +57,7 @@ TEST_F(BDMonTest, Update_CardWithTwoPartitions_IsOneBatchOfThree) {
     EXPECT_EQ(batch.device(1).m_partNum, 2U);
 }
 
-TEST_F(BDMonTest, Update_SeveralDisks_AreGroupedInTheirOrder) {
+TEST_F(BDMonTest, Update_SeveralDisks_GroupedInEventOrder) {
     startAndForget();
     const QString a = testbed.addDisk("sda", "usb-1");
     const QString b = testbed.addDisk("sdb", "usb-0");
@@ -73,7 +73,7 @@ TEST_F(BDMonTest, Update_SeveralDisks_AreGroupedInTheirOrder) {
               QStringList({"1 add /dev/sda", "3 add /dev/sda1"}));
 }
 
-TEST_F(BDMonTest, Update_NextBatch_CountsFromOneAgain) {
+TEST_F(BDMonTest, Update_NextBatch_NumberedFromOne) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
@@ -131,7 +131,7 @@ TEST_F(BDMonTest, Update_Remove_HasAllProperties) {
     EXPECT_GT(device.m_seqNum, 0);
 }
 
-TEST_F(BDMonTest, Update_AnyAction_IsToldAsUdevHasIt) {
+TEST_F(BDMonTest, Update_AnyAction_PassedUnchanged) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     for (const char* action : {"add", "change", "move", "online", "remove"})
@@ -141,13 +141,13 @@ TEST_F(BDMonTest, Update_AnyAction_IsToldAsUdevHasIt) {
                            "4 online /dev/sda", "5 remove /dev/sda"}));
 }
 
-TEST_F(BDMonTest, Update_Texts_AreUtf8) {
+TEST_F(BDMonTest, Update_NonAsciiLabel_DecodedAsUtf8) {
     startAndForget();
     testbed.addDisk("sda", "usb-1", {{"ID_FS_LABEL", "Bänder"}});
     EXPECT_EQ(update().device(0).m_fsLabel, QString::fromUtf8("Bänder"));
 }
 
-TEST_F(BDMonTest, Update_WithoutIdPath_IsConsumedButNotTold) {
+TEST_F(BDMonTest, Update_DeviceWithoutIdPath_ConsumedButNotReported) {
     const QString loop = testbed.addDisk("loop0", "");
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
@@ -155,29 +155,29 @@ TEST_F(BDMonTest, Update_WithoutIdPath_IsConsumedButNotTold) {
     testbed.send(disk, "change");
     testbed.send(loop, "change");
     EXPECT_EQ(summary(*update().events), QStringList({"1 change /dev/sda"}));
-    EXPECT_LT(timeOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
+    EXPECT_LT(durationOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
     EXPECT_TRUE(batches.isEmpty());
 }
 
-TEST_F(BDMonTest, Update_OnlyWithoutIdPath_TellsNothingButWaits) {
+TEST_F(BDMonTest, Update_OnlyDevicesWithoutIdPath_WaitsAndEmitsNothing) {
     const QString loop = testbed.addDisk("loop0", "");
     startAndForget();
     testbed.send(loop, "change");
-    EXPECT_GE(timeOf([&] { EXPECT_EQ(monitor->update(100), 0); }), milliseconds(100));
+    EXPECT_GE(durationOf([&] { EXPECT_EQ(monitor->update(100), 0); }), milliseconds(100));
     EXPECT_TRUE(batches.isEmpty());
-    EXPECT_LT(timeOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
+    EXPECT_LT(durationOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
 }
 
-TEST_F(BDMonTest, Update_OtherSubsystems_AreNotQueued) {
+TEST_F(BDMonTest, Update_OtherSubsystem_NotQueued) {
     startAndForget();
     testbed.send(testbed.addOther("usb", "1-1", "usb-1"), "change");
-    EXPECT_LT(timeOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
+    EXPECT_LT(durationOf([&] { EXPECT_EQ(monitor->update(20000), 0); }), atOnce);
     EXPECT_TRUE(batches.isEmpty());
 }
 
-TEST_F(BDMonTest, Update_HundredQueued_AllAreToldInOrder) {
+TEST_F(BDMonTest, Update_HundredQueued_AllReportedInOrder) {
     if (UdevTestbed::queueLength() < 100)
-        GTEST_SKIP() << "no network of its own, with longer queues";
+        GTEST_SKIP() << "needs a private network namespace for a longer queue";
     QStringList devices;
     QStringList expected;
     for (int disk = 0; disk < 100; ++disk) {
@@ -199,7 +199,7 @@ TEST_F(BDMonTest, Update_HundredQueued_AllAreToldInOrder) {
     EXPECT_EQ(test::heldUdevObjects(), objects);
 }
 
-TEST_F(BDMonTest, Update_DevicesTheirNodesAndHandles_AreGivenBack) {
+TEST_F(BDMonTest, Update_Repeated_LeaksNoDescriptorOrUdevObject) {
     testbed.setNode("/dev/sda", {512, 1024});
     const QString loop = testbed.addDisk("loop0", "");
     const QString disk = testbed.addDisk("sda", "usb-1");
@@ -217,7 +217,7 @@ TEST_F(BDMonTest, Update_DevicesTheirNodesAndHandles_AreGivenBack) {
     EXPECT_TRUE(noMoreDescriptorsThan(descriptors));
 }
 
-TEST_F(BDMonTest, Update_QueueWasTooShort_WhatItHoldsIsTold) {
+TEST_F(BDMonTest, Update_QueueOverflow_QueuedEventsReported) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
@@ -235,26 +235,26 @@ TEST_F(BDMonTest, Update_InterruptedBySignal_ReceivesAgain) {
 
 // --- quiet time ---------------------------------------------------------------------------------
 
-TEST_F(BDMonTest, Update_AfterTheLastEvent_WaitsForTheQuietTime) {
+TEST_F(BDMonTest, Update_AfterLastEvent_WaitsQuietTime) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     for (const int quietMs : {0, 1, 50, 300, 1100}) {
         testbed.send(disk, "change");
         testbed.send(disk, "change");
-        const milliseconds taken = timeOf(
+        const milliseconds taken = durationOf(
             [&] { EXPECT_EQ(update(static_cast<unsigned int>(quietMs)).events->size(), 2); });
         EXPECT_GE(taken, milliseconds(quietMs));
         EXPECT_LT(taken, milliseconds(quietMs) + atOnce);
     }
 }
 
-TEST_F(BDMonTest, Update_SteadyStream_StaysInsideUntilItEnds) {
+TEST_F(BDMonTest, Update_SteadyStream_ReturnsAfterStreamEnds) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
     Clock::time_point last;
     std::thread stream([&] {
-        for (int i = 0; i < 40; ++i) { // goes on for longer than the quiet time
+        for (int i = 0; i < 40; ++i) { // takes longer than the quiet time
             std::this_thread::sleep_for(milliseconds(20));
             last = Clock::now();
             testbed.send(disk, "change");
@@ -266,7 +266,7 @@ TEST_F(BDMonTest, Update_SteadyStream_StaysInsideUntilItEnds) {
     EXPECT_GE(end - last, milliseconds(600));
 }
 
-TEST_F(BDMonTest, Update_EventWhileItWaits_StartsTheQuietTimeAnew) {
+TEST_F(BDMonTest, Update_EventDuringWait_RestartsQuietTime) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
@@ -283,27 +283,27 @@ TEST_F(BDMonTest, Update_EventWhileItWaits_StartsTheQuietTimeAnew) {
     EXPECT_GE(end - late, milliseconds(1000));
 }
 
-TEST_F(BDMonTest, Update_LongestQuietTime_IsNoShortOne) {
+TEST_F(BDMonTest, Update_LongestQuietTime_KeepsWaiting) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
-    QSemaphore told;
-    onNotify = [&] { told.release(); };
-    test::shortenLongestPolls(5); // each of which is nearly 25 days
+    QSemaphore notified;
+    onNotify = [&] { notified.release(); };
+    test::shortenLongestPolls(5); // the longest poll() lasts nearly 25 days
     const int received = test::receivedUdevDevices();
     std::thread updater([&] { monitor->update(4294967295U); });
     EXPECT_TRUE(test::eventually([&] { return test::receivedUdevDevices() > received; }));
-    EXPECT_FALSE(told.tryAcquire(1, 100));
-    test::failUdevReceive(EBADF, 1); // a failure ends the wait, and the test
+    EXPECT_FALSE(notified.tryAcquire(1, 100));
+    test::failUdevReceive(EBADF, 1); // a failure ends the wait
     testbed.send(disk, "remove");
     updater.join();
-    EXPECT_EQ(told.available(), 1);
+    EXPECT_EQ(notified.available(), 1);
     EXPECT_EQ(summary(*takeBatches().value(0).events), QStringList({"1 change /dev/sda"}));
 }
 
 std::atomic<int> alarms{0};
 
-TEST_F(BDMonTest, Update_Signals_DoNotShortenTheQuietTime) {
+TEST_F(BDMonTest, Update_SignalsDuringWait_QuietTimeNotShortened) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
@@ -314,15 +314,15 @@ TEST_F(BDMonTest, Update_Signals_DoNotShortenTheQuietTime) {
     sigaction(SIGALRM, &count, &before);
     alarms = 0;
     const pthread_t waiter = pthread_self();
-    std::atomic<bool> goesOn{true};
+    std::atomic<bool> isRunning{true};
     std::thread alarmClock([&] {
-        while (goesOn) {
+        while (isRunning) {
             std::this_thread::sleep_for(milliseconds(10));
             pthread_kill(waiter, SIGALRM);
         }
     });
-    const milliseconds taken = timeOf([&] { EXPECT_EQ(update(500).events->size(), 1); });
-    goesOn = false;
+    const milliseconds taken = durationOf([&] { EXPECT_EQ(update(500).events->size(), 1); });
+    isRunning = false;
     alarmClock.join();
     sigaction(SIGALRM, &before, nullptr);
 

@@ -1,4 +1,4 @@
-// What tests of the block device monitor on umockdev's devices share.
+// Fixture for tests of the block device monitor with umockdev's devices.
 #pragma once
 
 #include "support/doubles/udevcalls.h"
@@ -25,10 +25,10 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-/// Far more than anything takes that does not wait.
+/// Upper limit for the duration of a call that does not wait.
 constexpr seconds atOnce(5);
 
-inline milliseconds timeOf(const std::function<void()>& work) {
+inline milliseconds durationOf(const std::function<void()>& work) {
     const auto begin = Clock::now();
     work();
     return std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
@@ -40,13 +40,12 @@ inline int openDescriptors() {
         .size();
 }
 
-/// Whether no more descriptors are open than there were. umockdev's thread may be about to close
-/// its own.
+/// Whether at most `before` descriptors are open. Waits for umockdev's thread to close its own.
 inline bool noMoreDescriptorsThan(int before) {
     return test::eventually([before] { return openDescriptors() <= before; });
 }
 
-/// Each event as "seq action node".
+/// "SEQ ACTION NODE" for each event.
 inline QStringList summary(const QList<BDMon::Event>& events) {
     QStringList lines;
     for (const BDMon::Event& event : events)
@@ -55,7 +54,7 @@ inline QStringList summary(const QList<BDMon::Event>& events) {
     return lines;
 }
 
-/// What a test starts this program for, by name.
+/// Runs the part `role` of a test in a process of its own. \returns the exit status.
 int runRole(const char* role);
 
 class BDMonTest : public ::testing::Test {
@@ -76,7 +75,7 @@ protected:
         test::failUdevReceive(0, 0);
     }
 
-    /// The batches so far, which then count as seen.
+    /// \returns the batches so far, and forgets them.
     QList<Batch> takeBatches() {
         return std::exchange(batches, {});
     }
@@ -84,7 +83,7 @@ protected:
         monitor->start();
         batches.clear();
     }
-    /// The only batch that an update brings.
+    /// Calls update() and expects one batch.
     Batch update(unsigned int quiescentMs = 0) {
         EXPECT_EQ(monitor->update(quiescentMs), 0);
         const QList<Batch> seen = takeBatches();

@@ -1,4 +1,4 @@
-// What tests of a block device on real disks share.
+// Fixture for tests of LinuxBD on a loop disk.
 #pragma once
 
 #include "support/system/disktest.h"
@@ -16,7 +16,7 @@
 
 namespace oru::io::test {
 
-/// A property for each name, as in a call of an operation.
+/// Properties for a call.
 inline Properties with(const char* name, const QVariant& value) {
     return {{name, value}};
 }
@@ -26,13 +26,13 @@ inline Properties with(const char* name, const QVariant& value, const char* name
     return {{name, value}, {name2, value2}};
 }
 
-/// A device as udev would describe it.
+/// A device with the properties that udev would set.
 inline LinuxBD deviceAt(const QString& node, const char* fsType, const char* kind = "partition") {
     Properties properties = {{"DEVNAME", node}, {"DEVTYPE", kind}, {"ID_FS_TYPE", fsType}};
     return LinuxBD(properties);
 }
 
-/// An open file of the system.
+/// Owns a system descriptor.
 class OpenFile {
 public:
     OpenFile(const QString& path, int flags)
@@ -55,7 +55,7 @@ private:
     int m_fd;
 };
 
-/// A disk with one partition that has an ext4 file system.
+/// Has a disk with one partition and an ext4 file system on it.
 class Ext4Test : public DiskTest {
 protected:
     void SetUp() override {
@@ -66,14 +66,14 @@ protected:
         ASSERT_EQ(disk->problem(), "");
         ASSERT_TRUE(makeExt4(node()));
         device = std::make_unique<LinuxBD>(deviceAt(node(), "ext4"));
-        liberrno = LibraryFailure; // for the operations to clear
+        liberrno = LibraryFailure; // the operations must clear it
     }
 
     QString node() const {
         return disk->node(1);
     }
 
-    /// Mounts the device with a file open on it, which keeps it busy.
+    /// Mounts the device and opens a file on it, so that it is busy.
     std::unique_ptr<OpenFile> mountBusy() const {
         if (device->mount(directory(), nullptr) != 0)
             return nullptr;

@@ -1,4 +1,4 @@
-// Mounting and unmounting block devices: real disks with the kernel's file systems.
+// LinuxBD: geometry, mount and umount on loop disks.
 
 #include "ext4test.h"
 #include "support/suite/logcapture.h"
@@ -29,8 +29,8 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// \returns the errno of an attempt to read from the file's beginning; 0 if that works.
-int readingFails(const QString& path) {
+/// \returns the errno of reading the first byte of a file; 0 on success.
+int errnoOfRead(const QString& path) {
     const OpenFile file(path, O_RDONLY);
     char byte;
     return file.fd() == -1 || ::read(file.fd(), &byte, 1) == -1 ? errno : 0;
@@ -40,7 +40,7 @@ int readingFails(const QString& path) {
 
 using LinuxBDNode = DiskTest;
 
-TEST_F(LinuxBDNode, DiskOf4096ByteSectors_CountsThese) {
+TEST_F(LinuxBDNode, SectorsOf4096Bytes_LengthInTheseSectors) {
     const LoopDisk disk(8 * MiB, {}, 4096);
     ASSERT_EQ(disk.problem(), "");
     const LinuxBD device = deviceAt(disk.node(), "", "disk");
@@ -49,7 +49,7 @@ TEST_F(LinuxBDNode, DiskOf4096ByteSectors_CountsThese) {
     EXPECT_EQ(device.capacity(), quint64(8 * MiB));
 }
 
-TEST_F(LinuxBDNode, Vanished_HasNoBlocks) {
+TEST_F(LinuxBDNode, NodeGone_512ByteBlocksAndNoLength) {
     QString node;
     {
         const LoopDisk disk(20 * MiB, onePartition, 4096);
@@ -66,7 +66,7 @@ TEST_F(LinuxBDNode, Vanished_HasNoBlocks) {
 
 using LinuxBDMount = Ext4Test;
 
-TEST_F(LinuxBDMount, Ext4_WritableWithoutAccessTimesAndPrograms) {
+TEST_F(LinuxBDMount, Ext4_ReadWriteNoexecNoatime) {
     LogCapture log("libio=12");
     ASSERT_EQ(device->mount(directory(), nullptr), 0) << std::strerror(errno);
     EXPECT_EQ(liberrno, Ok);
@@ -80,23 +80,23 @@ TEST_F(LinuxBDMount, Ext4_WritableWithoutAccessTimesAndPrograms) {
     EXPECT_EQ(mounts[0].type, "ext4");
     EXPECT_EQ(mounts[0].options, QStringList({"rw", "noexec", "noatime"}));
     EXPECT_THAT(mounts[0].filesystemOptions, Contains(QString("rw")));
-    EXPECT_TRUE(makeFile(directory() + "/file", "text"));
+    EXPECT_TRUE(makeFile(directory() + "/file", "bytes"));
 }
 
-TEST_F(LinuxBDMount, ProgramOnIt_DoesNotRun) {
+TEST_F(LinuxBDMount, Program_NotExecutable) {
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     ASSERT_TRUE(QFile::copy("/bin/true", directory() + "/true"));
     EXPECT_EQ(::access(qPrintable(directory() + "/true"), X_OK), -1);
     EXPECT_EQ(errno, EACCES);
 }
 
-TEST_F(LinuxBDMount, MissingDirectories_AreMade) {
+TEST_F(LinuxBDMount, MissingDirectories_Created) {
     ASSERT_EQ(device->mount(directory("a/b/c"), nullptr), 0) << std::strerror(errno);
     EXPECT_EQ(directoriesOf(node()), QStringList(directory("a/b/c")));
 }
 
 TEST_F(LinuxBDMount, BelowAFile_ENOENT) {
-    ASSERT_TRUE(makeFile(directory("file"), "text"));
+    ASSERT_TRUE(makeFile(directory("file"), "bytes"));
     LogCapture log("libio=12");
     errno = 0;
     EXPECT_EQ(device->mount(directory("file/mnt"), nullptr), -1);
@@ -104,7 +104,7 @@ TEST_F(LinuxBDMount, BelowAFile_ENOENT) {
     EXPECT_EQ(liberrno, Ok);
     EXPECT_THAT(log.messages(), IsEmpty());
     EXPECT_THAT(mountsOf(node()), IsEmpty());
-    EXPECT_EQ(contents(directory("file")), "text");
+    EXPECT_EQ(contents(directory("file")), "bytes");
 }
 
 TEST_F(LinuxBDMount, OnAFile_ENOENT) {
@@ -135,7 +135,7 @@ TEST_F(LinuxBDMount, NoFileSystemOfThatType_EINVAL) {
     EXPECT_THAT(mountsOf(node()), IsEmpty());
 }
 
-TEST_F(LinuxBDMount, TypeThatTheKernelDoesNotKnow_ENODEV) {
+TEST_F(LinuxBDMount, UnknownType_ENODEV) {
     LinuxBD other = deviceAt(node(), "nosuchfs");
     LogCapture log("libio=10");
     EXPECT_EQ(other.mount(directory(), nullptr), -1);
@@ -165,7 +165,7 @@ TEST_F(LinuxBDMount, TwiceOnOneDirectory_EBUSY) {
     EXPECT_EQ(directoriesOf(node()), QStringList(directory()));
 }
 
-TEST_F(LinuxBDMount, Readonly_CannotBeWritten) {
+TEST_F(LinuxBDMount, Readonly_WriteFailsWithEROFS) {
     LogCapture log("libio=12");
     const Properties properties = with("readonly", true);
     ASSERT_EQ(device->mount(directory(), &properties), 0);
@@ -178,7 +178,7 @@ TEST_F(LinuxBDMount, Readonly_CannotBeWritten) {
     EXPECT_EQ(errno, EROFS);
 }
 
-TEST_F(LinuxBDMount, ReadonlyAndRemountFalse_AsWithout) {
+TEST_F(LinuxBDMount, ReadonlyAndRemountFalse_MountedReadWrite) {
     LogCapture log("libio=12");
     const Properties properties = with("readonly", false, "remount", false);
     ASSERT_EQ(device->mount(directory(), &properties), 0);
@@ -189,7 +189,7 @@ TEST_F(LinuxBDMount, ReadonlyAndRemountFalse_AsWithout) {
     EXPECT_EQ(mountsOf(node())[0].options, QStringList({"rw", "noexec", "noatime"}));
 }
 
-TEST_F(LinuxBDMount, WriteProtectedMedium_OnlyReadonly) {
+TEST_F(LinuxBDMount, WriteProtectedMedium_EACCESUnlessReadonly) {
     ASSERT_EQ(runTool({"blockdev", "--setro", node()}).status, 0);
     EXPECT_EQ(device->mount(directory(), nullptr), -1);
     EXPECT_EQ(errno, EACCES);
@@ -198,7 +198,7 @@ TEST_F(LinuxBDMount, WriteProtectedMedium_OnlyReadonly) {
     EXPECT_EQ(mountsOf(node()).size(), 1);
 }
 
-TEST_F(LinuxBDMount, RemountReadonlyAndBack_ChangesTheOneMount) {
+TEST_F(LinuxBDMount, RemountReadonlyAndBack_ChangesSameMount) {
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     LogCapture log("libio=12");
     const Properties readonly = with("remount", true, "readonly", true);
@@ -220,7 +220,7 @@ TEST_F(LinuxBDMount, RemountReadonlyAndBack_ChangesTheOneMount) {
             QString("libio 12 mount %1 %2 ext4 flags 0xc0ed0428 <>\n").arg(node(), directory())));
 }
 
-TEST_F(LinuxBDMount, RemountReadonlyWithAFileOpenForWriting_EBUSY) {
+TEST_F(LinuxBDMount, RemountReadonlyWithFileOpenForWriting_EBUSY) {
     const std::unique_ptr<OpenFile> file = mountBusy();
     ASSERT_TRUE(file);
     LogCapture log("libio=10");
@@ -235,7 +235,7 @@ TEST_F(LinuxBDMount, RemountReadonlyWithAFileOpenForWriting_EBUSY) {
     EXPECT_EQ(::write(file->fd(), "x", 1), 1);
 }
 
-TEST_F(LinuxBDMount, RemountOfWhatIsNotMounted_EINVAL) {
+TEST_F(LinuxBDMount, RemountNotMounted_EINVAL) {
     const Properties properties = with("remount", true);
     EXPECT_EQ(device->mount(directory(), &properties), -1);
     EXPECT_EQ(errno, EINVAL);
@@ -246,7 +246,7 @@ TEST_F(LinuxBDMount, RemountOfWhatIsNotMounted_EINVAL) {
 
 using LinuxBDUmount = Ext4Test;
 
-TEST_F(LinuxBDUmount, NotMounted_SuccessWithoutACall) {
+TEST_F(LinuxBDUmount, NotMounted_SucceedsWithoutCall) {
     LogCapture log("libio=12");
     EXPECT_EQ(device->umount(nullptr), 0);
     EXPECT_EQ(liberrno, Ok);
@@ -254,7 +254,7 @@ TEST_F(LinuxBDUmount, NotMounted_SuccessWithoutACall) {
     EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST_F(LinuxBDUmount, Mounted_IsGone) {
+TEST_F(LinuxBDUmount, Mounted_Unmounted) {
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     LogCapture log("libio=12");
     liberrno = LibraryFailure;
@@ -267,15 +267,15 @@ TEST_F(LinuxBDUmount, Mounted_IsGone) {
                     QString("libio 12 umount '%1' (%2): 0").arg(directory(), node())));
 }
 
-TEST_F(LinuxBDUmount, OtherDevicesMounts_Stay) {
-    // Its node's name begins like that of the device.
+TEST_F(LinuxBDUmount, OtherDevice_StaysMounted) {
+    // The node of the disk is a prefix of the node of its partition.
     const LinuxBD whole = deviceAt(disk->node(), "ext4");
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     EXPECT_EQ(LinuxBD(whole).umount(nullptr), 0);
     EXPECT_EQ(directoriesOf(node()), QStringList(directory()));
 }
 
-TEST_F(LinuxBDUmount, Busy_FailsWithEBUSYUntilItIsNot) {
+TEST_F(LinuxBDUmount, Busy_EBUSYUntilFileClosed) {
     std::unique_ptr<OpenFile> file = mountBusy();
     ASSERT_TRUE(file);
     LogCapture log("libio=12");
@@ -295,7 +295,7 @@ TEST_F(LinuxBDUmount, Busy_FailsWithEBUSYUntilItIsNot) {
     EXPECT_THAT(mountsOf(node()), IsEmpty());
 }
 
-TEST_F(LinuxBDUmount, BusyAndLazy_GoneWhileTheFileStillWorks) {
+TEST_F(LinuxBDUmount, BusyAndLazy_DetachedAndOpenFileUsable) {
     for (const bool value : {true, false}) {
         std::unique_ptr<OpenFile> file = mountBusy();
         ASSERT_TRUE(file);
@@ -304,9 +304,9 @@ TEST_F(LinuxBDUmount, BusyAndLazy_GoneWhileTheFileStillWorks) {
         EXPECT_FALSE(device->m_umountFailed);
         EXPECT_THAT(mountsOf(node()), IsEmpty());
         EXPECT_EQ(::pwrite(file->fd(), "still", 5, 0), 5);
-        char text[5] = {};
-        EXPECT_EQ(::pread(file->fd(), text, sizeof text, 0), 5);
-        EXPECT_EQ(std::string(text, sizeof text), "still");
+        char bytes[5] = {};
+        EXPECT_EQ(::pread(file->fd(), bytes, sizeof bytes, 0), 5);
+        EXPECT_EQ(std::string(bytes, sizeof bytes), "still");
         EXPECT_EQ(::fsync(file->fd()), 0);
         file.reset();
 
@@ -316,7 +316,7 @@ TEST_F(LinuxBDUmount, BusyAndLazy_GoneWhileTheFileStillWorks) {
     }
 }
 
-TEST_F(LinuxBDUmount, OnTwoDirectories_LeavesBothInTheTablesOrder) {
+TEST_F(LinuxBDUmount, TwoDirectories_UnmountedInTableOrder) {
     ASSERT_EQ(device->mount(directory("z"), nullptr), 0);
     ASSERT_EQ(device->mount(directory("a"), nullptr), 0);
     LogCapture log("libio=12");
@@ -330,7 +330,7 @@ TEST_F(LinuxBDUmount, OnTwoDirectories_LeavesBothInTheTablesOrder) {
                     QString("libio 12 umount '%1' (%2): 0").arg(directory("a"), node())));
 }
 
-TEST_F(LinuxBDUmount, FirstOfTwoDirectoriesIsBusy_SecondStays) {
+TEST_F(LinuxBDUmount, FirstOfTwoDirectoriesBusy_SecondStaysMounted) {
     const std::unique_ptr<OpenFile> file = mountBusy();
     ASSERT_TRUE(file);
     ASSERT_EQ(device->mount(directory("second"), nullptr), 0);
@@ -340,7 +340,7 @@ TEST_F(LinuxBDUmount, FirstOfTwoDirectoriesIsBusy_SecondStays) {
     EXPECT_EQ(directoriesOf(node()), QStringList({directory(), directory("second")}));
 }
 
-TEST_F(LinuxBDUmount, AnotherDiskMountedOverIt_BothGo) {
+TEST_F(LinuxBDUmount, OtherDiskMountedOnTop_BothUnmounted) {
     const LoopDisk upper(8 * MiB);
     ASSERT_EQ(upper.problem(), "");
     ASSERT_TRUE(makeExt4(upper.node()));
@@ -356,8 +356,8 @@ TEST_F(LinuxBDUmount, AnotherDiskMountedOverIt_BothGo) {
                     QString("libio 12 umount '%1' (%2): 0").arg(directory(), upper.node())));
 }
 
-// The kernel's table has the blank as "\040", and that is where the device is told to be.
-TEST_F(LinuxBDUmount, MountPointWithABlank_ENOENTAndStays) {
+// The kernel's table contains "\040" for a blank, and umount() passes it on as it is.
+TEST_F(LinuxBDUmount, MountPointWithBlank_ENOENTAndStaysMounted) {
     ASSERT_EQ(device->mount(directory("my card"), nullptr), 0);
     EXPECT_EQ(directoriesOf(node()), QStringList(directory("my card")));
     EXPECT_EQ(umountPath(qPrintable(directory("my card")), nullptr), 0);
@@ -375,7 +375,7 @@ TEST_F(LinuxBDUmount, MountPointWithABlank_ENOENTAndStays) {
             QString("libio 12 umount '%1' (%2): -1").arg(directory("my\\040card"), node())));
 }
 
-TEST_F(LinuxBDUmount, MountedOnTheDevicesNode_IsGone) {
+TEST_F(LinuxBDUmount, MountedOnDeviceNode_Unmounted) {
     ASSERT_TRUE(makeFile(directory("file")));
     ASSERT_EQ(::mount(qPrintable(directory("file")), qPrintable(node()), nullptr, MS_BIND, nullptr),
               0);
@@ -387,15 +387,15 @@ TEST_F(LinuxBDUmount, MountedOnTheDevicesNode_IsGone) {
               QString("libio 12 umount device '%1' from '%1'").arg(node()));
 }
 
-TEST_F(LinuxBDUmount, UnreadableMedium_IsGone) {
+TEST_F(LinuxBDUmount, UnreadableMedium_Unmounted) {
     const QString source = directory("source");
     ASSERT_TRUE(QDir().mkpath(source));
     ASSERT_TRUE(makeFile(source + "/file", QByteArray(100000, 'x')));
     ASSERT_TRUE(makeExt4(node(), {"-F", "-d", source}));
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     ASSERT_EQ(::truncate(qPrintable(disk->image()), 0), 0);
-    // By what the driver first misses.
-    ASSERT_THAT(readingFails(directory() + "/file"), AnyOf(EIO, EBADMSG));
+    // The error depends on the block that the driver reads first.
+    ASSERT_THAT(errnoOfRead(directory() + "/file"), AnyOf(EIO, EBADMSG));
     EXPECT_EQ(device->umount(nullptr), 0) << std::strerror(errno);
     EXPECT_FALSE(device->m_umountFailed);
     EXPECT_FALSE(isMountPoint(directory()));

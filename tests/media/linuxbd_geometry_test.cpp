@@ -1,4 +1,4 @@
-// The geometry that a block device reads from its node.
+// LinuxBD: block size and length read from the node.
 
 #include "bdmontest.h"
 
@@ -7,7 +7,7 @@
 namespace oru::io::test {
 namespace {
 
-class GeometryTest : public ::testing::Test {
+class LinuxBDGeometry : public ::testing::Test {
 protected:
     LinuxBD disk() {
         Properties props{{"DEVNAME", "/dev/sda"}, {"DEVTYPE", "disk"}};
@@ -24,7 +24,7 @@ protected:
     UdevTestbed testbed;
 };
 
-TEST_F(GeometryTest, Disk_CountsInBlocksOfItsSize) {
+TEST_F(LinuxBDGeometry, Disk_512ByteBlocks_LengthFromNode) {
     testbed.setNode("/dev/sda", {512, 7948206080});
     const LinuxBD device = disk();
     EXPECT_EQ(device.m_blkSize, 512U);
@@ -33,7 +33,7 @@ TEST_F(GeometryTest, Disk_CountsInBlocksOfItsSize) {
     EXPECT_EQ(device.m_startBlock, 0U);
 }
 
-TEST_F(GeometryTest, DiskOfLargeBlocks_CountsInThose) {
+TEST_F(LinuxBDGeometry, Disk_4096ByteBlocks_LengthInThoseBlocks) {
     testbed.setNode("/dev/sda", {4096, 8000000000000});
     const LinuxBD device = disk();
     EXPECT_EQ(device.m_blkSize, 4096U);
@@ -41,13 +41,13 @@ TEST_F(GeometryTest, DiskOfLargeBlocks_CountsInThose) {
     EXPECT_EQ(device.capacity(), 8000000000000U);
 }
 
-TEST_F(GeometryTest, DiskNotOfWholeBlocks_IsRoundedDown) {
+TEST_F(LinuxBDGeometry, Disk_PartialLastBlock_RoundedDown) {
     testbed.setNode("/dev/sda", {4096, 3 * 4096 + 4095});
     EXPECT_EQ(disk().m_totalBlocks, 3U);
     EXPECT_EQ(disk().capacity(), 3U * 4096);
 }
 
-TEST_F(GeometryTest, PartitionOfLargeBlocks_IsTakenAsUdevCounts) {
+TEST_F(LinuxBDGeometry, Partition_4096ByteBlocks_NumbersTakenFromUdev) {
     testbed.setNode("/dev/sda", {4096, 8000000000000});
     const LinuxBD device = partition();
     EXPECT_EQ(device.m_blkSize, 4096U);
@@ -56,7 +56,7 @@ TEST_F(GeometryTest, PartitionOfLargeBlocks_IsTakenAsUdevCounts) {
     EXPECT_EQ(device.capacity(), 8192U * 4096);
 }
 
-TEST_F(GeometryTest, NoAnswers_BlocksOf512AndNoLength) {
+TEST_F(LinuxBDGeometry, BothIoctlsFail_512ByteBlocksAndNoLength) {
     testbed.setNode("/dev/sda", {});
     const LinuxBD device = disk();
     EXPECT_EQ(device.m_blkSize, 512U);
@@ -66,27 +66,27 @@ TEST_F(GeometryTest, NoAnswers_BlocksOf512AndNoLength) {
     EXPECT_EQ(partition().capacity(), 8192U * 512);
 }
 
-TEST_F(GeometryTest, NoBlockSize_BlocksOf512) {
+TEST_F(LinuxBDGeometry, BlockSizeIoctlFails_512ByteBlocks) {
     testbed.setNode("/dev/sda", {std::nullopt, 10240});
     EXPECT_EQ(disk().m_blkSize, 512U);
     EXPECT_EQ(disk().m_totalBlocks, 20U);
     EXPECT_EQ(partition().m_blkSize, 512U);
 }
 
-TEST_F(GeometryTest, BlockSizeOf0_BlocksOf512) {
+TEST_F(LinuxBDGeometry, BlockSizeZero_512ByteBlocks) {
     testbed.setNode("/dev/sda", {0, 10240});
     EXPECT_EQ(disk().m_blkSize, 512U);
     EXPECT_EQ(disk().m_totalBlocks, 20U);
 }
 
-TEST_F(GeometryTest, NoLength_NoBlocks) {
+TEST_F(LinuxBDGeometry, LengthIoctlFails_NoBlocks) {
     testbed.setNode("/dev/sda", {4096, std::nullopt});
     EXPECT_EQ(disk().m_blkSize, 4096U);
     EXPECT_EQ(disk().m_totalBlocks, 0U);
     EXPECT_EQ(disk().capacity(), 0U);
 }
 
-TEST_F(GeometryTest, Node_IsClosed) {
+TEST_F(LinuxBDGeometry, Construction_Repeated_NodeClosed) {
     testbed.setNode("/dev/sda", {512, 10240});
     disk();
     const int descriptors = openDescriptors();

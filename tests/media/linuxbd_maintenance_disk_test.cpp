@@ -1,4 +1,4 @@
-// Checking and formatting block devices: real disks and the real maintenance program.
+// LinuxBD: fsck, mkfs and format on loop disks with the real maintenance program.
 
 #include "ext4test.h"
 #include "support/doubles/maintenanceprogram.h"
@@ -26,7 +26,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// With the real maintenance program in its place.
+/// Installs the real maintenance program.
 class MaintenanceTest : public Ext4Test {
 protected:
     void SetUp() override {
@@ -42,7 +42,7 @@ protected:
 
 using LinuxBDFsck = MaintenanceTest;
 
-TEST_F(LinuxBDFsck, Clean_SucceedsAtOnce) {
+TEST_F(LinuxBDFsck, Clean_SucceedsInOneRun) {
     LogCapture log("libio=12");
     EXPECT_EQ(device->fsck(nullptr), 0);
     EXPECT_EQ(liberrno, Ok);
@@ -51,9 +51,9 @@ TEST_F(LinuxBDFsck, Clean_SucceedsAtOnce) {
                                             "libio 12 Run 1 of 3 completed status 0\n"));
 }
 
-TEST_F(LinuxBDFsck, Damaged_IsRepaired) {
+TEST_F(LinuxBDFsck, Damaged_Repaired) {
     ASSERT_TRUE(makeDamagedExt4(node(), directory("source")));
-    ASSERT_TRUE(noteErrors(node()));
+    ASSERT_TRUE(markErrors(node()));
     EXPECT_EQ(device->fsck(nullptr), 0);
     EXPECT_EQ(program->calls().size(), 1);
     EXPECT_TRUE(isSoundExt4(node()));
@@ -62,8 +62,8 @@ TEST_F(LinuxBDFsck, Damaged_IsRepaired) {
     EXPECT_FALSE(QFile::exists(directory() + "/lost"));
 }
 
-// The damage has gone unnoticed so far: only a forced check looks for it.
-TEST_F(LinuxBDFsck, Options_GetThere) {
+// The superblock does not have the error state, so only a forced check finds the damage.
+TEST_F(LinuxBDFsck, Options_PassedToChecker) {
     ASSERT_TRUE(makeDamagedExt4(node(), directory("source")));
     EXPECT_EQ(device->fsck(nullptr), 0);
     EXPECT_FALSE(isSoundExt4(node()));
@@ -74,7 +74,7 @@ TEST_F(LinuxBDFsck, Options_GetThere) {
                                               QStringList{"fsck", "-t", "ext4", node(), "-f -y"}));
 }
 
-TEST_F(LinuxBDFsck, Mounted_IsRefusedEachTime) {
+TEST_F(LinuxBDFsck, Mounted_RefusedOnEveryRetry) {
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     LogCapture log("libio=10");
     EXPECT_EQ(device->fsck(nullptr), inUse);
@@ -88,7 +88,7 @@ TEST_F(LinuxBDFsck, Mounted_IsRefusedEachTime) {
     EXPECT_EQ(directoriesOf(node()), QStringList(directory()));
 }
 
-TEST_F(LinuxBDFsck, Retries_AreAllTheRuns) {
+TEST_F(LinuxBDFsck, Retries_LimitRuns) {
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     const Properties once = with("retries", 1);
     EXPECT_EQ(device->fsck(&once), inUse);
@@ -129,7 +129,7 @@ void PrintTo(const Maker& maker, std::ostream* out) {
 
 class LinuxBDMkfsType : public MaintenanceTest, public testing::WithParamInterface<Maker> {};
 
-TEST_P(LinuxBDMkfsType, NewFileSystem_IsSoundAndLabelled) {
+TEST_P(LinuxBDMkfsType, NewFileSystem_SoundAndLabelled) {
     const QString type = GetParam().type;
     const QString tool = missingTool({"mkfs." + type, "fsck." + type});
     if (!tool.isEmpty())
@@ -151,14 +151,14 @@ INSTANTIATE_TEST_SUITE_P(Types, LinuxBDMkfsType,
                              return std::string(param.param.type);
                          });
 
-TEST_F(LinuxBDMkfs, WithoutAType_FailsAfterOneRun) {
+TEST_F(LinuxBDMkfs, NoType_FailsAfterOneRun) {
     const QString id = tagOf(node(), "UUID");
     EXPECT_EQ(device->mkfs(nullptr), tooFewArguments);
     EXPECT_THAT(program->calls(), ElementsAre(QStringList{"mkfs", "-t", node()}));
     EXPECT_EQ(tagOf(node(), "UUID"), id);
 }
 
-TEST_F(LinuxBDMkfs, Mounted_IsRefused) {
+TEST_F(LinuxBDMkfs, Mounted_Refused) {
     const QString id = tagOf(node(), "UUID");
     ASSERT_EQ(device->mount(directory(), nullptr), 0);
     const Properties properties = with("fs_type", "ext4");
@@ -192,14 +192,14 @@ protected:
     std::unique_ptr<LoopDisk> card;
 };
 
-TEST_F(LinuxBDFormat, PartitionedDisk_HasOneFatPartitionThen) {
+TEST_F(LinuxBDFormat, PartitionedDisk_OneFatPartition) {
     EXPECT_EQ(device->format(nullptr), 0);
     EXPECT_EQ(liberrno, Ok);
     EXPECT_THAT(program->calls(), ElementsAre(QStringList{"format", card->node()}));
     expectFormatted(*card);
 }
 
-TEST_F(LinuxBDFormat, MountedPartition_IsRefused) {
+TEST_F(LinuxBDFormat, MountedPartition_Refused) {
     const QString before = table();
     ASSERT_TRUE(mountFirst());
     LogCapture log("libio=10");
@@ -211,7 +211,7 @@ TEST_F(LinuxBDFormat, MountedPartition_IsRefused) {
     EXPECT_EQ(directoriesOf(card->node(1)), QStringList(directory()));
 }
 
-TEST_F(LinuxBDFormat, Kill_EndsTheUsersAndFormats) {
+TEST_F(LinuxBDFormat, Kill_EndsUsersAndFormats) {
     ASSERT_TRUE(mountFirst());
     const QString ready = directory("ready");
     ChildProcess user([&] {
@@ -222,7 +222,7 @@ TEST_F(LinuxBDFormat, Kill_EndsTheUsersAndFormats) {
             ::pause();
     });
     ASSERT_TRUE(eventually([&] { return QFile::exists(ready); }));
-    const Properties properties = with("kill", false); // asked for by its mere presence
+    const Properties properties = with("kill", false); // the value is ignored
     EXPECT_EQ(device->format(&properties), 0);
     EXPECT_THAT(program->calls(), ElementsAre(QStringList{"format", "-k", card->node()}));
     EXPECT_EQ(user.wait(), -SIGTERM);

@@ -1,15 +1,16 @@
 #!/bin/bash
-# The maintenance program's commands fsck, mkfs and mount.nfs with the real tools on loop disks.
+# Tests the commands fsck and mkfs of the maintenance program with the real tools on loop disks,
+# and mount.nfs with a stand-in for the tool.
 #
 #   sysutils_filesystems_test.sh ORUIO_SYSUTILS
 #
-# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did.
+# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them failed.
 set -u
 
 # shellcheck source=tests/support/system/loopdisks.sh
 source "$(dirname "$0")/../support/system/loopdisks.sh"
 
-# --- the cases: fsck --------------------------------------------------------------------------
+# --- fsck -------------------------------------------------------------------------------------
 
 sound_file_systems_pass() {
     can_use_disks || return
@@ -41,7 +42,7 @@ harmless_damage_of_ext4_is_repaired() {
     refused 40 "$partition still has errors" fsck -t ext4 "$partition" '-f -n'
     succeeds fsck -t ext4 "$partition"
     expect grep -q 'inode .*CLEARED' "$work/out"
-    expect [ "$(grep -c 'Pass 1' "$work/out")" -eq 0 ] # one step was enough
+    expect [ "$(grep -c 'Pass 1' "$work/out")" -eq 0 ] # -p was enough, -y did not run
     expect is_clean ext4 "$partition" -f
     expect has_text <(debugfs -R 'cat /file' "$partition" 2>/dev/null) precious
     release_disks
@@ -66,7 +67,7 @@ damaged_vfat_is_repaired() {
     can_use_disks || return
     new_partitioned_disk 64M
     mkfs.vfat -F 16 "$partition" >/dev/null
-    # Two clusters that belong to no file, in the first of two tables.
+    # Two clusters that belong to no file, only in the first of the two tables.
     printf '\003\000\377\377' |
         dd of="$partition" bs=1 seek=$((4 * 512 + 4)) conv=notrunc,nocreat,fsync status=none
     refused 40 "$partition still has errors" fsck -t vfat "$partition" -n
@@ -82,14 +83,14 @@ damaged_exfat_is_repaired() {
     can_use_disks || return
     new_partitioned_disk 64M
     mkfs.exfat "$partition" >/dev/null
-    zero "$partition" $((11 * 512)) 512 # the checksum; there is a second one
+    zero "$partition" $((11 * 512)) 512 # the checksum of the boot region; a backup region exists
     expect [ "$(is_clean exfat "$partition" && echo clean)" = '' ]
     succeeds fsck -t exfat "$partition"
     expect is_clean exfat "$partition"
     release_disks
 }
 
-what_cannot_be_checked_is_reported() {
+failed_check_is_reported() {
     can_use_disks mkswap || return
     new_partitioned_disk 32M
     refused 28 "$partition has no file system" fsck "$partition"
@@ -109,7 +110,7 @@ what_cannot_be_checked_is_reported() {
     release_disks
 }
 
-# --- the cases: mkfs --------------------------------------------------------------------------
+# --- mkfs -------------------------------------------------------------------------------------
 
 file_systems_are_made() {
     local type
@@ -155,7 +156,7 @@ options_are_not_evaluated() {
     can_use_disks || return
     new_partitioned_disk 64M
     cd "$clips" || return
-    # shellcheck disable=SC2016 # nothing in them is to be expanded
+    # shellcheck disable=SC2016 # must not be expanded
     for label in '*' '$HOME' '$(echo)' '`id`' ';id' '"x"' "'" '\0101'; do
         succeeds mkfs -t ext4 "$partition" "-L $label"
         expect [ "$(dumpe2fs -h "$partition" 2>/dev/null | sed -n 's/.*volume name: *//p')" = \
@@ -174,13 +175,13 @@ options_cannot_name_another_device() {
     mkfs.ext4 -q "$other"
     new_partitioned_disk 32M
     for type in ext4 vfat exfat; do
-        export POSIXLY_CORRECT=1 # the tools would take it for a reason to read options first
+        export POSIXLY_CORRECT=1 # makes the tools stop at the first argument that is not an option
         refused 42 "no file system on $partition: mkfs.$type ended with status" \
             mkfs -t $type "$partition" "-v $other"
         refused 42 "no file system on $partition: mkfs.$type ended with status" \
             mkfs -t $type "$partition" "-- $other"
         refused 42 "no file system on $partition: mkfs.$type ended with status" \
-            mkfs -t $type "$partition" "-v $other ${label[$type]}" # what follows is the label
+            mkfs -t $type "$partition" "-v $other ${label[$type]}" # the device becomes the label
         unset POSIXLY_CORRECT
     done
     mkfs.ext4 -q "$partition"
@@ -188,7 +189,7 @@ options_cannot_name_another_device() {
     release_disks
 }
 
-# --- the cases: mount.nfs ---------------------------------------------------------------------
+# --- mount.nfs --------------------------------------------------------------------------------
 
 nfs_is_mounted() {
     can_use_disks || return
@@ -223,7 +224,7 @@ $clips"
 }
 
 run_cases sound_file_systems_pass harmless_damage_of_ext4_is_repaired damaged_ext4_is_repaired \
-    damaged_vfat_is_repaired damaged_exfat_is_repaired what_cannot_be_checked_is_reported \
+    damaged_vfat_is_repaired damaged_exfat_is_repaired failed_check_is_reported \
     file_systems_are_made file_systems_are_made_on_disks_without_partitions \
     options_are_split_into_words options_are_not_evaluated options_cannot_name_another_device \
     nfs_is_mounted

@@ -1,17 +1,20 @@
 #!/bin/bash
-# The maintenance program's command format with the real tools on loop disks.
+# Tests the command format of the maintenance program, and concurrent runs, with the real tools on
+# loop disks.
 #
 #   sysutils_format_test.sh ORUIO_SYSUTILS
 #
-# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did.
+# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them failed.
+# shellcheck disable=SC2119 # the arguments of can_use_disks are optional
 set -u
 
 # shellcheck source=tests/support/system/loopdisks.sh
 source "$(dirname "$0")/../support/system/loopdisks.sh"
 
-# --- the cases: format ------------------------------------------------------------------------
+# --- format -----------------------------------------------------------------------------------
 
-# expect_formatted SIZE START CODE TYPE VERSION
+# expect_formatted SIZE START CODE TYPE VERSION: formats a new disk of this size and expects this
+# layout and version of the file system.
 expect_formatted() {
     new_disk "$1"
     succeeds format "$disk"
@@ -21,7 +24,7 @@ expect_formatted() {
     release_disks
 }
 
-cards_are_formatted_as_their_size_asks() {
+layout_depends_on_size() {
     can_use_disks || return
     expect_formatted 16M 128 4 vfat FAT16
     expect_formatted 32M 128 6 vfat FAT16
@@ -31,7 +34,8 @@ cards_are_formatted_as_their_size_asks() {
     expect_formatted 32769M 32768 7 exfat 1.0
 }
 
-bytes_per_cluster() {
+# The field sectors per cluster of a FAT boot sector.
+sectors_per_cluster() {
     od -An -tu1 -j13 -N1 "$1" | tr -d ' '
 }
 
@@ -40,16 +44,16 @@ clusters_are_of_the_standard_size() {
     new_disk 8G
     succeeds format "$disk"
     expect_layout 8192 c vfat
-    expect [ "$(bytes_per_cluster "${disk}p1")" -eq 64 ]
+    expect [ "$(sectors_per_cluster "${disk}p1")" -eq 64 ]
     release_disks
     new_disk 8G --sector-size 4096
     succeeds format "$disk"
     expect_layout 1024 c vfat 4096
-    expect [ "$(bytes_per_cluster "${disk}p1")" -eq 8 ]
+    expect [ "$(sectors_per_cluster "${disk}p1")" -eq 8 ]
     release_disks
 }
 
-old_contents_are_gone() {
+old_contents_are_removed() {
     can_use_disks || return
     new_disk 64M
     printf 'start=1MiB, size=16MiB\nsize=16MiB\nsize=16MiB\n' |
@@ -73,7 +77,7 @@ old_contents_are_gone() {
     release_disks
 }
 
-environment_changes_nothing() {
+environment_is_ignored() {
     can_use_disks || return
     new_disk 64M
     mkdir "$clips/bin"
@@ -87,8 +91,8 @@ environment_changes_nothing() {
     release_disks
 }
 
-# In the first seconds of the system there are digits that would be octal ones.
-first_second_is_like_others() {
+# The shell takes the hundredths "08" in /proc/uptime for an invalid octal number.
+uptime_with_leading_zero_is_decimal() {
     can_use_disks || return
     new_disk 32M
     echo '0.08 0.00' >"$clips/uptime"
@@ -98,7 +102,7 @@ first_second_is_like_others() {
     release_disks
 }
 
-link_with_blanks_is_a_name() {
+link_with_blanks_is_formatted() {
     can_use_disks || return
     new_disk 64M
     ln -s "$disk" "$clips/a  card *"
@@ -107,7 +111,8 @@ link_with_blanks_is_a_name() {
     release_disks
 }
 
-# expect_tool_failure TOOL STATUS PATTERN: that is how format ends if the tool fails.
+# expect_tool_failure TOOL STATUS PATTERN: expects that format fails with this status and error
+# message if the tool fails.
 expect_tool_failure() {
     local tools=$clips/failing-$1
     mkdir "$tools"
@@ -138,7 +143,7 @@ missing_tools_are_reported() {
     new_ext4
     mkdir "$clips/tools"
     for tool in fsck.vfat mkfs.exfat mount.nfs sfdisk; do
-        mknod "$clips/tools/$tool" c 0 0 # to an overlay, that is a removed file
+        mknod "$clips/tools/$tool" c 0 0 # a removed file of the overlay (whiteout)
     done
     stack_tools "$clips/tools"
     refused 11 'fsck.vfat is not installed' fsck -t vfat "$partition"
@@ -150,7 +155,7 @@ missing_tools_are_reported() {
     release_disks
 }
 
-# --- the cases: format -k ---------------------------------------------------------------------
+# --- format -k --------------------------------------------------------------------------------
 
 users_are_ended() {
     local bystander file_user node_user stubborn_user
@@ -169,7 +174,7 @@ users_are_ended() {
     bystander=$user
     (cd "$clips/another mount" && exec sleep 1000) &
     expect wait_until [ "/proc/$!/cwd" -ef "$clips/another mount" ]
-    succeeds format -k "$disk" 2>/dev/null # the shell tells of one that is killed
+    succeeds format -k "$disk" 2>/dev/null # the shell reports the killed process
     expect_ended_by $! 15
     expect_ended_by "$file_user" 15
     expect_ended_by "$node_user" 15
@@ -183,7 +188,7 @@ users_are_ended() {
     release_disks
 }
 
-whoever_waits_for_the_program_is_spared() {
+ancestors_of_the_program_are_not_ended() {
     local other
     can_use_disks || return
     new_ext4
@@ -194,12 +199,12 @@ whoever_waits_for_the_program_is_spared() {
     cd "$clips/mount" || return
     refused 27 "$disk is in use by process $$, which must not be ended" format -k "$disk"
     cd / || return
-    expect_alive "$other" # it would have been in vain
+    expect_alive "$other" # no process is ended if one must not be
     expect is_mounted "$clips/mount"
     release_disks
 }
 
-mount_that_cannot_be_undone_is_reported() {
+failed_unmount_is_reported() {
     can_use_disks || return
     new_ext4
     mount_on "$partition" "$clips/mount"
@@ -211,10 +216,10 @@ mount_that_cannot_be_undone_is_reported() {
     release_disks
 }
 
-# --- the cases: two at a time -----------------------------------------------------------------
+# --- concurrent runs --------------------------------------------------------------------------
 
-# Starts a run that makes an ext4 file system on $partition and stays in the middle of it until
-# something is written to $clips/go. It is $first.
+# Starts a run of mkfs on $partition, as $first. It stops in mkfs.ext4 until a line is written to
+# $clips/go.
 start_long_run() {
     mkdir "$clips/tools"
     mkfifo "$clips/begun" "$clips/go"
@@ -231,14 +236,14 @@ SCRIPT
     expect read -r -t 15 _ <>"$clips/begun"
 }
 
-# Ends the wait of a stand-in, once that waits.
-let_go() {
-    # shellcheck disable=SC2016 # that shell expands it
+# Lets a stand-in continue that reads $clips/go; waits until it does.
+continue_run() {
+    # shellcheck disable=SC2016 # expanded by that shell
     expect timeout 15 sh -c 'echo >"$1"' sh "$clips/go"
 }
 
 end_long_run() {
-    let_go
+    continue_run
     wait "$first"
     expect [ $? -eq 0 ]
     umount /usr/sbin
@@ -254,7 +259,7 @@ second_run_is_refused() {
     release_disks
 }
 
-second_run_waits_for_a_while() {
+second_run_waits_for_the_lock() {
     local second
     can_use_disks || return
     new_partitioned_disk 64M
@@ -270,13 +275,14 @@ second_run_waits_for_a_while() {
     release_disks
 }
 
-waiting_run_is_no_user() {
+waiting_run_is_not_ended() {
     local second
     can_use_disks || return
     new_partitioned_disk 64M
     mkdir "$clips/tools"
     mkfifo "$clips/begun" "$clips/go"
-    # At the time of the first look for users, the second run waits.
+    # The first run takes the lock and stops. The second run waits for the lock when the first one
+    # searches for processes that use the disk.
     cat >"$clips/tools/flock" <<SCRIPT
 #!/bin/sh
 /usr/bin/flock "\$@" || exit
@@ -292,7 +298,7 @@ SCRIPT
     "$sysutils" format "$disk" >"$work/out" 2>"$work/err" &
     second=$!
     expect wait_until is_waiting_for_lock "$second"
-    let_go
+    continue_run
     wait "$first"
     expect [ $? -eq 0 ]
     wait "$second"
@@ -302,9 +308,8 @@ SCRIPT
     release_disks
 }
 
-run_cases cards_are_formatted_as_their_size_asks clusters_are_of_the_standard_size \
-    old_contents_are_gone environment_changes_nothing first_second_is_like_others \
-    link_with_blanks_is_a_name failing_tools_are_reported missing_tools_are_reported \
-    users_are_ended whoever_waits_for_the_program_is_spared \
-    mount_that_cannot_be_undone_is_reported second_run_is_refused second_run_waits_for_a_while \
-    waiting_run_is_no_user
+run_cases layout_depends_on_size clusters_are_of_the_standard_size old_contents_are_removed \
+    environment_is_ignored uptime_with_leading_zero_is_decimal link_with_blanks_is_formatted \
+    failing_tools_are_reported missing_tools_are_reported users_are_ended \
+    ancestors_of_the_program_are_not_ended failed_unmount_is_reported second_run_is_refused \
+    second_run_waits_for_the_lock waiting_run_is_not_ended

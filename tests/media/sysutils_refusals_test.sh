@@ -1,15 +1,17 @@
 #!/bin/bash
-# The maintenance program's checks of its command line and of the device.
+# Tests which command lines and devices the maintenance program refuses, with the real tools on
+# loop disks.
 #
 #   sysutils_refusals_test.sh ORUIO_SYSUTILS
 #
-# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did.
+# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them failed.
+# shellcheck disable=SC2119 # the arguments of new_ext4 are optional
 set -u
 
 # shellcheck source=tests/support/system/loopdisks.sh
 source "$(dirname "$0")/../support/system/loopdisks.sh"
 
-# --- the cases: the command line --------------------------------------------------------------
+# --- the command line -------------------------------------------------------------------------
 
 commands_are_checked() {
     refused 3 'no command'
@@ -71,27 +73,27 @@ nfs_targets_are_checked() {
     refused 30 '/dev/null is not a directory' mount.nfs -r '[fe80::1]:/export' /dev/null soft
 }
 
-others_than_root_are_refused() {
+other_users_than_root_are_refused() {
     local command
     if [ "$(id -u)" -ne 0 ]; then
         command=("$sysutils")
     elif [ "$(unshare -U id -u 2>/dev/null)" != 0 ] && unshare -U true 2>/dev/null; then
         command=(unshare -U "$sysutils")
     else
-        skipped="root cannot be somebody else here"
+        skipped="cannot create a user namespace"
         return
     fi
     for arguments in 'fsck /dev/null' 'mkfs -t ext4 /dev/null' 'format /dev/null' \
         'mount.nfs server:/export /'; do
-        # shellcheck disable=SC2086 # they are several
+        # shellcheck disable=SC2086 # several words
         run "${command[@]}" $arguments
         expect_error 10 'only root may do that' oruio_sysutils
     done
 }
 
-# --- the cases: which devices -----------------------------------------------------------------
+# --- devices ----------------------------------------------------------------------------------
 
-what_is_no_block_device_is_refused() {
+other_files_than_block_devices_are_refused() {
     local device
     can_use_disks || return
     touch "$clips/file"
@@ -105,8 +107,8 @@ what_is_no_block_device_is_refused() {
     refused 20 "$clips/absent is of no device" format "$clips/absent"
 }
 
-# Gone since it was found: what sysfs had of it is missing.
-device_that_has_gone_is_refused() {
+# A device that is removed while the program runs: its files in sysfs are missing.
+removed_device_is_refused() {
     local place
     can_use_disks || return
     new_disk 4G
@@ -117,14 +119,14 @@ device_that_has_gone_is_refused() {
     refused 20 "$disk has gone" format -k "$disk"
     refused 20 "$disk has gone" fsck -t ext4 "$disk"
     echo 8388608 >"$clips/place/size"
-    refused 20 "$disk has gone" format "$disk" # for want of its block size
+    refused 20 "$disk has gone" format "$disk" # its block size is missing
     refused 20 "$disk has gone" mkfs -t ext4 "$disk"
     echo 65536 >"$clips/place/size"
-    refused 20 "$disk has gone" format "$disk" # nobody has protected it
+    refused 20 "$disk has gone" format "$disk" # its read-only flag is missing
     release_disks
 }
 
-disks_and_partitions_are_told_apart() {
+wrong_kind_of_device_is_refused() {
     can_use_disks || return
     new_ext4
     refused 21 "$partition is a partition" format "$partition"
@@ -176,7 +178,7 @@ devices_mounted_elsewhere_are_refused() {
     can_use_disks || return
     new_ext4
     mkdir "$clips/mount"
-    # shellcheck disable=SC2016 # that shell expands it
+    # shellcheck disable=SC2016 # expanded by that shell
     unshare -m sh -c 'mount "$1" "$2" && exec sleep 1000' sh "$partition" "$clips/mount" &
     expect wait_until grep -qs "$clips/mount" "/proc/$!/mountinfo"
     expect wait_until grep -qsx sleep "/proc/$!/comm"
@@ -191,7 +193,7 @@ swap_space_is_refused() {
     new_partitioned_disk 32M
     mkswap -q "$partition"
     if ! swapon "$partition" 2>/dev/null; then
-        skipped="there is no swapping here"
+        skipped="cannot enable swap space"
         release_disks
         return
     fi
@@ -203,7 +205,8 @@ swap_space_is_refused() {
     release_disks
 }
 
-# Neither device-mapper nor md are everywhere: a mount has the kernel tell of them.
+# A bind mount over "holders" in sysfs stands in for device-mapper and md, which not every kernel
+# has.
 parts_of_other_devices_are_refused() {
     can_use_disks || return
     new_partitioned_disk 32M
@@ -224,7 +227,7 @@ used_disks_are_not_formatted() {
     release_disks
 }
 
-passing_look_at_a_disk_is_waited_for() {
+short_use_of_a_disk_is_waited_for() {
     local option
     can_use_disks || return
     new_disk 32M
@@ -246,22 +249,22 @@ SCRIPT
     release_disks
 }
 
-# --- the cases: the running system's disks ----------------------------------------------------
+# --- the disks of the running system ----------------------------------------------------------
 
-# Only with a command that would do nothing bad if it were not refused.
+# Uses fsck -n: harmless if it is not refused.
 root_disk_is_refused() {
     local root
     can_use_disks || return
     root=/dev/$(basename "$(readlink -e "/sys/dev/block/$(mountpoint -d /)")")
     if [ ! -b "$root" ]; then
-        skipped="the root file system is on no disk"
+        skipped="the root file system is not on a disk"
         return
     fi
     run "$sysutils" fsck -t ext4 "$root" -n
     expect_error 22 "$root is on a disk of the running system" oruio_sysutils
 }
 
-# $disk, with another partition of which something is mounted on /boot, is refused.
+# Expects that $disk is refused with both of its partitions; one of them is mounted on /boot.
 expect_system_disk() {
     refused 22 "$disk is on a disk of the running system" format "$disk"
     refused 22 "$disk is on a disk of the running system" format -k "$disk"
@@ -330,11 +333,12 @@ disk_below_a_mapped_device_is_refused() {
 }
 
 run_cases commands_are_checked arguments_are_counted options_are_checked types_are_checked \
-    nfs_targets_are_checked others_than_root_are_refused what_is_no_block_device_is_refused \
-    device_that_has_gone_is_refused disks_and_partitions_are_told_apart \
-    impossible_sizes_are_refused write_protected_devices_are_refused mounted_devices_are_refused \
+    nfs_targets_are_checked other_users_than_root_are_refused \
+    other_files_than_block_devices_are_refused removed_device_is_refused \
+    wrong_kind_of_device_is_refused impossible_sizes_are_refused \
+    write_protected_devices_are_refused mounted_devices_are_refused \
     devices_mounted_elsewhere_are_refused swap_space_is_refused \
     parts_of_other_devices_are_refused used_disks_are_not_formatted \
-    passing_look_at_a_disk_is_waited_for root_disk_is_refused disk_of_the_system_is_refused \
+    short_use_of_a_disk_is_waited_for root_disk_is_refused disk_of_the_system_is_refused \
     disk_below_an_overlay_is_refused disk_with_an_image_of_the_system_is_refused \
     disk_below_a_mapped_device_is_refused
