@@ -1,4 +1,4 @@
-// Locations of local media on real disks: selecting a partition and mounting it.
+// Local media locations on loop disks: selection of the partition, mount and umount.
 
 #include "locationdisk.h"
 
@@ -24,9 +24,9 @@ constexpr char twoEqualPartitions[] = "label: gpt\n"
                                       "start=1MiB, size=8MiB, type=linux\n"
                                       "start=9MiB, size=8MiB, type=linux\n";
 
-// --- what is selected ---------------------------------------------------------------------------
+// --- selection ----------------------------------------------------------------------------------
 
-TEST_F(LocationDisk, EfiAndTwoDataPartitions_LargerDataPartitionIsSelected) {
+TEST_F(LocationDisk, EfiAndTwoDataPartitions_LargerDataPartitionSelected) {
     const LoopDisk disk(40 * MiB, efiAndTwoPartitions);
     ASSERT_EQ(disk.problem(), "");
     for (const int number : {1, 2, 3})
@@ -39,7 +39,7 @@ TEST_F(LocationDisk, EfiAndTwoDataPartitions_LargerDataPartitionIsSelected) {
     EXPECT_EQ(location().mount(nullptr), 0);
     EXPECT_EQ(devicesAt(directory()), QStringList(disk.node(3)));
 
-    // The same when it was there before the monitor.
+    // The same for a disk that is present when the monitor starts.
     ASSERT_EQ(location().umount(nullptr), 0);
     BDMon::instance()->stop();
     slot = std::make_unique<MediaLocation>("card", idPath(), directory());
@@ -48,21 +48,21 @@ TEST_F(LocationDisk, EfiAndTwoDataPartitions_LargerDataPartitionIsSelected) {
     expectSelected(disk.node(), disk.node(3));
 }
 
-TEST_F(LocationDisk, TwoOfEqualSize_FirstToArriveIsSelected) {
+TEST_F(LocationDisk, TwoEqualPartitions_FirstAddedSelected) {
     const LoopDisk disk(20 * MiB, twoEqualPartitions);
     ASSERT_EQ(disk.problem(), "");
     ASSERT_TRUE(makeExt4(disk.node(1)) && makeExt4(disk.node(2)));
     ASSERT_TRUE(udevd->setIdPath(disk.name(), idPath()));
-    // One by one: together they come in any order.
-    ASSERT_TRUE(disk.tell("add") && udevd->settle());
-    ASSERT_TRUE(disk.tell("add", 2) && udevd->settle());
-    ASSERT_TRUE(disk.tell("add", 1));
+    // One by one: events sent together arrive in any order.
+    ASSERT_TRUE(disk.sendUevent("add") && udevd->settle());
+    ASSERT_TRUE(disk.sendUevent("add", 2) && udevd->settle());
+    ASSERT_TRUE(disk.sendUevent("add", 1));
     const Batch arrived = update();
     ASSERT_TRUE(arrived.events);
     ASSERT_EQ(arrived.events->size(), 3);
     expectSelected(disk.node(), disk.node(2));
 
-    // What is there already is told of in the order of its numbers.
+    // start() reports the partitions in the order of their numbers.
     BDMon::instance()->stop();
     const Batch present = start();
     ASSERT_TRUE(present.events);
@@ -70,7 +70,7 @@ TEST_F(LocationDisk, TwoOfEqualSize_FirstToArriveIsSelected) {
     expectSelected(disk.node(), disk.node(1));
 }
 
-TEST_F(LocationDisk, AnyPartitionRemoved_EndsTheSelection) {
+TEST_F(LocationDisk, AnyPartitionRemoved_SelectionCleared) {
     for (const int number : {1, 2, 3}) {
         SCOPED_TRACE(number);
         const LoopDisk disk(40 * MiB, efiAndTwoPartitions);
@@ -86,9 +86,9 @@ TEST_F(LocationDisk, AnyPartitionRemoved_EndsTheSelection) {
         EXPECT_EQ(location().access(), StorageLocation::None);
         EXPECT_FALSE(isMountPoint(directory()));
 
-        // Of those that are left, only what is told of anew is taken.
+        // A remaining partition is selected only after another "add" event.
         const int left = number == 3 ? 2 : 3;
-        ASSERT_TRUE(disk.tell("add", left));
+        ASSERT_TRUE(disk.sendUevent("add", left));
         ASSERT_TRUE(update().events);
         expectSelected(disk.node(), disk.node(left));
         ASSERT_TRUE(unplug(disk));
@@ -97,7 +97,7 @@ TEST_F(LocationDisk, AnyPartitionRemoved_EndsTheSelection) {
     }
 }
 
-TEST_F(LocationDisk, DiskRemoved_LeavesNothingToDo) {
+TEST_F(LocationDisk, DiskRemoved_OperationsFailWithNotFound) {
     const LoopDisk disk(20 * MiB, onePartition);
     ASSERT_TRUE(makeExt4(disk.node(1)));
     insert(disk);
@@ -115,7 +115,7 @@ TEST_F(LocationDisk, DiskRemoved_LeavesNothingToDo) {
     expectNoneSelected("-");
 }
 
-TEST_F(LocationDisk, WithoutATable_IsItsOwnPartition) {
+TEST_F(LocationDisk, NoPartitionTable_DiskSelected) {
     const LoopDisk disk(20 * MiB);
     ASSERT_TRUE(makeExt4(disk.node()));
     insert(disk);
@@ -131,18 +131,18 @@ TEST_F(LocationDisk, WithoutATable_IsItsOwnPartition) {
     expectNoneSelected("-");
 }
 
-TEST_F(LocationDisk, WithoutAFileSystem_IsPresentButCannotBeMounted) {
+TEST_F(LocationDisk, NoFileSystem_PresentButCannotBeMounted) {
     const LoopDisk disk(20 * MiB, onePartition);
     insert(disk);
     EXPECT_EQ(location().access(), StorageLocation::Presence);
-    EXPECT_EQ(fact("part"), "-");
-    EXPECT_EQ(fact("selected"), disk.node());
+    EXPECT_EQ(field("part"), "-");
+    EXPECT_EQ(field("selected"), disk.node());
     expectRefused([&] { return location().mount(nullptr); }, NotFound);
     EXPECT_EQ(location().access(), StorageLocation::None);
     EXPECT_FALSE(isMountPoint(directory()));
 }
 
-TEST_F(LocationDisk, TwoDisksInOneBatch_EachLocationTakesItsOwn) {
+TEST_F(LocationDisk, TwoDisksInOneBatch_EachLocationUsesItsOwn) {
     MediaLocation other("other", idPath(2), directory("other"));
     other.followMonitor();
     const LoopDisk disk(20 * MiB, onePartition);
@@ -157,8 +157,8 @@ TEST_F(LocationDisk, TwoDisksInOneBatch_EachLocationTakesItsOwn) {
     ASSERT_EQ(batch.events->size(), 5);
     expectSelected(disk.node(), disk.node(1));
     EXPECT_EQ(other.location.access(), StorageLocation::Presence);
-    EXPECT_EQ(other.location.facts()["disk"], otherDisk.node());
-    EXPECT_EQ(other.location.facts()["part"], otherDisk.node(2));
+    EXPECT_EQ(other.location.state()["disk"], otherDisk.node());
+    EXPECT_EQ(other.location.state()["part"], otherDisk.node(2));
 
     ASSERT_EQ(location().mount(nullptr), 0);
     ASSERT_EQ(other.location.mount(nullptr), 0);
@@ -176,14 +176,14 @@ TEST_F(LocationDisk, TwoDisksInOneBatch_EachLocationTakesItsOwn) {
     expectNoneSelected("-");
     EXPECT_EQ(other.location.access(), StorageLocation::Write);
     EXPECT_EQ(other.location.umount(nullptr), 0);
-    EXPECT_EQ(other.changesTold, 0);
+    EXPECT_EQ(other.accessChanges, 0);
 }
 
 // --- mounting -----------------------------------------------------------------------------------
 
-TEST_F(LocationCard, Mounted_FilesAreOnTheCard) {
+TEST_F(LocationCard, Mounted_FilesOnCard) {
     EXPECT_EQ(location().mount(nullptr), 0);
-    EXPECT_EQ(fact("mountOk"), "yes");
+    EXPECT_EQ(field("mountOk"), "yes");
     expectMounted(StorageLocation::Write, "rw");
     EXPECT_TRUE(makeFile(files(), "/clip", "film"));
     EXPECT_EQ(contents(*FSSwitch::rootfs(), directory() + "/clip"), "film");
@@ -200,15 +200,15 @@ TEST_F(LocationCard, Mounted_FilesAreOnTheCard) {
     EXPECT_EQ(contents(files(), "/second"), "more");
 }
 
-TEST_F(LocationCard, MountedAgain_IsTheSameMountWithOtherOptions) {
+TEST_F(LocationCard, MountedAgain_SameMountWithOtherOptions) {
     EXPECT_EQ(location().mount(nullptr), 0);
-    EXPECT_EQ(location().mount(&readonlyFalse), 0); // that it is there counts
+    EXPECT_EQ(location().mount(&readonlyFalse), 0); // the value is ignored
     expectMounted(StorageLocation::Read, "ro");
     EXPECT_EQ(location().mount(nullptr), 0);
     expectMounted(StorageLocation::Write, "rw");
 }
 
-TEST_F(LocationCard, MkReadOnlyAndBack_OnlyTheMediumIsMadeWriteable) {
+TEST_F(LocationCard, MkReadOnlyThenMkWriteable_AccessStaysRead) {
     ASSERT_EQ(location().mount(nullptr), 0);
     ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     EXPECT_EQ(location().mkReadOnly(), 0);
@@ -218,9 +218,9 @@ TEST_F(LocationCard, MkReadOnlyAndBack_OnlyTheMediumIsMadeWriteable) {
     EXPECT_EQ(errno, EROFS);
 
     EXPECT_EQ(location().mkWriteable(), 0);
-    expectMounted(StorageLocation::Read, "rw"); // what access() tells stays
+    expectMounted(StorageLocation::Read, "rw"); // access() does not change
     EXPECT_TRUE(makeFile(files(), "/second", "more"));
-    EXPECT_EQ(location().mkReadOnly(), 0); // for the location it is
+    EXPECT_EQ(location().mkReadOnly(), 0); // access() is Read already: nothing to do
     expectMounted(StorageLocation::Read, "rw");
 
     EXPECT_EQ(location().mount(nullptr), 0);
@@ -230,37 +230,37 @@ TEST_F(LocationCard, MkReadOnlyAndBack_OnlyTheMediumIsMadeWriteable) {
     expectMounted(StorageLocation::Read, "ro");
 }
 
-TEST_F(LocationCard, MkReadOnlyOfWhatIsNotMounted_MountsIt) {
+TEST_F(LocationCard, MkReadOnlyNotMounted_MountsReadOnly) {
     EXPECT_EQ(location().mkReadOnly(), 0);
     expectMounted(StorageLocation::Read, "ro");
     EXPECT_EQ(location().umount(nullptr), 0);
     expectNotMounted(StorageLocation::Presence);
 }
 
-TEST_F(LocationCard, MkWriteableOfWhatIsNotMounted_LocationDoesNotNotice) {
+TEST_F(LocationCard, MkWriteableNotMounted_LocationStateUnchanged) {
     EXPECT_EQ(location().mkWriteable(), 0);
     EXPECT_EQ(options(), QStringList({"rw", "noexec", "noatime"}));
     EXPECT_EQ(location().access(), StorageLocation::Presence);
-    EXPECT_EQ(fact("mounted"), "no");
-    EXPECT_EQ(fact("mountOk"), "no");
-    EXPECT_EQ(location().umount(nullptr), 0); // of nothing
+    EXPECT_EQ(field("mounted"), "no");
+    EXPECT_EQ(field("mountOk"), "no");
+    EXPECT_EQ(location().umount(nullptr), 0); // not mounted by mount(): nothing to do
     EXPECT_EQ(devicesAt(directory()), QStringList(card->node(1)));
 }
 
-TEST_F(LocationCard, MkReadOnlyWhileAFileIsWritten_FailsAndIsStillMounted) {
+TEST_F(LocationCard, MkReadOnlyWithFileOpenForWriting_FailsAndStaysMounted) {
     ASSERT_EQ(location().mount(nullptr), 0);
     const QSharedPointer<File> file = files().open("/clip", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
     expectRefused([&] { return location().mkReadOnly(); }, NotFound);
     expectMounted(StorageLocation::None, "rw");
-    EXPECT_EQ(fact("mountOk"), "no");
+    EXPECT_EQ(field("mountOk"), "no");
     EXPECT_EQ(file->write("film", 4), 4);
     EXPECT_EQ(file->close(), 0);
     EXPECT_EQ(location().umount(nullptr), 0);
     expectNotMounted(StorageLocation::None);
 }
 
-TEST_F(LocationCard, MountPointOfTheCaller_HasToBeGivenToUmountAsWell) {
+TEST_F(LocationCard, CallersMountPoint_NeededByUmountToo) {
     Properties elsewhere = {{"mountPoint", directory("else/where")}};
     EXPECT_EQ(location().mount(&elsewhere), 0);
     EXPECT_EQ(location().access(), StorageLocation::Write);
@@ -269,16 +269,16 @@ TEST_F(LocationCard, MountPointOfTheCaller_HasToBeGivenToUmountAsWell) {
     expectNotMounted(StorageLocation::Presence);
 }
 
-TEST_F(LocationCard, UmountWhileAFileIsOpen_EBUSYUnlessLazy) {
+TEST_F(LocationCard, UmountWithFileOpen_EBUSYUnlessLazy) {
     ASSERT_EQ(location().mount(nullptr), 0);
     const QSharedPointer<File> file = files().open("/clip", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
     EXPECT_EQ(location().umount(nullptr), -1);
     EXPECT_EQ(errno, EBUSY);
     expectMounted(StorageLocation::Write, "rw");
-    EXPECT_EQ(fact("mountOk"), "yes");
+    EXPECT_EQ(field("mountOk"), "yes");
 
-    EXPECT_EQ(location().umount(&lazyFalse), 0); // that it is there counts
+    EXPECT_EQ(location().umount(&lazyFalse), 0); // the value is ignored
     expectNotMounted(StorageLocation::Presence);
     EXPECT_EQ(file->write("still", 5), 5);
     EXPECT_EQ(file->fsync(), 0);
@@ -287,7 +287,7 @@ TEST_F(LocationCard, UmountWhileAFileIsOpen_EBUSYUnlessLazy) {
     EXPECT_EQ(contents(files(), "/clip"), "still");
 }
 
-TEST_F(LocationCard, DisableWhileMounted_IsRefused) {
+TEST_F(LocationCard, DisableWhileMounted_Fails) {
     EXPECT_EQ(location().enable(), 0);
     for (Properties* how : {static_cast<Properties*>(nullptr), &readonlyFalse}) {
         ASSERT_EQ(location().mount(how), 0);
@@ -295,12 +295,12 @@ TEST_F(LocationCard, DisableWhileMounted_IsRefused) {
         expectRefused([&] { return location().disable(); }, Ok);
         EXPECT_THAT(log.messages(),
                     ElementsAre(QString("stg 9 card: disable of mounted media fails\n")));
-        EXPECT_EQ(fact("enabled"), "yes");
+        EXPECT_EQ(field("enabled"), "yes");
         EXPECT_TRUE(isMountPoint(directory()));
     }
     ASSERT_EQ(location().umount(nullptr), 0);
     EXPECT_EQ(location().disable(), 0);
-    EXPECT_EQ(fact("enabled"), "no");
+    EXPECT_EQ(field("enabled"), "no");
 }
 
 } // namespace

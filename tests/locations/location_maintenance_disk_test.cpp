@@ -1,4 +1,4 @@
-// Locations of local media on real disks: checking, formatting and write protection.
+// Local media locations on loop disks: check, format and write protection.
 
 #include "locationdisk.h"
 
@@ -15,14 +15,14 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST_F(LocationCard, CheckOfASoundCard_FindsNothing) {
+TEST_F(LocationCard, CheckSoundCard_FindsNothing) {
     EXPECT_EQ(location().check(), 0);
     EXPECT_THAT(program->calls(), ElementsAre(QStringList{"fsck", "-t", "ext4", card->node(1)}));
     EXPECT_EQ(location().access(), StorageLocation::Presence);
 }
 
-TEST_F(LocationCard, CheckOfADamagedCard_RepairsIt) {
-    ASSERT_TRUE(makeDamagedExt4(card->node(1), directory("source")) && noteErrors(card->node(1)));
+TEST_F(LocationCard, CheckDamagedCard_Repaired) {
+    ASSERT_TRUE(makeDamagedExt4(card->node(1), directory("source")) && markErrors(card->node(1)));
     EXPECT_EQ(location().check(), 0);
     EXPECT_EQ(program->calls().size(), 1);
     EXPECT_TRUE(isSoundExt4(card->node(1)));
@@ -33,14 +33,14 @@ TEST_F(LocationCard, CheckOfADamagedCard_RepairsIt) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(LocationCard, CheckWhileMounted_IsTriedAndFails) {
+TEST_F(LocationCard, CheckWhileMounted_FailsAfterAllRetries) {
     ASSERT_EQ(location().mount(nullptr), 0);
     EXPECT_EQ(location().check(), inUse);
     EXPECT_EQ(program->calls().size(), FSCK_RETRIES);
     expectMounted(StorageLocation::Write, "rw");
 }
 
-TEST_F(LocationCard, FormatWhileMounted_IsRefusedWithoutTheProgram) {
+TEST_F(LocationCard, FormatWhileMounted_FailsWithoutProgramRun) {
     ASSERT_EQ(location().mount(nullptr), 0);
     ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     LogCapture log("stg=11");
@@ -53,7 +53,7 @@ TEST_F(LocationCard, FormatWhileMounted_IsRefusedWithoutTheProgram) {
     EXPECT_EQ(contents(files(), "/clip"), "film");
 }
 
-TEST_F(LocationCard, Formatted_NewPartitionIsSelected) {
+TEST_F(LocationCard, Formatted_NewPartitionSelected) {
     const QString tool = missingToFormat();
     if (!tool.isEmpty())
         GTEST_SKIP() << tool.toStdString() << " is not installed";
@@ -63,14 +63,14 @@ TEST_F(LocationCard, Formatted_NewPartitionIsSelected) {
     EXPECT_THAT(program->calls(), ElementsAre(QStringList{"format", card->node()}));
     expectFormatted(*card);
 
-    // The partition was removed and added.
+    // The monitor reports "remove" and "add" for the partition.
     ASSERT_TRUE(update().events);
     expectSelected(card->node(), card->node(1));
     EXPECT_EQ(location().selectedPart()->m_fsType, "vfat");
 }
 
-// It is larger than its new partition, and nobody tells the location what it is now.
-TEST_F(LocationDisk, FormattedWithoutATable_DiskStaysSelectedUntilItIsPluggedInAgain) {
+// The disk is larger than its new partition, and no event says that the disk's file system is gone.
+TEST_F(LocationDisk, FormattedWithoutTable_DiskSelectedUntilPluggedInAgain) {
     const QString tool = missingToFormat();
     if (!tool.isEmpty())
         GTEST_SKIP() << tool.toStdString() << " is not installed";
@@ -83,14 +83,14 @@ TEST_F(LocationDisk, FormattedWithoutATable_DiskStaysSelectedUntilItIsPluggedInA
     expectSelected(disk.node(), disk.node());
     expectRefused([&] { return location().mount(nullptr); }, NotFound);
 
-    ASSERT_TRUE(disk.tell("remove", 1) && disk.tell("remove"));
+    ASSERT_TRUE(disk.sendUevent("remove", 1) && disk.sendUevent("remove"));
     ASSERT_TRUE(plugIn(disk));
     ASSERT_TRUE(update().events);
     expectSelected(disk.node(), disk.node(1));
     EXPECT_EQ(location().selectedPart()->m_fsType, "vfat");
 }
 
-TEST_F(LocationCard, UnplugAndPlugIn_BeginsAnew) {
+TEST_F(LocationCard, OtherCardPluggedIn_Selected) {
     ASSERT_EQ(location().mount(nullptr), 0);
     ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     ASSERT_EQ(location().umount(nullptr), 0);
@@ -108,8 +108,8 @@ TEST_F(LocationCard, UnplugAndPlugIn_BeginsAnew) {
 
 // --- write protection ---------------------------------------------------------------------------
 
-// Only SD cards have a switch that the location knows of.
-TEST_F(LocationCard, DiskThatCannotBeWritten_IsOnlyMountedReadOnly) {
+// The location reads the write protection of SD cards only.
+TEST_F(LocationCard, ReadOnlyDisk_MountsOnlyReadOnly) {
     ASSERT_TRUE(card->setWriteProtected(true));
     EXPECT_FALSE(location().isWriteProtected());
     expectRefused([&] { return location().mount(nullptr); }, NotFound);
@@ -119,7 +119,8 @@ TEST_F(LocationCard, DiskThatCannotBeWritten_IsOnlyMountedReadOnly) {
     expectMounted(StorageLocation::Read, "ro");
     EXPECT_FALSE(files().open("/clip", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
-    expectRefused([&] { return location().mkWriteable(); }, Ok); // the device's failure
+    expectRefused([&] { return location().mkWriteable(); },
+                  Ok); // mount(2) fails, which sets no code of the library
     expectMounted(StorageLocation::Read, "ro");
 
     ASSERT_EQ(location().umount(nullptr), 0);
@@ -127,7 +128,7 @@ TEST_F(LocationCard, DiskThatCannotBeWritten_IsOnlyMountedReadOnly) {
     EXPECT_EQ(tagOf(card->node(1), "TYPE"), "ext4");
 }
 
-/// The slot of a reader for SD cards: it tells of the state of their switch.
+/// Has the location of an SD card reader, which reports the write-protection switch.
 class LocationSdCard : public LocationDisk {
 protected:
     void SetUp() override {
@@ -141,22 +142,21 @@ protected:
     }
     void TearDown() override {
         if (reader) {
-            EXPECT_EQ(reader->changesTold, 0);
+            EXPECT_EQ(reader->accessChanges, 0);
         }
         LocationDisk::TearDown();
     }
 
-    /// What udev tells of the disk, with a place in /sys such as that of a card, from which one
-    /// gets to the real switch.
+    /// Copies the events and replaces DEVPATH by a path named like that of a card, which has a link
+    /// to the file "ro" of the loop disk.
     BDMon::EventListSPtr asCard(const QList<BDMon::Event>& events) const {
         auto result = BDMon::EventListSPtr::create();
         for (const BDMon::Event& event : events) {
             Properties props = event.dev->m_props;
-            const QString place =
-                directory("mmcblk0") + '/' + QString::number(event.dev->m_partNum);
-            QDir().mkpath(place);
-            QFile::link("/sys" + event.dev->m_devPath + "/ro", place + "/ro");
-            props[UDEV_DEVPATH] = "/.." + place;
+            const QString card = directory("mmcblk0") + '/' + QString::number(event.dev->m_partNum);
+            QDir().mkpath(card);
+            QFile::link("/sys" + event.dev->m_devPath + "/ro", card + "/ro");
+            props[UDEV_DEVPATH] = "/.." + card;
             result->append(BDMon::Event(event.seq, event.action, new LinuxBD(props)));
         }
         return result;
@@ -173,7 +173,7 @@ protected:
     std::unique_ptr<MediaLocation> reader;
 };
 
-TEST_F(LocationSdCard, SwitchIsOn_NothingThatWritesIsDone) {
+TEST_F(LocationSdCard, SwitchOn_WritingOperationsFail) {
     ASSERT_TRUE(card->setWriteProtected(true));
     insertCard();
     OpenLocation& sd = reader->location;
@@ -204,22 +204,22 @@ TEST_F(LocationSdCard, SwitchIsOn_NothingThatWritesIsDone) {
     EXPECT_EQ(tagOf(card->node(1), "TYPE"), "ext4");
 }
 
-TEST_F(LocationSdCard, SwitchTurnedOff_CanBeWrittenWhenItIsPluggedInAgain) {
+TEST_F(LocationSdCard, SwitchTurnedOff_WritableOncePluggedInAgain) {
     ASSERT_TRUE(card->setWriteProtected(true));
     insertCard();
     OpenLocation& sd = reader->location;
     ASSERT_TRUE(sd.isWriteProtected());
     ASSERT_TRUE(card->setWriteProtected(false));
-    EXPECT_TRUE(sd.isWriteProtected()) << "as it was when it came";
+    EXPECT_TRUE(sd.isWriteProtected()) << "read when the card was added";
 
-    ASSERT_TRUE(card->tell("remove", 1) && card->tell("remove"));
+    ASSERT_TRUE(card->sendUevent("remove", 1) && card->sendUevent("remove"));
     const Batch batch = update();
     ASSERT_TRUE(batch.events);
     ASSERT_EQ(sd.processBDEvents(asCard(*batch.events)), 0);
     EXPECT_FALSE(sd.isWriteProtected());
     insertCard();
     EXPECT_FALSE(sd.isWriteProtected());
-    EXPECT_TRUE(sd.m_writeProtected) << "one of its media was";
+    EXPECT_TRUE(sd.m_writeProtected) << "stays set after one protected medium";
     EXPECT_EQ(sd.mount(nullptr), 0);
     EXPECT_EQ(sd.access(), StorageLocation::Write);
     EXPECT_TRUE(makeFile(*reader->fs, "/clip", "film"));

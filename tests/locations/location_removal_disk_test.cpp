@@ -1,4 +1,4 @@
-// Locations of local media on real disks: a card is removed while it is mounted.
+// Local media locations on loop disks: the card is removed while it is mounted.
 
 #include "locationdisk.h"
 #include "support/system/childprocess.h"
@@ -15,10 +15,10 @@ namespace {
 
 using testing::AnyOf;
 
-/// What writing fails with: the latter once the kernel has given the file system up.
-const auto gaveUp = AnyOf(EIO, EROFS);
+/// The errors of writing to a removed card. EROFS: the kernel has made the file system read-only.
+const auto ioErrorOrReadOnly = AnyOf(EIO, EROFS);
 
-/// The card is mounted and will be pulled out.
+/// Has the card mounted, with a file on it.
 class LocationPulledOut : public LocationCard {
 protected:
     void SetUp() override {
@@ -29,15 +29,15 @@ protected:
         ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     }
 
-    /// Has the location know.
-    void learn() {
+    /// Delivers the removal to the location.
+    void processRemoval() {
         ASSERT_TRUE(update().events);
         expectNoneSelected("-");
-        EXPECT_EQ(fact("mounted"), "yes") << "for the owner to unmount";
+        EXPECT_EQ(field("mounted"), "yes") << "the application must unmount it";
         EXPECT_EQ(devicesAt(directory()), QStringList(card->node(1)));
         udevd->clearIdPath(card->name());
     }
-    /// The next one works.
+    /// Inserts another card and expects that it can be mounted and written.
     void expectNextCardWorks() {
         const std::unique_ptr<LoopDisk> next = makeCard();
         insert(*next);
@@ -55,26 +55,26 @@ protected:
     }
 };
 
-TEST_F(LocationPulledOut, WhileReading_ReadingFailsAndTheRestWorks) {
-    // Of what was written just now, the kernel has a copy.
+TEST_F(LocationPulledOut, WhileReading_ReadFailsAndNextCardWorks) {
+    // Empties the page cache of the file system.
     ASSERT_EQ(location().umount(nullptr), 0);
     ASSERT_EQ(location().mount(nullptr), 0);
     const QSharedPointer<File> clip = files().open("/clip", O_RDONLY, 0);
     ASSERT_TRUE(clip);
     ASSERT_TRUE(card->pullOut());
-    EXPECT_EQ(location().access(), StorageLocation::Write) << "nobody has told it";
+    EXPECT_EQ(location().access(), StorageLocation::Write) << "the removal has not been delivered";
     char byte;
     EXPECT_EQ(clip->read(&byte, 1), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(clip->close(), 0);
-    learn();
+    processRemoval();
     EXPECT_EQ(location().umount(nullptr), 0) << std::strerror(errno);
     expectNotMounted(StorageLocation::None);
     EXPECT_TRUE(eventually([&] { return !card->isAttached(); }));
     expectNextCardWorks();
 }
 
-TEST_F(LocationPulledOut, WhileRecording_RecordingFailsAndTheRestWorks) {
+TEST_F(LocationPulledOut, WhileRecording_WriteFailsAndNextCardWorks) {
     const QSharedPointer<File> clip =
         FSSwitch::rootfs()->open(directory() + "/clip", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(clip);
@@ -83,8 +83,8 @@ TEST_F(LocationPulledOut, WhileRecording_RecordingFailsAndTheRestWorks) {
     std::thread recorder([&] {
         const QByteArray block(64 * 1024, 'x');
         const auto isRecorded = [&] {
-            const int place = blocks % 16 * block.size(); // however long it takes
-            return clip->pwrite(block.constData(), block.size(), place) == block.size() &&
+            const int offset = blocks % 16 * block.size(); // limits the file size
+            return clip->pwrite(block.constData(), block.size(), offset) == block.size() &&
                    clip->fdatasync() == 0;
         };
         while (isRecorded())
@@ -94,36 +94,36 @@ TEST_F(LocationPulledOut, WhileRecording_RecordingFailsAndTheRestWorks) {
     EXPECT_TRUE(eventually([&] { return blocks > 4; }, 60));
     EXPECT_TRUE(card->pullOut());
     recorder.join();
-    EXPECT_THAT(reason.load(), gaveUp);
+    EXPECT_THAT(reason.load(), ioErrorOrReadOnly);
 
-    learn();
+    processRemoval();
     EXPECT_EQ(location().umount(nullptr), -1);
     EXPECT_EQ(errno, EBUSY);
-    EXPECT_EQ(fact("mounted"), "yes");
+    EXPECT_EQ(field("mounted"), "yes");
     EXPECT_EQ(clip->close(), 0);
     EXPECT_EQ(location().umount(nullptr), 0) << std::strerror(errno);
     expectNotMounted(StorageLocation::None);
     expectNextCardWorks();
 }
 
-TEST_F(LocationPulledOut, UnmountedLazilyWhileAFileIsOpen_NextCardWorksBesideIt) {
+TEST_F(LocationPulledOut, UnmountedLazilyWithFileOpen_NextCardWorks) {
     const QSharedPointer<File> clip = files().open("/clip", O_RDWR, 0);
     ASSERT_TRUE(clip);
     ASSERT_TRUE(card->pullOut());
-    learn();
+    processRemoval();
     EXPECT_EQ(location().umount(&lazyFalse), 0) << std::strerror(errno);
     expectNotMounted(StorageLocation::None);
-    EXPECT_TRUE(card->isAttached()) << "the file holds it";
+    EXPECT_TRUE(card->isAttached()) << "the open file keeps it attached";
     expectNextCardWorks();
     EXPECT_FALSE(clip->pwrite("late", 4, 0) == 4 && clip->fdatasync() == 0);
-    EXPECT_THAT(errno, gaveUp);
+    EXPECT_THAT(errno, ioErrorOrReadOnly);
     EXPECT_EQ(clip->close(), 0);
     EXPECT_TRUE(eventually([&] { return !card->isAttached(); }));
 }
 
-TEST_F(LocationPulledOut, NextCardMountedBeforeTheUnmount_BothGo) {
+TEST_F(LocationPulledOut, NextCardMountedBeforeUnmount_BothUnmounted) {
     ASSERT_TRUE(card->pullOut());
-    learn();
+    processRemoval();
     const std::unique_ptr<LoopDisk> next = makeCard();
     insert(*next);
     expectSelected(next->node(), next->node(1));
@@ -132,7 +132,7 @@ TEST_F(LocationPulledOut, NextCardMountedBeforeTheUnmount_BothGo) {
     EXPECT_TRUE(makeFile(files(), "/next", "more"));
     EXPECT_EQ(location().umount(nullptr), 0);
     expectNotMounted(StorageLocation::Presence);
-    EXPECT_EQ(fact("part"), next->node(1));
+    EXPECT_EQ(field("part"), next->node(1));
 }
 
 } // namespace

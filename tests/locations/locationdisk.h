@@ -1,4 +1,4 @@
-// Locations of local media on real disks: fixtures.
+// Fixtures for tests of local media locations on loop disks.
 #pragma once
 
 #include "support/doubles/maintenanceprogram.h"
@@ -19,7 +19,7 @@
 
 namespace oru::io::test {
 
-/// With one slot.
+/// Has one location, which follows the monitor, and the real maintenance program.
 class LocationDisk : public MonitorTest {
 protected:
     void SetUp() override {
@@ -34,7 +34,7 @@ protected:
     }
     void TearDown() override {
         if (slot) {
-            EXPECT_EQ(slot->changesTold, 0) << "that is for the owner";
+            EXPECT_EQ(slot->accessChanges, 0) << "only the application emits accessChanged";
         }
     }
 
@@ -44,20 +44,20 @@ protected:
     FS& files() {
         return slot->files();
     }
-    QString fact(const char* name) {
-        return slot->fact(name);
+    QString field(const char* name) {
+        return slot->field(name);
     }
     void insert(const LoopDisk& disk) {
         ASSERT_EQ(disk.problem(), "");
         ASSERT_TRUE(plugIn(disk));
         ASSERT_TRUE(update().events);
     }
-    /// The location has no selected partition; `disk` is what it knows of a disk.
+    /// Expects that no partition is selected and that the location has this disk.
     void expectNoneSelected(const QString& disk) {
         EXPECT_EQ(location().access(), StorageLocation::None);
-        EXPECT_EQ(fact("present"), "no");
-        EXPECT_EQ(fact("disk"), disk);
-        EXPECT_EQ(fact("part"), "-");
+        EXPECT_EQ(field("present"), "no");
+        EXPECT_EQ(field("disk"), disk);
+        EXPECT_EQ(field("part"), "-");
     }
     void expectSelected(const QString& disk, const QString& part) {
         slot->expectSelected(disk, part);
@@ -68,7 +68,7 @@ protected:
     std::unique_ptr<MediaLocation> slot;
 };
 
-/// A card with one partition is in the slot.
+/// Has a card with one partition inserted.
 class LocationCard : public LocationDisk {
 protected:
     void SetUp() override {
@@ -84,22 +84,22 @@ protected:
         EXPECT_TRUE(makeExt4(made->node(1)));
         return made;
     }
-    /// "rw" or "ro", and the rest, as the kernel has them; nothing unless it is mounted once.
+    /// The mount options of the card; empty unless it is mounted exactly once.
     QStringList options() const {
         const QList<Mount> mounts = mountsOf(card->node(1));
         return mounts.size() == 1 ? mounts[0].options : QStringList();
     }
-    /// The location is mounted so, with all that the kernel has to say of that.
+    /// Expects this access, and one mount of the card with `option`, "rw" or "ro".
     void expectMounted(StorageLocation::AccessType access, const char* option) {
         EXPECT_EQ(location().access(), access);
-        EXPECT_EQ(fact("mounted"), "yes");
+        EXPECT_EQ(field("mounted"), "yes");
         EXPECT_EQ(devicesAt(directory()), QStringList(card->node(1)));
         EXPECT_EQ(options(), QStringList({option, "noexec", "noatime"}));
     }
     void expectNotMounted(StorageLocation::AccessType access) {
         EXPECT_EQ(location().access(), access);
-        EXPECT_EQ(fact("mounted"), "no");
-        EXPECT_EQ(fact("mountOk"), "no");
+        EXPECT_EQ(field("mounted"), "no");
+        EXPECT_EQ(field("mountOk"), "no");
         EXPECT_FALSE(isMountPoint(directory()));
         EXPECT_THAT(mountsOf(card->node(1)), testing::IsEmpty());
     }

@@ -20,7 +20,6 @@ using test::MemFS;
 using test::ScriptedNfs;
 using test::ScriptedSmb;
 
-// With the slash at its end that the switch gives it.
 const QString nowhere = QStringLiteral("/no/such/directory/");
 
 class RemoteLocationTest : public ::testing::Test {
@@ -62,7 +61,7 @@ TEST_F(RemoteLocationTest, MountAndUmount_ConnectAndDisconnect) {
     EXPECT_EQ(smb->calls.last(), "connect second");
 }
 
-TEST_F(RemoteLocationTest, Nfs_Likewise) {
+TEST_F(RemoteLocationTest, Nfs_ConnectsAndDisconnects) {
     RemoteLocation export_("export", nfs, &props);
     EXPECT_FALSE(export_.ping());
     EXPECT_EQ(export_.mount(nullptr), 0);
@@ -75,7 +74,7 @@ TEST_F(RemoteLocationTest, Nfs_Likewise) {
                                        "connect first"}));
 }
 
-TEST_F(RemoteLocationTest, OtherFileSystems_HaveNoConnection) {
+TEST_F(RemoteLocationTest, OtherFileSystem_CannotBeMounted) {
     RemoteLocation local("local", FS::SPtr(new MemFS), &props);
     EXPECT_EQ(local.mount(nullptr), -1);
     EXPECT_EQ(local.umount(nullptr), 0);
@@ -93,7 +92,7 @@ TEST_F(RemoteLocationTest, OtherFileSystems_HaveNoConnection) {
     EXPECT_TRUE(none.ping());
 }
 
-TEST_F(RemoteLocationTest, Probe_MarkerIsMadeAndRemoved) {
+TEST_F(RemoteLocationTest, Probe_MarkerCreatedAndRemoved) {
     bool writable = false;
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
     EXPECT_TRUE(writable);
@@ -104,7 +103,7 @@ TEST_F(RemoteLocationTest, Probe_MarkerIsMadeAndRemoved) {
     EXPECT_EQ(smb->files.stat(marker, st), -1);
     EXPECT_EQ(location.access(), StorageLocation::None);
 
-    // Connected already; in a directory, with a serial number.
+    // Already connected; in a directory, with a serial number.
     setenv("SERIAL_NUMBER", "123", 1);
     smb->files.mkdir("media", 0755);
     smb->calls.clear();
@@ -118,18 +117,18 @@ TEST_F(RemoteLocationTest, Probe_MarkerIsMadeAndRemoved) {
     EXPECT_FALSE(writable);
 }
 
-TEST_F(RemoteLocationTest, ProbeOfNothing_DoesNothing) {
+TEST_F(RemoteLocationTest, ProbeOfNothing_MakesNoCall) {
     EXPECT_EQ(location.probe(nullptr, nullptr, true), 0);
     EXPECT_TRUE(smb->calls.isEmpty());
 }
 
-TEST_F(RemoteLocationTest, ProbeUnreachable_LeavesTheAnswerAlone) {
+TEST_F(RemoteLocationTest, ProbeUnreachable_ResultUnchanged) {
     smb->result = -1;
     bool writable = true;
     EXPECT_EQ(location.probe(&writable, nullptr, false), -1);
     EXPECT_TRUE(writable);
     EXPECT_EQ(smb->calls, (QStringList{"isConnected", "connect first", "disconnect"}));
-    // What lies beneath an export that is not mounted is not the share.
+    // A failed probe of an export must not create the marker below the mount point.
     RemoteLocation export_("export", nfs, &props);
     nfs->result = 32;
     EXPECT_EQ(export_.probe(&writable, nullptr, false), 32);
@@ -137,10 +136,10 @@ TEST_F(RemoteLocationTest, ProbeUnreachable_LeavesTheAnswerAlone) {
     EXPECT_EQ(nfs->calls.last(), "disconnect");
     nfs->result = 0;
     EXPECT_EQ(export_.probe(&writable, nullptr, false), 0);
-    EXPECT_EQ(nfs->calls.last(), "unlink /ORU-write-check-unknown"); // within the mount point
+    EXPECT_EQ(nfs->calls.last(), "unlink /ORU-write-check-unknown"); // relative to the mount point
 }
 
-TEST_F(RemoteLocationTest, TheRest_AsTheBaseOrNothingToDo) {
+TEST_F(RemoteLocationTest, OtherOperations_NotImplementedOrNoEffect) {
     EXPECT_EQ(location.check(), 1);
     EXPECT_EQ(location.mkReadOnly(), -1);
     EXPECT_EQ(liberrno, NotImplemented);

@@ -22,7 +22,7 @@ using test::MemFS;
 using test::OpenLocation;
 using test::slotOf;
 
-TEST(StorageLocation, New_NothingIsKnown) {
+TEST(StorageLocation, New_FieldsEmpty) {
     Properties props = {{"key", "value"}};
     const FS::SPtr fs{new MemFS};
     StorageLocation location("place", fs, &props);
@@ -57,17 +57,17 @@ TEST(StorageLocation, Operations_NotImplemented) {
     EXPECT_EQ(location.disable(), 0);
 }
 
-TEST(StorageLocation, Straccess_Texts) {
-    const char* const texts[] = {"Invalid", "None", "Presence", "Read", "Write", "Invalid"};
+TEST(StorageLocation, Straccess_EachAccess_Name) {
+    const char* const names[] = {"Invalid", "None", "Presence", "Read", "Write", "Invalid"};
     for (int i = 0; i < 6; ++i)
         EXPECT_STREQ(StorageLocation::straccess(static_cast<StorageLocation::AccessType>(i)),
-                     texts[i]);
+                     names[i]);
     EXPECT_STREQ(StorageLocation::straccess(static_cast<StorageLocation::AccessType>(-1)),
                  "Invalid");
     EXPECT_EQ(sizeof(StorageLocation::AccessType), sizeof(int));
 }
 
-TEST(StorageLocation, AccessChange_IsSilent) {
+TEST(StorageLocation, AccessChange_EmitsNoSignal) {
     StorageLocation location("place", {}, nullptr);
     int signals_ = 0;
     QObject::connect(&location, &StorageLocation::accessChanged, [&] { ++signals_; });
@@ -76,11 +76,11 @@ TEST(StorageLocation, AccessChange_IsSilent) {
     location.accessChange(StorageLocation::Write);
     EXPECT_EQ(location.access(), StorageLocation::Write);
     EXPECT_EQ(signals_, 0);
-    Q_EMIT location.accessChanged(&location, StorageLocation::Read); // the owner's
+    Q_EMIT location.accessChanged(&location, StorageLocation::Read); // emitted by the application
     EXPECT_EQ(signals_, 1);
 }
 
-TEST(StorageLocation, Signal_CanBeQueued) {
+TEST(StorageLocation, AccessChanged_ParameterTypesRegistered) {
     StorageLocation location("place", {}, nullptr);
     const QMetaMethod signal = QMetaMethod::fromSignal(&StorageLocation::accessChanged);
     EXPECT_EQ(signal.methodSignature(),
@@ -89,36 +89,39 @@ TEST(StorageLocation, Signal_CanBeQueued) {
         EXPECT_NE(signal.parameterType(i), QMetaType::UnknownType);
 }
 
-/// Where the fields of a location are.
+/// The addresses of the fields.
 class LocationFields : public OpenLocation {
 public:
     LocationFields() : OpenLocation("place", {}, nullptr) {}
 
-    std::vector<std::uintptr_t> places() const {
-        return {place(m_name),           place(m_fs),         place(m_enabled), place(m_present),
-                place(m_writeProtected), place(m_access),     place(m_props),   place(m_blkDevId),
-                place(m_blkDevWhole),    place(m_blkDevPart), place(m_mountOk), place(m_mounted)};
+    std::vector<std::uintptr_t> addresses() const {
+        return {address(m_name),           address(m_fs),
+                address(m_enabled),        address(m_present),
+                address(m_writeProtected), address(m_access),
+                address(m_props),          address(m_blkDevId),
+                address(m_blkDevWhole),    address(m_blkDevPart),
+                address(m_mountOk),        address(m_mounted)};
     }
 
 private:
     template <class Field>
-    static std::uintptr_t place(const Field& field) {
+    static std::uintptr_t address(const Field& field) {
         return reinterpret_cast<std::uintptr_t>(&field);
     }
 };
 
 TEST(StorageLocation, Fields_InOrder) {
     const LocationFields fields;
-    const std::vector<std::uintptr_t> places = fields.places();
-    // Behind what QObject has; those of local media are behind those of all locations.
-    EXPECT_GE(places.front(), reinterpret_cast<std::uintptr_t>(&fields) + sizeof(QObject));
-    for (std::size_t i = 1; i < places.size(); ++i)
-        EXPECT_LT(places[i - 1], places[i]) << i;
+    const std::vector<std::uintptr_t> addresses = fields.addresses();
+    // After the fields of QObject. The fields of SystemLocation follow those of StorageLocation.
+    EXPECT_GE(addresses.front(), reinterpret_cast<std::uintptr_t>(&fields) + sizeof(QObject));
+    for (std::size_t i = 1; i < addresses.size(); ++i)
+        EXPECT_LT(addresses[i - 1], addresses[i]) << i;
     EXPECT_EQ(sizeof(RemoteLocation), sizeof(StorageLocation));
 }
 
 TEST(StorageLocation, Slots_InOrder) {
-    // Behind those of QObject, and its destructor's two.
+    // The first one is after those of QObject, which include two for the destructor.
     const int first = slotOf(&StorageLocation::enable);
     int slot = first;
     EXPECT_EQ(slotOf(&StorageLocation::enable), slot++);
@@ -129,12 +132,12 @@ TEST(StorageLocation, Slots_InOrder) {
     EXPECT_EQ(slotOf(&StorageLocation::mount), slot++);
     EXPECT_EQ(slotOf(&StorageLocation::umount), slot++);
     EXPECT_EQ(slotOf(&StorageLocation::isWriteProtected), slot++);
-    const int behind = slot;
+    const int end = slot;
     EXPECT_EQ(slotOf(&SystemLocation::format), slot++);
     EXPECT_EQ(slotOf(&SystemLocation::matchesId), slot++);
     EXPECT_EQ(slotOf(&SystemLocation::logBDEvent), slot++);
     EXPECT_EQ(slotOf(&SystemLocation::processBDEvents), slot++);
-    slot = behind;
+    slot = end;
     EXPECT_EQ(slotOf(&RemoteLocation::probe), slot++);
     EXPECT_EQ(slotOf(&RemoteLocation::setProperties), slot++);
     EXPECT_EQ(slotOf(&RemoteLocation::ping), slot++);

@@ -34,10 +34,10 @@ using test::OpenLocation;
 using test::ScriptedDevice;
 
 constexpr char slot1[] = "platform-slot-1";
-// With the slash at its end that the switch gives it.
+// The switch appends the slash.
 const QString nowhere = QStringLiteral("/no/such/directory/");
 
-/// A location whose file system is mounted in the root switch, and the media for it.
+/// Has a location with a mount point in the root switch, and a disk with one partition.
 class SystemLocationTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -63,7 +63,7 @@ protected:
     Properties readonlyFalse = {{"readonly", false}};
 };
 
-TEST_F(SystemLocationTest, LargestMountablePartition_IsSelected) {
+TEST_F(SystemLocationTest, LargestMountablePartition_Selected) {
     EXPECT_TRUE(location.selectedPart().isNull());
     location.addBlockDevice(disk);
     EXPECT_EQ(location.selectedPart(), disk);
@@ -79,21 +79,21 @@ TEST_F(SystemLocationTest, LargestMountablePartition_IsSelected) {
     const Device largest = makeDevice(slot1, 5, 901, "ext4");
     location.addBlockDevice(largest);
     EXPECT_EQ(location.selectedPart(), largest);
-    location.addBlockDevice(disk); // begins anew
+    location.addBlockDevice(disk); // clears the selection
     EXPECT_EQ(location.selectedPart(), disk);
     location.addBlockDevice(makeDevice("elsewhere", 0, 9999, "ext4"));
     location.addBlockDevice({});
     EXPECT_EQ(location.selectedPart(), disk);
 }
 
-TEST_F(SystemLocationTest, DiskWithAFileSystem_SelectsItself) {
+TEST_F(SystemLocationTest, DiskWithFileSystem_Selected) {
     const Device plain = makeDevice(slot1, 0, 1000, "vfat");
     location.addBlockDevice(plain);
     EXPECT_EQ(location.m_blkDevWhole, plain);
     EXPECT_EQ(location.m_blkDevPart, plain);
 }
 
-TEST_F(SystemLocationTest, AnyRemoval_EndsTheSelection) {
+TEST_F(SystemLocationTest, AnyRemoval_ClearsSelection) {
     insert();
     expectState(StorageLocation::Presence, false);
     EXPECT_TRUE(location.m_present);
@@ -109,7 +109,7 @@ TEST_F(SystemLocationTest, AnyRemoval_EndsTheSelection) {
     EXPECT_TRUE(location.m_blkDevWhole.isNull());
 }
 
-TEST_F(SystemLocationTest, Batch_OfItsOwnDevicesAddAndRemove) {
+TEST_F(SystemLocationTest, Batch_AddAndRemove_OnlyOwnDevicesUsed) {
     const auto batchOf = [](const QList<BDMon::Event>& events) {
         return BDMon::EventListSPtr::create(events);
     };
@@ -156,7 +156,7 @@ TEST_F(SystemLocationTest, Batch_OfItsOwnDevicesAddAndRemove) {
     EXPECT_FALSE(location.matchesId("platform-slot"));
 }
 
-TEST_F(SystemLocationTest, Mount_OptionsAndState) {
+TEST_F(SystemLocationTest, Mount_Properties_SetOptionsAndAccess) {
     insert();
     EXPECT_EQ(location.mount(nullptr), 0);
     EXPECT_EQ(part->calls, QStringList("mount " + nowhere));
@@ -164,7 +164,7 @@ TEST_F(SystemLocationTest, Mount_OptionsAndState) {
     expectState(StorageLocation::Write, true);
     EXPECT_TRUE(location.m_mountOk);
 
-    // Once more is a remount; that "readonly" is there counts.
+    // The second mount is a remount. Only the presence of "readonly" matters.
     EXPECT_EQ(location.mount(&readonlyFalse), 0);
     EXPECT_EQ(part->last,
               (Properties{{"mountPoint", nowhere}, {"readonly", true}, {"remount", true}}));
@@ -183,10 +183,10 @@ TEST_F(SystemLocationTest, Mount_OptionsAndState) {
 
     part->result = 3; // not negative
     EXPECT_EQ(location.mount(nullptr), 3);
-    EXPECT_FALSE(part->last.contains("remount")); // the failure ended it
+    EXPECT_FALSE(part->last.contains("remount")); // the failure cleared the mounted state
 }
 
-TEST_F(SystemLocationTest, NothingToMountOrNowhere_NotFound) {
+TEST_F(SystemLocationTest, NoDeviceOrNoMountPoint_NotFound) {
     EXPECT_EQ(location.mount(nullptr), -1);
     EXPECT_EQ(liberrno, NotFound);
     liberrno = Ok;
@@ -212,17 +212,17 @@ TEST_F(SystemLocationTest, NothingToMountOrNowhere_NotFound) {
     EXPECT_TRUE(part->calls.isEmpty());
 }
 
-TEST_F(SystemLocationTest, Umount_OnlyWhatIsMounted) {
+TEST_F(SystemLocationTest, Umount_Mounted_StateCleared) {
     EXPECT_EQ(location.umount(nullptr), 0);
     insert();
     EXPECT_EQ(location.mount(nullptr), 0);
-    EXPECT_EQ(location.umount(nullptr), 0); // the kernel knows of no mount there
+    EXPECT_EQ(location.umount(nullptr), 0); // the kernel has no mount there
     expectState(StorageLocation::Presence, false);
     EXPECT_FALSE(location.m_mountOk);
 
     EXPECT_EQ(location.mount(nullptr), 0);
     location.removeBlockDevice(disk);
-    expectState(StorageLocation::None, true); // for the owner to unmount
+    expectState(StorageLocation::None, true); // the application must unmount it
     EXPECT_EQ(location.umount(nullptr), 0);
     expectState(StorageLocation::None, false);
 
@@ -235,7 +235,7 @@ TEST_F(SystemLocationTest, Umount_OnlyWhatIsMounted) {
     expectState(StorageLocation::Write, true);
 }
 
-/// Has a memory file system in place of its own.
+/// Mounts a tmpfs.
 class MemoryDevice : public ScriptedDevice {
 public:
     int mount(QString mountPoint, const Properties*) override {
@@ -243,10 +243,10 @@ public:
     }
 };
 
-// The switch has mount points with a slash at the end, the kernel without.
-TEST_F(SystemLocationTest, Umount_AtTheSwitchsMountPoint) {
+// The switch's mount points have a trailing slash, those of the kernel do not.
+TEST_F(SystemLocationTest, Umount_SwitchsMountPoint_Unmounted) {
     if (!test::isolate(test::Namespaces::Mount))
-        GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
+        GTEST_SKIP() << "needs a private mount namespace: " << std::strerror(errno);
     const test::TempDir temp;
     const auto isMounted = [&] {
         QFile table("/proc/mounts");
@@ -279,14 +279,14 @@ TEST_F(SystemLocationTest, Umount_AtTheSwitchsMountPoint) {
     EXPECT_FALSE(isMounted());
 }
 
-TEST_F(SystemLocationTest, Check_IsFsckOfTheSelected) {
+TEST_F(SystemLocationTest, Check_SelectedDevice_RunsFsck) {
     insert();
     part->result = 5;
     EXPECT_EQ(location.check(), 5);
     EXPECT_EQ(part->calls, QStringList("fsck"));
 }
 
-TEST_F(SystemLocationTest, Format_RefusalsInOrder) {
+TEST_F(SystemLocationTest, Format_SeveralReasons_RefusedInOrder) {
     LogCapture log("stg=12");
     EXPECT_EQ(location.format(nullptr), -1);
     EXPECT_EQ(liberrno, NotFound);
@@ -315,10 +315,10 @@ TEST_F(SystemLocationTest, Format_RefusalsInOrder) {
     EXPECT_EQ(location.format(&kill), 7);
     EXPECT_EQ(disk->calls, QStringList("format"));
     EXPECT_EQ(disk->last, kill);
-    EXPECT_EQ(part->calls, QStringList("mount " + nowhere)); // of before
+    EXPECT_EQ(part->calls, QStringList("mount " + nowhere)); // the earlier call
 }
 
-TEST_F(SystemLocationTest, MkReadOnly_MountsUnlessItIs) {
+TEST_F(SystemLocationTest, MkReadOnly_CalledTwice_MountsOnce) {
     insert();
     EXPECT_EQ(location.mkReadOnly(), 0);
     EXPECT_EQ(part->last, (Properties{{"mountPoint", nowhere}, {"readonly", true}}));
@@ -327,7 +327,7 @@ TEST_F(SystemLocationTest, MkReadOnly_MountsUnlessItIs) {
     EXPECT_EQ(part->calls.size(), 1);
 }
 
-/// Has something to do when it is mounted, as the locations of an application may.
+/// Overrides mount(), as an application may.
 class CountingLocation : public SystemLocation {
 public:
     using SystemLocation::SystemLocation;
@@ -339,14 +339,14 @@ public:
     int mounts = 0;
 };
 
-TEST_F(SystemLocationTest, MkReadOnly_MountsAsTheLocationDoes) {
+TEST_F(SystemLocationTest, MkReadOnly_MountOverridden_CallsOverride) {
     CountingLocation counting("card", fs, &props);
     counting.addBlockDevice(part);
     EXPECT_EQ(counting.mkReadOnly(), 0);
     EXPECT_EQ(counting.mounts, 1);
 }
 
-TEST_F(SystemLocationTest, MkWriteable_LeavesTheStateAsItWas) {
+TEST_F(SystemLocationTest, MkWriteable_Mounted_AccessUnchanged) {
     insert();
     EXPECT_EQ(location.mkReadOnly(), 0);
     EXPECT_EQ(location.mkWriteable(), 0);
@@ -359,7 +359,7 @@ TEST_F(SystemLocationTest, MkWriteable_LeavesTheStateAsItWas) {
     part->result = 0;
     EXPECT_EQ(location.mount(nullptr), 0);
     const int calls = part->calls.size();
-    EXPECT_EQ(location.mkWriteable(), 0); // it is
+    EXPECT_EQ(location.mkWriteable(), 0); // already writable
     EXPECT_EQ(part->calls.size(), calls);
 
     EXPECT_EQ(location.mkReadOnly(), 0);
@@ -371,7 +371,7 @@ TEST_F(SystemLocationTest, MkWriteable_LeavesTheStateAsItWas) {
               QStringList("stg 9 card: is write protected; cannot make writable\n"));
 }
 
-TEST_F(SystemLocationTest, WriteProtection_OfTheDisk) {
+TEST_F(SystemLocationTest, WriteProtection_FollowsDisk) {
     EXPECT_FALSE(location.isWriteProtected());
     disk->m_writeProtected = true;
     location.addBlockDevice(disk);
@@ -381,10 +381,10 @@ TEST_F(SystemLocationTest, WriteProtection_OfTheDisk) {
     EXPECT_TRUE(location.isWriteProtected());
     location.removeBlockDevice(disk);
     EXPECT_FALSE(location.isWriteProtected());
-    EXPECT_TRUE(location.m_writeProtected); // stays
+    EXPECT_TRUE(location.m_writeProtected); // stays set
 }
 
-TEST_F(SystemLocationTest, Disable_NotWhileMounted) {
+TEST_F(SystemLocationTest, Disable_Mounted_Fails) {
     EXPECT_EQ(location.enable(), 0);
     EXPECT_TRUE(location.m_enabled);
     insert();
@@ -402,7 +402,7 @@ TEST_F(SystemLocationTest, Disable_NotWhileMounted) {
     }
 }
 
-TEST_F(SystemLocationTest, FixFSType_OfAnUnknownPartition) {
+TEST_F(SystemLocationTest, FixFSType_UnknownType_BecomesExfat) {
     EXPECT_FALSE(location.fixFSType());
     location.addBlockDevice(disk);
     EXPECT_FALSE(location.fixFSType());
@@ -414,7 +414,7 @@ TEST_F(SystemLocationTest, FixFSType_OfAnUnknownPartition) {
     EXPECT_EQ(part->m_fsType, "exfat");
 }
 
-TEST_F(SystemLocationTest, SlotsByName_AndIdWithoutProperties) {
+TEST_F(SystemLocationTest, Slots_InvokedByName_ChangeDevices) {
     EXPECT_TRUE(QMetaObject::invokeMethod(&location, "addBlockDevice",
                                           Q_ARG(BlockDevice::SPtr, BlockDevice::SPtr(disk))));
     EXPECT_EQ(location.m_blkDevWhole, disk);
