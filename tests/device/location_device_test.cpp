@@ -91,7 +91,7 @@ protected:
     /// Formats the location's disk and expects one partition that can be written.
     void expectFormatted(const QString& disk, const QString& part);
 
-    const OwnSwitch ownSwitch;
+    const FreshRootSwitch rootSwitch;
     std::unique_ptr<MediaLocation> slot;
 };
 

@@ -32,7 +32,7 @@ extern "C" Q_DECL_EXPORT int mount(const char* device, const char* directory, co
     if (!type || std::strcmp(type, "ufsd") != 0 || !isUfsdMissing())
         return realMount()(device, directory, type, flags, data);
     if (!data || std::strcmp(static_cast<const char*>(data), "nls=utf8") != 0) {
-        errno = EINVAL; // other options are not translated
+        errno = EINVAL; // the drivers have no other option in common
         return -1;
     }
     return realMount()(device, directory, "exfat", flags, "iocharset=utf8");

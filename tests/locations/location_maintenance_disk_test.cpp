@@ -119,8 +119,8 @@ TEST_F(LocationCard, ReadOnlyDisk_MountsOnlyReadOnly) {
     expectMounted(StorageLocation::Read, "ro");
     EXPECT_FALSE(files().open("/clip", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
-    expectRefused([&] { return location().mkWriteable(); },
-                  Ok); // mount(2) fails, which sets no code of the library
+    // mount(2) fails, which sets no code of the library.
+    expectRefused([&] { return location().mkWriteable(); }, Ok);
     expectMounted(StorageLocation::Read, "ro");
 
     ASSERT_EQ(location().umount(nullptr), 0);
@@ -153,10 +153,10 @@ protected:
         auto result = BDMon::EventListSPtr::create();
         for (const BDMon::Event& event : events) {
             Properties props = event.dev->m_props;
-            const QString card = directory("mmcblk0") + '/' + QString::number(event.dev->m_partNum);
-            QDir().mkpath(card);
-            QFile::link("/sys" + event.dev->m_devPath + "/ro", card + "/ro");
-            props[UDEV_DEVPATH] = "/.." + card;
+            const QString path = directory("mmcblk0") + '/' + QString::number(event.dev->m_partNum);
+            QDir().mkpath(path);
+            QFile::link("/sys" + event.dev->m_devPath + "/ro", path + "/ro");
+            props[UDEV_DEVPATH] = "/.." + path;
             result->append(BDMon::Event(event.seq, event.action, new LinuxBD(props)));
         }
         return result;

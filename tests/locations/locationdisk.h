@@ -63,7 +63,7 @@ protected:
         slot->expectSelected(disk, part);
     }
 
-    const OwnSwitch ownSwitch;
+    const FreshRootSwitch rootSwitch;
     std::unique_ptr<MaintenanceProgram> program;
     std::unique_ptr<MediaLocation> slot;
 };

@@ -480,7 +480,7 @@ private:
     std::mt19937 m_random;
     const Mounts m_mounts;
     const test::LogCapture m_quiet{"stg=0"};
-    const test::OwnSwitch m_ownSwitch;
+    const test::FreshRootSwitch m_rootSwitch;
     const test::TempDir m_here;
     const test::TempDir m_there;
     const test::TempDir m_elsewhere;

@@ -20,6 +20,7 @@ namespace {
 
 using test::Any;
 using test::Given;
+using test::Ignore;
 using test::Kept;
 using test::LocationState;
 using test::MemFS;
@@ -27,7 +28,6 @@ using test::ScriptedNfs;
 using test::ScriptedSmb;
 using test::stateString;
 using test::Transition;
-using test::Unsaid;
 
 // --- The share ----------------------------------------------------------------------------------
 
@@ -187,7 +187,7 @@ const OperationRow operations[] = {
 /// The results of the share's connect() and disconnect().
 enum Outcome : unsigned {
     Zero = 1 << 0,
-    ZeroReadOnly = 1 << 1, ///< and the share is read-only
+    ZeroReadOnly = 1 << 1, ///< 0, and the share is read-only
     Positive = 1 << 2,     ///< an exit status of the maintenance program
     Negative = 1 << 3,
 };
@@ -208,44 +208,44 @@ const OutcomeRow outcomes[] = {
 // clang-format off
 const Transition table[] = {
     // Only sets or clears the flag.
-    {Enable,  Any,    Any, Any, 0,  Unsaid, "enabled=yes", ""},
-    {Disable, ~InUse, Any, Any, 0,  Unsaid, "enabled=no",  ""},
+    {Enable,  Any,    Any, Any, 0,  Ignore, "enabled=yes", ""},
+    {Disable, ~InUse, Any, Any, 0,  Ignore, "enabled=no",  ""},
     {Disable, InUse,  Any, Any, -1, Kept,   "",            ""},
 
     // No effect, or not implemented for shares.
-    {Check,                    Any, Any, Any, 1,  Unsaid,         "", ""},
+    {Check,                    Any, Any, Any, 1,  Ignore,         "", ""},
     {MkReadOnly | MkWriteable, Any, Any, Any, -1, NotImplemented, "", ""},
-    {IsWriteProtected,         Any, Any, Any, 0,  Unsaid,         "", ""},
+    {IsWriteProtected,         Any, Any, Any, 0,  Ignore,         "", ""},
 
     // Connects, even if connected.
-    {Mount,               Any, Shares,  Works, 0,     Unsaid, "access=Write up=yes", "connect first"},
+    {Mount,               Any, Shares,  Works, 0,     Ignore, "access=Write up=yes", "connect first"},
     {Mount,               Any, Shares,  Fails, Given, Kept,   "access=None up=no",   "connect first"},
-    {MountSecond,         Any, Shares,  Works, 0,     Unsaid, "access=Write up=yes", "connect second"},
+    {MountSecond,         Any, Shares,  Works, 0,     Ignore, "access=Write up=yes", "connect second"},
     {MountSecond,         Any, Shares,  Fails, Given, Kept,   "access=None up=no",   "connect second"},
-    {Mount | MountSecond, Any, ~Shares, Any,   -1,    Unsaid, "access=None",         ""},
+    {Mount | MountSecond, Any, ~Shares, Any,   -1,    Ignore, "access=None",         ""},
 
     // After umount() the access is None: whether the share is reachable is unknown.
-    {Umount, Any, Shares,  Works, 0,     Unsaid, "access=None up=no", "disconnect"},
+    {Umount, Any, Shares,  Works, 0,     Ignore, "access=None up=no", "disconnect"},
     {Umount, Any, Shares,  Fails, Given, Kept,   "",                  "disconnect"},
-    {Umount, Any, ~Shares, Any,   0,     Unsaid, "access=None",       ""},
+    {Umount, Any, ~Shares, Any,   0,     Ignore, "access=None",       ""},
 
-    {Ping, Up,   Shares,  Any, 1, Unsaid, "", "isConnected"},
-    {Ping, Down, Shares,  Any, 0, Unsaid, "", "isConnected"},
-    {Ping, Any,  ~Shares, Any, 1, Unsaid, "", ""},
+    {Ping, Up,   Shares,  Any, 1, Ignore, "", "isConnected"},
+    {Ping, Down, Shares,  Any, 0, Ignore, "", "isConnected"},
+    {Ping, Any,  ~Shares, Any, 1, Ignore, "", ""},
 
     // Connects if needed, creates and removes a file, and does not change the access.
-    {Probe,                Up,   Shares, Any,           0,     Unsaid, "",                    "isConnected"},
-    {Probe,                Down, Shares, Works,         0,     Unsaid, "up=yes",              "isConnected, connect first"},
-    {ProbeWriting,         Up,   Shares, ~ZeroReadOnly, 0,     Unsaid, "writable=yes",        "isConnected, marker"},
-    {ProbeWriting,         Up,   Shares, ZeroReadOnly,  0,     Unsaid, "writable=no",         "isConnected, marker"},
-    {ProbeWriting,         Down, Shares, Zero,          0,     Unsaid, "up=yes writable=yes", "isConnected, connect first, marker"},
-    {ProbeWriting,         Down, Shares, ZeroReadOnly,  0,     Unsaid, "up=yes writable=no",  "isConnected, connect first, marker"},
+    {Probe,                Up,   Shares, Any,           0,     Ignore, "",                    "isConnected"},
+    {Probe,                Down, Shares, Works,         0,     Ignore, "up=yes",              "isConnected, connect first"},
+    {ProbeWriting,         Up,   Shares, ~ZeroReadOnly, 0,     Ignore, "writable=yes",        "isConnected, marker"},
+    {ProbeWriting,         Up,   Shares, ZeroReadOnly,  0,     Ignore, "writable=no",         "isConnected, marker"},
+    {ProbeWriting,         Down, Shares, Zero,          0,     Ignore, "up=yes writable=yes", "isConnected, connect first, marker"},
+    {ProbeWriting,         Down, Shares, ZeroReadOnly,  0,     Ignore, "up=yes writable=no",  "isConnected, connect first, marker"},
     {Probe | ProbeWriting, Down, Shares, Fails,         Given, Kept,   "",                    "isConnected, connect first, disconnect"},
-    {Probe | ProbeWriting, Any,  ~Shares, Any,          -1,    Unsaid, "",                    ""},
-    {ProbeOnly,            Any,  Shares, ~ZeroReadOnly, 0,     Unsaid, "writable=yes",        "marker"},
-    {ProbeOnly,            Any,  Shares, ZeroReadOnly,  0,     Unsaid, "writable=no",         "marker"},
-    {ProbeOnly,            Any,  Local,  Any,           0,     Unsaid, "writable=yes",        ""},
-    {ProbeOnly,            Any,  NoFS,   Any,           0,     Unsaid, "",                    ""},
+    {Probe | ProbeWriting, Any,  ~Shares, Any,          -1,    Ignore, "",                    ""},
+    {ProbeOnly,            Any,  Shares, ~ZeroReadOnly, 0,     Ignore, "writable=yes",        "marker"},
+    {ProbeOnly,            Any,  Shares, ZeroReadOnly,  0,     Ignore, "writable=no",         "marker"},
+    {ProbeOnly,            Any,  Local,  Any,           0,     Ignore, "writable=yes",        ""},
+    {ProbeOnly,            Any,  NoFS,   Any,           0,     Ignore, "",                    ""},
 };
 // clang-format on
 

@@ -29,6 +29,7 @@ namespace {
 using test::Any;
 using test::Device;
 using test::Given;
+using test::Ignore;
 using test::Kept;
 using test::LocationState;
 using test::makeDevice;
@@ -37,7 +38,6 @@ using test::MemoryMount;
 using test::OpenLocation;
 using test::stateString;
 using test::Transition;
-using test::Unsaid;
 
 // --- The slot -----------------------------------------------------------------------------------
 
@@ -83,7 +83,7 @@ public:
     }
 
     const test::LogCapture quiet{"stg=0"};
-    const test::OwnSwitch ownSwitch;
+    const test::FreshRootSwitch rootSwitch;
     const QString mountPoint;
     const QString deeper;
     const FS::SPtr fs{new MemFS};
@@ -98,7 +98,7 @@ public:
     const Device other = named("other", 2, 50, "ext4");
     const Device smaller = named("smaller", 3, 899, "ext4");
     const Device equal = named("equal", 4, 900, "ext4");
-    const Device larger = named("larger", 5, 200, "ext4"); // by the size of its blocks
+    const Device larger = named("larger", 5, 200, "ext4"); // by its block size
     const Device unknown = named("unknown", 6, 9000, "");
     const Device efi = named("efi", 7, 9000, "vfat");
     const Device foreign = named("foreign", 0, 9000, "vfat");
@@ -335,40 +335,40 @@ constexpr char unmount[] = "mounted=no mountOk=no"; // access() has changed befo
 // clang-format off
 const Transition table[] = {
     // Only sets or clears the flag.
-    {Enable,  Any,    Any, Any,  0, Unsaid, "enabled=yes", ""},
-    {Disable, ~InUse, Any, Any,  0, Unsaid, "enabled=no",  ""},
+    {Enable,  Any,    Any, Any,  0, Ignore, "enabled=yes", ""},
+    {Disable, ~InUse, Any, Any,  0, Ignore, "enabled=no",  ""},
     {Disable, InUse,  Any, Any, -1, Kept,   "",            ""},
 
     {Check, Nothing,  Any, Any, -1,    NotFound, "", ""},
     {Check, ~Nothing, Any, Any, Given, Given,    "", "selected fsck"},
 
-    // A medium in use is remounted. Otherwise the location forgets its mount first, even if the mount of
-    // a removed medium still exists.
+    // A medium in use is remounted. Otherwise the location forgets its mount first, even if the
+    // mount of a removed medium still exists.
     {Mount | MountReadonly, Nothing,   Any,     Any,   -1,    NotFound, forget,       ""},
     {Mount | MountReadonly, Mountable, Nowhere, Any,   -1,    NotFound, forget,       ""},
     {Mount | MountReadonly, InUse,     Nowhere, Any,   -1,    NotFound, "",           ""},
-    {Mount,                 Mountable, Here,    Works, Given, Unsaid,   toWrite,      "selected mount rw"},
+    {Mount,                 Mountable, Here,    Works, Given, Ignore,   toWrite,      "selected mount rw"},
     {Mount,                 Mountable, Here,    Fails, -1,    NotFound, mountFails,   "selected mount rw"},
-    {Mount,                 InUse,     Here,    Works, Given, Unsaid,   toWrite,      "selected remount rw"},
+    {Mount,                 InUse,     Here,    Works, Given, Ignore,   toWrite,      "selected remount rw"},
     {Mount,                 InUse,     Here,    Fails, -1,    NotFound, remountFails, "selected remount rw"},
     // Only the presence of "readonly" matters; its value here is false.
-    {MountReadonly,         Mountable, Here,    Works, Given, Unsaid,   toRead,       "selected mount ro"},
+    {MountReadonly,         Mountable, Here,    Works, Given, Ignore,   toRead,       "selected mount ro"},
     {MountReadonly,         Mountable, Here,    Fails, -1,    NotFound, mountFails,   "selected mount ro"},
-    {MountReadonly,         InUse,     Here,    Works, Given, Unsaid,   toRead,       "selected remount ro"},
+    {MountReadonly,         InUse,     Here,    Works, Given, Ignore,   toRead,       "selected remount ro"},
     {MountReadonly,         InUse,     Here,    Fails, -1,    NotFound, remountFails, "selected remount ro"},
 
     // Like mount, but any mount is remounted.
     {MkReadOnly, Absent,                       Any,     Any,   -1,    NotFound, "",           ""},
-    {MkReadOnly, AtRead,                       Any,     Any,   0,     Unsaid,   "",           ""},
+    {MkReadOnly, AtRead,                       Any,     Any,   0,     Ignore,   "",           ""},
     {MkReadOnly, ~(Absent | AtRead),           Nowhere, Any,   -1,    NotFound, "",           ""},
-    {MkReadOnly, Unmounted & ~Absent,          Here,    Works, Given, Unsaid,   toRead,       "selected mount ro"},
+    {MkReadOnly, Unmounted & ~Absent,          Here,    Works, Given, Ignore,   toRead,       "selected mount ro"},
     {MkReadOnly, Unmounted & ~Absent,          Here,    Fails, -1,    NotFound, mountFails,   "selected mount ro"},
-    {MkReadOnly, Mounted & ~(Absent | AtRead), Here,    Works, Given, Unsaid,   toRead,       "selected remount ro"},
+    {MkReadOnly, Mounted & ~(Absent | AtRead), Here,    Works, Given, Ignore,   toRead,       "selected remount ro"},
     {MkReadOnly, Written | LockedWritten,      Here,    Fails, -1,    NotFound, remountFails, "selected remount ro"},
     {MkReadOnly, Unsure | Back,                Here,    Fails, -1,    NotFound, mountFails,   "selected remount ro"},
 
     // Calls the device only: the fields of the location never change.
-    {MkWriteable, Written | LockedWritten,                    Any,     Any, 0,     Unsaid,         "", ""},
+    {MkWriteable, Written | LockedWritten,                    Any,     Any, 0,     Ignore,         "", ""},
     {MkWriteable, Protected & ~LockedWritten,                 Any,     Any, -1,    NotImplemented, "", ""},
     {MkWriteable, Nothing,                                    Any,     Any, -1,    NotFound,       "", ""},
     {MkWriteable, ~(Written | Protected | Nothing),           Nowhere, Any, -1,    NotFound,       "", ""},
@@ -376,42 +376,42 @@ const Transition table[] = {
     {MkWriteable, Mounted & ~(Written | Protected | Nothing), Here,    Any, Given, Given,          "", "selected remount rw"},
 
     // Only after mount(). If the mount is not in use, the medium may be gone.
-    {Umount | UmountLazy, Unmounted,        Any,     Any,  0,  Unsaid,   "",         ""},
+    {Umount | UmountLazy, Unmounted,        Any,     Any,  0,  Ignore,   "",         ""},
     {Umount | UmountLazy, Mounted,          Nowhere, Any,  -1, NotFound, "",         ""},
-    {Umount | UmountLazy, InUse,            Here,    Idle, 0,  Unsaid,   toPresence, "umount"},
-    {Umount | UmountLazy, Mounted & ~InUse, Here,    Idle, 0,  Unsaid,   unmount,    "umount"},
+    {Umount | UmountLazy, InUse,            Here,    Idle, 0,  Ignore,   toPresence, "umount"},
+    {Umount | UmountLazy, Mounted & ~InUse, Here,    Idle, 0,  Ignore,   unmount,    "umount"},
     {Umount,              Mounted,          Here,    Busy, -1, Kept,     "",         ""},
-    {UmountLazy,          InUse,            Here,    Busy, 0,  Unsaid,   toPresence, "umount"},
-    {UmountLazy,          Mounted & ~InUse, Here,    Busy, 0,  Unsaid,   unmount,    "umount"},
+    {UmountLazy,          InUse,            Here,    Busy, 0,  Ignore,   toPresence, "umount"},
+    {UmountLazy,          Mounted & ~InUse, Here,    Busy, 0,  Ignore,   unmount,    "umount"},
 
-    // Always the disk.
+    // Formats the disk, never a partition.
     {Format, Mounted,                                  Any, Any, -1,    NotFound,       "", ""},
     {Format, Empty | Loose,                            Any, Any, -1,    NotFound,       "", ""},
     {Format, Locked | LockedTorn,                      Any, Any, -1,    NotImplemented, "", ""},
     {Format, Unmounted & ~(Empty | Loose | Protected), Any, Any, Given, Given,          "", "disk format"},
 
     // The protection of the disk, once there is a partition.
-    {IsWriteProtected, Protected & ~LockedTorn,    Any, Any, 1, Unsaid, "", ""},
-    {IsWriteProtected, ~(Protected & ~LockedTorn), Any, Any, 0, Unsaid, "", ""},
+    {IsWriteProtected, Protected & ~LockedTorn,    Any, Any, 1, Ignore, "", ""},
+    {IsWriteProtected, ~(Protected & ~LockedTorn), Any, Any, 0, Ignore, "", ""},
 
-    // A disk clears the selection. The largest partition with a file system is selected, the first of
-    // equal ones.
-    {AddDisk,               Any,         Any, Any, 0, Unsaid, "access=Presence present=yes disk=disk part=-",                 ""},
-    {AddPlain,              Any,         Any, Any, 0, Unsaid, "access=Presence present=yes disk=plain part=plain",            ""},
-    {AddLocked,             Any,         Any, Any, 0, Unsaid, "access=Presence present=yes disk=locked part=- protected=yes", ""},
-    {AddSmaller,            Unselected,  Any, Any, 0, Unsaid, "access=Presence present=yes part=smaller",                     ""},
-    {AddEqual,              Unselected,  Any, Any, 0, Unsaid, "access=Presence present=yes part=equal",                       ""},
-    {AddSmaller | AddEqual, ~Unselected, Any, Any, 0, Unsaid, "access=Presence present=yes",                                  ""},
-    {AddLarger,             Any,         Any, Any, 0, Unsaid, "access=Presence present=yes part=larger",                      ""},
-    {AddUnknown,            Any,         Any, Any, 0, Unsaid, "access=Presence present=yes",                                  ""},
+    // A disk clears the selection. The largest partition with a file system is selected, the first
+    // of equal ones.
+    {AddDisk,               Any,         Any, Any, 0, Ignore, "access=Presence present=yes disk=disk part=-",                 ""},
+    {AddPlain,              Any,         Any, Any, 0, Ignore, "access=Presence present=yes disk=plain part=plain",            ""},
+    {AddLocked,             Any,         Any, Any, 0, Ignore, "access=Presence present=yes disk=locked part=- protected=yes", ""},
+    {AddSmaller,            Unselected,  Any, Any, 0, Ignore, "access=Presence present=yes part=smaller",                     ""},
+    {AddEqual,              Unselected,  Any, Any, 0, Ignore, "access=Presence present=yes part=equal",                       ""},
+    {AddSmaller | AddEqual, ~Unselected, Any, Any, 0, Ignore, "access=Presence present=yes",                                  ""},
+    {AddLarger,             Any,         Any, Any, 0, Ignore, "access=Presence present=yes part=larger",                      ""},
+    {AddUnknown,            Any,         Any, Any, 0, Ignore, "access=Presence present=yes",                                  ""},
 
     // The removal of any partition clears the selection. Mounts stay.
-    {RemovePart | RemoveOther, Any, Any, Any, 0, Unsaid, "access=None present=no part=-",        ""},
-    {RemoveDisk,               Any, Any, Any, 0, Unsaid, "access=None present=no disk=- part=-", ""},
+    {RemovePart | RemoveOther, Any, Any, Any, 0, Ignore, "access=None present=no part=-",        ""},
+    {RemoveDisk,               Any, Any, Any, 0, Ignore, "access=None present=no disk=- part=-", ""},
 
     // Ignored.
-    {AddEfi | AddForeign | PlugForeign | Change, Any, Any, Any, 0, Unsaid, "", ""},
-    {RemoveForeign | UnplugForeign,              Any, Any, Any, 0, Unsaid, "", ""},
+    {AddEfi | AddForeign | PlugForeign | Change, Any, Any, Any, 0, Ignore, "", ""},
+    {RemoveForeign | UnplugForeign,              Any, Any, Any, 0, Ignore, "", ""},
 };
 // clang-format on
 

@@ -54,7 +54,7 @@ protected:
         EXPECT_EQ(location.m_mounted, isMounted);
     }
 
-    const test::OwnSwitch ownSwitch;
+    const test::FreshRootSwitch rootSwitch;
     const FS::SPtr fs{new MemFS};
     Properties props = {{"blkDevId", slot1}};
     OpenLocation location{"card", fs, &props};

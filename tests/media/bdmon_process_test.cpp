@@ -1,4 +1,4 @@
-// The monitor of block devices in a process of its own: loading, failures and the debug variable.
+// BDMon in a process of its own: loading, failures and the debug variable.
 
 #include "bdmontest.h"
 #include "support/suite/logcapture.h"

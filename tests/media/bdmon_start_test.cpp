@@ -28,14 +28,14 @@ TEST_F(BDMonTest, IsRunning_BetweenStartAndStop_True) {
 
 TEST_F(BDMonTest, Start_MonitorCannotReceive_IsNotRunning) {
     testbed.addDisk("sda", "usb-1");
-    const int objects = test::heldUdevObjects();
+    const int objects = heldUdevObjects();
     LogCapture log("libio=9");
     qputenv("ORUIO_TEST_FAILS", "udev_monitor_enable_receiving");
     monitor->start();
     qunsetenv("ORUIO_TEST_FAILS");
     EXPECT_FALSE(monitor->isRunning());
     EXPECT_TRUE(batches.isEmpty());
-    EXPECT_EQ(test::heldUdevObjects(), objects);
+    EXPECT_EQ(heldUdevObjects(), objects);
     EXPECT_EQ(log.messages(), QStringList{"libio 9 The udev monitor cannot receive\n"});
     monitor->start();
     EXPECT_TRUE(monitor->isRunning());
@@ -49,7 +49,7 @@ TEST_F(BDMonTest, Start_NoDevices_EmitsNothing) {
 
 TEST_F(BDMonTest, Start_MonitorSource_IsUdev) {
     monitor->start();
-    EXPECT_EQ(test::udevMonitorSource(), "udev");
+    EXPECT_EQ(udevMonitorSource(), "udev");
 }
 
 TEST_F(BDMonTest, Start_DevicesPresent_AddedInEnumerationOrder) {
@@ -133,7 +133,7 @@ TEST_F(BDMonTest, Start_OtherSubsystem_Omitted) {
 TEST_F(BDMonTest, Start_DeviceGoneBeforeOpen_Omitted) {
     const QString gone = testbed.addDisk("sda", "usb-1");
     testbed.addDisk("sdb", "usb-2");
-    test::hideUdevDevice(gone.toUtf8());
+    hideUdevDevice(gone.toUtf8());
     monitor->start();
     ASSERT_EQ(batches.size(), 1);
     EXPECT_EQ(summary(*batches[0].events), QStringList({"1 add /dev/sdb"}));
@@ -163,10 +163,10 @@ TEST_F(BDMonTest, Start_AlreadyRunning_DoesNothing) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
-    const int objects = test::heldUdevObjects();
+    const int objects = heldUdevObjects();
     monitor->start();
     EXPECT_TRUE(batches.isEmpty());
-    EXPECT_EQ(test::heldUdevObjects(), objects);
+    EXPECT_EQ(heldUdevObjects(), objects);
     EXPECT_EQ(summary(*update().events), QStringList({"1 change /dev/sda"}));
 }
 
@@ -202,9 +202,9 @@ TEST_F(BDMonTest, Start_DeviceAddedDuringNotify_InNextUpdate) {
 // start() opens the netlink monitor before it enumerates, so that no device is missed in between.
 TEST_F(BDMonTest, Start_DeviceAddedBeforeEnumeration_AlsoInNextUpdate) {
     testbed.addDisk("sda", "usb-1");
-    test::beforeUdevEnumerates([this] { testbed.addDisk("sdb", "usb-2"); });
+    beforeUdevEnumerates([this] { testbed.addDisk("sdb", "usb-2"); });
     monitor->start();
-    test::beforeUdevEnumerates({});
+    beforeUdevEnumerates({});
     ASSERT_EQ(batches.size(), 1);
     EXPECT_EQ(summary(*batches[0].events), QStringList({"1 add /dev/sda", "2 add /dev/sdb"}));
     batches.clear();
@@ -217,12 +217,12 @@ TEST_F(BDMonTest, StartAndStop_Repeated_LeakNoDescriptor) {
     startAndForget();
     monitor->stop();
     const int stopped = openDescriptors();
-    const int objects = test::heldUdevObjects();
+    const int objects = heldUdevObjects();
     for (int round = 0; round < 50; ++round) {
         monitor->start();
-        EXPECT_EQ(test::heldUdevObjects(), objects + 1);
+        EXPECT_EQ(heldUdevObjects(), objects + 1);
         monitor->stop();
-        EXPECT_EQ(test::heldUdevObjects(), objects);
+        EXPECT_EQ(heldUdevObjects(), objects);
     }
     EXPECT_TRUE(noMoreDescriptorsThan(stopped));
     EXPECT_EQ(batches.size(), 50);

@@ -191,12 +191,12 @@ TEST_F(BDMonTest, Update_HundredQueued_AllReportedInOrder) {
     for (const QString& device : devices)
         testbed.send(device, "change");
     const int descriptors = openDescriptors();
-    const int objects = test::heldUdevObjects();
+    const int objects = heldUdevObjects();
     const Batch batch = update(0);
     EXPECT_EQ(summary(*batch.events), expected);
     EXPECT_EQ(summary(batch.eventsByDevice->value("usb-1")), expected);
     EXPECT_TRUE(noMoreDescriptorsThan(descriptors));
-    EXPECT_EQ(test::heldUdevObjects(), objects);
+    EXPECT_EQ(heldUdevObjects(), objects);
 }
 
 TEST_F(BDMonTest, Update_Repeated_LeaksNoDescriptorOrUdevObject) {
@@ -207,12 +207,12 @@ TEST_F(BDMonTest, Update_Repeated_LeaksNoDescriptorOrUdevObject) {
     testbed.setAttribute(card, "ro", "1\n");
     startAndForget();
     const int descriptors = openDescriptors();
-    const int objects = test::heldUdevObjects();
+    const int objects = heldUdevObjects();
     for (int round = 0; round < 20; ++round) {
         for (const QString& device : {loop, disk, card})
             testbed.send(device, "change");
         EXPECT_EQ(update().events->size(), 2);
-        EXPECT_EQ(test::heldUdevObjects(), objects);
+        EXPECT_EQ(heldUdevObjects(), objects);
     }
     EXPECT_TRUE(noMoreDescriptorsThan(descriptors));
 }
@@ -221,7 +221,7 @@ TEST_F(BDMonTest, Update_QueueOverflow_QueuedEventsReported) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
-    test::failUdevReceive(ENOBUFS, 1);
+    failUdevReceive(ENOBUFS, 1);
     EXPECT_EQ(summary(*update().events), QStringList({"1 change /dev/sda"}));
 }
 
@@ -229,7 +229,7 @@ TEST_F(BDMonTest, Update_InterruptedBySignal_ReceivesAgain) {
     const QString disk = testbed.addDisk("sda", "usb-1");
     startAndForget();
     testbed.send(disk, "change");
-    test::failUdevReceive(EINTR, 3);
+    failUdevReceive(EINTR, 3);
     EXPECT_EQ(summary(*update().events), QStringList({"1 change /dev/sda"}));
 }
 
@@ -289,12 +289,12 @@ TEST_F(BDMonTest, Update_LongestQuietTime_KeepsWaiting) {
     testbed.send(disk, "change");
     QSemaphore notified;
     onNotify = [&] { notified.release(); };
-    test::shortenLongestPolls(5); // the longest poll() lasts nearly 25 days
-    const int received = test::receivedUdevDevices();
+    shortenLongestPolls(5); // the longest poll() lasts nearly 25 days
+    const int received = receivedUdevDevices();
     std::thread updater([&] { monitor->update(4294967295U); });
-    EXPECT_TRUE(test::eventually([&] { return test::receivedUdevDevices() > received; }));
+    EXPECT_TRUE(eventually([&] { return receivedUdevDevices() > received; }));
     EXPECT_FALSE(notified.tryAcquire(1, 100));
-    test::failUdevReceive(EBADF, 1); // a failure ends the wait
+    failUdevReceive(EBADF, 1); // a failure ends the wait
     testbed.send(disk, "remove");
     updater.join();
     EXPECT_EQ(notified.available(), 1);

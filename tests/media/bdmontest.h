@@ -42,7 +42,7 @@ inline int openDescriptors() {
 
 /// Whether at most `before` descriptors are open. Waits for umockdev's thread to close its own.
 inline bool noMoreDescriptorsThan(int before) {
-    return test::eventually([before] { return openDescriptors() <= before; });
+    return eventually([before] { return openDescriptors() <= before; });
 }
 
 /// "SEQ ACTION NODE" for each event.
@@ -57,6 +57,7 @@ inline QStringList summary(const QList<BDMon::Event>& events) {
 /// Runs the part `role` of a test in a process of its own. \returns the exit status.
 int runRole(const char* role);
 
+/// Has a testbed without devices, and records the batches of the monitor.
 class BDMonTest : public ::testing::Test {
 protected:
     BDMonTest() {
@@ -71,8 +72,8 @@ protected:
     ~BDMonTest() override {
         monitor->stop();
         monitor->disconnect();
-        test::hideUdevDevice({});
-        test::failUdevReceive(0, 0);
+        hideUdevDevice({});
+        failUdevReceive(0, 0);
     }
 
     /// \returns the batches so far, and forgets them.

@@ -45,7 +45,7 @@ struct UmountFault {
     bool hidesTable = false; ///< /proc/mounts is unreadable after umount2(2)
 } umountFault;
 
-/// execv() does not return, and writes to standard output before that.
+/// execv() writes to standard output and never returns.
 bool execHangs = false;
 
 /// close_range() fails with ENOSYS. CLOSE_RANGE_CLOEXEC needs Linux 5.11.

@@ -20,17 +20,17 @@ inline void PrintTo(StorageLocation::AccessType access, std::ostream* out) {
 namespace oru::io::test {
 
 /// Replaces the root switch with a new one while it lives.
-class OwnSwitch {
+class FreshRootSwitch {
 public:
-    OwnSwitch() {
+    FreshRootSwitch() {
         useNewSwitch();
     }
-    ~OwnSwitch() {
+    ~FreshRootSwitch() {
         useNewSwitch();
     }
 
 private:
-    Q_DISABLE_COPY(OwnSwitch)
+    Q_DISABLE_COPY(FreshRootSwitch)
 
     static void useNewSwitch() {
         QSharedPointer<FSSwitch> none;

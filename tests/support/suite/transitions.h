@@ -32,8 +32,8 @@ constexpr unsigned Any = ~0U;
 constexpr int Given = 1000;
 /// As a reason: liberrno does not change.
 constexpr int Kept = 2000;
-/// As a reason: liberrno is unspecified, as after a success.
-constexpr int Unsaid = 3000;
+/// As a reason: liberrno is not compared; it is unspecified, as after a success.
+constexpr int Ignore = 3000;
 
 /// liberrno before each operation. No operation of a location sets it to this code.
 constexpr ErrorCode reasonBefore = LibraryFailure;
@@ -70,7 +70,7 @@ inline LocationState changed(LocationState state, const char* changes) {
 inline void expectResult(const Transition& row, int result, int given, int givenReason) {
     const int reason = liberrno;
     EXPECT_EQ(result, row.result == Given ? given : row.result);
-    if (result != -1 || row.reason == Unsaid)
+    if (result != -1 || row.reason == Ignore)
         return;
     EXPECT_EQ(reason, row.reason == Given  ? givenReason
                       : row.reason == Kept ? reasonBefore

@@ -19,7 +19,7 @@ public:
     ~ChildProcess();
 
     pid_t pid() const;
-    /// Sends a signal.
+    /// Sends a signal to the child.
     void signal(int number);
     /// Waits until the child has ended.
     /// \returns its exit status,

@@ -104,8 +104,8 @@ public:
             std::abort();
     }
 
-    std::vector<std::unique_ptr<Answerer>>
-        answerers; // declared first: the thread of the testbed uses them
+    // Declared first: the thread of the testbed uses them.
+    std::vector<std::unique_ptr<Answerer>> answerers;
     const GPtr<UMockdevTestbed> testbed{umockdev_testbed_new()};
 };
 
