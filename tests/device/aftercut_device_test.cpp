@@ -1,5 +1,5 @@
-// What the device finds on its card when its power comes back. tools/device/record-until-cut has
-// recorded, and cut it.
+// The state of the card after a power cut. tools/device/record-until-cut has recorded and cut the
+// power.
 #include "device/hardware.h"
 #include "device/recordings.h"
 
@@ -14,15 +14,15 @@ class AfterPowerCut : public HardwareTest {};
 
 } // namespace
 
-TEST_F(AfterPowerCut, WhatWasFinishedOrSynced_IsThere) {
+TEST_F(AfterPowerCut, FinishedAndSyncedData_Recovered) {
     for (Recording& recording : recordingsOfTheCard()) {
         recording.directory = directory(recording.type);
         recording.log = QString("/run/job/recorded-%1.log").arg(recording.type);
         if (!QFile::exists(recording.log))
-            GTEST_SKIP() << "the power was not cut before";
-        const Told told = toldSoFar(recording);
-        EXPECT_FALSE(told.finished.isEmpty());
-        expectRecovered(recording, told);
+            GTEST_SKIP() << "needs a power cut by tools/device/record-until-cut";
+        const Reported reported = reportedSoFar(recording);
+        EXPECT_FALSE(reported.finished.isEmpty());
+        expectRecovered(recording, reported);
     }
 }
 

@@ -1,5 +1,5 @@
-// The conformance suite on the file systems of the device's card, mounted as the library mounts
-// them, and on an NFS export.
+// The conformance suite on the file systems of the device's card, mounted through the library, and
+// on an NFS export.
 #include <oruio/bdmon.h>
 #include <oruio/fsnfs.h>
 #include <oruio/posixfs.h>
@@ -23,7 +23,7 @@ namespace {
 
 constexpr long long GiB = 1LL << 30;
 
-/// What both FAT file systems lack.
+/// The capabilities that vfat and exFAT share.
 Capabilities fatCapabilities() {
     Capabilities can = posixCapabilities();
     can.answers[Op::Link] = Answer::fails(EPERM);
@@ -48,12 +48,12 @@ Capabilities vfatCapabilities() {
 Capabilities exfatCapabilities() {
     Capabilities can = fatCapabilities();
     can.answers[Op::StatNameTooLong] = Answer::fails(ENAMETOOLONG);
-    can.largestFile = 64 << 20; // of this card: it knows no holes
+    can.largestFile = 64 << 20; // the size of the partition: exFAT has no sparse files
     can.timeStep = 10'000'000;
     return can;
 }
 
-/// A partition of the card, mounted for as long as this lives.
+/// Mounts a partition of the card while it lives.
 class Mounted {
 public:
     Mounted(const QString& node, const char* type) {
@@ -79,7 +79,7 @@ Backend onTheCard(int partition, const char* type, const Capabilities& can) {
     backend.can = can;
     const QString node = QStringLiteral("/dev/mmcblk0p%1").arg(partition);
     if (!QFileInfo::exists(node)) {
-        backend.skipReason = "there is no card";
+        backend.skipReason = "needs a card in the slot";
         return backend;
     }
     const auto mounted = std::make_shared<Mounted>(node, type);
@@ -92,7 +92,7 @@ Backend onTheCard(int partition, const char* type, const Capabilities& can) {
     return backend;
 }
 
-/// An NFS file system that is connected for as long as this lives.
+/// Connects an NFS file system while it lives.
 struct Connected {
     Connected() {
         EXPECT_EQ(fs->connect({{"target", NfsServer::target()}}), 0) << strerror();
@@ -108,7 +108,7 @@ Backend onAnExport() {
     Backend backend;
     backend.can = posixCapabilities();
     backend.can.type = "NFS";
-    // The server's own file system has none.
+    // The server's file system has no extended attributes.
     backend.can.answers[Op::Xattr] = Answer::fails(EOPNOTSUPP);
     backend.can.answers[Op::Listxattr] = Answer::isSomethingElse();
     const QString missing = NfsServer::missing();
@@ -117,7 +117,7 @@ Backend onAnExport() {
         return backend;
     }
     EXPECT_TRUE(NfsServer::start());
-    // One for all tests: to mount it takes longer than most of them.
+    // Shared by all tests: mounting takes longer than most of them.
     static const auto connected = std::make_shared<Connected>();
     backend.fs = connected->fs;
     backend.root = "/tests";

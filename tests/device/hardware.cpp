@@ -25,12 +25,12 @@ using testing::AssertionSuccess;
 
 namespace {
 
-/// In seconds: the emulation is slow, the more so beside others.
-constexpr int patience = 120;
+/// The emulation is slow, more so when other programs run.
+constexpr int timeoutSeconds = 120;
 
 constexpr char imageDirectory[] = "/run/job";
 
-// udev's link to a stick: in its name are the emulator's vendor, product and serial number.
+// udev's link to a stick is named by the emulator's vendor, product and serial number.
 constexpr char linkDirectory[] = "/dev/disk/by-id";
 constexpr char linkBegin[] = "usb-QEMU_QEMU_HARDDISK_STICK-";
 constexpr char linkEnd[] = "-0:0";
@@ -39,7 +39,7 @@ QString linkOf(const QString& stick) {
     return QString(linkDirectory) + '/' + linkBegin + stick + linkEnd;
 }
 
-/// What udevd has in its database of a node's device; null without one.
+/// The device of a node in udevd's database; false if there is none.
 class UdevDevice {
 public:
     explicit UdevDevice(const QString& node)
@@ -69,12 +69,12 @@ AssertionResult run(const QStringList& command) {
 }
 
 AssertionResult await(const std::function<bool()>& condition, const QString& what) {
-    if (eventually(condition, patience))
+    if (eventually(condition, timeoutSeconds))
         return AssertionSuccess();
-    return AssertionFailure() << what.toStdString() << ": not within " << patience << " s";
+    return AssertionFailure() << what.toStdString() << ": not within " << timeoutSeconds << " s";
 }
 
-/// Whether udevd is done with the latest that it had to do for all of these.
+/// Whether udevd has processed the last event of all of these.
 bool areKnown(const QStringList& nodes) {
     return std::all_of(nodes.begin(), nodes.end(), [](const QString& node) {
         const UdevDevice device(node);
@@ -82,8 +82,8 @@ bool areKnown(const QStringList& nodes) {
     });
 }
 
-/// Waits until udevd has told of a disk that comes, which `path` will lead to, and of its
-/// partitions: by the time that it knows the disk, the kernel knows those.
+/// Waits until udevd has processed the events of an added disk and of its partitions. `path` is the
+/// node or a link to it. When udevd has processed the disk, the kernel knows all of its partitions.
 AssertionResult awaitDisk(const QString& path) {
     const auto isKnown = [&] {
         const QString disk = QFileInfo(path).canonicalFilePath();
@@ -93,20 +93,20 @@ AssertionResult awaitDisk(const QString& path) {
     return result ? Hardware::settle() : result;
 }
 
-/// Waits until udevd has told of the going of what was at `place` in sysfs. The kernel sends its
-/// messages before it removes that.
-AssertionResult awaitGone(const QString& place) {
+/// Waits until udevd has processed the removal of the device with this directory in /sys. The
+/// kernel sends the uevents before it removes the directory.
+AssertionResult awaitGone(const QString& sysfsPath) {
     const AssertionResult result =
-        await([&] { return !QFile::exists(place); }, place + " is removed");
+        await([&] { return !QFile::exists(sysfsPath); }, sysfsPath + " is removed");
     return result ? Hardware::settle() : result;
 }
 
 bool isCardInserted() {
-    return !Hardware::place(Hardware::card()).isEmpty();
+    return !Hardware::sysfsPath(Hardware::card()).isEmpty();
 }
 
 bool isCardProtected() {
-    return contents(Hardware::place(Hardware::card()) + "/ro").trimmed() == "1";
+    return contents(Hardware::sysfsPath(Hardware::card()) + "/ro").trimmed() == "1";
 }
 
 QStringList stickNames() {
@@ -120,7 +120,7 @@ QStringList stickNames() {
 
 QString Hardware::missing() {
     const QString tool = missingTool({"hw", "udevadm"});
-    return tool.isEmpty() ? QString() : "no hardware to handle: there is no " + tool;
+    return tool.isEmpty() ? QString() : "needs the emulated device: " + tool + " is not installed";
 }
 
 AssertionResult Hardware::insertCard(bool isProtected) {
@@ -132,9 +132,9 @@ AssertionResult Hardware::insertCard(bool isProtected) {
 }
 
 AssertionResult Hardware::ejectCard() {
-    const QString before = place(card());
+    const QString before = sysfsPath(card());
     if (before.isEmpty())
-        return AssertionFailure() << "there is no card";
+        return AssertionFailure() << "no card is inserted";
     const AssertionResult result = run({"hw", "sd-eject"});
     return result ? awaitGone(before) : result;
 }
@@ -161,9 +161,9 @@ AssertionResult Hardware::plug(const QString& stick, bool isProtected) {
 }
 
 AssertionResult Hardware::unplug(const QString& stick) {
-    const QString before = place(Hardware::stick(stick));
+    const QString before = sysfsPath(Hardware::stick(stick));
     if (before.isEmpty())
-        return AssertionFailure() << "there is no stick " << stick.toStdString();
+        return AssertionFailure() << "not plugged in: " << stick.toStdString();
     const AssertionResult result = run({"hw", "usb-unplug", stick});
     return result ? awaitGone(before) : result;
 }
@@ -197,7 +197,11 @@ AssertionResult Hardware::restore() {
 }
 
 AssertionResult Hardware::settle() {
-    return await([] { return run({"udevadm", "settle", "--timeout=20"}); }, "udevd is done");
+    return await(
+        [] {
+            return run({"udevadm", "settle", "--timeout=20"});
+        },
+        "udevd has processed all events");
 }
 
 QString Hardware::card(int partition) {
@@ -212,7 +216,7 @@ QString Hardware::stick(const QString& name, int partition) {
 QStringList Hardware::nodes(const QString& disk) {
     QStringList found = {disk};
     const QString name = QFileInfo(disk).fileName();
-    for (const QString& entry : QDir(place(disk)).entryList({name + '*'}, QDir::Dirs))
+    for (const QString& entry : QDir(sysfsPath(disk)).entryList({name + '*'}, QDir::Dirs))
         found.append("/dev/" + entry);
     return found;
 }
@@ -222,7 +226,7 @@ QString Hardware::idPath(const QString& node) {
     return device ? udev_device_get_property_value(device.get(), "ID_PATH") : QString();
 }
 
-QString Hardware::place(const QString& node) {
+QString Hardware::sysfsPath(const QString& node) {
     const QString name = QFileInfo(node).fileName();
     return name.isEmpty() ? name : QFileInfo("/sys/class/block/" + name).canonicalFilePath();
 }

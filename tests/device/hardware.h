@@ -1,5 +1,5 @@
-// The hardware of the emulated device, as its user handles it: a slot for a card, and a USB port
-// for sticks. There is one of each, for all test programs.
+// The hardware of the emulated device: a slot for a card, and USB ports for sticks. All test
+// programs share it.
 #pragma once
 
 #include "support/system/monitorbatches.h"
@@ -13,60 +13,62 @@
 
 namespace oru::io::test {
 
-/// What handles it has succeeded when the kernel has taken notice and udevd has told everybody.
+/// Inserts and removes media. The functions return after the kernel has noticed the change and
+/// udevd has processed it.
 class Hardware {
 public:
-    /// Why there is none here; empty when there is.
+    /// Why there is no such hardware; empty if there is.
     static QString missing();
 
-    /// The card, with its switch for write protection on or off.
+    /// Inserts the card with its write-protection switch on or off.
     static testing::AssertionResult insertCard(bool isProtected = false);
-    /// It may be mounted.
+    /// Removes the card, which may be mounted.
     static testing::AssertionResult ejectCard();
-    /// Copies the card as a power cut at this moment would leave it, to the file copyOfCard().
+    /// Copies the card to the file copyOfCard(), in the state that a power cut at this moment would
+    /// leave.
     static testing::AssertionResult copyCard(const QString& copy);
     static testing::AssertionResult insertCopy(const QString& copy);
     static QString copyOfCard(const QString& copy);
-    /// A stick: "vfat", "exfat", "efi", or one of makeStick(). Each of the three has a port of its
-    /// own; there is one more, for one of the others. A protected one takes no writing.
+    /// Plugs in a stick: "vfat", "exfat", "efi", or one of makeStick(). Each of the three has its
+    /// own port; one more port is for a stick of makeStick(). A protected stick is read-only.
     static testing::AssertionResult plug(const QString& stick, bool isProtected = false);
-    /// It may be mounted.
+    /// Removes a stick, which may be mounted.
     static testing::AssertionResult unplug(const QString& stick);
-    /// Makes a stick of so many bytes, with the partitions that the script `table` has sfdisk(8)
-    /// make.
+    /// Makes a stick of `bytes` bytes and partitions it with the sfdisk(8) script `table`.
     static testing::AssertionResult makeStick(const QString& stick, qint64 bytes,
                                               const QByteArray& table);
-    /// As it is when the device starts: the card is in the slot, the stick "vfat" in a port. Who
-    /// has put in a copy takes it out before.
+    /// Restores the state after boot: the card is in the slot, the stick "vfat" in its port. A test
+    /// that inserted a copy of the card must eject it before.
     static testing::AssertionResult restore();
-    /// Waits until udevd has told of all that happened so far.
+    /// Waits until udevd has processed all events so far.
     static testing::AssertionResult settle();
 
     /// The node of the card, or of one of its partitions.
     static QString card(int partition = 0);
-    /// The node of a stick that is plugged in, or of one of its partitions; empty without it.
+    /// The node of a stick that is plugged in, or of one of its partitions; empty if the stick is
+    /// not plugged in.
     static QString stick(const QString& name, int partition = 0);
-    /// The node of a disk and those of the partitions that the kernel knows, in their order.
+    /// The node of a disk, and the nodes of the partitions known to the kernel in their order.
     static QStringList nodes(const QString& disk);
-    /// The "ID_PATH" that udevd has for a node.
+    /// The "ID_PATH" of a node in udevd's database.
     static QString idPath(const QString& node);
-    /// Where sysfs has the device of a node; empty when it has none.
-    static QString place(const QString& node);
+    /// The directory in /sys of a node's device; empty if there is none.
+    static QString sysfsPath(const QString& node);
 };
 
-/// With the hardware as at the start of the device, which it also leaves so, and with the monitor's
-/// batches. Skipped where there is no such hardware.
+/// Restores the hardware before and after each test, and collects the monitor's batches. Skipped if
+/// there is no such hardware.
 class HardwareTest : public testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
 
-    /// A place to mount on. What is still mounted there when the test ends is unmounted.
+    /// A directory to mount on. TearDown() unmounts it.
     QString directory(const char* name = "mnt") const;
-    /// Has the monitor tell of what there is.
+    /// Starts the monitor. \returns the batch of the devices that are present.
     Batch start();
-    /// Has the monitor tell of all that happened to the hardware, and of what else udevd has told
-    /// (Hardware::settle()).
+    /// Calls BDMon::update(). \returns the batch of all changes of the hardware. Events of other
+    /// causes are included after Hardware::settle().
     Batch update();
 
 private:

@@ -1,5 +1,5 @@
-// Locations of local media with the device's hardware: from the moment that a card or stick comes
-// to when it goes, and when it goes too early. The maintenance program is the device's own.
+// Local media locations with the device's hardware and its maintenance program: insertion, use,
+// removal and premature removal of cards and sticks.
 #include <oruio/error.h>
 #include <oruio/fsswitch.h>
 #include <oruio/posixfs.h>
@@ -50,27 +50,27 @@ protected:
     FS& files() {
         return slot->files();
     }
-    QString fact(const char* name) {
-        return slot->fact(name);
+    QString field(const char* name) {
+        return slot->field(name);
     }
-    /// Makes a location of the port, or the slot, that has this disk now.
+    /// Makes a location for the port or slot that contains this disk.
     void makeLocation(const QString& disk) {
         slot.reset();
         slot = std::make_unique<MediaLocation>("media", Hardware::idPath(disk), directory());
     }
-    /// Has the location know of a batch.
-    void take(const Batch& batch) {
+    /// Delivers a batch to the location.
+    void process(const Batch& batch) {
         ASSERT_TRUE(batch.events);
         ASSERT_EQ(location().processBDEvents(batch.events), 0);
     }
     void expectSelected(const QString& disk, const QString& part) {
         slot->expectSelected(disk, part);
     }
-    void expectNothingThere() {
+    void expectNoMedium() {
         EXPECT_EQ(location().access(), StorageLocation::None);
-        EXPECT_EQ(fact("present"), "no");
-        EXPECT_EQ(fact("disk"), "-");
-        EXPECT_EQ(fact("part"), "-");
+        EXPECT_EQ(field("present"), "no");
+        EXPECT_EQ(field("disk"), "-");
+        EXPECT_EQ(field("part"), "-");
         EXPECT_FALSE(location().isWriteProtected());
         expectRefused([&] { return location().check(); }, NotFound);
         expectRefused([&] { return location().mkReadOnly(); }, NotFound);
@@ -78,20 +78,20 @@ protected:
     }
     void expectMounted(const QString& node, StorageLocation::AccessType access) {
         EXPECT_EQ(location().access(), access);
-        EXPECT_EQ(fact("mounted"), "yes");
+        EXPECT_EQ(field("mounted"), "yes");
         EXPECT_EQ(devicesAt(directory()), QStringList(node));
     }
     void expectUnmounted(StorageLocation::AccessType access) {
         EXPECT_EQ(location().umount(nullptr), 0) << std::strerror(errno);
         EXPECT_EQ(location().access(), access);
-        EXPECT_EQ(fact("mounted"), "no");
+        EXPECT_EQ(field("mounted"), "no");
         EXPECT_FALSE(isMountPoint(directory()));
     }
 
-    /// Formats the location's disk, which gets one partition, and records to that.
+    /// Formats the location's disk and expects one partition that can be written.
     void expectFormatted(const QString& disk, const QString& part);
 
-    const OwnSwitch ownSwitch;
+    const FreshRootSwitch rootSwitch;
     std::unique_ptr<MediaLocation> slot;
 };
 
@@ -118,7 +118,7 @@ void LocationTest::expectFormatted(const QString& disk, const QString& part) {
     EXPECT_EQ(tagOf(part, "TYPE"), "vfat");
     EXPECT_EQ(runTool({"fsck.vfat", "-n", part}).status, 0);
 
-    take(update());
+    process(update());
     expectSelected(disk, part);
     EXPECT_EQ(location().selectedPart()->m_fsType, "vfat");
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
@@ -129,19 +129,20 @@ void LocationTest::expectFormatted(const QString& disk, const QString& part) {
     expectUnmounted(StorageLocation::Presence);
 }
 
-// --- the card, by each of its file systems ------------------------------------------------------
+// --- each file system of the card ---------------------------------------------------------------
 
 struct Driver {
     const char* fsType; ///< of the partition
     int partition;
-    const char* option; ///< one that the driver has from the library
+    const char* option; ///< a mount option set by the library
 };
 
 void PrintTo(const Driver& driver, std::ostream* out) {
     *out << driver.fsType;
 }
 
-/// The card as if it had but one partition: its three have one size, and come in any order.
+/// Delivers only the events of the disk and of one partition: the card's three partitions have the
+/// same size and arrive in any order.
 class LocationCard : public LocationTest, public testing::WithParamInterface<Driver> {
 protected:
     void SetUp() override {
@@ -149,44 +150,44 @@ protected:
         if (IsSkipped() || HasFatalFailure())
             return;
         makeLocation(Hardware::card());
-        takeOne(start());
+        processPartition(start());
         expectSelected(Hardware::card(), part());
     }
 
     static QString part() {
         return Hardware::card(GetParam().partition);
     }
-    void takeOne(const Batch& batch) {
+    void processPartition(const Batch& batch) {
         ASSERT_TRUE(batch.events);
         auto events = BDMon::EventListSPtr::create();
         for (const BDMon::Event& event : *batch.events) {
             if (event.dev->m_partNum == 0 || event.dev->m_devName == part())
                 events->append(event);
         }
-        take({events, nullptr});
+        process({events, nullptr});
     }
     void insert(bool isProtected = false) {
         ASSERT_TRUE(Hardware::insertCard(isProtected));
-        takeOne(update());
+        processPartition(update());
         expectSelected(Hardware::card(), part());
     }
     void eject() {
         ASSERT_TRUE(Hardware::ejectCard());
-        takeOne(update());
-        expectNothingThere();
+        processPartition(update());
+        expectNoMedium();
     }
-    /// Checks the card, which has been pulled, and looks for a file on it.
-    void expectSound(const QString& path, const QByteArray& text) {
+    /// Checks and mounts the card, and expects this file on it.
+    void expectSound(const QString& path, const QByteArray& bytes) {
         EXPECT_EQ(location().check(), 0);
         ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
         expectMounted(part(), StorageLocation::Write);
-        EXPECT_EQ(contents(files(), path), text);
+        EXPECT_EQ(contents(files(), path), bytes);
         EXPECT_TRUE(makeFile(files(), "/next", "more"));
         expectUnmounted(StorageLocation::Presence);
     }
 };
 
-TEST_P(LocationCard, InsertedMountedWrittenEjected_FilesStayOnTheCard) {
+TEST_P(LocationCard, InsertedMountedWrittenEjected_FilesStayOnCard) {
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
     expectMounted(part(), StorageLocation::Write);
     const Mount mount = mountsOf(part()).value(0);
@@ -209,14 +210,14 @@ TEST_P(LocationCard, InsertedMountedWrittenEjected_FilesStayOnTheCard) {
     EXPECT_FALSE(files().open("/second", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
 
-    // The same mount, with other options.
+    // Changes the options of the same mount.
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
     expectMounted(part(), StorageLocation::Write);
     EXPECT_EQ(files().unlink(QString::fromUtf8("/Über.mov")), 0);
     expectUnmounted(StorageLocation::Presence);
 }
 
-TEST_P(LocationCard, CheckOfASoundCard_FindsNothing) {
+TEST_P(LocationCard, CheckSoundCard_FindsNothing) {
     LogCapture log("libio=12");
     EXPECT_EQ(location().check(), 0);
     EXPECT_EQ(log.messages(),
@@ -224,14 +225,14 @@ TEST_P(LocationCard, CheckOfASoundCard_FindsNothing) {
                            "libio 12 Run 1 of 3 completed status 0\n"}));
 }
 
-// --- pulled too early ---------------------------------------------------------------------------
+// --- premature removal --------------------------------------------------------------------------
 
-TEST_P(LocationCard, PulledWhileReading_ReadingFailsAndTheRestWorks) {
+TEST_P(LocationCard, PulledWhileReading_ReadFailsAndNextCardWorks) {
     const QByteArray film(4 * MiB, 'f');
     ASSERT_EQ(location().mount(nullptr), 0);
     ASSERT_TRUE(makeFile(files(), "/film", film));
     ASSERT_TRUE(makeFile(files(), "/clip", "short"));
-    expectUnmounted(StorageLocation::Presence); // what the kernel has a copy of, it need not read
+    expectUnmounted(StorageLocation::Presence); // empties the page cache
     ASSERT_EQ(location().mount(nullptr), 0);
     const QSharedPointer<File> file = files().open("/film", O_RDONLY, 0);
     ASSERT_TRUE(file);
@@ -240,24 +241,24 @@ TEST_P(LocationCard, PulledWhileReading_ReadingFailsAndTheRestWorks) {
     EXPECT_EQ(byte, 'f');
 
     ASSERT_TRUE(Hardware::ejectCard());
-    expectMounted(part(), StorageLocation::Write); // nobody has told the location
+    expectMounted(part(), StorageLocation::Write); // the removal has not been delivered
     EXPECT_EQ(file->pread(&byte, 1, film.size() - 1), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(file->close(), 0);
     EXPECT_FALSE(makeFile(files(), "/late", "late"));
     EXPECT_THAT(errno, AnyOf(EIO, EROFS));
-    takeOne(update());
-    expectMounted(part(), StorageLocation::None); // for its owner to unmount
+    processPartition(update());
+    expectMounted(part(), StorageLocation::None); // the application must unmount it
     expectUnmounted(StorageLocation::None);
-    expectNothingThere();
+    expectNoMedium();
 
     insert();
     expectSound("/clip", "short");
 }
 
-TEST_P(LocationCard, PulledWhileRecording_WhatWasSyncedIsOnTheCard) {
+TEST_P(LocationCard, PulledWhileRecording_SyncedDataOnCard) {
     constexpr int blockSize = 16384;
-    constexpr int limit = 1024; // in blocks: from there it begins anew, for as long as it takes
+    constexpr int limit = 1024; // in blocks: the recording then starts over at offset 0
     ASSERT_EQ(location().mount(nullptr), 0);
     const QSharedPointer<File> clip =
         FSSwitch::rootfs()->open(directory() + "/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
@@ -268,7 +269,7 @@ TEST_P(LocationCard, PulledWhileRecording_WhatWasSyncedIsOnTheCard) {
         const auto isRecorded = [&] {
             const int number = blocks % limit;
             const QByteArray block(blockSize, char('a' + number % 26));
-            // The last one may be written in part: it is the rest that fails.
+            // A write may be short; then the write of the rest fails.
             for (int done = 0; done < blockSize;) {
                 const int count = clip->pwrite(block.constData() + done, blockSize - done,
                                                off_t(number) * blockSize + done);
@@ -288,7 +289,7 @@ TEST_P(LocationCard, PulledWhileRecording_WhatWasSyncedIsOnTheCard) {
     EXPECT_THAT(reason.load(), AnyOf(EIO, EROFS));
     EXPECT_GE(blocks, 8);
 
-    takeOne(update());
+    processPartition(update());
     expectMounted(part(), StorageLocation::None);
     EXPECT_EQ(location().umount(nullptr), -1);
     EXPECT_EQ(errno, EBUSY);
@@ -312,31 +313,31 @@ TEST_P(LocationCard, PulledWhileRecording_WhatWasSyncedIsOnTheCard) {
     expectUnmounted(StorageLocation::Presence);
 }
 
-TEST_P(LocationCard, PulledAndInsertedAgain_CanBeMountedOnceTheOldMountIsGone) {
+TEST_P(LocationCard, PulledAndInsertedAgain_MountableAfterUnmount) {
     ASSERT_EQ(location().mount(nullptr), 0);
     ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     ASSERT_TRUE(Hardware::ejectCard());
     ASSERT_TRUE(Hardware::insertCard());
-    takeOne(update()); // of both in one batch
+    processPartition(update()); // removal and insertion in one batch
     expectSelected(Hardware::card(), part());
-    expectMounted(part(), StorageLocation::Presence); // the one of before
+    expectMounted(part(), StorageLocation::Presence); // the previous mount
     expectUnmounted(StorageLocation::Presence);
     expectSound("/clip", "film");
 }
 
-TEST_P(LocationCard, PulledAndUnmountedLazily_NextCardDoesNotWaitForTheOpenFile) {
+TEST_P(LocationCard, PulledAndUnmountedLazily_NextCardWorksWithFileOpen) {
     ASSERT_EQ(location().mount(nullptr), 0);
     const QSharedPointer<File> clip = files().open("/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
     ASSERT_TRUE(clip);
     ASSERT_EQ(clip->write("film", 4), 4);
     ASSERT_EQ(clip->fsync(), 0);
     ASSERT_TRUE(Hardware::ejectCard());
-    takeOne(update());
+    processPartition(update());
     Properties lazy = {{"lazy", true}};
     EXPECT_EQ(location().umount(&lazy), 0) << std::strerror(errno);
     EXPECT_FALSE(isMountPoint(directory()));
-    expectNothingThere();
-    clip->pwrite("late", 4, 0); // into the kernel's memory, at best
+    expectNoMedium();
+    clip->pwrite("late", 4, 0); // at best to the page cache
     EXPECT_EQ(clip->fsync(), -1);
     EXPECT_THAT(errno, AnyOf(EIO, EROFS));
     clip->close();
@@ -346,7 +347,7 @@ TEST_P(LocationCard, PulledAndUnmountedLazily_NextCardDoesNotWaitForTheOpenFile)
 
 // --- write protection ---------------------------------------------------------------------------
 
-TEST_P(LocationCard, WriteProtected_OnlyReadingWorks) {
+TEST_P(LocationCard, WriteProtected_WritingOperationsFail) {
     ASSERT_EQ(location().mount(nullptr), 0);
     ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     expectUnmounted(StorageLocation::Presence);
@@ -390,7 +391,7 @@ TEST_P(LocationCard, WriteProtected_OnlyReadingWorks) {
     eject();
     insert();
     EXPECT_FALSE(location().isWriteProtected());
-    EXPECT_TRUE(location().m_writeProtected) << "one of its media was";
+    EXPECT_TRUE(location().m_writeProtected) << "stays set after one protected medium";
     ASSERT_EQ(location().mount(nullptr), 0);
     expectMounted(part(), StorageLocation::Write);
     EXPECT_TRUE(makeFile(files(), "/clip", "more"));
@@ -405,19 +406,19 @@ INSTANTIATE_TEST_SUITE_P(FileSystems, LocationCard,
                              return std::string(param.param.fsType);
                          });
 
-// --- all of the card ----------------------------------------------------------------------------
+// --- the whole card -----------------------------------------------------------------------------
 
-TEST_F(LocationTest, ThreeOfEqualSize_FirstToArriveIsSelected) {
+TEST_F(LocationTest, ThreeEqualPartitions_FirstAddedSelected) {
     makeLocation(Hardware::card());
-    take(start());
-    expectSelected(Hardware::card(), Hardware::card(1)); // they are told of in their order
+    process(start());
+    expectSelected(Hardware::card(), Hardware::card(1)); // reported in their order
     ASSERT_TRUE(Hardware::ejectCard());
-    take(update());
-    expectNothingThere();
+    process(update());
+    expectNoMedium();
 
     ASSERT_TRUE(Hardware::insertCard());
     const Batch batch = update();
-    take(batch);
+    process(batch);
     ASSERT_EQ(batch.events->size(), 4);
     expectSelected(Hardware::card(), batch.events->at(1).dev->m_devName);
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
@@ -425,24 +426,24 @@ TEST_F(LocationTest, ThreeOfEqualSize_FirstToArriveIsSelected) {
     expectUnmounted(StorageLocation::Presence);
 }
 
-// The kernel has the next card's file system under the name that the old one still has. The owner
-// has to unmount first: after the attempt, the location holds nothing for mounted.
-TEST_F(LocationTest, NextCardMountedBeforeTheUnmount_FailsForExt4) {
+// The kernel cannot mount the ext4 of the next card while the old mount holds the same device name
+// (EEXIST). The application must unmount first: after the attempt, the location forgets its mount.
+TEST_F(LocationTest, NextExt4CardMountedBeforeUnmount_Fails) {
     makeLocation(Hardware::card());
-    const auto takeExt4 = [&](const Batch& batch) {
+    const auto processExt4 = [&](const Batch& batch) {
         ASSERT_TRUE(batch.events);
         auto events = BDMon::EventListSPtr::create();
         for (const BDMon::Event& event : *batch.events) {
             if (event.dev->m_partNum == 0 || event.dev->m_partNum == 3)
                 events->append(event);
         }
-        take({events, nullptr});
+        process({events, nullptr});
     };
-    takeExt4(start());
+    processExt4(start());
     ASSERT_EQ(location().mount(nullptr), 0);
     ASSERT_TRUE(Hardware::ejectCard());
     ASSERT_TRUE(Hardware::insertCard());
-    takeExt4(update());
+    processExt4(update());
     expectSelected(Hardware::card(), Hardware::card(3));
     expectRefused([&] { return location().mount(nullptr); }, NotFound);
     EXPECT_EQ(errno, EEXIST);
@@ -458,20 +459,19 @@ TEST_F(LocationTest, NextCardMountedBeforeTheUnmount_FailsForExt4) {
     expectUnmounted(StorageLocation::Presence);
 }
 
-/// A card of which nothing is left on the next one.
-TEST_F(LocationTest, CardFormatted_NewPartitionWorksAndTheNextCardIsAsItWas) {
+TEST_F(LocationTest, CardFormatted_NewPartitionWorksAndNextCardUnchanged) {
     ASSERT_TRUE(Hardware::copyCard("spare"));
     ASSERT_TRUE(Hardware::ejectCard());
     ASSERT_TRUE(Hardware::insertCopy("spare"));
     makeLocation(Hardware::card());
-    take(start());
+    process(start());
     expectFormatted(Hardware::card(), Hardware::card(1));
 
     ASSERT_TRUE(Hardware::ejectCard());
-    take(update());
-    expectNothingThere();
+    process(update());
+    expectNoMedium();
     ASSERT_TRUE(Hardware::insertCard());
-    take(update());
+    process(update());
     EXPECT_EQ(Hardware::nodes(Hardware::card()).size(), 4);
     ASSERT_TRUE(location().selectedPart());
     EXPECT_EQ(location().selectedPart()->capacity(), 64 * MiB);
@@ -488,12 +488,12 @@ TEST_F(LocationTest, CardFormatted_NewPartitionWorksAndTheNextCardIsAsItWas) {
 
 class LocationStick : public LocationTest {
 protected:
-    /// Plugs it in instead of the other, and has a location that knows of it.
+    /// Plugs in a stick and makes a location for it.
     void plugIn(const char* stick) {
         ASSERT_TRUE(Hardware::plug(stick));
         makeLocation(Hardware::stick(stick));
         BDMon::instance()->stop();
-        take(start());
+        process(start());
     }
     void SetUp() override {
         LocationTest::SetUp();
@@ -503,21 +503,21 @@ protected:
     }
 };
 
-TEST_F(LocationStick, WithAnEfiPartition_ThatIsNeverSelected) {
-    ASSERT_TRUE(start().events); // the stick will be told of as it comes
+TEST_F(LocationStick, EfiPartition_NeverSelected) {
+    ASSERT_TRUE(start().events); // the stick is added later
     LogCapture log("stg=11");
     ASSERT_TRUE(Hardware::plug("efi"));
     makeLocation(Hardware::stick("efi"));
-    take(update());
+    process(update());
     const QStringList skipped = {"stg 11 media skipping EFI system partition\n"};
     EXPECT_EQ(log.messages().filter("EFI"), skipped);
     expectSelected(Hardware::stick("efi"), Hardware::stick("efi", 2));
     EXPECT_EQ(location().selectedPart()->m_fsLabel, "EFIDATA");
 
-    // The same when it was there before the monitor.
+    // The same for a stick that is present when the monitor starts.
     BDMon::instance()->stop();
     makeLocation(Hardware::stick("efi"));
-    take(start());
+    process(start());
     EXPECT_EQ(log.messages().filter("EFI"), skipped);
     expectSelected(Hardware::stick("efi"), Hardware::stick("efi", 2));
 
@@ -527,11 +527,11 @@ TEST_F(LocationStick, WithAnEfiPartition_ThatIsNeverSelected) {
     expectUnmounted(StorageLocation::Presence);
     EXPECT_EQ(location().check(), 0);
     ASSERT_TRUE(Hardware::unplug("efi"));
-    take(update());
-    expectNothingThere();
+    process(update());
+    expectNoMedium();
 }
 
-TEST_F(LocationStick, ExfatInAGpt_FilesStayOnTheStick) {
+TEST_F(LocationStick, ExfatInGpt_FilesStayOnStick) {
     plugIn("exfat");
     const QString part = Hardware::stick("exfat", 1);
     expectSelected(Hardware::stick("exfat"), part);
@@ -542,8 +542,8 @@ TEST_F(LocationStick, ExfatInAGpt_FilesStayOnTheStick) {
     EXPECT_TRUE(makeFile(files(), "/clip", "film"));
     expectUnmounted(StorageLocation::Presence);
     ASSERT_TRUE(Hardware::unplug("exfat"));
-    take(update());
-    expectNothingThere();
+    process(update());
+    expectNoMedium();
 
     plugIn("exfat");
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
@@ -551,20 +551,20 @@ TEST_F(LocationStick, ExfatInAGpt_FilesStayOnTheStick) {
     expectUnmounted(StorageLocation::Presence);
 }
 
-TEST_F(LocationStick, PulledWhileMounted_CheckMakesItClean) {
+TEST_F(LocationStick, PulledWhileMounted_CheckClearsDirtyBit) {
     plugIn("vfat");
     ASSERT_EQ(location().mount(nullptr), 0);
     ASSERT_TRUE(makeFile(files(), "/clip", "film"));
     ASSERT_TRUE(Hardware::unplug("vfat"));
     EXPECT_FALSE(makeFile(files(), "/late", "late"));
     EXPECT_THAT(errno, AnyOf(EIO, EROFS));
-    take(update());
+    process(update());
     expectUnmounted(StorageLocation::None);
-    expectNothingThere();
+    expectNoMedium();
 
     plugIn("vfat");
     const QString part = Hardware::stick("vfat", 1);
-    EXPECT_EQ(runTool({"fsck.vfat", "-n", part}).status, 1) << "its dirty bit is set";
+    EXPECT_EQ(runTool({"fsck.vfat", "-n", part}).status, 1) << "the dirty bit is set";
     EXPECT_EQ(location().check(), 0);
     EXPECT_EQ(runTool({"fsck.vfat", "-n", part}).status, 0);
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
@@ -572,14 +572,14 @@ TEST_F(LocationStick, PulledWhileMounted_CheckMakesItClean) {
     expectUnmounted(StorageLocation::Presence);
 }
 
-TEST_F(LocationStick, DamagedExt4_CheckRepairsIt) {
+TEST_F(LocationStick, DamagedExt4_CheckRepairs) {
     ASSERT_TRUE(Hardware::makeStick("spare", 32 * MiB, "label: gpt\nstart=1MiB, type=linux\n"));
     ASSERT_TRUE(Hardware::plug("spare"));
     const QString part = Hardware::stick("spare", 1);
-    ASSERT_TRUE(makeDamagedExt4(part, directory("source")) && noteErrors(part));
+    ASSERT_TRUE(makeDamagedExt4(part, directory("source")) && markErrors(part));
     ASSERT_TRUE(Hardware::settle());
     makeLocation(Hardware::stick("spare"));
-    take(start());
+    process(start());
     expectSelected(Hardware::stick("spare"), part);
     EXPECT_EQ(location().check(), 0);
     EXPECT_TRUE(isSoundExt4(part));
@@ -591,7 +591,7 @@ TEST_F(LocationStick, DamagedExt4_CheckRepairsIt) {
     expectUnmounted(StorageLocation::Presence);
 }
 
-TEST_F(LocationStick, Formatted_NewPartitionIsSelectedAndWorks) {
+TEST_F(LocationStick, Formatted_NewPartitionSelectedAndWorks) {
     ASSERT_TRUE(Hardware::makeStick("spare", 64 * MiB, twoPartitions));
     ASSERT_TRUE(Hardware::plug("spare"));
     const QString disk = Hardware::stick("spare");
@@ -599,25 +599,25 @@ TEST_F(LocationStick, Formatted_NewPartitionIsSelectedAndWorks) {
     ASSERT_EQ(runTool({"mkfs.ext4", "-q", "-L", "OLD", part}).status, 0);
     ASSERT_TRUE(Hardware::settle());
     makeLocation(disk);
-    take(start());
+    process(start());
     expectSelected(disk, part);
     expectFormatted(disk, part);
 
     ASSERT_TRUE(Hardware::unplug("spare"));
-    take(update());
-    expectNothingThere();
+    process(update());
+    expectNoMedium();
     plugIn("spare");
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
     EXPECT_EQ(contents(files(), "/new"), "film");
     expectUnmounted(StorageLocation::Presence);
 }
 
-TEST_F(LocationStick, ThatTakesNoWriting_OnlyReadingWorks) {
+TEST_F(LocationStick, ReadOnlyStick_MountsOnlyReadOnly) {
     ASSERT_TRUE(start().events);
     ASSERT_TRUE(Hardware::plug("exfat", true));
     makeLocation(Hardware::stick("exfat"));
-    take(update());
-    EXPECT_FALSE(location().isWriteProtected()); // it has no switch
+    process(update());
+    EXPECT_FALSE(location().isWriteProtected()); // sticks have no switch
     expectRefused([&] { return location().mount(nullptr); }, NotFound);
     EXPECT_EQ(errno, EROFS);
     EXPECT_EQ(location().access(), StorageLocation::None);

@@ -1,5 +1,5 @@
-// The monitor and the model of block devices with the device's hardware: what they tell of its card
-// and sticks, against what the system's own tools do.
+// BDMon and LinuxBD with the device's hardware: fields and events of its card and sticks, compared
+// with the output of the system's tools.
 #include <oruio/bdmon.h>
 
 #include "device/hardware.h"
@@ -28,7 +28,7 @@ using testing::ElementsAre;
 
 constexpr quint64 MiB = 1024 * 1024;
 
-/// What make-disks has put on a medium.
+/// A partition that make-disks has created.
 struct Partition {
     const char* fsType;
     const char* label;
@@ -38,7 +38,7 @@ struct Partition {
 };
 
 struct Medium {
-    const char* name; ///< that of the stick; null for the card
+    const char* name; ///< name of the stick; null for the card
     const char* tableType;
     quint64 sizeMiB;
     std::vector<Partition> partitions;
@@ -64,15 +64,15 @@ const Medium efiStick = {"efi",
                          {{"vfat", "EFI", "c12a7328-f81f-11d2-ba4b-00a0c93ec93b", 1, 36},
                           {"vfat", "EFIDATA", basicData, 37, 64}}};
 
-// --- what the system tells ----------------------------------------------------------------------
+// --- output of the tools ------------------------------------------------------------------------
 
 QStringList sorted(QStringList lines) {
     lines.sort();
     return lines;
 }
 
-/// "NAME=VALUE" for each property that is kept beyond an event, with links in a fixed order.
-QStringList lasting(const Properties& properties) {
+/// "NAME=VALUE" for each property that does not belong to a single event. Links are sorted.
+QStringList persistent(const Properties& properties) {
     QStringList lines;
     for (auto it = properties.begin(); it != properties.end(); ++it) {
         const QString value =
@@ -83,7 +83,7 @@ QStringList lasting(const Properties& properties) {
     return lines;
 }
 
-/// What udevd has in its database.
+/// The properties in udevd's database.
 Properties udevProperties(const QString& node) {
     Properties properties;
     for (const QString& line : outputOf({"udevadm", "info", "--query=property", node}).split('\n'))
@@ -99,7 +99,7 @@ QJsonObject lsblk(const QString& node) {
     return QJsonDocument::fromJson(table.toUtf8())["blockdevices"][0].toObject();
 }
 
-/// What blkid(8) reads from the medium itself.
+/// The tags that blkid(8) reads from the medium.
 QMap<QString, QString> tagsOf(const QString& node) {
     QMap<QString, QString> tags;
     for (const QString& line : outputOf({"blkid", "-p", "-o", "export", node}).split('\n'))
@@ -114,30 +114,30 @@ quint64 numberIn(const QString& file) {
     return number;
 }
 
-/// The device is still there: each of its fields is what the tools tell of it.
-void expectAsTheToolsTell(BlockDevice& device) {
+/// Expects that the fields of a present device equal the output of the tools.
+void expectEqualToTools(BlockDevice& device) {
     const QString& node = device.m_devName;
     SCOPED_TRACE(node.toStdString());
-    const QString place = Hardware::place(node);
-    ASSERT_NE(place, "");
-    const bool isPartition = QFile::exists(place + "/partition");
+    const QString sysfsPath = Hardware::sysfsPath(node);
+    ASSERT_NE(sysfsPath, "");
+    const bool isPartition = QFile::exists(sysfsPath + "/partition");
     const bool isCard = node.startsWith(Hardware::card());
-    const QString disk = isPartition ? QDir::cleanPath(place + "/..") : place;
+    const QString disk = isPartition ? QDir::cleanPath(sysfsPath + "/..") : sysfsPath;
     const QJsonObject columns = lsblk(node);
     const QMap<QString, QString> tags = tagsOf(node);
     ASSERT_EQ(tags["DEVNAME"], node);
     ASSERT_EQ(columns["path"].toString(), node);
 
-    EXPECT_EQ(lasting(device.m_props), lasting(udevProperties(node)));
+    EXPECT_EQ(persistent(device.m_props), persistent(udevProperties(node)));
     EXPECT_EQ(device.props(), device.m_props);
     EXPECT_EQ(device.m_props["DEVTYPE"].toString(),
               columns["type"].toString().replace("part", "partition"));
     EXPECT_EQ(device.m_idPath, Hardware::idPath(node));
-    EXPECT_EQ(device.m_partNum, isPartition ? numberIn(place + "/partition") : 0u);
-    EXPECT_EQ(device.m_startBlock, isPartition ? numberIn(place + "/start") : 0u);
+    EXPECT_EQ(device.m_partNum, isPartition ? numberIn(sysfsPath + "/partition") : 0u);
+    EXPECT_EQ(device.m_startBlock, isPartition ? numberIn(sysfsPath + "/start") : 0u);
     EXPECT_EQ(device.m_blkSize, numberIn(disk + "/queue/physical_block_size"));
     EXPECT_EQ(device.m_blkSize, quint64(columns["phy-sec"].toInt()));
-    EXPECT_EQ(device.m_totalBlocks, numberIn(place + "/size"));
+    EXPECT_EQ(device.m_totalBlocks, numberIn(sysfsPath + "/size"));
     EXPECT_EQ(double(device.capacity()), columns["size"].toDouble());
 
     EXPECT_EQ(device.m_fsType, columns["fstype"].toString());
@@ -150,7 +150,7 @@ void expectAsTheToolsTell(BlockDevice& device) {
     EXPECT_EQ(device.m_partEntryType, columns["parttype"].toString());
     EXPECT_EQ(device.m_partEntryType, tags["PART_ENTRY_TYPE"]);
 
-    EXPECT_EQ(device.m_devPath, isCard ? place + "/ro" : place.mid(4));
+    EXPECT_EQ(device.m_devPath, isCard ? sysfsPath + "/ro" : sysfsPath.mid(4));
     EXPECT_EQ(device.m_writeProtected, isCard && columns["ro"].toBool());
     EXPECT_EQ(device.m_props.contains("WRITE_PROTECTED"), isCard);
     EXPECT_EQ(device.m_props.value("WRITE_PROTECTED").toBool(), device.m_writeProtected);
@@ -159,7 +159,7 @@ void expectAsTheToolsTell(BlockDevice& device) {
 
 // --- events -------------------------------------------------------------------------------------
 
-/// "add /dev/sda" for each event.
+/// "ACTION NODE" for each event.
 QStringList summary(const QList<BDMon::Event>& events) {
     QStringList lines;
     for (const BDMon::Event& event : events)
@@ -167,13 +167,13 @@ QStringList summary(const QList<BDMon::Event>& events) {
     return lines;
 }
 
-QStringList each(const QString& action, const QStringList& nodes) {
+QStringList prefixed(const QString& action, const QStringList& nodes) {
     return QStringList(nodes).replaceInStrings(QRegularExpression("^"), action + ' ');
 }
 
-/// Without changes of a disk as such: what comes to a port wakes up in several steps, of which the
-/// SCSI layer tells when it notices.
-QList<BDMon::Event> comingAndGoing(const QList<BDMon::Event>& events) {
+/// Removes "change" events of disks: a plugged-in stick becomes ready in several steps, and the
+/// SCSI layer sends "change" when it notices one.
+QList<BDMon::Event> withoutDiskChanges(const QList<BDMon::Event>& events) {
     QList<BDMon::Event> found;
     for (const BDMon::Event& event : events) {
         if (event.action == "change")
@@ -194,7 +194,8 @@ BlockDevice::SPtr deviceIn(const QList<BDMon::Event>& events, const QString& nod
     return found;
 }
 
-/// The events of a batch are numbered, and are the same ones by their devices.
+/// Expects that the events are numbered from 1, and that `eventsByDevice` holds the same events by
+/// ID_PATH.
 void expectGrouped(const QList<BDMon::Event>& events,
                    const QMap<QString, QList<BDMon::Event>>& eventsByDevice) {
     QMap<QString, QStringList> expected;
@@ -216,12 +217,12 @@ void expectGrouped(const QList<BDMon::Event>& events,
     EXPECT_EQ(groups, expected);
 }
 
-/// The medium is there, and the latest that the events have of each of its devices is as it was
-/// made and as the tools tell.
+/// Expects that the medium is present, and that the last event of each of its devices matches the
+/// medium and the output of the tools.
 void expectMedium(const Medium& medium, const QList<BDMon::Event>& events) {
     const BlockDevice::SPtr disk = deviceIn(events, medium.node());
     ASSERT_TRUE(disk);
-    expectAsTheToolsTell(*disk);
+    expectEqualToTools(*disk);
     EXPECT_EQ(disk->capacity(), medium.sizeMiB * MiB);
     EXPECT_EQ(disk->m_partTableType, medium.tableType);
     EXPECT_FALSE(disk->isMountable());
@@ -230,12 +231,12 @@ void expectMedium(const Medium& medium, const QList<BDMon::Event>& events) {
         ++number;
         const BlockDevice::SPtr device = deviceIn(events, medium.node(number));
         ASSERT_TRUE(device) << number;
-        expectAsTheToolsTell(*device);
+        expectEqualToTools(*device);
         EXPECT_EQ(device->m_idPath, disk->m_idPath);
         EXPECT_EQ(device->m_partNum, static_cast<unsigned>(number));
         EXPECT_EQ(device->m_fsType, made.fsType);
         EXPECT_EQ(device->m_fsLabel, made.label);
-        // What begins an exFAT file system can also be taken for a table, and udev prefers that.
+        // The boot sector of exFAT also looks like a partition table, and udev prefers the table.
         const bool isExfat = device->m_fsType == "exfat";
         EXPECT_EQ(device->m_partTableType, isExfat ? "dos" : medium.tableType);
         EXPECT_EQ(device->m_partEntryType, made.entryType);
@@ -244,11 +245,11 @@ void expectMedium(const Medium& medium, const QList<BDMon::Event>& events) {
     }
 }
 
-/// The disk comes first, and then its partitions in any order.
-void expectArrival(const QStringList& nodes, const QList<BDMon::Event>& events) {
-    const QStringList lines = summary(comingAndGoing(events));
+/// Expects that the disk is added first, then its partitions in any order.
+void expectAddition(const QStringList& nodes, const QList<BDMon::Event>& events) {
+    const QStringList lines = summary(withoutDiskChanges(events));
     EXPECT_EQ(lines.value(0), "add " + nodes[0]);
-    EXPECT_EQ(sorted(lines), each("add", nodes));
+    EXPECT_EQ(sorted(lines), prefixed("add", nodes));
     int last = 0;
     for (const BDMon::Event& event : events) {
         EXPECT_EQ(event.dev->m_action, event.action);
@@ -260,17 +261,18 @@ void expectArrival(const QStringList& nodes, const QList<BDMon::Event>& events) 
     EXPECT_GE(last, events.first().dev->m_seqNum + nodes.size() - 1);
 }
 
-/// The partitions go in any order, and then the disk.
-void expectOrderOfDeparture(const QStringList& nodes, const QList<BDMon::Event>& events) {
-    const QStringList lines = summary(comingAndGoing(events));
+/// Expects that the partitions are removed in any order, then the disk.
+void expectRemovalOrder(const QStringList& nodes, const QList<BDMon::Event>& events) {
+    const QStringList lines = summary(withoutDiskChanges(events));
     EXPECT_EQ(lines.value(lines.size() - 1), "remove " + nodes[0]);
-    EXPECT_EQ(sorted(lines), each("remove", nodes));
+    EXPECT_EQ(sorted(lines), prefixed("remove", nodes));
 }
 
-/// They went, and nothing has come in their place. `before` tells of them while they were there.
-void expectDeparture(const QStringList& nodes, const QList<BDMon::Event>& events,
-                     const QList<BDMon::Event>& before) {
-    expectOrderOfDeparture(nodes, events);
+/// Expects the removal of these nodes. `before` are the events of the devices while they were
+/// present.
+void expectRemoval(const QStringList& nodes, const QList<BDMon::Event>& events,
+                   const QList<BDMon::Event>& before) {
+    expectRemovalOrder(nodes, events);
     for (const QString& node : nodes) {
         SCOPED_TRACE(node.toStdString());
         const BlockDevice::SPtr gone = deviceIn(events, node);
@@ -278,7 +280,7 @@ void expectDeparture(const QStringList& nodes, const QList<BDMon::Event>& events
         ASSERT_TRUE(gone && there);
         EXPECT_EQ(gone->m_action, "remove");
         EXPECT_GT(gone->m_seqNum, there->m_seqNum);
-        EXPECT_EQ(lasting(gone->m_props), lasting(there->m_props));
+        EXPECT_EQ(persistent(gone->m_props), persistent(there->m_props));
         EXPECT_EQ(gone->m_idPath, there->m_idPath);
         EXPECT_EQ(gone->m_partNum, there->m_partNum);
         EXPECT_EQ(gone->m_fsType, there->m_fsType);
@@ -286,18 +288,18 @@ void expectDeparture(const QStringList& nodes, const QList<BDMon::Event>& events
         EXPECT_EQ(gone->m_partTableType, there->m_partTableType);
         EXPECT_EQ(gone->m_partEntryType, there->m_partEntryType);
         EXPECT_EQ(gone->m_startBlock, there->m_startBlock);
-        // The node of a disk tells nothing any more; the length of a partition is udev's.
+        // The length of a disk is read from its node, which is gone; that of a partition is udev's.
         EXPECT_EQ(gone->m_totalBlocks, gone->m_partNum == 0 ? 0u : there->m_totalBlocks);
         EXPECT_EQ(gone->m_blkSize, 512u);
         EXPECT_EQ(gone->m_devPath, there->m_devPath);
-        EXPECT_FALSE(gone->m_writeProtected) << "its switch has gone with it";
+        EXPECT_FALSE(gone->m_writeProtected) << "the file in /sys is gone";
         EXPECT_EQ(gone->m_props.contains("WRITE_PROTECTED"),
                   there->m_props.contains("WRITE_PROTECTED"));
         EXPECT_FALSE(gone->m_props.value("WRITE_PROTECTED").toBool());
     }
 }
 
-/// With the monitor started.
+/// Starts the monitor.
 class Media : public HardwareTest {
 protected:
     void SetUp() override {
@@ -309,14 +311,14 @@ protected:
         present = *batch.events;
     }
 
-    QList<BDMon::Event> present; ///< what start() told
+    QList<BDMon::Event> present; ///< the events of start()
 };
 
 // --- at the start -------------------------------------------------------------------------------
 
 using MediaAtStart = HardwareTest;
 
-TEST_F(MediaAtStart, AllWithAnIdPath_IsAddedInOneBatch) {
+TEST_F(MediaAtStart, AllDevicesWithIdPath_AddedInOneBatch) {
     QStringList expected;
     for (const QString& record : outputOf({"udevadm", "info", "--export-db"}).split("\n\n")) {
         const QRegularExpression node("^E: DEVNAME=(.*)$", QRegularExpression::MultilineOption);
@@ -337,14 +339,14 @@ TEST_F(MediaAtStart, AllWithAnIdPath_IsAddedInOneBatch) {
     }
     for (const Medium& medium : {card, vfatStick}) {
         expectMedium(medium, events);
-        // A disk is told of before its partitions, and they in their order.
+        // The disk is reported before its partitions, and these in their order.
         const QString idPath = Hardware::idPath(medium.node());
         EXPECT_EQ(summary((*batch.eventsByDevice)[idPath]),
-                  each("add", Hardware::nodes(medium.node())));
+                  prefixed("add", Hardware::nodes(medium.node())));
     }
 }
 
-TEST_F(MediaAtStart, StartedAgain_OnlyAfterStop) {
+TEST_F(MediaAtStart, StartedTwice_EmitsOnlyAfterStop) {
     ASSERT_TRUE(start().events);
     EXPECT_FALSE(start().events);
     BDMon::instance()->stop();
@@ -354,12 +356,12 @@ TEST_F(MediaAtStart, StartedAgain_OnlyAfterStop) {
     ASSERT_TRUE(batch.events);
     EXPECT_FALSE(deviceIn(*batch.events, card.node()));
     expectMedium(vfatStick, *batch.events);
-    EXPECT_FALSE(update().events) << "the past is not told again";
+    EXPECT_FALSE(update().events) << "events before start() are lost";
 }
 
 // --- the card -----------------------------------------------------------------------------------
 
-TEST_F(Media, CardEjected_PartitionsGoBeforeTheDisk) {
+TEST_F(Media, CardEjected_PartitionsRemovedBeforeDisk) {
     const QString idPath = Hardware::idPath(card.node());
     const QStringList nodes = Hardware::nodes(card.node());
     ASSERT_TRUE(Hardware::ejectCard());
@@ -367,11 +369,11 @@ TEST_F(Media, CardEjected_PartitionsGoBeforeTheDisk) {
     ASSERT_TRUE(batch.events);
     expectGrouped(*batch.events, *batch.eventsByDevice);
     EXPECT_THAT(batch.eventsByDevice->keys(), ElementsAre(idPath));
-    expectDeparture(nodes, *batch.events, present);
+    expectRemoval(nodes, *batch.events, present);
     EXPECT_FALSE(update().events);
 }
 
-TEST_F(Media, CardInserted_DiskComesBeforeThePartitions) {
+TEST_F(Media, CardInserted_DiskAddedBeforePartitions) {
     const QString idPath = Hardware::idPath(card.node());
     ASSERT_TRUE(Hardware::ejectCard());
     ASSERT_TRUE(update().events);
@@ -380,14 +382,14 @@ TEST_F(Media, CardInserted_DiskComesBeforeThePartitions) {
     ASSERT_TRUE(batch.events);
     expectGrouped(*batch.events, *batch.eventsByDevice);
     EXPECT_THAT(batch.eventsByDevice->keys(), ElementsAre(idPath));
-    expectArrival(Hardware::nodes(card.node()), *batch.events);
+    expectAddition(Hardware::nodes(card.node()), *batch.events);
     expectMedium(card, *batch.events);
     for (const BDMon::Event& event : *batch.events)
         EXPECT_FALSE(event.dev->m_writeProtected);
     EXPECT_FALSE(update().events);
 }
 
-TEST_F(Media, CardInsertedWriteProtected_DiskAndPartitionsAre) {
+TEST_F(Media, CardInsertedWriteProtected_DiskAndPartitionsProtected) {
     ASSERT_TRUE(Hardware::ejectCard());
     ASSERT_TRUE(Hardware::insertCard(true));
     const QStringList nodes = Hardware::nodes(card.node());
@@ -397,18 +399,18 @@ TEST_F(Media, CardInsertedWriteProtected_DiskAndPartitionsAre) {
     Batch batch = update();
     ASSERT_TRUE(batch.events);
     expectMedium(card, *batch.events);
-    const QList<BDMon::Event> events = batch.events->mid(4); // the first four tell of the going
-    expectArrival(nodes, events);
+    const QList<BDMon::Event> events = batch.events->mid(4); // the first four are removals
+    expectAddition(nodes, events);
     for (const BDMon::Event& event : events) {
         EXPECT_TRUE(event.dev->m_writeProtected) << event.dev->m_devName.toStdString();
         EXPECT_EQ(event.dev->m_props["WRITE_PROTECTED"], QVariant(true));
     }
 
-    // Nobody tells when the switch was on; when it comes again it is off.
+    // After the removal the state is unknown; the next card has the switch off.
     ASSERT_TRUE(Hardware::ejectCard());
     batch = update();
     ASSERT_TRUE(batch.events);
-    expectDeparture(nodes, *batch.events, events);
+    expectRemoval(nodes, *batch.events, events);
     ASSERT_TRUE(Hardware::insertCard());
     batch = update();
     ASSERT_TRUE(batch.events);
@@ -420,7 +422,7 @@ TEST_F(Media, CardInsertedWriteProtected_DiskAndPartitionsAre) {
 
 // --- sticks -------------------------------------------------------------------------------------
 
-TEST_F(Media, StickPulled_PartitionsGoBeforeTheDisk) {
+TEST_F(Media, StickPulled_PartitionsRemovedBeforeDisk) {
     const QString idPath = Hardware::idPath(vfatStick.node());
     const QStringList nodes = Hardware::nodes(vfatStick.node());
     ASSERT_TRUE(Hardware::unplug("vfat"));
@@ -428,12 +430,12 @@ TEST_F(Media, StickPulled_PartitionsGoBeforeTheDisk) {
     ASSERT_TRUE(batch.events);
     expectGrouped(*batch.events, *batch.eventsByDevice);
     EXPECT_THAT(batch.eventsByDevice->keys(), ElementsAre(idPath));
-    expectDeparture(nodes, *batch.events, present);
+    expectRemoval(nodes, *batch.events, present);
 }
 
 class MediaStick : public Media, public testing::WithParamInterface<const Medium*> {};
 
-TEST_P(MediaStick, PluggedIn_DiskComesBeforeThePartitions) {
+TEST_P(MediaStick, PluggedIn_DiskAddedBeforePartitions) {
     const Medium& medium = *GetParam();
     ASSERT_TRUE(Hardware::unplug("vfat"));
     ASSERT_TRUE(update().events);
@@ -443,16 +445,16 @@ TEST_P(MediaStick, PluggedIn_DiskComesBeforeThePartitions) {
     expectGrouped(*arrived.events, *arrived.eventsByDevice);
     EXPECT_THAT(arrived.eventsByDevice->keys(), ElementsAre(Hardware::idPath(medium.node())));
     const QStringList nodes = Hardware::nodes(medium.node());
-    expectArrival(nodes, *arrived.events);
+    expectAddition(nodes, *arrived.events);
     expectMedium(medium, *arrived.events);
 
     ASSERT_TRUE(Hardware::unplug(medium.name));
     const Batch gone = update();
     ASSERT_TRUE(gone.events);
-    expectDeparture(nodes, *gone.events, *arrived.events);
+    expectRemoval(nodes, *gone.events, *arrived.events);
 }
 
-TEST_P(MediaStick, PresentAtTheStart_IsAdded) {
+TEST_P(MediaStick, PresentAtStart_Added) {
     const Medium& medium = *GetParam();
     ASSERT_TRUE(Hardware::unplug("vfat"));
     ASSERT_TRUE(Hardware::plug(medium.name));
@@ -462,8 +464,8 @@ TEST_P(MediaStick, PresentAtTheStart_IsAdded) {
     expectMedium(medium, *batch.events);
 }
 
-/// Write protection is what the switch of a card says; a stick without writing is none.
-TEST_F(Media, StickThatTakesNoWriting_IsNotWriteProtected) {
+// Write protection is the switch of a card; a read-only stick has none.
+TEST_F(Media, ReadOnlyStick_NotWriteProtected) {
     ASSERT_TRUE(Hardware::unplug("vfat"));
     ASSERT_TRUE(update().events);
     ASSERT_TRUE(Hardware::plug("efi", true));
@@ -481,7 +483,7 @@ INSTANTIATE_TEST_SUITE_P(Sticks, MediaStick, testing::Values(&vfatStick, &exfatS
                              return std::string(param.param->name);
                          });
 
-TEST_F(Media, NewFileSystemOnAStick_IsAChangeOfThePartition) {
+TEST_F(Media, NewFileSystemOnStick_PartitionChangeEvent) {
     ASSERT_TRUE(Hardware::makeStick("spare", 32 * MiB, "label: gpt\nstart=1MiB, type=linux\n"));
     ASSERT_TRUE(Hardware::plug("spare"));
     const QString node = Hardware::stick("spare", 1);
@@ -500,12 +502,12 @@ TEST_F(Media, NewFileSystemOnAStick_IsAChangeOfThePartition) {
     EXPECT_EQ(partition->m_action, "change");
     EXPECT_EQ(partition->m_fsType, "ext4");
     EXPECT_EQ(partition->m_fsLabel, "CLIPS");
-    expectAsTheToolsTell(*partition);
+    expectEqualToTools(*partition);
 }
 
 // --- batches ------------------------------------------------------------------------------------
 
-TEST_F(Media, CardAndStickBothGoAndCome_AreOneBatchOfTheirGroups) {
+TEST_F(Media, CardAndStickRemovedAndAdded_OneBatchGroupedByDisk) {
     const QString cardPath = Hardware::idPath(card.node());
     const QString stickPath = Hardware::idPath(vfatStick.node());
     const QStringList cardNodes = Hardware::nodes(card.node());
@@ -520,16 +522,16 @@ TEST_F(Media, CardAndStickBothGoAndCome_AreOneBatchOfTheirGroups) {
     const QList<BDMon::Event>& events = *batch.events;
     expectGrouped(events, *batch.eventsByDevice);
     EXPECT_EQ(batch.eventsByDevice->keys(), sorted({cardPath, stickPath, efiPath}));
-    expectOrderOfDeparture(cardNodes, events.mid(0, 4));
-    expectOrderOfDeparture(stickNodes, events.mid(4, 2));
-    expectArrival(cardNodes, events.mid(6, 4));
-    expectArrival(Hardware::nodes(efiStick.node()), events.mid(10));
+    expectRemovalOrder(cardNodes, events.mid(0, 4));
+    expectRemovalOrder(stickNodes, events.mid(4, 2));
+    expectAddition(cardNodes, events.mid(6, 4));
+    expectAddition(Hardware::nodes(efiStick.node()), events.mid(10));
     expectMedium(card, events);
     expectMedium(efiStick, events);
 }
 
-// It goes on until nothing has happened for as long as it was told.
-TEST_F(Media, EventsDuringUpdate_BelongToTheSameBatch) {
+// update() collects events until none has arrived for the quiet time.
+TEST_F(Media, EventsDuringUpdate_InSameBatch) {
     ASSERT_TRUE(Hardware::ejectCard());
     QList<BDMon::EventListSPtr> batches;
     const QMetaObject::Connection connection = QObject::connect(
@@ -538,13 +540,13 @@ TEST_F(Media, EventsDuringUpdate_BelongToTheSameBatch) {
     std::atomic<bool> isInserted = false;
     std::thread user([&] { isInserted = bool(Hardware::insertCard()); });
     EXPECT_EQ(BDMon::instance()->update(30000), 0);
-    EXPECT_TRUE(isInserted) << "within the time that it waits";
+    EXPECT_TRUE(isInserted) << "inserted within the quiet time";
     user.join();
     QObject::disconnect(connection);
     ASSERT_EQ(batches.size(), 1);
     ASSERT_EQ(batches[0]->size(), 8);
-    expectOrderOfDeparture(Hardware::nodes(card.node()), batches[0]->mid(0, 4));
-    expectArrival(Hardware::nodes(card.node()), batches[0]->mid(4));
+    expectRemovalOrder(Hardware::nodes(card.node()), batches[0]->mid(0, 4));
+    expectAddition(Hardware::nodes(card.node()), batches[0]->mid(4));
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// An NFS export of the device's own server, through the real maintenance program and the kernel.
+// NFS with the device's server, the real maintenance program and the kernel's client.
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>
 
@@ -36,11 +36,11 @@ protected:
             continue;
     }
 
-    /// To the server, whose silence fails a request in a few seconds.
+    /// Connects with options that make requests fail within seconds if the server does not reply.
     int connect(const Properties& more = {}) {
         Properties props = more;
         props["target"] = NfsServer::target();
-        // For a second the kernel answers from what it has kept.
+        // actimeo=1: the kernel caches attributes for one second.
         props["cmd_opts"] = "soft,timeo=10,retrans=1,actimeo=1";
         return nfs.connect(props);
     }
@@ -54,7 +54,7 @@ protected:
 
 } // namespace
 
-TEST_F(NfsDevice, Connected_IsTheExport) {
+TEST_F(NfsDevice, Connected_ExportMounted) {
     EXPECT_FALSE(nfs.isConnected());
     ASSERT_EQ(connect(), 0) << strerror();
     EXPECT_TRUE(nfs.isConnected());
@@ -73,7 +73,7 @@ TEST_F(NfsDevice, Connected_IsTheExport) {
     EXPECT_FALSE(nfs.isConnected());
 }
 
-TEST_F(NfsDevice, ReadOnly_RefusesToWrite) {
+TEST_F(NfsDevice, ReadOnly_WriteFailsWithEROFS) {
     ASSERT_EQ(connect({{"readonly", true}}), 0) << strerror();
     EXPECT_TRUE(nfs.isConnected());
     EXPECT_FALSE(nfs.open("/other", O_RDWR | O_CREAT, 0644));
@@ -81,15 +81,14 @@ TEST_F(NfsDevice, ReadOnly_RefusesToWrite) {
     EXPECT_EQ(nfs.disconnect(), 0);
 }
 
-TEST_F(NfsDevice, ExportThatIsNot_IsRefused) {
+TEST_F(NfsDevice, MissingExport_ConnectFails) {
     const int result = nfs.connect({{"target", "127.0.0.1:/no/such/export"}});
-    EXPECT_GT(result, 0) << "the status of the maintenance program";
+    EXPECT_GT(result, 0) << "the exit status of the maintenance program";
     EXPECT_FALSE(nfs.isConnected());
     EXPECT_FALSE(isMounted());
 }
 
-// The errors that an application sees, and that it does see them.
-TEST_F(NfsDevice, ServerStopsUnderLoad_ErrorsInBoundedTimeAndRecovery) {
+TEST_F(NfsDevice, ServerStopsUnderLoad_FailsInBoundedTimeAndRecovers) {
     ASSERT_EQ(connect(), 0) << strerror();
     const auto file = nfs.open("/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
     ASSERT_TRUE(file);
@@ -124,7 +123,7 @@ TEST_F(NfsDevice, ServerStopsUnderLoad_ErrorsInBoundedTimeAndRecovery) {
     EXPECT_EQ(nfs.disconnect(), 0) << strerror();
 }
 
-TEST_F(NfsDevice, ServerGoneAndAFileOpen_LeftLazilyWithoutWaiting) {
+TEST_F(NfsDevice, ServerGoneWithFileOpen_LazyDisconnectDoesNotWait) {
     ASSERT_EQ(connect({{"lazy", true}}), 0) << strerror();
     const auto file = nfs.open("/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
     ASSERT_TRUE(file);
@@ -139,7 +138,7 @@ TEST_F(NfsDevice, ServerGoneAndAFileOpen_LeftLazilyWithoutWaiting) {
     file->close();
 }
 
-TEST_F(NfsDevice, VersionThree_ServesAsWell) {
+TEST_F(NfsDevice, VersionThree_Connects) {
     ASSERT_EQ(nfs.connect({{"target", "127.0.0.1:" + NfsServer::directory()},
                            {"cmd_opts", "vers=3,nolock,soft,timeo=10,retrans=1"}}),
               0);
@@ -154,7 +153,7 @@ TEST_F(NfsDevice, VersionThree_ServesAsWell) {
     EXPECT_EQ(nfs.disconnect(), 0) << strerror();
 }
 
-TEST_F(NfsDevice, BusyMount_LeftLazilyWhenAsked) {
+TEST_F(NfsDevice, BusyMount_DisconnectsOnlyLazily) {
     ASSERT_EQ(connect(), 0) << strerror();
     auto file = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
@@ -171,7 +170,7 @@ TEST_F(NfsDevice, BusyMount_LeftLazilyWhenAsked) {
     EXPECT_EQ(nfs.disconnect(), 0);
     EXPECT_FALSE(isMounted());
     EXPECT_FALSE(nfs.isConnected());
-    // Who has a file open keeps it.
+    // An open file stays usable.
     EXPECT_EQ(file->write("frame", 5), 5);
     EXPECT_EQ(file->fsync(), 0);
     file->close();

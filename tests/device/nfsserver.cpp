@@ -23,7 +23,7 @@ QString NfsServer::missing() {
 }
 
 bool NfsServer::start() {
-    // Without the test's pipes: the daemons that it starts would keep them open.
+    // Output is discarded: the daemons would keep the test's pipes open.
     return QFile::exists(threadsFile) ? setThreads("2")
                                       : runTool({"sh", "-c", "nfs-up >/dev/null 2>&1"}).status == 0;
 }

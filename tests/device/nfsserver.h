@@ -1,23 +1,23 @@
-// The device's own NFS server, which exports a memory file system to the device itself.
+// The NFS server of the device. It exports a tmpfs to the device itself.
 #pragma once
 
 #include <QString>
 
 namespace oru::io::test {
 
-/// One for all tests of a boot: it is started by the first that asks for it.
+/// The server is shared by all tests; the first start() after boot starts it.
 class NfsServer {
 public:
-    /// Why there can be none; empty when there can.
+    /// Why no server can run; empty if one can.
     static QString missing();
-    /// Starts it unless it runs. \returns whether it does.
+    /// Starts the server unless it runs. \returns whether it runs.
     static bool start();
-    /// Ends its threads: whoever asks it for something gets no answer.
+    /// Ends the server's threads: requests then get no reply.
     static bool stop();
 
-    /// What is exported, as the server has it.
+    /// The exported directory, as a local path.
     static QString directory();
-    /// The same, as clients name it.
+    /// The export, as clients name it.
     static QString target();
 };
 

@@ -1,8 +1,8 @@
-// What a power cut leaves of recordings on the device's card.
+// Recordings on the device's card after simulated power cuts.
 //
-// On each file system of the card, recorders record one short clip after the other, and sync every
-// second. At random moments the emulator copies the card as it is: no more is there after a power
-// cut than had reached the card.
+// On each file system of the card, recorders record one short clip after the other and sync every
+// second. At random moments the emulator copies the card: the copy has only the data that had
+// reached the card, as after a power cut.
 #include <oruio/error.h>
 #include <oruio/sysutils.h>
 
@@ -28,13 +28,13 @@ namespace {
 
 constexpr int powerCuts = 20;
 
-/// What is behind the name of a log, in that of the file that ends its recorders.
+/// Suffix to the name of a log: the file of that name stops its recorders.
 constexpr char stopped[] = ".stopped";
 
 /// One power cut, for one recording.
 struct Moment {
-    Told told;
-    qint64 written = 0; ///< of the clip after the finished ones, in bytes, a little later
+    Reported reported;
+    qint64 written = 0; ///< size of the clip after the finished ones, read after the copy
 };
 
 class PowerCut : public HardwareTest {
@@ -60,14 +60,14 @@ protected:
                          recording.log + stopped, ORUIO_RECORDER, "--to", recording.directory,
                          "--rate", "1", "--seconds", "3", "--report-syncs"});
         ASSERT_TRUE(recorders.waitForStarted());
-        ASSERT_TRUE(eventually([&] { return toldSoFar(recording).next.bytes > 0; }, 60));
+        ASSERT_TRUE(eventually([&] { return reportedSoFar(recording).next.bytes > 0; }, 60));
     }
-    /// The last recorder finishes its clip. \returns all clips.
+    /// Stops after the current clip. \returns the contents of all clips.
     static QVector<QByteArray> stopRecording(const Recording& recording, QProcess& recorders) {
         EXPECT_TRUE(makeFile(recording.log + stopped, ""));
         EXPECT_TRUE(recorders.waitForFinished(60'000));
         QVector<QByteArray> clips;
-        for (int clip = 0; clip < toldSoFar(recording).finished.size(); ++clip)
+        for (int clip = 0; clip < reportedSoFar(recording).finished.size(); ++clip)
             clips.append(contents(fileOf(recording, clip)));
         EXPECT_EQ(umountPath(qPrintable(recording.directory), nullptr), 0) << strerror();
         return clips;
@@ -82,7 +82,7 @@ QString copyName(int number) {
 
 } // namespace
 
-TEST_F(PowerCut, WhatIsFinishedOrSynced_IsThere) {
+TEST_F(PowerCut, FinishedAndSyncedData_Recovered) {
     const size_t count = recordings.size();
     std::vector<QProcess> recorders(count);
     for (size_t i = 0; i < count; ++i)
@@ -95,10 +95,10 @@ TEST_F(PowerCut, WhatIsFinishedOrSynced_IsThere) {
         std::this_thread::sleep_for(std::chrono::milliseconds(pause(random)));
         std::vector<Moment> moments;
         for (const Recording& recording : recordings)
-            moments.push_back({toldSoFar(recording)});
+            moments.push_back({reportedSoFar(recording)});
         ASSERT_TRUE(Hardware::copyCard(copyName(cut)));
         for (size_t i = 0; i < count; ++i) {
-            const int finished = moments[i].told.finished.size();
+            const int finished = moments[i].reported.finished.size();
             moments[i].written = QFileInfo(fileOf(recordings[i], finished)).size();
         }
         cuts.push_back(moments);
@@ -114,8 +114,8 @@ TEST_F(PowerCut, WhatIsFinishedOrSynced_IsThere) {
         ASSERT_TRUE(Hardware::insertCopy(copyName(cut)));
         for (size_t i = 0; i < count; ++i) {
             const Moment& moment = cuts[static_cast<size_t>(cut)][i];
-            const QByteArray left = expectRecovered(recordings[i], moment.told);
-            const QByteArray whole = clips[i].value(moment.told.finished.size());
+            const QByteArray left = expectRecovered(recordings[i], moment.reported);
+            const QByteArray whole = clips[i].value(moment.reported.finished.size());
             const auto right =
                 std::mismatch(left.begin(), left.end(), whole.begin(), whole.end()).first;
             mostLost[i] = std::max<qint64>(mostLost[i], moment.written - (right - left.begin()));

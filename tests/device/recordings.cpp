@@ -41,19 +41,19 @@ std::vector<Recording> recordingsOfTheCard() {
     return {{1, "vfat", {}, {}}, {2, "exfat", {}, {}}, {3, "ext4", {}, {}}};
 }
 
-/// From the recorders' "synced BYTES CHECKSUM", and from what is the last line for each clip.
-Told toldSoFar(const Recording& recording) {
-    Told told;
+/// The recorders print "synced BYTES CHECKSUM" after each sync, and "verified yes" after each clip.
+Reported reportedSoFar(const Recording& recording) {
+    Reported reported;
     for (const QByteArray& line : contents(recording.log).split('\n')) {
         const QList<QByteArray> words = line.simplified().split(' ');
         if (words[0] == "synced" && words.size() == 3) {
-            told.next = {words[1].toLongLong(), words[2]};
+            reported.next = {words[1].toLongLong(), words[2]};
         } else if (words[0] == "verified" && words[1] == "yes") {
-            told.finished.append(told.next);
-            told.next = {};
+            reported.finished.append(reported.next);
+            reported.next = {};
         }
     }
-    return told;
+    return reported;
 }
 
 QString fileOf(const Recording& recording, int clip) {
@@ -66,20 +66,20 @@ void mountRecording(const Recording& recording) {
     ASSERT_EQ(deviceOf(recording).mount(recording.directory, nullptr), 0) << strerror();
 }
 
-QByteArray expectRecovered(const Recording& recording, const Told& told) {
+QByteArray expectRecovered(const Recording& recording, const Reported& reported) {
     SCOPED_TRACE(recording.type);
     EXPECT_EQ(deviceOf(recording).fsck(nullptr), 0);
     mountRecording(recording);
-    for (int clip = 0; clip < told.finished.size(); ++clip) {
+    for (int clip = 0; clip < reported.finished.size(); ++clip) {
         SCOPED_TRACE(clip);
         const QString file = fileOf(recording, clip);
         EXPECT_FALSE(file.endsWith(".part"));
-        EXPECT_EQ(contents(file).size(), told.finished[clip].bytes);
-        expectBeginning(contents(file), told.finished[clip]);
+        EXPECT_EQ(contents(file).size(), reported.finished[clip].bytes);
+        expectBeginning(contents(file), reported.finished[clip]);
     }
-    QByteArray next = contents(fileOf(recording, told.finished.size()));
-    if (told.next.bytes > 0)
-        expectBeginning(next, told.next);
+    QByteArray next = contents(fileOf(recording, reported.finished.size()));
+    if (reported.next.bytes > 0)
+        expectBeginning(next, reported.next);
     EXPECT_EQ(umountPath(qPrintable(recording.directory), nullptr), 0) << strerror();
     return next;
 }

@@ -1,4 +1,4 @@
-// Recordings on the file systems of the device's card, and what is left of them after a power cut.
+// Recordings on the file systems of the device's card, and their state after a power cut.
 #pragma once
 
 #include <QByteArray>
@@ -9,39 +9,40 @@
 
 namespace oru::io::test {
 
-/// One file system of the card, to which recorders record one clip after the other.
+/// One file system of the card. Recorders record one clip after the other on it.
 struct Recording {
     int partition;
     const char* type;
-    QString directory; ///< where it is mounted
-    QString log;       ///< what the recorders tell: the file is that of their standard output
+    QString directory; ///< mount point
+    QString log;       ///< file with the standard output of the recorders
 };
 
-/// Those of the card, without a directory and a log yet.
+/// The recordings of the card, without directory and log.
 std::vector<Recording> recordingsOfTheCard();
 
-/// The beginning of a clip.
+/// The part of a clip that is synced, from its beginning.
 struct Synced {
     qint64 bytes = 0;
     QByteArray checksum;
 };
 
-/// What the recorders have told by some moment.
-struct Told {
+/// What the recorders have reported up to some moment.
+struct Reported {
     QVector<Synced> finished; ///< clips
-    Synced next;              ///< of the clip after those
+    Synced next;              ///< of the clip after the finished ones
 };
 
-Told toldSoFar(const Recording& recording);
+/// Reads the log.
+Reported reportedSoFar(const Recording& recording);
 
-/// The file of a clip, counted from 0, or the one that it is in while it is recorded.
+/// The file of a clip, counted from 0. While the clip is recorded, its name ends in ".part".
 QString fileOf(const Recording& recording, int clip);
 
-/// Mounts it as the library does.
+/// Mounts the file system through the library.
 void mountRecording(const Recording& recording);
 
-/// Expects all that the recorders had told of, after the card has been checked and mounted through
-/// the library. \returns what is there of the clip after the finished ones.
-QByteArray expectRecovered(const Recording& recording, const Told& told);
+/// Checks and mounts the file system through the library, and expects all data in `reported`.
+/// \returns the contents of the clip after the finished ones.
+QByteArray expectRecovered(const Recording& recording, const Reported& reported);
 
 } // namespace oru::io::test

@@ -1,5 +1,5 @@
-// The exFAT driver that a recorder has, as far as mount(2) shows it: where the kernel has none of
-// that name, its own one stands in.
+// Replaces mount() so that file systems of the type "ufsd" can be mounted: if the kernel has no
+// such driver, its exFAT driver is used.
 #include <QtGlobal>
 
 #include <cerrno>
@@ -17,7 +17,7 @@ Mount* realMount() {
     return real;
 }
 
-/// Of types that it does not have, the kernel says so before it looks for the device.
+/// mount(2) fails with ENODEV for an unknown type before it looks up the device.
 bool isUfsdMissing() {
     static const bool isMissing =
         realMount()("none", "/", "ufsd", 0, nullptr) != 0 && errno == ENODEV;
@@ -26,13 +26,13 @@ bool isUfsdMissing() {
 
 } // namespace
 
-// The program's own definition comes before that of the C library.
+// The definition in the program takes precedence over the one in the C library.
 extern "C" Q_DECL_EXPORT int mount(const char* device, const char* directory, const char* type,
                                    unsigned long flags, const void* data) noexcept {
     if (!type || std::strcmp(type, "ufsd") != 0 || !isUfsdMissing())
         return realMount()(device, directory, type, flags, data);
     if (!data || std::strcmp(static_cast<const char*>(data), "nls=utf8") != 0) {
-        errno = EINVAL; // there are no other options that both know
+        errno = EINVAL; // the drivers have no other option in common
         return -1;
     }
     return realMount()(device, directory, "exfat", flags, "iocharset=utf8");

@@ -1,4 +1,4 @@
-// Locations of network shares: of a real SMB server, and of NFS exports.
+// RemoteLocation with a real SMB server, and with NFS exports that a tmpfs stands in for.
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>
 #include <oruio/fssmb.h>
@@ -31,14 +31,14 @@ using test::LogCapture;
 using test::login;
 using test::makeFile;
 
-/// Counts what it tells its owner.
+/// Counts its accessChanged signals.
 class WatchedLocation : public RemoteLocation {
 public:
     WatchedLocation(const FS::SPtr& fs, Properties props) : RemoteLocation("share", fs, &props) {
-        QObject::connect(this, &StorageLocation::accessChanged, [this] { ++changesTold; });
+        QObject::connect(this, &StorageLocation::accessChanged, [this] { ++accessChanges; });
     }
 
-    int changesTold = 0;
+    int accessChanges = 0;
 };
 
 QStringList filesIn(const QString& directory) {
@@ -50,24 +50,24 @@ constexpr char unknownMarker[] = "ORU-write-check-unknown";
 constexpr char numberedMarker[] = "ORU-write-check-123";
 constexpr char emptyMarker[] = "ORU-write-check-";
 
-/// Leaves a file behind for each of them, as a device does that was switched off while it probed.
-void leaveMarkers(const QString& directory) {
+/// Creates all three marker files, as a device leaves one that is switched off during a probe.
+void createMarkers(const QString& directory) {
     for (const char* marker : {emptyMarker, numberedMarker, unknownMarker})
         ASSERT_TRUE(makeFile(directory + '/' + marker));
 }
 
-/// A device without a serial number.
-class Unnumbered {
+/// Removes the serial number from the environment while it lives.
+class NoSerialNumber {
 public:
-    Unnumbered() {
+    NoSerialNumber() {
         unsetenv("SERIAL_NUMBER");
     }
-    ~Unnumbered() {
+    ~NoSerialNumber() {
         unsetenv("SERIAL_NUMBER");
     }
 
 private:
-    Q_DISABLE_COPY(Unnumbered)
+    Q_DISABLE_COPY(NoSerialNumber)
 };
 
 // --- SMB ----------------------------------------------------------------------------------------
@@ -75,20 +75,20 @@ private:
 class LocationShare : public test::Smb {
 protected:
     void TearDown() override {
-        EXPECT_EQ(location.changesTold, 0) << "that is for the owner";
+        EXPECT_EQ(location.accessChanges, 0) << "only the application emits accessChanged";
     }
 
     QString root() const {
         return server.directory("rw");
     }
-    /// Nobody listens there.
+    /// Properties of a port without a listener.
     Properties unreachable() const {
         return login(QStringLiteral("127.0.0.1:%1").arg(unused.port()));
     }
     int probeIn(QString directory) {
         return location.probe(&writable, &directory, false);
     }
-    /// The location's share answers, and can be written to.
+    /// Expects that the share is connected and writable.
     void expectWorks() {
         EXPECT_EQ(location.access(), StorageLocation::Write);
         EXPECT_TRUE(location.ping());
@@ -96,7 +96,7 @@ protected:
         EXPECT_EQ(getLocal("/clip"), "film");
     }
 
-    const Unnumbered unnumbered;
+    const NoSerialNumber noSerialNumber;
     const test::Socket unused = test::boundSocket();
     WatchedLocation location{FS::SPtr(new Smb2FS(30)), login(server.address())};
     bool writable = false;
@@ -115,7 +115,7 @@ TEST_F(LocationShare, MountAndUmount_ConnectAndDisconnect) {
     EXPECT_FALSE(location.ping());
     EXPECT_FALSE(location.fs()->open("/clip", O_RDONLY, 0));
     EXPECT_EQ(errno, ENOTCONN);
-    EXPECT_EQ(location.umount(nullptr), 0); // of nothing
+    EXPECT_EQ(location.umount(nullptr), 0); // not mounted: nothing to do
     EXPECT_EQ(location.mount(nullptr), 0);
     expectWorks();
 }
@@ -124,32 +124,33 @@ TEST_F(LocationShare, MountFails_AccessIsNone) {
     Properties wrongPassword = login(server.address());
     wrongPassword["password"] = "wrong";
     Properties noShare = login(server.address(), "missing");
-    Properties nobody = unreachable();
+    Properties noListener = unreachable();
     const struct {
         Properties* props;
         int reason;
-    } failures[] = {{&wrongPassword, ECONNREFUSED}, {&noShare, ENOENT}, {&nobody, ECONNREFUSED}};
+    } failures[] = {
+        {&wrongPassword, ECONNREFUSED}, {&noShare, ENOENT}, {&noListener, ECONNREFUSED}};
     for (const auto& failure : failures) {
         ASSERT_EQ(location.mount(nullptr), 0);
         ASSERT_EQ(location.access(), StorageLocation::Write);
         liberrno = LibraryFailure;
         EXPECT_EQ(location.mount(failure.props), -1);
         EXPECT_EQ(errno, failure.reason) << std::strerror(errno);
-        EXPECT_EQ(liberrno, LibraryFailure) << "it has no code of the library";
+        EXPECT_EQ(liberrno, LibraryFailure) << "errno holds the reason";
         EXPECT_EQ(location.access(), StorageLocation::None);
     }
-    EXPECT_EQ(location.mount(nullptr), 0); // its own properties have not changed
+    EXPECT_EQ(location.mount(nullptr), 0); // the location's own properties are unchanged
     expectWorks();
 }
 
-TEST_F(LocationShare, Properties_AreThoseOfTheCallOrElseTheLatest) {
+TEST_F(LocationShare, Mount_CallersOrElseLatestProperties_Used) {
     Properties other = login(server.address(), "rw2");
     EXPECT_EQ(location.mount(&other), 0);
     EXPECT_TRUE(makeFile(*location.fs(), "/clip", "film"));
     EXPECT_EQ(filesIn(server.directory("rw2")), QStringList("clip"));
     EXPECT_EQ(filesIn(root()), QStringList());
 
-    // They take effect with the next connection.
+    // setProperties() takes effect with the next connection.
     Properties readonly = login(server.address(), "ro");
     location.setProperties(readonly);
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
@@ -158,12 +159,12 @@ TEST_F(LocationShare, Properties_AreThoseOfTheCallOrElseTheLatest) {
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
     EXPECT_FALSE(writable);
     EXPECT_EQ(location.mount(nullptr), 0);
-    EXPECT_EQ(location.access(), StorageLocation::Write); // as every share
+    EXPECT_EQ(location.access(), StorageLocation::Write); // as for every share
     struct stat st;
     EXPECT_EQ(location.fs()->stat("/file.txt", st), 0);
 }
 
-TEST_F(LocationShare, WhatSharesHaveNot_NotImplementedOrNothingToDo) {
+TEST_F(LocationShare, UnsupportedOperations_NotImplementedOrNoEffect) {
     ASSERT_EQ(location.mount(nullptr), 0);
     EXPECT_EQ(location.check(), 1);
     liberrno = Ok;
@@ -190,15 +191,15 @@ TEST_F(LocationShare, Disable_RefusedWhileMounted) {
     EXPECT_EQ(location.disable(), 0);
 }
 
-TEST_F(LocationShare, ProbeOfAWritableShare_ConnectsAndLeavesNothing) {
+TEST_F(LocationShare, ProbeWritableShare_ConnectsAndLeavesNoFile) {
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0) << std::strerror(errno);
     EXPECT_TRUE(writable);
     EXPECT_TRUE(location.ping());
     EXPECT_EQ(filesIn(root()), QStringList());
-    EXPECT_EQ(location.access(), StorageLocation::None) << "it does not mount";
+    EXPECT_EQ(location.access(), StorageLocation::None) << "a probe does not mount";
 }
 
-TEST_F(LocationShare, ProbeOfAReadOnlyShare_TellsSo) {
+TEST_F(LocationShare, ProbeReadOnlyShare_NotWritable) {
     Properties readonly = login(server.address(), "ro");
     location.setProperties(readonly);
     writable = true;
@@ -208,7 +209,7 @@ TEST_F(LocationShare, ProbeOfAReadOnlyShare_TellsSo) {
     EXPECT_EQ(filesIn(server.directory("ro")), QStringList("file.txt"));
 }
 
-TEST_F(LocationShare, ProbeOfAMountedShare_KeepsItsConnection) {
+TEST_F(LocationShare, ProbeMountedShare_KeepsConnection) {
     ASSERT_EQ(location.mount(nullptr), 0);
     const QSharedPointer<File> clip = location.fs()->open("/clip", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(clip);
@@ -221,28 +222,28 @@ TEST_F(LocationShare, ProbeOfAMountedShare_KeepsItsConnection) {
     EXPECT_EQ(getLocal("/clip"), "film");
 }
 
-// Each device has a marker of its own: it removes what it has left behind, and nobody else's.
-TEST_F(LocationShare, Marker_HasTheSerialNumber) {
+// The marker's name contains the serial number: a device removes only its own marker.
+TEST_F(LocationShare, Marker_NamedBySerialNumber) {
     ASSERT_EQ(location.mount(nullptr), 0);
-    leaveMarkers(root());
+    createMarkers(root());
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
     EXPECT_TRUE(writable);
     EXPECT_EQ(filesIn(root()), QStringList({emptyMarker, numberedMarker}));
 
-    leaveMarkers(root());
+    createMarkers(root());
     setenv("SERIAL_NUMBER", "123", 1);
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
     EXPECT_TRUE(writable);
     EXPECT_EQ(filesIn(root()), QStringList({emptyMarker, unknownMarker}));
 
-    leaveMarkers(root());
+    createMarkers(root());
     setenv("SERIAL_NUMBER", "", 1);
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
     EXPECT_TRUE(writable);
     EXPECT_EQ(filesIn(root()), QStringList({numberedMarker, unknownMarker}));
 }
 
-TEST_F(LocationShare, MarkerCannotBeMade_NotWritable) {
+TEST_F(LocationShare, MarkerCannotBeCreated_NotWritable) {
     ASSERT_TRUE(QDir().mkpath(local("/") + unknownMarker + "/full"));
     writable = true;
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
@@ -253,13 +254,13 @@ TEST_F(LocationShare, MarkerCannotBeMade_NotWritable) {
     EXPECT_EQ(filesIn(root()), QStringList(unknownMarker));
 }
 
-TEST_F(LocationShare, ProbeOfADirectory_WritesThere) {
+TEST_F(LocationShare, ProbeDirectory_MarkerWrittenThere) {
     ASSERT_TRUE(QDir().mkpath(local("/media/films")));
     for (const char* directory : {"media", "/media", "media/films"}) {
         SCOPED_TRACE(directory);
         const QString place = local('/' + QString(directory));
-        leaveMarkers(root());
-        leaveMarkers(place);
+        createMarkers(root());
+        createMarkers(place);
         writable = false;
         EXPECT_EQ(probeIn(directory), 0);
         EXPECT_TRUE(writable);
@@ -275,8 +276,8 @@ TEST_F(LocationShare, ProbeOfADirectory_WritesThere) {
     EXPECT_FALSE(QFile::exists(local("/") + unknownMarker));
 }
 
-TEST_F(LocationShare, ProbeWithoutAQuestion_OnlyConnects) {
-    leaveMarkers(root());
+TEST_F(LocationShare, ProbeWithNullResult_OnlyConnects) {
+    createMarkers(root());
     EXPECT_EQ(location.probe(nullptr, nullptr, true), 0);
     EXPECT_FALSE(location.ping());
     EXPECT_EQ(location.probe(nullptr, nullptr, false), 0);
@@ -284,7 +285,7 @@ TEST_F(LocationShare, ProbeWithoutAQuestion_OnlyConnects) {
     EXPECT_EQ(filesIn(root()).size(), 3);
 }
 
-TEST_F(LocationShare, ProbeWithoutConnecting_CannotWriteUnlessConnected) {
+TEST_F(LocationShare, ProbeWithoutConnecting_WritableOnlyIfConnected) {
     writable = true;
     EXPECT_EQ(location.probe(&writable, nullptr, true), 0);
     EXPECT_FALSE(writable);
@@ -294,25 +295,25 @@ TEST_F(LocationShare, ProbeWithoutConnecting_CannotWriteUnlessConnected) {
     EXPECT_TRUE(writable);
 }
 
-TEST_F(LocationShare, NobodyListens_ProbeFailsAndLeavesTheAnswerAlone) {
+TEST_F(LocationShare, NoListener_ProbeFailsAndResultUnchanged) {
     for (const bool unchanged : {true, false}) {
-        WatchedLocation nobodys(FS::SPtr(new Smb2FS(30)), unreachable());
+        WatchedLocation unreachableShare(FS::SPtr(new Smb2FS(30)), unreachable());
         writable = unchanged;
         liberrno = LibraryFailure;
-        EXPECT_EQ(nobodys.probe(&writable, nullptr, false), -1);
+        EXPECT_EQ(unreachableShare.probe(&writable, nullptr, false), -1);
         EXPECT_EQ(errno, ECONNREFUSED);
-        EXPECT_EQ(liberrno, LibraryFailure) << "it has no code of the library";
+        EXPECT_EQ(liberrno, LibraryFailure) << "errno holds the reason";
         EXPECT_EQ(writable, unchanged);
-        EXPECT_EQ(nobodys.access(), StorageLocation::None);
-        EXPECT_EQ(nobodys.changesTold, 0);
+        EXPECT_EQ(unreachableShare.access(), StorageLocation::None);
+        EXPECT_EQ(unreachableShare.accessChanges, 0);
     }
 }
 
-// A refused connection is a fatal failure: from then on the share counts as connected, and nobody
-// asks the server.
-TEST_F(LocationShare, NobodyListened_NoProbeConnectsUntilTheNextMount) {
-    Properties nobody = unreachable();
-    location.setProperties(nobody);
+// A refused connection is a fatal failure of the file system: isConnected() then returns true, so
+// that no probe connects.
+TEST_F(LocationShare, ConnectionRefused_NoProbeConnectsUntilNextMount) {
+    Properties refused = unreachable();
+    location.setProperties(refused);
     ASSERT_EQ(location.probe(nullptr, nullptr, false), -1);
     EXPECT_TRUE(location.ping());
     Properties works = login(server.address());
@@ -330,11 +331,11 @@ TEST_F(LocationShare, NobodyListened_NoProbeConnectsUntilTheNextMount) {
     expectWorks();
 }
 
-TEST_F(LocationShare, ServerDies_PingFindsOutAndProbeFails) {
+TEST_F(LocationShare, ServerKilled_PingFalseAndProbeFails) {
     ASSERT_EQ(location.mount(nullptr), 0);
     server.kill();
     EXPECT_FALSE(location.ping());
-    EXPECT_EQ(location.access(), StorageLocation::Write) << "it only looks";
+    EXPECT_EQ(location.access(), StorageLocation::Write) << "ping() does not change the access";
     writable = true;
     EXPECT_EQ(location.probe(&writable, nullptr, false), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
@@ -349,7 +350,7 @@ TEST_F(LocationShare, ServerDies_PingFindsOutAndProbeFails) {
     expectWorks();
 }
 
-TEST_F(LocationShare, ServerRestartsUnnoticed_ProbeConnectsAnew) {
+TEST_F(LocationShare, ServerRestarted_ProbeReconnects) {
     ASSERT_EQ(location.mount(nullptr), 0);
     server.kill();
     ASSERT_TRUE(server.restart());
@@ -359,7 +360,7 @@ TEST_F(LocationShare, ServerRestartsUnnoticed_ProbeConnectsAnew) {
     expectWorks();
 }
 
-TEST_F(LocationShare, ServerDiesWhileRecording_MountRepairs) {
+TEST_F(LocationShare, ServerKilledWhileRecording_MountReconnects) {
     ASSERT_EQ(location.mount(nullptr), 0);
     QSharedPointer<File> clip = location.fs()->open("/clip", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(clip);
@@ -368,7 +369,7 @@ TEST_F(LocationShare, ServerDiesWhileRecording_MountRepairs) {
     EXPECT_EQ(clip->write("more", 4), -1);
     EXPECT_EQ(errno, ECONNRESET);
 
-    // A fatal failure has been seen, which counts as connected.
+    // After a fatal failure, isConnected() returns true.
     EXPECT_TRUE(location.ping());
     writable = true;
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
@@ -395,7 +396,7 @@ namespace {
 class LocationExport : public test::ExportTest {
 protected:
     void TearDown() override {
-        EXPECT_EQ(location.changesTold, 0);
+        EXPECT_EQ(location.accessChanges, 0);
         ExportTest::TearDown();
     }
 
@@ -407,7 +408,7 @@ protected:
     QStringList mounted() const {
         return test::devicesAt(path);
     }
-    /// From now on the maintenance program does that.
+    /// Replaces the script of the maintenance program.
     void setProgram(const char* script) {
         program.reset();
         program.emplace(script);
@@ -415,7 +416,7 @@ protected:
     }
 
     const QStringList server{"server:/export"};
-    const Unnumbered unnumbered;
+    const NoSerialNumber noSerialNumber;
     WatchedLocation location{FS::SPtr(new NFS(path)), target};
     bool writable = false;
 };
@@ -442,7 +443,7 @@ TEST_F(LocationExport, MountAndUmount_ConnectAndDisconnect) {
     EXPECT_EQ(location.check(), 1);
 }
 
-TEST_F(LocationExport, MountWithTheCallersProperties_TheseCount) {
+TEST_F(LocationExport, MountWithCallersProperties_TheseUsed) {
     Properties other = {{"target", "other:/export"}, {"cmd_opts", "soft,timeo=20"}};
     EXPECT_EQ(location.mount(&other), 0);
     EXPECT_EQ(mounted(), QStringList("other:/export"));
@@ -456,7 +457,7 @@ TEST_F(LocationExport, MountWithTheCallersProperties_TheseCount) {
     EXPECT_EQ(mounted(), QStringList("other:/export"));
 }
 
-TEST_F(LocationExport, MountFails_StatusOfTheProgram) {
+TEST_F(LocationExport, MountFails_ReturnsProgramStatus) {
     ASSERT_EQ(location.mount(nullptr), 0);
     setProgram("exit 32");
     liberrno = LibraryFailure;
@@ -467,7 +468,7 @@ TEST_F(LocationExport, MountFails_StatusOfTheProgram) {
     EXPECT_EQ(mounted(), QStringList());
 }
 
-TEST_F(LocationExport, UmountWhileAFileIsOpen_EBUSYUnlessConnectedLazily) {
+TEST_F(LocationExport, UmountWithFileOpen_EBUSYUnlessConnectedLazily) {
     ASSERT_EQ(location.mount(nullptr), 0);
     QSharedPointer<File> clip = location.fs()->open("/clip", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(clip);
@@ -487,20 +488,20 @@ TEST_F(LocationExport, UmountWhileAFileIsOpen_EBUSYUnlessConnectedLazily) {
     EXPECT_EQ(clip->write("film", 4), 4);
 }
 
-TEST_F(LocationExport, ProbeOfAWritableExport_ConnectsAndLeavesNothing) {
+TEST_F(LocationExport, ProbeWritableExport_ConnectsAndLeavesNoFile) {
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
     EXPECT_TRUE(writable);
     EXPECT_EQ(mounted(), server);
     EXPECT_TRUE(location.ping());
     EXPECT_EQ(filesIn(path), QStringList());
     EXPECT_EQ(filesIn(temp.path()), QStringList("export"));
-    EXPECT_EQ(location.access(), StorageLocation::None) << "it does not mount";
+    EXPECT_EQ(location.access(), StorageLocation::None) << "a probe does not mount";
 
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
-    EXPECT_EQ(program->calls().size(), 1) << "it is connected";
+    EXPECT_EQ(program->calls().size(), 1) << "already connected";
 }
 
-TEST_F(LocationExport, ProbeOfAReadOnlyExport_TellsSo) {
+TEST_F(LocationExport, ProbeReadOnlyExport_NotWritable) {
     Properties readonly = with("readonly", true);
     location.setProperties(readonly);
     writable = true;
@@ -508,14 +509,14 @@ TEST_F(LocationExport, ProbeOfAReadOnlyExport_TellsSo) {
     EXPECT_FALSE(writable);
     EXPECT_EQ(mounted(), server);
     EXPECT_EQ(location.mount(nullptr), 0);
-    EXPECT_EQ(location.access(), StorageLocation::Write); // as every share
+    EXPECT_EQ(location.access(), StorageLocation::Write); // as for every share
     EXPECT_FALSE(location.fs()->open("/clip", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
 }
 
-TEST_F(LocationExport, Marker_IsWithinTheExportAndHasTheSerialNumber) {
+TEST_F(LocationExport, Marker_InExportNamedBySerialNumber) {
     ASSERT_EQ(location.mount(nullptr), 0);
-    leaveMarkers(path);
+    createMarkers(path);
     setenv("SERIAL_NUMBER", "123", 1);
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
     EXPECT_TRUE(writable);
@@ -524,7 +525,7 @@ TEST_F(LocationExport, Marker_IsWithinTheExportAndHasTheSerialNumber) {
     for (QString directory : {"media", "/films"}) {
         const QString place = path + '/' + directory;
         ASSERT_TRUE(QDir().mkpath(place));
-        leaveMarkers(place);
+        createMarkers(place);
         writable = false;
         EXPECT_EQ(location.probe(&writable, &directory, false), 0);
         EXPECT_TRUE(writable);
@@ -535,15 +536,15 @@ TEST_F(LocationExport, Marker_IsWithinTheExportAndHasTheSerialNumber) {
     EXPECT_FALSE(writable);
 }
 
-TEST_F(LocationExport, MarkerThatCannotBeOpened_IsMadeAnew) {
+TEST_F(LocationExport, MarkerCannotBeOpened_Recreated) {
     ASSERT_EQ(location.mount(nullptr), 0);
-    ASSERT_TRUE(QFile::link(unknownMarker, path + '/' + unknownMarker)); // leads to itself
+    ASSERT_TRUE(QFile::link(unknownMarker, path + '/' + unknownMarker)); // a link to itself: ELOOP
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
     EXPECT_TRUE(writable);
     EXPECT_EQ(filesIn(path), QStringList());
 }
 
-TEST_F(LocationExport, ProbeFails_LeavesNothing) {
+TEST_F(LocationExport, ProbeFails_LeavesNothingMounted) {
     setProgram("exit 32");
     EXPECT_EQ(location.probe(&writable, nullptr, false), 32);
     EXPECT_EQ(program->calls().size(), 1);
@@ -560,8 +561,8 @@ TEST_F(LocationExport, ProbeFails_LeavesNothing) {
     EXPECT_EQ(location.access(), StorageLocation::None);
 }
 
-// What has been mounted halfway is not left behind.
-TEST_F(LocationExport, ProbeFailsWithSomethingMounted_IsUnmounted) {
+// The program mounts and is then killed: the mount must not stay.
+TEST_F(LocationExport, ProbeFailsAfterMount_Unmounted) {
     setProgram("mount -t tmpfs \"$2\" \"$3\"; kill -KILL $$");
     writable = true;
     EXPECT_EQ(location.probe(&writable, nullptr, false), -1);
@@ -570,14 +571,14 @@ TEST_F(LocationExport, ProbeFailsWithSomethingMounted_IsUnmounted) {
     EXPECT_EQ(mounted(), QStringList());
 }
 
-TEST_F(LocationExport, ExportGone_PingFindsOutAndProbeConnectsAnew) {
+TEST_F(LocationExport, ExportGone_PingFalseAndProbeReconnects) {
     ASSERT_EQ(location.mount(nullptr), 0);
     ASSERT_EQ(umount(QFile::encodeName(path).constData()), 0);
     ASSERT_TRUE(QDir().rmdir(path));
     EXPECT_FALSE(location.ping());
     EXPECT_EQ(location.access(), StorageLocation::Write);
     ASSERT_TRUE(QDir().mkpath(path));
-    ASSERT_TRUE(location.ping()) << "the directory answers in its place";
+    ASSERT_TRUE(location.ping()) << "the directory below the mount point exists";
     ASSERT_TRUE(QDir().rmdir(path));
     setProgram("mkdir -p \"$3\" && exec mount -t tmpfs \"$2\" \"$3\"");
     EXPECT_EQ(location.probe(&writable, nullptr, false), 0);

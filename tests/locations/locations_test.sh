@@ -1,11 +1,11 @@
 #!/bin/bash
-# Runs the example programs that use storage locations the way their users do, with loop disks for
-# cards and a real SMB server, and checks what they get to see.
+# Runs the example programs "locations" and "recorder" with loop disks as cards and a real SMB
+# server, and checks their output.
 #
 #   locations_test.sh LOCATIONS RECORDER
 #
-# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did. Ends with 77 where there
-# can be no such cards.
+# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them failed. Exits with 77
+# (skipped) if loop disks cannot be attached.
 set -u
 
 if [ $# -ne 2 ]; then
@@ -21,7 +21,7 @@ source "$here/../../tools/card-slot.sh"
 if [ -z "${in_own_namespaces:-}" ]; then
     missing=$(missing_for_slots)
     if [ -n "$missing" ]; then
-        echo "SKIP: no slots for cards: $missing"
+        echo "SKIP: cannot simulate card slots: $missing"
         exit 77
     fi
     in_own_namespaces=yes exec unshare --mount --net "$0" "$@"
@@ -37,7 +37,7 @@ open_slots "$here/../../sysutils/oruio_sysutils" || {
     exit 1
 }
 
-# --- what the cases are made of ---------------------------------------------------------------
+# --- functions --------------------------------------------------------------------------------
 
 has_ended() {
     ! kill -0 "$1" 2>/dev/null
@@ -56,7 +56,7 @@ is_unmounted() {
     ! mountpoint -q "$1"
 }
 
-# Describes the slots "card" and "stick".
+# Writes places.ini with the slots "card" and "stick".
 write_slots() {
     cat >"$work/places.ini" <<PLACES
 [card]
@@ -69,7 +69,7 @@ directory = $clips/stick
 PLACES
 }
 
-# Describes the share "archive" of the server at port $1, besides.
+# Adds the share "archive" of the server at port $1 to places.ini.
 add_share() {
     cat >>"$work/places.ini" <<PLACES
 
@@ -92,14 +92,14 @@ stop_server() {
     wait "$server"
 }
 
-# Runs the program of all locations, as $program.
+# Starts the program "locations" as $program.
 start_locations() {
     "$locations" "$work/places.ini" >"$work/out" 2>"$work/err" &
     program=$!
 }
 
-# Ends $program with the signal $1; leaves its result in $status. What is put in the background has
-# SIGINT ignored: the program catches it all the same.
+# Ends $program with the signal $1; stores its exit status in $status. The shell starts background
+# commands with SIGINT ignored, but the program installs its own handler.
 end_with() {
     kill -"$1" "$program"
     expect wait_until has_ended "$program"
@@ -108,7 +108,7 @@ end_with() {
     status=$?
 }
 
-# Whether the card, which is in no slot any more or not mounted, holds a file of $2 bytes at $1.
+# Whether the card, which must not be mounted, has a file $1 of $2 bytes.
 holds() {
     local size
     mkdir -p "$work/look"
@@ -118,7 +118,7 @@ holds() {
     [ "$size" = "$2" ]
 }
 
-# The states that $1 has gone through, on one line.
+# The states that the program printed for the location $1, on one line.
 states_of() {
     sed -n "s/^$1: \(None\|Presence\|Read\|Write\)\$/\1/p" "$work/out" | paste -sd ' '
 }
@@ -132,7 +132,7 @@ expect_orderly_end() {
     expect [ ! -s "$work/err" ]
 }
 
-# --- the program of all locations -------------------------------------------------------------
+# --- locations --------------------------------------------------------------------------------
 
 help_is_printed() {
     run "$locations" --help
@@ -149,13 +149,13 @@ bad_arguments_are_refused() {
     expect_error 2 no-such-option locations
 }
 
-# What the file must not be, and what is said of that.
+# Each line of input: contents of the file, expected error message.
 bad_files_are_refused() {
     run "$locations" "$clips/none.ini"
     expect_error 1 "no file of locations $clips/none.ini" locations
-    while IFS='|' read -r text message; do
-        # shellcheck disable=SC2059 # with its ends of lines
-        printf "$text" >"$clips/places.ini"
+    while IFS='|' read -r contents message; do
+        # shellcheck disable=SC2059 # expands \n
+        printf "$contents" >"$clips/places.ini"
         run "$locations" "$clips/places.ini"
         expect_error 1 "$message" locations
     done <<'FILES'
@@ -189,14 +189,14 @@ card_is_mounted_recorded_on_and_unmounted() {
     done
 }
 
-two_slots_and_a_share_are_looked_after() {
+two_slots_and_a_share_are_mounted() {
     local inserted
     write_slots
     start_server
     add_share "$port"
     make_card "$clips/card.img" 64M
     make_card "$clips/stick.img" 64M
-    insert_card "$clips/card.img" slot-card # is there when the program starts
+    insert_card "$clips/card.img" slot-card # present when the program starts
     start_locations
     expect wait_until has_line "card: recorded .*"
     expect wait_until has_line "archive: recorded .*"
@@ -216,7 +216,7 @@ two_slots_and_a_share_are_looked_after() {
     stop_server
 }
 
-card_that_is_pulled_out_is_let_go() {
+removed_card_is_unmounted() {
     local pulled
     write_slots
     make_card "$clips/card.img" 64M
@@ -224,7 +224,7 @@ card_that_is_pulled_out_is_let_go() {
     insert_card "$clips/card.img" slot-card
     pulled=$card
     expect wait_until has_line "card: recorded .*"
-    # A disk in use cannot be taken off: what udev says of it comes first here.
+    # A mounted disk cannot be detached, so the uevents of the removal are sent first.
     echo remove >"/sys/block/$card/${card}p1/uevent"
     echo remove >"/sys/block/$card/uevent"
     expect wait_until is_unmounted "$clips/card"
@@ -240,10 +240,10 @@ card_that_is_pulled_out_is_let_go() {
     eject_card "$card"
 }
 
-medium_that_cannot_be_mounted_is_told_of() {
+failed_mount_is_reported() {
     write_slots
     make_card "$clips/card.img" 64M
-    # There is no file system any more.
+    # Erases the file system.
     truncate -s 1M "$clips/card.img"
     truncate -s 64M "$clips/card.img"
     start_locations
@@ -289,10 +289,11 @@ recorder_awaits_records_and_checks() {
     expect is_unmounted "$clips/card"
     expect holds a.oru 8388608
 
-    # It is there already. A share in the file is none of this recorder's business: its password
-    # could not be asked for here.
+    # The card is already inserted. The recorder ignores the share in the file: without a password
+    # the share could not be used.
     add_share 1
-    run env -u ORUIO_SMB_PASSWORD "$recorder" --to location:card --locations "$work/places.ini" --size 1M --name b.oru
+    run env -u ORUIO_SMB_PASSWORD "$recorder" --to location:card \
+        --locations "$work/places.ini" --size 1M --name b.oru
     expect_success
     expect holds b.oru 1048576
     eject_card "$card"
@@ -326,12 +327,12 @@ recorder_that_fails_unmounts() {
     eject_card "$card"
 }
 
-recorder_has_faults_repaired() {
+recorder_repairs_damaged_card() {
     write_slots
     make_card "$clips/card.img" 64M
     insert_card "$clips/card.img" slot-card
     udevadm settle --timeout=30
-    # Blocks in use that are free by the file system's own account.
+    # Marks blocks in use as free.
     expect debugfs -w -R "freeb 1000 200" "/dev/${card}p1" >/dev/null 2>&1
     run "$recorder" --to location:card --locations "$work/places.ini" --size 1M --check
     expect_success
@@ -340,7 +341,7 @@ recorder_has_faults_repaired() {
     eject_card "$card"
 }
 
-recorder_tells_of_a_failed_check() {
+recorder_reports_a_failed_check() {
     write_slots
     make_card "$clips/card.img" 64M
     insert_card "$clips/card.img" slot-card
@@ -387,8 +388,8 @@ recorder_without_a_medium_ends() {
 }
 
 run_cases help_is_printed bad_arguments_are_refused bad_files_are_refused \
-    card_is_mounted_recorded_on_and_unmounted two_slots_and_a_share_are_looked_after \
-    card_that_is_pulled_out_is_let_go medium_that_cannot_be_mounted_is_told_of \
-    share_that_comes_later_is_mounted recorder_awaits_records_and_checks \
-    recorder_stops_early_and_unmounts recorder_that_fails_unmounts recorder_has_faults_repaired \
-    recorder_tells_of_a_failed_check recorder_records_on_a_share recorder_without_a_medium_ends
+    card_is_mounted_recorded_on_and_unmounted two_slots_and_a_share_are_mounted \
+    removed_card_is_unmounted failed_mount_is_reported share_that_comes_later_is_mounted \
+    recorder_awaits_records_and_checks recorder_stops_early_and_unmounts \
+    recorder_that_fails_unmounts recorder_repairs_damaged_card recorder_reports_a_failed_check \
+    recorder_records_on_a_share recorder_without_a_medium_ends

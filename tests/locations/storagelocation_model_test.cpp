@@ -1,4 +1,4 @@
-// A location of local media, led at random through events and operations, beside a model of it.
+// SystemLocation compared with a model over random events and operations.
 #include <oruio/error.h>
 #include <oruio/fsswitch.h>
 #include <oruio/storagelocation.h>
@@ -30,7 +30,7 @@ namespace oru::io {
 namespace {
 
 using test::Device;
-using test::Facts;
+using test::LocationState;
 using test::MemFS;
 using test::MemoryMount;
 using test::OpenLocation;
@@ -40,28 +40,28 @@ constexpr char efiSystemPartition[] = "c12a7328-f81f-11d2-ba4b-00a0c93ec93b";
 
 // --- The model ----------------------------------------------------------------------------------
 
-/// What a call of the location is to come to.
+/// The expected effect of a call.
 struct Answer {
     int result = 0;
-    std::optional<ErrorCode> reason = {}; ///< in liberrno, when it fails; none: that stays
-    QString call = {};                    ///< what a device is asked
-    bool isUnmounted = false;             ///< what the kernel has at the mount point
+    std::optional<ErrorCode> reason = {}; ///< in liberrno if the call fails; none: unchanged
+    QString call = {};                    ///< the call of a device
+    bool isUnmounted = false;             ///< whether the mount point is unmounted
 };
 
-/// What the devices and the kernel answer.
+/// The results of the devices and of the kernel.
 struct Outcome {
     int result = 0;
     ErrorCode reason = Ok;
-    bool isBusy = false; ///< what is mounted cannot be unmounted but lazily
+    bool isBusy = false; ///< the mount can only be unmounted lazily
 };
 
-/// A location as its users know it: media come and go, of which it has a disk and a choice; it may
-/// be in use; and it remembers whether something was mounted.
+/// The documented behaviour of a location: its disk and selected partition, its access, and whether
+/// it has mounted something.
 class Model {
 public:
     explicit Model(bool hasFS) : m_hasFS(hasFS) {}
 
-    // What the owner asks. `places` are those of the file system in the root switch.
+    // Operations. `mountPoints` are those of the location's file system in the root switch.
 
     Answer enable() {
         m_isEnabled = true;
@@ -86,10 +86,10 @@ public:
     Answer isWriteProtected() const {
         return {m_disk && m_part && m_disk->m_writeProtected};
     }
-    Answer mount(Properties props, const QStringList& places, const Outcome& outcome) {
+    Answer mount(Properties props, const QStringList& mountPoints, const Outcome& outcome) {
         m_isMounted = m_isMounted && isInUse();
         const bool isReadOnly = props.contains("readonly");
-        if (!chosen() || !completed(props, places, isReadOnly))
+        if (!chosen() || !completed(props, mountPoints, isReadOnly))
             return refused(NotFound);
         Answer answer = askedToMount(props, outcome);
         m_isMountOk = outcome.result >= 0;
@@ -103,28 +103,29 @@ public:
         }
         return answer;
     }
-    Answer mkReadOnly(const QStringList& places, const Outcome& outcome) {
+    Answer mkReadOnly(const QStringList& mountPoints, const Outcome& outcome) {
         Properties props;
         if (!m_isPresent)
             return refused(NotFound);
         if (m_access == "Read")
             return {};
-        return completed(props, places, true) ? mount(props, places, outcome) : refused(NotFound);
+        return completed(props, mountPoints, true) ? mount(props, mountPoints, outcome)
+                                                   : refused(NotFound);
     }
-    Answer mkWriteable(const QStringList& places, const Outcome& outcome) const {
+    Answer mkWriteable(const QStringList& mountPoints, const Outcome& outcome) const {
         Properties props;
         if (m_isPresent && m_access == "Write")
             return {};
         if (m_disk && m_disk->m_writeProtected)
             return refused(NotImplemented);
-        if (!chosen() || !completed(props, places, false))
+        if (!chosen() || !completed(props, mountPoints, false))
             return refused(NotFound);
         return askedToMount(props, outcome);
     }
-    Answer umount(Properties props, const QStringList& places, const Outcome& outcome) {
+    Answer umount(Properties props, const QStringList& mountPoints, const Outcome& outcome) {
         if (!m_isMounted)
             return {};
-        if (!m_hasFS || !completed(props, places, false))
+        if (!m_hasFS || !completed(props, mountPoints, false))
             return refused(NotFound);
         if (outcome.isBusy && !props.contains("lazy"))
             return {-1};
@@ -140,7 +141,7 @@ public:
         return {m_disk && m_part};
     }
 
-    // What happens to it.
+    // Events.
 
     void plug(const Device& device) {
         if (device->m_idPath != slotId)
@@ -167,7 +168,7 @@ public:
         m_part.clear();
         m_access = "None";
     }
-    void tell(const QString& action, const Device& device) {
+    void handleEvent(const QString& action, const Device& device) {
         if (action == "add" && device->m_partEntryType != efiSystemPartition)
             plug(device);
         else if (action == "remove")
@@ -177,7 +178,7 @@ public:
         m_access = StorageLocation::straccess(access);
     }
 
-    Facts facts() const {
+    LocationState state() const {
         const auto yesOrNo = [](bool is) { return QString(is ? "yes" : "no"); };
         const auto node = [](const Device& device) {
             return device ? device->m_devName : QString("-");
@@ -197,20 +198,20 @@ private:
     static Answer refused(ErrorCode reason) {
         return {-1, reason};
     }
-    /// As the device answers.
+    /// The call of a device, with its result.
     static Answer asked(const Device& device, const QString& call, const Properties& props,
                         const Outcome& outcome) {
-        return {outcome.result, outcome.reason, test::callText(device->m_devName, call, props)};
+        return {outcome.result, outcome.reason, test::callString(device->m_devName, call, props)};
     }
     Answer askedToMount(const Properties& props, const Outcome& outcome) const {
         return asked(chosen(), "mount " + props["mountPoint"].toString(), props, outcome);
     }
-    /// Completes what a mount is told. \returns whether there is a place for it.
-    bool completed(Properties& props, const QStringList& places, bool isReadOnly) const {
+    /// Completes the properties of a mount. \returns whether there is a mount point.
+    bool completed(Properties& props, const QStringList& mountPoints, bool isReadOnly) const {
         if (!props.contains("mountPoint")) {
-            if (places.isEmpty())
+            if (mountPoints.isEmpty())
                 return false;
-            props["mountPoint"] = places.first();
+            props["mountPoint"] = mountPoints.first();
         }
         props["readonly"] = isReadOnly;
         if (m_isMounted)
@@ -237,7 +238,7 @@ private:
 
 // --- The walk -----------------------------------------------------------------------------------
 
-/// Whether the kernel has something mounted when the location is asked to unmount.
+/// Whether a tmpfs is mounted at the mount point for each umount().
 enum class Mounts { No, Real };
 
 class Walk {
@@ -250,15 +251,15 @@ public:
         QObject::connect(&m_location, &StorageLocation::accessChanged, [this] { ++m_signals; });
     }
 
-    /// Ends at the first step after which location and model differ.
+    /// Stops at the first step after which location and model differ.
     void run(int steps) {
         while (steps-- > 0 && !::testing::Test::HasFailure()) {
             step();
-            const Facts facts = m_model.facts();
-            m_visited.insert(facts["access"] + facts["mounted"]);
+            const LocationState state = m_model.state();
+            m_visited.insert(state["access"] + state["mounted"]);
         }
     }
-    /// The devices, and the last steps with what the location came to by them.
+    /// The devices, and the last 60 steps with the resulting state.
     std::string history() const {
         QStringList lines;
         for (const Device& device : m_devices)
@@ -271,7 +272,7 @@ public:
         lines += m_history.mid(m_history.size() - 60);
         return '\n' + lines.join('\n').toStdString() + '\n';
     }
-    /// To how many different pairs of access() and whether something is mounted it has come.
+    /// The number of different pairs of access() and mounted state that occurred.
     int visited() const {
         return m_visited.size();
     }
@@ -303,7 +304,7 @@ private:
     Device anyDevice() {
         return m_devices[static_cast<int>(below(static_cast<unsigned>(m_devices.size())))];
     }
-    /// What an owner may tell an operation, whether that reads it or not.
+    /// Random properties; the operation need not use them.
     Properties anyProperties() {
         Properties props;
         if (onceIn(3))
@@ -318,7 +319,7 @@ private:
             props["kill"] = 1;
         return props;
     }
-    QStringList places() const {
+    QStringList mountPoints() const {
         return FSSwitch::rootfs()->getMountPoints(m_fs);
     }
 
@@ -327,7 +328,7 @@ private:
         case 0:
         case 1:
         case 2:
-            tell();
+            sendEvents();
             break;
         case 3:
             plugOrUnplug();
@@ -346,25 +347,25 @@ private:
         default:
             operate();
         }
-        EXPECT_EQ(test::factsText(m_location.facts()), test::factsText(m_model.facts()));
+        EXPECT_EQ(test::stateString(m_location.state()), test::stateString(m_model.state()));
         EXPECT_EQ(m_signals, 0);
     }
 
     // Events
 
-    void tell() {
+    void sendEvents() {
         auto events = BDMon::EventListSPtr::create();
-        QStringList told;
+        QStringList sent;
         for (unsigned count = below(4); count > 0; --count) {
             BDMon::Event event(1, oneOf<QString>({"add", "add", "add", "remove", "change", ""}),
                                nullptr);
             const Device device = anyDevice();
             event.dev = device;
             events->append(event);
-            m_model.tell(event.action, device);
-            told += event.action + ' ' + device->m_devName;
+            m_model.handleEvent(event.action, device);
+            sent += event.action + ' ' + device->m_devName;
         }
-        expect("events: " + told.join(", "), {}, {},
+        expect("events: " + sent.join(", "), {}, {},
                [&] { return m_location.processBDEvents(events); });
     }
     void plugOrUnplug() {
@@ -377,13 +378,13 @@ private:
         });
     }
     void changeSwitch() {
-        const QString place = oneOf<QString>({m_here.path(), m_there.path()});
+        const QString mountPoint = oneOf<QString>({m_here.path(), m_there.path()});
         const bool isAdded = !onceIn(3);
-        note((isAdded ? "add the place " : "remove the place ") + place);
+        note((isAdded ? "add mount point " : "remove mount point ") + mountPoint);
         if (!isAdded)
-            FSSwitch::rootfs()->remove(place);
+            FSSwitch::rootfs()->remove(mountPoint);
         else if (m_fs)
-            FSSwitch::rootfs()->add(place, m_fs);
+            FSSwitch::rootfs()->add(mountPoint, m_fs);
     }
     void changeAccess() {
         const auto access = static_cast<StorageLocation::AccessType>(1 + below(4));
@@ -411,8 +412,9 @@ private:
             return expect("check", m_model.check(outcome), outcome,
                           [&] { return m_location.check(); });
         case 3:
-            return expect(test::callText("whole", "format", props), m_model.format(props, outcome),
-                          outcome, [&] { return m_location.format(given); });
+            return expect(test::callString("whole", "format", props),
+                          m_model.format(props, outcome), outcome,
+                          [&] { return m_location.format(given); });
         case 4:
             return expect("isWriteProtected", m_model.isWriteProtected(), {},
                           [&] { return int(m_location.isWriteProtected()); });
@@ -420,33 +422,33 @@ private:
             return expect("fixFSType", m_model.fixFSType(), {},
                           [&] { return int(m_location.fixFSType()); });
         case 6:
-            return expect("mkReadOnly", m_model.mkReadOnly(places(), outcome), outcome,
+            return expect("mkReadOnly", m_model.mkReadOnly(mountPoints(), outcome), outcome,
                           [&] { return m_location.mkReadOnly(); });
         case 7:
-            return expect("mkWriteable", m_model.mkWriteable(places(), outcome), outcome,
+            return expect("mkWriteable", m_model.mkWriteable(mountPoints(), outcome), outcome,
                           [&] { return m_location.mkWriteable(); });
         default:
-            return expect(test::callText("chosen", "mount", props),
-                          m_model.mount(props, places(), outcome), outcome,
+            return expect(test::callString("chosen", "mount", props),
+                          m_model.mount(props, mountPoints(), outcome), outcome,
                           [&] { return m_location.mount(given); });
         }
     }
     void unmount() {
         const Properties given = anyProperties();
-        const QString place = given.value("mountPoint", places().value(0)).toString();
-        const QString directory = QDir(place).path(); // without a slash at its end
+        const QString mountPoint = given.value("mountPoint", mountPoints().value(0)).toString();
+        const QString directory = QDir(mountPoint).path(); // without a trailing slash
         Outcome outcome;
         std::unique_ptr<MemoryMount> mount;
-        if (m_mounts == Mounts::Real && !place.isEmpty()) {
+        if (m_mounts == Mounts::Real && !mountPoint.isEmpty()) {
             outcome.isBusy = onceIn(2);
             mount = std::make_unique<MemoryMount>(directory, outcome.isBusy ? MemoryMount::Busy
                                                                             : MemoryMount::Idle);
             ASSERT_TRUE(mount->isSetUp());
         }
         Properties props = given;
-        const Answer answer = m_model.umount(given, places(), outcome);
-        expect(test::callText(outcome.isBusy ? "busy:" : "idle:", "umount", given), answer, outcome,
-               [&] { return m_location.umount(&props); });
+        const Answer answer = m_model.umount(given, mountPoints(), outcome);
+        expect(test::callString(outcome.isBusy ? "busy:" : "idle:", "umount", given), answer,
+               outcome, [&] { return m_location.umount(&props); });
         if (mount) {
             EXPECT_EQ(test::devicesAt(directory).isEmpty(), answer.isUnmounted);
         }
@@ -454,13 +456,13 @@ private:
 
     // Comparing
 
-    void note(const QString& text) {
-        m_history += QStringLiteral("%1: %2").arg(m_history.size() + 1).arg(text);
+    void note(const QString& step) {
+        m_history += QStringLiteral("%1: %2").arg(m_history.size() + 1).arg(step);
     }
-    void expect(const QString& text, const Answer& answer, const Outcome& outcome,
+    void expect(const QString& step, const Answer& answer, const Outcome& outcome,
                 const std::function<int()>& call) {
-        note(text +
-             QStringLiteral("; devices answer %1 (%2)").arg(outcome.result).arg(outcome.reason));
+        note(step +
+             QStringLiteral("; devices return %1 (%2)").arg(outcome.result).arg(outcome.reason));
         for (const Device& device : m_devices) {
             device->result = outcome.result;
             device->reason = outcome.reason;
@@ -472,13 +474,13 @@ private:
             EXPECT_EQ(liberrno, answer.reason.value_or(before));
         }
         EXPECT_EQ(test::takeCalls(m_devices).join(", "), answer.call);
-        m_history.last() += " -> " + test::factsText(m_location.facts());
+        m_history.last() += " -> " + test::stateString(m_location.state());
     }
 
     std::mt19937 m_random;
     const Mounts m_mounts;
     const test::LogCapture m_quiet{"stg=0"};
-    const test::OwnSwitch m_ownSwitch;
+    const test::FreshRootSwitch m_rootSwitch;
     const test::TempDir m_here;
     const test::TempDir m_there;
     const test::TempDir m_elsewhere;
@@ -492,7 +494,7 @@ private:
     QSet<QString> m_visited;
 };
 
-void expectAlikeOnWalk(unsigned seed, Mounts mounts) {
+void expectEqualOnWalk(unsigned seed, Mounts mounts) {
     Walk walk(seed, mounts);
     walk.run(5000);
     ASSERT_FALSE(::testing::Test::HasFailure()) << "seed " << seed << walk.history();
@@ -503,12 +505,12 @@ class SystemLocationModel : public ::testing::TestWithParam<unsigned> {};
 class SystemLocationModelMounts : public test::Isolated,
                                   public ::testing::WithParamInterface<unsigned> {};
 
-TEST_P(SystemLocationModel, RandomWalk_AlikeAtEachStep) {
-    expectAlikeOnWalk(GetParam(), Mounts::No);
+TEST_P(SystemLocationModel, RandomWalk_EqualsModelAtEachStep) {
+    expectEqualOnWalk(GetParam(), Mounts::No);
 }
 
-TEST_P(SystemLocationModelMounts, RandomWalk_AlikeAtEachStep) {
-    expectAlikeOnWalk(GetParam(), Mounts::Real);
+TEST_P(SystemLocationModelMounts, RandomWalk_EqualsModelAtEachStep) {
+    expectEqualOnWalk(GetParam(), Mounts::Real);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, SystemLocationModel, ::testing::Range(1U, 9U));

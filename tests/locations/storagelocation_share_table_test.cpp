@@ -1,4 +1,4 @@
-// What a location of a share does, in every state, with every operation, whatever comes of it.
+// RemoteLocation: a table of every operation in every state with every outcome.
 #include <oruio/error.h>
 #include <oruio/storagelocation.h>
 
@@ -19,19 +19,19 @@ namespace oru::io {
 namespace {
 
 using test::Any;
-using test::Facts;
-using test::factsText;
 using test::Given;
+using test::Ignore;
 using test::Kept;
+using test::LocationState;
 using test::MemFS;
 using test::ScriptedNfs;
 using test::ScriptedSmb;
+using test::stateString;
 using test::Transition;
-using test::Unsaid;
 
 // --- The share ----------------------------------------------------------------------------------
 
-/// What the location's file system is.
+/// The file system of the location.
 enum Kind : unsigned { Smb = 1 << 0, Nfs = 1 << 1, Local = 1 << 2, NoFS = 1 << 3 };
 constexpr unsigned Shares = Smb | Nfs;
 
@@ -41,7 +41,7 @@ public:
     using StorageLocation::m_enabled;
 };
 
-/// A location, its file system, and what a probe says of it.
+/// A location, its scripted file system, and the result of its last probe.
 class Port {
 public:
     explicit Port(Kind ofFS) : kind(ofFS) {
@@ -51,7 +51,7 @@ public:
     int mount(Properties given) {
         return location.mount(&given);
     }
-    /// What it is to answer from now on, and whether it can be written to.
+    /// Sets the result of the share's calls, and whether the share is read-only.
     void script(int result, bool isReadOnly) {
         withShare([=](auto& share) {
             share.result = result;
@@ -67,7 +67,7 @@ public:
         withShare([&](auto& share) { taken.swap(share.calls); });
         return taken;
     }
-    Facts facts() {
+    LocationState state() {
         bool isUp = false;
         withShare([&](auto& share) { isUp = share.isUp; });
         const auto yesOrNo = [](bool is) { return is ? "yes" : "no"; };
@@ -119,9 +119,9 @@ constexpr unsigned InUse = In | Lost;
 struct StateRow {
     State state;
     const char* name;
-    unsigned kinds; ///< what can be in it
+    unsigned kinds; ///< the kinds of file system that can be in this state
     void (*enter)(Port& port);
-    const char* facts; ///< that are different from those of Out
+    const char* fields; ///< the fields that differ from those of Out
 };
 
 // clang-format off
@@ -132,7 +132,7 @@ const StateRow states[] = {
         "up=yes"},
     {In, "In", Shares, [](Port& p) { p.mount({}); },
         "access=Write up=yes"},
-    // The server is gone, and nobody has noticed.
+    // The server is gone, and no call has failed yet.
     {Lost, "Lost", Shares, [](Port& p) { p.mount({}), p.loseConnection(); },
         "access=Write"},
 };
@@ -142,7 +142,7 @@ void PrintTo(const StateRow& row, std::ostream* out) {
     *out << row.name;
 }
 
-// --- What is done, and what comes of it ---------------------------------------------------------
+// --- Operations and outcomes --------------------------------------------------------------------
 
 enum Operation : unsigned {
     Enable = 1 << 0,
@@ -184,11 +184,11 @@ const OperationRow operations[] = {
 };
 // clang-format on
 
-/// What the share answers when it is connected or disconnected.
+/// The results of the share's connect() and disconnect().
 enum Outcome : unsigned {
     Zero = 1 << 0,
-    ZeroReadOnly = 1 << 1, ///< and lets nobody write
-    Positive = 1 << 2,     ///< as the exit status of the maintenance program
+    ZeroReadOnly = 1 << 1, ///< 0, and the share is read-only
+    Positive = 1 << 2,     ///< an exit status of the maintenance program
     Negative = 1 << 3,
 };
 constexpr unsigned Works = Zero | ZeroReadOnly;
@@ -207,59 +207,59 @@ const OutcomeRow outcomes[] = {
 
 // clang-format off
 const Transition table[] = {
-    // The owner's wish is noted, and no more.
-    {Enable,  Any,    Any, Any, 0,  Unsaid, "enabled=yes", ""},
-    {Disable, ~InUse, Any, Any, 0,  Unsaid, "enabled=no",  ""},
+    // Only sets or clears the flag.
+    {Enable,  Any,    Any, Any, 0,  Ignore, "enabled=yes", ""},
+    {Disable, ~InUse, Any, Any, 0,  Ignore, "enabled=no",  ""},
     {Disable, InUse,  Any, Any, -1, Kept,   "",            ""},
 
-    // Nothing to do, or nothing that could be done.
-    {Check,                    Any, Any, Any, 1,  Unsaid,         "", ""},
+    // No effect, or not implemented for shares.
+    {Check,                    Any, Any, Any, 1,  Ignore,         "", ""},
     {MkReadOnly | MkWriteable, Any, Any, Any, -1, NotImplemented, "", ""},
-    {IsWriteProtected,         Any, Any, Any, 0,  Unsaid,         "", ""},
+    {IsWriteProtected,         Any, Any, Any, 0,  Ignore,         "", ""},
 
-    // Connects, also what is connected.
-    {Mount,               Any, Shares,  Works, 0,     Unsaid, "access=Write up=yes", "connect first"},
+    // Connects, even if connected.
+    {Mount,               Any, Shares,  Works, 0,     Ignore, "access=Write up=yes", "connect first"},
     {Mount,               Any, Shares,  Fails, Given, Kept,   "access=None up=no",   "connect first"},
-    {MountSecond,         Any, Shares,  Works, 0,     Unsaid, "access=Write up=yes", "connect second"},
+    {MountSecond,         Any, Shares,  Works, 0,     Ignore, "access=Write up=yes", "connect second"},
     {MountSecond,         Any, Shares,  Fails, Given, Kept,   "access=None up=no",   "connect second"},
-    {Mount | MountSecond, Any, ~Shares, Any,   -1,    Unsaid, "access=None",         ""},
+    {Mount | MountSecond, Any, ~Shares, Any,   -1,    Ignore, "access=None",         ""},
 
-    // A share that was left is not known to be there.
-    {Umount, Any, Shares,  Works, 0,     Unsaid, "access=None up=no", "disconnect"},
+    // After umount() the access is None: whether the share is reachable is unknown.
+    {Umount, Any, Shares,  Works, 0,     Ignore, "access=None up=no", "disconnect"},
     {Umount, Any, Shares,  Fails, Given, Kept,   "",                  "disconnect"},
-    {Umount, Any, ~Shares, Any,   0,     Unsaid, "access=None",       ""},
+    {Umount, Any, ~Shares, Any,   0,     Ignore, "access=None",       ""},
 
-    {Ping, Up,   Shares,  Any, 1, Unsaid, "", "isConnected"},
-    {Ping, Down, Shares,  Any, 0, Unsaid, "", "isConnected"},
-    {Ping, Any,  ~Shares, Any, 1, Unsaid, "", ""},
+    {Ping, Up,   Shares,  Any, 1, Ignore, "", "isConnected"},
+    {Ping, Down, Shares,  Any, 0, Ignore, "", "isConnected"},
+    {Ping, Any,  ~Shares, Any, 1, Ignore, "", ""},
 
-    // Connects where need be, writes and removes a file, and leaves the access as it was.
-    {Probe,                Up,   Shares, Any,           0,     Unsaid, "",                    "isConnected"},
-    {Probe,                Down, Shares, Works,         0,     Unsaid, "up=yes",              "isConnected, connect first"},
-    {ProbeWriting,         Up,   Shares, ~ZeroReadOnly, 0,     Unsaid, "writable=yes",        "isConnected, marker"},
-    {ProbeWriting,         Up,   Shares, ZeroReadOnly,  0,     Unsaid, "writable=no",         "isConnected, marker"},
-    {ProbeWriting,         Down, Shares, Zero,          0,     Unsaid, "up=yes writable=yes", "isConnected, connect first, marker"},
-    {ProbeWriting,         Down, Shares, ZeroReadOnly,  0,     Unsaid, "up=yes writable=no",  "isConnected, connect first, marker"},
+    // Connects if needed, creates and removes a file, and does not change the access.
+    {Probe,                Up,   Shares, Any,           0,     Ignore, "",                    "isConnected"},
+    {Probe,                Down, Shares, Works,         0,     Ignore, "up=yes",              "isConnected, connect first"},
+    {ProbeWriting,         Up,   Shares, ~ZeroReadOnly, 0,     Ignore, "writable=yes",        "isConnected, marker"},
+    {ProbeWriting,         Up,   Shares, ZeroReadOnly,  0,     Ignore, "writable=no",         "isConnected, marker"},
+    {ProbeWriting,         Down, Shares, Zero,          0,     Ignore, "up=yes writable=yes", "isConnected, connect first, marker"},
+    {ProbeWriting,         Down, Shares, ZeroReadOnly,  0,     Ignore, "up=yes writable=no",  "isConnected, connect first, marker"},
     {Probe | ProbeWriting, Down, Shares, Fails,         Given, Kept,   "",                    "isConnected, connect first, disconnect"},
-    {Probe | ProbeWriting, Any,  ~Shares, Any,          -1,    Unsaid, "",                    ""},
-    {ProbeOnly,            Any,  Shares, ~ZeroReadOnly, 0,     Unsaid, "writable=yes",        "marker"},
-    {ProbeOnly,            Any,  Shares, ZeroReadOnly,  0,     Unsaid, "writable=no",         "marker"},
-    {ProbeOnly,            Any,  Local,  Any,           0,     Unsaid, "writable=yes",        ""},
-    {ProbeOnly,            Any,  NoFS,   Any,           0,     Unsaid, "",                    ""},
+    {Probe | ProbeWriting, Any,  ~Shares, Any,          -1,    Ignore, "",                    ""},
+    {ProbeOnly,            Any,  Shares, ~ZeroReadOnly, 0,     Ignore, "writable=yes",        "marker"},
+    {ProbeOnly,            Any,  Shares, ZeroReadOnly,  0,     Ignore, "writable=no",         "marker"},
+    {ProbeOnly,            Any,  Local,  Any,           0,     Ignore, "writable=yes",        ""},
+    {ProbeOnly,            Any,  NoFS,   Any,           0,     Ignore, "",                    ""},
 };
 // clang-format on
 
 // --- The test -----------------------------------------------------------------------------------
 
-/// With what is asked for the sake of the marker, which has a slash in front where the share is a
-/// local directory.
+/// Replaces "marker" by its three calls. For NFS, where the share is a local directory, the
+/// marker's name begins with a slash.
 QStringList callsInFull(QString calls, Kind kind) {
     const QString marker = kind == Nfs ? "/ORU-write-check-unknown" : "ORU-write-check-unknown";
     calls.replace("marker", QStringLiteral("unlink %1, open %1 66 666, unlink %1").arg(marker));
     return calls.split(", ", Qt::SkipEmptyParts);
 }
 
-/// One combination, with a location of its own. `isOn` is what its flags are before.
+/// Tests one combination with a new location. `isOn` is the initial value of its flags.
 void expectTransition(const StateRow& state, const OperationRow& operation, Kind kind,
                       const OutcomeRow& outcome, bool isOn) {
     SCOPED_TRACE(::testing::Message()
@@ -270,26 +270,26 @@ void expectTransition(const StateRow& state, const OperationRow& operation, Kind
     ASSERT_NE(row, nullptr);
 
     Port port(kind);
-    const Facts nothing = port.facts();
+    const LocationState initial = port.state();
     state.enter(port);
-    ASSERT_EQ(factsText(port.facts()), factsText(test::changed(nothing, state.facts)));
+    ASSERT_EQ(stateString(port.state()), stateString(test::changed(initial, state.fields)));
     port.location.m_enabled = isOn;
     port.isWritable = isOn;
 
-    const Facts facts = port.facts();
+    const LocationState before = port.state();
     port.script(outcome.result, outcome.outcome == ZeroReadOnly);
     port.takeCalls();
     liberrno = test::reasonBefore;
     const int result = operation.run(port);
     test::expectResult(*row, result, outcome.result, test::reasonBefore);
-    EXPECT_EQ(factsText(port.facts()), factsText(test::changed(facts, row->changes)));
+    EXPECT_EQ(stateString(port.state()), stateString(test::changed(before, row->changes)));
     EXPECT_EQ(port.takeCalls(), callsInFull(row->calls, kind));
     EXPECT_EQ(port.signals_, 0);
 }
 
 class RemoteLocationState : public ::testing::TestWithParam<StateRow> {};
 
-TEST_P(RemoteLocationState, EveryOperation_AsInTheTable) {
+TEST_P(RemoteLocationState, EveryOperation_MatchesTable) {
     unsetenv("SERIAL_NUMBER");
     for (const OperationRow& operation : operations) {
         for (const OutcomeRow& outcome : outcomes) {

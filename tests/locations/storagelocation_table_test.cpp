@@ -1,4 +1,4 @@
-// What a location of local media does, in every state, with every operation, whatever comes of it.
+// SystemLocation: a table of every operation in every state with every outcome.
 #include <oruio/error.h>
 #include <oruio/fsswitch.h>
 #include <oruio/storagelocation.h>
@@ -28,27 +28,28 @@ namespace {
 
 using test::Any;
 using test::Device;
-using test::Facts;
-using test::factsText;
 using test::Given;
+using test::Ignore;
 using test::Kept;
+using test::LocationState;
 using test::makeDevice;
 using test::MemFS;
 using test::MemoryMount;
 using test::OpenLocation;
+using test::stateString;
 using test::Transition;
-using test::Unsaid;
 
 // --- The slot -----------------------------------------------------------------------------------
 
 constexpr char slotId[] = "platform-slot-1";
 
-/// A location whose file system has a place in the root switch, and what can be plugged in there.
+/// A location with a mount point in the root switch, and the devices that can be plugged in.
 class Slot {
 public:
-    explicit Slot(const QString& directory) : place(directory + '/'), deeper(place + "deeper/") {
-        FSSwitch::rootfs()->add(place, fs);
-        FSSwitch::rootfs()->add(deeper, fs); // the first one counts
+    explicit Slot(const QString& directory)
+        : mountPoint(directory + '/'), deeper(mountPoint + "deeper/") {
+        FSSwitch::rootfs()->add(mountPoint, fs);
+        FSSwitch::rootfs()->add(deeper, fs); // the first one is used
         locked->m_writeProtected = true;
         larger->m_blkSize = 4096;
         efi->m_partEntryType = "c12a7328-f81f-11d2-ba4b-00a0c93ec93b";
@@ -56,13 +57,13 @@ public:
         QObject::connect(&location, &StorageLocation::accessChanged, [this] { ++signals_; });
     }
 
-    /// As the monitor does.
-    int tell(const char* action, const Device& device) {
+    /// Delivers one event, as the monitor does.
+    int notify(const char* action, const Device& device) {
         BDMon::Event event(1, action, nullptr);
         event.dev = device;
         return location.processBDEvents(BDMon::EventListSPtr::create(QList<BDMon::Event>{event}));
     }
-    /// What all devices are to answer.
+    /// Sets the result of all devices.
     void script(int result, ErrorCode reason) {
         for (const Device& device : devices) {
             device->result = result;
@@ -82,8 +83,8 @@ public:
     }
 
     const test::LogCapture quiet{"stg=0"};
-    const test::OwnSwitch ownSwitch;
-    const QString place;
+    const test::FreshRootSwitch rootSwitch;
+    const QString mountPoint;
     const QString deeper;
     const FS::SPtr fs{new MemFS};
     Properties props = {{"blkDevId", slotId}};
@@ -97,7 +98,7 @@ public:
     const Device other = named("other", 2, 50, "ext4");
     const Device smaller = named("smaller", 3, 899, "ext4");
     const Device equal = named("equal", 4, 900, "ext4");
-    const Device larger = named("larger", 5, 200, "ext4"); // by the size of its blocks
+    const Device larger = named("larger", 5, 200, "ext4"); // by its block size
     const Device unknown = named("unknown", 6, 9000, "");
     const Device efi = named("efi", 7, 9000, "vfat");
     const Device foreign = named("foreign", 0, 9000, "vfat");
@@ -126,7 +127,7 @@ enum State : unsigned {
     Failed = 1 << 7,
     Torn = 1 << 8,
     LockedTorn = 1 << 9,
-    // Something is.
+    // Something is mounted.
     Written = 1 << 10,
     ReadOnly = 1 << 11,
     LockedWritten = 1 << 12,
@@ -138,74 +139,74 @@ enum State : unsigned {
     Whole = 1 << 18,
 };
 
-/// How a state is reached, and what is known in it.
+/// A state: how it is reached, and the fields in it.
 struct StateRow {
     State state;
     const char* name;
-    State from;                ///< the state before
-    void (*enter)(Slot& slot); ///< leads from there
-    const char* facts;         ///< that differ from those of a new location
+    State from;                ///< the previous state
+    void (*enter)(Slot& slot); ///< from the previous state to this one
+    const char* fields;        ///< the fields that differ from those of a new location
 };
 
 // clang-format off
 const StateRow states[] = {
     {Empty, "Empty", Empty, [](Slot&) {}, ""},
     // A disk without a file system.
-    {Blank, "Blank", Empty, [](Slot& s) { s.tell("add", s.disk); },
+    {Blank, "Blank", Empty, [](Slot& s) { s.notify("add", s.disk); },
         "access=Presence present=yes disk=disk"},
     // A disk with a file system and without partitions.
-    {Plain, "Plain", Empty, [](Slot& s) { s.tell("add", s.plain); },
+    {Plain, "Plain", Empty, [](Slot& s) { s.notify("add", s.plain); },
         "access=Presence present=yes disk=plain part=plain"},
     // A disk with two partitions, of which the first is the larger.
-    {Card, "Card", Blank, [](Slot& s) { s.tell("add", s.part), s.tell("add", s.other); },
+    {Card, "Card", Blank, [](Slot& s) { s.notify("add", s.part), s.notify("add", s.other); },
         "access=Presence present=yes disk=disk part=part"},
-    // A partition of a disk that nobody has told of.
-    {Loose, "Loose", Empty, [](Slot& s) { s.tell("add", s.part); },
+    // A partition whose disk was not added.
+    {Loose, "Loose", Empty, [](Slot& s) { s.notify("add", s.part); },
         "access=Presence present=yes part=part"},
-    // A card whose switch is on.
-    {Locked, "Locked", Empty, [](Slot& s) { s.tell("add", s.locked), s.tell("add", s.part); },
+    // A write-protected card.
+    {Locked, "Locked", Empty, [](Slot& s) { s.notify("add", s.locked), s.notify("add", s.part); },
         "access=Presence present=yes disk=locked part=part protected=yes"},
-    // Another card in the place of a locked one.
+    // A writable card after a write-protected one.
     {Exchanged, "Exchanged", Locked,
-        [](Slot& s) { s.tell("remove", s.locked), s.tell("add", s.disk), s.tell("add", s.part); },
+        [](Slot& s) { s.notify("remove", s.locked), s.notify("add", s.disk), s.notify("add", s.part); },
         "access=Presence present=yes disk=disk part=part protected=yes"},
     // A card that could not be mounted.
     {Failed, "Failed", Card, [](Slot& s) { s.failToMount(); },
         "access=None present=yes disk=disk part=part"},
     // A card whose other partition was removed.
-    {Torn, "Torn", Card, [](Slot& s) { s.tell("remove", s.other); },
+    {Torn, "Torn", Card, [](Slot& s) { s.notify("remove", s.other); },
         "access=None disk=disk"},
-    {LockedTorn, "LockedTorn", Locked, [](Slot& s) { s.tell("remove", s.part); },
+    {LockedTorn, "LockedTorn", Locked, [](Slot& s) { s.notify("remove", s.part); },
         "access=None disk=locked protected=yes"},
 
     {Written, "Written", Card, [](Slot& s) { s.mount({}); },
         "access=Write mounted=yes mountOk=yes present=yes disk=disk part=part"},
     {ReadOnly, "ReadOnly", Card, [](Slot& s) { s.mount({{"readonly", true}}); },
         "access=Read mounted=yes mountOk=yes present=yes disk=disk part=part"},
-    // The location does not ask the switch: that is for the device to refuse.
+    // mount() does not check the write protection: the device refuses.
     {LockedWritten, "LockedWritten", Locked, [](Slot& s) { s.mount({}); },
         "access=Write mounted=yes mountOk=yes present=yes disk=locked part=part protected=yes"},
     {LockedRead, "LockedRead", Locked, [](Slot& s) { s.mount({{"readonly", true}}); },
         "access=Read mounted=yes mountOk=yes present=yes disk=locked part=part protected=yes"},
-    // A mounted card that could not be mounted anew.
+    // A mounted card whose remount failed.
     {Unsure, "Unsure", Written, [](Slot& s) { s.failToMount(); },
         "access=None mounted=yes present=yes disk=disk part=part"},
     // A mounted card whose other partition was removed.
-    {TornMounted, "TornMounted", Written, [](Slot& s) { s.tell("remove", s.other); },
+    {TornMounted, "TornMounted", Written, [](Slot& s) { s.notify("remove", s.other); },
         "access=None mounted=yes mountOk=yes disk=disk"},
     // A mounted card that was pulled out.
-    {Pulled, "Pulled", Written, [](Slot& s) { s.tell("remove", s.disk); },
+    {Pulled, "Pulled", Written, [](Slot& s) { s.notify("remove", s.disk); },
         "access=None mounted=yes mountOk=yes"},
-    // Plugged in again, before anybody has unmounted it.
-    {Back, "Back", Pulled, [](Slot& s) { s.tell("add", s.disk), s.tell("add", s.part); },
+    // Plugged in again before it was unmounted.
+    {Back, "Back", Pulled, [](Slot& s) { s.notify("add", s.disk), s.notify("add", s.part); },
         "access=Presence mounted=yes mountOk=yes present=yes disk=disk part=part"},
-    // A torn card of which the disk itself was mounted.
+    // A card whose partition was removed and whose disk itself was mounted.
     {Whole, "Whole", Torn, [](Slot& s) { s.mount({}); },
         "access=Write mounted=yes mountOk=yes disk=disk"},
 };
 // clang-format on
 
-// What several states have in common.
+// Sets of states.
 constexpr unsigned Mounted =
     Written | ReadOnly | LockedWritten | LockedRead | Unsure | TornMounted | Pulled | Back | Whole;
 constexpr unsigned Unmounted =
@@ -213,15 +214,15 @@ constexpr unsigned Unmounted =
 constexpr unsigned AtWrite = Written | LockedWritten | Whole;
 constexpr unsigned AtRead = ReadOnly | LockedRead;
 constexpr unsigned InUse = AtWrite | AtRead;
-constexpr unsigned Nothing = Empty | Pulled; // no device is known
+constexpr unsigned Nothing = Empty | Pulled; // no device
 constexpr unsigned Mountable = ~(InUse | Nothing);
-/// Of the disk only: a partition was removed.
+/// Only the disk is left: a partition was removed.
 constexpr unsigned WithoutPart = Torn | LockedTorn | TornMounted | Whole;
-constexpr unsigned Absent = Nothing | WithoutPart; // counts as not present
+constexpr unsigned Absent = Nothing | WithoutPart; // not present
 constexpr unsigned Unselected = Nothing | WithoutPart | Blank;
 constexpr unsigned Protected = Locked | LockedTorn | LockedWritten | LockedRead;
 
-// --- What is done, and what comes of it ---------------------------------------------------------
+// --- Operations and outcomes --------------------------------------------------------------------
 
 enum Operation : unsigned {
     Enable = 1 << 0,
@@ -273,36 +274,36 @@ const OperationRow operations[] = {
     {UmountLazy,       "umount lazy",      [](Slot& s) { return s.umount({{"lazy", false}}); }},
     {Format,           "format",           [](Slot& s) { return s.location.format(nullptr); }},
     {IsWriteProtected, "isWriteProtected", [](Slot& s) { return int(s.location.isWriteProtected()); }},
-    {AddDisk,          "add disk",         [](Slot& s) { return s.tell("add", s.disk); }},
-    {AddPlain,         "add plain disk",   [](Slot& s) { return s.tell("add", s.plain); }},
-    {AddLocked,        "add locked disk",  [](Slot& s) { return s.tell("add", s.locked); }},
-    {AddSmaller,       "add smaller",      [](Slot& s) { return s.tell("add", s.smaller); }},
-    {AddEqual,         "add equal",        [](Slot& s) { return s.tell("add", s.equal); }},
-    {AddLarger,        "add larger",       [](Slot& s) { return s.tell("add", s.larger); }},
-    {AddUnknown,       "add unknown",      [](Slot& s) { return s.tell("add", s.unknown); }},
-    {AddEfi,           "add EFI",          [](Slot& s) { return s.tell("add", s.efi); }},
-    {AddForeign,       "add foreign",      [](Slot& s) { return s.tell("add", s.foreign); }},
-    {Change,           "change",           [](Slot& s) { return s.tell("change", s.larger); }},
-    {RemovePart,       "remove part",      [](Slot& s) { return s.tell("remove", s.part); }},
-    {RemoveOther,      "remove other",     [](Slot& s) { return s.tell("remove", s.other); }},
-    {RemoveDisk,       "remove disk",      [](Slot& s) { return s.tell("remove", s.disk); }},
-    {RemoveForeign,    "remove foreign",   [](Slot& s) { return s.tell("remove", s.foreign); }},
+    {AddDisk,          "add disk",         [](Slot& s) { return s.notify("add", s.disk); }},
+    {AddPlain,         "add plain disk",   [](Slot& s) { return s.notify("add", s.plain); }},
+    {AddLocked,        "add locked disk",  [](Slot& s) { return s.notify("add", s.locked); }},
+    {AddSmaller,       "add smaller",      [](Slot& s) { return s.notify("add", s.smaller); }},
+    {AddEqual,         "add equal",        [](Slot& s) { return s.notify("add", s.equal); }},
+    {AddLarger,        "add larger",       [](Slot& s) { return s.notify("add", s.larger); }},
+    {AddUnknown,       "add unknown",      [](Slot& s) { return s.notify("add", s.unknown); }},
+    {AddEfi,           "add EFI",          [](Slot& s) { return s.notify("add", s.efi); }},
+    {AddForeign,       "add foreign",      [](Slot& s) { return s.notify("add", s.foreign); }},
+    {Change,           "change",           [](Slot& s) { return s.notify("change", s.larger); }},
+    {RemovePart,       "remove part",      [](Slot& s) { return s.notify("remove", s.part); }},
+    {RemoveOther,      "remove other",     [](Slot& s) { return s.notify("remove", s.other); }},
+    {RemoveDisk,       "remove disk",      [](Slot& s) { return s.notify("remove", s.disk); }},
+    {RemoveForeign,    "remove foreign",   [](Slot& s) { return s.notify("remove", s.foreign); }},
     {PlugForeign,      "plug foreign",     [](Slot& s) { return s.location.addBlockDevice(s.foreign), 0; }},
     {UnplugForeign,    "unplug foreign",   [](Slot& s) { return s.location.removeBlockDevice(s.foreign), 0; }},
 };
 // clang-format on
 
-/// Whether the root switch has a place for the location's file system.
-enum Place : unsigned { Here = 1 << 0, Nowhere = 1 << 1 };
+/// Whether the root switch has a mount point for the location's file system.
+enum MountPoint : unsigned { Here = 1 << 0, Nowhere = 1 << 1 };
 
-/// What the device answers when it is asked, or what the kernel has mounted at the place.
+/// The result of the device's call, or the state of the mount at the mount point.
 enum Outcome : unsigned {
     Zero = 1 << 0,
     Positive = 1 << 1,
     SystemFails = 1 << 2,  ///< -1, with liberrno Ok
     LibraryFails = 1 << 3, ///< -1, with liberrno NotImplemented
-    Idle = 1 << 4,         ///< what can be unmounted
-    Busy = 1 << 5,         ///< what can be unmounted lazily only
+    Idle = 1 << 4,         ///< can be unmounted
+    Busy = 1 << 5,         ///< can only be unmounted lazily
 };
 constexpr unsigned OfTheKernel = Idle | Busy;
 constexpr unsigned Works = Zero | Positive;
@@ -326,114 +327,117 @@ const OutcomeRow outcomes[] = {
 constexpr char toWrite[] = "access=Write mounted=yes mountOk=yes";
 constexpr char toRead[] = "access=Read mounted=yes mountOk=yes";
 constexpr char mountFails[] = "access=None mounted=no mountOk=no";
-constexpr char remountFails[] = "access=None mountOk=no"; // the mount of before stays
+constexpr char remountFails[] = "access=None mountOk=no"; // the previous mount stays
 constexpr char forget[] = "mounted=no";
 constexpr char toPresence[] = "access=Presence mounted=no mountOk=no";
-constexpr char unmount[] = "mounted=no mountOk=no"; // access() said already that it is gone
+constexpr char unmount[] = "mounted=no mountOk=no"; // access() has changed before
 
 // clang-format off
 const Transition table[] = {
-    // The owner's wish is noted, and no more.
-    {Enable,  Any,    Any, Any,  0, Unsaid, "enabled=yes", ""},
-    {Disable, ~InUse, Any, Any,  0, Unsaid, "enabled=no",  ""},
+    // Only sets or clears the flag.
+    {Enable,  Any,    Any, Any,  0, Ignore, "enabled=yes", ""},
+    {Disable, ~InUse, Any, Any,  0, Ignore, "enabled=no",  ""},
     {Disable, InUse,  Any, Any, -1, Kept,   "",            ""},
 
     {Check, Nothing,  Any, Any, -1,    NotFound, "", ""},
     {Check, ~Nothing, Any, Any, Given, Given,    "", "selected fsck"},
 
-    // What is in use is mounted anew. Anything else begins with nothing mounted, even where the
-    // mount of a medium that was pulled out is still there.
+    // A medium in use is remounted. Otherwise the location forgets its mount first, even if the
+    // mount of a removed medium still exists.
     {Mount | MountReadonly, Nothing,   Any,     Any,   -1,    NotFound, forget,       ""},
     {Mount | MountReadonly, Mountable, Nowhere, Any,   -1,    NotFound, forget,       ""},
     {Mount | MountReadonly, InUse,     Nowhere, Any,   -1,    NotFound, "",           ""},
-    {Mount,                 Mountable, Here,    Works, Given, Unsaid,   toWrite,      "selected mount rw"},
+    {Mount,                 Mountable, Here,    Works, Given, Ignore,   toWrite,      "selected mount rw"},
     {Mount,                 Mountable, Here,    Fails, -1,    NotFound, mountFails,   "selected mount rw"},
-    {Mount,                 InUse,     Here,    Works, Given, Unsaid,   toWrite,      "selected remount rw"},
+    {Mount,                 InUse,     Here,    Works, Given, Ignore,   toWrite,      "selected remount rw"},
     {Mount,                 InUse,     Here,    Fails, -1,    NotFound, remountFails, "selected remount rw"},
-    // That "readonly" is there counts: its value is false.
-    {MountReadonly,         Mountable, Here,    Works, Given, Unsaid,   toRead,       "selected mount ro"},
+    // Only the presence of "readonly" matters; its value here is false.
+    {MountReadonly,         Mountable, Here,    Works, Given, Ignore,   toRead,       "selected mount ro"},
     {MountReadonly,         Mountable, Here,    Fails, -1,    NotFound, mountFails,   "selected mount ro"},
-    {MountReadonly,         InUse,     Here,    Works, Given, Unsaid,   toRead,       "selected remount ro"},
+    {MountReadonly,         InUse,     Here,    Works, Given, Ignore,   toRead,       "selected remount ro"},
     {MountReadonly,         InUse,     Here,    Fails, -1,    NotFound, remountFails, "selected remount ro"},
 
-    // As a mount, but asks the device to remount whatever is mounted.
+    // Like mount, but any mount is remounted.
     {MkReadOnly, Absent,                       Any,     Any,   -1,    NotFound, "",           ""},
-    {MkReadOnly, AtRead,                       Any,     Any,   0,     Unsaid,   "",           ""},
+    {MkReadOnly, AtRead,                       Any,     Any,   0,     Ignore,   "",           ""},
     {MkReadOnly, ~(Absent | AtRead),           Nowhere, Any,   -1,    NotFound, "",           ""},
-    {MkReadOnly, Unmounted & ~Absent,          Here,    Works, Given, Unsaid,   toRead,       "selected mount ro"},
+    {MkReadOnly, Unmounted & ~Absent,          Here,    Works, Given, Ignore,   toRead,       "selected mount ro"},
     {MkReadOnly, Unmounted & ~Absent,          Here,    Fails, -1,    NotFound, mountFails,   "selected mount ro"},
-    {MkReadOnly, Mounted & ~(Absent | AtRead), Here,    Works, Given, Unsaid,   toRead,       "selected remount ro"},
+    {MkReadOnly, Mounted & ~(Absent | AtRead), Here,    Works, Given, Ignore,   toRead,       "selected remount ro"},
     {MkReadOnly, Written | LockedWritten,      Here,    Fails, -1,    NotFound, remountFails, "selected remount ro"},
     {MkReadOnly, Unsure | Back,                Here,    Fails, -1,    NotFound, mountFails,   "selected remount ro"},
 
-    // On the device itself: whatever comes of it, the location stays as it is.
-    {MkWriteable, Written | LockedWritten,                    Any,     Any, 0,     Unsaid,         "", ""},
+    // Calls the device only: the fields of the location never change.
+    {MkWriteable, Written | LockedWritten,                    Any,     Any, 0,     Ignore,         "", ""},
     {MkWriteable, Protected & ~LockedWritten,                 Any,     Any, -1,    NotImplemented, "", ""},
     {MkWriteable, Nothing,                                    Any,     Any, -1,    NotFound,       "", ""},
     {MkWriteable, ~(Written | Protected | Nothing),           Nowhere, Any, -1,    NotFound,       "", ""},
     {MkWriteable, Unmounted & ~(Protected | Nothing),         Here,    Any, Given, Given,          "", "selected mount rw"},
     {MkWriteable, Mounted & ~(Written | Protected | Nothing), Here,    Any, Given, Given,          "", "selected remount rw"},
 
-    // Only what mount() has mounted. The medium of a mount that is not in use may be gone.
-    {Umount | UmountLazy, Unmounted,        Any,     Any,  0,  Unsaid,   "",         ""},
+    // Only after mount(). If the mount is not in use, the medium may be gone.
+    {Umount | UmountLazy, Unmounted,        Any,     Any,  0,  Ignore,   "",         ""},
     {Umount | UmountLazy, Mounted,          Nowhere, Any,  -1, NotFound, "",         ""},
-    {Umount | UmountLazy, InUse,            Here,    Idle, 0,  Unsaid,   toPresence, "umount"},
-    {Umount | UmountLazy, Mounted & ~InUse, Here,    Idle, 0,  Unsaid,   unmount,    "umount"},
+    {Umount | UmountLazy, InUse,            Here,    Idle, 0,  Ignore,   toPresence, "umount"},
+    {Umount | UmountLazy, Mounted & ~InUse, Here,    Idle, 0,  Ignore,   unmount,    "umount"},
     {Umount,              Mounted,          Here,    Busy, -1, Kept,     "",         ""},
-    {UmountLazy,          InUse,            Here,    Busy, 0,  Unsaid,   toPresence, "umount"},
-    {UmountLazy,          Mounted & ~InUse, Here,    Busy, 0,  Unsaid,   unmount,    "umount"},
+    {UmountLazy,          InUse,            Here,    Busy, 0,  Ignore,   toPresence, "umount"},
+    {UmountLazy,          Mounted & ~InUse, Here,    Busy, 0,  Ignore,   unmount,    "umount"},
 
-    // Always the disk.
+    // Formats the disk, never a partition.
     {Format, Mounted,                                  Any, Any, -1,    NotFound,       "", ""},
     {Format, Empty | Loose,                            Any, Any, -1,    NotFound,       "", ""},
     {Format, Locked | LockedTorn,                      Any, Any, -1,    NotImplemented, "", ""},
     {Format, Unmounted & ~(Empty | Loose | Protected), Any, Any, Given, Given,          "", "disk format"},
 
-    // That of the disk, once there is a partition.
-    {IsWriteProtected, Protected & ~LockedTorn,    Any, Any, 1, Unsaid, "", ""},
-    {IsWriteProtected, ~(Protected & ~LockedTorn), Any, Any, 0, Unsaid, "", ""},
+    // The protection of the disk, once there is a partition.
+    {IsWriteProtected, Protected & ~LockedTorn,    Any, Any, 1, Ignore, "", ""},
+    {IsWriteProtected, ~(Protected & ~LockedTorn), Any, Any, 0, Ignore, "", ""},
 
-    // A disk begins anew; the largest partition with a file system wins, the first of equal ones.
-    {AddDisk,               Any,         Any, Any, 0, Unsaid, "access=Presence present=yes disk=disk part=-",                 ""},
-    {AddPlain,              Any,         Any, Any, 0, Unsaid, "access=Presence present=yes disk=plain part=plain",            ""},
-    {AddLocked,             Any,         Any, Any, 0, Unsaid, "access=Presence present=yes disk=locked part=- protected=yes", ""},
-    {AddSmaller,            Unselected,  Any, Any, 0, Unsaid, "access=Presence present=yes part=smaller",                     ""},
-    {AddEqual,              Unselected,  Any, Any, 0, Unsaid, "access=Presence present=yes part=equal",                       ""},
-    {AddSmaller | AddEqual, ~Unselected, Any, Any, 0, Unsaid, "access=Presence present=yes",                                  ""},
-    {AddLarger,             Any,         Any, Any, 0, Unsaid, "access=Presence present=yes part=larger",                      ""},
-    {AddUnknown,            Any,         Any, Any, 0, Unsaid, "access=Presence present=yes",                                  ""},
+    // A disk clears the selection. The largest partition with a file system is selected, the first
+    // of equal ones.
+    {AddDisk,               Any,         Any, Any, 0, Ignore, "access=Presence present=yes disk=disk part=-",                 ""},
+    {AddPlain,              Any,         Any, Any, 0, Ignore, "access=Presence present=yes disk=plain part=plain",            ""},
+    {AddLocked,             Any,         Any, Any, 0, Ignore, "access=Presence present=yes disk=locked part=- protected=yes", ""},
+    {AddSmaller,            Unselected,  Any, Any, 0, Ignore, "access=Presence present=yes part=smaller",                     ""},
+    {AddEqual,              Unselected,  Any, Any, 0, Ignore, "access=Presence present=yes part=equal",                       ""},
+    {AddSmaller | AddEqual, ~Unselected, Any, Any, 0, Ignore, "access=Presence present=yes",                                  ""},
+    {AddLarger,             Any,         Any, Any, 0, Ignore, "access=Presence present=yes part=larger",                      ""},
+    {AddUnknown,            Any,         Any, Any, 0, Ignore, "access=Presence present=yes",                                  ""},
 
-    // The removal of any partition ends the selection. What is mounted stays so.
-    {RemovePart | RemoveOther, Any, Any, Any, 0, Unsaid, "access=None present=no part=-",        ""},
-    {RemoveDisk,               Any, Any, Any, 0, Unsaid, "access=None present=no disk=- part=-", ""},
+    // The removal of any partition clears the selection. Mounts stay.
+    {RemovePart | RemoveOther, Any, Any, Any, 0, Ignore, "access=None present=no part=-",        ""},
+    {RemoveDisk,               Any, Any, Any, 0, Ignore, "access=None present=no disk=- part=-", ""},
 
-    // None of its business.
-    {AddEfi | AddForeign | PlugForeign | Change, Any, Any, Any, 0, Unsaid, "", ""},
-    {RemoveForeign | UnplugForeign,              Any, Any, Any, 0, Unsaid, "", ""},
+    // Ignored.
+    {AddEfi | AddForeign | PlugForeign | Change, Any, Any, Any, 0, Ignore, "", ""},
+    {RemoveForeign | UnplugForeign,              Any, Any, Any, 0, Ignore, "", ""},
 };
 // clang-format on
 
 // --- The test -----------------------------------------------------------------------------------
 
-/// Of a call in short, such as "selected remount ro" or "disk format", the text of takeCalls().
-QStringList callsInFull(const QString& call, const Facts& facts, const QString& place) {
+/// Expands a call of the table, such as "selected remount ro" or "disk format", to the form of
+/// takeCalls().
+QStringList callsInFull(const QString& call, const LocationState& state,
+                        const QString& mountPoint) {
     const QStringList words = call.split(' ');
     if (words.size() == 1)
         return call.isEmpty() ? QStringList() : words;
-    const QString device = facts[words[0]];
+    const QString device = state[words[0]];
     if (words.size() == 2)
-        return {test::callText(device, words[1], {})};
-    Properties props = {{"mountPoint", place}, {"readonly", words[2] == "ro"}};
+        return {test::callString(device, words[1], {})};
+    Properties props = {{"mountPoint", mountPoint}, {"readonly", words[2] == "ro"}};
     if (words[1] == "remount")
         props["remount"] = true;
-    return {test::callText(device, "mount " + place, props)};
+    return {test::callString(device, "mount " + mountPoint, props)};
 }
 
-/// With the selection that follows from disk and partition.
-Facts changedFacts(const Facts& base, const char* changes) {
-    Facts facts = test::changed(base, changes);
-    facts["selected"] = facts["part"] == "-" ? facts["disk"] : facts["part"];
-    return facts;
+/// test::changed(), with "selected" derived from disk and partition.
+LocationState changedState(const LocationState& base, const char* changes) {
+    LocationState state = test::changed(base, changes);
+    state["selected"] = state["part"] == "-" ? state["disk"] : state["part"];
+    return state;
 }
 
 const StateRow& stateRow(State state) {
@@ -441,7 +445,7 @@ const StateRow& stateRow(State state) {
                          [&](const StateRow& row) { return row.state == state; });
 }
 
-/// By way of the states before.
+/// Goes through the previous states.
 void enter(Slot& slot, const StateRow& row) {
     if (row.state == Empty)
         return;
@@ -453,23 +457,23 @@ void PrintTo(const StateRow& row, std::ostream* out) {
     *out << row.name;
 }
 
-/// One combination, with a slot of its own.
-void expectTransition(const StateRow& state, const OperationRow& operation, Place place,
+/// Tests one combination with a new slot.
+void expectTransition(const StateRow& state, const OperationRow& operation, MountPoint mountPoint,
                       const OutcomeRow& outcome, const QString& directory) {
     SCOPED_TRACE(::testing::Message()
                  << operation.name << " in " << state.name << ", outcome " << outcome.name
-                 << (place == Here ? "" : ", without a place"));
+                 << (mountPoint == Here ? "" : ", without a mount point"));
     const Transition* const row =
-        test::transitionFor(table, operation.operation, state.state, place, outcome.outcome);
+        test::transitionFor(table, operation.operation, state.state, mountPoint, outcome.outcome);
     ASSERT_NE(row, nullptr);
 
     Slot slot(directory);
-    const Facts nothing = slot.location.facts();
+    const LocationState initial = slot.location.state();
     enter(slot, state);
-    ASSERT_EQ(factsText(slot.location.facts()), factsText(changedFacts(nothing, state.facts)));
+    ASSERT_EQ(stateString(slot.location.state()), stateString(changedState(initial, state.fields)));
     slot.location.m_enabled = operation.operation != Enable;
-    if (place == Nowhere) {
-        FSSwitch::rootfs()->remove(slot.place);
+    if (mountPoint == Nowhere) {
+        FSSwitch::rootfs()->remove(slot.mountPoint);
         FSSwitch::rootfs()->remove(slot.deeper);
     }
     std::unique_ptr<MemoryMount> mount;
@@ -479,7 +483,7 @@ void expectTransition(const StateRow& state, const OperationRow& operation, Plac
         ASSERT_TRUE(mount->isSetUp());
     }
 
-    const Facts facts = slot.location.facts();
+    const LocationState before = slot.location.state();
     slot.script(outcome.result, outcome.reason);
     test::takeCalls(slot.devices);
     liberrno = test::reasonBefore;
@@ -489,38 +493,38 @@ void expectTransition(const StateRow& state, const OperationRow& operation, Plac
         EXPECT_EQ(errno, EBUSY);
     }
     test::expectResult(*row, result, outcome.result, outcome.reason);
-    EXPECT_EQ(factsText(slot.location.facts()), factsText(changedFacts(facts, row->changes)));
+    EXPECT_EQ(stateString(slot.location.state()), stateString(changedState(before, row->changes)));
     QStringList calls = test::takeCalls(slot.devices);
     if (mount && test::devicesAt(directory).isEmpty())
         calls += "umount";
-    EXPECT_EQ(calls, callsInFull(row->calls, facts, slot.place));
+    EXPECT_EQ(calls, callsInFull(row->calls, before, slot.mountPoint));
     EXPECT_EQ(slot.signals_, 0);
 }
 
-/// All combinations of a state with some operations and some outcomes.
+/// Tests a state with all of these operations and outcomes.
 void expectTransitions(const StateRow& state, unsigned ofOperations, unsigned ofOutcomes,
                        const QString& directory) {
     for (const OperationRow& operation : operations) {
         for (const OutcomeRow& outcome : outcomes) {
             if (!(operation.operation & ofOperations) || !(outcome.outcome & ofOutcomes))
                 continue;
-            for (const Place place : {Here, Nowhere})
-                expectTransition(state, operation, place, outcome, directory);
+            for (const MountPoint mountPoint : {Here, Nowhere})
+                expectTransition(state, operation, mountPoint, outcome, directory);
         }
     }
 }
 
 class SystemLocationState : public ::testing::TestWithParam<StateRow> {};
 
-/// With what the kernel has mounted at the location's place.
+/// With a tmpfs mounted at the location's mount point.
 class SystemLocationUmount : public test::Isolated,
                              public ::testing::WithParamInterface<StateRow> {};
 
-TEST_P(SystemLocationState, EveryOperation_AsInTheTable) {
+TEST_P(SystemLocationState, EveryOperation_MatchesTable) {
     expectTransitions(GetParam(), ~Unmounting, ~OfTheKernel, "/no/such/directory");
 }
 
-TEST_P(SystemLocationUmount, IdleOrBusy_AsInTheTable) {
+TEST_P(SystemLocationUmount, IdleOrBusy_MatchesTable) {
     const test::TempDir temp;
     expectTransitions(GetParam(), Unmounting, OfTheKernel, temp.path());
 }

@@ -1,83 +1,28 @@
-// Storage locations over devices and file systems of the test's own.
-#include <oruio/error.h>
-#include <oruio/fsswitch.h>
-#include <oruio/storagelocation.h>
+// StorageLocation: the operations, fields and virtual functions of all locations.
 
 #include "support/doubles/memfs.h"
 #include "support/doubles/openlocation.h"
-#include "support/doubles/scripteddevice.h"
-#include "support/doubles/scriptedshare.h"
-#include "support/suite/logcapture.h"
-#include "support/suite/qtprint.h"
 #include "support/suite/slots.h"
-#include "support/system/isolation.h"
-#include "support/system/tempdir.h"
 
-#include <QFile>
+#include <oruio/error.h>
+#include <oruio/storagelocation.h>
+
 #include <QMetaMethod>
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <functional>
-#include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/mount.h>
-
 namespace oru::io {
-
 namespace {
 
-using test::Device;
-using test::LogCapture;
-using test::makeDevice;
 using test::MemFS;
 using test::OpenLocation;
-using test::ScriptedDevice;
-using test::ScriptedNfs;
-using test::ScriptedSmb;
 using test::slotOf;
 
-constexpr char slot1[] = "platform-slot-1";
-// With the slash at its end that the switch gives it.
-const QString nowhere = QStringLiteral("/no/such/directory/");
-
-/// A location whose file system is mounted in the root switch, and the media for it.
-class SystemLocationTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        FSSwitch::rootfs()->add(nowhere, fs);
-        liberrno = Ok;
-    }
-
-    void insert() {
-        location.addBlockDevice(disk);
-        location.addBlockDevice(part);
-    }
-    void expectState(StorageLocation::AccessType access, bool isMounted) const {
-        EXPECT_EQ(const_cast<OpenLocation&>(location).access(), access);
-        EXPECT_EQ(location.m_mounted, isMounted);
-    }
-
-    const test::OwnSwitch ownSwitch;
-    const FS::SPtr fs{new MemFS};
-    Properties props = {{"blkDevId", slot1}};
-    OpenLocation location{"card", fs, &props};
-    const Device disk = makeDevice(slot1, 0, 1000, "");
-    const Device part = makeDevice(slot1, 1, 900, "vfat");
-    Properties readonlyFalse = {{"readonly", false}};
-};
-
-} // namespace
-
-// --- What all locations have --------------------------------------------------------------------
-
-TEST(StorageLocation, New_NothingIsKnown) {
+TEST(StorageLocation, New_FieldsEmpty) {
     Properties props = {{"key", "value"}};
     const FS::SPtr fs{new MemFS};
     StorageLocation location("place", fs, &props);
@@ -112,17 +57,17 @@ TEST(StorageLocation, Operations_NotImplemented) {
     EXPECT_EQ(location.disable(), 0);
 }
 
-TEST(StorageLocation, Straccess_Texts) {
-    const char* const texts[] = {"Invalid", "None", "Presence", "Read", "Write", "Invalid"};
+TEST(StorageLocation, Straccess_EachAccess_Name) {
+    const char* const names[] = {"Invalid", "None", "Presence", "Read", "Write", "Invalid"};
     for (int i = 0; i < 6; ++i)
         EXPECT_STREQ(StorageLocation::straccess(static_cast<StorageLocation::AccessType>(i)),
-                     texts[i]);
+                     names[i]);
     EXPECT_STREQ(StorageLocation::straccess(static_cast<StorageLocation::AccessType>(-1)),
                  "Invalid");
     EXPECT_EQ(sizeof(StorageLocation::AccessType), sizeof(int));
 }
 
-TEST(StorageLocation, AccessChange_IsSilent) {
+TEST(StorageLocation, AccessChange_EmitsNoSignal) {
     StorageLocation location("place", {}, nullptr);
     int signals_ = 0;
     QObject::connect(&location, &StorageLocation::accessChanged, [&] { ++signals_; });
@@ -131,11 +76,11 @@ TEST(StorageLocation, AccessChange_IsSilent) {
     location.accessChange(StorageLocation::Write);
     EXPECT_EQ(location.access(), StorageLocation::Write);
     EXPECT_EQ(signals_, 0);
-    Q_EMIT location.accessChanged(&location, StorageLocation::Read); // the owner's
+    Q_EMIT location.accessChanged(&location, StorageLocation::Read); // emitted by the application
     EXPECT_EQ(signals_, 1);
 }
 
-TEST(StorageLocation, Signal_CanBeQueued) {
+TEST(StorageLocation, AccessChanged_ParameterTypesRegistered) {
     StorageLocation location("place", {}, nullptr);
     const QMetaMethod signal = QMetaMethod::fromSignal(&StorageLocation::accessChanged);
     EXPECT_EQ(signal.methodSignature(),
@@ -144,40 +89,39 @@ TEST(StorageLocation, Signal_CanBeQueued) {
         EXPECT_NE(signal.parameterType(i), QMetaType::UnknownType);
 }
 
-namespace {
-
-/// Where the fields of a location are.
+/// The addresses of the fields.
 class LocationFields : public OpenLocation {
 public:
     LocationFields() : OpenLocation("place", {}, nullptr) {}
 
-    std::vector<std::uintptr_t> places() const {
-        return {place(m_name),           place(m_fs),         place(m_enabled), place(m_present),
-                place(m_writeProtected), place(m_access),     place(m_props),   place(m_blkDevId),
-                place(m_blkDevWhole),    place(m_blkDevPart), place(m_mountOk), place(m_mounted)};
+    std::vector<std::uintptr_t> addresses() const {
+        return {address(m_name),           address(m_fs),
+                address(m_enabled),        address(m_present),
+                address(m_writeProtected), address(m_access),
+                address(m_props),          address(m_blkDevId),
+                address(m_blkDevWhole),    address(m_blkDevPart),
+                address(m_mountOk),        address(m_mounted)};
     }
 
 private:
     template <class Field>
-    static std::uintptr_t place(const Field& field) {
+    static std::uintptr_t address(const Field& field) {
         return reinterpret_cast<std::uintptr_t>(&field);
     }
 };
 
-} // namespace
-
 TEST(StorageLocation, Fields_InOrder) {
     const LocationFields fields;
-    const std::vector<std::uintptr_t> places = fields.places();
-    // Behind what QObject has; those of local media are behind those of all locations.
-    EXPECT_GE(places.front(), reinterpret_cast<std::uintptr_t>(&fields) + sizeof(QObject));
-    for (std::size_t i = 1; i < places.size(); ++i)
-        EXPECT_LT(places[i - 1], places[i]) << i;
+    const std::vector<std::uintptr_t> addresses = fields.addresses();
+    // After the fields of QObject. The fields of SystemLocation follow those of StorageLocation.
+    EXPECT_GE(addresses.front(), reinterpret_cast<std::uintptr_t>(&fields) + sizeof(QObject));
+    for (std::size_t i = 1; i < addresses.size(); ++i)
+        EXPECT_LT(addresses[i - 1], addresses[i]) << i;
     EXPECT_EQ(sizeof(RemoteLocation), sizeof(StorageLocation));
 }
 
 TEST(StorageLocation, Slots_InOrder) {
-    // Behind those of QObject, and its destructor's two.
+    // The first one is after those of QObject, which include two for the destructor.
     const int first = slotOf(&StorageLocation::enable);
     int slot = first;
     EXPECT_EQ(slotOf(&StorageLocation::enable), slot++);
@@ -188,526 +132,16 @@ TEST(StorageLocation, Slots_InOrder) {
     EXPECT_EQ(slotOf(&StorageLocation::mount), slot++);
     EXPECT_EQ(slotOf(&StorageLocation::umount), slot++);
     EXPECT_EQ(slotOf(&StorageLocation::isWriteProtected), slot++);
-    const int behind = slot;
+    const int end = slot;
     EXPECT_EQ(slotOf(&SystemLocation::format), slot++);
     EXPECT_EQ(slotOf(&SystemLocation::matchesId), slot++);
     EXPECT_EQ(slotOf(&SystemLocation::logBDEvent), slot++);
     EXPECT_EQ(slotOf(&SystemLocation::processBDEvents), slot++);
-    slot = behind;
+    slot = end;
     EXPECT_EQ(slotOf(&RemoteLocation::probe), slot++);
     EXPECT_EQ(slotOf(&RemoteLocation::setProperties), slot++);
     EXPECT_EQ(slotOf(&RemoteLocation::ping), slot++);
 }
 
-// --- Local media --------------------------------------------------------------------------------
-
-TEST_F(SystemLocationTest, LargestMountablePartition_IsSelected) {
-    EXPECT_TRUE(location.selectedPart().isNull());
-    location.addBlockDevice(disk);
-    EXPECT_EQ(location.selectedPart(), disk);
-    EXPECT_TRUE(location.m_blkDevPart.isNull()); // without a file system
-    location.addBlockDevice(part);
-    EXPECT_EQ(location.selectedPart(), part);
-    location.addBlockDevice(makeDevice(slot1, 2, 900, "ext4")); // equal: the first stays
-    EXPECT_EQ(location.selectedPart(), part);
-    location.addBlockDevice(makeDevice(slot1, 3, 5000, "")); // not mountable
-    EXPECT_EQ(location.selectedPart(), part);
-    location.addBlockDevice(makeDevice(slot1, 4, 899, "ext4"));
-    EXPECT_EQ(location.selectedPart(), part);
-    const Device largest = makeDevice(slot1, 5, 901, "ext4");
-    location.addBlockDevice(largest);
-    EXPECT_EQ(location.selectedPart(), largest);
-    location.addBlockDevice(disk); // begins anew
-    EXPECT_EQ(location.selectedPart(), disk);
-    location.addBlockDevice(makeDevice("elsewhere", 0, 9999, "ext4"));
-    location.addBlockDevice({});
-    EXPECT_EQ(location.selectedPart(), disk);
-}
-
-TEST_F(SystemLocationTest, DiskWithAFileSystem_SelectsItself) {
-    const Device plain = makeDevice(slot1, 0, 1000, "vfat");
-    location.addBlockDevice(plain);
-    EXPECT_EQ(location.m_blkDevWhole, plain);
-    EXPECT_EQ(location.m_blkDevPart, plain);
-}
-
-TEST_F(SystemLocationTest, AnyRemoval_EndsTheSelection) {
-    insert();
-    expectState(StorageLocation::Presence, false);
-    EXPECT_TRUE(location.m_present);
-    location.removeBlockDevice(makeDevice("elsewhere", 1, 1, ""));
-    location.removeBlockDevice({});
-    EXPECT_TRUE(location.m_present);
-    location.removeBlockDevice(makeDevice(slot1, 7, 1, "")); // another partition
-    EXPECT_TRUE(location.m_blkDevPart.isNull());
-    EXPECT_EQ(location.m_blkDevWhole, disk);
-    EXPECT_FALSE(location.m_present);
-    expectState(StorageLocation::None, false);
-    location.removeBlockDevice(disk);
-    EXPECT_TRUE(location.m_blkDevWhole.isNull());
-}
-
-TEST_F(SystemLocationTest, Batch_OfItsOwnDevicesAddAndRemove) {
-    const auto batchOf = [](const QList<BDMon::Event>& events) {
-        return BDMon::EventListSPtr::create(events);
-    };
-    const auto event = [](const char* action, const Device& device) {
-        BDMon::Event made(1, action, nullptr);
-        made.dev = device;
-        return made;
-    };
-    const Device efi = makeDevice(slot1, 1, 5000, "vfat");
-    efi->m_partEntryType = "c12a7328-f81f-11d2-ba4b-00a0c93ec93b";
-    const Device data = makeDevice(slot1, 2, 900, "exfat");
-    data->m_partTableType = "gpt";
-    data->m_fsLabel = "FILM";
-    data->m_seqNum = 42;
-    data->m_action = "add";
-    data->m_startBlock = 2048;
-    LogCapture log("stg=12");
-    EXPECT_EQ(location.processBDEvents(batchOf(
-                  {event("add", disk), event("add", efi), event("add", data), event("change", efi),
-                   event("add", makeDevice("x", 0, 1, "ext4")), event("add", {})})),
-              0);
-    EXPECT_EQ(location.selectedPart(), data);
-    const QStringList messages = log.messages();
-    ASSERT_EQ(messages.size(), 3 * 6 + 1);
-    EXPECT_EQ(messages[5], "stg 11 card device add: /dev/disk\n");
-    EXPECT_EQ(messages[12], "stg 11 card skipping EFI system partition\n");
-    const QString geometry = "stg 12 card:  StartBlock: 2048  TotalBlocks: 900  BlkSize: 512\n";
-    EXPECT_EQ(messages.mid(13), (QStringList{
-                                    "stg 12 card:  Sequence Number: 42 Action: add\n",
-                                    "stg 12 card: 'platform-slot-1' [2] --> '/dev/disk2'\n",
-                                    geometry,
-                                    "stg 12 card:  PartitionType: 'gpt'  FSType: 'exfat'\n",
-                                    "stg 12 card:  FSLabel: 'FILM'   Mountable: Yes\n",
-                                    "stg 11 card device add: /dev/disk2\n",
-                                }));
-    EXPECT_EQ(location.processBDEvents(batchOf({event("remove", disk)})), 0);
-    const QStringList removal = log.messages();
-    ASSERT_EQ(removal.size(), 6);
-    EXPECT_EQ(removal[4], "stg 12 card:  FSLabel: ''   Mountable: No\n");
-    EXPECT_EQ(removal[5], "stg 11 card device remove: /dev/disk\n");
-    expectState(StorageLocation::None, false);
-    EXPECT_EQ(location.processBDEvents({}), 0);
-    EXPECT_TRUE(location.matchesId(slot1));
-    EXPECT_FALSE(location.matchesId("platform-slot"));
-}
-
-TEST_F(SystemLocationTest, Mount_OptionsAndState) {
-    insert();
-    EXPECT_EQ(location.mount(nullptr), 0);
-    EXPECT_EQ(part->calls, QStringList("mount " + nowhere));
-    EXPECT_EQ(part->last, (Properties{{"mountPoint", nowhere}, {"readonly", false}}));
-    expectState(StorageLocation::Write, true);
-    EXPECT_TRUE(location.m_mountOk);
-
-    // Once more is a remount; that "readonly" is there counts.
-    EXPECT_EQ(location.mount(&readonlyFalse), 0);
-    EXPECT_EQ(part->last,
-              (Properties{{"mountPoint", nowhere}, {"readonly", true}, {"remount", true}}));
-    expectState(StorageLocation::Read, true);
-
-    Properties elsewhere = {{"mountPoint", "/elsewhere"}, {"more", 1}};
-    EXPECT_EQ(location.mount(&elsewhere), 0);
-    EXPECT_EQ(part->calls.last(), "mount /elsewhere");
-    EXPECT_EQ(part->last["more"], 1);
-
-    part->result = -1;
-    EXPECT_EQ(location.mount(nullptr), -1);
-    EXPECT_EQ(liberrno, NotFound);
-    EXPECT_FALSE(location.m_mountOk);
-    EXPECT_EQ(location.access(), StorageLocation::None);
-
-    part->result = 3; // not negative
-    EXPECT_EQ(location.mount(nullptr), 3);
-    EXPECT_FALSE(part->last.contains("remount")); // the failure ended it
-}
-
-TEST_F(SystemLocationTest, NothingToMountOrNowhere_NotFound) {
-    EXPECT_EQ(location.mount(nullptr), -1);
-    EXPECT_EQ(liberrno, NotFound);
-    liberrno = Ok;
-    EXPECT_EQ(location.check(), -1);
-    EXPECT_EQ(liberrno, NotFound);
-    liberrno = Ok;
-    EXPECT_EQ(location.mkReadOnly(), -1);
-    EXPECT_EQ(liberrno, NotFound);
-    liberrno = Ok;
-    EXPECT_EQ(location.mkWriteable(), -1);
-    EXPECT_EQ(liberrno, NotFound);
-
-    insert();
-    FSSwitch::rootfs()->remove(nowhere);
-    for (const auto& call : std::vector<std::function<int()>>{
-             [&] { return location.mount(nullptr); }, [&] { return location.mkReadOnly(); },
-             [&] { return location.mkWriteable(); }}) {
-        liberrno = Ok;
-        EXPECT_EQ(call(), -1);
-        EXPECT_EQ(liberrno, NotFound);
-    }
-    expectState(StorageLocation::Presence, false);
-    EXPECT_TRUE(part->calls.isEmpty());
-}
-
-TEST_F(SystemLocationTest, Umount_OnlyWhatIsMounted) {
-    EXPECT_EQ(location.umount(nullptr), 0);
-    insert();
-    EXPECT_EQ(location.mount(nullptr), 0);
-    EXPECT_EQ(location.umount(nullptr), 0); // the kernel knows of no mount there
-    expectState(StorageLocation::Presence, false);
-    EXPECT_FALSE(location.m_mountOk);
-
-    EXPECT_EQ(location.mount(nullptr), 0);
-    location.removeBlockDevice(disk);
-    expectState(StorageLocation::None, true); // for the owner to unmount
-    EXPECT_EQ(location.umount(nullptr), 0);
-    expectState(StorageLocation::None, false);
-
-    insert();
-    EXPECT_EQ(location.mount(nullptr), 0);
-    FSSwitch::rootfs()->remove(nowhere);
-    liberrno = Ok;
-    EXPECT_EQ(location.umount(nullptr), -1);
-    EXPECT_EQ(liberrno, NotFound);
-    expectState(StorageLocation::Write, true);
-}
-
-namespace {
-
-/// Has a memory file system in place of its own.
-class MemoryDevice : public ScriptedDevice {
-public:
-    int mount(QString mountPoint, const Properties*) override {
-        return ::mount("tmpfs", QFile::encodeName(mountPoint).constData(), "tmpfs", 0, nullptr);
-    }
-};
-
 } // namespace
-
-// The switch has mount points with a slash at the end, the kernel without.
-TEST_F(SystemLocationTest, Umount_AtTheSwitchsMountPoint) {
-    if (!test::isolate(test::Namespaces::Mount))
-        GTEST_SKIP() << "no private mounts: " << std::strerror(errno);
-    const test::TempDir temp;
-    const auto isMounted = [&] {
-        QFile table("/proc/mounts");
-        EXPECT_TRUE(table.open(QFile::ReadOnly));
-        return table.readAll().contains(" " + QFile::encodeName(temp.path()) + " ");
-    };
-    FSSwitch::rootfs()->remove(nowhere);
-    FSSwitch::rootfs()->add(temp.path(), fs);
-    const auto device = QSharedPointer<MemoryDevice>::create();
-    device->m_idPath = slot1;
-    device->m_fsType = "vfat";
-    location.addBlockDevice(device);
-    EXPECT_EQ(location.mount(nullptr), 0);
-    EXPECT_TRUE(isMounted());
-    {
-        QFile inUse(temp / "file");
-        ASSERT_TRUE(inUse.open(QFile::WriteOnly));
-        EXPECT_EQ(location.umount(nullptr), -1);
-        EXPECT_EQ(errno, EBUSY);
-        expectState(StorageLocation::Write, true);
-    }
-    EXPECT_EQ(location.umount(nullptr), 0);
-    EXPECT_FALSE(isMounted());
-    expectState(StorageLocation::Presence, false);
-    EXPECT_EQ(location.mount(nullptr), 0);
-    QFile inUse(temp / "file");
-    ASSERT_TRUE(inUse.open(QFile::WriteOnly));
-    Properties lazy = {{"lazy", true}};
-    EXPECT_EQ(location.umount(&lazy), 0);
-    EXPECT_FALSE(isMounted());
-}
-
-TEST_F(SystemLocationTest, Check_IsFsckOfTheSelected) {
-    insert();
-    part->result = 5;
-    EXPECT_EQ(location.check(), 5);
-    EXPECT_EQ(part->calls, QStringList("fsck"));
-}
-
-TEST_F(SystemLocationTest, Format_RefusalsInOrder) {
-    LogCapture log("stg=12");
-    EXPECT_EQ(location.format(nullptr), -1);
-    EXPECT_EQ(liberrno, NotFound);
-    EXPECT_EQ(log.messages(),
-              (QStringList{"stg 11 mounted: F blkdev: NA\n",
-                           "stg 9 card: has no block device data; cannot format\n"}));
-    disk->m_writeProtected = true;
-    insert();
-    EXPECT_EQ(location.mount(nullptr), 0);
-    liberrno = Ok;
-    EXPECT_EQ(location.format(nullptr), -1);
-    EXPECT_EQ(liberrno, NotFound);
-    EXPECT_EQ(log.messages(),
-              (QStringList{"stg 11 mounted: T blkdev: /dev/disk\n",
-                           "stg 9 card:Format request while device is mounted fails\n"}));
-    EXPECT_EQ(location.umount(nullptr), 0);
-    // Write protection is reported with this code.
-    EXPECT_EQ(location.format(nullptr), -1);
-    EXPECT_EQ(liberrno, NotImplemented);
-    EXPECT_EQ(log.messages().last(), "stg 9 card: is write protected; cannot format\n");
-    EXPECT_TRUE(disk->calls.isEmpty());
-
-    disk->m_writeProtected = false;
-    disk->result = 7;
-    Properties kill = {{"kill", true}};
-    EXPECT_EQ(location.format(&kill), 7);
-    EXPECT_EQ(disk->calls, QStringList("format"));
-    EXPECT_EQ(disk->last, kill);
-    EXPECT_EQ(part->calls, QStringList("mount " + nowhere)); // of before
-}
-
-TEST_F(SystemLocationTest, MkReadOnly_MountsUnlessItIs) {
-    insert();
-    EXPECT_EQ(location.mkReadOnly(), 0);
-    EXPECT_EQ(part->last, (Properties{{"mountPoint", nowhere}, {"readonly", true}}));
-    expectState(StorageLocation::Read, true);
-    EXPECT_EQ(location.mkReadOnly(), 0);
-    EXPECT_EQ(part->calls.size(), 1);
-}
-
-namespace {
-
-/// Has something to do when it is mounted, as the locations of an application may.
-class CountingLocation : public SystemLocation {
-public:
-    using SystemLocation::SystemLocation;
-    int mount(Properties* given) override {
-        ++mounts;
-        return SystemLocation::mount(given);
-    }
-
-    int mounts = 0;
-};
-
-} // namespace
-
-TEST_F(SystemLocationTest, MkReadOnly_MountsAsTheLocationDoes) {
-    CountingLocation counting("card", fs, &props);
-    counting.addBlockDevice(part);
-    EXPECT_EQ(counting.mkReadOnly(), 0);
-    EXPECT_EQ(counting.mounts, 1);
-}
-
-TEST_F(SystemLocationTest, MkWriteable_LeavesTheStateAsItWas) {
-    insert();
-    EXPECT_EQ(location.mkReadOnly(), 0);
-    EXPECT_EQ(location.mkWriteable(), 0);
-    EXPECT_EQ(part->last,
-              (Properties{{"mountPoint", nowhere}, {"readonly", false}, {"remount", true}}));
-    expectState(StorageLocation::Read, true);
-    part->result = -1;
-    EXPECT_EQ(location.mkWriteable(), -1);
-    expectState(StorageLocation::Read, true);
-    part->result = 0;
-    EXPECT_EQ(location.mount(nullptr), 0);
-    const int calls = part->calls.size();
-    EXPECT_EQ(location.mkWriteable(), 0); // it is
-    EXPECT_EQ(part->calls.size(), calls);
-
-    EXPECT_EQ(location.mkReadOnly(), 0);
-    disk->m_writeProtected = true;
-    LogCapture log("stg=12");
-    EXPECT_EQ(location.mkWriteable(), -1);
-    EXPECT_EQ(liberrno, NotImplemented);
-    EXPECT_EQ(log.messages(),
-              QStringList("stg 9 card: is write protected; cannot make writable\n"));
-}
-
-TEST_F(SystemLocationTest, WriteProtection_OfTheDisk) {
-    EXPECT_FALSE(location.isWriteProtected());
-    disk->m_writeProtected = true;
-    location.addBlockDevice(disk);
-    EXPECT_FALSE(location.isWriteProtected()); // no partition yet
-    EXPECT_TRUE(location.m_writeProtected);
-    location.addBlockDevice(part);
-    EXPECT_TRUE(location.isWriteProtected());
-    location.removeBlockDevice(disk);
-    EXPECT_FALSE(location.isWriteProtected());
-    EXPECT_TRUE(location.m_writeProtected); // stays
-}
-
-TEST_F(SystemLocationTest, Disable_NotWhileMounted) {
-    EXPECT_EQ(location.enable(), 0);
-    EXPECT_TRUE(location.m_enabled);
-    insert();
-    EXPECT_EQ(location.disable(), 0);
-    EXPECT_FALSE(location.m_enabled);
-    EXPECT_EQ(location.enable(), 0);
-    for (Properties* how : {static_cast<Properties*>(nullptr), &readonlyFalse}) {
-        EXPECT_EQ(location.mount(how), 0);
-        LogCapture log("stg=12");
-        liberrno = Ok;
-        EXPECT_EQ(location.disable(), -1);
-        EXPECT_EQ(liberrno, Ok);
-        EXPECT_EQ(log.messages(), QStringList("stg 9 card: disable of mounted media fails\n"));
-        EXPECT_TRUE(location.m_enabled);
-    }
-}
-
-TEST_F(SystemLocationTest, FixFSType_OfAnUnknownPartition) {
-    EXPECT_FALSE(location.fixFSType());
-    location.addBlockDevice(disk);
-    EXPECT_FALSE(location.fixFSType());
-    location.addBlockDevice(part);
-    EXPECT_TRUE(location.fixFSType());
-    EXPECT_EQ(part->m_fsType, "vfat");
-    part->m_fsType.clear();
-    EXPECT_TRUE(location.fixFSType());
-    EXPECT_EQ(part->m_fsType, "exfat");
-}
-
-TEST_F(SystemLocationTest, SlotsByName_AndIdWithoutProperties) {
-    EXPECT_TRUE(QMetaObject::invokeMethod(&location, "addBlockDevice",
-                                          Q_ARG(BlockDevice::SPtr, BlockDevice::SPtr(disk))));
-    EXPECT_EQ(location.m_blkDevWhole, disk);
-    EXPECT_TRUE(QMetaObject::invokeMethod(&location, "removeBlockDevice",
-                                          Q_ARG(BlockDevice::SPtr, BlockDevice::SPtr(disk))));
-    EXPECT_TRUE(location.m_blkDevWhole.isNull());
-    SystemLocation nameless("card", fs, nullptr);
-    EXPECT_TRUE(nameless.matchesId(""));
-    EXPECT_NE(QMetaType::type("BlockDevice::SPtr"), QMetaType::UnknownType);
-}
-
-// --- Shares -------------------------------------------------------------------------------------
-
-namespace {
-
-class RemoteLocationTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        unsetenv("SERIAL_NUMBER");
-        liberrno = Ok;
-    }
-
-    const QSharedPointer<ScriptedSmb> smb = QSharedPointer<ScriptedSmb>::create(1);
-    const QSharedPointer<ScriptedNfs> nfs = QSharedPointer<ScriptedNfs>::create(nowhere);
-    Properties props = {{"server", "first"}};
-    RemoteLocation location{"share", smb, &props};
-};
-
-} // namespace
-
-TEST_F(RemoteLocationTest, MountAndUmount_ConnectAndDisconnect) {
-    EXPECT_EQ(location.mount(nullptr), 0);
-    EXPECT_EQ(smb->calls, QStringList("connect first"));
-    EXPECT_EQ(location.access(), StorageLocation::Write);
-    Properties second = {{"server", "second"}};
-    EXPECT_EQ(location.mount(&second), 0);
-    EXPECT_EQ(smb->calls.last(), "connect second");
-
-    smb->disconnectResult = -1;
-    EXPECT_EQ(location.umount(nullptr), -1);
-    EXPECT_EQ(location.access(), StorageLocation::Write);
-    smb->disconnectResult = 0;
-    EXPECT_EQ(location.umount(nullptr), 0);
-    EXPECT_EQ(location.access(), StorageLocation::None);
-
-    smb->result = -1;
-    location.accessChange(StorageLocation::Write);
-    EXPECT_EQ(location.mount(nullptr), -1);
-    EXPECT_EQ(location.access(), StorageLocation::None);
-    smb->result = 0;
-    location.setProperties(second);
-    second["server"] = "third";
-    EXPECT_EQ(location.mount(nullptr), 0);
-    EXPECT_EQ(smb->calls.last(), "connect second");
-}
-
-TEST_F(RemoteLocationTest, Nfs_Likewise) {
-    RemoteLocation export_("export", nfs, &props);
-    EXPECT_FALSE(export_.ping());
-    EXPECT_EQ(export_.mount(nullptr), 0);
-    EXPECT_TRUE(export_.ping());
-    EXPECT_EQ(export_.umount(nullptr), 0);
-    nfs->result = 32;
-    EXPECT_EQ(export_.mount(nullptr), 32);
-    EXPECT_EQ(export_.access(), StorageLocation::None);
-    EXPECT_EQ(nfs->calls, (QStringList{"isConnected", "connect first", "isConnected", "disconnect",
-                                       "connect first"}));
-}
-
-TEST_F(RemoteLocationTest, OtherFileSystems_HaveNoConnection) {
-    RemoteLocation local("local", FS::SPtr(new MemFS), &props);
-    EXPECT_EQ(local.mount(nullptr), -1);
-    EXPECT_EQ(local.umount(nullptr), 0);
-    EXPECT_TRUE(local.ping());
-    bool writable = false;
-    EXPECT_EQ(local.probe(&writable, nullptr, false), -1);
-    EXPECT_FALSE(writable);
-    EXPECT_EQ(local.probe(&writable, nullptr, true), 0);
-    EXPECT_TRUE(writable);
-    RemoteLocation none("none", {}, nullptr);
-    writable = false;
-    EXPECT_EQ(none.probe(&writable, nullptr, true), 0);
-    EXPECT_FALSE(writable);
-    EXPECT_EQ(none.mount(nullptr), -1);
-    EXPECT_TRUE(none.ping());
-}
-
-TEST_F(RemoteLocationTest, Probe_MarkerIsMadeAndRemoved) {
-    bool writable = false;
-    EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
-    EXPECT_TRUE(writable);
-    const QString marker = "ORU-write-check-unknown";
-    EXPECT_EQ(smb->calls, (QStringList{"isConnected", "connect first", "unlink " + marker,
-                                       "open " + marker + " 66 666", "unlink " + marker}));
-    struct stat st;
-    EXPECT_EQ(smb->files.stat(marker, st), -1);
-    EXPECT_EQ(location.access(), StorageLocation::None);
-
-    // Connected already; in a directory, with a serial number.
-    setenv("SERIAL_NUMBER", "123", 1);
-    smb->files.mkdir("media", 0755);
-    smb->calls.clear();
-    QString directory = "media";
-    EXPECT_EQ(location.probe(&writable, &directory, false), 0);
-    EXPECT_TRUE(writable);
-    EXPECT_EQ(smb->calls.value(2), "open media/ORU-write-check-123 66 666");
-
-    smb->isReadOnly = true;
-    EXPECT_EQ(location.probe(&writable, nullptr, false), 0);
-    EXPECT_FALSE(writable);
-}
-
-TEST_F(RemoteLocationTest, ProbeOfNothing_DoesNothing) {
-    EXPECT_EQ(location.probe(nullptr, nullptr, true), 0);
-    EXPECT_TRUE(smb->calls.isEmpty());
-}
-
-TEST_F(RemoteLocationTest, ProbeUnreachable_LeavesTheAnswerAlone) {
-    smb->result = -1;
-    bool writable = true;
-    EXPECT_EQ(location.probe(&writable, nullptr, false), -1);
-    EXPECT_TRUE(writable);
-    EXPECT_EQ(smb->calls, (QStringList{"isConnected", "connect first", "disconnect"}));
-    // What lies beneath an export that is not mounted is not the share.
-    RemoteLocation export_("export", nfs, &props);
-    nfs->result = 32;
-    EXPECT_EQ(export_.probe(&writable, nullptr, false), 32);
-    EXPECT_TRUE(writable);
-    EXPECT_EQ(nfs->calls.last(), "disconnect");
-    nfs->result = 0;
-    EXPECT_EQ(export_.probe(&writable, nullptr, false), 0);
-    EXPECT_EQ(nfs->calls.last(), "unlink /ORU-write-check-unknown"); // within the mount point
-}
-
-TEST_F(RemoteLocationTest, TheRest_AsTheBaseOrNothingToDo) {
-    EXPECT_EQ(location.check(), 1);
-    EXPECT_EQ(location.mkReadOnly(), -1);
-    EXPECT_EQ(liberrno, NotImplemented);
-    EXPECT_EQ(location.mkWriteable(), -1);
-    EXPECT_FALSE(location.isWriteProtected());
-    EXPECT_EQ(location.enable(), 0);
-    EXPECT_EQ(location.disable(), 0);
-    EXPECT_EQ(location.mount(nullptr), 0);
-    LogCapture log("stg=12");
-    EXPECT_EQ(location.disable(), -1);
-    EXPECT_EQ(log.messages(), QStringList("stg 9 share: disable of mounted media fails\n"));
-    EXPECT_STREQ(location.name(), "share");
-}
-
 } // namespace oru::io

@@ -1,5 +1,5 @@
-// Block devices as udev's properties describe them, without their nodes; and mounting them, with
-// memory file systems in their place, which takes no privilege.
+// LinuxBD without a device node: fields from udev's properties, write protection, and mounts of
+// tmpfs.
 
 #include "support/suite/logcapture.h"
 #include "support/suite/qtprint.h"
@@ -47,7 +47,7 @@ LinuxBD deviceOf(Properties props) {
 
 // --- names --------------------------------------------------------------------------------------
 
-TEST(BlockDeviceNames, Keys_AreUdevs) {
+TEST(BlockDeviceNames, Keys_EqualUdevProperties) {
     EXPECT_EQ(QString(UDEV_ID_PATH), "ID_PATH");
     EXPECT_EQ(QString(UDEV_DEVTYPE), "DEVTYPE");
     EXPECT_EQ(QString(UDEV_DEVNAME), "DEVNAME");
@@ -134,7 +134,7 @@ TEST(LinuxBDConstruction, MissingKey_EmptiesOnlyItsField) {
     }
 }
 
-TEST(LinuxBDConstruction, NoProperties_EverythingIsEmpty) {
+TEST(LinuxBDConstruction, NoProperties_AllFieldsEmpty) {
     LinuxBD device = deviceOf({});
     EXPECT_EQ(device.m_idPath, "");
     EXPECT_EQ(device.m_partNum, 0U);
@@ -151,8 +151,8 @@ TEST(LinuxBDConstruction, NoProperties_EverythingIsEmpty) {
     EXPECT_EQ(device.capacity(), 0U);
 }
 
-TEST(LinuxBDConstruction, DiskThatCannotBeOpened_HasNoLength) {
-    // Those of a partition, which is the content of another partition's table, are not the disk's.
+TEST(LinuxBDConstruction, DiskNodeMissing_NoLength) {
+    // The ID_PART_ENTRY_ properties are ignored for a disk.
     const LinuxBD device = deviceOf({{"DEVNAME", noNode},
                                      {"DEVTYPE", "disk"},
                                      {"ID_PART_ENTRY_OFFSET", "2048"},
@@ -163,7 +163,7 @@ TEST(LinuxBDConstruction, DiskThatCannotBeOpened_HasNoLength) {
     EXPECT_EQ(device.m_blkSize, 512U);
 }
 
-TEST(LinuxBDConstruction, AnyTypeButDisk_IsAPartition) {
+TEST(LinuxBDConstruction, TypeOtherThanDisk_TreatedAsPartition) {
     for (const char* type : {"partition", "Disk", "disks", ""}) {
         Properties props = partitionProps;
         props["DEVTYPE"] = type;
@@ -173,7 +173,7 @@ TEST(LinuxBDConstruction, AnyTypeButDisk_IsAPartition) {
     EXPECT_EQ(deviceOf(without("DEVTYPE")).m_totalBlocks, 15521792U);
 }
 
-TEST(LinuxBDConstruction, NodeThatIsNoDevice_BlocksOf512AndNoLength) {
+TEST(LinuxBDConstruction, NodeNotADevice_512ByteBlocksAndNoLength) {
     const TempDir directory;
     QFile file(directory / "file");
     ASSERT_TRUE(file.open(QFile::WriteOnly));
@@ -183,7 +183,7 @@ TEST(LinuxBDConstruction, NodeThatIsNoDevice_BlocksOf512AndNoLength) {
     EXPECT_EQ(device.m_totalBlocks, 0U);
 }
 
-TEST(LinuxBDConstruction, Numbers_HaveTheirFieldsRange) {
+TEST(LinuxBDConstruction, LargestNumbers_FitTheirFields) {
     LinuxBD device = deviceOf({{"ID_PART_ENTRY_OFFSET", "18446744073709551615"},
                                {"ID_PART_ENTRY_SIZE", "34359738368"},
                                {"PARTN", "4294967295"},
@@ -197,7 +197,7 @@ TEST(LinuxBDConstruction, Numbers_HaveTheirFieldsRange) {
     EXPECT_EQ(device.capacity(), 140737488355328U);
 }
 
-TEST(LinuxBDConstruction, NoNumbers_Are0) {
+TEST(LinuxBDConstruction, InvalidNumbers_Zero) {
     const LinuxBD device = deviceOf({{"ID_PART_ENTRY_OFFSET", "many"},
                                      {"ID_PART_ENTRY_SIZE", ""},
                                      {"PARTN", "one"},
@@ -208,7 +208,7 @@ TEST(LinuxBDConstruction, NoNumbers_Are0) {
     EXPECT_EQ(device.m_seqNum, 0);
 }
 
-TEST(LinuxBDConstruction, Node_IsLogged) {
+TEST(LinuxBDConstruction, Node_Logged) {
     LogCapture log("libio=12");
     deviceOf(partitionProps);
     EXPECT_EQ(log.messages(), QStringList({"libio 12 Dev path: /dev/oruio-no-such-disk"}));
@@ -216,7 +216,7 @@ TEST(LinuxBDConstruction, Node_IsLogged) {
     EXPECT_EQ(log.messages(), QStringList({"libio 12 Dev path: "}));
 }
 
-TEST(LinuxBDConstruction, Props_AreACopy) {
+TEST(LinuxBDConstruction, Props_ReturnsCopy) {
     LinuxBD device = deviceOf(partitionProps);
     Properties copy = device.props();
     EXPECT_EQ(copy, device.m_props);
@@ -224,13 +224,13 @@ TEST(LinuxBDConstruction, Props_AreACopy) {
     EXPECT_EQ(device.m_props, partitionProps);
 }
 
-TEST(LinuxBDConstruction, Mountable_WithAFileSystem) {
+TEST(LinuxBDConstruction, IsMountable_TrueWithFileSystem) {
     EXPECT_TRUE(deviceOf({{"ID_FS_TYPE", "ext4"}}).isMountable());
     EXPECT_FALSE(deviceOf({{"ID_FS_TYPE", ""}}).isMountable());
     EXPECT_FALSE(deviceOf({{"DEVTYPE", "disk"}, {"ID_PART_TABLE_TYPE", "gpt"}}).isMountable());
 }
 
-TEST(LinuxBDConstruction, SharedPointer_DestroysTheWhole) {
+TEST(LinuxBDConstruction, SharedPointer_DestroysDerivedObject) {
     struct Watched : LinuxBD {
         Watched(Properties& props, bool& flag) : LinuxBD(props), isGone(flag) {}
         ~Watched() override {
@@ -248,7 +248,7 @@ TEST(LinuxBDConstruction, SharedPointer_DestroysTheWhole) {
 
 // --- write protection ---------------------------------------------------------------------------
 
-/// A card whose directory in /sys is one of the test's own.
+/// Has a directory that stands in for the card's directory in /sys.
 class WriteProtection : public ::testing::Test {
 protected:
     explicit WriteProtection(const char* name = "mmcblk7") : card(directory / name) {
@@ -261,7 +261,7 @@ protected:
     QString devPath() const {
         return "/.." + card;
     }
-    /// The path of the probe, out of /sys again.
+    /// The path of the file "ro" that the library builds from devPath().
     QString probePath() const {
         return "/sys/.." + card + "/ro";
     }
@@ -270,7 +270,7 @@ protected:
         ASSERT_TRUE(file.open(QFile::WriteOnly));
         ASSERT_EQ(file.write(state), state.size());
     }
-    /// What is logged beside the node.
+    /// The log messages without the one of the node.
     static QStringList messages(LogCapture& log) {
         QStringList all = log.messages();
         all.removeAll(QStringLiteral("libio 12 Dev path: %1").arg(noNode));
@@ -281,7 +281,7 @@ protected:
     const QString card;
 };
 
-TEST_F(WriteProtection, One_Protects) {
+TEST_F(WriteProtection, StateOne_Protected) {
     writeState("1\n");
     LogCapture log("libio=12");
     LinuxBD device = deviceOf(props());
@@ -294,7 +294,7 @@ TEST_F(WriteProtection, One_Protects) {
               QStringList({"libio 11 /dev/oruio-no-such-disk is write protected\n"}));
 }
 
-TEST_F(WriteProtection, OtherBytes_DoNot) {
+TEST_F(WriteProtection, OtherStates_NotProtected) {
     for (const char* state : {"0\n", "2", "\n", " 1", "y"}) {
         writeState(state);
         LogCapture log("libio=12");
@@ -307,14 +307,14 @@ TEST_F(WriteProtection, OtherBytes_DoNot) {
     }
 }
 
-TEST_F(WriteProtection, OnlyTheFirstByte_Counts) {
+TEST_F(WriteProtection, SeveralBytes_FirstDecides) {
     writeState("10");
     EXPECT_TRUE(deviceOf(props()).m_writeProtected);
     writeState("01");
     EXPECT_FALSE(deviceOf(props()).m_writeProtected);
 }
 
-TEST_F(WriteProtection, NothingToRead_IsUnknown) {
+TEST_F(WriteProtection, EmptyFile_PropertyMissing) {
     writeState("");
     LogCapture log("libio=12");
     LinuxBD device = deviceOf(props());
@@ -324,14 +324,14 @@ TEST_F(WriteProtection, NothingToRead_IsUnknown) {
     EXPECT_EQ(messages(log), QStringList());
 }
 
-TEST_F(WriteProtection, ReadFails_IsUnknown) {
+TEST_F(WriteProtection, ReadFails_PropertyMissing) {
     ASSERT_TRUE(QDir().mkpath(card + "/ro"));
     LinuxBD device = deviceOf(props());
     EXPECT_FALSE(device.m_writeProtected);
     EXPECT_FALSE(device.props().contains("WRITE_PROTECTED"));
 }
 
-TEST_F(WriteProtection, NoFile_DoesNotProtect) {
+TEST_F(WriteProtection, NoFile_NotProtected) {
     LogCapture log("libio=12");
     LinuxBD device = deviceOf(props());
     EXPECT_FALSE(device.m_writeProtected);
@@ -341,7 +341,7 @@ TEST_F(WriteProtection, NoFile_DoesNotProtect) {
               QStringList({"libio 11 Cannot access() /sys dev path: " + probePath() + "\n"}));
 }
 
-TEST_F(WriteProtection, DescriptorZero_CountsAsNone) {
+TEST_F(WriteProtection, DescriptorZero_NotProtected) {
     writeState("1");
     test::ChildProcess child([this] {
         close(STDIN_FILENO);
@@ -355,14 +355,14 @@ TEST_F(WriteProtection, DescriptorZero_CountsAsNone) {
     EXPECT_EQ(child.wait(), 0);
 }
 
-TEST_F(WriteProtection, CallersProperties_StayAsTheyAre) {
+TEST_F(WriteProtection, CallersProperties_Unchanged) {
     writeState("1");
     Properties original = props();
     const LinuxBD device(original);
     EXPECT_EQ(original, props());
 }
 
-TEST_F(WriteProtection, Partition_IsAskedToo) {
+TEST_F(WriteProtection, Partition_OwnStateRead) {
     const QString partition = card + "/mmcblk7p1";
     ASSERT_TRUE(QDir().mkpath(partition));
     QFile file(partition + "/ro");
@@ -373,7 +373,7 @@ TEST_F(WriteProtection, Partition_IsAskedToo) {
     EXPECT_TRUE(device.m_writeProtected);
 }
 
-TEST_F(WriteProtection, Descriptor_IsClosed) {
+TEST_F(WriteProtection, Descriptor_Closed) {
     writeState("1");
     const auto count = [] { return QDir("/proc/self/fd").entryList(QDir::AllEntries).size(); };
     const int before = count();
@@ -386,7 +386,7 @@ protected:
     NoCard() : WriteProtection(GetParam()) {}
 };
 
-TEST_P(NoCard, ProtectedOrNot_IsNotAsked) {
+TEST_P(NoCard, OtherName_StateNotRead) {
     writeState("1");
     LogCapture log("libio=12");
     LinuxBD device = deviceOf(props());
@@ -398,14 +398,14 @@ TEST_P(NoCard, ProtectedOrNot_IsNotAsked) {
 
 INSTANTIATE_TEST_SUITE_P(Names, NoCard, ::testing::Values("sda", "MMCBLK0", "mmcBlk0", "mmc0"));
 
-TEST(WriteProtectionOfNames, OnlyThePathInSys_IsLookedAt) {
+TEST(WriteProtectionOfNames, CardNameOnlyInNode_StateNotRead) {
     const LinuxBD device =
         deviceOf({{"DEVNAME", "/dev/mmcblk0"}, {"DEVPATH", "/devices/sda"}, {"DEVTYPE", "disk"}});
     EXPECT_EQ(device.m_devPath, "/devices/sda");
     EXPECT_FALSE(device.m_props.contains("WRITE_PROTECTED"));
 }
 
-// --- mount and umount, of memory file systems in the disk's name --------------------------------
+// --- mount and umount of tmpfs with the name of the disk ----------------------------------------
 
 class LinuxBDInMemory : public test::Isolated {
 protected:
@@ -418,7 +418,7 @@ protected:
             umount2(qPrintable(mounted), MNT_DETACH);
     }
 
-    /// The directories that a device is mounted on.
+    /// The mount points of a device.
     static QStringList mounts(const char* node = noNode) {
         return test::directoriesOf(node);
     }
@@ -429,7 +429,7 @@ protected:
     LinuxBD disk = deviceOf({{"DEVNAME", noNode}, {"ID_FS_TYPE", "tmpfs"}});
 };
 
-TEST_F(LinuxBDInMemory, Mount_WithoutProgramsAndAccessTimes) {
+TEST_F(LinuxBDInMemory, Mount_Flags_NoexecNoatime) {
     EXPECT_EQ(disk.mount(point, nullptr), 0);
     EXPECT_EQ(liberrno, Ok);
     EXPECT_EQ(mounts(), QStringList({point}));
@@ -440,7 +440,7 @@ TEST_F(LinuxBDInMemory, Mount_WithoutProgramsAndAccessTimes) {
     EXPECT_FALSE(st.f_flag & ST_RDONLY);
 }
 
-TEST_F(LinuxBDInMemory, Remount_ReadOnlyAndBack) {
+TEST_F(LinuxBDInMemory, Remount_ReadOnlyAndBack_FlagChanges) {
     EXPECT_EQ(disk.mount(point, nullptr), 0);
     const Properties toReadOnly{{"readonly", true}, {"remount", true}};
     EXPECT_EQ(disk.mount(point, &toReadOnly), 0);
@@ -454,7 +454,7 @@ TEST_F(LinuxBDInMemory, Remount_ReadOnlyAndBack) {
     EXPECT_FALSE(st.f_flag & ST_RDONLY);
 }
 
-TEST_F(LinuxBDInMemory, Mount_LogsNoFailure) {
+TEST_F(LinuxBDInMemory, Mount_Succeeds_LogsOnlyTheCall) {
     LogCapture log("libio=12");
     EXPECT_EQ(disk.mount(point, nullptr), 0);
     EXPECT_EQ(log.messages(), QStringList({QStringLiteral("libio 12 mount %1 %2 tmpfs flags "
@@ -462,7 +462,7 @@ TEST_F(LinuxBDInMemory, Mount_LogsNoFailure) {
                                                .arg(noNode, point)}));
 }
 
-TEST_F(LinuxBDInMemory, Umount_EverywhereInTheTablesOrder) {
+TEST_F(LinuxBDInMemory, Umount_TwoDirectories_InTableOrder) {
     ASSERT_EQ(disk.mount(second, nullptr), 0);
     ASSERT_EQ(disk.mount(point, nullptr), 0);
     ASSERT_EQ(mounts(), QStringList({second, point}));
@@ -471,14 +471,14 @@ TEST_F(LinuxBDInMemory, Umount_EverywhereInTheTablesOrder) {
     EXPECT_EQ(mounts(), QStringList());
     EXPECT_FALSE(disk.m_umountFailed);
     const QStringList own =
-        log.messages().filter("umount device"); // beside those of each unmounting
+        log.messages().filter("umount device"); // without the message of each umount
     EXPECT_EQ(
         own,
         QStringList({QStringLiteral("libio 12 umount device '%1' from '%2'").arg(noNode, second),
                      QStringLiteral("libio 12 umount device '%1' from '%2'").arg(noNode, point)}));
 }
 
-TEST_F(LinuxBDInMemory, Umount_OtherDevices_Stay) {
+TEST_F(LinuxBDInMemory, Umount_OtherDevice_StaysMounted) {
     LinuxBD longer = deviceOf({{"DEVNAME", "/dev/oruio-no-such-disk1"}, {"ID_FS_TYPE", "tmpfs"}});
     ASSERT_EQ(longer.mount(point, nullptr), 0);
     ASSERT_EQ(disk.mount(second, nullptr), 0);
@@ -489,7 +489,7 @@ TEST_F(LinuxBDInMemory, Umount_OtherDevices_Stay) {
     EXPECT_EQ(mounts("/dev/oruio-no-such-disk1"), QStringList());
 }
 
-TEST_F(LinuxBDInMemory, Umount_Busy_StopsThere) {
+TEST_F(LinuxBDInMemory, Umount_FirstBusy_SecondStaysMounted) {
     ASSERT_EQ(disk.mount(point, nullptr), 0);
     ASSERT_EQ(disk.mount(second, nullptr), 0);
     QFile user(point + "/file");
@@ -505,7 +505,7 @@ TEST_F(LinuxBDInMemory, Umount_Busy_StopsThere) {
     EXPECT_EQ(mounts(), QStringList());
 }
 
-TEST_F(LinuxBDInMemory, Umount_BusyBehindAnother_UnmountsThatFirst) {
+TEST_F(LinuxBDInMemory, Umount_SecondBusy_FirstUnmounted) {
     ASSERT_EQ(disk.mount(point, nullptr), 0);
     ASSERT_EQ(disk.mount(second, nullptr), 0);
     QFile user(second + "/file");
@@ -515,7 +515,7 @@ TEST_F(LinuxBDInMemory, Umount_BusyBehindAnother_UnmountsThatFirst) {
     EXPECT_EQ(mounts(), QStringList({second}));
 }
 
-TEST_F(LinuxBDInMemory, Umount_BusyButLazy_Detaches) {
+TEST_F(LinuxBDInMemory, Umount_BusyAndLazy_Detached) {
     ASSERT_EQ(disk.mount(point, nullptr), 0);
     QFile user(point + "/file");
     ASSERT_TRUE(user.open(QFile::WriteOnly));
@@ -525,7 +525,7 @@ TEST_F(LinuxBDInMemory, Umount_BusyButLazy_Detaches) {
     EXPECT_EQ(mounts(), QStringList());
 }
 
-TEST_F(LinuxBDInMemory, Umount_MountPointOfItsName_Matches) {
+TEST_F(LinuxBDInMemory, Umount_MountPointEqualsNode_Unmounted) {
     ASSERT_EQ(disk.mount(point, nullptr), 0);
     LinuxBD named = deviceOf({{"DEVNAME", point}});
     LogCapture log("libio=12");
@@ -539,7 +539,7 @@ TEST_F(LinuxBDInMemory, Umount_MountPointOfItsName_Matches) {
 
 template <class Base>
 struct Extended : Base {
-    virtual void behind();
+    virtual void next();
 };
 
 constexpr int destructor = 2;
@@ -552,8 +552,8 @@ TEST(Slots, BlockDevice_InOrder) {
     EXPECT_EQ(slotOf(&BlockDevice::fsck), slot++);
     EXPECT_EQ(slotOf(&BlockDevice::format), slot++);
     EXPECT_EQ(slotOf(&BlockDevice::props), slot++);
-    EXPECT_EQ(slotOf(&Extended<BlockDevice>::behind), slot + destructor);
-    EXPECT_EQ(slotOf(&Extended<LinuxBD>::behind), slot + destructor);
+    EXPECT_EQ(slotOf(&Extended<BlockDevice>::next), slot + destructor);
+    EXPECT_EQ(slotOf(&Extended<LinuxBD>::next), slot + destructor);
     EXPECT_TRUE(std::is_abstract_v<BlockDevice>);
 }
 

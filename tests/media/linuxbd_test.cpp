@@ -1,4 +1,4 @@
-// What a block device asks of the kernel and of the maintenance program, argument by argument.
+// LinuxBD: the arguments of mount(2) and of the maintenance program.
 #include <oruio/bdmon.h>
 #include <oruio/error.h>
 
@@ -30,7 +30,7 @@ struct MountCall {
     std::string directory;
     std::string type;
     unsigned long flags;
-    std::string data; ///< "null" for none
+    std::string data; ///< "null" for a null pointer
 
     bool operator==(const MountCall& other) const {
         return device == other.device && directory == other.directory && type == other.type &&
@@ -43,13 +43,13 @@ std::ostream& operator<<(std::ostream& out, const MountCall& call) {
                << call.flags << ' ' << call.data;
 }
 
-/// Of devices "/dev/test...", in place of the kernel.
+/// The intercepted calls of mount() for devices "/dev/test...".
 std::vector<MountCall> mountCalls;
 int mountError = 0;
 
 } // namespace
 
-// The program's own definition comes before that of the C library.
+// The definition in the program takes precedence over the one in the C library.
 extern "C" Q_DECL_EXPORT int mount(const char* device, const char* directory, const char* type,
                                    unsigned long flags, const void* data) noexcept {
     using Function = int(const char*, const char*, const char*, unsigned long, const void*);
@@ -90,7 +90,7 @@ constexpr unsigned long base = 0xc0ed0408;
 
 } // namespace
 
-TEST_F(LinuxBDMount, TypesAndData_AsTheKernelWantsThem) {
+TEST_F(LinuxBDMount, FileSystemType_SelectsDriverAndData) {
     const struct {
         const char* type;
         const char* driver;
@@ -113,7 +113,7 @@ TEST_F(LinuxBDMount, TypesAndData_AsTheKernelWantsThem) {
     }
 }
 
-TEST_F(LinuxBDMount, Flags_OfTrueProperties) {
+TEST_F(LinuxBDMount, TrueProperties_SetFlags) {
     const struct {
         Properties props;
         unsigned long flags;
@@ -139,7 +139,7 @@ TEST_F(LinuxBDMount, Flags_OfTrueProperties) {
     EXPECT_EQ(base | MS_REMOUNT, 0xc0ed0428UL);
 }
 
-TEST_F(LinuxBDMount, Refused_LoggedWithTheReason) {
+TEST_F(LinuxBDMount, MountFails_ErrnoLogged) {
     mountError = ENODEV;
     LogCapture log("libio=10");
     liberrno = NotFound;
@@ -151,7 +151,7 @@ TEST_F(LinuxBDMount, Refused_LoggedWithTheReason) {
                           " as ufsd failed: " + QString(std::strerror(ENODEV)) + '\n'});
 }
 
-TEST_F(LinuxBDMount, NoMountPoint_NoEntry) {
+TEST_F(LinuxBDMount, NoMountPoint_ENOENT) {
     QFile file(temp.path() + "/file");
     ASSERT_TRUE(file.open(QFile::WriteOnly));
     for (const QString& nowhere : {QString(), QString(""), temp.path() + "/file/below"}) {
@@ -164,7 +164,7 @@ TEST_F(LinuxBDMount, NoMountPoint_NoEntry) {
     EXPECT_TRUE(mountCalls.empty());
 }
 
-TEST_F(LinuxBDMount, TextsThatCannotCross_AreRefused) {
+TEST_F(LinuxBDMount, NodeOrTypeWithNul_EINVAL) {
     Properties props = {{"DEVNAME", QString::fromLatin1("/dev/test\0x", 11)},
                         {"ID_FS_TYPE", "ext4"}};
     EXPECT_EQ(LinuxBD(props).mount(path, nullptr), -1);
@@ -174,8 +174,8 @@ TEST_F(LinuxBDMount, TextsThatCannotCross_AreRefused) {
     EXPECT_TRUE(mountCalls.empty());
 }
 
-// Qt makes the directory, in the codec of the locale.
-TEST_F(LinuxBDMount, MountPointThatCannotCross_NoDirectoryIsMade) {
+// Qt creates the directory and encodes its name with the codec of the locale.
+TEST_F(LinuxBDMount, UnencodableMountPoint_NoDirectoryCreated) {
     const test::LocaleCodec latin("ISO-8859-1");
     const struct {
         QString name;
@@ -197,7 +197,7 @@ TEST_F(LinuxBDMount, MountPointThatCannotCross_NoDirectoryIsMade) {
     EXPECT_EQ(device("ext4").mount(path, nullptr), 0);
 }
 
-TEST_F(LinuxBDMount, MountPointOfAnyLetters_InTheLocalesCodec) {
+TEST_F(LinuxBDMount, NonAsciiMountPoint_EncodedInLocalesCodec) {
     const test::LocaleCodec utf8("UTF-8");
     const QString umlauts = temp.path() + QString::fromUtf8("/bä/録画");
     EXPECT_EQ(device("ext4").mount(umlauts, nullptr), 0);
@@ -212,7 +212,7 @@ class LinuxBDCommands : public test::WithMaintenanceProgram {
 protected:
     using Operation = int (BlockDevice::*)(const Properties*);
 
-    /// The arguments that the program gets for one operation.
+    /// The arguments of the program for one operation.
     QStringList argumentsOf(Operation operation, const Properties* props,
                             const QString& type = "vfat") {
         const MaintenanceProgram program;
@@ -224,7 +224,7 @@ protected:
         EXPECT_EQ(calls.size(), 1);
         return calls.value(0);
     }
-    /// How often the program runs for an operation that always fails, whose status is 9.
+    /// The number of runs for an operation when the program always exits with 9.
     int runsOf(Operation operation, const Properties* props) {
         const MaintenanceProgram program("exit 9");
         LinuxBD tested = device("vfat");
@@ -237,18 +237,18 @@ protected:
 
 } // namespace
 
-TEST_F(LinuxBDCommands, Fsck_Arguments) {
+TEST_F(LinuxBDCommands, Fsck_Properties_BecomeArguments) {
     const QStringList plain = {"fsck", "-t", "vfat", "/dev/test1"};
     EXPECT_EQ(argumentsOf(&BlockDevice::fsck, nullptr), plain);
     EXPECT_EQ(argumentsOf(&BlockDevice::fsck, &none), plain);
     const Properties props = {{"cmd_opts", "-a -w"}, {"retries", 1}, {"fs_type", "ext4"}};
     EXPECT_EQ(argumentsOf(&BlockDevice::fsck, &props), plain + QStringList{"-a -w"});
-    // Without a file system the option stands alone.
+    // Without a file system type, "-t" has no value.
     EXPECT_EQ(argumentsOf(&BlockDevice::fsck, nullptr, ""),
               (QStringList{"fsck", "-t", "/dev/test1"}));
 }
 
-TEST_F(LinuxBDCommands, Fsck_Retries) {
+TEST_F(LinuxBDCommands, Fsck_RetriesProperty_LimitsRuns) {
     EXPECT_EQ(FSCK_RETRIES, 3);
     EXPECT_EQ(runsOf(&BlockDevice::fsck, nullptr), 3);
     EXPECT_EQ(runsOf(&BlockDevice::fsck, &none), 3);
@@ -269,7 +269,7 @@ TEST_F(LinuxBDCommands, Fsck_Retries) {
     EXPECT_TRUE(program.calls().isEmpty());
 }
 
-TEST_F(LinuxBDCommands, Mkfs_Arguments) {
+TEST_F(LinuxBDCommands, Mkfs_Properties_BecomeArguments) {
     const QStringList plain = {"mkfs", "-t", "/dev/test1"};
     EXPECT_EQ(argumentsOf(&BlockDevice::mkfs, nullptr), plain);
     EXPECT_EQ(argumentsOf(&BlockDevice::mkfs, &none), plain);
@@ -279,17 +279,17 @@ TEST_F(LinuxBDCommands, Mkfs_Arguments) {
     EXPECT_EQ(runsOf(&BlockDevice::mkfs, nullptr), 1);
 }
 
-TEST_F(LinuxBDCommands, Format_Arguments) {
+TEST_F(LinuxBDCommands, Format_Properties_BecomeArguments) {
     const QStringList plain = {"format", "/dev/test1"};
     EXPECT_EQ(argumentsOf(&BlockDevice::format, nullptr), plain);
     EXPECT_EQ(argumentsOf(&BlockDevice::format, &none), plain);
-    const Properties kill = {{"kill", false}}; // that it is there counts
+    const Properties kill = {{"kill", false}}; // the value is ignored
     EXPECT_EQ(argumentsOf(&BlockDevice::format, &kill),
               (QStringList{"format", "-k", "/dev/test1"}));
     EXPECT_EQ(runsOf(&BlockDevice::format, &kill), 1);
 }
 
-TEST_F(LinuxBDCommands, Umount_NotMountedOrNoTable) {
+TEST_F(LinuxBDCommands, Umount_NotMountedThenNoTable_ZeroThenENOENT) {
     LinuxBD tested = device("vfat");
     EXPECT_FALSE(tested.m_umountFailed);
     liberrno = NotFound;

@@ -1,11 +1,10 @@
 #!/bin/bash
-# Runs the example media monitor the way its users do, with devices of umockdev's, and checks what
-# they get to see.
+# Runs the example media monitor with umockdev's devices and checks its output.
 #
 #   media_monitor_test.sh MEDIA_MONITOR
 #
-# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did. Ends with 77 without
-# umockdev.
+# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them failed. Exits with 77
+# (skipped) if umockdev-run is not installed.
 set -u
 
 if [ $# -ne 1 ]; then
@@ -23,7 +22,7 @@ fi
 # shellcheck source=tests/support/suite/cases.sh
 source "$(dirname "$0")/../support/suite/cases.sh"
 
-# A disk with one partition, and one that nobody plugs in.
+# Prints a USB disk with one partition, and a RAM disk.
 describe_devices() {
     cat <<'DEVICES'
 P: /devices/pci0000:00/usb1/block/sdx
@@ -63,7 +62,7 @@ devices_are_printed_until_a_signal() {
     describe_devices >"$work/devices"
     for signal in INT TERM; do
         : >"$work/out"
-        # What is put in the background has SIGINT ignored: it gets it back.
+        # The shell starts background commands with SIGINT ignored: env restores the default.
         # shellcheck disable=SC2016 # for the inner shell
         umockdev-run -d "$work/devices" -- \
             env --default-signal="$signal" sh -c 'echo $$ >"$1"; exec "$2" --quiet 0' sh \

@@ -1,3 +1,4 @@
+// SysCmd, umountPath() and the mount table.
 #include <oruio/error.h>
 #include <oruio/sysutils.h>
 
@@ -34,20 +35,20 @@
 
 namespace {
 
-/// What unmounting is to come to, in place of what the system would do.
-struct Refusal {
-    int error = 0; ///< of umount(2); 0: the system does it
-    int calls = 0; ///< of umount2(2)
-    int flags = -1;
-    int finalError = 0;      ///< of umount2(2); 0: the system does it
-    bool isGone = false;     ///< somebody else unmounts it before umount(2) gets to it
-    bool hidesTable = false; ///< umount2(2) leaves the kernel's table unreadable
-} refusal;
+/// Faults of umount(2) and umount2(2), and the calls of umount2(2).
+struct UmountFault {
+    int error = 0;           ///< errno of umount(2); 0: call the system
+    int calls = 0;           ///< number of calls of umount2(2)
+    int flags = -1;          ///< of the last call of umount2(2)
+    int finalError = 0;      ///< errno of umount2(2); 0: call the system
+    bool isGone = false;     ///< another process unmounts the path before umount2(2)
+    bool hidesTable = false; ///< /proc/mounts is unreadable after umount2(2)
+} umountFault;
 
-/// Whether programs do not come to their beginning, but have written something by then.
-bool neverStarts = false;
+/// execv() writes to standard output and never returns.
+bool execHangs = false;
 
-/// Whether the kernel is one before 5.11.
+/// close_range() fails with ENOSYS. CLOSE_RANGE_CLOEXEC needs Linux 5.11.
 bool hasNoCloseRange = false;
 
 template <class Function>
@@ -57,10 +58,10 @@ Function* next(const char* name) {
 
 } // namespace
 
-// The program's own definitions come before those of the C library.
+// The definitions in the program take precedence over those in the C library.
 
 extern "C" Q_DECL_EXPORT int execv(const char* path, char* const* arguments) noexcept {
-    while (neverStarts) {
+    while (execHangs) {
         [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, "x", 1);
         pause();
     }
@@ -83,24 +84,24 @@ extern "C" Q_DECL_EXPORT long syscall(long number, ...) noexcept {
 }
 
 extern "C" Q_DECL_EXPORT int umount(const char* path) noexcept {
-    if (refusal.error == 0)
+    if (umountFault.error == 0)
         return next<int(const char*)>("umount")(path);
-    errno = refusal.error;
+    errno = umountFault.error;
     return -1;
 }
 
 extern "C" Q_DECL_EXPORT int umount2(const char* path, int flags) noexcept {
-    ++refusal.calls;
-    refusal.flags = flags;
-    if (refusal.isGone) {
+    ++umountFault.calls;
+    umountFault.flags = flags;
+    if (umountFault.isGone) {
         next<int(const char*, int)>("umount2")(path, MNT_DETACH);
         errno = EINVAL;
         return -1;
     }
-    if (refusal.hidesTable)
+    if (umountFault.hidesTable)
         mount("tmpfs", "/proc", "tmpfs", 0, nullptr);
-    if (refusal.finalError != 0) {
-        errno = refusal.finalError;
+    if (umountFault.finalError != 0) {
+        errno = umountFault.finalError;
         return -1;
     }
     return next<int(const char*, int)>("umount2")(path, flags);
@@ -117,7 +118,7 @@ using SysCmdTest = test::WithMaintenanceProgram;
 
 } // namespace
 
-TEST_F(SysCmdTest, Arguments_ArriveAsTheyAre) {
+TEST_F(SysCmdTest, Arguments_PassedUnchanged) {
     const MaintenanceProgram program;
     ASSERT_EQ(program.problem(), "");
     SysCmd command("mkfs");
@@ -137,22 +138,22 @@ TEST_F(SysCmdTest, Arguments_ArriveAsTheyAre) {
     EXPECT_EQ(program.calls(), QList<QStringList>{expected});
 }
 
-TEST_F(SysCmdTest, ProgramThatDoesNotBegin_GivenUpAfterFiveSeconds) {
+TEST_F(SysCmdTest, ExecHangs_FailsAfterFiveSeconds) {
     const MaintenanceProgram program;
     LogCapture log("libio=9");
-    neverStarts = true;
+    execHangs = true;
     QElapsedTimer timer;
     timer.start();
     EXPECT_EQ(SysCmd("fsck").addArg("/dev/sda1").exec(3), -1);
-    neverStarts = false;
+    execHangs = false;
     EXPECT_GE(timer.elapsed(), 5000);
-    EXPECT_LT(timer.elapsed(), 10000); // there is no second run
+    EXPECT_LT(timer.elapsed(), 10000); // no second run
     EXPECT_EQ(log.messages(), QStringList{"libio 9 Unable to exec SysCmd fsck /dev/sda1\n"});
-    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "nothing of it is left";
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "the child has been reaped";
     EXPECT_EQ(errno, ECHILD);
 }
 
-TEST_F(SysCmdTest, NoRuns_NothingStarts) {
+TEST_F(SysCmdTest, ZeroOrNegativeRuns_StartsNothing) {
     const MaintenanceProgram program;
     for (const int runs : {0, -1}) {
         LogCapture log("libio=12");
@@ -173,7 +174,7 @@ TEST_F(SysCmdTest, Succeeds_OneRun) {
     EXPECT_EQ(program.calls().size(), 1);
 }
 
-TEST_F(SysCmdTest, FailsTwice_ThirdRunDecides) {
+TEST_F(SysCmdTest, FailsTwiceThenSucceeds_Zero) {
     const MaintenanceProgram program("echo \"out $run\"; echo \"err $run\" >&2; [ $run = 3 ]");
     LogCapture log("libio=12");
     EXPECT_EQ(SysCmd("fsck").addArg("vfat", "-t").exec(3), 0);
@@ -200,7 +201,7 @@ TEST_F(SysCmdTest, FailsAlways_LastStatus) {
     EXPECT_EQ(program.calls().size(), 3);
 }
 
-TEST_F(SysCmdTest, Crashes_StatusOfTheRunBefore) {
+TEST_F(SysCmdTest, Crashes_StatusOfPreviousRun) {
     {
         const MaintenanceProgram program("kill -9 $$");
         LogCapture log("libio=12");
@@ -221,7 +222,7 @@ TEST_F(SysCmdTest, Crashes_StatusOfTheRunBefore) {
     }
 }
 
-TEST_F(SysCmdTest, CannotBeStarted_NotTriedAgain) {
+TEST_F(SysCmdTest, CannotBeStarted_NotRetried) {
     const MaintenanceProgram program;
     ASSERT_EQ(program.problem(), "");
     const QStringList expected = {"libio 12 SysCmd: fsck", "libio 9 Unable to exec SysCmd fsck\n"};
@@ -240,8 +241,8 @@ TEST_F(SysCmdTest, CannotBeStarted_NotTriedAgain) {
     }
 }
 
-// More than any pipe holds, on both streams at once.
-TEST_F(SysCmdTest, MuchOutput_IsTakenAndItsBeginningLogged) {
+// Both streams get more than a pipe can hold.
+TEST_F(SysCmdTest, LargeOutput_ReadAndBeginningLogged) {
     const QByteArray flood = "head -c 3000000 /dev/zero | tr '\\0' o & "
                              "head -c 3000000 /dev/zero | tr '\\0' e >&2; wait; ";
     {
@@ -257,14 +258,14 @@ TEST_F(SysCmdTest, MuchOutput_IsTakenAndItsBeginningLogged) {
     EXPECT_TRUE(messages[3].startsWith("libio 10 stdout: oooooooooo")) << messages[3].toStdString();
 }
 
-TEST_F(SysCmdTest, ProgramThatAsks_GetsNoAnswer) {
+TEST_F(SysCmdTest, ProgramReadsInput_GetsEndOfFile) {
     const MaintenanceProgram program("read answer && exit 1; exit 5");
     EXPECT_EQ(SysCmd("fsck").exec(1), 5);
 }
 
-TEST_F(SysCmdTest, Descriptors_AreNotInherited) {
+TEST_F(SysCmdTest, Descriptors_NotInherited) {
     const TempDir temp;
-    // Behind those that the shell has for itself.
+    // Above the descriptors that the shell uses for itself.
     const int open = ::open(QFile::encodeName(temp / "film").constData(), O_RDWR | O_CREAT, 0644);
     const int inherited = fcntl(open, F_DUPFD, 100); // without FD_CLOEXEC
     ASSERT_GE(inherited, 100);
@@ -274,7 +275,7 @@ TEST_F(SysCmdTest, Descriptors_AreNotInherited) {
     for (const bool isOld : {false, true}) {
         hasNoCloseRange = isOld;
         EXPECT_EQ(SysCmd("fsck").addArg(QString::number(inherited)).exec(1), 0);
-        EXPECT_EQ(fcntl(inherited, F_GETFD), 0); // ours is as it was
+        EXPECT_EQ(fcntl(inherited, F_GETFD), 0); // unchanged in this process
         struct rlimit lowered = before;
         lowered.rlim_cur = 90;
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
@@ -286,19 +287,19 @@ TEST_F(SysCmdTest, Descriptors_AreNotInherited) {
     ::close(open);
 }
 
-TEST_F(SysCmdTest, BlockedSignals_AreNotInherited) {
+TEST_F(SysCmdTest, BlockedSignals_NotInherited) {
     sigset_t blocked;
     sigset_t before;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &blocked, &before);
     const MaintenanceProgram program("kill -TERM $$; exit 0");
-    EXPECT_EQ(SysCmd("fsck").exec(1), -1); // it died of it
+    EXPECT_EQ(SysCmd("fsck").exec(1), -1); // killed by SIGTERM
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// The kernel would tell nobody how it ends.
-TEST_F(SysCmdTest, ChildSignalIgnored_NothingIsStarted) {
+// With SIGCHLD ignored or SA_NOCLDWAIT, the kernel discards the exit status of children.
+TEST_F(SysCmdTest, SigchldIgnored_StartsNothing) {
     const MaintenanceProgram program("exit 3");
     struct sigaction before = {};
     for (const bool isIgnored : {true, false}) {
@@ -318,7 +319,7 @@ TEST_F(SysCmdTest, ChildSignalIgnored_NothingIsStarted) {
     EXPECT_EQ(SysCmd("fsck").exec(1), 3);
 }
 
-TEST_F(SysCmdTest, ArgumentThatCannotCross_NothingIsStarted) {
+TEST_F(SysCmdTest, UnencodableArgument_StartsNothing) {
     const MaintenanceProgram program;
     for (const QString& bad : {QString("/dev/sda") + QChar(0) + "x", QString(QChar(0xd800))}) {
         LogCapture log("libio=9");
@@ -328,8 +329,8 @@ TEST_F(SysCmdTest, ArgumentThatCannotCross_NothingIsStarted) {
     EXPECT_TRUE(program.calls().isEmpty());
 }
 
-// QProcess hands arguments on in the codec of the locale.
-TEST_F(SysCmdTest, ArgumentThatTheLocaleWouldChange_NothingIsStarted) {
+// QProcess encodes arguments with the codec of the locale.
+TEST_F(SysCmdTest, ArgumentNotInLocalesCodec_StartsNothing) {
     MaintenanceProgram program;
     const QString label = QString::fromUtf8("bä");
     {
@@ -347,13 +348,13 @@ TEST_F(SysCmdTest, ArgumentThatTheLocaleWouldChange_NothingIsStarted) {
     EXPECT_EQ(program.calls(), (QList<QStringList>{{"mkfs", label}}));
 }
 
-// Longer than what Qt waits for if not told otherwise.
-TEST_F(SysCmdTest, HalfAMinute_IsWaitedFor) {
+// Longer than the 30 seconds that Qt waits by default.
+TEST_F(SysCmdTest, RunOf31Seconds_WaitedFor) {
     const MaintenanceProgram program("sleep 31; exit 6");
     EXPECT_EQ(SysCmd("fsck").exec(1), 6);
 }
 
-TEST_F(SysCmdTest, GrandchildHoldsTheStreams_NotWaitedFor) {
+TEST_F(SysCmdTest, GrandchildHoldsStreams_NotWaitedFor) {
     const MaintenanceProgram program("sleep 60 & exit 4");
     QElapsedTimer timer;
     timer.start();
@@ -361,7 +362,7 @@ TEST_F(SysCmdTest, GrandchildHoldsTheStreams_NotWaitedFor) {
     EXPECT_LT(timer.elapsed(), 30'000);
 }
 
-TEST_F(SysCmdTest, SeveralThreads_EachItsOwn) {
+TEST_F(SysCmdTest, SeveralThreads_EachGetsOwnStatus) {
     const MaintenanceProgram program("exit \"$2\"");
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
@@ -376,7 +377,7 @@ TEST_F(SysCmdTest, SeveralThreads_EachItsOwn) {
 
 namespace {
 
-/// A directory to mount on, and what is mounted there.
+/// Has a mount point.
 class UmountPath : public test::Isolated {
 protected:
     void SetUp() override {
@@ -388,7 +389,7 @@ protected:
     void TearDown() override {
         while (umount2(QFile::encodeName(path).constData(), MNT_DETACH) == 0)
             continue;
-        refusal = {};
+        umountFault = {};
     }
 
     void mountHere(const char* device) const {
@@ -398,7 +399,7 @@ protected:
     int unmount(const Properties* props = nullptr) const {
         return umountPath(QFile::encodeName(path).constData(), props);
     }
-    /// How often something is mounted there.
+    /// The number of mounts on the mount point.
     int mounts() const {
         return test::devicesAt(path).size();
     }
@@ -418,7 +419,7 @@ TEST_F(UmountPath, NothingMounted_Zero) {
     EXPECT_TRUE(log.messages().isEmpty());
 }
 
-TEST_F(UmountPath, StackedMounts_AllGo) {
+TEST_F(UmountPath, StackedMounts_AllUnmounted) {
     mountHere("first");
     mountHere("second");
     EXPECT_EQ(mounts(), 2);
@@ -431,11 +432,12 @@ TEST_F(UmountPath, StackedMounts_AllGo) {
                                   "libio 12 umount '" + path + "' (first): 0",
                                   "libio 12 umount '" + path + "' (second): 0",
                               }));
-    EXPECT_EQ(refusal.calls, 0);
+    EXPECT_EQ(umountFault.calls, 0);
 }
 
-// The kernel gives its table out in pieces, and after an unmount goes on behind what it gave.
-TEST_F(UmountPath, StackAcrossPiecesOfTheTable_AllGo) {
+// A long table takes several reads. After an unmount, the next read continues after the lines
+// already read.
+TEST_F(UmountPath, StackAcrossTableReads_AllUnmounted) {
     for (int others = 0; others < 60; ++others) {
         const QByteArray other =
             QFile::encodeName(temp.path()) + "/another-mount-" + QByteArray::number(others);
@@ -451,7 +453,7 @@ TEST_F(UmountPath, StackAcrossPiecesOfTheTable_AllGo) {
                 MNT_DETACH);
 }
 
-TEST_F(UmountPath, OtherMounts_Stay) {
+TEST_F(UmountPath, OtherPaths_StayMounted) {
     mountHere("ours");
     const QByteArray part = QFile::encodeName(path).chopped(1);
     EXPECT_EQ(umountPath(part.constData(), nullptr), 0);
@@ -459,7 +461,7 @@ TEST_F(UmountPath, OtherMounts_Stay) {
     EXPECT_EQ(mounts(), 1);
 }
 
-TEST_F(UmountPath, Busy_StaysUnlessLazy) {
+TEST_F(UmountPath, Busy_EBUSYUnlessLazy) {
     mountHere("busy");
     QFile inUse(path + "/file");
     ASSERT_TRUE(inUse.open(QFile::ReadWrite));
@@ -477,7 +479,7 @@ TEST_F(UmountPath, Busy_StaysUnlessLazy) {
     EXPECT_EQ(inUse.write("still there"), 11);
 }
 
-TEST_F(UmountPath, RefusedOnce_FlagsOfTheSecondAttempt) {
+TEST_F(UmountPath, FirstAttemptFails_SecondAttemptHasFlags) {
     const Properties none;
     const struct {
         int error;
@@ -492,61 +494,61 @@ TEST_F(UmountPath, RefusedOnce_FlagsOfTheSecondAttempt) {
     };
     for (const auto& tested : cases) {
         mountHere("some");
-        refusal = {};
-        refusal.error = tested.error;
+        umountFault = {};
+        umountFault.error = tested.error;
         EXPECT_EQ(unmount(tested.props), 0);
-        EXPECT_EQ(refusal.calls, 1);
-        EXPECT_EQ(refusal.flags, tested.flags);
+        EXPECT_EQ(umountFault.calls, 1);
+        EXPECT_EQ(umountFault.flags, tested.flags);
         EXPECT_EQ(mounts(), 0);
     }
 }
 
-// The table is a moment old when its lines are gone through.
-TEST_F(UmountPath, SomebodyElseWasFirst_IsNoFailure) {
+// Another process may unmount the path after the table was read.
+TEST_F(UmountPath, UnmountedByAnotherProcess_Zero) {
     mountHere("some");
-    refusal.error = EINVAL;
-    refusal.isGone = true;
+    umountFault.error = EINVAL;
+    umountFault.isGone = true;
     EXPECT_EQ(unmount(), 0);
     EXPECT_EQ(mounts(), 0);
 }
 
-TEST_F(UmountPath, NoMountForTheKernelButInItsTable_EINVAL) {
+TEST_F(UmountPath, EinvalButStillInTable_EINVAL) {
     mountHere("some");
-    refusal.error = EINVAL;
-    refusal.finalError = EINVAL;
+    umountFault.error = EINVAL;
+    umountFault.finalError = EINVAL;
     EXPECT_EQ(unmount(), -1);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(refusal.calls, 1);
+    EXPECT_EQ(umountFault.calls, 1);
     EXPECT_EQ(mounts(), 1);
 }
 
-TEST_F(UmountPath, TableGoneWhenLookedAtAgain_CountsAsMounted) {
+TEST_F(UmountPath, TableUnreadableAfterEinval_EINVAL) {
     mountHere("some");
-    refusal.error = EINVAL;
-    refusal.finalError = EINVAL;
-    refusal.hidesTable = true;
+    umountFault.error = EINVAL;
+    umountFault.finalError = EINVAL;
+    umountFault.hidesTable = true;
     const int result = unmount();
     const int error = errno;
-    refusal = {};
+    umountFault = {};
     ASSERT_EQ(umount2("/proc", MNT_DETACH), 0);
     EXPECT_EQ(result, -1);
     EXPECT_EQ(error, EINVAL);
     EXPECT_EQ(mounts(), 1);
 }
 
-TEST_F(UmountPath, OneOfSeveralRefused_EndsThere) {
+TEST_F(UmountPath, OneOfSeveralFails_OthersStayMounted) {
     mountHere("first");
     mountHere("second");
-    refusal.error = EBUSY;
-    refusal.finalError = EPERM;
+    umountFault.error = EBUSY;
+    umountFault.finalError = EPERM;
     EXPECT_EQ(unmount(&lazy), -1);
     EXPECT_EQ(errno, EPERM); // of the second attempt
-    EXPECT_EQ(refusal.calls, 1);
+    EXPECT_EQ(umountFault.calls, 1);
     EXPECT_EQ(mounts(), 2);
 }
 
-// The kernel writes blanks as \040.
-TEST_F(UmountPath, PathWithBlank_IsNotFound) {
+// The kernel's table contains "\040" for a blank.
+TEST_F(UmountPath, PathWithBlank_NotFound) {
     const QByteArray blank = QFile::encodeName(path) + "/with blank";
     ASSERT_EQ(mkdir(blank.constData(), 0755), 0);
     ASSERT_EQ(mount("tmpfs", blank.constData(), "tmpfs", 0, nullptr), 0);
@@ -554,10 +556,10 @@ TEST_F(UmountPath, PathWithBlank_IsNotFound) {
     const QByteArray escaped = QFile::encodeName(path) + "/with\\040blank";
     EXPECT_EQ(umountPath(escaped.constData(), nullptr), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(umount(blank.constData()), 0); // so it was mounted
+    EXPECT_EQ(umount(blank.constData()), 0); // it was still mounted
 }
 
-TEST_F(UmountPath, NoTable_WhyIsTold) {
+TEST_F(UmountPath, NoTable_ENOENT) {
     mountHere("some");
     ASSERT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
     errno = 0;
@@ -569,14 +571,14 @@ TEST_F(UmountPath, NoTable_WhyIsTold) {
     EXPECT_EQ(mounts(), 1);
 }
 
-TEST_F(UmountPath, NullPath_BadAddress) {
+TEST_F(UmountPath, NullPath_EFAULT) {
     EXPECT_EQ(umountPath(nullptr, nullptr), -1);
     EXPECT_EQ(errno, EFAULT);
 }
 
 namespace {
 
-/// The mounts that a table with this content has, as "device mountPoint".
+/// "DEVICE MOUNTPOINT" for each line of a table with this content.
 std::vector<std::string> mountsOf(const QByteArray& content) {
     const TempDir temp;
     const QString path = temp.path() + "/table";
@@ -595,11 +597,11 @@ std::vector<std::string> mountsOf(const QByteArray& content) {
 
 } // namespace
 
-TEST(MountTable, Lines_FirstTwoWords) {
+TEST(MountTable, Lines_DeviceAndMountPoint) {
     using Mounts = std::vector<std::string>;
     EXPECT_EQ(mountsOf("/dev/a /a ext4 rw 0 0\n/dev/b /b vfat ro 0 0\n"),
               (Mounts{"/dev/a /a", "/dev/b /b"}));
-    EXPECT_EQ(mountsOf("/dev/a /a ext4"), Mounts{"/dev/a /a"}); // no end of line
+    EXPECT_EQ(mountsOf("/dev/a /a ext4"), Mounts{"/dev/a /a"}); // without a newline
     EXPECT_EQ(mountsOf("/dev/a /a"), Mounts{"/dev/a /a"});
     EXPECT_EQ(mountsOf("/dev/a /a\n"), Mounts{"/dev/a /a"});
     EXPECT_EQ(mountsOf("  /dev/a   /a\\040b  x\n"), Mounts{"/dev/a /a\\040b"});
@@ -608,13 +610,13 @@ TEST(MountTable, Lines_FirstTwoWords) {
     EXPECT_EQ(mountsOf(""), Mounts{});
 }
 
-TEST(MountTable, LongLines_Whole) {
+TEST(MountTable, LongLines_ReadWhole) {
     const QByteArray name(300'000, 'n');
     EXPECT_EQ(mountsOf(name + " /a x\n/dev/b " + name).size(), 2U);
     EXPECT_EQ(mountsOf("/dev/b /" + name)[0], "/dev/b /" + name.toStdString());
 }
 
-TEST(MountTable, NoFile_WhyIsTold) {
+TEST(MountTable, NoFile_ENOENT) {
     MountTable table("/no/such/table");
     EXPECT_FALSE(table.isRead());
     EXPECT_EQ(errno, ENOENT);
@@ -624,8 +626,8 @@ TEST(MountTable, NoFile_WhyIsTold) {
 } // namespace oru::io
 
 #if defined(__SANITIZE_THREAD__)
-// Qt is not instrumented: how the number of a closed descriptor gets from one thread to another is
-// not seen.
+// Qt is not instrumented: the sanitizer does not see how a closed descriptor's number is passed to
+// another thread that reuses it.
 extern "C" Q_DECL_EXPORT const char* __tsan_default_suppressions() {
     return "race:libQt5Core.so\n";
 }

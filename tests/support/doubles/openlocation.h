@@ -1,4 +1,4 @@
-// A location of local media whose state a test can look at.
+// A location of local media that gives tests access to its protected members.
 #pragma once
 
 #include <oruio/fsswitch.h>
@@ -19,18 +19,18 @@ inline void PrintTo(StorageLocation::AccessType access, std::ostream* out) {
 
 namespace oru::io::test {
 
-/// A root switch of the test's own, for as long as it lives.
-class OwnSwitch {
+/// Replaces the root switch with a new one while it lives.
+class FreshRootSwitch {
 public:
-    OwnSwitch() {
+    FreshRootSwitch() {
         useNewSwitch();
     }
-    ~OwnSwitch() {
+    ~FreshRootSwitch() {
         useNewSwitch();
     }
 
 private:
-    Q_DISABLE_COPY(OwnSwitch)
+    Q_DISABLE_COPY(FreshRootSwitch)
 
     static void useNewSwitch() {
         QSharedPointer<FSSwitch> none;
@@ -38,10 +38,10 @@ private:
     }
 };
 
-/// What is known of a location, each fact by its name.
-using Facts = QMap<QString, QString>;
+/// The fields of a location: values by name.
+using LocationState = QMap<QString, QString>;
 
-/// Opens up what a location keeps for itself.
+/// A SystemLocation with public fields.
 class OpenLocation : public SystemLocation {
 public:
     using StorageLocation::m_enabled;
@@ -54,8 +54,8 @@ public:
     using SystemLocation::m_mountOk;
     using SystemLocation::SystemLocation;
 
-    /// All of it; devices by their nodes, "-" for none.
-    Facts facts() {
+    /// All fields. Devices are given by their nodes, "-" for none.
+    LocationState state() {
         const auto yesOrNo = [](bool is) { return QString(is ? "yes" : "no"); };
         const auto node = [](const BlockDevice::SPtr& device) {
             return device ? device->m_devName : QString("-");
@@ -68,12 +68,12 @@ public:
     }
 };
 
-/// "access=Write disk=sda ..."
-inline QString factsText(const Facts& facts) {
-    QString text;
-    for (auto it = facts.begin(); it != facts.end(); ++it)
-        text += (text.isEmpty() ? "" : " ") + it.key() + '=' + it.value();
-    return text;
+/// \returns "access=Write disk=sda ...".
+inline QString stateString(const LocationState& state) {
+    QString fields;
+    for (auto it = state.begin(); it != state.end(); ++it)
+        fields += (fields.isEmpty() ? "" : " ") + it.key() + '=' + it.value();
+    return fields;
 }
 
 } // namespace oru::io::test

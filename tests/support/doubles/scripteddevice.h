@@ -1,4 +1,4 @@
-// A block device of the test's own, which needs no hardware.
+// A block device that records its calls and returns scripted results; it needs no hardware.
 #pragma once
 
 #include <oruio/bdmon.h>
@@ -9,7 +9,7 @@
 
 namespace oru::io::test {
 
-/// Does what it is told, and remembers what it was asked.
+/// Records each call and returns `result`.
 class ScriptedDevice : public BlockDevice {
 public:
     int mount(QString mountPoint, const Properties* props) override {
@@ -32,9 +32,9 @@ public:
     }
 
     int result = 0;
-    ErrorCode reason = Ok; ///< what it leaves in liberrno
+    ErrorCode reason = Ok; ///< stored in liberrno by each call
     QStringList calls;
-    Properties last; ///< what the last call was given
+    Properties last; ///< properties of the last call
 
 private:
     int note(const QString& call, const Properties* given) {
@@ -59,20 +59,21 @@ inline Device makeDevice(const QString& idPath, quint32 number, quint64 blocks,
     return device;
 }
 
-/// One call as a text: of which device, and with which properties.
-inline QString callText(const QString& device, const QString& call, const Properties& props) {
-    QString text = device + ' ' + call;
+/// One call as a string: device, call and properties.
+inline QString callString(const QString& device, const QString& call, const Properties& props) {
+    QString line = device + ' ' + call;
     for (auto it = props.begin(); it != props.end(); ++it)
-        text += ' ' + it.key() + '=' + it.value().toString();
-    return text;
+        line += ' ' + it.key() + '=' + it.value().toString();
+    return line;
 }
 
-/// What devices were asked since the last time, each at most once.
+/// \returns the calls since the last takeCalls(), and forgets them. A device with several calls
+/// gives each of them the properties of the last one.
 inline QStringList takeCalls(const QList<Device>& devices) {
     QStringList taken;
     for (const Device& device : devices) {
         for (const QString& call : device->calls)
-            taken += callText(device->m_devName, call, device->last);
+            taken += callString(device->m_devName, call, device->last);
         device->calls.clear();
     }
     return taken;

@@ -1,4 +1,4 @@
-// A network share of the test's own, which needs no server.
+// A network share that records its calls and returns scripted results; it needs no server.
 #pragma once
 
 #include "support/doubles/memfs.h"
@@ -10,7 +10,7 @@
 
 namespace oru::io::test {
 
-/// Does what it is told and remembers what it was asked, with files in memory.
+/// Records each call and returns `result`. Its files are in memory.
 template <class Base>
 class ScriptedShare : public Base {
 public:

@@ -1,9 +1,10 @@
 # shellcheck shell=bash
-# shellcheck disable=SC2034 # is_alone is for whoever sources this
-# Leaves a test alone with the file service, which has one name on a system. Who sources this runs
-# anew, with the same arguments, in a mount namespace with a /dev/shm of its own. Where that is not
-# permitted, it goes on as it is, with is_alone=false. What others unmount goes there too: a copy of
-# the mount would keep their disk busy.
+# shellcheck disable=SC2034 # is_alone is read by the script that sources this file
+# Isolates a test from other file services: the shared memory of the service has a fixed name, so
+# there can be one per system. The script that sources this file is restarted with the same
+# arguments in a mount namespace with a private /dev/shm. Without permission for that, it continues
+# with is_alone=false. The namespace receives unmounts from outside (slave): a copy of another
+# process's mount would keep its disk busy.
 
 is_alone=true
 if [ "${1:-}" = --alone ]; then

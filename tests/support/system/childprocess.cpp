@@ -75,8 +75,8 @@ bool eventually(const std::function<bool()>& condition, double seconds) {
         const auto now = Clock::now();
         if (now > deadline)
             return false;
-        // To look takes processor time from what it waits for: what takes long is looked at less
-        // often.
+        // Polling takes processor time from the process it waits for: the interval grows with the
+        // time waited.
         const auto waited = std::chrono::duration_cast<milliseconds>(now - start);
         std::this_thread::sleep_for(std::clamp(waited / 16, milliseconds(1), milliseconds(20)));
     }

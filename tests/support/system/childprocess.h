@@ -1,4 +1,4 @@
-// Child processes that run a part of a test and may be killed in the middle of it.
+// Child processes that run a part of a test and can be killed.
 #pragma once
 
 #include <QtGlobal>
@@ -9,22 +9,24 @@
 
 namespace oru::io::test {
 
-/// A copy of this process that runs one function. Start it before the test has threads.
+/// A fork of this process that runs one function. Fork before the test starts threads.
 class ChildProcess {
 public:
-    /// The child ends with the result of `work` as its exit status, without running destructors of
-    /// statics; it is killed when the test dies.
+    /// The child runs `work` and calls _exit() with its result. It is killed when the test's
+    /// process ends.
     explicit ChildProcess(const std::function<int()>& work);
-    /// Kills it, if it still runs.
+    /// Kills the child if it still runs.
     ~ChildProcess();
 
     pid_t pid() const;
-    /// Sends a signal.
+    /// Sends a signal to the child.
     void signal(int number);
-    /// Waits until it has ended. \returns its exit status, or the negative number of the signal
-    /// that killed it; -1000 when it is still there after `seconds`.
+    /// Waits until the child has ended.
+    /// \returns its exit status,
+    /// the negative number of the signal that killed it, or
+    /// -1000 if it still runs after `seconds`.
     int wait(int seconds = 30);
-    /// The system descriptors that it has open.
+    /// The number of its open descriptors.
     int descriptors() const;
 
 private:
@@ -36,7 +38,7 @@ private:
     int m_status = 0;
 };
 
-/// Waits until `condition` holds. \returns whether it came to that within `seconds`.
+/// Polls `condition` until it is true. \returns false if it is not within `seconds`.
 bool eventually(const std::function<bool()>& condition, double seconds = 10);
 
 } // namespace oru::io::test

@@ -18,22 +18,23 @@ namespace oru::io::test {
 
 namespace {
 
-/// Root of a user namespace may attach disks, perhaps, but not mount them.
-bool isRootOfAll() {
+/// Whether this is root outside of a user namespace. Root of a user namespace cannot mount disks.
+bool isInitialRoot() {
     const QByteArray allUsers = "0 0 4294967295";
     return geteuid() == 0 && contents("/proc/self/uid_map").simplified() == allUsers;
 }
 
-/// Disks and mounts of the process's own. \returns why it cannot have them; empty when it can.
+/// Creates the private namespaces. \returns why tests with loop disks cannot run; empty if they
+/// can.
 QString problemWithDisks() {
     static const QString problem = [] {
-        if (!isRootOfAll())
-            return QStringLiteral("needs root, and not only of a user namespace");
+        if (!isInitialRoot())
+            return QStringLiteral("needs root outside of a user namespace");
         const QString tool = missingTool({"blkid", "debugfs", "e2fsck", "mkfs.ext4"});
         if (!tool.isEmpty())
             return tool + " is not installed";
         if (!isolate(Namespaces::MountAndNetwork))
-            return QStringLiteral("no mounts of its own: %1").arg(std::strerror(errno));
+            return QStringLiteral("cannot create private namespaces: %1").arg(std::strerror(errno));
         return LoopDisk::missing();
     }();
     return problem;
@@ -53,7 +54,7 @@ bool makeDamagedExt4(const QString& node, const QString& source) {
            runTool({"debugfs", "-w", "-R", "clri /lost", node}).status == 0 && !isSoundExt4(node);
 }
 
-bool noteErrors(const QString& node) {
+bool markErrors(const QString& node) {
     return runTool({"debugfs", "-w", "-R", "set_super_value state 2", node}).status == 0;
 }
 

@@ -1,4 +1,4 @@
-// Tests of NFS exports; a memory file system takes the export's place.
+// Fixture for tests of NFS exports; a tmpfs stands in for the export.
 #pragma once
 
 #include "support/doubles/maintenanceprogram.h"
@@ -16,14 +16,14 @@
 
 namespace oru::io::test {
 
-/// What is mounted has the name of the target: the second argument, or the third behind "-r".
+/// Mounts a tmpfs named like the target: the second argument, or the third after "-r".
 constexpr char mountsMemory[] = R"(
 access=
 [ "$2" != -r ] || { access=-r; shift; }
 exec mount $access -t tmpfs "$2" "$3"
 )";
 
-/// With a directory to mount an export on, and a maintenance program that does.
+/// Has a mount point for an export, and a maintenance program that mounts a tmpfs there.
 class ExportTest : public WithMaintenanceProgram {
 protected:
     void SetUp() override {

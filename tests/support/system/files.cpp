@@ -11,10 +11,10 @@ QByteArray contents(const QString& path) {
     return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-bool makeFile(const QString& path, const QByteArray& text) {
-    // Unbuffered, so that what the system says of the text is known.
+bool makeFile(const QString& path, const QByteArray& bytes) {
+    // Unbuffered: write() returns the error of the system.
     QFile file(path);
-    return file.open(QFile::WriteOnly | QFile::Unbuffered) && file.write(text) == text.size();
+    return file.open(QFile::WriteOnly | QFile::Unbuffered) && file.write(bytes) == bytes.size();
 }
 
 QByteArray contents(FS& fs, const QString& path) {
@@ -22,9 +22,9 @@ QByteArray contents(FS& fs, const QString& path) {
     return file ? file->readAll(1 << 20) : QByteArray();
 }
 
-bool makeFile(FS& fs, const QString& path, const QByteArray& text) {
+bool makeFile(FS& fs, const QString& path, const QByteArray& bytes) {
     const QSharedPointer<File> file = fs.open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
-    return file && file->write(text.constData(), text.size()) == text.size() &&
+    return file && file->write(bytes.constData(), bytes.size()) == bytes.size() &&
            file->fsync() == 0 && file->close() == 0;
 }
 

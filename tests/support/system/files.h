@@ -1,4 +1,4 @@
-// Whole files at once: the system's, for what a test looks at from outside, and those of an FS.
+// Reads and writes whole files, of the system and of an FS.
 #pragma once
 
 #include <oruio/fs.h>
@@ -8,14 +8,14 @@
 
 namespace oru::io::test {
 
-/// What is in a file of the system; nothing when it cannot be read.
+/// The contents of a file of the system; empty if it cannot be read.
 QByteArray contents(const QString& path);
-/// Makes a file of the system, or makes it anew. \returns whether that worked.
-bool makeFile(const QString& path, const QByteArray& text = {});
+/// Creates or truncates a file of the system and writes to it. \returns whether that succeeded.
+bool makeFile(const QString& path, const QByteArray& bytes = {});
 
-/// What is in a file of `fs`, of which it reads no more than 1 MiB; nothing when it cannot be read.
+/// The contents of a file of `fs`, at most 1 MiB; empty if it cannot be read.
 QByteArray contents(FS& fs, const QString& path);
-/// Makes a file of `fs`, or makes it anew, and syncs it. \returns whether all of that worked.
-bool makeFile(FS& fs, const QString& path, const QByteArray& text);
+/// Creates or truncates a file of `fs`, writes to it and syncs it. \returns whether that succeeded.
+bool makeFile(FS& fs, const QString& path, const QByteArray& bytes);
 
 } // namespace oru::io::test

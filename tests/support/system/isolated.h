@@ -1,4 +1,4 @@
-// Tests that mount.
+// Fixtures for tests that mount.
 #pragma once
 
 #include "support/system/isolation.h"
@@ -10,17 +10,17 @@
 
 namespace oru::io::test {
 
-/// With mounts of the program's own; skipped where it can have none.
+/// Runs the test in a private mount namespace; skips it if none can be created.
 class Isolated : public ::testing::Test {
 protected:
     void SetUp() override {
         static const int problem = isolate(Namespaces::Mount) ? 0 : errno;
         if (problem != 0)
-            GTEST_SKIP() << "no private mounts: " << std::strerror(problem);
+            GTEST_SKIP() << "needs a private mount namespace: " << std::strerror(problem);
     }
 };
 
-/// Starts the maintenance program, too; skipped where that cannot be.
+/// For tests that start the maintenance program; skipped in the emulator of single programs.
 class WithMaintenanceProgram : public Isolated {
 protected:
     void SetUp() override {

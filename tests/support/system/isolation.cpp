@@ -14,10 +14,10 @@ namespace oru::io::test {
 
 namespace {
 
-bool writeFile(const char* path, const std::string& text) {
+bool writeFile(const char* path, const std::string& bytes) {
     const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
     const bool isWritten =
-        fd != -1 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+        fd != -1 && ::write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
     if (fd != -1)
         ::close(fd);
     return isWritten;
@@ -37,18 +37,19 @@ bool enterNamespaces(int flags) {
 
 bool isolate(Namespaces namespaces) {
     const bool hasNetwork = namespaces == Namespaces::MountAndNetwork;
-    // What others unmount goes here too: a copy of the mount would keep their disk busy.
+    // Slave: unmounts from outside are propagated. A copy of another process's mount would keep its
+    // disk busy.
     if (!enterNamespaces(hasNetwork ? CLONE_NEWNS | CLONE_NEWNET : CLONE_NEWNS) ||
         mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0)
         return false;
-    // umockdev queues udev's messages in a socket, which takes few of them by default.
+    // umockdev queues udev's messages in a Unix socket; the default queue holds only ten.
     if (hasNetwork)
         writeFile("/proc/sys/net/unix/max_dgram_qlen", "512");
     return true;
 }
 
 bool isEmulated() {
-    // No kernel lacks this call that takes programs with threads.
+    // Every kernel with threads has this call; the emulator does not implement it.
     void* head = nullptr;
     std::size_t size = 0;
     return syscall(SYS_get_robust_list, 0, &head, &size) == -1 && errno == ENOSYS;

@@ -1,20 +1,20 @@
-// Parts of the system that a test program has for itself.
+// Private namespaces for a test program.
 #pragma once
 
 namespace oru::io::test {
 
-/// What a process can have of its own.
+/// The namespaces that isolate() creates.
 enum class Namespaces { Mount, MountAndNetwork };
 
-/// Gives the calling process mounts of its own, and with a network of its own also the kernel's and
-/// udev's messages about devices: what it does there is seen by nobody else and ends with it.
-/// Without privilege it becomes the root of a user namespace for that, who may mount memory file
-/// systems but no disks. Call it before there are threads. \returns whether it worked; if not,
-/// errno says why.
+/// Moves the calling process to a private mount namespace, and with MountAndNetwork also to a
+/// private network namespace. Mounts made there are invisible to other processes and end with this
+/// one. The network namespace also separates the netlink messages of the kernel and of udev about
+/// devices. An unprivileged process becomes root of a user namespace, which may mount tmpfs but no
+/// disks. Call it before the process starts threads. \returns false on failure, with errno set.
 bool isolate(Namespaces namespaces);
 
-/// Whether this program runs in an emulator of single programs, which cannot start others as Qt
-/// does.
+/// Whether this program runs in an emulator of single programs (qemu-user), where QProcess cannot
+/// start others.
 bool isEmulated();
 
 } // namespace oru::io::test

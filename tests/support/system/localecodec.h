@@ -1,11 +1,11 @@
-// Another locale's codec, in which Qt hands texts to the system.
+// Replaces the codec in which Qt passes strings to the system.
 #pragma once
 
 #include <QTextCodec>
 
 namespace oru::io::test {
 
-/// The process has it for as long as this lives.
+/// Sets the codec of the locale for the process while it lives.
 class LocaleCodec {
 public:
     explicit LocaleCodec(const char* name) {

@@ -25,9 +25,9 @@ namespace {
 
 const QStringList toolDirectories = {"/usr/sbin", "/usr/bin", "/sbin", "/bin"};
 
-// Waits for one word. When the end comes without one, the test has died: then it detaches the image
-// $1, from whichever loop device it is on, and removes its directory. One that is still mounted
-// goes with the last process that has these mounts, which may be this one.
+// Reads one word. End of file without a word means that the test's process has died: then it
+// detaches $image from its loop device and removes its directory. A disk that is still mounted is
+// detached when the last process of the mount namespace ends, which may be this one.
 constexpr char guardScript[] = R"(
 exec 3<&0
 {
@@ -42,7 +42,7 @@ exec 3<&0
 } <&3 3<&- >/dev/null 2>&1 &
 )";
 
-/// \returns a pipe to the guard of an image, which is no child of this process.
+/// Starts the guard of an image, which is not a child of this process. \returns a pipe to it.
 FILE* startGuard(const QString& image) {
     const QString script = QStringLiteral("PATH=%1 image='%2'\n%3")
                                .arg(toolDirectories.join(':'), image, QLatin1String(guardScript));
@@ -70,8 +70,7 @@ ToolRun runTool(const QStringList& command, const QByteArray& input) {
 
 QString outputOf(const QStringList& command) {
     const ToolRun run = runTool(command);
-    const QByteArray& text = run.status == 0 ? run.output : run.errors;
-    return QString::fromUtf8(text).trimmed();
+    return QString::fromUtf8(run.status == 0 ? run.output : run.errors).trimmed();
 }
 
 QString missingTool(const QStringList& names) {
@@ -88,10 +87,10 @@ QString LoopDisk::missing() {
         return tool + " is not installed";
     const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
     if (control == -1)
-        return QStringLiteral("no loop devices: %1").arg(std::strerror(errno));
+        return QStringLiteral("cannot open /dev/loop-control: %1").arg(std::strerror(errno));
     ::close(control);
     if (::access("/sys/block", W_OK) != 0)
-        return QStringLiteral("/sys cannot be written to: %1").arg(std::strerror(errno));
+        return QStringLiteral("cannot write to /sys: %1").arg(std::strerror(errno));
     return {};
 }
 
@@ -107,10 +106,10 @@ LoopDisk::LoopDisk(qint64 bytes, const QByteArray& table, int sectorSize) {
         addPartitions(table);
 }
 
-/// Finds an unused loop device, which other processes may be looking for as well.
+/// Attaches the image to a free loop device.
 void LoopDisk::attach(int sectorSize) {
-    // With --partscan, the partitions go when the device is detached. The kernel's own look at them
-    // finds none yet, whatever tables it understands.
+    // --partscan: the kernel removes the partitions when the device is detached. Its scan finds
+    // none here, because the image is still empty.
     const ToolRun run = runTool({"losetup", "--find", "--show", "--partscan", "--sector-size",
                                  QString::number(sectorSize), image()});
     m_name = QFileInfo(QString::fromUtf8(run.output).trimmed()).fileName();
@@ -119,7 +118,8 @@ void LoopDisk::attach(int sectorSize) {
 }
 
 void LoopDisk::addPartitions(const QByteArray& table) {
-    // A program that wrote to a partition which had just gone has left a file in its place.
+    // A program that opened the node of a removed partition for writing has created a regular file
+    // there.
     for (const QString& path : QDir("/dev").entryList({m_name + "p*"}, QDir::Files)) {
         if (!isBlockDevice("/dev/" + path))
             QFile::remove("/dev/" + path);
@@ -138,11 +138,12 @@ void LoopDisk::addPartitions(const QByteArray& table) {
 LoopDisk::~LoopDisk() {
     if (isAttached())
         unmount();
-    // Once pulled out it goes by itself, and its loop device may have the next disk by now.
-    // Otherwise somebody else may look at it for a moment: then it is detached after that.
+    // A disk that was pulled out detaches itself, and its loop device may already belong to the
+    // next disk. Otherwise another process may have it open for a moment: it is detached after
+    // that.
     if (isAttached() && !m_isPulledOut) {
         removePartitions();
-        setWriteProtected(false); // the loop device would keep it for the next disk
+        setWriteProtected(false); // the flag would stay on the loop device for the next disk
         runTool({"losetup", "--detach", node()});
     }
     if (!eventually([this] { return !isAttached(); }))
@@ -155,7 +156,7 @@ void LoopDisk::GuardCloser::operator()(FILE* guard) const {
     ::pclose(guard);
 }
 
-/// Here, as other processes have mounts of their own.
+/// Unmounts the disk in this mount namespace.
 void LoopDisk::unmount() const {
     const QList<Mount> mounts = mountTable();
     for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
@@ -183,14 +184,14 @@ QString LoopDisk::node(int partition) const {
     return partition == 0 ? disk : disk + 'p' + QString::number(partition);
 }
 
-QString LoopDisk::place(int partition) const {
+QString LoopDisk::sysfsPath(int partition) const {
     const QString disk = "/sys/block/" + m_name;
     return partition == 0 ? disk : disk + '/' + m_name + 'p' + QString::number(partition);
 }
 
 QList<int> LoopDisk::partitions() const {
     QList<int> numbers;
-    for (const QString& entry : QDir(place()).entryList({m_name + "p*"}, QDir::Dirs))
+    for (const QString& entry : QDir(sysfsPath()).entryList({m_name + "p*"}, QDir::Dirs))
         numbers.append(entry.mid(m_name.size() + 1).toInt());
     return numbers;
 }
@@ -201,22 +202,23 @@ QString LoopDisk::image() const {
 
 bool LoopDisk::isAttached() const {
     return !m_name.isEmpty() &&
-           QString::fromUtf8(contents(place() + "/loop/backing_file")).trimmed() == image();
+           QString::fromUtf8(contents(sysfsPath() + "/loop/backing_file")).trimmed() == image();
 }
 
-bool LoopDisk::tell(const char* action, int partition) const {
-    QFile file(place(partition) + "/uevent");
+bool LoopDisk::sendUevent(const char* action, int partition) const {
+    QFile file(sysfsPath(partition) + "/uevent");
     return file.open(QFile::WriteOnly | QFile::Unbuffered) && file.write(action) > 0;
 }
 
 bool LoopDisk::plugIn() const {
     const QList<int> all = partitions();
-    return tell("add") &&
-           std::all_of(all.begin(), all.end(), [this](int number) { return tell("add", number); });
+    return sendUevent("add") && std::all_of(all.begin(), all.end(), [this](int number) {
+               return sendUevent("add", number);
+           });
 }
 
 bool LoopDisk::unplug() const {
-    return removePartitions() && tell("remove");
+    return removePartitions() && sendUevent("remove");
 }
 
 bool LoopDisk::removePartition(int partition) const {
@@ -229,7 +231,8 @@ bool LoopDisk::removePartition(int partition) const {
 bool LoopDisk::pullOut() {
     m_isPulledOut = true;
     const QList<int> all = partitions();
-    // The kernel does not remove what is mounted, but all of it can lie beyond the partition's end.
+    // The kernel does not remove a mounted partition. Shrinking it to one sector makes reads and
+    // writes fail instead.
     return std::all_of(all.begin(), all.end(),
                        [this](int number) {
                            const QString partition = QString::number(number);
@@ -237,8 +240,8 @@ bool LoopDisk::pullOut() {
                        }) &&
            runTool({"losetup", "--detach", node()}).status == 0 &&
            std::all_of(all.begin(), all.end(),
-                       [this](int number) { return tell("remove", number); }) &&
-           tell("remove");
+                       [this](int number) { return sendUevent("remove", number); }) &&
+           sendUevent("remove");
 }
 
 bool LoopDisk::setWriteProtected(bool isProtected) const {

@@ -1,4 +1,4 @@
-// Disks of a test's own: image files on loop devices.
+// Disks for tests: image files on loop devices.
 #pragma once
 
 #include "support/system/tempdir.h"
@@ -13,61 +13,62 @@
 
 namespace oru::io::test {
 
-/// What a program of the system had to say.
+/// The result of a program.
 struct ToolRun {
-    int status; ///< its exit status, or -1
+    int status; ///< exit status; -1 if it did not start or was killed
     QByteArray output;
     QByteArray errors;
 };
 
-/// Runs a program with its arguments, as an administrator has it, and waits for its end.
+/// Runs a program with the PATH of an administrator and waits for its end.
 ToolRun runTool(const QStringList& command, const QByteArray& input = {});
-/// The output of a program without the blanks around it; what it said of its failure if it failed.
+/// The trimmed standard output of a program; its standard error if it failed.
 QString outputOf(const QStringList& command);
-/// The first of these programs that is not installed; empty when all are.
+/// The first of these programs that is not installed; empty if all are.
 QString missingTool(const QStringList& names);
 
-/// A disk. All can see it, so it is taken off the system when it ends, and also when the test dies.
-/// Its mounts, though, are expected to be the process's own (isolate()).
+/// A loop disk. It is visible in the whole system, so it is detached by the destructor and also
+/// when the test's process dies. Mount it only in a private mount namespace (isolate()).
 class LoopDisk {
 public:
     static constexpr qint64 MiB = 1024 * 1024;
 
-    /// A disk of so many bytes, with the partitions that the script `table` has sfdisk(8) make.
-    /// udevd has not been told of it.
+    /// Attaches a disk of `bytes` bytes and partitions it with the sfdisk(8) script `table`. udevd
+    /// is not notified.
     explicit LoopDisk(qint64 bytes, const QByteArray& table = {}, int sectorSize = 512);
     ~LoopDisk();
 
-    /// Why there can be no such disks here; empty when there can.
+    /// Why loop disks cannot be created; empty if they can.
     static QString missing();
-    /// Why there is no such disk; empty when there is.
+    /// Why this disk could not be created; empty if it was.
     QString problem() const;
 
     /// The kernel's name of the disk, such as "loop0".
     QString name() const;
     /// The device node of the disk, or of one of its partitions.
     QString node(int partition = 0) const;
-    /// The place in /sys of the disk, or of one of its partitions.
-    QString place(int partition = 0) const;
-    /// The numbers of the partitions that the kernel knows.
+    /// The directory in /sys of the disk, or of one of its partitions.
+    QString sysfsPath(int partition = 0) const;
+    /// The numbers of the partitions known to the kernel.
     QList<int> partitions() const;
-    /// The file that holds the disk's contents.
+    /// The image file.
     QString image() const;
-    /// Whether the image is on the loop device.
+    /// Whether the loop device still has the image.
     bool isAttached() const;
 
-    /// Has the kernel tell udevd "add", "change" or "remove".
-    bool tell(const char* action, int partition = 0) const;
-    /// Tells of the disk and its partitions, as when it is plugged in.
+    /// Makes the kernel send the uevent "add", "change" or "remove".
+    bool sendUevent(const char* action, int partition = 0) const;
+    /// Sends "add" for the disk and its partitions, as when it is plugged in.
     bool plugIn() const;
-    /// Removes the partitions and tells of the disk's removal, as when it is unplugged.
+    /// Removes the partitions and sends "remove" for the disk, as when it is unplugged.
     bool unplug() const;
-    /// Removes one partition, as when somebody partitions the disk anew.
+    /// Removes one partition, as when the disk is partitioned again.
     bool removePartition(int partition) const;
-    /// Tells of the removal of the disk and its partitions, as when it is pulled out while one of
-    /// them is mounted. From now on they cannot be read or written; it goes when nobody uses it.
+    /// Sends "remove" for the disk and its partitions, as when it is pulled out while one of them
+    /// is mounted. After that reads and writes fail with EIO. The disk is detached with its last
+    /// user.
     bool pullOut();
-    /// Turns the disk's switch that forbids to write, until it goes.
+    /// Sets or clears the read-only flag of the disk. The destructor clears it.
     bool setWriteProtected(bool isProtected) const;
 
 private:

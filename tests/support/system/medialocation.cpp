@@ -10,7 +10,7 @@ namespace oru::io::test {
 MediaLocation::MediaLocation(const char* name, const QString& idPath, const QString& directory)
     : fs(new PosixFS(directory)), props({{"blkDevId", idPath}}), location(name, fs, &props) {
     FSSwitch::rootfs()->add(directory, fs);
-    QObject::connect(&location, &StorageLocation::accessChanged, [this] { ++changesTold; });
+    QObject::connect(&location, &StorageLocation::accessChanged, [this] { ++accessChanges; });
 }
 
 MediaLocation::~MediaLocation() {
@@ -25,16 +25,16 @@ void MediaLocation::followMonitor() {
                      });
 }
 
-QString MediaLocation::fact(const char* name) {
-    return location.facts()[name];
+QString MediaLocation::field(const char* name) {
+    return location.state()[name];
 }
 
 void MediaLocation::expectSelected(const QString& disk, const QString& part) {
     EXPECT_EQ(location.access(), StorageLocation::Presence);
-    EXPECT_EQ(fact("present"), "yes");
-    EXPECT_EQ(fact("disk"), disk);
-    EXPECT_EQ(fact("part"), part);
-    EXPECT_EQ(fact("selected"), part);
+    EXPECT_EQ(field("present"), "yes");
+    EXPECT_EQ(field("disk"), disk);
+    EXPECT_EQ(field("part"), part);
+    EXPECT_EQ(field("selected"), part);
 }
 
 void expectRefused(const std::function<int()>& call, ErrorCode reason) {

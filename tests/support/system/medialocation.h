@@ -1,4 +1,4 @@
-// A location of local media as an application has it.
+// A location of local media as an application sets it up.
 #pragma once
 
 #include "support/doubles/openlocation.h"
@@ -12,34 +12,34 @@
 
 namespace oru::io::test {
 
-/// For the media that come to one place, by its "ID_PATH". Its files are at a directory of the root
-/// switch.
+/// A location for the media with one "ID_PATH". Its file system is mounted at a directory of the
+/// root switch.
 class MediaLocation {
 public:
     MediaLocation(const char* name, const QString& idPath, const QString& directory);
     ~MediaLocation();
 
-    /// From now on it gets the monitor's batches.
+    /// Connects the location to the monitor's batches.
     void followMonitor();
 
     FS& files() const {
         return *fs;
     }
-    /// One of OpenLocation::facts().
-    QString fact(const char* name);
-    /// There is a medium, of which nothing is mounted.
+    /// One field of OpenLocation::state().
+    QString field(const char* name);
+    /// Expects a present medium with this disk and selected partition, not mounted.
     void expectSelected(const QString& disk, const QString& part);
 
     const FS::SPtr fs;
     Properties props;
     OpenLocation location;
-    int changesTold = 0; ///< how often accessChanged was emitted
+    int accessChanges = 0; ///< number of accessChanged signals
 
 private:
     Q_DISABLE_COPY(MediaLocation)
 };
 
-/// The call returns -1 with this reason.
+/// Expects that the call returns -1 and sets liberrno to `reason`.
 void expectRefused(const std::function<int()>& call, ErrorCode reason);
 
 } // namespace oru::io::test

@@ -1,4 +1,4 @@
-// What the monitor of block devices tells, for tests to look at.
+// Collects the batches of the block device monitor.
 #pragma once
 
 #include <oruio/bdmon.h>
@@ -7,7 +7,7 @@
 
 namespace oru::io::test {
 
-/// What the monitor tells at once; null when it tells nothing.
+/// The arguments of one BDMon::notify(); null if none was emitted.
 struct Batch {
     BDMon::EventListSPtr events;
     BDMon::EventListByDeviceSPtr eventsByDevice;
@@ -17,15 +17,15 @@ struct Batch {
     }
 };
 
-/// Listens to the monitor, which it stops in the end.
+/// Connects to the monitor. The destructor stops the monitor.
 class MonitorBatches {
 public:
     MonitorBatches();
     ~MonitorBatches();
 
-    /// Has the monitor tell of what there is.
+    /// Starts the monitor. \returns the batch of the devices that are present.
     Batch start();
-    /// Has the monitor tell of all that udevd has told so far.
+    /// Calls BDMon::update(). \returns the batch of the events that udevd has sent so far.
     Batch update();
 
 private:

@@ -6,7 +6,7 @@ namespace oru::io::test {
 
 namespace {
 
-/// Blanks are written so in the table.
+/// The table contains "\040" for a blank.
 QString decoded(QString word) {
     return word.replace("\\040", " ");
 }

@@ -1,4 +1,4 @@
-// What is mounted, as the kernel tells it to this process.
+// The mounts of this process, read from /proc/self/mountinfo.
 #pragma once
 
 #include <QList>
@@ -7,7 +7,7 @@
 
 namespace oru::io::test {
 
-/// One line of the kernel's table of this process's mounts.
+/// One line of the table.
 struct Mount {
     QString device;
     QString directory;
@@ -16,12 +16,12 @@ struct Mount {
     QStringList filesystemOptions; ///< of all mounts of the file system
 };
 
-/// All mounts, the oldest first.
+/// All mounts, oldest first.
 QList<Mount> mountTable();
 QList<Mount> mountsOf(const QString& device);
-/// Where a device is mounted.
+/// The mount points of a device.
 QStringList directoriesOf(const QString& device);
-/// What is mounted on a directory, the topmost last.
+/// The devices mounted on a directory, topmost last.
 QStringList devicesAt(const QString& directory);
 
 } // namespace oru::io::test

@@ -23,14 +23,14 @@ namespace oru::io::test {
 
 namespace {
 
-/// The password of smbpasswd(5): the MD4 sum of SmbServer::password in UTF-16. A file with it is
-/// there at once; to have pdbedit make its database takes as long as to start the server.
+/// The password for smbpasswd(5): the MD4 sum of SmbServer::password in UTF-16. Writing the file is
+/// instant, while pdbedit takes as long as a start of the server.
 constexpr char passwordHash[] = "ED50BDC9FAA370E31AC4EE119FD51F48";
 
-/// What smbd reads, apart from its shares. %1 is the server's directory, %2 the port. It keeps away
-/// from the system's files and other services, and starts no helpers that it can do without. It
-/// tells nobody of changes: its helper for that takes a moment more to start, in which connections
-/// that are made already fail.
+/// smb.conf(5) without the shares. %1 is the server's directory, %2 the port. The server uses no
+/// files of the system and no other services, and starts only the helpers that it needs. "change
+/// notify" is off: its helper starts later than the listener, and connections made before that
+/// fail.
 constexpr char configuration[] = R"([global]
 server role = standalone server
 workgroup = TESTGRP
@@ -63,7 +63,7 @@ max log size = 0
 
 QString smbdProgram() {
     const QString program = QStandardPaths::findExecutable("smbd");
-    // Often not in the path of users other than root.
+    // /usr/sbin is often missing in the PATH of users other than root.
     return !program.isEmpty() ? program : QStandardPaths::findExecutable("smbd", {"/usr/sbin"});
 }
 
@@ -74,11 +74,11 @@ QString accountName() {
 
 void makeDirectory(const QString& path, mode_t mode) {
     QDir().mkpath(path);
-    ::chmod(qPrintable(path), mode); // whatever the umask is
+    ::chmod(qPrintable(path), mode); // independent of the umask
 }
 
-/// Starts a program in a session of its own. It inherits no descriptors: a socket of the test that
-/// another process has open as well does not close when the test closes it.
+/// Starts a program in a new session. It inherits only its standard descriptors: a socket of the
+/// test that is also open in another process would stay open when the test closes it.
 pid_t spawn(const QStringList& command, int input, const QString& output) {
     std::vector<std::string> words;
     for (const QString& word : command)
@@ -107,7 +107,7 @@ pid_t spawn(const QStringList& command, int input, const QString& output) {
     return pid;
 }
 
-/// Found out without a connection, for which smbd would make a process.
+/// Reads /proc/net/tcp: a connection would make smbd start a process.
 bool isListening(quint16 port) {
     const QString socket = QStringLiteral(":%1 00000000:0000 0A ").arg(port, 4, 16, QChar('0'));
     return contents("/proc/net/tcp").contains(socket.toUpper().toLatin1());
@@ -139,8 +139,8 @@ SmbServer::~SmbServer() {
 }
 
 SmbServer& SmbServer::shared() {
-    // Never destroyed, as that takes more of Qt than the end of the process has. Its guard sees to
-    // it.
+    // Never destroyed: at the exit of the process the parts of Qt that the destructor needs are
+    // gone. The guard kills smbd.
     static auto& server = *new SmbServer;
     QDir(server.m_directory / "shares").removeRecursively();
     server.writeFiles({});
@@ -159,18 +159,18 @@ void SmbServer::writeFiles(const Options& options) {
     shares["ro"] = QStringList{forUser, "read only = yes"};
     shares["guest"] = QStringList{"guest ok = yes", "guest only = yes", "read only = no"};
 
-    // Root's server becomes another user for its guests.
+    // A server of root accesses the files of guests as another user.
     makeDirectory(m_directory.path(), 0755);
     makeDirectory(m_directory / "state", 0755);
     makeDirectory(m_directory / "private", 0700);
-    QString text = QString::fromLatin1(configuration).arg(m_directory.path()).arg(port());
-    text += options.global.join('\n') + '\n';
+    QString config = QString::fromLatin1(configuration).arg(m_directory.path()).arg(port());
+    config += options.global.join('\n') + '\n';
     for (auto share = shares.cbegin(); share != shares.cend(); ++share) {
         makeDirectory(directory(share.key()), share.key() == "guest" ? 0777 : 0755);
-        text += QStringLiteral("[%1]\npath = %2\n").arg(share.key(), directory(share.key()));
-        text += share.value().join('\n') + '\n';
+        config += QStringLiteral("[%1]\npath = %2\n").arg(share.key(), directory(share.key()));
+        config += share.value().join('\n') + '\n';
     }
-    makeFile(m_directory / "smb.conf", text.toUtf8());
+    makeFile(m_directory / "smb.conf", config.toUtf8());
     makeFile(m_directory / "users", (account + " = " + user + '\n').toUtf8());
     makeFile(m_directory / "private/smbpasswd",
              QStringLiteral("%1:%2:%3:%4:[U          ]:LCT-00000001:\n")
@@ -202,15 +202,15 @@ bool SmbServer::restart() {
     m_problem = missing();
     if (!m_problem.isEmpty())
         return false;
-    // Its reading end tells of the end of this process, however it comes. smbd itself looks for
-    // that at its input, but not while it is stopped.
+    // The reading end reports end of file when this process ends for any reason. smbd watches for
+    // it on its standard input, but not while it is stopped; the guard always does.
     int lifeline[2];
     if (pipe2(lifeline, O_CLOEXEC) == -1)
         std::abort();
     m_lifeline = lifeline[1];
     const QString logFile = m_directory / "log";
-    // For each connection it looks this machine's name up: a resolver that loses the question must
-    // not take longer than the tests' time-outs.
+    // smbd resolves this machine's name for each connection: a name server that does not answer
+    // must not delay it beyond the time-outs of the tests.
     m_smbd = spawn({"/usr/bin/env", "RES_OPTIONS=timeout:1 attempts:1", smbdProgram(), "-F",
                     "--no-process-group", "--debug-stdout", "-s", m_directory / "smb.conf", "-l",
                     m_directory.path()},

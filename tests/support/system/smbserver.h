@@ -1,4 +1,4 @@
-// An SMB server of a test's own: the real smbd, on the loopback interface.
+// Runs a private smbd on the loopback interface.
 #pragma once
 
 #include "support/system/loopback.h"
@@ -13,54 +13,54 @@
 
 namespace oru::io::test {
 
-/// Runs smbd from its construction to its destruction, as root or as any other user, with all that
-/// it reads and writes in a private directory. Neither its processes nor its directory outlive the
-/// test's process for more than a moment, even if that is killed.
+/// Runs smbd while it lives, as root or as any other user. All files of smbd are in a private
+/// directory. Its processes and its directory are also removed when the test's process is killed.
 ///
-/// Its shares are
-/// - "rw" and "rw2", which `user` may write to,
-/// - "ro", which `user` may read, with one file "file.txt" of the text "read only file\n",
-/// - "guest", where everybody is a guest and may write.
+/// Shares:
+/// - "rw", "rw2": writable by `user`
+/// - "ro": readable by `user`, with one file "file.txt" that contains "read only file\n"
+/// - "guest": writable by everyone as guest
 class SmbServer {
 public:
     struct Options {
         QStringList global; ///< more lines for the section [global] of smb.conf
-        /// More shares, each with a directory of its own and these lines in its section.
+        /// More shares: name and lines of the section. Each has its own directory.
         QMap<QString, QStringList> shares;
     };
 
     static constexpr const char* user = "tester";
     static constexpr const char* password = "Secret1";
 
-    /// Serves when it returns, if all is well: see problem().
+    /// Returns when smbd listens. problem() reports a failure.
     explicit SmbServer(const Options& options = {});
     ~SmbServer();
-    /// One without options that all tests of this process can have, one after the other. It is as
-    /// new, apart from its log.
+    /// A server without options, shared by the tests of this process one after the other. Each call
+    /// empties its shares and restarts it if needed; its log is kept.
     static SmbServer& shared();
 
-    /// Why no server can run on this machine; empty when one can.
+    /// Why no server can run on this machine; empty if one can.
     static QString missing();
-    /// Why it does not serve, with what smbd has logged; empty when it does.
+    /// Why smbd does not listen, with its log; empty if it does.
     QString problem() const;
 
     quint16 port() const;
     /// "127.0.0.1:PORT".
     QString address() const;
-    /// The local directory behind a share.
+    /// The local directory of a share.
     QString directory(const QString& share) const;
 
-    /// Kills all of its processes. Connections to its port are refused from now on.
+    /// Kills all of its processes. After that, connections to its port are refused.
     void kill();
-    /// Serves the same directories on the same port with new processes. \returns whether it does.
+    /// Starts smbd again with the same directories and port. \returns whether it listens.
     bool restart();
-    /// Stops all of its processes in the midst of what they are doing, until cont().
+    /// Stops all of its processes (SIGSTOP) until cont().
     void stop();
     void cont();
 
-    /// The main process, its helpers, and one for each connection; without those that have ended.
+    /// All processes of smbd that have not ended: the main process, its helpers and one for each
+    /// connection.
     QList<pid_t> processes() const;
-    /// What smbd has logged since the construction.
+    /// The log of smbd since the construction.
     QByteArray log() const;
 
 private:
@@ -69,10 +69,10 @@ private:
     void signal(int number);
 
     const TempDir m_directory;
-    const Socket m_port; // reserves the number while smbd does not run, too
+    const Socket m_port; // reserves the port number, also while smbd does not run
     QString m_problem;
-    pid_t m_smbd = -1;  // leader of the group of all of its processes
-    pid_t m_guard = -1; // waits for the end of this process
+    pid_t m_smbd = -1;  // leader of the process group
+    pid_t m_guard = -1; // kills smbd when this process ends
     int m_lifeline = -1;
 };
 

@@ -1,4 +1,4 @@
-// Tests against a real SMB server.
+// Fixture for tests against a real SMB server.
 #pragma once
 
 #include "support/system/smbserver.h"
@@ -13,7 +13,7 @@
 
 namespace oru::io::test {
 
-/// What the server's user connects with.
+/// Properties to connect as the server's user.
 inline Properties login(const QString& address, const QString& share = "rw") {
     return {{"server", address},
             {"share", share},
@@ -21,11 +21,11 @@ inline Properties login(const QString& address, const QString& share = "rw") {
             {"password", SmbServer::password}};
 }
 
-/// With a server for the test alone; skipped where there can be none.
+/// Has an SMB server; skipped if none can run.
 class Smb : public ::testing::Test {
 protected:
     Smb() : server(SmbServer::shared()) {}
-    /// It takes a moment to start one with options.
+    /// Starts a server with options for this test, which takes longer than the shared one.
     explicit Smb(const SmbServer::Options& options)
         : m_own(std::make_unique<SmbServer>(options)), server(*m_own) {}
 
@@ -35,7 +35,7 @@ protected:
         ASSERT_EQ(server.problem(), "");
     }
 
-    /// The same file or directory of the share "rw", as the server has it.
+    /// The local path of a file or directory of the share "rw".
     QString local(const QString& path) const {
         return server.directory("rw") + path;
     }
@@ -44,7 +44,7 @@ protected:
         ASSERT_TRUE(file.open(QFile::WriteOnly));
         file.write(content);
         file.close();
-        // Also for a server that is not run by root.
+        // For a server that does not run as root.
         file.setPermissions(QFile::Permissions(0x6666));
     }
     QByteArray getLocal(const QString& path) const {

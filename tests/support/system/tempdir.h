@@ -1,18 +1,19 @@
-// A private directory of a test, removed with all it holds when the test ends.
+// A temporary directory.
 #pragma once
 
 #include <QString>
 
 namespace oru::io::test {
 
+/// Creates a directory and removes it with its contents.
 class TempDir {
 public:
     TempDir();
     ~TempDir();
 
-    /// The directory, without a slash at the end.
+    /// The path of the directory, without a trailing slash.
     const QString& path() const;
-    /// The system path of `name` within the directory.
+    /// The path of `name` in the directory.
     QString operator/(const char* name) const;
 
 private:

@@ -1,7 +1,8 @@
-// Tells ThreadSanitizer what QMutex does.
+// Annotates QMutex for ThreadSanitizer.
 //
-// Qt's library is not instrumented, so the sanitizer sees neither the lock nor the order it gives.
-// The program's own definitions of these members come before Qt's and pass on to them.
+// Qt's library is not instrumented, so the sanitizer does not see that QMutex orders memory
+// accesses. The definitions in the program take precedence over Qt's; they add the annotations and
+// call Qt's.
 
 #include <QMutex>
 

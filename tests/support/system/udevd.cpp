@@ -22,7 +22,7 @@ namespace {
 constexpr char rulesFile[] = "/run/udev/rules.d/10-test.rules";
 constexpr char logFile[] = "/run/udev/log";
 
-// Of what has been removed, udevd tells what it knew.
+// For "remove" udevd adds the properties from its database.
 constexpr char rules[] = R"(SUBSYSTEM!="block", GOTO="end"
 ACTION=="remove", GOTO="end"
 ENV{DEVTYPE}=="disk", IMPORT{file}="/run/id-paths/$kernel"
@@ -40,12 +40,12 @@ QString idPathFile(const QString& disk) {
     return "/run/id-paths/" + disk;
 }
 
-/// What the child process does.
+/// Replaces the child process with udevd.
 int runUdevd(const QByteArray& program) {
     const int log = ::open(logFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     ::dup2(log, STDOUT_FILENO);
     ::dup2(log, STDERR_FILENO);
-    // It goes by the name that it is started by.
+    // The program chooses its function by its name.
     ::execl(program.constData(), "systemd-udevd", nullptr);
     return 127;
 }
@@ -60,11 +60,11 @@ QString Udevd::missing() {
 }
 
 Udevd::Udevd() {
-    // The system's rules are not for this udevd, nor are links in /dev, which all would see.
+    // Hides the system's rules, and /dev/block: links created there would be visible to all.
     QDir().mkpath("/dev/block");
     for (const char* directory : {"/run", "/dev/block", "/etc/udev/rules.d",
                                   "/usr/local/lib/udev/rules.d", "/usr/lib/udev/rules.d"}) {
-        if (QFile::exists(directory) && !cover(directory)) {
+        if (QFile::exists(directory) && !mountTmpfs(directory)) {
             m_problem =
                 QStringLiteral("cannot mount on %1: %2").arg(directory, std::strerror(errno));
             return;
@@ -87,14 +87,14 @@ Udevd::~Udevd() {
         m_process->wait();
         m_process.reset();
     }
-    while (!m_covered.isEmpty())
-        ::umount2(qPrintable(m_covered.takeLast()), MNT_DETACH);
+    while (!m_mounted.isEmpty())
+        ::umount2(qPrintable(m_mounted.takeLast()), MNT_DETACH);
 }
 
-bool Udevd::cover(const QString& directory) {
+bool Udevd::mountTmpfs(const QString& directory) {
     if (::mount("tmpfs", qPrintable(directory), "tmpfs", 0, "mode=755") != 0)
         return false;
-    m_covered.append(directory);
+    m_mounted.append(directory);
     return true;
 }
 
@@ -103,7 +103,7 @@ QString Udevd::problem() const {
 }
 
 bool Udevd::setIdPath(const QString& disk, const QString& idPath) const {
-    // What happened before shall not be told with it.
+    // Events queued before must not get it.
     return settle() && makeFile(idPathFile(disk), "ID_PATH=" + idPath.toUtf8() + '\n');
 }
 

@@ -1,4 +1,4 @@
-// udevd, with rules that know nothing but the disks of the test.
+// A private udevd whose rules apply only to the disks of the test.
 #pragma once
 
 #include "support/system/childprocess.h"
@@ -10,34 +10,34 @@
 
 namespace oru::io::test {
 
-/// A udevd for a process that has mounts and a network of its own (isolate()), for as long as it
-/// lives. Only this process hears of what it tells, although the kernel's messages go to every
-/// udevd. It puts a memory file system over /run.
+/// Runs a udevd while it lives. The process needs private mount and network namespaces (isolate()).
+/// The kernel's uevents go to every udevd, but the messages of this one go only to this network
+/// namespace. Mounts a tmpfs over /run.
 class Udevd {
 public:
     Udevd();
     ~Udevd();
 
-    /// Why there can be none here; empty when there can.
+    /// Why no udevd can run; empty if one can.
     static QString missing();
-    /// Why it does not run; empty when it does.
+    /// Why this udevd does not run; empty if it does.
     QString problem() const;
 
-    /// What udevd will say of a disk of this name and its partitions: this "ID_PATH", and what
-    /// blkid finds. Of other disks it says what the kernel does.
+    /// Makes udevd add this "ID_PATH" and the results of blkid to the events of a disk and its
+    /// partitions. Events of other disks have only the kernel's properties.
     bool setIdPath(const QString& disk, const QString& idPath) const;
-    /// From now on it says again what the kernel does.
+    /// Undoes setIdPath().
     void clearIdPath(const QString& disk) const;
-    /// Waits until it has told of all that happened so far.
+    /// Waits until udevd has processed all events so far.
     bool settle() const;
 
 private:
     Q_DISABLE_COPY(Udevd)
 
-    bool cover(const QString& directory);
+    bool mountTmpfs(const QString& directory);
 
     QString m_problem;
-    QStringList m_covered;
+    QStringList m_mounted;
     std::unique_ptr<ChildProcess> m_process;
 };
 

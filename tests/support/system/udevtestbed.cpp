@@ -36,12 +36,12 @@ struct GFree {
 template <class T>
 using GPtr = std::unique_ptr<T, GFree>;
 
-/// An array as GLib's functions take one, up to a null.
-class TextArray {
+/// A null-terminated array of strings: key, value, key, value ...
+class StringArray {
 public:
-    explicit TextArray(const UdevTestbed::Texts& texts) {
-        for (auto text = texts.begin(); text != texts.end(); ++text)
-            m_bytes << text.key().toUtf8() << text.value().toUtf8();
+    explicit StringArray(const UdevTestbed::StringMap& strings) {
+        for (auto it = strings.begin(); it != strings.end(); ++it)
+            m_bytes << it.key().toUtf8() << it.value().toUtf8();
         for (QByteArray& bytes : m_bytes)
             m_pointers.append(bytes.data());
         m_pointers.append(nullptr);
@@ -56,7 +56,8 @@ private:
     QVector<char*> m_pointers;
 };
 
-/// Writes an answer to where the argument of an ioctl points to.
+/// Completes an ioctl: stores `value` where its argument points; without a value it fails with
+/// ENOTTY.
 template <class T>
 void answer(UMockdevIoctlClient* client, const std::optional<T>& value) {
     if (!value) {
@@ -84,7 +85,7 @@ gboolean handleIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer u
     }
 }
 
-/// A node that answers.
+/// A node with ioctl results.
 struct Answerer {
     QByteArray path;
     UdevTestbed::Node node;
@@ -95,7 +96,7 @@ struct Answerer {
 
 class UdevTestbed::Data {
 public:
-    /// An empty file behind a path in /dev. umockdev takes what cannot be opened for open.
+    /// Creates an empty file for a node. umockdev treats a node that cannot be opened as open.
     void makeNode(const QString& path) {
         const GPtr<char> root(umockdev_testbed_get_root_dir(testbed.get()));
         QFile file(QString::fromUtf8(root.get()) + path);
@@ -103,7 +104,8 @@ public:
             std::abort();
     }
 
-    std::vector<std::unique_ptr<Answerer>> answerers; // outlive the testbed, whose thread asks them
+    // Declared first: the thread of the testbed uses them.
+    std::vector<std::unique_ptr<Answerer>> answerers;
     const GPtr<UMockdevTestbed> testbed{umockdev_testbed_new()};
 };
 
@@ -120,19 +122,20 @@ int UdevTestbed::queueLength() {
 }
 
 QString UdevTestbed::add(const QString& subsystem, const QString& name, const QString& parent,
-                         const Texts& properties) {
+                         const StringMap& properties) {
     if (properties["DEVNAME"].startsWith("/dev/"))
         m_data->makeNode(properties["DEVNAME"]);
-    TextArray attributes({});
-    TextArray all(properties);
+    StringArray attributes({});
+    StringArray all(properties);
     const GPtr<char> path(umockdev_testbed_add_devicev(
         m_data->testbed.get(), qPrintable(subsystem), qPrintable(name),
         parent.isEmpty() ? nullptr : qPrintable(parent), attributes.get(), all.get()));
     return QString::fromUtf8(path.get());
 }
 
-QString UdevTestbed::addDisk(const QString& name, const QString& idPath, const Texts& properties) {
-    Texts all = properties;
+QString UdevTestbed::addDisk(const QString& name, const QString& idPath,
+                             const StringMap& properties) {
+    StringMap all = properties;
     if (!all.contains("DEVNAME"))
         all["DEVNAME"] = "/dev/" + name;
     all["DEVTYPE"] = "disk";
@@ -141,11 +144,11 @@ QString UdevTestbed::addDisk(const QString& name, const QString& idPath, const T
     return add("block", name, {}, all);
 }
 
-QString UdevTestbed::addPartition(const QString& disk, int number, const Texts& properties) {
+QString UdevTestbed::addPartition(const QString& disk, int number, const StringMap& properties) {
     const QString diskName = disk.section('/', -1);
     const QString name =
         diskName + (diskName.back().isDigit() ? "p" : "") + QString::number(number);
-    Texts all = properties;
+    StringMap all = properties;
     all["DEVNAME"] = "/dev/" + name;
     all["DEVTYPE"] = "partition";
     all["PARTN"] = QString::number(number);
@@ -175,9 +178,9 @@ void UdevTestbed::setNode(const QString& path, const Node& node) {
     m_data->answerers.push_back(std::move(answerer));
 }
 
-void UdevTestbed::setAttribute(const QString& device, const QString& name, const QString& text) {
+void UdevTestbed::setAttribute(const QString& device, const QString& name, const QString& value) {
     umockdev_testbed_set_attribute(m_data->testbed.get(), qPrintable(device), qPrintable(name),
-                                   qPrintable(text));
+                                   qPrintable(value));
 }
 
 void UdevTestbed::send(const QString& device, const char* action) {

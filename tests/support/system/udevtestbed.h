@@ -1,4 +1,4 @@
-// Disks and cards that are not there: a sysfs, device nodes and udev's messages of a test's own.
+// Simulated disks and cards: sysfs, device nodes and udev messages by umockdev.
 #pragma once
 
 #include <QMap>
@@ -9,16 +9,16 @@
 
 namespace oru::io::test {
 
-/// For as long as it lives, this process and those that it starts see the devices of the testbed
-/// and no others, by means of umockdev. When it adds a device, it also sends udev's message "add".
+/// While it lives, this process and those that it starts see the devices of the testbed and no
+/// others. Adding a device also sends udev's message "add".
 ///
-/// The program is linked with umockdev's stand-in for calls of the C library (udev.cmake). Open no
-/// monitor before the testbed, and close each before it.
+/// The program is linked with umockdev-preload, which replaces calls of the C library. Open
+/// monitors after the testbed and close them before it.
 class UdevTestbed {
 public:
-    using Texts = QMap<QString, QString>;
+    using StringMap = QMap<QString, QString>;
 
-    /// What a device node answers; without a value, that it does not know the question.
+    /// Results of the ioctls of a device node. An ioctl without a value fails with ENOTTY.
     struct Node {
         std::optional<quint32> physicalBlockSize; ///< BLKPBSZGET
         std::optional<quint64> bytes;             ///< BLKGETSIZE64
@@ -27,28 +27,29 @@ public:
     UdevTestbed();
     ~UdevTestbed();
 
-    /// How many messages a monitor queues before umockdev ends the process. Ten, unless the network
-    /// is the process's own (isolate()).
+    /// The number of messages that a monitor can queue; umockdev ends the process at the next one.
+    /// Ten, unless the process has a private network namespace (isolate()).
     static int queueLength();
 
-    /// Adds a disk called "sda" or "mmcblk0", say, with these properties and what udev would tell
-    /// beside them. With an empty `idPath` it has no ID_PATH, like a RAM disk. It has a node,
-    /// unless its DEVNAME is given and is outside of /dev. \returns its path in /sys, which names
-    /// it to the other functions.
-    QString addDisk(const QString& name, const QString& idPath, const Texts& properties = {});
-    /// Adds a partition to `disk`, with its ID_PATH.
-    QString addPartition(const QString& disk, int number, const Texts& properties = {});
-    /// Adds a device that is no block device.
+    /// Adds a disk such as "sda" or "mmcblk0" with these properties and those that udev sets for
+    /// every disk. With an empty `idPath` it has no ID_PATH, like a RAM disk. A node is created
+    /// unless `properties` has a DEVNAME outside of /dev. \returns its path in /sys, which
+    /// identifies the disk in calls of the other functions.
+    QString addDisk(const QString& name, const QString& idPath, const StringMap& properties = {});
+    /// Adds a partition with the ID_PATH of `disk`.
+    QString addPartition(const QString& disk, int number, const StringMap& properties = {});
+    /// Adds a device of another subsystem.
     QString addOther(const QString& subsystem, const QString& name, const QString& idPath);
-    /// Lets a node in /dev, of a device or not, answer. Before that, a device's knows no question.
+    /// Sets the ioctl results of a node in /dev, which need not belong to a device. Before that,
+    /// the ioctls of a device's node fail.
     void setNode(const QString& path, const Node& node);
 
-    /// The attribute file `name` of a device.
-    void setAttribute(const QString& device, const QString& name, const QString& text);
-    /// Sends udev's message that `action` has happened to `device`, with all of its properties. It
-    /// is queued when this returns.
+    /// Sets the contents of the attribute file `name` of a device.
+    void setAttribute(const QString& device, const QString& name, const QString& value);
+    /// Sends udev's message for `action` with all properties of `device`. The message is queued
+    /// when send() returns.
     void send(const QString& device, const char* action);
-    /// Takes away a device, without a message.
+    /// Removes a device without sending a message.
     void remove(const QString& device);
 
 private:
@@ -56,7 +57,7 @@ private:
     class Data;
 
     QString add(const QString& subsystem, const QString& name, const QString& parent,
-                const Texts& properties);
+                const StringMap& properties);
 
     const std::unique_ptr<Data> m_data;
 };
