@@ -17,7 +17,7 @@ packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-use
 packages_device=("${packages_armhf[@]}" cpio dosfstools e2fsprogs exfatprogs fdisk kmod qemu-system-arm)
 packages_fuzz=(clang libclang-rt-dev)
 packages_check=(clang-format clang-tidy git pkgconf shellcheck)
-packages_docs=(doxygen graphviz)
+packages_docs=(doxygen doxygen-awesome-css graphviz)
 # To build libsmb2 itself, where it has to be.
 packages_libsmb2=(build-essential debhelper debian-archive-keyring libkrb5-dev)
 packages_package=(build-essential debhelper git lintian "${packages_docs[@]}")
