@@ -19,8 +19,8 @@ Card& Card::instance() {
 Card::Card()
     : m_root(directoryTemplate()), m_systemClip((m_root.path() + clipPath).toStdString()),
       m_switch(oru::io::FSSwitch::SPtr::create()), m_adapter(m_switch) {
-    // Of mount points of the same length, the one added last stands first in the table and is the
-    // last that a lookup comes to.
+    // Of mount points of equal length, the one added last is the first in the table, which a lookup
+    // compares last.
     for (int number = 8; number >= 1; --number) {
         const QString mountPoint = QStringLiteral("/media/sd%1").arg(number);
         m_switch->add(mountPoint, oru::io::PosixFS::SPtr::create(m_root.path() + mountPoint));

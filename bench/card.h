@@ -8,15 +8,15 @@
 
 #include <string>
 
-/// A directory on the disk that stands for a memory card, in one of eight places of a mount switch.
+/// A directory on the disk that represents a memory card, at one of eight mount points of a switch.
 class Card {
 public:
-    /// The one card, made on first use and removed at the end of the program.
+    /// The only card, created on first use and removed at the end of the program.
     static Card& instance();
 
-    /// Served by the switch, through the mount that its lookup tries last.
+    /// On the switch. A lookup compares the card's mount point last.
     oru::io::FDAdapter& adapter();
-    /// A clip of 2 MiB, as the adapter and as the system know it.
+    /// The path of a clip of 2 MiB, in the adapter and in the system.
     const char* clip() const;
     const char* systemClip() const;
 

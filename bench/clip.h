@@ -1,4 +1,4 @@
-// A clip, which benchmarks read and write from its beginning to its end.
+// A clip that benchmarks read and write sequentially.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -13,13 +13,13 @@ struct alignas(4096) Piece {
     std::array<char, mebi> bytes;
 };
 
-/// What an application reads into and writes from.
+/// The memory of the application: destination of reads, source of writes.
 inline char* applicationMemory() {
     static Piece piece;
     return piece.bytes.data();
 }
 
-/// Calls `rewind` before every beginning of the clip and `move` for each of its pieces.
+/// Calls `rewind` before each pass over the clip and `move` for each of its pieces.
 template <class Rewind, class Move>
 void moveClip(benchmark::State& state, Rewind rewind, Move move) {
     int piece = 0;
@@ -33,9 +33,9 @@ void moveClip(benchmark::State& state, Rewind rewind, Move move) {
     state.SetBytesProcessed(state.iterations() * mebi);
 }
 
-/// How often a benchmark plays the clip. All of it, so that both sides of a comparison find equally
-/// much in the processor's caches.
-constexpr int lapsOfClip = 2;
+/// The number of passes over the clip in a benchmark. Only whole passes, so that both sides of a
+/// comparison find the same amount of data in the processor's caches.
+constexpr int passesOverClip = 2;
 inline void clipRounds(benchmark::internal::Benchmark* clip) {
-    clip->UseRealTime()->Iterations(lapsOfClip * piecesOfClip);
+    clip->UseRealTime()->Iterations(passesOverClip * piecesOfClip);
 }

@@ -1,4 +1,4 @@
-// How opening and closing a file depends on the number of descriptors in use.
+// The cost of opening and closing a file, depending on the number of open descriptors.
 #include "card.h"
 
 #include <oruio/posixfs.h>
@@ -13,11 +13,11 @@ namespace {
 
 using benchmark::State;
 
-/// Files without anything behind them: they fill the library's table, which all adapters share, and
-/// leave the system's table alone. That one has costs of its own.
-class HollowFS : public oru::io::PosixFS {
+/// Opens files without system descriptors. They fill the library's table, which all adapters share,
+/// but not the system's table, whose cost also depends on its size.
+class NullFS : public oru::io::PosixFS {
 public:
-    HollowFS() : PosixFS(QString()) {}
+    NullFS() : PosixFS(QString()) {}
 
     QSharedPointer<oru::io::File> open(QString, int, int) override {
         return QSharedPointer<oru::io::PosixFile>::create(-1);
@@ -26,7 +26,7 @@ public:
 
 class OpenDescriptors {
 public:
-    explicit OpenDescriptors(int count) : m_adapter(QSharedPointer<HollowFS>::create()) {
+    explicit OpenDescriptors(int count) : m_adapter(QSharedPointer<NullFS>::create()) {
         for (int i = 0; i < count; ++i)
             m_descriptors.push_back(m_adapter.open("/", O_RDONLY, 0));
     }
@@ -53,7 +53,8 @@ void openCloseBeside(State& state, int count) {
     }
 }
 
-// A fixed number of iterations: to find one out, the table would be filled again and again.
+// A fixed number of iterations: otherwise the framework fills the table several times to choose
+// one.
 constexpr int iterations = 5000;
 BENCHMARK_CAPTURE(openCloseBeside, 10, 10)->Name("open_close/10_open")->Iterations(iterations);
 BENCHMARK_CAPTURE(openCloseBeside, 100000, 100'000)

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// On the disk at the end, so that nothing is written there while something is measured.
+/// Also syncs the file, so that it is not written back during a measurement.
 bool isMade(const QString& path, int size) {
     QFile file(path);
     return QDir().mkpath(QFileInfo(path).path()) && file.open(QFile::WriteOnly) &&
@@ -21,14 +21,14 @@ bool isMade(const QString& path, int size) {
 } // namespace
 
 QString directoryTemplate() {
-    // Not /tmp, which may well be in memory only, unless it is asked for.
+    // The default is not /tmp, which may be in memory.
     return qEnvironmentVariable("TMPDIR", QStringLiteral("/var/tmp")) + "/oruio-bench-XXXXXX";
 }
 
 void makeFile(QTemporaryDir& root, const QString& path, int size) {
     if (root.isValid() && isMade(root.path() + path, size))
         return;
-    std::fprintf(stderr, "cannot make a file in %s\n", qUtf8Printable(root.path()));
+    std::fprintf(stderr, "cannot create a file in %s\n", qUtf8Printable(root.path()));
     root.remove();
     std::exit(1);
 }

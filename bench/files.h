@@ -3,9 +3,9 @@
 
 #include <QTemporaryDir>
 
-/// For a directory on the disk.
+/// The template of QTemporaryDir for a directory on the disk.
 QString directoryTemplate();
 
-/// Makes a file of `size` bytes, and the directories that lead to it, in `root`. Where that fails,
-/// there is nothing to measure: says so, removes `root` and ends the program.
+/// Creates a file of `size` bytes, and its parent directories, in `root`. On failure, prints an
+/// error, removes `root` and exits with status 1.
 void makeFile(QTemporaryDir& root, const QString& path, int size);

@@ -1,15 +1,15 @@
-// Another program that takes part in a benchmark.
+// A helper process of a benchmark.
 #pragma once
 
 #include <QProcess>
 
-/// Ends with this object, and also when the benchmarks end without destroying it.
+/// The process ends with this object. It also ends if the benchmarks die first.
 class Helper : public QProcess {
 public:
     ~Helper() override;
 
-    /// Starts a program that prints a line when it is ready and ends with its standard input.
-    /// \returns whether it came so far.
+    /// Starts a program that prints a line when it is ready and exits at the end of its standard
+    /// input. \returns whether it is ready.
     bool startUntilReady(const QString& program, const QStringList& arguments);
 
 protected:

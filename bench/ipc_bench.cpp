@@ -1,4 +1,4 @@
-// What the way to a file system in another process costs.
+// The cost of calls on a file system in another process.
 #include "clip.h"
 #include "mirror.h"
 #include "placement.h"
@@ -17,7 +17,7 @@ namespace {
 
 using benchmark::State;
 
-/// Without anything for the file system to do.
+/// A request for which the file system does nothing.
 void exchange(State& state) {
     const Placement placement(Placement::Together);
     const auto clip = Service::instance().fs().open(Service::instance().clip(), O_RDONLY, 0);
@@ -29,9 +29,9 @@ void exchange(State& state) {
 
 void bareExchange(State& state) {
     const Placement placement(Placement::Together);
-    PingPong& game = Service::instance().pingPong();
+    PingPong& pingPong = Service::instance().pingPong();
     for (auto _ : state) {
-        if (sem_post(&game.ping) != 0 || sem_wait(&game.pong) != 0)
+        if (sem_post(&pingPong.ping) != 0 || sem_wait(&pingPong.pong) != 0)
             state.SkipWithError("semaphores failed");
     }
 }
@@ -50,7 +50,7 @@ void statThroughService(State& state) {
 bool hasMirror(State& state) {
     const std::string& lastError = Mirror::instance().lastError();
     if (!lastError.empty())
-        leaveOut(state, "comparison with a FUSE pass-through: " + lastError);
+        skip(state, "comparison with a FUSE pass-through: " + lastError);
     return lastError.empty();
 }
 
@@ -88,16 +88,16 @@ void openCloseThroughMirror(State& state) {
     }
 }
 
-/// What stands for the service's data buffer where there is no service.
-char* memoryToMemory() {
+/// The memory that replaces the service's data buffer in the comparison.
+char* intermediateMemory() {
     static Piece piece;
     return piece.bytes.data();
 }
 
 void readThroughService(State& state, Placement::Where where) {
     const Placement placement(where);
-    if (!placement.isDone())
-        return leaveOut(state, "transfers between two processors: there is only one");
+    if (!placement.isBound())
+        return skip(state, "transfers between two processors: there is only one");
     const auto clip = Service::instance().fs().open(Service::instance().clip(), O_RDONLY, 0);
     moveClip(
         state, [&] { return clip->lseek(0, SEEK_SET); },
@@ -106,8 +106,8 @@ void readThroughService(State& state, Placement::Where where) {
 
 void writeThroughService(State& state, Placement::Where where) {
     const Placement placement(where);
-    if (!placement.isDone())
-        return leaveOut(state, "transfers between two processors: there is only one");
+    if (!placement.isBound())
+        return skip(state, "transfers between two processors: there is only one");
     const auto clip = Service::instance().fs().open(Service::instance().clip(), O_WRONLY, 0);
     moveClip(
         state, [&] { return clip->lseek(0, SEEK_SET); },
@@ -121,9 +121,9 @@ void readAndCopy(State& state) {
     moveClip(
         state, [&] { return position = 0; },
         [&] {
-            const ssize_t count = pread(fd, memoryToMemory(), mebi, position);
+            const ssize_t count = pread(fd, intermediateMemory(), mebi, position);
             position += mebi;
-            std::memcpy(applicationMemory(), memoryToMemory(), mebi);
+            std::memcpy(applicationMemory(), intermediateMemory(), mebi);
             benchmark::ClobberMemory();
             return count;
         });
@@ -137,16 +137,16 @@ void copyAndWrite(State& state) {
     moveClip(
         state, [&] { return position = 0; },
         [&] {
-            std::memcpy(memoryToMemory(), applicationMemory(), mebi);
+            std::memcpy(intermediateMemory(), applicationMemory(), mebi);
             benchmark::ClobberMemory();
-            const ssize_t count = pwrite(fd, memoryToMemory(), mebi, position);
+            const ssize_t count = pwrite(fd, intermediateMemory(), mebi, position);
             position += mebi;
             return count;
         });
     close(fd);
 }
 
-// Part of the work is another process's: its time is only seen in real time.
+// Another process does part of the work, so only real time includes it.
 BENCHMARK(exchange)->Name("exchange/ipc")->UseRealTime();
 BENCHMARK(bareExchange)->Name("exchange/semaphores")->UseRealTime();
 BENCHMARK(statThroughService)->Name("stat/ipc")->UseRealTime();

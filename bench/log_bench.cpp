@@ -1,4 +1,4 @@
-// What a log message costs that nobody wants to see.
+// The cost of a log message below the threshold.
 #include <benchmark/benchmark.h>
 
 #include "core/log_p.h"
@@ -11,8 +11,8 @@ namespace {
 
 using benchmark::State;
 
-/// Takes what the logging function takes and does nothing, so that what is left of the difference
-/// is the decision to drop the message.
+/// Takes the arguments of the logging function and does nothing. The difference between the two
+/// benchmarks is the cost of the decision to drop the message.
 __attribute__((noinline, format(printf, 5, 6))) void emptyCall(int, int, const char*, int,
                                                                const char*, ...) {
     asm volatile("");

@@ -1,7 +1,7 @@
-// Runs all benchmarks and compares what they measured with the targets.
+// Runs all benchmarks and compares the results with the targets.
 //
-// Takes the options of Google Benchmark. A missed target is reported, and is no error, nor is what
-// has to be left out on this machine: only a benchmark that fails makes the exit status 1.
+// Takes the options of Google Benchmark. The exit status is 1 only if a benchmark fails. A missed
+// target and a benchmark that this machine cannot run are reported, but are not errors.
 #include "report.h"
 
 #include <benchmark/benchmark.h>
@@ -10,14 +10,14 @@
 
 namespace {
 
-// What the machine does beside the benchmarks should meet both sides of a comparison alike. So
-// there are many rounds, and each runs all benchmarks one after the other, for a short time, in
-// another order: the second of two that do the same finds the processor's caches warmer.
+// Other load on the machine should affect both sides of a comparison equally. So there are many
+// rounds, and each runs all benchmarks for a short time. The order differs between rounds, because
+// the second of two similar benchmarks finds the processor's caches warmer.
 constexpr int rounds = 51;
 char minTime[] = "--benchmark_min_time=0.01";
 char anyOrder[] = "--benchmark_enable_random_interleaving=true";
 
-/// The command line behind the defaults of this program, so that it prevails.
+/// The command line, after the defaults of this program, so that it overrides them.
 std::vector<char*> withDefaults(int argc, char* argv[]) {
     std::vector<char*> arguments{argv[0], minTime, anyOrder};
     arguments.insert(arguments.end(), argv + 1, argv + argc);

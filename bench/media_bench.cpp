@@ -1,6 +1,6 @@
-// What the library makes of udev's messages and of the mount table, beside libudev and the C
-// library alone. The devices are umockdev's, which makes both sides slower alike: so they have a
-// program to themselves.
+// The cost of processing udev's messages and the mount table, compared with libudev and the C
+// library alone. The devices are simulated by umockdev, which slows down both sides of a
+// comparison. So these benchmarks are a program of their own.
 #include "report.h"
 
 #include "support/system/isolation.h"
@@ -34,22 +34,22 @@ constexpr int devices = disks * (1 + partitionsOfDisk);
 constexpr int events = 100;
 constexpr int mounts = 10'000;
 
-// Before there are threads.
+// Initialised before other threads exist.
 const bool isIsolated = oru::io::test::isolate(oru::io::test::Namespaces::MountAndNetwork);
 
-/// The system that both sides see.
+/// The simulated system of both sides.
 class Media {
 public:
     static Media& instance() {
         static Media media;
         return media;
     }
-    /// How many of udev's messages may wait to be received.
+    /// The maximum number of udev's messages in the queue of a socket.
     static int queueLength() {
         QFile limit(QStringLiteral("/proc/sys/net/unix/max_dgram_qlen"));
         return limit.open(QFile::ReadOnly) ? limit.readAll().trimmed().toInt() : 0;
     }
-    /// Queues as many messages as are received at a time.
+    /// Queues the messages for one update.
     void sendEvents() {
         for (int i = 0; i < events; ++i)
             umockdev_testbed_uevent(m_testbed, m_lastDisk.constData(), "change");
@@ -74,7 +74,7 @@ private:
     }
     Q_DISABLE_COPY(Media)
 
-    // Without a node in /dev: opening one takes umockdev many times as long as the kernel.
+    // Without a node in /dev: opening one takes much longer in umockdev than in the kernel.
     void addDisk(int number) {
         const QByteArray name = "disk" + QByteArray::number(number);
         const QByteArray path = "pci-0000:00:14.0-usb-0:" + QByteArray::number(number);
@@ -83,8 +83,8 @@ private:
             char* const added = umockdev_testbed_add_device(
                 m_testbed, "block", device.constData(), parent, nullptr, // no attributes
                 "DEVTYPE", type, "ID_PATH", path.constData(), "PARTN", partition, "ID_BUS", "usb",
-                "ID_MODEL", "Flash_Disk", "ID_FS_TYPE", "vfat", "ID_FS_LABEL", "FILM", "ID_FS_UUID",
-                "12AB-34CD", "ID_FS_VERSION", "FAT32", "ID_PART_ENTRY_OFFSET", "8192",
+                "ID_MODEL", "Flash_Disk", "ID_FS_TYPE", "vfat", "ID_FS_LABEL", "CLIPS",
+                "ID_FS_UUID", "12AB-34CD", "ID_FS_VERSION", "FAT32", "ID_PART_ENTRY_OFFSET", "8192",
                 "ID_PART_ENTRY_SIZE", "15523840", "ID_PART_ENTRY_TYPE", "0xc", "ID_PART_TABLE_TYPE",
                 "dos", nullptr);
             QByteArray result = added;
@@ -100,7 +100,7 @@ private:
     QByteArray m_lastDisk;
 };
 
-/// What came, by the monitor.
+/// Counts the events that the monitor reports.
 class Received {
 public:
     Received()
@@ -117,8 +117,8 @@ private:
     const QMetaObject::Connection m_connection;
 };
 
-/// Looks at every property. \returns whether there is an ID_PATH.
-bool look(udev_device* device) {
+/// Reads every property. \returns whether there is an ID_PATH.
+bool readProperties(udev_device* device) {
     bool hasPath = false;
     udev_list_entry* entry = udev_device_get_properties_list_entry(device);
     for (; entry; entry = udev_list_entry_get_next(entry)) {
@@ -160,7 +160,7 @@ void startByLibudev(State& state) {
         for (; entry; entry = udev_list_entry_get_next(entry)) {
             udev_device* const device =
                 udev_device_new_from_syspath(context, udev_list_entry_get_name(entry));
-            found += look(device);
+            found += readProperties(device);
             udev_device_unref(device);
         }
         udev_enumerate_unref(present);
@@ -174,7 +174,7 @@ void startByLibudev(State& state) {
 bool hasQueue(State& state) {
     const bool result = isIsolated && Media::queueLength() > events;
     if (!result)
-        leaveOut(state, "udev's messages: no privilege to have a longer queue for them");
+        skip(state, "udev's messages: a longer queue for them needs root");
     return result;
 }
 
@@ -207,14 +207,14 @@ void updateByLibudev(State& state) {
         media.sendEvents();
         state.ResumeTiming();
         while (udev_device* const device = udev_monitor_receive_device(monitor)) {
-            found += look(device);
+            found += readProperties(device);
             udev_device_unref(device);
             const int fd = udev_monitor_get_fd(monitor);
             fd_set readable;
             FD_ZERO(&readable);
             FD_SET(fd, &readable);
-            timeval atOnce = {0, 0};
-            select(fd + 1, &readable, nullptr, nullptr, &atOnce);
+            timeval noWait = {0, 0};
+            select(fd + 1, &readable, nullptr, nullptr, &noWait);
         }
     }
     udev_monitor_unref(monitor);

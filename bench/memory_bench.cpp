@@ -1,4 +1,4 @@
-// How much memory the serving process takes while nothing is connected.
+// The memory of the serving process while no client is connected.
 #include "helper.h"
 #include "mounts.h"
 #include "report.h"
@@ -15,7 +15,7 @@ namespace {
 
 using benchmark::State;
 
-/// With an own /dev/shm, so that it need not be the system's only server.
+/// Has a private /dev/shm, so that it can run beside another server.
 class SeparateHelper : public Helper {
 protected:
     void setupChildProcess() override {
@@ -25,8 +25,8 @@ protected:
     }
 };
 
-/// What of a process is in memory, shared with others or not, except for the service's block, which
-/// is the same memory for server and client. In KiB; 0 when it cannot be read.
+/// The resident memory of a process, shared or not, in KiB; 0 if it cannot be read. The service's
+/// block is not included, because it is the same memory for server and client.
 double residentKibi(qint64 process) {
     std::ifstream mappings("/proc/" + std::to_string(process) + "/smaps");
     bool isBlock = false;
@@ -46,7 +46,7 @@ double residentKibi(qint64 process) {
 
 void resident(State& state, const char* program) {
     if (!hasPrivateMounts())
-        return leaveOut(state, "memory of a server: no privilege to run one beside another");
+        return skip(state, "memory of a server: running a second server needs root");
     for (auto _ : state) {
         SeparateHelper helper;
         const bool isReady = helper.startUntilReady(program, {"/"});

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// In the private memory file system, which it goes away with.
+/// In the private memory file system, so it is removed with that.
 constexpr char mountPoint[] = "/dev/shm/mirror";
 
 bool isMounted() {
@@ -33,7 +33,7 @@ Mirror::~Mirror() {
         umount2(mountPoint, MNT_DETACH);
 }
 
-/// \returns why it failed, or nothing.
+/// \returns why it failed, empty on success.
 std::string Mirror::mount() {
     const QString directory = Service::instance().systemDirectory();
     if (!hasPrivateMounts())

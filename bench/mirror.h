@@ -1,22 +1,22 @@
-// The served directory once more, through a FUSE file system.
+// The served directory, accessed through a FUSE file system.
 #pragma once
 
 #include "helper.h"
 
 #include <string>
 
-/// A mount of the service's directory by bindfs, which passes everything on. The kernel keeps
-/// nothing in its caches, as the service keeps nothing in the client.
+/// A mount of the service's directory by bindfs, which passes all calls on. The kernel caches
+/// nothing of it, as the client of the service caches nothing.
 class Mirror {
 public:
-    /// The one mirror, mounted on first use and gone with the program.
+    /// The only mirror, mounted on first use and unmounted at the end of the program.
     static Mirror& instance();
 
     ~Mirror();
 
-    /// Why there is none, empty if there is.
+    /// Why it could not be mounted; empty on success.
     const std::string& lastError() const;
-    /// The service's clip.
+    /// The path of the service's clip in this mount.
     std::string clip() const;
 
 private:

@@ -1,11 +1,9 @@
-// Mounts that only this program sees.
+// A private mount namespace.
 #pragma once
 
-/// Gives the calling process mounts of its own, with an empty memory file system on /dev/shm: what
-/// it and the programs that it starts do there meets nobody else's, and is gone with the last of
-/// them. Takes a privileged user. \returns whether it worked; if not, nothing is different. May be
-/// called between fork(2) and exec(3).
+/// Moves the calling process to a private mount namespace with an empty memory file system on
+/// /dev/shm. Needs root. May be called between fork(2) and exec(3). \returns whether it succeeded.
 bool enterPrivateMounts();
 
-/// The same for this process, on the first call. \returns whether it worked then.
+/// Calls enterPrivateMounts() on the first call. \returns whether that succeeded.
 bool hasPrivateMounts();

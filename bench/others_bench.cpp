@@ -1,4 +1,4 @@
-// The same question, size and time of a file, put to other libraries.
+// Size and time of a file, queried through other libraries.
 #include "card.h"
 
 #include <benchmark/benchmark.h>

@@ -1,17 +1,16 @@
-// What the benchmarks and the serving process share beside the service itself.
+// Two semaphores that the benchmarks and the serving process share.
 #pragma once
 
 #include <semaphore.h>
 #include <sys/mman.h>
 
-/// The least that an exchange between two processes takes: one posts `ping`, the other answers with
-/// `pong`.
+/// The minimal exchange between two processes: one posts `ping`, the other responds with `pong`.
 struct PingPong {
     sem_t ping;
     sem_t pong;
 };
 
-/// The one in a file of shared memory. \returns null when that fails.
+/// Maps the PingPong in a file of shared memory. \returns null on failure.
 inline PingPong* mapPingPong(int fd) {
     void* const address =
         mmap(nullptr, sizeof(PingPong), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);

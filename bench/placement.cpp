@@ -11,7 +11,7 @@ cpu_set_t allowed() {
     return set;
 }
 
-/// The processors that the program was started with.
+/// The processors that this program may use.
 std::vector<int> findProcessors() {
     const cpu_set_t set = allowed();
     std::vector<int> found;
@@ -24,14 +24,14 @@ std::vector<int> findProcessors() {
 
 } // namespace
 
-Placement::Placement(Where where) : m_before(allowed()), m_isDone(bind(where)) {}
+Placement::Placement(Where where) : m_before(allowed()), m_isBound(bind(where)) {}
 
 Placement::~Placement() {
     sched_setaffinity(0, sizeof m_before, &m_before);
 }
 
-bool Placement::isDone() const {
-    return m_isDone;
+bool Placement::isBound() const {
+    return m_isBound;
 }
 
 bool Placement::bind(Where where) {

@@ -1,11 +1,11 @@
-// Which processor a benchmark runs on.
+// Binds a benchmark to a processor.
 #pragma once
 
 #include <sched.h>
 
-/// Binds this thread to a processor for the time of a benchmark that other processes take part in.
-/// Left alone, the system may put them beside each other or not, and a processor that wakes up from
-/// idling can take longer than everything that is to be measured.
+/// Binds this thread to a processor during a benchmark with other processes. Otherwise the
+/// scheduler decides whether they share a processor, and waking an idle processor can take longer
+/// than the measured operation.
 class Placement {
 public:
     enum Where {
@@ -16,10 +16,10 @@ public:
     explicit Placement(Where where);
     ~Placement();
 
-    /// Whether there is such a processor.
-    bool isDone() const;
+    /// Whether there is such a processor, and the thread is bound to it.
+    bool isBound() const;
 
-    /// Binds the calling thread to a processor for good. \returns whether there is one.
+    /// Binds the calling thread permanently. \returns whether there is such a processor.
     static bool bind(Where where);
 
 private:
@@ -27,5 +27,5 @@ private:
     Placement& operator=(const Placement&) = delete;
 
     cpu_set_t m_before;
-    bool m_isDone;
+    bool m_isBound;
 };

@@ -7,8 +7,8 @@
 
 namespace {
 
-/// Begins the error message of a benchmark that was left out.
-constexpr char leftOut[] = "left out: ";
+/// The start of the error message of a skipped benchmark.
+constexpr char skippedPrefix[] = "skipped: ";
 
 double median(std::vector<double> values) {
     const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
@@ -18,7 +18,7 @@ double median(std::vector<double> values) {
 
 constexpr char speedCounter[] = "bytes_per_second";
 
-/// What a run measured, in the unit that it is shown in.
+/// The result of a run, in the unit of the report.
 double result(const benchmark::BenchmarkReporter::Run& run) {
     const auto resident = run.counters.find(residentCounter);
     if (resident != run.counters.end())
@@ -31,7 +31,7 @@ double result(const benchmark::BenchmarkReporter::Run& run) {
     return time / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
 }
 
-/// The processor time that a run took for each GiB, in milliseconds.
+/// The processor time of a run per GiB, in milliseconds.
 double processorTime(const benchmark::BenchmarkReporter::Run& run, double speed) {
     const double gibiBytes = speed * run.real_accumulated_time / (1 << 30);
     return run.cpu_accumulated_time * 1e3 / gibiBytes;
@@ -104,8 +104,8 @@ void printRow(const Target& target, double measured, double reference) {
 
 } // namespace
 
-void leaveOut(benchmark::State& state, const std::string& why) {
-    state.SkipWithError((leftOut + why).c_str());
+void skip(benchmark::State& state, const std::string& why) {
+    state.SkipWithError((skippedPrefix + why).c_str());
 }
 
 bool Report::ReportContext(const Context& context) {
@@ -137,16 +137,16 @@ const Report::Results& Report::resultsFor(const Target& target) const {
 }
 
 void Report::reportError(const Run& run) {
-    if (run.error_message.rfind(leftOut, 0) != 0) {
+    if (run.error_message.rfind(skippedPrefix, 0) != 0) {
         GetErrorStream() << run.benchmark_name().c_str() << ": " << run.error_message << '\n';
         m_hasErrors = true;
-    } else if (m_leftOut.insert(run.error_message).second) {
+    } else if (m_skipped.insert(run.error_message).second) {
         GetErrorStream() << run.error_message << '\n';
     }
 }
 
 void Report::printTargets() const {
-    std::printf("| %-68s | %13s | %13s | %-10s | %-16s | %-7s |\n", "what", "measured", "beside",
+    std::printf("| %-68s | %13s | %13s | %-10s | %-16s | %-7s |\n", "what", "measured", "reference",
                 "result", "target", "verdict");
     std::puts("|---|---:|---:|---:|---|---|");
     for (const Target& target : targets()) {

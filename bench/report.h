@@ -1,4 +1,4 @@
-// The report at the end of a run: each target beside what was measured.
+// The report at the end of a run: the result for each target.
 #pragma once
 
 #include "targets.h"
@@ -13,21 +13,22 @@
 /// The user counter of a benchmark that measures memory, in KiB.
 constexpr char residentCounter[] = "resident";
 
-/// Ends a benchmark that cannot run on this machine, which is no error. `why` is shown once.
-void leaveOut(benchmark::State& state, const std::string& why);
+/// Skips a benchmark that cannot run on this machine, which is not an error. `why` is printed once.
+void skip(benchmark::State& state, const std::string& why);
 
-/// Collects what each benchmark measured in each round: memory; else bytes per second, where it
-/// counts bytes; else nanoseconds, of processor time, or of real time where it asks for that. Of
-/// benchmarks that count bytes also the processor time of their thread per GiB.
+/// Collects one result per benchmark and round:
+/// - memory, if the benchmark has residentCounter
+/// - bytes per second, if it counts bytes; and the processor time of its thread per GiB
+/// - otherwise nanoseconds, of real time with UseRealTime(), else of processor time
 class Report : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context& context) override;
     void ReportRuns(const std::vector<Run>& runs) override;
 
-    /// Prints the targets as a Markdown table. Those that the run left out are not shown.
+    /// Prints the targets as a Markdown table, without those whose benchmarks did not run.
     void printTargets() const;
 
-    /// Whether anything was measured: not so if the benchmarks were only listed, or none selected.
+    /// Whether there are results. There are none if benchmarks were only listed, or none selected.
     bool hasResults() const;
     /// Whether a benchmark failed.
     bool hasErrors() const;
@@ -41,7 +42,7 @@ private:
 
     Results m_results;
     Results m_processorTimes; // in milliseconds per GiB
-    std::set<std::string> m_leftOut;
+    std::set<std::string> m_skipped;
     bool m_contextIsShown = false;
     bool m_hasErrors = false;
 };

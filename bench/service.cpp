@@ -14,7 +14,8 @@ namespace {
 
 constexpr char clipPath[] = "/clip.mov";
 
-/// Memory for a PingPong that programs started later inherit. \returns its descriptor, or -1.
+/// Creates memory for a PingPong. Programs started later inherit the descriptor. \returns it, or
+/// -1.
 int makeSharedMemory() {
     const int fd = memfd_create("oruio-bench", 0);
     return fd != -1 && ftruncate(fd, sizeof(PingPong)) == 0 ? fd : -1;
@@ -29,7 +30,7 @@ Service& Service::instance() {
 
 Service::Service() : m_directory(directoryTemplate()) {
     makeFile(m_directory, clipPath, clipSize);
-    // There is one service on a system: without mounts of its own, this one is that.
+    // A system has only one service. Without a private namespace this is the system's.
     hasPrivateMounts();
     const int shared = makeSharedMemory();
     m_pingPong = mapPingPong(shared);
@@ -40,7 +41,7 @@ Service::Service() : m_directory(directoryTemplate()) {
                           m_client.connect(1, nullptr) == 0;
     close(shared);
     if (!isServed) {
-        std::fprintf(stderr, "cannot begin the file service\n");
+        std::fprintf(stderr, "cannot start the file service\n");
         m_directory.remove();
         std::exit(1);
     }

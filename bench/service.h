@@ -1,4 +1,4 @@
-// The file service between processes, with both of its ends.
+// The file service between processes, with both ends.
 #pragma once
 
 #include "helper.h"
@@ -10,20 +10,20 @@
 
 #include <string>
 
-/// A directory on the disk that another process serves, with one clip in it.
+/// A directory on the disk with one clip, served by another process.
 class Service {
 public:
-    /// The one service, begun on first use and ended with the program.
+    /// The only service, started on first use, stopped at the end of the program.
     static Service& instance();
 
     ~Service();
 
-    /// The client, connected.
+    /// The connected client.
     oru::io::FS& fs();
-    /// What the serving process plays as well.
+    /// The serving process responds on these semaphores too.
     PingPong& pingPong();
 
-    /// A clip of clipSize bytes, as the client and as the system know it.
+    /// The path of a clip of clipSize bytes, in the client and in the system.
     QString clip() const;
     std::string systemClip() const;
     QString systemDirectory() const;

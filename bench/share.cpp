@@ -8,7 +8,7 @@
 
 #include <ctime>
 
-// libsmb2's headers want these first.
+// libsmb2's headers need these first.
 #include <smb2/smb2.h>
 
 #include <smb2/libsmb2.h>
@@ -21,7 +21,7 @@ using oru::io::test::SmbServer;
 constexpr char shareName[] = "clips";
 constexpr int timeoutSeconds = 30;
 
-/// Serves a clip in `directory`, on the processor of the helpers.
+/// Starts a server for `directory`, with a clip in it, on the processor of the helpers.
 SmbServer serve(QTemporaryDir& directory) {
     makeFile(directory, QStringLiteral("/") + Share::clip, clipSize);
     SmbServer::Options options;

@@ -1,4 +1,4 @@
-// A share of an SMB server, and the ways to it that are compared.
+// A share of an SMB server, and connections to it through the compared clients.
 #pragma once
 
 #include "support/system/smbserver.h"
@@ -11,12 +11,11 @@
 #include <memory>
 #include <string>
 
-/// A directory on the disk that a server on this machine shares, with one clip in it.
+/// A directory on the disk with one clip, shared by a server on this machine.
 ///
-/// Every benchmark makes a connection of its own, and drops it at its end. How much a connection
-/// carries at a time grows with its use, and not always alike: one that were kept could be slow, or
-/// fast, from the first round to the last. Before there is a new one, the server gets the time that
-/// it takes to end the one before.
+/// Each benchmark makes a connection and closes it at its end. The throughput of a connection grows
+/// with its use, and not always equally: a permanent connection could be slow, or fast, in all
+/// rounds. A new connection waits until the server has ended the previous one.
 class Share {
 public:
     struct ContextDeleter {
@@ -24,20 +23,20 @@ public:
     };
     using Context = std::unique_ptr<smb2_context, ContextDeleter>;
 
-    /// The one share, served from its first use to the end of the program.
+    /// The only share, served from its first use to the end of the program.
     static Share& instance();
 
-    /// Why there is none, empty if there is.
+    /// Why it cannot be served; empty on success.
     const std::string& lastError() const;
 
-    /// Connects with the library. \returns null when that fails.
+    /// Connects with the library. \returns null on failure.
     std::unique_ptr<oru::io::Smb2FS> connect() const;
-    /// Connects with libsmb2 alone, in the same dialect. \returns null when that fails.
+    /// Connects with libsmb2 alone, in the same dialect. \returns null on failure.
     Context connectLibsmb2() const;
-    /// What smbclient has to be called with to connect.
+    /// The arguments of smbclient to connect.
     QStringList smbclientArguments() const;
 
-    /// A clip of clipSize bytes, as all of them know it.
+    /// The path of a clip of clipSize bytes, for all clients.
     static constexpr char clip[] = "clip.mov";
 
 private:
@@ -48,6 +47,6 @@ private:
 
     QTemporaryDir m_directory;
     oru::io::test::SmbServer m_server;
-    const int m_idleProcesses; // those that do not serve a connection
+    const int m_idleProcesses; // processes of the server without a connection
     const std::string m_lastError;
 };

@@ -1,4 +1,4 @@
-// What the way to a share of an SMB server costs, beside that of other clients.
+// The cost of calls on a share of an SMB server, compared with other clients.
 #include "clip.h"
 #include "placement.h"
 #include "report.h"
@@ -15,7 +15,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-// libsmb2's headers want these first.
+// libsmb2's headers need these first.
 #include <smb2/smb2.h>
 
 #include <smb2/libsmb2.h>
@@ -25,15 +25,15 @@ namespace {
 using benchmark::State;
 
 bool isPlaced(State& state, const Placement& placement) {
-    if (!placement.isDone())
-        leaveOut(state, "transfers between two processors: there is only one");
-    return placement.isDone();
+    if (!placement.isBound())
+        skip(state, "transfers between two processors: there is only one");
+    return placement.isBound();
 }
 
 bool hasShare(State& state) {
     const std::string& lastError = Share::instance().lastError();
     if (!lastError.empty())
-        leaveOut(state, "shares of an SMB server: " + lastError);
+        skip(state, "shares of an SMB server: " + lastError);
     return lastError.empty();
 }
 
@@ -80,12 +80,12 @@ std::uint8_t* applicationBytes() {
     return reinterpret_cast<std::uint8_t*>(applicationMemory());
 }
 
-/// All of a piece with one call, which makes one request of it.
+/// Reads a piece with one call, which sends one request.
 int readPiece(smb2_context* context, smb2fh* clip) {
     return smb2_read(context, clip, applicationBytes(), mebi);
 }
 
-/// A piece in requests of the size that the library makes of it.
+/// Writes a piece in requests of the size that the library uses.
 int writePiece(smb2_context* context, smb2fh* clip) {
     constexpr unsigned request = 64U << 10;
     for (unsigned done = 0; done < mebi; done += request) {
@@ -121,9 +121,9 @@ void statByLibsmb2(State& state) {
     }
 }
 
-/// Gets the clip as often as the other benchmarks read it. \returns how long that took by
-/// smbclient's own account, which is that of the transfers alone: to start and to connect is not in
-/// it, as it is not in the time of the others. 0, with an error in `state`, when it failed.
+/// Gets the clip as often as the other benchmarks read it. \returns the time that smbclient
+/// reports. This covers only the transfers, without starting and connecting, as in the other
+/// benchmarks. 0, with an error in `state`, on failure.
 double getBySmbclient(State& state) {
     const QString get = QStringLiteral("get %1 /dev/null;").arg(Share::clip);
     QProcess smbclient;
@@ -132,13 +132,13 @@ double getBySmbclient(State& state) {
     smbclient.setProcessEnvironment(environment);
     smbclient.setProcessChannelMode(QProcess::MergedChannels);
     smbclient.start("smbclient", Share::instance().smbclientArguments()
-                                     << "-c" << get.repeated(lapsOfClip));
+                                     << "-c" << get.repeated(passesOverClip));
     if (!smbclient.waitForStarted()) {
-        leaveOut(state, "comparison with smbclient: it is not installed");
+        skip(state, "comparison with smbclient: smbclient is not installed");
         return 0;
     }
     smbclient.waitForFinished();
-    // It ends with "(average 1542023.5 KiloBytes/sec)".
+    // The output ends with "(average 1542023.5 KiloBytes/sec)".
     const QByteArray output = smbclient.readAll();
     const QList<QByteArray> words = output.simplified().split(' ');
     const double speed = words.value(words.size() - 2).toDouble();
@@ -146,7 +146,7 @@ double getBySmbclient(State& state) {
         state.SkipWithError(("smbclient failed: " + output.toStdString()).c_str());
         return 0;
     }
-    constexpr double kibiBytes = double{lapsOfClip} * clipSize / 1024;
+    constexpr double kibiBytes = double{passesOverClip} * clipSize / 1024;
     return kibiBytes / speed;
 }
 
@@ -156,14 +156,14 @@ void readBySmbclient(State& state) {
         return;
     for (auto _ : state)
         state.SetIterationTime(getBySmbclient(state));
-    state.SetBytesProcessed(std::int64_t{lapsOfClip} * clipSize);
+    state.SetBytesProcessed(std::int64_t{passesOverClip} * clipSize);
 }
 
-// Part of the work is the server's: its time is only seen in real time.
+// The server does part of the work, so only real time includes it.
 //
-// Between the library and libsmb2 alone only small differences are to be expected. They show where
-// the server is on the same processor: all that either side does is then in its time, and none of
-// it is hidden by waiting for the other processor.
+// The library and libsmb2 alone differ only a little. To make the difference visible, the server
+// runs on the same processor: then the measured time contains all work, and no waiting hides a part
+// of it.
 BENCHMARK_CAPTURE(readOfShare, together, Placement::Together)
     ->Name("read_1m/share")
     ->Apply(clipRounds);
@@ -174,12 +174,12 @@ BENCHMARK(writeOfShare)->Name("write_1m/share")->Apply(clipRounds);
 BENCHMARK_CAPTURE(moveByLibsmb2, write, O_WRONLY, writePiece)
     ->Name("write_1m/libsmb2")
     ->Apply(clipRounds);
-// As many as take much longer than the first, which the connection is new to.
+// Enough that the first request of a new connection, which is slower, does not matter.
 constexpr int stats = 300;
 BENCHMARK(statOfShare)->Name("stat/share")->UseRealTime()->Iterations(stats);
 BENCHMARK(statByLibsmb2)->Name("stat/libsmb2")->UseRealTime()->Iterations(stats);
-// smbclient has several requests on their way at a time, so that it and the server can work at the
-// same time: on one processor it would not show what it can do.
+// smbclient keeps several requests outstanding, so that it works in parallel with the server. This
+// needs two processors.
 BENCHMARK_CAPTURE(readOfShare, apart, Placement::Apart)
     ->Name("read_1m/share_apart")
     ->Apply(clipRounds);

@@ -1,4 +1,4 @@
-// How the lookup of a path grows with the mount table.
+// The cost of a path lookup, depending on the size of the mount table.
 #include <oruio/fsswitch.h>
 #include <oruio/posixfs.h>
 
@@ -12,8 +12,8 @@ using oru::io::PosixFS;
 
 void lookup(State& state, int mounts) {
     FSSwitch fsSwitch;
-    // As long as each other: the last one stands first in the table, and a lookup, which walks it
-    // from the end, comes to it after comparing the path with all the others.
+    // Mount points of equal length: the last one is the first in the table. A lookup walks the
+    // table from the end and compares the path with all others first.
     for (int number = 99; number > 99 - mounts; --number)
         fsSwitch.add(QStringLiteral("/media/sd%1").arg(number), PosixFS::SPtr::create(QString()));
     const QString path = QStringLiteral("/media/sd%1/DCIM/clip-0001.mov").arg(99 - mounts + 1);

@@ -1,4 +1,4 @@
-// What the way through the library adds to a system call.
+// The cost that the library adds to a system call.
 #include "card.h"
 
 #include <benchmark/benchmark.h>

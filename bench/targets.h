@@ -1,9 +1,9 @@
-// What the library promises about its speed, each promise against something measured beside it.
+// The speed targets of the library, each relative to a reference benchmark.
 #pragma once
 
 #include <vector>
 
-/// One row of the report. The benchmarks are named as in Benchmark::Name().
+/// One row of the report. `measured` and `reference` are names of benchmarks.
 struct Target {
     enum Kind {
         RatioAtMost,      ///< measured / reference must not exceed the limit
@@ -12,7 +12,7 @@ struct Target {
         DifferenceAtMost, ///< measured - reference, in nanoseconds, must not exceed the limit
         SpeedAtLeast,     ///< measured / reference, in bytes per time, must reach the limit
         MemoryAtMost,     ///< measured - reference, in KiB, must not exceed the limit
-        ProcessorTime,    ///< processor time per data moved, shown beside the other's; no limit
+        ProcessorTime,    ///< processor time per GiB, measured and reference; no limit
     };
 
     const char* what;

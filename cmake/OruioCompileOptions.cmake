@@ -1,9 +1,9 @@
-# What every target of the project is compiled with, beside what it asks for itself.
+# Compile options of all targets of the project.
 
 add_library(oruio_options INTERFACE)
 target_compile_options(oruio_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wvla
-  # Log messages and test failures name files by their path in the project.
+  # Log messages and test failures contain paths relative to the project.
   "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/="
 )
 target_compile_definitions(oruio_options INTERFACE QT_NO_KEYWORDS QT_NO_FOREACH)

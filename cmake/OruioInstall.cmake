@@ -14,7 +14,7 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/oruio"
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h"
 )
-# The library starts it from /usr/local/bin: where it is with the default prefix.
+# The library starts it as /usr/local/bin/oruio_sysutils, which is where the default prefix puts it.
 install(PROGRAMS "${PROJECT_SOURCE_DIR}/sysutils/oruio_sysutils"
   DESTINATION ${CMAKE_INSTALL_BINDIR}
 )
@@ -31,7 +31,7 @@ configure_package_config_file(
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/oruio-config-version.cmake"
   COMPATIBILITY SameMajorVersion
 )
-# The file finds its prefix from where it lies, so that an installed tree can be moved.
+# The prefix in the file is relative to the file, so an installed tree can be moved.
 file(RELATIVE_PATH ORUIO_PC_TO_PREFIX
   "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix"
 )

@@ -1,19 +1,19 @@
 #!/bin/bash
-# Makes a sysroot for cross-building to 32-bit ARM and for running the result in qemu-user: Debian's
-# armhf packages, unpacked, and libsmb2, cross-built. The machine's own package database is left
-# alone, so that no foreign architecture has to be enabled, and no privilege is needed.
+# Makes a sysroot for cross-building to 32-bit ARM and for running the result in qemu-user: unpacks
+# Debian's armhf packages and cross-builds libsmb2. Does not use the machine's package database, so
+# it needs no foreign architecture and no privilege.
 #   usage: armhf-sysroot.sh DIRECTORY
 #
-# An up-to-date sysroot is kept as it is.
+# Keeps an up-to-date sysroot.
 set -euo pipefail
 
 suite=bookworm
-# Dependencies are not followed: these are the packages that compiling, linking and starting the
-# project's programs takes, without the graphics that Qt's development package asks for.
+# All packages needed to compile, link and run the project's programs. Dependencies are not
+# followed, because Qt's development package depends on graphics libraries.
 packages=(
     # the C and C++ libraries
     libc6 libc6-dev libcrypt1 libgcc-s1 libstdc++6 linux-libc-dev
-    # Qt Core and what it links
+    # Qt Core and the libraries it links
     qtbase5-dev qt5-qmake libqt5core5a libqt5test5
     libdouble-conversion3 libglib2.0-0 libicu72 libpcre2-16-0 libpcre2-8-0 libzstd1 zlib1g
     # udev
@@ -46,14 +46,14 @@ for deb in "$work"/debs/*.deb; do
     dpkg-deb --extract "$deb" "$work/root"
 done
 
-# Absolute symbolic links would lead out of the sysroot.
+# Make absolute symbolic links relative: they would lead out of the sysroot.
 find "$work/root" -type l -lname '/*' -printf '%P\0%l\0' |
     while IFS= read -r -d '' link && IFS= read -r -d '' target; do
         link=$work/root/$link
         ln -sfn "$(realpath -m --relative-to="${link%/*}" "$work/root$target")" "$link"
     done
 
-# Qt's CMake package looks for the build's tools inside the sysroot: these are the machine's own.
+# Qt's CMake package expects the build tools inside the sysroot: link the machine's own.
 for tool in moc qmake rcc uic; do
     for directory in "$work/root"/usr/lib/{,arm-linux-gnueabihf/}qt5/bin; do
         mkdir -p "$directory"
@@ -61,8 +61,8 @@ for tool in moc qmake rcc uic; do
     done
 done
 
-# Debian has no libsmb2 of this release to unpack. The number in the library's name is the CMake
-# build's, not that of Debian's packages: it matters to no program that is linked here.
+# This Debian release has no libsmb2 to unpack. The version in the library's file name comes from
+# its CMake build and differs from that of Debian's packages; programs linked here work with it.
 "$root/tools/libsmb2.sh" source "$work/libsmb2"
 cmake -G Ninja -S "$work/libsmb2" -B "$work/libsmb2-build" \
     -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DARMHF_SYSROOT="$work/root" \

@@ -1,20 +1,19 @@
 # shellcheck shell=bash
-# Slots for memory cards, for whoever sources this: loop disks play the cards, and a udevd of their
-# own tells of them. This wants to be in mounts and a network of its own, as
-# `unshare --mount --net` gives them; nothing but the loop disks is then seen outside, and nothing of
-# it stays behind close_slots.
+# Functions that simulate slots for memory cards: loop disks are the cards, and a private udevd
+# reports them. The caller must run in private mount and network namespaces (`unshare --mount
+# --net`). Outside of these only the loop disks are visible, and nothing remains after close_slots.
 
 declare -A slot_cards=()
 
-# missing_for_slots: prints why there can be none; nothing when there can.
+# missing_for_slots: prints why slots cannot be simulated; prints nothing if they can.
 missing_for_slots() {
     local tool
     if [[ $EUID -ne 0 ]]; then
-        echo "it takes root"
+        echo "needs root"
     elif ! unshare --mount --net true 2>/dev/null; then
-        echo "no mounts and network of its own here"
+        echo "cannot create private mount and network namespaces"
     elif [[ ! -b $(losetup --find 2>/dev/null) ]]; then
-        echo "no loop devices here"
+        echo "no free loop device"
     elif [[ ! -x /lib/systemd/systemd-udevd ]]; then
         echo "systemd-udevd is not installed"
     else
@@ -24,17 +23,18 @@ missing_for_slots() {
     fi
 }
 
-# open_slots MAINTENANCE_PROGRAM: the program is what the library finds in the device's place.
+# open_slots MAINTENANCE_PROGRAM: starts udevd, and installs the program where the library starts
+# it.
 open_slots() {
     local directory
-    # The system's rules are not for this udevd, nor are links in /dev, which all would see.
+    # Hide the system's rules, and the links in /dev, which are visible outside.
     mkdir -p /dev/block
     for directory in /run /dev/block /etc/udev/rules.d /usr/lib/udev/rules.d /usr/local/bin; do
         [[ ! -d $directory ]] || mount -t tmpfs -o mode=755 slot "$directory" || return
     done
     install "$1" /usr/local/bin/oruio_sysutils
     mkdir -p /run/udev/rules.d /run/slot
-    # Of what has been removed, udevd tells what it knew.
+    # For "remove", udevd reports the properties it recorded at "add".
     cat >/run/udev/rules.d/10-slot.rules <<'RULES'
 SUBSYSTEM!="block", GOTO="end"
 ACTION=="remove", GOTO="end"
@@ -56,7 +56,7 @@ close_slots() {
     [[ ! -S /run/udev/control ]] || udevadm control --exit
 }
 
-# make_card IMAGE SIZE: with one partition, and an ext4 file system in it.
+# make_card IMAGE SIZE: makes an image with one partition and an ext4 file system.
 make_card() {
     truncate -s "$2" "$1"
     sfdisk --quiet "$1" <<<'start=1MiB, type=83'
@@ -64,8 +64,8 @@ make_card() {
         "$((($(stat -c %s "$1") >> 10) - 1024))k" 2>/dev/null
 }
 
-# insert_card IMAGE ID_PATH: into the slot that udev knows by that. Leaves the card's name in $card,
-# as in /dev/$card and its partition /dev/${card}p1.
+# insert_card IMAGE ID_PATH: inserts the card into the slot with this ID_PATH. Sets $card: the disk
+# is /dev/$card, its partition /dev/${card}p1.
 insert_card() {
     udevadm settle --timeout=30
     card=$(losetup --find --show "$1")
@@ -77,15 +77,15 @@ insert_card() {
     echo add >"/sys/block/$card/${card}p1/uevent"
 }
 
-# eject_card CARD: its partition must not be mounted.
+# eject_card CARD: removes the card, whose partition must not be mounted.
 eject_card() {
-    # udevd may have it open for a moment.
+    # Fails while udevd has the partition open.
     until partx --delete "/dev/$1" 2>/dev/null || [[ ! -e /sys/block/$1/${1}p1 ]]; do
         sleep 0.02
     done
     echo remove >"/sys/block/$1/uevent"
     udevadm settle --timeout=30
-    # The empty loop device that stays behind is not in the slot.
+    # Without this file the empty loop device has no ID_PATH and is not in the slot.
     rm "/run/slot/$1"
     losetup --detach "/dev/$1"
     udevadm settle --timeout=30

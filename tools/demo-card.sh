@@ -1,7 +1,8 @@
 #!/bin/bash
-# The part of the demo with a memory card. It wants mounts and a network of its own.
-#   usage: unshare --mount --net demo-card.sh DIRECTORY_OF_THE_PROGRAMS DIRECTORY [RECORDER_ARGUMENT...]
-# DIRECTORY is for the card's image and what else there is.
+# The part of the demo with a memory card. Needs private mount and network namespaces.
+#   usage: unshare --mount --net demo-card.sh PROGRAMS DIRECTORY [RECORDER_ARGUMENT...]
+# PROGRAMS is the directory of the example programs. DIRECTORY gets the card's image, its mount
+# point and the file of locations.
 set -euo pipefail
 
 tools=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
@@ -18,7 +19,7 @@ locations=$directory/locations.ini
 trap 'stop_monitor; close_slots' EXIT
 
 open_slots "$tools/../sysutils/oruio_sysutils" || {
-    echo "no udevd: $(cat /run/udev/log)"
+    echo "udevd does not start: $(cat /run/udev/log)"
     exit 1
 }
 make_card "$directory/card.img" 4G

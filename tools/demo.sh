@@ -1,11 +1,10 @@
 #!/bin/bash
-# Shows the example programs at work: a clip goes to a local directory, another one through shared
-# memory to a file server, a third one to a share of an SMB server, and a fourth one to a memory
-# card.
-#   usage: demo.sh DIRECTORY_OF_THE_PROGRAMS [RECORDER_ARGUMENT...]
+# Demonstrates the example programs. Records four clips: to a local directory, through shared memory
+# to a file server, to a share of an SMB server, and to a memory card.
+#   usage: demo.sh PROGRAMS [RECORDER_ARGUMENT...]
 #
-# The arguments are for all of the recordings. Those that say where the clip goes, or ask for help,
-# leave just the one that they are about.
+# PROGRAMS is the directory of the example programs. The arguments apply to all recordings. With
+# --to, --keep or --help, runs only the recorder.
 set -euo pipefail
 
 tools=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
@@ -30,10 +29,10 @@ clean_up() {
 }
 trap clean_up EXIT
 
-# start_server COMMAND...: a server; what it says when it has begun is left in $line. The rest of its
+# start_server COMMAND...: starts a server and reads its first line into $line. The rest of its
 # output can be read from the descriptor $output.
 start_server() {
-    # In a session of its own: Ctrl-C is for the recorder.
+    # In a session of its own, so that Ctrl-C reaches only the recorder.
     exec {output}< <(exec setsid "$@" 2>&1)
     server=$!
     read -r -u "$output" line || true
@@ -48,12 +47,12 @@ stop_server() {
     return "$status"
 }
 
-leave_out() {
+skip_part() {
     server=''
-    echo "left out: $1"
+    echo "skipped: $1"
 }
 
-# Shows why a server did not begin.
+# Prints why a server did not start.
 show_failure() {
     echo "$line"
     cat <&"$output"
@@ -72,7 +71,7 @@ through_shared_memory() {
     start_server "$programs/file_server" "$served/files"
     case $line in
     *"another file server is running")
-        leave_out "there is one file server on a system, and another one is running"
+        skip_part "another file server is running, and a system can have only one"
         return
         ;;
     "serving "*) echo "$line" ;;
@@ -82,23 +81,23 @@ through_shared_memory() {
     stop_server
     (cd "$served/files" && stat -c 'in the served directory: %n, %s bytes' -- *)
     if [[ -e $shared_memory ]]; then
-        echo "left behind: $shared_memory"
+        echo "not removed: $shared_memory"
         exit 1
     fi
-    echo "nothing is left in ${shared_memory%/*}"
+    echo "the shared memory in ${shared_memory%/*} is removed"
 }
 
 onto_a_network_share() {
     local status=0
     echo
-    echo "Over SMB, onto a share of a server that runs for this only, on the loopback interface:"
+    echo "Over SMB, onto a share of a server that this demo starts on the loopback interface:"
     ORUIO_SMB_PASSWORD=$(od -A n -N 16 -t x8 /dev/urandom | tr -d ' ')
     export ORUIO_SMB_PASSWORD
     start_server "$tools/smb-server.sh" "$served/smb"
     if [[ ! $line =~ ^[0-9] ]]; then
         wait "$server" || status=$?
         [[ $status -eq 77 ]] || show_failure
-        leave_out "${line#*: }"
+        skip_part "${line#*: }"
         return
     fi
     "$programs/recorder" --to "smb://tester@127.0.0.1:${line% *}/recordings" --size 64M "$@"
@@ -109,10 +108,10 @@ onto_a_network_share() {
 onto_a_card() {
     local missing
     echo
-    echo "Onto a memory card, which a loop disk plays: it is plugged in, and pulled out at the end:"
+    echo "Onto a memory card, simulated by a loop disk, which is inserted and removed at the end:"
     missing=$(missing_for_slots)
     if [[ -n $missing ]]; then
-        leave_out "$missing"
+        skip_part "$missing"
         return
     fi
     unshare --mount --net "$tools/demo-card.sh" "$programs" "$served" "$@"

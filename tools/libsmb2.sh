@@ -1,22 +1,22 @@
 #!/bin/bash
-# libsmb2 for a release of Debian that has no package of it: the source package of a later release,
-# whose binary packages would ask for a newer C library.
+# Builds libsmb2 for a Debian release without a package of it, from the source package of a later
+# release. (The binary packages of that release need a newer C library.)
 #   usage: libsmb2.sh source DIRECTORY   unpacks the source, with Debian's patches
-#          libsmb2.sh debs DIRECTORY     builds the packages; up-to-date ones are kept
+#          libsmb2.sh debs DIRECTORY     builds the packages, unless they are up to date
 #
-# Installing what comes of it is left to the caller: none of this takes privilege.
+# Needs no privilege. The caller installs the packages.
 set -euo pipefail
 
 suite=trixie
 version=6.2+dfsg-2+deb13u1
-# A mirror keeps only the last revision of a release: that one does as well.
+# A mirror keeps only the last revision of a release. Any later one is accepted.
 oldest=6.2
 
 tools=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 # shellcheck source=tools/own-apt.sh
 source "$tools/own-apt.sh"
 
-# Sets version to one that the lists have.
+# Sets version to the wanted one if the lists have it, otherwise to the newest.
 choose_version() {
     local offered wanted=$version
     version=$oldest
@@ -41,7 +41,7 @@ unpack() {
     make_own_apt "$work/apt" deb-src "$suite"
     choose_version
     mkdir "$work/files" "$1"
-    # Not the .dsc, which names the same files: not every mirror has it.
+    # Without the .dsc, which some mirrors lack.
     (
         cd "$work/files"
         apt-get "${own_apt[@]}" source --download-only --tar-only "libsmb2=$version"
@@ -60,7 +60,7 @@ build_packages() {
     [[ $(cat "$1/.complete" 2>/dev/null) != "$stamp" ]] || return 0
     mkdir "$work/build" "$work/debs"
     unpack "$work/build/libsmb2"
-    # A version that the package of the later release takes the place of.
+    # The later release's own package is an upgrade of this version.
     sed -i '1s/)/~bpo12+1)/' "$work/build/libsmb2/debian/changelog"
     (cd "$work/build/libsmb2" &&
         DEB_BUILD_OPTIONS="noautodbgsym parallel=$(nproc)" dpkg-buildpackage -b -us -uc)

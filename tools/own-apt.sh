@@ -1,20 +1,20 @@
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # the options are for the scripts that source this
-# Packages of another architecture or release than the machine's, without a trace of them in the
-# machine's own apt, and without privilege.
+# Downloads packages of another architecture or release, without privilege and without changing the
+# machine's apt configuration.
 
-# make_own_apt DIRECTORY TYPE SUITE [OPTION...]: sets own_apt, the options with which apt-get and
-# apt-cache know nothing but Debian's SUITE. It comes from the mirror that the machine's apt uses,
-# and is checked against Debian's keys. TYPE is deb or deb-src.
+# make_own_apt DIRECTORY TYPE SUITE [OPTION...]: sets own_apt, the options that restrict apt-get and
+# apt-cache to Debian's SUITE, on the mirror that the machine's apt uses, checked against Debian's
+# keys. TYPE is deb or deb-src. The lists and the cache are in DIRECTORY.
 make_own_apt() {
     local directory=$1 type=$2 suite=$3 mirror
     shift 3
-    # Other origins have suites of the same names. Only fetched lists tell their origin.
-    # shellcheck disable=SC2016 # apt expands it
+    # Other origins use the same suite names. Only fetched lists contain the origin.
+    # shellcheck disable=SC2016 # expanded by apt
     mirror=$(apt-get indextargets --format '$(REPO_URI)' \
         'Created-By: Packages' 'Origin: Debian' 'Label: Debian' | sed -n 1p)
     if [[ -z $mirror ]]; then
-        echo "${0##*/}: apt knows no mirror of Debian; has 'apt-get update' been run?" >&2
+        echo "${0##*/}: apt has no Debian mirror: run 'apt-get update'" >&2
         return 1
     fi
     mkdir -p "$directory"/{lists/partial,cache/archives/partial,parts}
@@ -23,7 +23,7 @@ make_own_apt() {
         >"$directory/sources.list"
     own_apt=(
         -q
-        -o APT::Sandbox::User= # the user _apt has no access to the directory
+        -o APT::Sandbox::User= # the user _apt cannot access the directory
         -o Acquire::Languages=none
         -o Acquire::Retries=3
         -o Dir::Cache="$directory/cache"

@@ -1,28 +1,28 @@
 # shellcheck shell=bash
 # shellcheck disable=SC2034,SC2154 # the lists are for ./dev, which sources this and sets root
-# Which Debian packages the verbs of ./dev need, and how they get installed.
+# The Debian packages that the verbs of ./dev need, and their installation.
 
-# What every build of the project needs; the source package's Build-Depends say the rest.
+# For every build of the project, in addition to Build-Depends in debian/control.
 packages_build=(cmake g++ ninja-build)
 packages_googletest=(googletest libgmock-dev libgtest-dev)
 packages_samba=(samba samba-common-bin)
-# udev without and with hardware, and what the maintenance program runs.
+# udev, simulated and real; the tools that the maintenance program runs.
 packages_media=(dosfstools e2fsprogs exfatprogs fdisk iproute2 libumockdev-dev mount psmisc udev
     umockdev util-linux)
 packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libumockdev-dev libglib2.0-dev pkgconf smbclient)
 packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" "${packages_media[@]}" pkgconf procps smbclient xxhash)
 packages_demo=("${packages_samba[@]}" e2fsprogs fdisk mount udev util-linux)
 packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-user-static)
-# The emulated device, and what its system and its disks are made with.
+# The emulated device; the tools that build its system and its disks.
 packages_device=("${packages_armhf[@]}" cpio dosfstools e2fsprogs exfatprogs fdisk kmod qemu-system-arm)
 packages_fuzz=(clang libclang-rt-dev)
 packages_check=(clang-format clang-tidy git pkgconf shellcheck)
-packages_docs=(doxygen graphviz)
-# To build libsmb2 itself, where it has to be.
+packages_docs=(doxygen doxygen-awesome-css graphviz)
+# To build libsmb2, if apt has no package of it.
 packages_libsmb2=(build-essential debhelper debian-archive-keyring libkrb5-dev)
 packages_package=(build-essential debhelper git lintian "${packages_docs[@]}")
 
-# What the source package with this debian/control builds with, apart from packaging itself.
+# build_depends CONTROL: prints the Build-Depends of a debian/control, without those for packaging.
 build_depends() {
     awk '
         /^[^ \t#]/ { wanted = 0 }
@@ -31,7 +31,7 @@ build_depends() {
     ' "$1" | grep -v -e '^$' -e '^debhelper-compat$'
 }
 
-# missing_packages NAME...: those that are not installed.
+# missing_packages NAME...: prints those that are not installed.
 missing_packages() {
     comm -13 \
         <(dpkg-query -W -f '${db:Status-Status} ${Package}\n' "$@" 2>/dev/null |
@@ -39,16 +39,16 @@ missing_packages() {
         <(printf '%s\n' "$@" | sort -u)
 }
 
-# is_offered PACKAGE: whether apt has it, by its lists.
+# is_offered PACKAGE: succeeds if apt's lists contain the package.
 is_offered() {
     local policy
     policy=$(LC_ALL=C apt-cache policy "$1")
     [[ $policy == *'Candidate: '[^\(]* ]]
 }
 
-# as_root COMMAND...: a command that installs, without questions. It starts and restarts no services:
-# the variable tells it to the systemctl of the maintainer scripts, and, unlike a policy-rc.d, to
-# nobody else on the machine.
+# as_root COMMAND...: runs an installing command without questions. SYSTEMD_OFFLINE keeps the
+# systemctl of the maintainer scripts from starting services. Unlike a policy-rc.d, it affects only
+# this command.
 as_root() {
     local command=(env DEBIAN_FRONTEND=noninteractive SYSTEMD_OFFLINE=1 "$@")
     [[ $EUID -eq 0 ]] || command=(sudo "${command[@]}")
@@ -59,8 +59,8 @@ apt_get() {
     as_root apt-get -q -y -o DPkg::Lock::Timeout=600 "$@"
 }
 
-# disable_services PACKAGE: so that they do not start with the machine either. System V's init has no
-# such variable: what it has started is stopped.
+# disable_services PACKAGE: keeps its services from starting at boot, and stops them: System V's
+# init ignores SYSTEMD_OFFLINE and may have started them.
 disable_services() {
     local service services
     mapfile -t services < <(dpkg-query -L "$1" | sed -n 's|^/etc/init\.d/||p')
@@ -70,7 +70,7 @@ disable_services() {
     done
 }
 
-# need NAME...: installs what is missing. Where packages are not Debian's, takes them for present.
+# need NAME...: installs missing packages. Without dpkg, assumes that all are present.
 need() {
     command -v dpkg-query >/dev/null || return 0
     local missing
@@ -80,7 +80,7 @@ need() {
         die "missing packages, and neither root nor sudo to install them: ${missing[*]}"
     fi
     say "installing ${missing[*]}"
-    # A mirror forgets what old lists name.
+    # Old lists name versions that the mirror has deleted.
     quietly package-lists apt_get update
     local name names=() backported=false
     for name in "${missing[@]}"; do
@@ -92,7 +92,7 @@ need() {
         fi
     done
     quietly packages apt_get install --no-install-recommends "${names[@]}"
-    # The tests run servers of their own.
+    # The tests start their own servers.
     [[ " ${missing[*]} " != *' samba '* ]] || quietly services disable_services samba
     [[ $backported == false ]] || install_libsmb2
 }
@@ -100,7 +100,7 @@ need() {
 # Builds and installs libsmb2's packages.
 install_libsmb2() {
     local debs
-    say "building build/libsmb2, for want of a package of it"
+    say "building build/libsmb2: apt has no package of it"
     quietly libsmb2 "$root/tools/libsmb2.sh" debs "$root/build/libsmb2"
     debs=("$root"/build/libsmb2/*.deb)
     say "installing ${debs[*]##*/}"

@@ -1,13 +1,13 @@
 #!/bin/bash
-# Runs a private SMB server on the loopback interface, as root or as any other user, until SIGTERM or
-# Ctrl-C. All that it reads and writes is below one directory.
+# Runs a private SMB server on the loopback interface until SIGTERM or Ctrl-C, as root or as any
+# other user. All its files are below one directory.
 #   usage: ORUIO_SMB_PASSWORD=PASSWORD smb-server.sh DIRECTORY [LINE]...
 #
-# When it serves, it prints its port and the process group of smbd. The share "recordings" is the
-# directory of that name below DIRECTORY; the user is "tester". The lines go to the section [global]
-# of smb.conf, and may begin further sections.
+# Prints its port and the process group of smbd as soon as it serves. The share "recordings" is the
+# directory DIRECTORY/recordings; the user is "tester". Each LINE is added to the section [global]
+# of smb.conf, and may start further sections.
 #
-# Ends with 77, and one line that says why, when this machine cannot run such a server.
+# Exits with 77 and prints the reason if this machine cannot run such a server.
 set -euo pipefail
 
 fail() {
@@ -17,19 +17,19 @@ fail() {
 
 [[ $# -gt 0 ]] || fail 2 "usage: smb-server.sh DIRECTORY [LINE]..."
 password=${ORUIO_SMB_PASSWORD:?}
-unset ORUIO_SMB_PASSWORD # the server gets it in its own way
+unset ORUIO_SMB_PASSWORD # smbd reads it from its password file
 mkdir -p "$1"
 directory=$(realpath "$1")
 shift
 
-PATH=$PATH:/usr/sbin # not in everybody's
+PATH=$PATH:/usr/sbin # not in the PATH of every user
 for program in smbd pdbedit; do
     command -v "$program" >/dev/null || fail 77 "$program is not installed"
 done
 account=$(id -un 2>/dev/null) || fail 77 "this user has no account, which smbd needs"
 
-# write_files LINE...: what smbd reads. It keeps away from the system's files and other services, and
-# starts no helpers that it can do without.
+# write_files LINE...: writes the files that smbd reads. The configuration avoids the system's
+# files, other services, and optional helper processes.
 write_files() {
     mkdir -p "$directory"/{private,recordings,state}
     chmod 0700 "$directory/private"
@@ -70,19 +70,19 @@ read only = no
 valid users = $account
 CONFIGURATION
     } >"$directory/smb.conf"
-    # Not as an argument, which everybody can see.
+    # Not as an argument, which other users can see.
     printf '%s\n' "$password" "$password" |
         pdbedit -s "$directory/smb.conf" -a -t -u "$account" >"$directory/log" 2>&1 ||
         fail 1 "pdbedit failed: $(tail -n 3 "$directory/log")"
 }
 
-# grep_sockets PATTERN: in the system's table of TCP sockets.
+# grep_sockets PATTERN: searches the system's table of TCP sockets.
 grep_sockets() {
     grep -Eiqs "$1" /proc/net/tcp /proc/net/tcp6
 }
 
-# Leaves a free port in $port. Below those that the system gives to clients, so that none of them
-# comes in between.
+# Sets $port to a free port below the range that the system assigns to clients, so that no client
+# takes it before smbd does.
 choose_port() {
     port=$((10000 + RANDOM % 20000))
     while grep_sockets ":$(printf %04x "$port") "; do
@@ -93,21 +93,21 @@ choose_port() {
 smbd=''
 stop() {
     [[ -n $smbd ]] || return 0
-    # All of the group; smbd alone, too, as it may not have made that yet.
+    # The process group, and smbd itself in case it has not created the group yet.
     kill -KILL -- "-$smbd" "$smbd" 2>/dev/null || true
     wait "$smbd" 2>/dev/null || true
 }
 trap stop EXIT
 trap 'exit 0' INT TERM
 
-# Its input is a pipe that this shell keeps open: smbd ends with it, even if that is killed.
+# smbd's input is a pipe that this shell holds open: smbd exits when the shell does, even if killed.
 start() {
     local deadline=$((SECONDS + 10))
-    # It looks this machine's name up for each connection, which is not to wait for a resolver.
+    # smbd resolves this machine's name for each connection: limit how long the resolver takes.
     exec 3> >(RES_OPTIONS='timeout:1 attempts:1' exec setsid smbd -F --no-process-group --debug-stdout -s "$directory/smb.conf" \
         -l "$directory/state" --option="smb ports=$port" >"$directory/log" 2>&1)
     smbd=$!
-    # Nobody connects to find out: for that, smbd would make a process.
+    # Check the socket table: a test connection would make smbd start a process.
     until grep_sockets ":$(printf %04x "$port") 0+:0000 0A "; do
         if [[ $SECONDS -ge $deadline ]] || ! kill -0 "$smbd" 2>/dev/null; then
             fail 1 "smbd does not serve: $(tail -n 3 "$directory/log")"

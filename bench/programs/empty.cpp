@@ -1,4 +1,4 @@
-// A Qt program that does nothing, for comparison with one that does.
+// A Qt program that does nothing, for comparison.
 #include <QCoreApplication>
 
 #include <cstdio>

@@ -1,8 +1,8 @@
-// Serves a directory to the benchmarks, until its standard input ends.
+// Serves a directory to the benchmarks until the end of its standard input.
 //
 //   usage: oruio_bench_server DIRECTORY [DESCRIPTOR]
 //
-// With the descriptor of a PingPong, a thread plays that, too.
+// If the descriptor of a PingPong is given, a thread responds on that too.
 #include "../ping_pong.h"
 
 #include <oruio/ipc_server.h>
@@ -23,11 +23,11 @@ using oru::io::IPCServer;
 
 constexpr int serving = 2;
 
-/// Never returns: the thread ends with the process.
-void play(PingPong* game) {
+/// Responds to each ping. Never returns: the thread ends with the process.
+void respond(PingPong* pingPong) {
     for (;;) {
-        if (sem_wait(&game->ping) == 0)
-            sem_post(&game->pong);
+        if (sem_wait(&pingPong->ping) == 0)
+            sem_post(&pingPong->pong);
     }
 }
 
@@ -48,10 +48,10 @@ int main(int argc, char* argv[]) {
     if (arguments.size() < 2)
         return 2;
     if (arguments.size() > 2) {
-        PingPong* const game = mapPingPong(arguments[2].toInt());
-        if (!game)
+        PingPong* const pingPong = mapPingPong(arguments[2].toInt());
+        if (!pingPong)
             return 1;
-        std::thread(play, game).detach();
+        std::thread(respond, pingPong).detach();
     }
 
     IPCServer server(oru::io::PosixFS::SPtr::create(arguments[1]));

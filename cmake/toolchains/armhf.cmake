@@ -1,13 +1,13 @@
-# Cross-builds to 32-bit ARM with Debian's compiler and the sysroot of tools/armhf-sysroot.sh,
-# whose place ARMHF_SYSROOT names. armhf-run starts what is built.
+# Cross-builds to 32-bit ARM with Debian's compiler and the sysroot of tools/armhf-sysroot.sh in
+# ARMHF_SYSROOT. armhf-run starts the programs.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 
-# Compiler checks read this file again, in projects of their own.
+# Compiler checks read this file again in projects of their own: pass them the variable.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ARMHF_SYSROOT)
 if(NOT EXISTS "${ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf")
-  message(FATAL_ERROR "ARMHF_SYSROOT '${ARMHF_SYSROOT}' is no sysroot: ./dev test armhf makes one")
+  message(FATAL_ERROR "ARMHF_SYSROOT '${ARMHF_SYSROOT}' is no sysroot: run ./dev test armhf first")
 endif()
 
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)

@@ -3,7 +3,7 @@
 #include <oruio/error.h>
 
 Failure cannot(const QString& action) {
-    // Before anything else: making the message may change errno.
+    // Captured first: building the message may change errno.
     const oru::io::Error error;
     return {QStringLiteral("cannot %1: %2").arg(action, QString::fromUtf8(error.strerror()))};
 }

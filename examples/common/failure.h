@@ -1,18 +1,18 @@
-// How an example program gives up: with one line that tells the user why.
+// The exceptions that end an example program with one line of error message.
 #pragma once
 
 #include <QString>
 
-/// Something that could not be done; ends the program with status 1.
+/// An operation failed; ends the program with status 1.
 struct Failure {
     QString message;
 };
 
-/// A command line that makes no sense; ends the program with status 2.
+/// The command line is invalid; ends the program with status 2.
 struct UsageError {
     QString message;
 };
 
-/// "cannot ACTION: REASON", where the reason is the calling thread's current error. Call it
-/// directly after the operation that failed.
+/// \returns "cannot ACTION: REASON", with the calling thread's current error as the reason. Call it
+/// directly after the failed operation.
 Failure cannot(const QString& action);

@@ -1,4 +1,4 @@
-// A directory of this system as a file system.
+// Opens a local directory as a file system.
 #pragma once
 
 #include <oruio/fs.h>
@@ -6,6 +6,6 @@
 #include <QSharedPointer>
 #include <QString>
 
-/// The directory `path` as a file system; its own paths begin with the slash behind it. Throws
-/// Failure when there is no such directory.
+/// \returns the directory `path` as a file system, whose paths begin with a slash. Throws Failure
+/// if the directory does not exist.
 QSharedPointer<oru::io::FS> openLocalDirectory(const QString& path);

@@ -13,8 +13,7 @@
 
 namespace {
 
-/// The terminal of this process, which does not show what is typed for as long as this object
-/// lives.
+/// The terminal of this process, without echo while this object exists.
 class SilentTerminal {
 public:
     SilentTerminal() : m_fd(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)) {
@@ -22,7 +21,7 @@ public:
             return;
         termios silent = m_before;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        // Of the keys that end or stop a program only that of SIGINT, which comes to an end here.
+        // Disables the keys of SIGQUIT and SIGTSTP. The key of SIGINT interrupts readLine().
         silent.c_cc[VQUIT] = _POSIX_VDISABLE;
         silent.c_cc[VSUSP] = _POSIX_VDISABLE;
         m_isSilent = tcsetattr(m_fd, TCSAFLUSH, &silent) == 0;
@@ -40,11 +39,11 @@ public:
         return m_isSilent;
     }
 
-    void write(const QByteArray& text) {
-        dprintf(m_fd, "%s", text.constData());
+    void write(const QByteArray& string) {
+        dprintf(m_fd, "%s", string.constData());
     }
 
-    /// Without what ends it. Throws Failure.
+    /// \returns the line without its newline. Throws Failure.
     QByteArray readLine() {
         QByteArray line;
         char piece[256];
@@ -64,7 +63,7 @@ public:
 private:
     Q_DISABLE_COPY(SilentTerminal)
 
-    /// The signals are held back until ppoll() waits: one that came just before would not wake it.
+    /// Blocks the signals except during ppoll(): a signal just before would not interrupt it.
     void waitForInput() {
         sigset_t stops;
         sigset_t before;
@@ -101,7 +100,7 @@ QByteArray askFor(const QString& whom) {
 QString obtainPassword(const QString& whom) {
     const QByteArray password =
         qEnvironmentVariableIsSet(passwordVariable) ? qgetenv(passwordVariable) : askFor(whom);
-    // With it the library would begin an anonymous session: not what a user was named for.
+    // With an empty password the library would begin an anonymous session, not one of this user.
     if (password.isEmpty())
         throw Failure{QStringLiteral("the password of %1 is empty").arg(whom)};
     return QString::fromUtf8(password);

@@ -1,11 +1,11 @@
-// The password for a network share: never on the command line, never on the screen.
+// Reads the password of a network share from the environment or the terminal.
 #pragma once
 
 #include <QString>
 
-/// The environment variable that may have the password.
+/// The environment variable for the password.
 inline constexpr char passwordVariable[] = "ORUIO_SMB_PASSWORD";
 
-/// The password of `whom`: from the environment, or else from the terminal, without echo. Throws
-/// Failure, also when a stop signal comes instead.
+/// \returns the password of `whom` from the environment; if not set, from the terminal, without
+/// echo. Throws Failure, also after a stop signal.
 QString obtainPassword(const QString& whom);

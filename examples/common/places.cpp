@@ -16,8 +16,7 @@ namespace {
 
 using namespace oru::io;
 
-/// What a server may take for an answer, in seconds. Who looks after several places cannot wait for
-/// one of them for longer.
+/// The time-out of requests to a server, in seconds. Longer would block the program's other places.
 constexpr unsigned int timeout = 5;
 
 template <class Location, class FileSystem>
@@ -26,10 +25,10 @@ std::unique_ptr<StorageLocation> makeLocation(const QString& name, QSharedPointe
     return std::make_unique<Location>(name.toUtf8().constData(), fs, &props);
 }
 
-SmbUrl parseShare(const QString& text) {
+SmbUrl parseShare(const QString& url) {
     try {
-        return parseSmbUrl(text);
-    } catch (const UsageError& error) { // not of the command line, here
+        return parseSmbUrl(url);
+    } catch (const UsageError& error) { // the URL is not from the command line
         throw Failure{error.message};
     }
 }

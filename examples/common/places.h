@@ -1,4 +1,4 @@
-// The storage locations of an application, as a file describes them.
+// The storage locations of an application, described by a file.
 #pragma once
 
 #include <oruio/bdmon.h>
@@ -11,14 +11,14 @@
 #include <optional>
 #include <vector>
 
-/// A location, and where its files are.
+/// A location and the directory of its files.
 struct Place {
     std::unique_ptr<oru::io::StorageLocation> location;
-    QString directory; ///< in the root switch; a local medium is mounted on it as well
+    QString directory; ///< in the root switch; also the mount point of a local medium
 };
 
-/// All places of a file, mounted in the root switch for as long as this object lives. The file has
-/// a section for each, whose name is the location's:
+/// All places of a file, mounted in the root switch while this object exists. The file has a
+/// section for each location, with its name:
 ///
 ///     [card]
 ///     device = platform-3f000000.mmc
@@ -28,17 +28,19 @@ struct Place {
 ///     share = smb://recorder@nas/footage
 ///     directory = /media/archive
 ///
-/// "device" is the ID_PATH of what is plugged in there, as the media_monitor shows it; "share" the
-/// URL of an SMB share; "export" an NFS export such as nas:/footage. A section has one of them.
+/// A section has one of these keys:
+/// - "device": the ID_PATH of a slot or port, as media_monitor prints it
+/// - "share": the URL of an SMB share
+/// - "export": an NFS export such as nas:/footage
 class Places {
 public:
-    /// With a name only the place that is called so, if there is one. Obtains the password of each
+    /// With `only`, reads only the place of this name, if it exists. Obtains the password of each
     /// share that has a user. Throws Failure.
     explicit Places(const QString& file, const QString& only = {});
     ~Places();
 
     std::vector<Place>& all();
-    /// From now on the local ones know what is plugged in, from the events of `monitor`.
+    /// Passes the events of `monitor` to the local places.
     void follow(oru::io::BDMon& monitor);
 
 private:
@@ -48,11 +50,11 @@ private:
     QObject m_follower; // ends the connection with the monitor
 };
 
-/// Watches a medium come to a local location. A disk is told of before its partitions.
+/// Detects when a medium has been inserted completely: a disk is reported before its partitions.
 class Arrival {
 public:
-    /// Whether the location has got a file system, or, three seconds after the disk, none that
-    /// would still be expected.
+    /// \returns whether the location has a file system, or has had a disk without one for three
+    /// seconds.
     bool isComplete(oru::io::SystemLocation& location);
 
 private:

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// The arguments as UTF-8, whatever the locale: that is how the library takes paths.
+/// The arguments decoded as UTF-8 in every locale, because the library encodes paths as UTF-8.
 QStringList utf8Arguments(int argc, char* argv[]) {
     QStringList arguments;
     for (int i = 0; i < argc; ++i)

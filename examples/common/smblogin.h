@@ -1,10 +1,10 @@
-// What a session with an SMB server begins with.
+// The login to a share of an SMB server.
 #pragma once
 
 #include "smburl.h"
 
 #include <oruio/properties.h>
 
-/// The properties to connect to the share of `url` with. Obtains the password if there is a user.
-/// Throws Failure.
+/// \returns the properties for Smb2FS::connect(). Obtains the password if `url` has a user. Throws
+/// Failure.
 oru::io::Properties loginTo(const SmbUrl& url);

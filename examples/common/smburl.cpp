@@ -7,8 +7,8 @@
 
 namespace {
 
-QRegularExpression pattern(const QString& text) {
-    return QRegularExpression(QRegularExpression::anchoredPattern(text),
+QRegularExpression pattern(const QString& expression) {
+    return QRegularExpression(QRegularExpression::anchoredPattern(expression),
                               QRegularExpression::CaseInsensitiveOption |
                                   QRegularExpression::DotMatchesEverythingOption);
 }
@@ -17,11 +17,11 @@ QRegularExpression pattern(const QString& text) {
     throw UsageError{"the URL of a share " + problem};
 }
 
-/// A password may itself have an @ or a slash that should have been encoded: wherever a colon comes
-/// before an @, nothing is taken for granted.
-void rejectPassword(const QString& text) {
+/// Rejects every URL with a colon before an @: a password may itself contain an @ or a slash that
+/// should have been encoded.
+void rejectPassword(const QString& url) {
     static const QRegularExpression password = pattern("smb:.*:.*@.*");
-    if (password.match(text).hasMatch())
+    if (password.match(url).hasMatch())
         reject(QStringLiteral("must not have a password, which others can see there: %1 may have "
                               "it, or it is asked for (an @ in a name is written %40)")
                    .arg(passwordVariable));
@@ -32,36 +32,36 @@ QString decoded(const QString& part) {
     if (part.contains(loneSign))
         reject("has a % that stands for no character; a % in a name is written %25");
     const QByteArray bytes = QByteArray::fromPercentEncoding(part.toUtf8());
-    QString text = QString::fromUtf8(bytes);
-    if (text.toUtf8() != bytes || text.contains(QChar::Null))
+    QString result = QString::fromUtf8(bytes);
+    if (result.toUtf8() != bytes || result.contains(QChar::Null))
         reject("is not a text in UTF-8 when decoded");
-    return text;
+    return result;
 }
 
 } // namespace
 
-bool isSmbUrl(const QString& text) {
-    return text.startsWith("smb:", Qt::CaseInsensitive);
+bool isSmbUrl(const QString& destination) {
+    return destination.startsWith("smb:", Qt::CaseInsensitive);
 }
 
-SmbUrl parseSmbUrl(const QString& text) {
+SmbUrl parseSmbUrl(const QString& url) {
     static const QRegularExpression form = pattern(R"(smb://)"
                                                    R"((?:(?:([^/@;]*);)?([^/@;]+)@)?)"
                                                    R"((\[[^]/@]+\]|[^][:/@;]+)(?::(\d{1,5}))?)"
                                                    R"(/([^/]+)(/.*)?)");
-    rejectPassword(text);
-    const QRegularExpressionMatch match = form.match(text);
+    rejectPassword(url);
+    const QRegularExpressionMatch match = form.match(url);
     const QString port = match.captured(4);
     if (!match.hasMatch() || (!port.isEmpty() && (port.toInt() < 1 || port.toInt() > 65535)))
         reject("must be smb://[[DOMAIN;]USER@]HOST[:PORT]/SHARE[/DIRECTORY...]");
 
-    SmbUrl url;
-    url.domain = decoded(match.captured(1));
-    url.user = decoded(match.captured(2));
-    url.server = decoded(match.captured(3));
+    SmbUrl parts;
+    parts.domain = decoded(match.captured(1));
+    parts.user = decoded(match.captured(2));
+    parts.server = decoded(match.captured(3));
     if (!port.isEmpty())
-        url.server += ':' + port;
-    url.share = decoded(match.captured(5));
-    url.directories = decoded(match.captured(6)).split('/', Qt::SkipEmptyParts);
-    return url;
+        parts.server += ':' + port;
+    parts.share = decoded(match.captured(5));
+    parts.directories = decoded(match.captured(6)).split('/', Qt::SkipEmptyParts);
+    return parts;
 }

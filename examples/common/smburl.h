@@ -1,20 +1,20 @@
-// A share of an SMB server, as users write it.
+// The URL of a share of an SMB server.
 #pragma once
 
 #include <QString>
 #include <QStringList>
 
-/// The parts of smb://[[DOMAIN;]USER@]HOST[:PORT]/SHARE[/DIRECTORY...], without percent-encoding.
+/// The parts of smb://[[DOMAIN;]USER@]HOST[:PORT]/SHARE[/DIRECTORY...], percent-decoded.
 struct SmbUrl {
     QString domain;
     QString user;   ///< empty: an anonymous session
-    QString server; ///< the host and, if there is one, a colon and the port
+    QString server; ///< HOST or HOST:PORT
     QString share;
-    QStringList directories; ///< the names on the way to the directory
+    QStringList directories; ///< the components of the path
 };
 
-/// Whether `text` is meant to be such a URL.
-bool isSmbUrl(const QString& text);
+/// Whether `destination` begins with "smb:".
+bool isSmbUrl(const QString& destination);
 
-/// Throws UsageError. There is nothing of `text` in its message: it may have a password.
-SmbUrl parseSmbUrl(const QString& text);
+/// Throws UsageError, whose message repeats no part of `url`, because it may contain a password.
+SmbUrl parseSmbUrl(const QString& url);

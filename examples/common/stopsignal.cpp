@@ -12,7 +12,7 @@ namespace {
 std::atomic<bool> requested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may not take a lock");
 
-sem_t arrival; // of the few ways to wake a thread up, one that a signal handler may use
+sem_t arrival; // sem_post(3) may be called in a signal handler
 
 void request(int) {
     requested = true;

@@ -1,16 +1,16 @@
-// Ctrl-C and SIGTERM as a request to come to an end, not as a sudden death.
+// Turns Ctrl-C and SIGTERM into a request to stop.
 #pragma once
 
 namespace stopsignal {
 
-/// From here on SIGINT and SIGTERM set the request. SIGPIPE is ignored: a reader of the output that
-/// goes away must not end the work.
+/// Installs the handler of SIGINT and SIGTERM, which sets the request. Ignores SIGPIPE, so that the
+/// program continues if the reader of its output exits.
 void install();
 
-/// Whether one of them came since the start or the last clear().
+/// Whether one of the signals arrived since install() or the last clear().
 bool isRequested();
 void clear();
-/// Returns when one has come, also if that was before the call. For one thread.
+/// Waits until a signal arrives; returns at once if one already has. For one thread.
 void wait();
 
 } // namespace stopsignal

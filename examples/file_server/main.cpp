@@ -1,4 +1,4 @@
-// A small file server: exports a directory to another process, which reaches it through an IPCFS.
+// A small file server: exports a directory to another process, which accesses it with an IPCFS.
 #include "common/failure.h"
 #include "common/localdirectory.h"
 #include "common/program.h"
@@ -18,17 +18,17 @@ namespace {
 using oru::io::IPCServer;
 
 const char description[] =
-    "Exports a directory to the other processes of this system, to one at a time, until Ctrl-C or\n"
-    "SIGTERM. There is one file server on a system. \"recorder --to ipc\" records into it.\n"
+    "Exports a directory to the other processes of this system, one at a time, until Ctrl-C or\n"
+    "SIGTERM. Only one file server can run on a system. \"recorder --to ipc\" records into it.\n"
     "\n"
     "Exit status: 0 orderly end, 1 failure, 2 bad command line.";
 
-void say(const QString& line) {
+void printLine(const QString& line) {
     std::puts(qUtf8Printable(line));
     std::fflush(stdout);
 }
 
-/// Serves until the server is told to terminate. Throws Failure when it could not begin.
+/// Serves until the server is terminated. Throws Failure if it cannot start.
 void run(IPCServer& server, const QString& directory) {
     if (server.run(nullptr) == 0)
         return;
@@ -37,7 +37,7 @@ void run(IPCServer& server, const QString& directory) {
     throw cannot("serve " + directory);
 }
 
-/// \returns false when the server has ended instead.
+/// \returns false if the server ended without serving.
 bool waitUntilServing(IPCServer& server, const std::future<void>& end) {
     constexpr int serving = 2;
     while (server.state() != serving) {
@@ -55,11 +55,11 @@ void serve(const QString& directory) {
         end.get();
         throw Failure{"cannot serve " + directory + ": the file service did not begin"};
     }
-    say("serving " + directory);
+    printLine("serving " + directory);
     stopsignal::wait();
     server.terminate();
     end.get();
-    say(QStringLiteral("stopped"));
+    printLine(QStringLiteral("stopped"));
 }
 
 void runCommand(const QStringList& arguments) {

@@ -1,4 +1,5 @@
-// Looks after an application's storage locations: mounts what arrives, records on it, unmounts it.
+// Operates the storage locations of an application: mounts media when they are inserted, records on
+// them, unmounts them.
 #include "common/failure.h"
 #include "common/places.h"
 #include "common/program.h"
@@ -25,12 +26,12 @@ const char description[] =
     "\n"
     "Exit status: 0 all unmounted, 1 failure, 2 bad command line.";
 
-void tell(const Place& place, const QString& what) {
-    std::printf("%s: %s\n", place.location->name(), qUtf8Printable(what));
+void report(const Place& place, const QString& event) {
+    std::printf("%s: %s\n", place.location->name(), qUtf8Printable(event));
     std::fflush(stdout);
 }
 
-/// What recordClip() has to say.
+/// Records a short clip. \returns the message for the user.
 QString recordClip(const Place& place) {
     constexpr int size = 1 << 20;
     const QByteArray clip(size, 'o');
@@ -42,43 +43,44 @@ QString recordClip(const Place& place) {
     return QStringLiteral("recorded %1 bytes in %2").arg(size).arg(path);
 }
 
-/// Brings one place forward by a step, and tells what has changed.
-class Attendant {
+/// Operates one place: mounts, records and unmounts, one step per call, and reports changes.
+class PlaceManager {
 public:
-    explicit Attendant(Place& place) : m_place(place) {}
+    explicit PlaceManager(Place& place) : m_place(place) {}
 
-    void attend() {
+    void advance() {
         StorageLocation& location = *m_place.location;
         auto* const local = qobject_cast<SystemLocation*>(&location);
         const auto before = m_access;
-        tellAccess();
+        reportAccess();
         if (before >= StorageLocation::Read && m_access <= StorageLocation::Presence) {
-            leave(); // it was pulled out
+            unmount(); // the medium was removed while mounted
             m_arrival = {};
         }
         const bool hasArrived = !local || m_arrival.isComplete(*local);
         if (hasArrived && m_access == (local ? StorageLocation::Presence : StorageLocation::None))
-            arrive();
+            mountAndRecord();
     }
 
-    /// \returns whether nothing is mounted any more.
-    bool leave() {
+    /// Unmounts. \returns false if something is still mounted.
+    bool unmount() {
         Properties lazy = {{"lazy", true}};
         const bool isPulledOut = m_access <= StorageLocation::Presence;
         liberrno = Ok; // the reason is in errno
         if (m_place.location->umount(isPulledOut ? &lazy : nullptr) != 0) {
-            tell(m_place, QStringLiteral("cannot unmount: ") + strerror());
+            report(m_place, QStringLiteral("cannot unmount: ") + strerror());
             return false;
         }
-        tellAccess();
+        reportAccess();
         return true;
     }
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    /// A medium that cannot be mounted is not tried for ever, a server again and again.
-    void arrive() {
+    /// After a failure a medium is not tried again, because its access() is then None. A server is,
+    /// every 5 s.
+    void mountAndRecord() {
         if (Clock::now() < m_nextTry)
             return;
         m_nextTry = Clock::now() + std::chrono::seconds(5);
@@ -86,16 +88,16 @@ private:
         liberrno = Ok; // the reason may be in errno
         if (m_place.location->mount(m_place.location->isWriteProtected() ? &readOnly : nullptr) !=
             0)
-            return tell(m_place, QStringLiteral("cannot mount: ") + strerror());
-        tellAccess();
+            return report(m_place, QStringLiteral("cannot mount: ") + strerror());
+        reportAccess();
         if (m_access == StorageLocation::Write)
-            tell(m_place, recordClip(m_place));
+            report(m_place, recordClip(m_place));
     }
 
-    void tellAccess() {
+    void reportAccess() {
         const auto access = m_place.location->access();
         if (access != m_access)
-            tell(m_place, StorageLocation::straccess(access));
+            report(m_place, StorageLocation::straccess(access));
         m_access = access;
     }
 
@@ -105,24 +107,24 @@ private:
     Clock::time_point m_nextTry;
 };
 
-void lookAfter(const QString& file) {
+void operate(const QString& file) {
     constexpr unsigned int quietMs = 500;
     constexpr std::chrono::milliseconds interval(200);
     stopsignal::install();
     Places places(file);
-    std::vector<Attendant> attendants(places.all().begin(), places.all().end());
+    std::vector<PlaceManager> managers(places.all().begin(), places.all().end());
     BDMon& media = *BDMon::instance();
     places.follow(media);
     media.start();
     while (!stopsignal::isRequested()) {
         media.update(quietMs);
-        for (Attendant& attendant : attendants)
-            attendant.attend();
+        for (PlaceManager& manager : managers)
+            manager.advance();
         std::this_thread::sleep_for(interval);
     }
     bool isClean = true;
-    for (Attendant& attendant : attendants)
-        isClean &= attendant.leave();
+    for (PlaceManager& manager : managers)
+        isClean &= manager.unmount();
     media.stop();
     if (!isClean)
         throw Failure{"something is still mounted"};
@@ -140,7 +142,7 @@ void runCommand(const QStringList& arguments) {
     else if (parser.positionalArguments().size() != 1)
         throw UsageError{"there must be one file of locations"};
     else
-        lookAfter(parser.positionalArguments().first());
+        operate(parser.positionalArguments().first());
 }
 
 } // namespace

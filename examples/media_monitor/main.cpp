@@ -1,4 +1,4 @@
-// Tells of the disks and cards that are there, and of those that come and go.
+// Prints the disks and cards that are present, then those that are added, removed and changed.
 #include "common/failure.h"
 #include "common/program.h"
 #include "common/stopsignal.h"
@@ -23,12 +23,12 @@ const char description[] = "Prints the block devices that are there, then those 
                            "\n"
                            "Exit status: 0 orderly end, 1 failure, 2 bad command line.";
 
-/// In bytes. udev counts partitions in units of 512 bytes.
+/// The size in bytes. udev reports partitions in units of 512 bytes.
 quint64 sizeOf(const BlockDevice& device) {
     return device.m_partNum == 0 ? device.capacity() : device.m_totalBlocks * 512;
 }
 
-/// Such as "partition 1, vfat "FILM", 7.9 GB, write protected".
+/// For example: partition 1, vfat "CLIPS", 7.9 GB, write protected.
 QString descriptionOf(const BlockDevice& device) {
     QStringList parts;
     if (device.m_partNum == 0)

@@ -35,7 +35,7 @@ bool exists(const Destination& destination, const QString& name) {
     return false;
 }
 
-/// The number of the last numbered clip, begun or finished; 0 when there is none.
+/// The number of the last numbered clip, finished or not; 0 if there is none.
 int lastNumber(const Destination& destination) {
     static const QRegularExpression pattern("^clip-(\\d{4,8})\\.oru(\\.part)?$");
     int last = 0;
@@ -52,18 +52,18 @@ QString numberedName(int number) {
     return QString::asprintf("clip-%04d.oru", number);
 }
 
-/// Whether the last operation failed because the storage has nothing of the kind.
+/// Whether the last operation failed because the storage does not support it.
 bool isUnsupported() {
     return oru::io::liberrno == oru::io::NotImplemented || failedWith(EINVAL) ||
            failedWith(EOPNOTSUPP);
 }
 
-/// Whether opening failed because the storage lets nobody do that, or not this user.
-bool isClosedToUs() {
+/// Whether opening failed because the storage does not support it or does not permit it.
+bool isRefused() {
     return isUnsupported() || failedWith(EISDIR) || failedWith(EPERM) || failedWith(EACCES);
 }
 
-/// Syncs, where the storage can do that for what is open.
+/// Syncs if the storage supports that for this descriptor, then closes it.
 void syncAndClose(int fd, const QString& action) {
     std::optional<Failure> failure;
     if (storage().fsync(fd) != 0 && !isUnsupported())
@@ -73,12 +73,12 @@ void syncAndClose(int fd, const QString& action) {
         throw *failure;
 }
 
-/// Makes durable what belongs to a name, where the storage lets it be opened and synced for that.
+/// Syncs a file or directory, if the storage permits opening and syncing it.
 void syncPath(const QString& path, int flags, const QString& action) {
     const int fd = storage().open(qUtf8Printable(path), flags | O_CLOEXEC, 0);
     if (fd >= 0)
         syncAndClose(fd, action);
-    else if (!isClosedToUs())
+    else if (!isRefused())
         throw cannot(action);
 }
 
@@ -109,7 +109,7 @@ std::unique_ptr<ClipWriter> ClipWriter::create(const Destination& destination,
     return clip;
 }
 
-/// \returns false when the name is taken, by a finished clip or by one in the making.
+/// \returns false if a finished or unfinished clip has this name.
 bool ClipWriter::start(const QString& name) {
     m_name = name;
     m_fd = storage().open(qUtf8Printable(m_destination.path(part())),
@@ -120,9 +120,9 @@ bool ClipWriter::start(const QString& name) {
         throw cannot("create " + m_destination.shown(part()));
     }
     m_partExists = true;
-    // Only now: while this recorder has the part, no other one can finish a clip of this name.
+    // Checked after the part exists: from then on no other recorder can finish a clip of this name.
     if (!exists(m_destination, m_name)) {
-        // What is synced later would be lost with the name.
+        // Without the name, a power cut would lose data that is synced later.
         syncDirectory(m_destination);
         return true;
     }
@@ -148,7 +148,7 @@ void ClipWriter::write(const char* data, size_t size) {
         if (count < 0 && failedWith(EINTR))
             continue;
         if (count == 0)
-            errno = EIO; // a storage that takes nothing and gives no reason
+            errno = EIO; // the storage accepted nothing and reported no error
         if (count <= 0)
             throw cannot("write " + m_destination.shown(part()));
         done += static_cast<size_t>(count);
@@ -173,7 +173,7 @@ void ClipWriter::finish() {
     sync();
     if (storage().close(std::exchange(m_fd, -1)) != 0)
         throw cannot("close " + m_destination.shown(part()));
-    // Another program may have made a file of this name meanwhile; a rename would replace it.
+    // Another program may have created a file of this name; a rename would replace it.
     if (exists(m_destination, m_name)) {
         errno = EEXIST;
         throw cannot("finish " + m_destination.shown(m_name));
@@ -182,7 +182,7 @@ void ClipWriter::finish() {
                          qUtf8Printable(m_destination.path(m_name))) != 0)
         throw cannot("rename to " + m_destination.shown(m_name));
     m_partExists = false;
-    // A FAT's entry of the new name tells of an empty file until the file is synced once more.
+    // On FAT the entry of the new name has size 0 until the file is synced again.
     syncPath(m_destination.path(m_name), O_WRONLY, "sync " + m_destination.shown(m_name));
     syncDirectory(m_destination);
 }

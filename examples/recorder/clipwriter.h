@@ -1,4 +1,4 @@
-// A clip on its way to the storage.
+// Writes a clip to the storage.
 #pragma once
 
 #include "checksum.h"
@@ -11,9 +11,9 @@
 #include <cstddef>
 #include <memory>
 
-/// Writes a clip under NAME.part; finish() gives it its name. A clip without its name leaves
-/// nothing behind, unless the storage itself is out of reach by then; one that has it stays, also
-/// when finish() fails to make that durable.
+/// Writes a clip as NAME.part; finish() renames it. The destructor removes a clip that was not
+/// renamed, if the storage is still accessible. A renamed clip stays, even if finish() fails to
+/// sync it.
 ///
 /// All functions throw Failure.
 class ClipWriter {
@@ -26,12 +26,12 @@ public:
         Checksum checksum;      ///< of the bytes written
     };
 
-    /// Starts the clip `name`, or clip-NNNN.oru with the next free number if it is empty.
+    /// Starts the clip `name`; if empty, clip-NNNN.oru with the next free number.
     static std::unique_ptr<ClipWriter> create(const Destination& destination, const QString& name);
     ~ClipWriter();
 
     void write(const char* data, size_t size);
-    /// Returns when all that was written is on the medium.
+    /// Returns when all written data is on the medium.
     void sync();
     void finish();
 

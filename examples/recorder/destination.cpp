@@ -16,7 +16,7 @@ const QString mountPoint = QStringLiteral("/media/clip-dest");
 const QString fileServer = QStringLiteral("ipc");
 const QString locationPrefix = QStringLiteral("location:");
 
-/// A recorder that has just been killed may still be in the way at the first attempt.
+/// The first attempt may fail if another recorder was killed just before.
 constexpr unsigned int connectTries = 2;
 
 std::unique_ptr<QTemporaryDir> makeTemporaryDirectory(bool keep) {
@@ -27,7 +27,8 @@ std::unique_ptr<QTemporaryDir> makeTemporaryDirectory(bool keep) {
     return directory;
 }
 
-/// Begins a session with the file server. Whoever lets go of the file system ends it.
+/// Begins a session with the file server. The session ends with the last reference to the file
+/// system.
 QSharedPointer<oru::io::FS> connectToFileServer() {
     auto fs = oru::io::IPCFS::SPtr::create();
     if (fs->connect(connectTries, nullptr) != 0)
@@ -40,19 +41,19 @@ QSharedPointer<oru::io::FS> connectToFileServer() {
 Destination::Destination(const Options& options)
     : m_temporary(options.destination.isEmpty() ? makeTemporaryDirectory(options.keep) : nullptr),
       m_shown(m_temporary ? m_temporary->path() : options.destination), m_directory(mountPoint) {
-    const QString& text = options.destination;
-    if (text.startsWith(locationPrefix)) {
-        m_medium = std::make_unique<Medium>(text.mid(locationPrefix.size()), options);
+    const QString& destination = options.destination;
+    if (destination.startsWith(locationPrefix)) {
+        m_medium = std::make_unique<Medium>(destination.mid(locationPrefix.size()), options);
         m_directory = m_medium->directory();
         return;
     }
     QSharedPointer<oru::io::FS> fs;
-    if (isSmbUrl(text)) {
-        const SmbUrl url = parseSmbUrl(text);
-        fs = connectToShare(url, text);
+    if (isSmbUrl(destination)) {
+        const SmbUrl url = parseSmbUrl(destination);
+        fs = connectToShare(url, destination);
         for (const QString& name : url.directories)
             m_directory += '/' + name;
-    } else if (text == fileServer) {
+    } else if (destination == fileServer) {
         fs = connectToFileServer();
     } else {
         fs = openLocalDirectory(m_shown);

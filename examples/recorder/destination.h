@@ -1,4 +1,4 @@
-// Where the clip goes: turns the text after --to into a file system in the root switch.
+// The destination of the clip: mounts the argument of --to in the root switch.
 #pragma once
 
 #include "medium.h"
@@ -9,32 +9,35 @@
 
 #include <memory>
 
-/// A file system, mounted in the root switch for as long as this object lives.
+/// A file system, mounted in the root switch while this object exists.
 class Destination {
 public:
-    /// Mounts what the text behind --to names: "ipc", what the file server of this system exports;
-    /// a share of an SMB server, with a directory in it, which is made if it is missing;
-    /// "location:NAME", a medium (medium.h); a local directory; or, if it is empty, a temporary
-    /// directory, which is removed at the end unless it is to be kept. May ask the user for a
-    /// password. Throws Failure when there is no such thing, UsageError when the text makes no
-    /// sense.
+    /// Mounts the argument of --to:
+    /// - "ipc": the directory that the file server of this system exports
+    /// - smb://...: a share of an SMB server and a directory in it, which is created if missing
+    /// - "location:NAME": a medium (medium.h)
+    /// - any other: a local directory
+    /// - empty: a temporary directory, removed at the end unless --keep is given
     ///
-    /// The session with a file server belongs to the calling thread: it should also be the one that
-    /// destroys this object. All use of the file system must be one call at a time.
+    /// May ask the user for a password. Throws Failure if the destination is not available,
+    /// UsageError if the argument is invalid.
+    ///
+    /// The session with a file server belongs to the calling thread, which should also destroy this
+    /// object. Only one call on the file system at a time is allowed.
     explicit Destination(const Options& options);
     ~Destination();
 
-    /// When all is written: what is removable may then be removed. Throws Failure.
+    /// Unmounts a medium, which can then be removed. Throws Failure.
     void leave();
 
-    /// Its directory in the root switch.
+    /// The directory in the root switch.
     QString directory() const;
     /// The path of `name` in the root switch.
     QString path(const QString& name) const;
     /// The path of `name` as the user knows it, for messages.
     QString shown(const QString& name) const;
 
-    /// Whether clips are still there when this object is gone.
+    /// Whether clips remain after this object is destroyed.
     bool isKept() const;
 
 private:

@@ -1,4 +1,4 @@
-// Latency percentiles in fixed memory, however long the recording.
+// Latency percentiles in constant memory.
 #pragma once
 
 #include <array>
@@ -6,13 +6,14 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Counts latencies in buckets whose width grows with the latency: sixteen to each power of two of
-/// nanoseconds. A percentile is therefore at most 1/16 too long, and never too short.
+/// Counts latencies in buckets: sixteen for each power of two of nanoseconds. So a percentile is at
+/// most 1/16 too long, and never too short.
 class LatencyHistogram {
 public:
     void add(std::chrono::nanoseconds latency);
 
-    /// The latency that the share `fraction` (0 to 1) of all stays within; 0 when there are none.
+    /// The latency that the fraction `fraction` (0 to 1) of all does not exceed; 0 if there are
+    /// none.
     std::chrono::nanoseconds percentile(double fraction) const;
     std::chrono::nanoseconds max() const;
     uint64_t count() const;
@@ -20,7 +21,7 @@ public:
 private:
     static constexpr unsigned subBits = 4;
     static constexpr unsigned subBuckets = 1U << subBits;
-    // Latencies below subBuckets have a bucket each; then each further bit has subBuckets.
+    // One bucket for each latency below subBuckets, then subBuckets for each further bit.
     static constexpr size_t buckets = (64 - subBits + 1) * subBuckets;
 
     static size_t bucketOf(uint64_t ns);

@@ -15,7 +15,7 @@ void recordAndVerify(const Options& options) {
     stopsignal::install();
     Destination destination(options);
     const Recording recording = record(destination, options);
-    // The signal has ended the recording; a further one may end the reading.
+    // This signal ended the recording. Another one may end the verification.
     stopsignal::clear();
     const QString name = recording.clip->name();
     const ReadBack back = readBack(destination, name, recording.clip->statistics().bytes);

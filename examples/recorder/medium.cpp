@@ -17,7 +17,7 @@ using namespace oru::io;
 
 constexpr std::chrono::seconds patience(30);
 constexpr std::chrono::milliseconds interval(100);
-/// A disk and its partitions come one after the other.
+/// Longer than the time between the events of a disk and its partitions.
 constexpr unsigned int quietMs = 500;
 
 Place& onlyPlace(Places& places, const QString& name, const QString& file) {
@@ -83,7 +83,7 @@ void Medium::unmount() {
 void Medium::check() {
     auto* const local = qobject_cast<SystemLocation*>(m_place.location.get());
     if (!local)
-        return; // the server's business
+        return; // only the server can check it
     const int status = local->check();
     if (status != 0)
         throw status < 0

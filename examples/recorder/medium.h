@@ -6,17 +6,17 @@
 
 #include <QString>
 
-/// Mounted for as long as this object lives.
+/// Mounted while this object exists.
 class Medium {
 public:
-    /// Mounts the medium of the location `name`. One that is not there is awaited, for half a
-    /// minute. Throws Failure.
+    /// Mounts the medium of the location `name`; waits up to 30 s until it is inserted. Throws
+    /// Failure.
     Medium(const QString& name, const Options& options);
     ~Medium();
 
-    /// Its directory in the root switch.
+    /// The directory in the root switch.
     QString directory() const;
-    /// Checks it, too, where that is an option. Throws Failure.
+    /// Unmounts it, and checks it if --check is given. Throws Failure.
     void unmount();
 
 private:

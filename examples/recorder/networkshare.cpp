@@ -11,10 +11,10 @@ namespace {
 
 using oru::io::Smb2FS;
 
-/// What the server may take for an answer, in seconds. A recording cannot wait for longer.
+/// The time-out of requests, in seconds. A recording cannot wait longer.
 constexpr unsigned int timeout = 10;
 
-/// What a failure to connect means, where errno was made for something else.
+/// An explanation of errno after a failed connect, if strerror() is not sufficient.
 const char* meaningOf(int error) {
     switch (error) {
     case ECONNREFUSED:
@@ -33,17 +33,17 @@ const char* meaningOf(int error) {
     }
 }
 
-/// Makes the directory `path` if there is none.
-void provideDirectory(Smb2FS& fs, const QString& path, const QString& shown) {
+/// Creates the directory `path` if it does not exist.
+void ensureDirectory(Smb2FS& fs, const QString& path, const QString& shown) {
     struct stat st = {};
     if (fs.stat(path, st) == 0) {
         if (S_ISDIR(st.st_mode))
             return;
         errno = ENOTDIR;
     } else if (errno == ENOENT && (fs.mkdir(path, 0755) == 0 || errno == EEXIST)) {
-        return; // EEXIST: somebody else was faster
+        return; // EEXIST: another client created it
     }
-    // What the server says to names that it does not allow has no errno of its own.
+    // A name that the server forbids has no errno of its own.
     throw cannot("use " + shown + (errno == EIO ? " (perhaps the server forbids the name)" : ""));
 }
 
@@ -56,7 +56,7 @@ QSharedPointer<oru::io::FS> connectToShare(const SmbUrl& url, const QString& sho
     QString path;
     for (const QString& name : url.directories) {
         path += '/' + name;
-        provideDirectory(*fs, path, shown);
+        ensureDirectory(*fs, path, shown);
     }
     return fs;
 }

@@ -1,4 +1,4 @@
-// A share of an SMB server as a file system.
+// Opens a share of an SMB server as a file system.
 #pragma once
 
 #include "common/smburl.h"
@@ -7,7 +7,7 @@
 
 #include <QSharedPointer>
 
-/// Connects to the share of `url`, and makes its directory if that is missing. `shown` is the URL
-/// as the user knows it, for messages. Whoever lets go of the file system ends the connection.
-/// Throws Failure.
+/// Connects to the share of `url` and creates its directory if it does not exist. `shown` is the
+/// URL for messages. The connection ends with the last reference to the file system. Throws
+/// Failure.
 QSharedPointer<oru::io::FS> connectToShare(const SmbUrl& url, const QString& shown);

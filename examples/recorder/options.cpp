@@ -16,7 +16,7 @@ const QString defaultLocations = QStringLiteral("/etc/oruio/locations.ini");
 
 const char description[] =
     "Records a generated stream of frames as one clip, reads it back and verifies it.\n"
-    "Ctrl-C ends the recording early; what was recorded until then is a complete clip.\n"
+    "Ctrl-C ends the recording early; the clip is complete up to that point.\n"
     "\n"
     "The password for a share is taken from the environment variable ORUIO_SMB_PASSWORD, or asked\n"
     "for on the terminal. Without a USER the session is anonymous.\n"
@@ -28,11 +28,12 @@ void declareOptions(QCommandLineParser& parser) {
     parser.addOptions({
         {{"h", "help"}, "Show this help."},
         {"to",
-         "Where the clip goes: a local directory; ipc, whatever the file_server on this system "
+         "Where the clip goes: a local directory; ipc, the directory that the file_server of this "
+         "system "
          "exports; or smb://[[DOMAIN;]USER@]HOST[:PORT]/SHARE[/DIRECTORY...], a share on the "
          "network, where a missing directory is made; or location:NAME, a storage location, whose "
-         "medium is awaited, mounted and unmounted again. (Directories of such names are ./ipc, "
-         "./smb:... and ./location:...) Default: a temporary directory, removed at the end.",
+         "medium is awaited, mounted and unmounted again. (A local directory of such a name is "
+         "./ipc, ./smb:... or ./location:...) Default: a temporary directory, removed at the end.",
          "DEST"},
         {"locations", "The file that describes the storage locations. Default: " + defaultLocations,
          "FILE", defaultLocations},
@@ -64,7 +65,7 @@ void declareOptions(QCommandLineParser& parser) {
 double parseNumber(const char* option, const QString& value, double lowest, double highest) {
     bool ok = false;
     const double number = value.toDouble(&ok);
-    // Written so that it also rejects a NaN.
+    // This form of the condition also rejects a NaN.
     if (!ok || !(number >= lowest && number <= highest))
         reject(option, value, QStringLiteral("a number from %1 to %2").arg(lowest).arg(highest));
     return number;
@@ -132,7 +133,7 @@ Options parseOptions(const QStringList& arguments) {
         options.help = parser.helpText();
         return options;
     }
-    // Not repeated in the message: a URL that belongs behind --to may have a password.
+    // The message does not repeat the argument: it may be a URL with a password.
     if (!parser.positionalArguments().isEmpty())
         throw UsageError{"unexpected argument (is --to missing in front of it?)"};
     return readValues(parser);

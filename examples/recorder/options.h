@@ -9,15 +9,15 @@
 #include <optional>
 
 struct Options {
-    QString help;             ///< what --help prints, if it was asked for; the rest is then unset
+    QString help;             ///< the output of --help; if set, all other members are unset
     QString destination;      ///< empty: a temporary directory
     bool keep = false;        ///< keep the temporary directory
     QString locations;        ///< the file that describes the storage locations
-    bool reportSyncs = false; ///< print a line for each
-    bool check = false;       ///< check the medium of a location in the end
-    QString name;             ///< empty: the next free number
+    bool reportSyncs = false; ///< print a line for each sync
+    bool check = false;       ///< check the medium of a location at the end
+    QString name;             ///< empty: clip-NNNN.oru with the next free number
 
-    std::optional<double> megabitsPerSecond; ///< else as fast as the storage takes it
+    std::optional<double> megabitsPerSecond; ///< unset: as fast as the storage accepts it
     std::optional<qint64> maxBytes;
     std::optional<Clock::duration> maxTime;
 };

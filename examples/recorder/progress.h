@@ -1,4 +1,4 @@
-// The line that moves while the recorder works.
+// The progress line of the recorder.
 #pragma once
 
 #include "clock.h"
@@ -8,13 +8,13 @@
 /// On a terminal, a bar that is redrawn in place; elsewhere a plain line every few seconds.
 class Progress {
 public:
-    /// `activity` is what the line begins with.
+    /// `activity` is the start of the line.
     explicit Progress(const QString& activity);
-    /// Wipes the bar away.
+    /// Erases the bar.
     ~Progress();
 
-    /// Shows how far the activity is. `worstWrite` is left out when it is 0. Cheap enough to be
-    /// called for every frame.
+    /// Shows the progress. Omits `worstWrite` if it is 0. Cheap enough to be called for every
+    /// frame.
     void update(double fraction, long long bytes, Clock::duration worstWrite = {});
 
 private:

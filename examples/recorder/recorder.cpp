@@ -30,7 +30,7 @@ size_t frameSize(const Options& options) {
     return static_cast<size_t>(std::lround(*options.megabitsPerSecond * 1e6 / 8 / framesPerSecond));
 }
 
-/// At once: whoever reads it may have no more time than until a power cut.
+/// Flushes standard output, so that the line is not lost in a power cut.
 void printSync(const ClipWriter::Statistics& written) {
     std::printf("synced %lld %016llx\n", static_cast<long long>(written.bytes),
                 static_cast<unsigned long long>(written.checksum.value()));
@@ -60,7 +60,7 @@ public:
     }
 
 private:
-    /// As from a camera, a frame is complete one period after the one before it.
+    /// Waits until the frame is complete, one period after the previous one, as from a camera.
     void waitForFrame() {
         if (!m_options.megabitsPerSecond)
             return;
@@ -79,7 +79,7 @@ private:
         ++m_recording.frames;
     }
 
-    /// A power cut costs at most the last second.
+    /// Syncs once per second, so that a power cut loses at most the last second.
     void syncIfDue() {
         if (elapsed() < m_nextSync)
             return;
@@ -89,7 +89,7 @@ private:
         m_nextSync = elapsed() + syncPeriod;
     }
 
-    /// How near the nearest limit is; 1 when it is reached.
+    /// Progress towards the nearer limit; 1 if it is reached.
     double fractionDone() const {
         double fraction = 0;
         if (m_options.maxBytes)

@@ -1,4 +1,4 @@
-// The two halves of the work: recording a clip, and reading it back.
+// Records a clip and reads it back.
 #pragma once
 
 #include "clipwriter.h"
@@ -7,19 +7,19 @@
 
 #include <memory>
 
-/// A finished clip and how it came about.
+/// A finished clip and the figures of its recording.
 struct Recording {
     std::unique_ptr<ClipWriter> clip; ///< never null
     qint64 frames = 0;
-    qint64 lateFrames = 0; ///< whose turn came while the storage was still busy with others
+    qint64 lateFrames = 0; ///< that were due while the storage was still busy with earlier ones
     Clock::duration duration{};
     bool stopped = false; ///< by a stop signal
 };
 
-/// Records until a limit of `options` is reached or a stop signal comes. Throws Failure.
+/// Records until a limit of `options` is reached or a stop signal arrives. Throws Failure.
 Recording record(const Destination& destination, const Options& options);
 
-/// What a clip contained when it was read again.
+/// The result of reading a clip back.
 struct ReadBack {
     qint64 bytes = 0;
     Checksum checksum;
@@ -30,5 +30,5 @@ struct ReadBack {
 /// Reads the clip `name` of `size` bytes. Throws Failure.
 ReadBack readBack(const Destination& destination, const QString& name, qint64 size);
 
-/// Whether all of the clip came back as it was written.
+/// Whether the clip that was read equals the one that was written.
 bool isVerified(const Recording& recording, const ReadBack& readBack);

@@ -11,7 +11,7 @@ constexpr size_t pageSize = 4096;
 } // namespace
 
 FrameStream::FrameStream(size_t frameSize) : m_frame(frameSize) {
-    std::mt19937 generator; // seeded with a constant: every run records the same
+    std::mt19937 generator; // constant seed: every run records the same data
     for (size_t at = 0; at < frameSize; at += sizeof(uint32_t)) {
         const auto word = static_cast<uint32_t>(generator());
         std::memcpy(&m_frame[at], &word, std::min(sizeof word, frameSize - at));

@@ -1,4 +1,4 @@
-// The stream that stands in for a camera: frames of one size, each with a header.
+// A stream that replaces a camera: frames of equal size, each with a header.
 #pragma once
 
 #include "clock.h"
@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-/// What each frame begins with, in the byte order of the machine.
+/// The start of each frame, in the byte order of the machine.
 struct FrameHeader {
     char magic[8];   ///< "ORUFRAME"
     uint64_t number; ///< from 0
@@ -15,11 +15,11 @@ struct FrameHeader {
     uint64_t length; ///< of the frame in bytes, header included
 };
 
-/// Makes the frames one after the other, in one buffer.
+/// Generates the frames one after the other, in one buffer.
 ///
-/// The payload is random, and made only once: making it must not slow the recording down. What
-/// tells the frames apart is the header and, at the start of each further 4 KiB page, the frame's
-/// number, so that a page that ends up in the wrong place changes the clip's checksum.
+/// The payload is random and generated only once, so that it does not slow the recording down.
+/// Frames differ in the header and in the frame number at the start of each further 4 KiB page. So
+/// a page in the wrong place changes the clip's checksum.
 class FrameStream {
 public:
     /// Frames of `frameSize` bytes, which must be at least the size of the header.
@@ -27,8 +27,8 @@ public:
 
     size_t frameSize() const;
 
-    /// The next frame, of which only the first `length` bytes will be used. Valid until the next
-    /// call.
+    /// \returns the next frame, of which the caller uses only the first `length` bytes. Valid until
+    /// the next call.
     const char* next(size_t length, Clock::duration time);
 
 private:

@@ -4,14 +4,14 @@
 
 namespace {
 
-QString framesText(const Recording& recording) {
-    QString text = QString::number(recording.frames);
+QString describeFrames(const Recording& recording) {
+    QString result = QString::number(recording.frames);
     if (recording.lateFrames > 0)
-        text += QStringLiteral(", %1 of them late").arg(recording.lateFrames);
-    return text;
+        result += QStringLiteral(", %1 of them late").arg(recording.lateFrames);
+    return result;
 }
 
-QString latencyText(const LatencyHistogram& latency) {
+QString describeLatency(const LatencyHistogram& latency) {
     return QString::asprintf(
         "p50 %.2f ms, p99 %.2f ms, max %.2f ms", toMilliseconds(latency.percentile(0.50)),
         toMilliseconds(latency.percentile(0.99)), toMilliseconds(latency.max()));
@@ -19,8 +19,8 @@ QString latencyText(const LatencyHistogram& latency) {
 
 } // namespace
 
-void printRow(const char* label, const QString& text) {
-    std::printf("%-10s %s\n", label, qUtf8Printable(text));
+void printRow(const char* label, const QString& value) {
+    std::printf("%-10s %s\n", label, qUtf8Printable(value));
     std::fflush(stdout);
 }
 
@@ -36,11 +36,11 @@ void printSummary(const Destination& destination, const Recording& recording,
     printRow("size",
              QString::asprintf("%lld bytes (%.1f MiB)", static_cast<long long>(written.bytes),
                                static_cast<double>(written.bytes) / (1 << 20)));
-    printRow("frames", framesText(recording));
+    printRow("frames", describeFrames(recording));
     printRow("duration", QString::asprintf("%.2f s", toSeconds(recording.duration)));
     printRow("sustained", QString::asprintf("%.1f MB/s over the time in write and fsync",
                                             megabytesPerSecond(written.bytes, written.busy)));
-    printRow("write", latencyText(written.writes));
+    printRow("write", describeLatency(written.writes));
     printRow("fsync",
              QString::asprintf("worst %.2f ms of %llu", toMilliseconds(written.syncs.max()),
                                static_cast<unsigned long long>(written.syncs.count())));

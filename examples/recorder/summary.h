@@ -1,10 +1,10 @@
-// What the user is told at the end.
+// The summary printed at the end.
 #pragma once
 
 #include "recorder.h"
 
 /// Prints one line to standard output.
-void printRow(const char* label, const QString& text);
+void printRow(const char* label, const QString& value);
 
 /// Prints the figures of a recording to standard output, one to a line.
 void printSummary(const Destination& destination, const Recording& recording,
