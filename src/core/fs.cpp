@@ -1,24 +1,14 @@
 #include <oruio/error.h>
 #include <oruio/fs.h>
 
+#include "core/failwith_p.h"
+
 #include <cerrno>
-#include <cstdlib>
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace oru::io {
-
-namespace {
-
-/// Whether there is memory for `size` bytes. An array that cannot have it would end the process.
-bool canAllocate(size_t size) {
-    // Volatile: else the compiler may take the success of an unused allocation for granted.
-    void* volatile const memory = std::malloc(size);
-    std::free(memory);
-    return memory;
-}
-
-} // namespace
 
 File::File(const QString& type) : m_type(type) {}
 
@@ -33,21 +23,22 @@ QByteArray File::readAll(unsigned int maxSize) {
     if (fstat(st) != 0)
         return {};
     const auto size = qMin<qint64>(maxSize, st.st_size);
-    // A size of nothing, or a backend that tells a negative one: there is nothing to read.
-    if (size <= 0)
+    // Not of an empty file: its one read tells an error from emptiness.
+    if (maxSize == 0 || size < 0)
         return {};
-    // What a byte array can hold, with room for its own header.
-    if (size > std::numeric_limits<int>::max() - 64) {
-        liberrno = Ok;
-        errno = EFBIG;
-        return {};
-    }
-    if (!canAllocate(static_cast<size_t>(size) + 64)) {
-        liberrno = Ok;
-        errno = ENOMEM;
+    // The largest size of a byte array.
+    constexpr int headerRoom = 64;
+    if (size > std::numeric_limits<int>::max() - headerRoom) {
+        failWith(EFBIG);
         return {};
     }
-    QByteArray data(static_cast<int>(size), Qt::Uninitialized);
+    QByteArray data;
+    try {
+        data.resize(static_cast<int>(size));
+    } catch (const std::bad_alloc&) {
+        failWith(ENOMEM);
+        return {};
+    }
     if (read(data.data(), static_cast<unsigned int>(size)) != size)
         return {};
     return data;

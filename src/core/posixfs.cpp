@@ -117,19 +117,25 @@ int PosixFS::removexattr(QString path, QString name) {
 
 int PosixFS::listxattr(QString path, QVector<QString>& names) {
     constexpr size_t capacity = 65536;
-    std::vector<char> list(capacity);
-    const int size = listxattr(path, list.data(), capacity);
-    const char* text = list.data();
-    const char* const end = text + capacity;
-    // One string per byte of the list: the names, and after them empty strings from the zeroes that
-    // follow. Callers rely on the count.
-    for (int i = 0; i < size; ++i) {
-        const size_t length = strnlen(text, end - text);
-        names.append(decoded(text, static_cast<int>(length)));
-        text += length;
-        if (text < end)
-            ++text;
+    int size = -1;
+    int reason = 0;
+    {
+        std::vector<char> list(capacity);
+        size = listxattr(path, list.data(), capacity);
+        reason = errno;
+        const char* next = list.data();
+        const char* const end = next + capacity;
+        // One string per byte of the list: the names, and after them empty strings from the zeroes
+        // that follow. Callers rely on the count.
+        for (int i = 0; i < size; ++i) {
+            const size_t length = strnlen(next, end - next);
+            names.append(decoded(next, static_cast<int>(length)));
+            next += length;
+            if (next < end)
+                ++next;
+        }
     }
+    errno = reason;
     return size;
 }
 

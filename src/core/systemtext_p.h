@@ -8,6 +8,7 @@
 #include <QVarLengthArray>
 
 #include <cerrno>
+#include <utility>
 
 namespace oru::io {
 
@@ -34,12 +35,13 @@ QString decoded(const char* utf8, int length);
 /// Calls `call` with `path` in UTF-8. \returns its result, or -1 with errno when `path` cannot be
 /// converted. errno stays as `call` leaves it, also when the memory of the path is freed.
 template <class Call>
-int withPath(const QString& path, Call call) {
+int withPath(QString path, Call call) {
     int result = -1;
     int reason = 0;
     {
+        const QString owned = std::move(path); // freed here, also if it was a temporary
         SystemText systemPath;
-        if (toSystem(path, systemPath))
+        if (toSystem(owned, systemPath))
             result = call(systemPath.constData());
         reason = errno;
     }
@@ -49,9 +51,9 @@ int withPath(const QString& path, Call call) {
 
 /// The same with two paths.
 template <class Call>
-int withPaths(const QString& first, const QString& second, Call call) {
-    return withPath(first, [&](const char* firstPath) {
-        return withPath(second,
+int withPaths(QString first, QString second, Call call) {
+    return withPath(std::move(first), [&](const char* firstPath) {
+        return withPath(std::move(second),
                         [&](const char* secondPath) { return call(firstPath, secondPath); });
     });
 }

@@ -108,6 +108,7 @@ const char* BDMon::Data::getProps(udev_device* dev, Properties& props) {
 
 /// The next queued event, or null when there is none.
 UdevPtr<udev_device> BDMon::Data::receive() const {
+    const CancelGuard guard; // libudev is not written to be left in the middle
     UdevPtr<udev_device> device;
     do {
         errno = 0;
@@ -192,6 +193,7 @@ void BDMon::start() {
 }
 
 void BDMon::stop() {
+    const CancelGuard guard;
     m_data->monitor.reset();
 }
 

@@ -178,16 +178,23 @@ int LinuxBD::mount(QString mountPoint, const Properties* props) {
 
 int LinuxBD::umount(const Properties* props) {
     liberrno = Ok;
-    MountTable mounts;
-    int result = mounts.isRead() ? 0 : -1;
-    const QByteArray device = m_devName.toUtf8();
-    const MountTable::Mount* mount = nullptr;
-    while (result == 0 && (mount = mounts.next())) {
-        if (device != mount->device && device != mount->mountPoint)
-            continue;
-        ORUIO_LOG(LogDebug, "umount device '%s' from '%s'", device.constData(), mount->mountPoint);
-        result = umountPath(mount->mountPoint, props);
+    int result = -1;
+    int reason = 0;
+    {
+        MountTable mounts;
+        const QByteArray device = m_devName.toUtf8();
+        result = mounts.isRead() ? 0 : -1;
+        const MountTable::Mount* mount = nullptr;
+        while (result == 0 && (mount = mounts.next())) {
+            if (device != mount->device && device != mount->mountPoint)
+                continue;
+            ORUIO_LOG(LogDebug, "umount device '%s' from '%s'", device.constData(),
+                      mount->mountPoint);
+            result = umountPath(mount->mountPoint, props);
+        }
+        reason = errno;
     }
+    errno = reason; // freeing the table may change it
     m_umountFailed = result != 0;
     return result;
 }

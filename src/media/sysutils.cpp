@@ -131,6 +131,21 @@ int umountLast(const char* path, const char* device, const Properties* props) {
     return ::umount2(path, flags);
 }
 
+/// Unmounts each mount on `path`, the oldest line of the table first.
+int umountAll(const char* path, MountTable& mounts, const Properties* props) {
+    int result = 0;
+    const MountTable::Mount* mount = nullptr;
+    while (result == 0 && (mount = mounts.next())) {
+        if (std::strcmp(mount->mountPoint, path) == 0)
+            result = umountLast(path, mount->device, props);
+        // Another process may have unmounted it, and one umount(2) of a shared mount removes
+        // several lines.
+        if (result != 0 && errno == EINVAL && !isMounted(path))
+            return 0;
+    }
+    return result;
+}
+
 } // namespace
 
 SysCmd::SysCmd(const char* cmd) : m_args(QString::fromUtf8(cmd)) {}
@@ -182,19 +197,15 @@ int umountPath(const char* path, const Properties* props) {
         return -1;
     }
     const CancelGuard guard;
-    MountTable mounts;
-    if (!mounts.isRead())
-        return -1;
-    int result = 0;
-    const MountTable::Mount* mount = nullptr;
-    while (result == 0 && (mount = mounts.next())) {
-        if (std::strcmp(mount->mountPoint, path) == 0)
-            result = umountLast(path, mount->device, props);
-        // Another process may have unmounted it, and one umount(2) of a shared mount removes
-        // several lines.
-        if (result != 0 && errno == EINVAL && !isMounted(path))
-            return 0;
+    int result = -1;
+    int reason = 0;
+    {
+        MountTable mounts;
+        if (mounts.isRead())
+            result = umountAll(path, mounts, props);
+        reason = errno;
     }
+    errno = reason; // freeing the table may change it
     return result;
 }
 

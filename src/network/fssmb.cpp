@@ -149,44 +149,47 @@ int set_errno(Smb2FS* fs, int rc, smb2_context*, const char*, const char*) {
     return fs->m_data->report(rc);
 }
 
+int Smb2FS::Data::connect(const Properties& props, const QDeadlineTimer& deadline) {
+    description.clear();
+    session = std::make_shared<Smb2Session>(timeout);
+    Login login;
+    if (const int failed = login.read(props))
+        return failed;
+    if (const int failed = session->connect(login.forSession(), deadline))
+        return failed;
+    if (const int refused = protectionError(*session)) {
+        session->disconnect(deadline);
+        session = std::make_shared<Smb2Session>(timeout);
+        return refused;
+    }
+    description = login.description();
+    ORUIO_LOG(LogDebug, "SMB Connect '%s' OK", description.constData());
+    return 0;
+}
+
 Smb2FS::Smb2FS(unsigned int timeout) : FS(QStringLiteral("Smb2FS")), m_data(new Data(timeout)) {}
 
 Smb2FS::~Smb2FS() {
-    const Smb2FS::Data::Lock lock(*m_data);
+    const Data::Lock lock(*m_data);
     m_data->session.reset();
 }
 
 int Smb2FS::connect(Properties props) {
     // First of all: a call that waits for the lock must not find the connection before this one.
-    const Smb2FS::Data::Lock lock(*m_data);
+    const Data::Lock lock(*m_data);
     const qint64 limit = qint64{m_data->timeout} * 1000;
     const QDeadlineTimer deadline(limit);
     disconnect();
     m_data->lastError = 0;
-    m_data->description.clear();
-    m_data->session = std::make_shared<Smb2Session>(m_data->timeout);
-
-    Login login;
-    if (const int failed = m_data->report(login.read(props)))
-        return failed;
     // To leave a share whose server does not answer may have taken all of the time.
     const QDeadlineTimer rest =
         limit == 0 ? QDeadlineTimer(QDeadlineTimer::Forever)
                    : QDeadlineTimer(std::max(deadline.remainingTime(), shortestConnectMs));
-    if (const int failed = m_data->report(m_data->session->connect(login.forSession(), rest)))
-        return failed;
-    if (const int refused = protectionError(*m_data->session)) {
-        m_data->session->disconnect(rest);
-        m_data->session = std::make_shared<Smb2Session>(m_data->timeout);
-        return m_data->report(refused);
-    }
-    m_data->description = login.description();
-    ORUIO_LOG(LogDebug, "SMB Connect '%s' OK", m_data->description.constData());
-    return 0;
+    return m_data->report(m_data->connect(props, rest));
 }
 
 int Smb2FS::disconnect() {
-    const Smb2FS::Data::Lock lock(*m_data);
+    const Data::Lock lock(*m_data);
     if (m_data->description.isEmpty())
         return 0;
     Smb2Session& session = *m_data->session;
@@ -199,7 +202,7 @@ int Smb2FS::disconnect() {
 bool Smb2FS::isConnected() {
     if (m_data->isBroken())
         return true;
-    const Smb2FS::Data::Lock lock(*m_data);
+    const Data::Lock lock(*m_data);
     return !m_data->description.isEmpty() && m_data->session->echo() == 0;
 }
 
@@ -207,7 +210,7 @@ QString Smb2FS::getDialect() {
     QString unknown = QStringLiteral("unknown");
     if (m_data->isBroken())
         return unknown;
-    const Smb2FS::Data::Lock lock(*m_data);
+    const Data::Lock lock(*m_data);
     if (m_data->description.isEmpty())
         return unknown;
     const auto dialect = static_cast<smb2_negotiate_version>(m_data->session->dialect());
@@ -225,7 +228,7 @@ int Smb2FS::remWatch(QString) {
 QSharedPointer<File> Smb2FS::open(QString path, int flags, int) {
     if (m_data->isBroken())
         return {};
-    const Smb2FS::Data::Lock lock(*m_data);
+    const Data::Lock lock(*m_data);
     liberrno = Ok;
     smb2fh* handle = nullptr;
     const int result = withSharePath(path, [&](const char* p) {
@@ -239,7 +242,7 @@ QSharedPointer<File> Smb2FS::open(QString path, int flags, int) {
 QSharedPointer<Directory> Smb2FS::opendir(QString path) {
     if (m_data->isBroken())
         return {};
-    const Smb2FS::Data::Lock lock(*m_data);
+    const Data::Lock lock(*m_data);
     liberrno = Ok;
     auto directory = QSharedPointer<Smb2Dir>::create(this, path);
     if (!directory->isOpen())
@@ -302,7 +305,7 @@ int Smb2FS::rmdir(QString path) {
 int Smb2FS::rename(QString oldPath, QString newPath) {
     if (m_data->isBroken())
         return -1;
-    const Smb2FS::Data::Lock lock(*m_data);
+    const Data::Lock lock(*m_data);
     return withSharePath(oldPath, [&](const char* from) {
         return withSharePath(newPath, [&](const char* to) {
             return m_data->report(m_data->session->rename(from, to));
@@ -362,7 +365,7 @@ int Smb2FS::truncate(QString path, long long length) {
 int Smb2FS::chmod(QString, int) {
     if (m_data->isBroken())
         return -1;
-    const Smb2FS::Data::Lock lock(*m_data);
+    const Data::Lock lock(*m_data);
     return notSupported();
 }
 

@@ -73,6 +73,9 @@ public:
         return isFatal(lastError);
     }
 
+    /// Begins a new session, until `deadline`. \returns 0 or a negative errno. With the lock held.
+    int connect(const Properties& props, const QDeadlineTimer& deadline);
+
     /// Locks the connection, and holds off the cancellation of the thread: libsmb2 keeps pointers
     /// into the caller's stack until it has the answer.
     class Lock {
