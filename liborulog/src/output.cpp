@@ -27,6 +27,7 @@ namespace orulog {
 
 namespace {
 
+constexpr std::string_view filePrefix = "file:";
 constexpr char messagePattern[] = "%l %n %g:%# [%t] %v";
 
 Sink standardError() {
@@ -126,7 +127,6 @@ bool tryWrite(Sink& sink, const spdlog::details::log_msg& line) {
 } // namespace
 
 Sink openSink(const char* name) {
-    constexpr std::string_view filePrefix = "file:";
     const std::string_view output = name ? name : "";
     try {
         if (output == "stderr")
@@ -142,6 +142,14 @@ Sink openSink(const char* name) {
         errno = EIO;
     }
     return nullptr;
+}
+
+std::string absoluteName(const char* name) {
+    const std::string output = name;
+    if (output.compare(0, filePrefix.size(), filePrefix) != 0)
+        return output;
+    const std::filesystem::path path = output.substr(filePrefix.size());
+    return std::string(filePrefix) + std::filesystem::absolute(path).string();
 }
 
 void write(Sink& sink, const oruLogMsg& msg, const char* channel) noexcept {

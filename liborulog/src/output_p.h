@@ -4,6 +4,7 @@
 #include <orulog/orulog.h>
 
 #include <memory>
+#include <string>
 
 namespace spdlog::sinks {
 class sink;
@@ -18,6 +19,9 @@ using Sink = std::shared_ptr<spdlog::sinks::sink>;
 ///
 /// \returns the output, or null with errno.
 Sink openSink(const char* name);
+
+/// The name of an output that can be opened, with the path of a file made absolute.
+std::string absoluteName(const char* name);
 
 /// Writes a message to `sink` and flushes it.
 ///

@@ -60,13 +60,12 @@ void Records::release(oruLogMsg* msg) {
     msg->service = std::exchange(m_free, msg);
 }
 
-size_t Records::releaseQueued() {
-    size_t released = 0;
-    while (oruLogMsg* msg = takeOldest()) {
-        release(msg);
-        ++released;
+void Records::reset(oruLogMsg* kept) {
+    m_oldest = m_newest = m_free = nullptr;
+    for (int i = 0; i < m_used; ++i) {
+        if (&m_pool[i] != kept)
+            release(&m_pool[i]);
     }
-    return released;
 }
 
 } // namespace orulog

@@ -3,8 +3,6 @@
 
 #include <orulog/control.h>
 
-#include <cstddef>
-
 namespace orulog {
 
 /// The records. Each is free, taken by a caller, queued, or taken out to be written. Not
@@ -30,8 +28,9 @@ public:
     /// Frees a record that was taken out.
     void release(oruLogMsg* msg);
 
-    /// Frees all queued records. \returns how many there were.
-    size_t releaseQueued();
+    /// Frees all records but `kept`, which may be null: those of threads that do not exist any
+    /// more.
+    void reset(oruLogMsg* kept);
 
 private:
     bool isTaken(const oruLogMsg* msg) const;

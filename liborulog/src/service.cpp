@@ -9,8 +9,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <exception>
 #include <mutex>
 #include <new>
+#include <string>
 #include <utility>
 
 #include <pthread.h>
@@ -55,7 +58,8 @@ public:
     oruLogMsg* alloc();
     void push(oruLogMsg* msg);
 
-    void setSink(Sink sink);
+    /// `name` is the argument that openSink() takes.
+    void setSink(Sink sink, std::string name);
     void setHook(oruLogHook hook, void* user);
     int flush();
 
@@ -77,8 +81,7 @@ private:
     // Locked before any other mutex.
     std::mutex m_writing;
     Sink m_sink;
-    oruLogHook m_hook = nullptr;
-    void* m_user = nullptr;
+    oruLogMsg* m_current = nullptr; // the record that is being written
 
     // Guards the members below. Held briefly: every message locks it.
     std::mutex m_mutex;
@@ -90,6 +93,11 @@ private:
     bool m_hasThread = false;
     bool m_stopping = false;
     Records m_records;
+    std::string m_sinkName = "stderr";
+    bool m_mustReopen = false; // m_sink is to be opened again, by its name
+    oruLogHook m_hook = nullptr;
+    void* m_user = nullptr;
+    bool m_isWritingLocked = false; // m_writing, from before a fork to after it
 };
 
 Service& Service::instance() {
@@ -125,16 +133,20 @@ void Service::push(oruLogMsg* msg) {
     }
 }
 
-void Service::setSink(Sink sink) {
+void Service::setSink(Sink sink, std::string name) {
     {
-        const WritingLock lock(m_writing);
+        const WritingLock writing(m_writing);
         m_sink.swap(sink);
+        const std::lock_guard lock(m_mutex);
+        m_sinkName.swap(name);
+        m_mustReopen = false;
     }
     // The former sink is closed here, after the unlock.
 }
 
 void Service::setHook(oruLogHook hook, void* user) {
-    const WritingLock lock(m_writing);
+    const WritingLock writing(m_writing);
+    const std::lock_guard lock(m_mutex);
     m_hook = hook;
     m_user = user;
 }
@@ -193,20 +205,25 @@ void Service::writeQueued() {
 
 bool Service::writeOldest() {
     const WritingLock writing(m_writing);
-    oruLogMsg* msg = nullptr;
+    oruLogHook hook = nullptr;
+    void* user = nullptr;
     {
         const std::lock_guard lock(m_mutex);
-        msg = m_records.takeOldest();
+        m_current = m_records.takeOldest();
+        if (!m_current)
+            return false;
+        hook = m_hook;
+        user = m_user;
+        if (std::exchange(m_mustReopen, false))
+            m_sink = openSink(m_sinkName.c_str());
     }
-    if (!msg)
-        return false;
-    const char* const channel = Levels::instance().name(msg->channel);
-    write(m_sink, *msg, channel);
-    if (m_hook)
-        m_hook(msg, channel, m_user);
+    const char* const channel = Levels::instance().name(m_current->channel);
+    write(m_sink, *m_current, channel);
+    if (hook)
+        hook(m_current, channel, user);
 
     const std::lock_guard lock(m_mutex);
-    m_records.release(msg);
+    m_records.release(std::exchange(m_current, nullptr));
     ++m_writtenCount;
     pthread_cond_broadcast(&m_written);
     return true;
@@ -225,9 +242,15 @@ void Service::stop() {
         pthread_join(m_thread, nullptr);
 }
 
+/// Waits until no message is being written, for a moment only: the output may be stuck.
 void Service::beforeFork() {
-    if (!isWriting)
-        m_writing.lock();
+    constexpr int tries = 20;
+    constexpr timespec pause = {0, 1'000'000};
+    m_isWritingLocked = isWriting || m_writing.try_lock();
+    for (int i = 1; i < tries && !m_isWritingLocked; ++i) {
+        nanosleep(&pause, nullptr);
+        m_isWritingLocked = m_writing.try_lock();
+    }
     m_mutex.lock();
     Levels::instance().mutex.lock();
 }
@@ -235,13 +258,24 @@ void Service::beforeFork() {
 void Service::afterForkInParent() {
     Levels::instance().mutex.unlock();
     m_mutex.unlock();
-    if (!isWriting)
+    if (m_isWritingLocked && !isWriting)
         m_writing.unlock();
 }
 
 void Service::afterForkInChild() {
     m_hasThread = false;
-    m_pushedCount -= m_records.releaseQueued();
+    if (!m_isWritingLocked) {
+        // A thread of the parent is writing. The child has the mutex and the sink as they are in
+        // the middle of that, so it makes new ones and leaves the sink in memory.
+        new (&m_writing) std::mutex;
+        new (&m_sink) Sink;
+        m_mustReopen = true;
+    }
+    // Only the record that the calling thread's hook has is still used.
+    if (!isWriting)
+        m_current = nullptr;
+    m_records.reset(m_current);
+    m_pushedCount = m_writtenCount + (m_current ? 1 : 0);
     // Threads of the parent, which the child does not have, may have been waiting for them.
     m_arrived = PTHREAD_COND_INITIALIZER;
     m_written = PTHREAD_COND_INITIALIZER;
@@ -268,8 +302,13 @@ bool setOutput(const char* text) {
     Sink sink = openSink(text);
     if (!sink)
         return false;
-    Service::instance().setSink(std::move(sink));
-    return true;
+    try {
+        Service::instance().setSink(std::move(sink), absoluteName(text));
+        return true;
+    } catch (const std::exception&) {
+        errno = ENOMEM;
+        return false;
+    }
 }
 
 __attribute__((constructor)) void load() {
