@@ -161,6 +161,12 @@ protected:
     bool exists(const QString& name);
     QStringList list(const QString& path);
 
+    static QByteArray pattern(int size, int seed = 1);
+    /// Reads exactly `size` bytes, however many calls that takes.
+    static QByteArray readFully(File& file, int size);
+    /// Checks that the last call was refused by the system for `error`.
+    static void expectRefusal(int error);
+
 private:
     Answer answer(Op op) const;
 
