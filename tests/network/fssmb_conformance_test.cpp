@@ -37,7 +37,7 @@ test::Backend shareBackend() {
     backend.can.anyCharacter = false;
     backend.can.answers[Op::FileFdatasync] = Answer::fails(EOPNOTSUPP);
     backend.can.answers[Op::LseekFromEnd] = Answer::isSomethingElse();
-    // What the server's answers are in libsmb2's translation.
+    // The errnos to which libsmb2 translates the statuses of the server.
     backend.can.answers[Op::OpenDirectoryForWriting] = Answer::fails(EPERM);
     backend.can.answers[Op::OpenThroughFile] = Answer::fails(ENOENT);
     backend.can.answers[Op::NameTooLong] = Answer::fails(EIO);

@@ -18,20 +18,20 @@ namespace {
 using test::FaultProxy;
 using test::login;
 using test::timeLimitMs;
-using test::timeout;
+using test::timeoutSeconds;
 using Fault = FaultProxy::Fault;
 using namespace std::chrono_literals;
 
-/// Holds an answer up.
-Fault late(std::chrono::milliseconds time) {
+/// Delays a response.
+Fault delay(std::chrono::milliseconds time) {
     return Fault::edit([time](QByteArray&) { std::this_thread::sleep_for(time); });
 }
 
 class SmbConnectFault : public test::Smb {
 protected:
-    /// Connects through `proxy`, which makes that fail; then without that.
+    /// Expects that connecting through `proxy` fails with `error`, and succeeds without the fault.
     void expectFailure(FaultProxy& proxy, int error) {
-        Smb2FS fs(timeout);
+        Smb2FS fs(timeoutSeconds);
         QElapsedTimer timer;
         timer.start();
         EXPECT_EQ(fs.connect(login(proxy.address())), -1);
@@ -49,25 +49,25 @@ protected:
 
 } // namespace
 
-TEST_F(SmbConnectFault, Refused) {
+TEST_F(SmbConnectFault, ConnectionRefused_FailsWithECONNREFUSED) {
     FaultProxy proxy(server.port());
     proxy.refuse();
     expectFailure(proxy, ECONNREFUSED);
 }
 
-TEST_F(SmbConnectFault, Silent) {
+TEST_F(SmbConnectFault, SilentServer_TimesOut) {
     FaultProxy proxy(server.port());
     proxy.silence();
     expectFailure(proxy, ETIMEDOUT);
 }
 
-TEST_F(SmbConnectFault, ResetAtOnce) {
+TEST_F(SmbConnectFault, ResetAfterAccept_FailsWithECONNRESET) {
     FaultProxy proxy(server.port());
     proxy.resetOnConnect();
     expectFailure(proxy, ECONNRESET);
 }
 
-TEST_F(SmbConnectFault, EachStep) {
+TEST_F(SmbConnectFault, FaultAtEachStep_FailsWithItsErrno) {
     struct Step {
         FaultProxy::Direction direction;
         FaultProxy::Command command;
@@ -93,7 +93,7 @@ TEST_F(SmbConnectFault, EachStep) {
     }
 }
 
-TEST_F(SmbConnectFault, Dribbled_Connects) {
+TEST_F(SmbConnectFault, ResponseByteByByte_Connects) {
     FaultProxy proxy(server.port());
     proxy.on({FaultProxy::Response, FaultProxy::Negotiate}, Fault::dribble());
     Smb2FS fs(20);
@@ -101,10 +101,10 @@ TEST_F(SmbConnectFault, Dribbled_Connects) {
     EXPECT_TRUE(fs.isConnected());
 }
 
-// Leaving the frozen connection may take all of the time, not twice that.
-TEST_F(SmbConnectFault, ConnectAgainWhileFrozen_InTime) {
+// One time-out covers both the disconnecting of the frozen connection and the new connection.
+TEST_F(SmbConnectFault, ConnectAgainWhileFrozen_TimesOutOnce) {
     FaultProxy proxy(server.port());
-    Smb2FS fs(timeout);
+    Smb2FS fs(timeoutSeconds);
     ASSERT_EQ(fs.connect(login(proxy.address())), 0);
     proxy.on({FaultProxy::Request, FaultProxy::TreeDisconnect}, Fault::freeze());
     proxy.on({FaultProxy::Request, FaultProxy::Negotiate}, Fault::freeze());
@@ -113,37 +113,37 @@ TEST_F(SmbConnectFault, ConnectAgainWhileFrozen_InTime) {
     EXPECT_EQ(fs.connect(login(proxy.address())), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_LT(timer.elapsed(), timeLimitMs);
-    EXPECT_EQ(proxy.armed(), 0);   // so the former share was left
-    EXPECT_EQ(fs.disconnect(), 0); // and is not left again
+    EXPECT_EQ(proxy.armed(), 0);   // connect() sent the TREE_DISCONNECT
+    EXPECT_EQ(fs.disconnect(), 0); // and disconnect() sends none
     EXPECT_EQ(fs.connect(login(proxy.address())), 0);
 }
 
-// To connect has one time-out, whatever it takes.
-TEST_F(SmbConnectFault, SlowAnswers_TimesOut) {
+// One time-out covers all steps of connecting.
+TEST_F(SmbConnectFault, SlowResponses_TimeOut) {
     FaultProxy proxy(server.port());
     for (int i = 0; i < 4; ++i)
-        proxy.on({FaultProxy::Response, FaultProxy::Any}, late(1500ms));
+        proxy.on({FaultProxy::Response, FaultProxy::Any}, delay(1500ms));
     expectFailure(proxy, ETIMEDOUT);
 }
 
-// The time-out is that of a request. How many a listing takes is up to the server.
-TEST_F(SmbConnectFault, ListingOfSlowAnswers_TakesLongerThanTheTimeout) {
+// The time-out applies to each request. A listing takes several.
+TEST_F(SmbConnectFault, ListingInSlowResponses_SucceedsAfterTheTimeout) {
     constexpr int count = 300;
     for (int i = 0; i < count; ++i)
         putLocal('/' + QString::number(i).rightJustified(200, 'n'));
     FaultProxy proxy(server.port());
-    Smb2FS fs(timeout);
+    Smb2FS fs(timeoutSeconds);
     ASSERT_EQ(fs.connect(login(proxy.address())), 0) << strerror();
     proxy.clear();
-    // To the opening, three parts of the listing, its end, and the closing.
-    constexpr int answers = 6;
-    for (int i = 0; i < answers; ++i)
-        proxy.on({FaultProxy::Response, FaultProxy::Any}, late(1s));
+    // For the opening, three parts of the listing, its end, and the closing.
+    constexpr int responses = 6;
+    for (int i = 0; i < responses; ++i)
+        proxy.on({FaultProxy::Response, FaultProxy::Any}, delay(1s));
     QElapsedTimer timer;
     timer.start();
     const auto directory = fs.opendir("/");
     ASSERT_TRUE(directory) << strerror();
-    EXPECT_GT(timer.elapsed(), timeout * 1000);
+    EXPECT_GT(timer.elapsed(), timeoutSeconds * 1000);
     EXPECT_EQ(proxy.armed(), 0);
     int found = 0;
     while (directory->readdir())
@@ -152,7 +152,7 @@ TEST_F(SmbConnectFault, ListingOfSlowAnswers_TakesLongerThanTheTimeout) {
     EXPECT_TRUE(fs.isConnected());
 }
 
-TEST_F(SmbConnectFault, NoTimeout_TakesAsLongAsItTakes) {
+TEST_F(SmbConnectFault, NoTimeout_WaitsForSlowServer) {
     FaultProxy proxy(server.port());
     proxy.on({FaultProxy::Response, FaultProxy::Negotiate}, Fault::dribble());
     Smb2FS fs(0);
@@ -162,21 +162,21 @@ TEST_F(SmbConnectFault, NoTimeout_TakesAsLongAsItTakes) {
     EXPECT_EQ(fs.disconnect(), 0);
 }
 
-TEST_F(SmbConnectFault, EchoLost_NotConnectedThenFatal) {
+TEST_F(SmbConnectFault, EchoFails_IsNotConnectedThenFatal) {
     for (const auto& [fault, error] :
          {std::pair(Fault::reset(), ECONNRESET), std::pair(Fault::freeze(), ETIMEDOUT)}) {
         FaultProxy proxy(server.port());
-        Smb2FS fs(timeout);
+        Smb2FS fs(timeoutSeconds);
         ASSERT_EQ(fs.connect(login(proxy.address())), 0);
         proxy.on({FaultProxy::Request, FaultProxy::Echo}, fault);
         const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
-        EXPECT_FALSE(fs.isConnected()); // remembers nothing
+        EXPECT_FALSE(fs.isConnected()); // does not record the failure
         EXPECT_FALSE(fs.isConnected());
         struct stat st;
         EXPECT_EQ(file->fstat(st), -1);
         EXPECT_EQ(errno, error);
         EXPECT_EQ(fs.disconnect(), -1);
-        EXPECT_TRUE(fs.isConnected()); // now it does
+        EXPECT_TRUE(fs.isConnected()); // disconnect() recorded the failure
         set_errno(&fs, -ENOENT, nullptr, "stat", "f");
         EXPECT_EQ(fs.stat("/", st), -1);
         EXPECT_EQ(errno, error);
@@ -184,9 +184,9 @@ TEST_F(SmbConnectFault, EchoLost_NotConnectedThenFatal) {
     }
 }
 
-TEST_F(SmbConnectFault, RewindLost_ReturnsZeroThenFatal) {
+TEST_F(SmbConnectFault, ConnectionLostInRewinddir_ReturnsZeroThenFails) {
     FaultProxy proxy(server.port());
-    Smb2FS fs(timeout);
+    Smb2FS fs(timeoutSeconds);
     ASSERT_EQ(fs.connect(login(proxy.address())), 0);
     const auto directory = fs.opendir("/");
     proxy.on({FaultProxy::Request, FaultProxy::Create}, Fault::reset());

@@ -18,42 +18,44 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-// libsmb2's headers want some of these first.
+// The headers of libsmb2 require some of the headers above.
 #include <smb2/smb2.h>
 
 #include <smb2/libsmb2.h>
 
 namespace {
 
-/// What the setter of a flag of a context does.
-enum class Setter { SetsABit, SetsNothing, SetsTwoBits, SetsTwoBytes };
-std::atomic<Setter> signSetter = Setter::SetsABit;
-std::atomic<Setter> sealSetter = Setter::SetsABit;
+/// What smb2_set_sign() or smb2_set_seal() changes in the context.
+enum class Change { OneBit, Nothing, TwoBits, TwoBytes };
+std::atomic<Change> signChange = Change::OneBit;
+std::atomic<Change> sealChange = Change::OneBit;
 
 template <class Function>
-Function* next(const char* name) {
+Function* nextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
 
-// Nor does it say whether a session is protected, apart from what its setters change. What if they
-// changed something else?
+// No function of libsmb2 returns whether a session is signed or encrypted. The library finds the
+// flags by what these setters change in the context. These definitions precede those of libsmb2 and
+// can change something else.
 
 Q_DECL_EXPORT void smb2_set_sign(smb2_context* context, int value) {
-    static auto* const real = next<decltype(smb2_set_sign)>("smb2_set_sign");
-    if (signSetter != Setter::SetsNothing)
+    static auto* const real = nextDefinition<decltype(smb2_set_sign)>("smb2_set_sign");
+    if (signChange != Change::Nothing)
         real(context, value);
 }
 
 Q_DECL_EXPORT void smb2_set_seal(smb2_context* context, int value) {
-    static auto* const real = next<decltype(smb2_set_seal)>("smb2_set_seal");
-    if (sealSetter != Setter::SetsNothing)
+    static auto* const real = nextDefinition<decltype(smb2_set_seal)>("smb2_set_seal");
+    if (sealChange != Change::Nothing)
         real(context, value);
-    if (sealSetter == Setter::SetsTwoBits)
+    if (sealChange == Change::TwoBits)
         smb2_set_sign(context, value); // another bit of the same byte
-    if (sealSetter == Setter::SetsTwoBytes)
-        next<decltype(smb2_set_security_mode)>("smb2_set_security_mode")(context, value != 0);
+    if (sealChange == Change::TwoBytes)
+        nextDefinition<decltype(smb2_set_security_mode)>("smb2_set_security_mode")(context,
+                                                                                   value != 0);
 }
 
 namespace oru::io {
@@ -71,7 +73,7 @@ using test::with;
 
 } // namespace
 
-TEST_F(Smb, Connect_DescribedInTheLog) {
+TEST_F(Smb, Connect_LogsUserAddressAndOptions) {
     const QString address = server.address();
     const Properties anybody = {{"server", address}, {"share", "guest"}};
     const Properties user = login(address);
@@ -109,12 +111,12 @@ TEST_F(Smb, LongestLogin_Connects) {
         << strerror();
     EXPECT_EQ(fs.getDialect(), "3.1.1");
     EXPECT_TRUE(fs.isConnected());
-    const QString message = log.messages().value(0); // cut, as all messages are
+    const QString message = log.messages().value(0); // truncated to the length of a message
     const QString begin = "libio_smb2 12 SMB Connect 'smb://" + longest('d').left(100);
     EXPECT_EQ(message.left(begin.size()), begin);
 }
 
-TEST_F(Smb, Version_IsTheDialect) {
+TEST_F(Smb, Version_SelectsTheDialect) {
     const std::vector<std::pair<const char*, const char*>> cases = {
         {"2.0.2", "2.0.2"}, {"2.1.0", "2.1.0"}, {"3.0.0", "3.0.0"}, {"3.0.2", "3.0.2"},
         {"3.1.1", "3.1.1"}, {"2.x", "2.1.0"},   {"3.x", "3.1.1"},   {"", "3.1.1"},
@@ -124,7 +126,6 @@ TEST_F(Smb, Version_IsTheDialect) {
         Smb2FS fs(10);
         EXPECT_EQ(fs.connect(with(login(server.address()), "version", version)), 0) << version;
         EXPECT_EQ(fs.getDialect(), dialect) << version;
-        // What is written in one dialect is what is read in it.
         const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
         ASSERT_TRUE(file) << version;
         const QByteArray content(300'000, 'd');
@@ -139,33 +140,33 @@ TEST_F(Smb, Version_IsTheDialect) {
 
 namespace {
 
-/// A server that speaks SMB 2 only.
-class SmbOfOld : public Smb {
+/// A server that supports SMB 2 only.
+class Smb2Only : public Smb {
 protected:
-    SmbOfOld() : Smb(SmbServer::Options{{"server max protocol = SMB2_10"}, {}}) {}
+    Smb2Only() : Smb(SmbServer::Options{{"server max protocol = SMB2_10"}, {}}) {}
 };
 
-/// A server that takes signed sessions only.
-class SmbSigned : public Smb {
+/// A server that accepts signed sessions only.
+class SmbSigningRequired : public Smb {
 protected:
-    SmbSigned() : Smb(SmbServer::Options{{"server signing = mandatory"}, {}}) {}
+    SmbSigningRequired() : Smb(SmbServer::Options{{"server signing = mandatory"}, {}}) {}
 };
 
-/// A server that takes encrypted sessions only.
-class SmbSealed : public Smb {
+/// A server that accepts encrypted sessions only.
+class SmbEncryptionRequired : public Smb {
 protected:
-    SmbSealed() : Smb(SmbServer::Options{{"server smb encrypt = required"}, {}}) {}
+    SmbEncryptionRequired() : Smb(SmbServer::Options{{"server smb encrypt = required"}, {}}) {}
 };
 
-/// A share that is encrypted, of a server that does not insist on it for others.
-class SmbSealedShare : public Smb {
+/// A server that requires encryption for the share "sealed" only.
+class SmbEncryptedShare : public Smb {
 protected:
-    SmbSealedShare()
+    SmbEncryptedShare()
         : Smb(SmbServer::Options{
               {}, {{"sealed", {"read only = no", "server smb encrypt = required"}}}}) {}
 };
 
-/// The outcome of connecting to a share whose session is, or may be, protected.
+/// Expects that connecting fails with `error`: the session is or may be signed or encrypted.
 void expectRefused(const SmbServer& server, const QString& version, const QString& share = "rw",
                    int error = EPERM) {
     FaultProxy proxy(server.port());
@@ -177,7 +178,7 @@ void expectRefused(const SmbServer& server, const QString& version, const QStrin
     EXPECT_FALSE(fs.isConnected());
     EXPECT_EQ(fs.getDialect(), "unknown");
     EXPECT_EQ(log.messages(), QStringList());
-    // Nothing fatal.
+    // The error is not fatal.
     struct stat st;
     EXPECT_EQ(fs.stat("/", st), -1);
     EXPECT_EQ(errno, ENOTCONN);
@@ -185,7 +186,7 @@ void expectRefused(const SmbServer& server, const QString& version, const QStrin
 
 } // namespace
 
-TEST_F(SmbOfOld, NewerVersion_Refused) {
+TEST_F(Smb2Only, Version3_ConnectFailsWithEINVAL) {
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(with(login(server.address()), "version", "3.1.1")), -1);
     EXPECT_EQ(errno, EINVAL);
@@ -195,15 +196,15 @@ TEST_F(SmbOfOld, NewerVersion_Refused) {
     EXPECT_EQ(fs.getDialect(), "2.1.0");
 }
 
-TEST_F(SmbSigned, Refused) {
+TEST_F(SmbSigningRequired, Connect_FailsWithEPERM) {
     for (const char* version : {"2.0.2", "2.1.0", "3.0.2", "3.1.1"})
         expectRefused(server, version);
 }
 
-TEST_F(SmbSealed, Refused) {
+TEST_F(SmbEncryptionRequired, Connect_FailsWithEPERMOrEACCES) {
     for (const char* version : {"3.0.0", "3.1.1"})
         expectRefused(server, version);
-    // These have no encryption: the server itself refuses.
+    // These dialects have no encryption: the server rejects the session.
     for (const char* version : {"2.0.2", "2.1.0"}) {
         Smb2FS fs(10);
         EXPECT_EQ(fs.connect(with(login(server.address()), "version", version)), -1);
@@ -211,34 +212,34 @@ TEST_F(SmbSealed, Refused) {
     }
 }
 
-TEST_F(SmbSealedShare, Refused) {
+TEST_F(SmbEncryptedShare, Connect_FailsWithEPERM) {
     for (const char* version : {"3.0.0", "3.1.1"})
         expectRefused(server, version, "sealed");
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(login(server.address())), 0) << strerror();
 }
 
-// A session that might be protected is not taken for one that is not.
-TEST_F(Smb, ProtectionNotToBeSeen_Refused) {
+// Without the flags of libsmb2, the session may be signed or encrypted.
+TEST_F(Smb, ProtectionFlagsNotFound_ConnectFailsWithENOTSUP) {
     struct Case {
         const char* name;
-        Setter sign;
-        Setter seal;
+        Change sign;
+        Change seal;
     };
-    for (const Case& tested : {Case{"sign", Setter::SetsNothing, Setter::SetsABit},
-                               Case{"seal", Setter::SetsABit, Setter::SetsNothing},
-                               Case{"two bits", Setter::SetsABit, Setter::SetsTwoBits},
-                               Case{"two bytes", Setter::SetsABit, Setter::SetsTwoBytes}}) {
+    for (const Case& tested : {Case{"sign", Change::Nothing, Change::OneBit},
+                               Case{"seal", Change::OneBit, Change::Nothing},
+                               Case{"two bits", Change::OneBit, Change::TwoBits},
+                               Case{"two bytes", Change::OneBit, Change::TwoBytes}}) {
         SCOPED_TRACE(tested.name);
-        signSetter = tested.sign;
-        sealSetter = tested.seal;
+        signChange = tested.sign;
+        sealChange = tested.seal;
         expectRefused(server, "3.1.1", "rw", ENOTSUP);
     }
-    signSetter = Setter::SetsABit;
-    sealSetter = Setter::SetsABit;
+    signChange = Change::OneBit;
+    sealChange = Change::OneBit;
 }
 
-TEST_F(Smb, Login_AsTheServerSeesIt) {
+TEST_F(Smb, Connect_SendsUserDomainAndWorkstationWithoutSigning) {
     FaultProxy proxy(server.port());
     QByteArray authentication;
     proxy.on({FaultProxy::Request, FaultProxy::SessionSetup, 2},
@@ -248,17 +249,18 @@ TEST_F(Smb, Login_AsTheServerSeesIt) {
     props["workstation"] = "recorder-7";
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(props), 0) << strerror();
-    for (const QString& text : {QString(SmbServer::user), QString("STUDIO"), QString("recorder-7")})
-        EXPECT_TRUE(authentication.contains(utf16(text))) << text.toStdString();
+    for (const QString& value :
+         {QString(SmbServer::user), QString("STUDIO"), QString("recorder-7")})
+        EXPECT_TRUE(authentication.contains(utf16(value))) << value.toStdString();
     EXPECT_FALSE(authentication.contains(utf16(SmbServer::password)));
-    // Signing is neither wanted nor offered.
+    // The client neither enables nor requires signing.
     const auto negotiation = proxy.messages(FaultProxy::Request, FaultProxy::Negotiate);
     ASSERT_EQ(negotiation.size(), 1);
     EXPECT_EQ(negotiation[0].head[64 + 4], '\0');
     EXPECT_EQ(authentication[64 + 3], '\0');
 }
 
-TEST_F(Smb, LoginsRefused_WhyIsTold) {
+TEST_F(Smb, UnusableLogins_FailWithTheReason) {
     struct Case {
         const char* name;
         Properties props;
@@ -279,7 +281,7 @@ TEST_F(Smb, LoginsRefused_WhyIsTold) {
         Smb2FS fs(10);
         errno = 0;
         EXPECT_EQ(fs.connect(refused.props), -1) << refused.name;
-        // Without a resolver at hand, the host is not known either.
+        // Without a resolver, the lookup fails with EAGAIN.
         if (refused.error == EIO && errno == EAGAIN)
             errno = EIO;
         EXPECT_EQ(errno, refused.error) << refused.name;
@@ -290,8 +292,8 @@ TEST_F(Smb, LoginsRefused_WhyIsTold) {
     }
 }
 
-// libsmb2 reads passwords from a file, too. That is not for programs that have their own.
-TEST_F(Smb, PasswordFileOfTheEnvironment_DoesNotMatter) {
+// libsmb2 also reads passwords from the file in NTLM_USER_FILE. The library does not use it.
+TEST_F(Smb, PasswordFileInEnvironment_IsIgnored) {
     const test::TempDir directory;
     const QString passwords = directory / "passwords";
     ASSERT_TRUE(qputenv("NTLM_USER_FILE", QFile::encodeName(passwords)));
@@ -300,15 +302,15 @@ TEST_F(Smb, PasswordFileOfTheEnvironment_DoesNotMatter) {
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(right), 0) << strerror();
     EXPECT_EQ(fs.mkdir("/d", 0755), 0) << strerror();
-    // Without a password it is nobody who connects, whatever the user.
+    // Without a password the session is anonymous, even with a user name.
     EXPECT_TRUE(test::makeFile(passwords, ":tester:Secret1\n"));
     EXPECT_EQ(fs.connect(with(right, "password", "")), -1);
     EXPECT_EQ(errno, EACCES);
     qunsetenv("NTLM_USER_FILE");
 }
 
-// The reason why no connection could even be tried is the system's.
-TEST(Smb2FS, NoWayToTheServer_WhyIsTold) {
+// When connect(2) fails at once, its errno is reported.
+TEST(Smb2FS, UnreachableAddress_FailsWithErrnoOfConnect) {
     const int plain = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in everybody = {};
     everybody.sin_family = AF_INET;
@@ -339,13 +341,13 @@ TEST_F(Smb, Guest_ConnectsWithoutAPassword) {
     }
 }
 
-TEST_F(Smb, ByName_AsByAddress) {
+TEST_F(Smb, HostName_Connects) {
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(login("localhost:" + QString::number(server.port()))), 0) << strerror();
     EXPECT_TRUE(fs.isConnected());
 }
 
-TEST_F(SmbShare, ConnectAgain_IsANewConnection) {
+TEST_F(SmbShare, ConnectAgain_ReplacesTheConnection) {
     EXPECT_EQ(fs.connect(login(server.address(), "rw2")), 0);
     EXPECT_EQ(fs.mkdir("/of-the-other", 0755), 0);
     EXPECT_TRUE(QDir(server.directory("rw2") + "/of-the-other").exists());
@@ -355,7 +357,7 @@ TEST_F(SmbShare, ConnectAgain_IsANewConnection) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(SmbWire, Disconnect_LeavesTheShareAndEndsTheConnection) {
+TEST_F(SmbWire, Disconnect_SendsTreeDisconnectAndLogoffAndCloses) {
     EXPECT_EQ(proxy->openConnections(), 1);
     EXPECT_EQ(fs.disconnect(), 0);
     EXPECT_TRUE(proxy->waitUntilClosed());
@@ -382,7 +384,7 @@ TEST_F(SmbWire, DisconnectRefused_StaysConnected) {
     EXPECT_EQ(proxy->openConnections(), 1);
 }
 
-TEST_F(SmbWire, Destroyed_ConnectionIsDroppedWithoutARequest) {
+TEST_F(SmbWire, Destroyed_ClosesTheConnectionWithoutARequest) {
     {
         Smb2FS other(10);
         ASSERT_EQ(other.connect(login(proxy->address(), "rw2")), 0);
@@ -394,13 +396,13 @@ TEST_F(SmbWire, Destroyed_ConnectionIsDroppedWithoutARequest) {
     EXPECT_TRUE(proxy->waitUntilClosed());
 }
 
-TEST_F(SmbWire, IsConnected_AsksTheServer) {
+TEST_F(SmbWire, IsConnected_SendsEcho) {
     EXPECT_TRUE(fs.isConnected());
     ASSERT_EQ(proxy->messages().size(), 2);
     EXPECT_EQ(proxy->messages()[0].command, FaultProxy::Echo);
 }
 
-// A program that the process starts would keep the connection.
+// Otherwise a child process would keep the connection open.
 TEST_F(SmbShare, Socket_IsClosedOnExec) {
     int sockets = 0;
     for (const QFileInfo& entry : QDir("/proc/self/fd").entryInfoList(QDir::System | QDir::Files)) {

@@ -21,7 +21,7 @@ using test::SmbWire;
 
 } // namespace
 
-TEST_F(SmbShare, NamesOfAllKinds_ComeBack) {
+TEST_F(SmbShare, NamesInManyScripts_AreStoredAndListed) {
     const QStringList wanted = {
         "with blanks in it",
         "ünïcödé",
@@ -57,13 +57,13 @@ TEST_F(SmbShare, NamesOfAllKinds_ComeBack) {
     EXPECT_EQ(fs.rmdir("/names"), 0);
 }
 
-// A server may have names that do not fit into the system's record.
-TEST_F(SmbWire, NameOverTheRecord_IsCutAndTerminated) {
+// A server may send a name that does not fit into d_name.
+TEST_F(SmbWire, NameLongerThanDirent_IsTruncatedAndTerminated) {
     const QString longName(200, 'n');
     putLocal("/" + longName);
     proxy->on({FaultProxy::Response, FaultProxy::QueryDirectory},
               FaultProxy::Fault::edit([&](QByteArray& message) {
-                  // Two bytes of UTF-16 that become one of UTF-8, and now three.
+                  // Characters of one byte in UTF-8 become characters of three bytes.
                   QByteArray name;
                   for (const QChar c : longName)
                       name.append(char(c.unicode() & 0xff)).append(char(c.unicode() >> 8));
@@ -80,14 +80,14 @@ TEST_F(SmbWire, NameOverTheRecord_IsCutAndTerminated) {
     EXPECT_EQ(longest, 255U);
 }
 
-TEST_F(SmbShare, FiveThousandEntries_AllListed) {
+TEST_F(SmbShare, FiveThousandEntries_AreAllListed) {
     constexpr int count = 5000;
     ASSERT_EQ(fs.mkdir("/many", 0777), 0);
     for (int i = 0; i < count; ++i)
         putLocal("/many/entry-" + QString::number(i).rightJustified(6, '0'));
-    Smb2FS patient(90); // for servers on slow machines
-    ASSERT_EQ(patient.connect(login(server.address())), 0) << strerror();
-    const auto directory = patient.opendir("/many");
+    Smb2FS share(90); // the time-out for slow machines
+    ASSERT_EQ(share.connect(login(server.address())), 0) << strerror();
+    const auto directory = share.opendir("/many");
     ASSERT_TRUE(directory) << strerror();
     QStringList found = names(*directory);
     EXPECT_EQ(errno, ENOENT);
@@ -96,7 +96,7 @@ TEST_F(SmbShare, FiveThousandEntries_AllListed) {
     EXPECT_EQ(found.last(), "entry-004999");
 }
 
-TEST_F(SmbShare, Readdir_SetsTheseFields) {
+TEST_F(SmbShare, Readdir_SetsNameTypeInodeAndErrno) {
     putLocal("/f");
     ASSERT_EQ(fs.mkdir("/d", 0755), 0);
     struct stat local;
@@ -106,7 +106,7 @@ TEST_F(SmbShare, Readdir_SetsTheseFields) {
     errno = 0;
     while (const struct dirent* entry = directory->readdir()) {
         ++seen;
-        EXPECT_EQ(errno, ENOENT); // after a success, too
+        EXPECT_EQ(errno, ENOENT); // even after a success
         EXPECT_EQ(entry->d_off, 0);
         EXPECT_EQ(entry->d_reclen, 0);
         const bool isFile = std::strcmp(entry->d_name, "f") == 0;
@@ -119,7 +119,7 @@ TEST_F(SmbShare, Readdir_SetsTheseFields) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(SmbShare, Rewinddir_ListsAnew) {
+TEST_F(SmbShare, Rewinddir_ReadsTheDirectoryAgain) {
     ASSERT_EQ(fs.mkdir("/d", 0755), 0);
     putLocal("/d/a");
     const auto directory = fs.opendir("/d");
@@ -127,14 +127,15 @@ TEST_F(SmbShare, Rewinddir_ListsAnew) {
     putLocal("/d/b");
     EXPECT_EQ(directory->rewinddir(), 0);
     EXPECT_EQ(names(*directory), QStringList({".", "..", "a", "b"}));
-    // Closed, it opens again.
+    // rewinddir() opens a closed directory again.
     EXPECT_EQ(directory->closedir(), 0);
     EXPECT_EQ(directory->closedir(), 0);
     EXPECT_EQ(directory->readdir(), nullptr);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(directory->rewinddir(), 0);
     EXPECT_EQ(names(*directory), QStringList({".", "..", "a", "b"}));
-    // Gone, it is closed, and nothing but errno says so.
+    // When the directory is gone, rewinddir() closes it and returns 0. Only errno reports the
+    // failure.
     ASSERT_TRUE(QDir(local("/d")).removeRecursively());
     EXPECT_EQ(directory->rewinddir(), 0);
     EXPECT_EQ(errno, ENOENT);
@@ -142,7 +143,7 @@ TEST_F(SmbShare, Rewinddir_ListsAnew) {
     EXPECT_EQ(directory->readdir(), nullptr);
 }
 
-TEST_F(SmbShare, DirectoryThatCannotBeOpened_IsClosed) {
+TEST_F(SmbShare, MissingDirectory_IsClosed) {
     QString path = "/missing";
     Smb2Dir directory(&fs, path);
     EXPECT_EQ(errno, ENOENT);
@@ -151,7 +152,7 @@ TEST_F(SmbShare, DirectoryThatCannotBeOpened_IsClosed) {
     EXPECT_EQ(directory.closedir(), 0);
 }
 
-TEST_F(SmbShare, Opendir_OfAFile_ENOTDIR) {
+TEST_F(SmbShare, OpendirFile_FailsWithENOTDIR) {
     putLocal("/f");
     EXPECT_FALSE(fs.opendir("/f"));
     EXPECT_EQ(errno, ENOTDIR);

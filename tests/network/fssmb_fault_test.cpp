@@ -1,4 +1,4 @@
-// Every operation on a share, when the connection fails in its midst.
+// Every operation on a share, with a connection that fails during the operation.
 #include "network/fssmb_fixtures.h"
 #include "network/shareoperations.h"
 
@@ -16,7 +16,7 @@
 namespace oru::io {
 namespace {
 
-using test::connecting;
+using test::connectMutex;
 using test::FaultProxy;
 using test::login;
 using test::openDescriptors;
@@ -25,14 +25,14 @@ using test::operations;
 using test::Share;
 using test::SmbServer;
 using test::timeLimitMs;
-using test::timeout;
+using test::timeoutSeconds;
 using Fault = FaultProxy::Fault;
 
 struct FaultCase {
     const char* name;
     FaultProxy::Direction direction;
     Fault fault;
-    int error; ///< 0: the operation succeeds all the same
+    int error; ///< 0: the operation succeeds
 };
 
 void PrintTo(const FaultCase& tested, std::ostream* out) {
@@ -51,7 +51,7 @@ void tryOperation(const SmbServer& server, const FaultCase& tested, const Operat
                   int number) {
     SCOPED_TRACE(operation.name);
     FaultProxy proxy(server.port());
-    const unsigned int seconds = tested.error == ETIMEDOUT ? timeout : 20;
+    const unsigned int seconds = tested.error == ETIMEDOUT ? timeoutSeconds : 20;
     Share share(proxy.address(), QStringLiteral("op-%1").arg(number), seconds);
     ASSERT_TRUE(share.file && share.directory);
 
@@ -70,14 +70,14 @@ void tryOperation(const SmbServer& server, const FaultCase& tested, const Operat
     EXPECT_EQ(result, -1);
     EXPECT_EQ(error, tested.error) << std::strerror(error);
     expectGuarded(share);
-    // Leaving what is gone tells so again, and the connection with the server is closed already.
+    // The connection to the server is closed; disconnect() fails with the same error.
     EXPECT_TRUE(proxy.waitUntilClosed());
     EXPECT_EQ(share.fs.disconnect(), -1);
     EXPECT_EQ(errno, tested.error);
 
     share.file.reset();
     share.directory.reset();
-    const std::lock_guard lock(connecting);
+    const std::lock_guard lock(connectMutex);
     EXPECT_EQ(share.fs.connect(login(proxy.address())), 0) << strerror();
     const auto file = share.fs.open(share.at("file"), O_RDWR, 0);
     ASSERT_TRUE(file) << strerror();
@@ -87,12 +87,12 @@ void tryOperation(const SmbServer& server, const FaultCase& tested, const Operat
 
 } // namespace
 
-TEST_P(SmbFault, EveryOperation) {
+TEST_P(SmbFault, EveryOperation_FailsOrSucceedsInTime) {
     const int before = openDescriptors();
     {
         SmbServer server;
         ASSERT_EQ(server.problem(), "");
-        // All at once: a time-out takes its time.
+        // In parallel, because each time-out takes seconds.
         std::vector<std::thread> threads;
         for (size_t i = 0; i < operations.size(); ++i) {
             threads.emplace_back(

@@ -21,7 +21,7 @@ using test::SmbWire;
 
 } // namespace
 
-TEST_F(SmbWire, Write_GoesInPiecesOf64KiB) {
+TEST_F(SmbWire, Write_SendsRequestsOf64KiB) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     QByteArray content;
     while (content.size() < 200'000)
@@ -39,11 +39,11 @@ TEST_F(SmbWire, Write_GoesInPiecesOf64KiB) {
     EXPECT_EQ(getLocal("/f").mid(300'000), content);
 }
 
-TEST_F(SmbWire, Read_IsOneRequest) {
+TEST_F(SmbWire, Read_SendsOneRequest) {
     putLocal("/f", QByteArray(1 << 20, 'r'));
     const auto file = fs.open("/f", O_RDONLY, 0);
     QByteArray buf(1 << 20, '\0');
-    // The server grants its credits one answer after another.
+    // The server grants credits with each response. A read of 1 MiB needs more than it has granted.
     fs.stat("/f", *std::make_unique<struct stat>());
     proxy->clear();
     EXPECT_EQ(file->read(buf.data(), buf.size()), buf.size());
@@ -52,7 +52,7 @@ TEST_F(SmbWire, Read_IsOneRequest) {
     EXPECT_EQ(file->lseek(0, SEEK_CUR), 1 << 20);
 }
 
-TEST_F(SmbWire, ZeroBytes_NoRequest) {
+TEST_F(SmbWire, ZeroBytes_SendsNoRequest) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     char buf[1];
     proxy->clear();
@@ -68,43 +68,43 @@ TEST_F(SmbWire, ZeroBytes_NoRequest) {
 
 namespace {
 
-/// Lets the server say that it has taken nothing.
-const auto takesNothing = FaultProxy::Fault::edit(
+/// Makes a WRITE response report 0 written bytes.
+const auto reportZeroWritten = FaultProxy::Fault::edit(
     [](QByteArray& message) { message.replace(64 + 4, 4, QByteArray(4, '\0')); });
-/// Lets it say that it has taken 1000 bytes.
-const auto takesAThousand = FaultProxy::Fault::edit(
+/// Makes a WRITE response report 1000 written bytes.
+const auto reportThousandWritten = FaultProxy::Fault::edit(
     [](QByteArray& message) { message.replace(64 + 4, 4, QByteArray("\xe8\x03\0\0", 4)); });
 
 } // namespace
 
-TEST_F(SmbWire, WriteOfWhichNothingIsTaken_IsSentAgain) {
+TEST_F(SmbWire, ServerWritesNothing_WriteSendsTheBytesAgain) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     const QByteArray content(100'000, 'w');
     proxy->clear();
     for (int i = 0; i < 5; ++i)
-        proxy->on({FaultProxy::Response, FaultProxy::Write}, takesNothing);
+        proxy->on({FaultProxy::Response, FaultProxy::Write}, reportZeroWritten);
     EXPECT_EQ(file->write(content.constData(), content.size()), content.size());
     EXPECT_EQ(lengths(FaultProxy::Write),
               (std::vector<quint32>{65536, 65536, 65536, 65536, 65536, 65536, 34464}));
     EXPECT_EQ(getLocal("/f"), content);
 }
 
-TEST_F(SmbWire, PwriteOfWhichNothingIsTaken_EndsWithSuccess) {
+TEST_F(SmbWire, ServerWritesNothing_PwriteStopsAndReturnsTheFullCount) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     const QByteArray content(200'000, 'w');
     proxy->clear();
-    proxy->on({FaultProxy::Response, FaultProxy::Write, 2}, takesNothing);
+    proxy->on({FaultProxy::Response, FaultProxy::Write, 2}, reportZeroWritten);
     EXPECT_EQ(file->pwrite(content.constData(), content.size(), 0), content.size());
     EXPECT_EQ(lengths(FaultProxy::Write), (std::vector<quint32>{65536, 65536}));
     EXPECT_EQ(file->lseek(0, SEEK_END), content.size());
 }
 
-TEST_F(SmbWire, WritePartlyTaken_RestIsSent) {
+TEST_F(SmbWire, ServerWritesPart_RestIsSent) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     const QByteArray content = QByteArray(1000, 'a') + QByteArray(99'000, 'b');
     for (const bool positioned : {false, true}) {
         proxy->clear();
-        proxy->on({FaultProxy::Response, FaultProxy::Write}, takesAThousand);
+        proxy->on({FaultProxy::Response, FaultProxy::Write}, reportThousandWritten);
         const int size = content.size();
         EXPECT_EQ(positioned ? file->pwrite(content.constData(), size, 0)
                              : file->write(content.constData(), size),
@@ -115,7 +115,7 @@ TEST_F(SmbWire, WritePartlyTaken_RestIsSent) {
     }
 }
 
-TEST_F(SmbShare, TooLongForAResult_Refused) {
+TEST_F(SmbShare, CountsAndOffsetsOutOfRange_FailWithEINVALOrEFBIG) {
     const auto file = create("/f");
     char byte = 'x';
     EXPECT_EQ(file->write(&byte, 0x80000000U), -1);
@@ -140,7 +140,7 @@ TEST_F(SmbShare, TooLongForAResult_Refused) {
     EXPECT_EQ(getLocal("/f").size(), 0);
 }
 
-TEST_F(SmbShare, ReadOfMoreThanTheServerSends_IsShort) {
+TEST_F(SmbShare, ReadBeyondTheServersMaximum_IsShort) {
     const QByteArray content(20 << 20, 'r');
     putLocal("/f", content);
     const auto file = fs.open("/f", O_RDONLY, 0);
@@ -158,7 +158,7 @@ TEST_F(SmbShare, ReadOfMoreThanTheServerSends_IsShort) {
     EXPECT_EQ(file->read(buf.data(), 1), 0);
 }
 
-TEST_F(SmbShare, Liberrno_ClearedByTheseOnly) {
+TEST_F(SmbShare, LiberrnoSet_OpeningsAndSomeFileCallsClearIt) {
     putLocal("/f");
     putLocal("/g");
     const auto file = create("/f");
@@ -199,14 +199,14 @@ TEST_F(SmbShare, Liberrno_ClearedByTheseOnly) {
     EXPECT_FALSE(clears([&] { fs.disconnect(); }));
 }
 
-TEST_F(SmbShare, AppendFlag_HasNoEffect) {
+TEST_F(SmbShare, AppendFlag_IsIgnored) {
     putLocal("/f", "0123456789");
     const auto file = fs.open("/f", O_WRONLY | O_APPEND, 0);
     EXPECT_EQ(file->write("ab", 2), 2);
     EXPECT_EQ(getLocal("/f"), "ab23456789");
 }
 
-TEST_F(SmbShare, BeyondFourGiB_Sparse) {
+TEST_F(SmbShare, OffsetsBeyondFourGiB_AreExact) {
     constexpr long long far = 5LL << 30;
     const auto file = create("/sparse");
     EXPECT_EQ(file->pwrite("far", 3, far), 3);
@@ -229,7 +229,7 @@ TEST_F(SmbShare, BeyondFourGiB_Sparse) {
     EXPECT_EQ(st.st_size, far + 1);
 }
 
-TEST_F(SmbShare, Positions_OfThisObjectOnly) {
+TEST_F(SmbShare, PreadAndPwrite_DoNotMoveThePosition) {
     const auto file = create("/f");
     EXPECT_EQ(file->pwrite("0123456789", 10, 100), 10);
     EXPECT_EQ(file->lseek(0, SEEK_CUR), 0);
@@ -238,7 +238,7 @@ TEST_F(SmbShare, Positions_OfThisObjectOnly) {
     char buf[10];
     EXPECT_EQ(file->pread(buf, 5, 100), 5);
     EXPECT_EQ(file->lseek(0, SEEK_CUR), 0);
-    // What pread() and pwrite() were at does not move what read() and write() are at.
+    // pread() and pwrite() do not move the position of read() and write().
     EXPECT_EQ(file->write("ab", 2), 2);
     EXPECT_EQ(file->pread(buf, 2, 0), 2);
     EXPECT_EQ(std::string(buf, 2), "ab");
@@ -247,7 +247,7 @@ TEST_F(SmbShare, Positions_OfThisObjectOnly) {
     EXPECT_EQ(file->lseek(0, SEEK_END), 110); // not the size
 }
 
-TEST_F(SmbWire, Lseek_Table) {
+TEST_F(SmbWire, Lseek_ReturnsThePositionOrFails) {
     putLocal("/f", QByteArray(1000, 'x'));
     const auto file = fs.open("/f", O_RDWR, 0);
     proxy->clear();
@@ -260,7 +260,7 @@ TEST_F(SmbWire, Lseek_Table) {
     };
     const QString negative = "libio_smb2 12 Invalid seek offset: %1";
 
-    // The end is that of what was written through this object.
+    // SEEK_END counts from the end of the bytes written through this object.
     EXPECT_EQ(file->lseek(0, SEEK_END), 0);
     EXPECT_EQ(file->lseek(7, SEEK_END), 7);
     EXPECT_EQ(file->lseek(0, SEEK_CUR), 7);
@@ -271,7 +271,7 @@ TEST_F(SmbWire, Lseek_Table) {
     EXPECT_EQ(file->lseek(2, SEEK_SET), 2);
     EXPECT_EQ(log.messages(), QStringList());
 
-    // A negative position is kept.
+    // lseek() fails for a negative position, but keeps it.
     EXPECT_TRUE(fails(-5, SEEK_SET, EINVAL));
     EXPECT_TRUE(fails(0, SEEK_CUR, EINVAL));
     EXPECT_EQ(log.messages(), QStringList({negative.arg(-5), negative.arg(-5)}));
@@ -289,14 +289,14 @@ TEST_F(SmbWire, Lseek_Table) {
     }
     EXPECT_EQ(file->lseek(0, SEEK_CUR), 4);
 
-    // What no offset can hold moves nothing.
+    // An overflow does not move the position.
     EXPECT_TRUE(fails(std::numeric_limits<long long>::max(), SEEK_CUR, EOVERFLOW));
     EXPECT_EQ(file->lseek(0, SEEK_CUR), 4);
     EXPECT_EQ(log.messages(), QStringList());
     EXPECT_EQ(proxy->messages().size(), 0);
 }
 
-TEST_F(SmbShare, NegativePosition_ReadsAndWritesGoOnWhereTheyWere) {
+TEST_F(SmbShare, NegativePosition_ReadsAndWritesContinueAtTheOldPosition) {
     putLocal("/f", "0123456789");
     const auto file = fs.open("/f", O_RDWR, 0);
     EXPECT_EQ(file->lseek(4, SEEK_SET), 4);
@@ -312,7 +312,7 @@ TEST_F(SmbShare, NegativePosition_ReadsAndWritesGoOnWhereTheyWere) {
     EXPECT_STREQ(buf, "23");
 }
 
-TEST_F(SmbShare, SeekBackToTheStart_IsWhereReadsGoOn) {
+TEST_F(SmbShare, SeekBackToStart_ReadsContinueThere) {
     putLocal("/f", "0123456789");
     const auto file = fs.open("/f", O_RDWR, 0);
     char buf[5] = {};
@@ -322,7 +322,7 @@ TEST_F(SmbShare, SeekBackToTheStart_IsWhereReadsGoOn) {
     EXPECT_STREQ(buf, "0123");
 }
 
-TEST_F(SmbShare, UnsupportedOnFiles_EOPNOTSUPP) {
+TEST_F(SmbShare, UnsupportedFileOperations_FailWithEOPNOTSUPP) {
     const auto file = create("/f");
     const auto refused = [](int result) { return result == -1 && errno == EOPNOTSUPP; };
     liberrno = NotFound;
@@ -341,7 +341,7 @@ TEST_F(SmbShare, UnsupportedOnFiles_EOPNOTSUPP) {
     EXPECT_EQ(liberrno, NotImplemented);
 }
 
-TEST_F(SmbWire, CloseTwice_OneRequest) {
+TEST_F(SmbWire, CloseTwice_SendsOneRequest) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     proxy->clear();
     EXPECT_EQ(file->close(), 0);
@@ -355,7 +355,7 @@ TEST_F(SmbWire, CloseTwice_OneRequest) {
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(SmbWire, LastHolderGone_FileIsClosed) {
+TEST_F(SmbWire, LastReferenceReleased_FileIsClosed) {
     {
         const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
         proxy->clear();

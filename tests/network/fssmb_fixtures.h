@@ -1,4 +1,4 @@
-// Connected shares, and what the tests of shares have in common.
+// Fixtures of the SMB tests: shares connected directly or through a recording proxy.
 #pragma once
 
 #include "support/doubles/faultproxy.h"
@@ -21,7 +21,7 @@ inline Properties with(Properties props, const QString& key, const QVariant& val
     return props;
 }
 
-/// Connected to the share "rw".
+/// With `fs` connected to the share "rw".
 class SmbShare : public Smb {
 protected:
     void SetUp() override {
@@ -38,7 +38,7 @@ protected:
     Smb2FS fs{10};
 };
 
-/// Connected through a proxy that sees what travels.
+/// With `fs` connected to the share "rw" through a proxy that records the messages.
 class SmbWire : public Smb {
 protected:
     void SetUp() override {
@@ -50,14 +50,14 @@ protected:
         proxy->clear();
     }
 
-    /// The lengths of the requests of one kind.
+    /// The length fields of all requests with `command`, in their order.
     std::vector<quint32> lengths(FaultProxy::Command command) const {
         std::vector<quint32> found;
         for (const auto& message : proxy->messages(FaultProxy::Request, command))
             found.push_back(message.length);
         return found;
     }
-    /// The path that the only CREATE request names.
+    /// The path of the CREATE request. Fails the test unless there is exactly one.
     QString createdPath() const {
         const auto messages = proxy->messages(FaultProxy::Request, FaultProxy::Create);
         EXPECT_EQ(messages.size(), 1);
@@ -84,16 +84,16 @@ inline QStringList names(Directory& directory) {
     return found;
 }
 
-inline QByteArray utf16(const QString& text) {
-    return {reinterpret_cast<const char*>(text.utf16()), text.size() * 2};
+inline QByteArray utf16(const QString& string) {
+    return {reinterpret_cast<const char*>(string.utf16()), string.size() * 2};
 }
 
 inline int openDescriptors() {
     return QDir("/proc/self/fd").entryList(QDir::System | QDir::Files | QDir::AllDirs).size();
 }
 
-// Long enough for all that a busy machine does well within it, as a request that no fault strikes.
-constexpr unsigned int timeout = 5;
-constexpr qint64 timeLimitMs = (timeout + 1) * 1000;
+// The time-out of a share. A request without a fault completes within it even on a busy machine.
+constexpr unsigned int timeoutSeconds = 5;
+constexpr qint64 timeLimitMs = (timeoutSeconds + 1) * 1000;
 
 } // namespace oru::io::test

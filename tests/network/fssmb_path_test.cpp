@@ -15,29 +15,29 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 
-// libsmb2's headers want some of these first.
+// The headers of libsmb2 require some of the headers above.
 #include <smb2/smb2.h>
 
 #include <smb2/libsmb2.h>
 
 namespace {
 
-std::atomic<bool> kindsAreUnknown = false;
+std::atomic<bool> unknownEntryTypes = false;
 
 template <class Function>
-Function* next(const char* name) {
+Function* nextDefinition(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
 
-// libsmb2 tells three kinds of entries apart. What if there were more? The program's own
-// definitions come before those of the library.
+// Returns an entry type that libsmb2 does not define, while unknownEntryTypes is set. This
+// definition precedes the one of libsmb2.
 
 Q_DECL_EXPORT smb2dirent* smb2_readdir(smb2_context* context, smb2dir* dir) {
-    static auto* const real = next<decltype(smb2_readdir)>("smb2_readdir");
+    static auto* const real = nextDefinition<decltype(smb2_readdir)>("smb2_readdir");
     smb2dirent* const entry = real(context, dir);
-    if (entry && kindsAreUnknown)
+    if (entry && unknownEntryTypes)
         entry->st.smb2_type = 7;
     return entry;
 }
@@ -52,12 +52,13 @@ using test::SmbShare;
 using test::SmbWire;
 using test::utf16;
 
-// Where a QUERY_INFO response has the attributes: behind its header, its own fields and four times.
+// The offset of the attributes in a QUERY_INFO response: after the header, the fixed fields and
+// four times.
 constexpr int attributesAt = 64 + 8 + 32;
 
 } // namespace
 
-TEST_F(SmbWire, Path_LosesOneSlashInFront) {
+TEST_F(SmbWire, LeadingSlash_OneIsRemoved) {
     struct stat st;
     const std::vector<std::pair<const char*, const char*>> cases = {
         {"/a/b", "a\\b"}, {"a/b", "a\\b"}, {"//a", "\\a"}, {"/", ""}, {"", ""}};
@@ -74,7 +75,7 @@ TEST_F(SmbWire, Path_LosesOneSlashInFront) {
     EXPECT_EQ(createdPath(), "a");
 }
 
-TEST_F(SmbShare, Stat_SetsTheseFieldsOnly) {
+TEST_F(SmbShare, Stat_SetsSizeModeLinksInodeAndTimesOnly) {
     putLocal("/f", "12345");
     ASSERT_EQ(fs.mkdir("/d", 0700), 0);
     struct stat untouched;
@@ -125,11 +126,12 @@ std::pair<long long, long long> partsOf(const struct timespec& time) {
 
 } // namespace
 
-TEST_F(SmbWire, Times_EachFromItsField) {
+TEST_F(SmbWire, Times_ComeFromTheirFields) {
     putLocal("/f");
     const struct timespec times[2] = {{1'000'000'000, 123'456'000}, {1'100'000'000, 654'321'000}};
     ASSERT_EQ(utimensat(AT_FDCWD, QFile::encodeName(local("/f")).constData(), times, 0), 0);
-    // The server at hand has no time of change of its own, and that of creation is not wanted.
+    // Samba has no change time of its own: the proxy sets one. It also sets the creation time,
+    // which stat() must not return.
     const auto setChange = FaultProxy::Fault::edit([](QByteArray& message) {
         constexpr qint64 size = 8;
         constexpr qint64 unixEpoch = 11'644'473'600; // in seconds since 1601
@@ -154,7 +156,7 @@ TEST_F(SmbWire, Times_EachFromItsField) {
     expectTimes(st);
 }
 
-// What a server says of a link that it does not follow.
+// A server reports a link that it does not follow as a reparse point.
 TEST_F(SmbWire, ReparsePoint_IsALink) {
     putLocal("/f");
     const auto asLink = FaultProxy::Fault::edit([](QByteArray& message) {
@@ -180,7 +182,7 @@ TEST_F(SmbWire, ReparsePoint_IsALink) {
     EXPECT_EQ(links, 1);
 }
 
-TEST_F(SmbWire, UnknownKind_HasAllTypeBits) {
+TEST_F(SmbWire, UnknownType_StatHasAllTypeBitsAndEntryIsUnknown) {
     putLocal("/f");
     proxy->on({FaultProxy::Response, FaultProxy::QueryInfo},
               FaultProxy::Fault::edit([](QByteArray& message) {
@@ -189,7 +191,7 @@ TEST_F(SmbWire, UnknownKind_HasAllTypeBits) {
     struct stat st;
     EXPECT_EQ(fs.stat("/f", st), 0);
     EXPECT_EQ(st.st_mode, 0170666U);
-    kindsAreUnknown = true;
+    unknownEntryTypes = true;
     const auto directory = fs.opendir("/");
     ASSERT_TRUE(directory);
     int seen = 0;
@@ -198,10 +200,10 @@ TEST_F(SmbWire, UnknownKind_HasAllTypeBits) {
         EXPECT_EQ(entry->d_type, DT_UNKNOWN);
     }
     EXPECT_EQ(seen, 3);
-    kindsAreUnknown = false;
+    unknownEntryTypes = false;
 }
 
-TEST_F(SmbShare, Statfs_SizesAsTheServerHasThem) {
+TEST_F(SmbShare, Statfs_ReturnsTheSizesOfTheServer) {
     struct statfs local;
     ASSERT_EQ(::statfs(QFile::encodeName(this->local("")).constData(), &local), 0);
     struct statfs st;
@@ -220,18 +222,18 @@ TEST_F(SmbShare, Statfs_SizesAsTheServerHasThem) {
     EXPECT_EQ(st.f_flags, 0);
 }
 
-TEST_F(SmbWire, Rename_BothPathsWithoutTheSlash) {
+TEST_F(SmbWire, Rename_SendsBothPathsWithoutLeadingSlash) {
     putLocal("/from");
     ASSERT_EQ(mkdir(QFile::encodeName(local("/dir")).constData(), 0777), 0);
     EXPECT_EQ(fs.rename("/from", "/dir/to"), 0) << strerror();
     EXPECT_EQ(createdPath(), "from");
     const auto changes = proxy->messages(FaultProxy::Request, FaultProxy::SetInfo);
     ASSERT_EQ(changes.size(), 1);
-    // Behind its length.
+    // The new path follows its length.
     EXPECT_TRUE(changes[0].head.contains(QByteArray("\x0c\0\0\0", 4) + utf16("dir\\to")));
 }
 
-TEST_F(Smb, ReadOnlyShare_ReadsAndRefusesTheRest) {
+TEST_F(Smb, ReadOnlyShare_ReadsAndFailsToWrite) {
     Smb2FS fs(10);
     ASSERT_EQ(fs.connect(login(server.address(), "ro")), 0);
     EXPECT_EQ(fs.open("/file.txt", O_RDONLY, 0)->readAll(100), "read only file\n");

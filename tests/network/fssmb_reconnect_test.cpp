@@ -1,5 +1,4 @@
-// Files and directories that were open when their share connected again, disconnected or was
-// destroyed.
+// Files and directories that outlive the connection of their share.
 #include "network/fssmb_fixtures.h"
 #include "support/suite/logcapture.h"
 
@@ -16,7 +15,7 @@ using test::names;
 using test::Smb;
 using test::SmbShare;
 
-/// Every operation of a file and a directory whose connection is gone.
+/// Expects that every operation fails with EBADF, as after the end of the connection.
 void expectStale(File& file, Directory& directory) {
     const auto stale = [](long long result) {
         const int reason = errno;
@@ -43,7 +42,7 @@ void expectStale(File& file, Directory& directory) {
 
 } // namespace
 
-TEST_F(SmbShare, ConnectedAnew_WhatWasOpenIsStale) {
+TEST_F(SmbShare, ConnectedAgain_OpenFilesFailWithEBADF) {
     const auto file = create("/f");
     const auto directory = fs.opendir("/");
     EXPECT_EQ(fs.connect(login(server.address())), 0);
@@ -53,8 +52,8 @@ TEST_F(SmbShare, ConnectedAnew_WhatWasOpenIsStale) {
     EXPECT_EQ(fs.stat("/f", st), 0);
 }
 
-// A closed directory belongs to no connection: it opens in the one that there is.
-TEST_F(SmbShare, ConnectedAnew_AClosedDirectoryOpensAgain) {
+// A closed directory belongs to no connection: rewinddir() opens it in the current one.
+TEST_F(SmbShare, ConnectedAgain_ClosedDirectoryOpensAgain) {
     putLocal("/f");
     const auto directory = fs.opendir("/");
     EXPECT_EQ(directory->closedir(), 0);
@@ -63,7 +62,7 @@ TEST_F(SmbShare, ConnectedAnew_AClosedDirectoryOpensAgain) {
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(directory->rewinddir(), 0);
     EXPECT_EQ(names(*directory), QStringList({".", "..", "f"}));
-    // Now it belongs to that one.
+    // An open directory belongs to the connection that opened it.
     EXPECT_EQ(fs.connect(login(server.address())), 0);
     EXPECT_EQ(directory->readdir(), nullptr);
     EXPECT_EQ(errno, EBADF);
@@ -74,7 +73,7 @@ TEST_F(SmbShare, ConnectedAnew_AClosedDirectoryOpensAgain) {
     EXPECT_EQ(names(*directory), QStringList({".", "..", "f"}));
 }
 
-TEST_F(SmbShare, ConnectedAnew_AClosedDirectoryThatIsGoneStaysClosed) {
+TEST_F(SmbShare, ConnectedAgain_RemovedDirectoryStaysClosed) {
     ASSERT_EQ(fs.mkdir("/d", 0755), 0);
     const auto directory = fs.opendir("/d");
     EXPECT_EQ(directory->closedir(), 0);
@@ -86,7 +85,7 @@ TEST_F(SmbShare, ConnectedAnew_AClosedDirectoryThatIsGoneStaysClosed) {
     EXPECT_FALSE(directory.staticCast<Smb2Dir>()->isOpen());
 }
 
-TEST_F(SmbShare, DirectoryMadeWhileFatal_OpensOnceConnected) {
+TEST_F(SmbShare, DirectoryConstructedAfterFatalError_OpensAfterConnect) {
     putLocal("/f");
     set_errno(&fs, -ETIMEDOUT, nullptr, "stat", "f");
     QString path = "/";
@@ -98,7 +97,7 @@ TEST_F(SmbShare, DirectoryMadeWhileFatal_OpensOnceConnected) {
     EXPECT_EQ(names(directory), QStringList({".", "..", "f"}));
 }
 
-TEST_F(Smb, ShareDestroyed_WhatWasOpenIsStale) {
+TEST_F(Smb, ShareDestroyed_OpenFilesFailWithEBADF) {
     auto fs = std::make_unique<Smb2FS>(10);
     ASSERT_EQ(fs->connect(login(server.address())), 0);
     const auto file = fs->open("/f", O_RDWR | O_CREAT, 0644);
@@ -107,7 +106,7 @@ TEST_F(Smb, ShareDestroyed_WhatWasOpenIsStale) {
     expectStale(*file, *directory);
 }
 
-TEST_F(SmbShare, Disconnected_WhatWasOpenIsNotConnected) {
+TEST_F(SmbShare, Disconnected_OpenFilesFailWithENOTCONN) {
     const auto file = create("/f");
     const auto directory = fs.opendir("/");
     EXPECT_EQ(fs.disconnect(), 0);
@@ -129,7 +128,7 @@ TEST_F(SmbShare, Disconnected_WhatWasOpenIsNotConnected) {
     EXPECT_EQ(file->pwrite(&byte, 0, -1), 0);
     LogCapture log("libio_smb2=12");
     errno = 0;
-    EXPECT_EQ(file->lseek(1, SEEK_SET), -ENOTCONN); // the code itself, and errno stays
+    EXPECT_EQ(file->lseek(1, SEEK_SET), -ENOTCONN); // not -1, and errno is unchanged
     EXPECT_EQ(errno, 0);
     EXPECT_EQ(log.messages(), QStringList("libio_smb2 10 smb lseek failed\n"));
     EXPECT_EQ(directory->readdir(), nullptr);

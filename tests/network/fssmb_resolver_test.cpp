@@ -21,13 +21,13 @@
 namespace {
 
 std::atomic<int> slowLookups = 0;
-std::atomic<int> lookupsOfOnce = 0;
-std::atomic<int> socketError = 0; // 0: there are sockets
-sem_t slowResolver;               // outlives every lookup
+std::atomic<int> onceLookups = 0;
+std::atomic<int> socketError = 0; // errno of socket(); 0: it works
+sem_t slowResolver;               // must outlive every lookup
 
 } // namespace
 
-// The program's own definitions come before those of the C library, for libsmb2 as well.
+// These definitions precede those of the C library, for libsmb2 as well.
 
 extern "C" Q_DECL_EXPORT int socket(int family, int type, int protocol) noexcept {
     using Function = int(int, int, int);
@@ -50,10 +50,10 @@ extern "C" Q_DECL_EXPORT int getaddrinfo(const char* host, const char* service,
         return EAI_AGAIN;
     }
     if (!isNumeric && host && std::strcmp(host, "once.test") == 0)
-        return ++lookupsOfOnce == 1 ? real("127.0.0.1", service, hints, found) : EAI_FAIL;
+        return ++onceLookups == 1 ? real("127.0.0.1", service, hints, found) : EAI_FAIL;
     if (isNumeric || !host || std::strncmp(host, "addresses-", 10) != 0)
         return real(host, service, hints, found);
-    // A server with as many addresses as the name says, of which the last one is 127.0.0.1.
+    // "addresses-N" has N addresses: 127.0.0.N first, 127.0.0.1 last.
     struct addrinfo** next = found;
     for (int number = std::atoi(host + 10); number > 0; --number) {
         const std::string address = "127.0.0." + std::to_string(number);
@@ -73,31 +73,31 @@ namespace {
 using test::login;
 using test::openDescriptors;
 using test::timeLimitMs;
-using test::timeout;
+using test::timeoutSeconds;
 using SmbServerFault = test::Smb;
 
 } // namespace
 
-TEST(SmbResolver, Slow_TimesOut) {
+TEST(SmbResolver, SlowLookup_TimesOut) {
     slowLookups = 0;
     ASSERT_EQ(sem_init(&slowResolver, 0, 0), 0);
-    Smb2FS fs(timeout);
+    Smb2FS fs(timeoutSeconds);
     QElapsedTimer timer;
     timer.start();
     EXPECT_EQ(fs.connect(login("slow.test:445")), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
-    EXPECT_GE(timer.elapsed(), timeout * 1000 - 100);
+    EXPECT_GE(timer.elapsed(), timeoutSeconds * 1000 - 100);
     EXPECT_LT(timer.elapsed(), timeLimitMs);
     EXPECT_EQ(slowLookups, 1);
-    // A resolver that gives up says so.
-    sem_post(&slowResolver); // to the lookup that goes on
+    // A lookup that fails within the time-out is reported.
+    sem_post(&slowResolver); // for the first lookup, which still runs
     sem_post(&slowResolver);
     EXPECT_EQ(fs.connect(login("slow.test")), -1);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(slowLookups, 2);
 }
 
-TEST_F(SmbServerFault, SeveralAddresses_TheOneThatServesIsFound) {
+TEST_F(SmbServerFault, SeveralAddresses_ConnectsToTheListeningOne) {
     for (const char* host : {"addresses-2:", "addresses-12:"}) {
         Smb2FS fs(10);
         QElapsedTimer timer;
@@ -108,12 +108,12 @@ TEST_F(SmbServerFault, SeveralAddresses_TheOneThatServesIsFound) {
     }
 }
 
-// What takes connections at an address of this machine but answers to none any more.
+// Listens on a local address with a full queue: further connections get no response.
 class SilentAddress {
 public:
     SilentAddress(const char* address, quint16 port) : m_listener(bound(address, port)) {
         listen(m_listener.fd(), 0);
-        // Its queue of one, and then some.
+        // More connections than fit into the queue, which has one place.
         for (test::Socket& waiting : m_queue) {
             waiting = test::Socket(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
             struct sockaddr_in to = {};
@@ -141,24 +141,24 @@ private:
     std::array<test::Socket, 4> m_queue;
 };
 
-TEST_F(SmbServerFault, SilentAddresses_TheOneThatServesIsFound) {
+TEST_F(SmbServerFault, SilentAddressesFirst_ConnectsToTheListeningOne) {
     const int before = openDescriptors();
     {
         const SilentAddress third("127.0.0.3", server.port());
         const SilentAddress second("127.0.0.2", server.port());
-        Smb2FS fs(timeout);
+        Smb2FS fs(timeoutSeconds);
         QElapsedTimer timer;
         timer.start();
         EXPECT_EQ(fs.connect(login("addresses-3:" + QString::number(server.port()))), 0)
             << strerror();
-        EXPECT_GE(timer.elapsed(), 1000); // an eighth of the time, and one of the rest
+        EXPECT_GE(timer.elapsed(), 1000); // an eighth of the time-out, then an eighth of the rest
         EXPECT_LT(timer.elapsed(), timeLimitMs);
         EXPECT_TRUE(fs.isConnected());
     }
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(SmbServerFault, OnlyASilentAddress_TimesOut) {
+TEST_F(SmbServerFault, OnlySilentAddress_TimesOut) {
     const SilentAddress address("127.0.0.2", server.port());
     Smb2FS fs(1);
     QElapsedTimer timer;
@@ -169,23 +169,23 @@ TEST_F(SmbServerFault, OnlyASilentAddress_TimesOut) {
     EXPECT_LT(timer.elapsed(), 2000);
 }
 
-TEST_F(SmbServerFault, Name_IsLookedUpOnce) {
-    lookupsOfOnce = 0;
+TEST_F(SmbServerFault, HostName_IsLookedUpOnce) {
+    onceLookups = 0;
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(login("once.test:" + QString::number(server.port()))), 0) << strerror();
-    EXPECT_EQ(lookupsOfOnce, 1);
+    EXPECT_EQ(onceLookups, 1);
 }
 
-TEST(SmbResolver, SeveralAddressesThatRefuse_Refused) {
+TEST(SmbResolver, AllAddressesRefuse_FailsWithECONNREFUSED) {
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(login("addresses-3:1")), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
 }
 
-// libsmb2 takes the lack of a socket for an error of input or output.
-TEST(SmbResolver, NoSocketToBeHad_WhyIsTold) {
+// libsmb2 reports a failure of socket() as EIO.
+TEST(SmbResolver, SocketFails_FailsWithItsErrno) {
     for (const int error : {EMFILE, EAFNOSUPPORT}) {
-        Smb2FS fs(timeout);
+        Smb2FS fs(timeoutSeconds);
         socketError = error;
         EXPECT_EQ(fs.connect(login("127.0.0.1:1")), -1);
         EXPECT_EQ(errno, error) << std::strerror(errno);
@@ -194,9 +194,10 @@ TEST(SmbResolver, NoSocketToBeHad_WhyIsTold) {
     }
 }
 
-TEST(SmbResolver, BracketsAndPorts_AreNotTheName) {
-    Smb2FS fs(timeout);
-    // Nobody listens there; were the port taken for a part of the name, it would not be known.
+TEST(SmbResolver, BracketsAndPorts_AreNotPartOfTheName) {
+    Smb2FS fs(timeoutSeconds);
+    // Nothing listens on port 1. If the port were parsed as part of the name, the lookup would
+    // fail.
     for (const char* server : {"127.0.0.1:1", "[::1]:1", "[127.0.0.1]:1", "localhost:1"}) {
         EXPECT_EQ(fs.connect(login(server)), -1) << server;
         EXPECT_TRUE(errno == ECONNREFUSED || errno == EADDRNOTAVAIL || errno == ENETUNREACH)

@@ -18,17 +18,19 @@
 
 namespace {
 
-std::atomic<bool> answersPileUp = false;
+std::atomic<bool> delayReads = false;
 
 } // namespace
 
-// The program's own definitions come before those of the C library, for libsmb2 as well.
+// This definition precedes the one of the C library, for libsmb2 as well.
+//
 
-// Waits so long that all is there that comes within that time, as on a busy machine.
+// With delayReads, waits 200 ms before it polls for input: as on a busy machine, all data of this
+// time arrives at once.
 extern "C" Q_DECL_EXPORT int poll(struct pollfd* polled, nfds_t count, int limit) {
     using Function = int(struct pollfd*, nfds_t, int);
     static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "poll"));
-    if (answersPileUp && count == 1 && polled->events == POLLIN)
+    if (delayReads && count == 1 && polled->events == POLLIN)
         real(nullptr, 0, 200);
     return real(polled, count, limit);
 }
@@ -39,11 +41,11 @@ namespace {
 using test::FaultProxy;
 using test::login;
 using test::timeLimitMs;
-using test::timeout;
+using test::timeoutSeconds;
 using Fault = FaultProxy::Fault;
 
-/// Connected through a proxy that changes what the server says.
-class SmbAnswer : public test::Smb {
+/// Connected through a proxy that changes the responses of the server.
+class SmbResponse : public test::Smb {
 protected:
     void SetUp() override {
         Smb::SetUp();
@@ -66,7 +68,7 @@ protected:
     }
 
     std::unique_ptr<FaultProxy> proxy;
-    Smb2FS fs{timeout};
+    Smb2FS fs{timeoutSeconds};
     QSharedPointer<File> file;
 };
 
@@ -74,41 +76,41 @@ void put(QByteArray& message, int at, quint32 value) {
     qToLittleEndian(value, message.data() + at);
 }
 
-// Where a response has its status, and the length of what it tells.
+// The offsets of the status and of the payload length in a response.
 constexpr int statusAt = 8;
 constexpr int infoLengthAt = 64 + 4;
 
-/// Makes a response one that refuses.
-auto refuseWith(quint32 status) {
+/// Replaces a response with an error response.
+auto failWith(quint32 status) {
     return [status](QByteArray& message) {
         message.truncate(64);
         put(message, statusAt, status);
-        put(message, 20, 0); // nothing follows
+        put(message, 20, 0); // the last of its chain
         message.append("\x09\0\0\0\0\0\0\0\0", 9);
     };
 }
 
 } // namespace
 
-TEST_F(SmbAnswer, SuccessThatTellsNothing_BadMessage) {
-    const auto tellNothing = [](QByteArray& message) { put(message, infoLengthAt, 0); };
+TEST_F(SmbResponse, SuccessWithoutPayload_FailsWithEBADMSG) {
+    const auto emptyPayload = [](QByteArray& message) { put(message, infoLengthAt, 0); };
     struct stat st;
     struct statfs sizes;
-    edit(FaultProxy::QueryInfo, tellNothing);
+    edit(FaultProxy::QueryInfo, emptyPayload);
     EXPECT_EQ(fs.stat("/file", st), -1);
     EXPECT_EQ(errno, EBADMSG);
-    edit(FaultProxy::QueryInfo, tellNothing);
+    edit(FaultProxy::QueryInfo, emptyPayload);
     EXPECT_EQ(fs.statfs("/", sizes), -1);
     EXPECT_EQ(errno, EBADMSG);
-    edit(FaultProxy::QueryInfo, tellNothing);
+    edit(FaultProxy::QueryInfo, emptyPayload);
     EXPECT_EQ(file->fstat(st), -1);
     EXPECT_EQ(errno, EBADMSG);
     expectUsable();
 }
 
-// What the server says decides, not whether it can be reached.
-TEST_F(SmbAnswer, FatalStatus_GuardsALivingConnection) {
-    edit(FaultProxy::Write, refuseWith(0xc000009a)); // STATUS_INSUFFICIENT_RESOURCES
+// A fatal status blocks the share even while the connection works.
+TEST_F(SmbResponse, FatalStatus_BlocksWorkingConnection) {
+    edit(FaultProxy::Write, failWith(0xc000009a)); // STATUS_INSUFFICIENT_RESOURCES
     EXPECT_EQ(file->write("x", 1), -1);
     EXPECT_EQ(errno, EBUSY);
     proxy->clear();
@@ -118,14 +120,14 @@ TEST_F(SmbAnswer, FatalStatus_GuardsALivingConnection) {
     EXPECT_TRUE(proxy->messages().isEmpty());
     EXPECT_EQ(fs.disconnect(), 0);
     EXPECT_EQ(proxy->messages(FaultProxy::Request, FaultProxy::TreeDisconnect).size(), 1);
-    EXPECT_TRUE(fs.isConnected()); // leaving mends nothing
+    EXPECT_TRUE(fs.isConnected()); // disconnect() does not clear the fatal error
     EXPECT_EQ(fs.connect(login(proxy->address())), 0);
     EXPECT_EQ(fs.stat("/", st), 0);
 }
 
-TEST_F(SmbAnswer, FailedTransfer_MovesNothing) {
+TEST_F(SmbResponse, FailedTransfer_KeepsPositionAndEnd) {
     const QByteArray content(100'000, 'x');
-    const auto refuse = refuseWith(0xc000007f); // STATUS_DISK_FULL
+    const auto refuse = failWith(0xc000007f); // STATUS_DISK_FULL
     EXPECT_EQ(file->pwrite("abc", 3, 50), 3);
     proxy->on({FaultProxy::Response, FaultProxy::Write, 2}, Fault::edit(refuse));
     EXPECT_EQ(file->write(content.constData(), content.size()), -1);
@@ -139,26 +141,27 @@ TEST_F(SmbAnswer, FailedTransfer_MovesNothing) {
     EXPECT_EQ(file->lseek(0, SEEK_END), 53);
 }
 
-// Asking where one is moves nothing, also where the next write is to go elsewhere.
-TEST_F(SmbAnswer, AskingForTheBeginning_MovesNothing) {
+// After a write that failed halfway, the next write continues after the bytes that were written.
+// lseek(0, SEEK_CUR) returns 0 and does not change that.
+TEST_F(SmbResponse, LseekAfterFailedWrite_DoesNotMoveTheNextWrite) {
     const QByteArray content(65536 + 10, 'x');
-    proxy->on({FaultProxy::Response, FaultProxy::Write, 2}, Fault::edit(refuseWith(0xc000007f)));
+    proxy->on({FaultProxy::Response, FaultProxy::Write, 2}, Fault::edit(failWith(0xc000007f)));
     EXPECT_EQ(file->write(content.constData(), content.size()), -1);
     EXPECT_EQ(file->lseek(0, SEEK_CUR), 0);
-    EXPECT_EQ(file->write("behind", 6), 6);
+    EXPECT_EQ(file->write("follow", 6), 6);
     QFile local(server.directory("rw") + "/file");
     ASSERT_TRUE(local.open(QFile::ReadOnly) && local.seek(65536));
-    EXPECT_EQ(local.read(6), "behind");
+    EXPECT_EQ(local.read(6), "follow");
 }
 
-TEST_F(SmbAnswer, Refused_RecordsStayAsTheyWere) {
+TEST_F(SmbResponse, ErrorStatus_LeavesStatAndStatfsUnchanged) {
     struct stat st;
     struct statfs sizes;
     std::memset(&st, 0x5a, sizeof st);
     std::memset(&sizes, 0x5a, sizeof sizes);
     const struct stat stBefore = st;
     const struct statfs sizesBefore = sizes;
-    edit(FaultProxy::QueryInfo, refuseWith(0xc0000022)); // STATUS_ACCESS_DENIED
+    edit(FaultProxy::QueryInfo, failWith(0xc0000022)); // STATUS_ACCESS_DENIED
     EXPECT_EQ(file->fstat(st), -1);
     EXPECT_EQ(errno, EACCES);
     EXPECT_EQ(std::memcmp(&st, &stBefore, sizeof st), 0);
@@ -168,8 +171,8 @@ TEST_F(SmbAnswer, Refused_RecordsStayAsTheyWere) {
     expectUsable();
 }
 
-// No server at hand has links: the answer is made here.
-TEST_F(SmbAnswer, Readlink_TargetAndNoLength) {
+// Samba sends no links, so the proxy builds the response.
+TEST_F(SmbResponse, Readlink_StoresTargetAndReturnsZero) {
     const auto isLinkTo = [](const QByteArray& target) {
         return [target](QByteArray& message) {
             QByteArray name;
@@ -210,8 +213,8 @@ TEST_F(SmbAnswer, Readlink_TargetAndNoLength) {
     EXPECT_EQ(std::memcmp(buf, "a longer t", sizeof buf), 0);
 }
 
-// Of the commands of one request the first to fail says why, whatever becomes of the others.
-TEST_F(SmbAnswer, CloseOfWhatWasNotOpened_DoesNotHideWhy) {
+// The errno of a compound request is that of the first command that fails.
+TEST_F(SmbResponse, CloseOfUnopenedFileInCompound_KeepsTheFirstError) {
     ASSERT_EQ(fs.mkdir("/d", 0755), 0);
     edit(FaultProxy::Close, [](QByteArray& message) {
         message.truncate(64);
@@ -229,14 +232,14 @@ TEST_F(SmbAnswer, CloseOfWhatWasNotOpened_DoesNotHideWhy) {
     expectUsable();
 }
 
-TEST_F(SmbAnswer, SomeCommandsUnanswered_TimesOut) {
+TEST_F(SmbResponse, CompoundPartlyUnanswered_TimesOut) {
     edit(FaultProxy::Create, [](QByteArray& message) {
-        // In place of all three answers only that to the last one.
+        // Replaces all three responses with one to the last command.
         const quint64 id = qFromLittleEndian<quint64>(message.constData() + 24);
         message.truncate(64);
         message[12] = FaultProxy::Close;
         put(message, statusAt, 0);
-        put(message, 20, 0); // no other follows
+        put(message, 20, 0); // the last of its chain
         qToLittleEndian(id + 2, message.data() + 24);
         message.append(QByteArray(60, '\0'));
         message[64] = 60;
@@ -248,26 +251,26 @@ TEST_F(SmbAnswer, SomeCommandsUnanswered_TimesOut) {
     EXPECT_LT(timer.elapsed(), timeLimitMs);
 }
 
-// libsmb2 hands a count on as it is, where an error would be negative.
-TEST_F(SmbAnswer, CountThatReadsLikeAnErrno_IsNone) {
+// libsmb2 returns the count unchecked. As an int, this one is negative like an errno.
+TEST_F(SmbResponse, CountLikeNegativeErrno_FailsWithECONNRESET) {
     edit(FaultProxy::Write, [](QByteArray& message) { put(message, infoLengthAt, 0xffff0000); });
     EXPECT_EQ(file->write("x", 1), -1);
     EXPECT_EQ(errno, ECONNRESET);
     EXPECT_TRUE(proxy->waitUntilClosed());
 }
 
-TEST_F(SmbAnswer, AnsweredThenReset_TheAnswerIsTold) {
-    answersPileUp = true;
+TEST_F(SmbResponse, ResponseThenReset_ReportsTheResponseFirst) {
+    delayReads = true;
     proxy->on({FaultProxy::Response, FaultProxy::Create}, Fault::reset(1 << 20));
     struct stat st;
     EXPECT_EQ(fs.stat("/missing", st), -1);
     EXPECT_EQ(errno, ENOENT);
-    answersPileUp = false;
+    delayReads = false;
     EXPECT_EQ(fs.stat("/missing", st), -1);
     EXPECT_EQ(errno, ECONNRESET);
 }
 
-TEST_F(SmbAnswer, ConnectRefused_TheShareIsNotConnected) {
+TEST_F(SmbResponse, ConnectFails_ShareIsNotConnected) {
     Properties missing = login(proxy->address());
     missing["share"] = "missing";
     EXPECT_EQ(fs.connect(missing), -1);
@@ -276,7 +279,7 @@ TEST_F(SmbAnswer, ConnectRefused_TheShareIsNotConnected) {
     EXPECT_EQ(errno, ENOTCONN);
 }
 
-TEST_F(SmbAnswer, SessionSetupUnreadable_ConnectionReset) {
+TEST_F(SmbResponse, MalformedSessionSetup_FailsWithECONNRESET) {
     edit(FaultProxy::SessionSetup, [](QByteArray& message) {
         message.replace(72, message.size() - 72, QByteArray(message.size() - 72, 'x'));
     });
@@ -285,8 +288,8 @@ TEST_F(SmbAnswer, SessionSetupUnreadable_ConnectionReset) {
     EXPECT_EQ(fs.connect(login(proxy->address())), 0) << strerror();
 }
 
-// Those who wait for the lock while a broken share is connected anew use the new connection.
-TEST_F(SmbAnswer, ConnectWhileOthersWait_TheShareIsUsable) {
+// Threads that wait for the lock while the share connects again use the new connection.
+TEST_F(SmbResponse, ConnectWhileThreadsWait_ShareIsUsable) {
     for (int round = 0; round < 20; ++round) {
         std::atomic<bool> isOver = false;
         std::vector<std::thread> threads;
@@ -309,7 +312,7 @@ TEST_F(SmbAnswer, ConnectWhileOthersWait_TheShareIsUsable) {
     }
 }
 
-TEST_F(SmbAnswer, DirectoryAskedWhileItIsRewound_IsOpenOrNot) {
+TEST_F(SmbResponse, IsOpenDuringRewinddir_DoesNotRace) {
     const auto directory = fs.opendir("/").staticCast<Smb2Dir>();
     std::atomic<bool> isOver = false;
     std::thread rewinding([&] {

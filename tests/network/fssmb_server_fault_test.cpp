@@ -1,5 +1,4 @@
-// Shares of an SMB server that is killed, stopped or too slow, and the signal of a broken
-// connection.
+// Shares of an SMB server that is killed or stopped, and the SIGPIPE of a broken connection.
 #include "network/fssmb_fixtures.h"
 #include "network/shareoperations.h"
 #include "support/system/childprocess.h"
@@ -24,14 +23,14 @@ std::atomic<bool> pipeIsBroken = false;
 
 } // namespace
 
-// The program's own definitions come before those of the C library, for libsmb2 as well.
+// This definition precedes the one of the C library, for libsmb2 as well.
 
 extern "C" Q_DECL_EXPORT ssize_t writev(int fd, const struct iovec* parts, int count) {
     using Function = ssize_t(int, const struct iovec*, int);
     static auto* const real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "writev"));
     if (!pipeIsBroken.exchange(false))
         return real(fd, parts, count);
-    // As the kernel does it.
+    // Like the kernel: SIGPIPE for the thread, and EPIPE.
     pthread_kill(pthread_self(), SIGPIPE);
     errno = EPIPE;
     return -1;
@@ -45,13 +44,13 @@ using test::FaultProxy;
 using test::login;
 using test::Share;
 using test::timeLimitMs;
-using test::timeout;
+using test::timeoutSeconds;
 using Fault = FaultProxy::Fault;
 using SmbServerFault = test::Smb;
 
 } // namespace
 
-TEST_F(SmbServerFault, KilledAndRestarted) {
+TEST_F(SmbServerFault, ServerKilledAndRestarted_ConnectsAgain) {
     Share share(server.address(), "d", 10);
     ASSERT_TRUE(share.file);
     server.kill();
@@ -67,7 +66,7 @@ TEST_F(SmbServerFault, KilledAndRestarted) {
     EXPECT_EQ(file->readAll(10'000), share.content);
 }
 
-TEST_F(SmbServerFault, KilledWhileRecording) {
+TEST_F(SmbServerFault, ServerKilledWhileWriting_ReportedBytesReachedIt) {
     Share share(server.address(), "d", 10);
     ASSERT_TRUE(share.file);
     std::atomic<qint64> written = 0;
@@ -83,12 +82,12 @@ TEST_F(SmbServerFault, KilledWhileRecording) {
         std::this_thread::yield();
     server.kill();
     recorder.join();
-    // All that was reported as written had reached the server.
+    // Every byte that was reported as written is on the server.
     EXPECT_GE(QFileInfo(server.directory("rw") + "/d/file").size(), written);
 }
 
-TEST_F(SmbServerFault, Stopped_TimesOutAndComesBack) {
-    Share share(server.address(), "d", timeout);
+TEST_F(SmbServerFault, ServerStoppedAndContinued_TimesOutAndConnectsAgain) {
+    Share share(server.address(), "d", timeoutSeconds);
     ASSERT_TRUE(share.file);
     server.stop();
     QElapsedTimer timer;
@@ -105,9 +104,9 @@ TEST_F(SmbServerFault, Stopped_TimesOutAndComesBack) {
     EXPECT_TRUE(share.fs.isConnected());
 }
 
-// Who waits for the share's lock meanwhile learns why, whatever it wants to do.
-TEST_F(SmbServerFault, ManyThreadsWait_AllTimeOut) {
-    Share share(server.address(), "d", timeout);
+// Threads that wait for the lock of the share fail with the errno of the lock holder.
+TEST_F(SmbServerFault, ThreadsWaitForLock_AllTimeOut) {
+    Share share(server.address(), "d", timeoutSeconds);
     ASSERT_TRUE(share.file);
     const auto closed = share.fs.open(share.at("other"), O_RDONLY, 0);
     ASSERT_TRUE(closed);
@@ -132,7 +131,7 @@ TEST_F(SmbServerFault, ManyThreadsWait_AllTimeOut) {
     std::vector<std::thread> threads;
     threads.emplace_back([&] {
         struct stat st;
-        EXPECT_EQ(share.fs.stat("/", st), -1); // has the lock
+        EXPECT_EQ(share.fs.stat("/", st), -1); // holds the lock
     });
     for (const auto& call : calls) {
         threads.emplace_back([&] {
@@ -158,10 +157,10 @@ bool isPending(int signal) {
 
 } // namespace
 
-// The guard is in front of the lock.
-TEST_F(SmbServerFault, BrokenWhileSomebodyWaits_OthersFailAtOnce) {
+// The fatal error is checked before the lock is taken.
+TEST_F(SmbServerFault, FatalErrorWhileThreadWaits_OtherThreadsFailAtOnce) {
     FaultProxy proxy(server.port());
-    Share share(proxy.address(), "d", timeout);
+    Share share(proxy.address(), "d", timeoutSeconds);
     ASSERT_TRUE(share.file);
     proxy.on({FaultProxy::Request, FaultProxy::Create}, Fault::freeze());
     QElapsedTimer timer;
@@ -170,21 +169,21 @@ TEST_F(SmbServerFault, BrokenWhileSomebodyWaits_OthersFailAtOnce) {
         struct stat st;
         EXPECT_EQ(share.fs.stat("/", st), -1);
         EXPECT_EQ(errno, ETIMEDOUT);
-        EXPECT_GE(timer.elapsed(), timeout * 1000 - 100);
+        EXPECT_GE(timer.elapsed(), timeoutSeconds * 1000 - 100);
     });
-    // From here on it has the lock, until it times out.
+    // The thread holds the lock until its request times out.
     EXPECT_TRUE(test::eventually([&] { return proxy.armed() == 0; }));
     set_errno(&share.fs, -ECONNRESET, nullptr, "read", "f");
     expectGuarded(share);
-    EXPECT_LT(timer.elapsed(), timeout * 1000 - 100);
+    EXPECT_LT(timer.elapsed(), timeoutSeconds * 1000 - 100);
     waiting.join();
 }
 
-TEST_F(SmbServerFault, BrokenPipe_NoSignal) {
+TEST_F(SmbServerFault, BrokenPipe_RaisesNoSIGPIPE) {
     Share share(server.address(), "d", 10);
     ASSERT_TRUE(share.file);
     pipeIsBroken = true;
-    EXPECT_EQ(share.file->write("x", 1), -1); // the signal would end the test here
+    EXPECT_EQ(share.file->write("x", 1), -1); // SIGPIPE would end the test
     EXPECT_EQ(errno, ECONNRESET);
     EXPECT_FALSE(pipeIsBroken);
     EXPECT_FALSE(isPending(SIGPIPE));
@@ -193,7 +192,7 @@ TEST_F(SmbServerFault, BrokenPipe_NoSignal) {
     EXPECT_EQ(sigismember(&mask, SIGPIPE), 0);
 }
 
-TEST_F(SmbServerFault, BrokenPipeWhileBlocked_ASignalOfSomebodyElseStays) {
+TEST_F(SmbServerFault, BrokenPipeWhileSIGPIPEIsPending_SignalStaysPending) {
     sigset_t pipe;
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);

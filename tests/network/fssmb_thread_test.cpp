@@ -1,4 +1,4 @@
-// Shares that several threads use, or a thread that signals interrupt.
+// Shares used by several threads, and by a thread that signals interrupt.
 #include "network/fssmb_fixtures.h"
 
 #include <csignal>
@@ -17,7 +17,7 @@ using test::SmbShare;
 
 } // namespace
 
-TEST_F(Smb, TwoSharesEightThreads_EachGetsItsOwn) {
+TEST_F(Smb, TwoSharesEightThreads_EachReadsWhatItWrote) {
     Smb2FS first(20);
     Smb2FS second(20);
     ASSERT_EQ(first.connect(login(server.address())), 0);
@@ -49,7 +49,7 @@ TEST_F(Smb, TwoSharesEightThreads_EachGetsItsOwn) {
         thread.join();
 }
 
-TEST_F(Smb, ConnectedFromManyThreads_ContextsAreMadeOneByOne) {
+TEST_F(Smb, ConnectFromManyThreads_AllConnect) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([&] {
@@ -67,7 +67,7 @@ TEST_F(Smb, ConnectedFromManyThreads_ContextsAreMadeOneByOne) {
 
 namespace {
 
-/// Interrupts the process all the time.
+/// Interrupts the process with SIGALRM every 500 microseconds.
 class Interruptions {
 public:
     Interruptions() {
@@ -89,7 +89,7 @@ private:
 
 } // namespace
 
-TEST_F(SmbShare, Interrupted_NothingFails) {
+TEST_F(SmbShare, InterruptedBySignals_NoCallFails) {
     const Interruptions interruptions;
     const auto file = create("/f");
     ASSERT_TRUE(file);

@@ -12,7 +12,7 @@
 
 namespace oru::io {
 
-TEST(Smb2FS, NeverConnected_EverythingFailsENOTCONN) {
+TEST(Smb2FS, NeverConnected_EveryCallFailsWithENOTCONN) {
     Smb2FS fs(1);
     struct stat st;
     struct statfs sfs;
@@ -46,7 +46,7 @@ TEST(Smb2FS, NeverConnected_EverythingFailsENOTCONN) {
     EXPECT_EQ(errno, 0);
 }
 
-TEST(Smb2FS, UnsupportedOperations_EOPNOTSUPPAndNothingIsRemembered) {
+TEST(Smb2FS, UnsupportedOperations_FailWithEOPNOTSUPPAndKeepLiberrno) {
     Smb2FS fs(1);
     QVector<QString> attributes;
     char buf[8];
@@ -69,8 +69,8 @@ TEST(Smb2FS, UnsupportedOperations_EOPNOTSUPPAndNothingIsRemembered) {
     EXPECT_EQ(liberrno, NotFound);
 }
 
-// They ask nobody, whatever has become of the connection.
-TEST(Smb2FS, UnsupportedWhileFatal_TheSame) {
+// These operations send no request: the state of the connection does not matter.
+TEST(Smb2FS, UnsupportedOperationsAfterFatalError_FailWithEOPNOTSUPP) {
     Smb2FS fs(1);
     set_errno(&fs, -ETIMEDOUT, nullptr, "stat", "f");
     QVector<QString> attributes;
@@ -88,10 +88,10 @@ TEST(Smb2FS, UnsupportedWhileFatal_TheSame) {
     }
     EXPECT_EQ(fs.addWatch("/"), -1);
     EXPECT_EQ(liberrno, NotImplemented);
-    EXPECT_TRUE(fs.isConnected()); // still fatal
+    EXPECT_TRUE(fs.isConnected()); // the fatal error stands
 }
 
-TEST(Smb2FS, DirectoryMadeWhileFatal_Closed) {
+TEST(Smb2FS, DirectoryConstructedAfterFatalError_IsClosed) {
     Smb2FS fs(1);
     set_errno(&fs, -ETIMEDOUT, nullptr, "stat", "f");
     QString path = "/";
@@ -103,7 +103,7 @@ TEST(Smb2FS, DirectoryMadeWhileFatal_Closed) {
 
 namespace {
 
-/// Counts what the library calls of what it may override.
+/// Counts the calls of two overridden functions.
 class CountingSmb2FS : public Smb2FS {
 public:
     using Smb2FS::Smb2FS;
@@ -122,7 +122,7 @@ public:
 
 } // namespace
 
-TEST(Smb2FS, ConnectAndLstat_CallWhatIsOverridden) {
+TEST(Smb2FS, ConnectAndLstat_CallOverriddenDisconnectAndStat) {
     CountingSmb2FS fs(1);
     fs.connect({{"server", "127.0.0.1:1"}});
     EXPECT_EQ(fs.disconnects, 1);
@@ -131,9 +131,9 @@ TEST(Smb2FS, ConnectAndLstat_CallWhatIsOverridden) {
     EXPECT_EQ(fs.stats, 1);
 }
 
-TEST(Smb2FS, WatchesAndIoctl_NotImplemented) {
+TEST(Smb2FS, WatchesAndIoctl_FailWithNotImplemented) {
     Smb2FS fs(1);
-    QString response = "as it was";
+    QString response = "unchanged";
     for (const auto& call : std::vector<std::function<int()>>{
              [&] { return fs.addWatch("/"); }, [&] { return fs.remWatch("/"); },
              [&] { return fs.ioctl("anything", response); }}) {
@@ -143,10 +143,10 @@ TEST(Smb2FS, WatchesAndIoctl_NotImplemented) {
         EXPECT_EQ(liberrno, NotImplemented);
         EXPECT_EQ(errno, 0);
     }
-    EXPECT_EQ(response, "as it was");
+    EXPECT_EQ(response, "unchanged");
 }
 
-TEST(Smb2FS, SetErrno_ReportsAndRemembers) {
+TEST(Smb2FS, SetErrno_SetsErrnoAndRemembersFatalErrors) {
     Smb2FS fs(1);
     errno = 0;
     EXPECT_EQ(set_errno(&fs, 0, nullptr, "stat", "f"), 0);
@@ -157,15 +157,15 @@ TEST(Smb2FS, SetErrno_ReportsAndRemembers) {
     EXPECT_EQ(set_errno(&fs, -ECONNRESET, nullptr, "write", nullptr), -1);
     EXPECT_EQ(errno, ECONNRESET);
     EXPECT_TRUE(fs.isConnected());
-    // A success takes nothing back.
+    // A success does not clear the fatal error.
     EXPECT_EQ(set_errno(&fs, 0, nullptr, "stat", "f"), 0);
     EXPECT_TRUE(fs.isConnected());
-    // Another failure does.
+    // A failure that is not fatal clears it.
     set_errno(&fs, -ENOENT, nullptr, "stat", "f");
     EXPECT_FALSE(fs.isConnected());
 }
 
-TEST(Smb2FS, FatalErrors_AreTheseFive) {
+TEST(Smb2FS, EveryErrno_OnlyFiveAreFatal) {
     Smb2FS fs(1);
     std::vector<int> fatal;
     for (int error = 1; error < 200; ++error) {
@@ -181,14 +181,14 @@ TEST(Smb2FS, FatalErrors_AreTheseFive) {
     EXPECT_EQ(fatal, std::vector<int>({EBUSY, ENETRESET, ECONNRESET, ETIMEDOUT, ECONNREFUSED}));
 }
 
-TEST(Smb2FS, Fatal_EverythingIsGuarded) {
+TEST(Smb2FS, AfterFatalError_EveryCallFailsAndKeepsErrno) {
     Smb2FS fs(1);
     set_errno(&fs, -ETIMEDOUT, nullptr, "stat", "f");
     errno = 4711;
     liberrno = NotFound;
     struct stat st;
     struct statfs sfs;
-    QString target = "as it was";
+    QString target = "unchanged";
     char buf[8];
     EXPECT_EQ(fs.stat("/", st), -1);
     EXPECT_EQ(fs.lstat("/", st), -1);
@@ -211,7 +211,7 @@ TEST(Smb2FS, Fatal_EverythingIsGuarded) {
     EXPECT_EQ(liberrno, NotFound);
 }
 
-TEST(Smb2FS, PathsThatCannotTravel_Refused) {
+TEST(Smb2FS, UnencodablePaths_FailWithTheReason) {
     Smb2FS fs(1);
     struct stat st;
     EXPECT_EQ(fs.stat(QString("a") + QChar(0) + "b", st), -1);
@@ -226,7 +226,7 @@ TEST(Smb2FS, PathsThatCannotTravel_Refused) {
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST(Smb2FS, LoginsThatCannotTravel_Refused) {
+TEST(Smb2FS, UnencodableLogins_FailWithTheReason) {
     for (const char* key :
          {"server", "share", "user", "password", "domain", "version", "workstation"}) {
         Smb2FS fs(1);

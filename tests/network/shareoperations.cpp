@@ -1,3 +1,4 @@
+// The operations, and the check after a fatal error.
 #include "network/shareoperations.h"
 
 #include "support/system/smbtest.h"
@@ -15,11 +16,11 @@
 
 namespace oru::io::test {
 
-std::mutex connecting;
+std::mutex connectMutex;
 
 Share::Share(const QString& address, const QString& name, unsigned int seconds)
     : fs(seconds), directoryPath('/' + name) {
-    const std::lock_guard lock(connecting);
+    const std::lock_guard lock(connectMutex);
     EXPECT_EQ(fs.connect(login(address)), 0) << strerror();
     EXPECT_EQ(fs.mkdir(directoryPath, 0755), 0) << strerror();
     EXPECT_EQ(fs.mkdir(at("empty"), 0755), 0) << strerror();
@@ -58,7 +59,7 @@ const std::vector<Operation> operations = {
     {"truncate", FaultProxy::Create, [](Share& s) { return s.fs.truncate(s.at("other"), 10); }},
     {"readlink", FaultProxy::Create,
      [](Share& s) {
-         // The server has no links. What it says of that is its answer.
+         // The server has no links: EINVAL is its regular response.
          QString target;
          return s.fs.readlink(s.at("other"), target) < 0 && errno != EINVAL ? -1 : 0;
      }},

@@ -1,4 +1,4 @@
-// Every operation on a share, for the tests that make them fail.
+// Every operation on a share, for tests of failing connections.
 #pragma once
 
 #include "support/doubles/faultproxy.h"
@@ -15,11 +15,10 @@
 
 namespace oru::io::test {
 
-/// Who connects keeps others from it: of many at once, a slow machine would complete none within
-/// the time-out.
-extern std::mutex connecting;
+/// Held while connecting. On a slow machine, many connections at once would all time out.
+extern std::mutex connectMutex;
 
-/// A connected share, with what operations need.
+/// A connected share with the files and directories that the operations use.
 struct Share {
     Share(const QString& address, const QString& name, unsigned int seconds);
 
@@ -35,16 +34,16 @@ struct Share {
     QByteArray buffer = QByteArray(8000, '\0');
 };
 
-/// An operation, and the message in whose exchange it can fail.
+/// An operation, and the SMB command that a fault can strike.
 struct Operation {
     const char* name;
     FaultProxy::Command command;
-    std::function<long long(Share&)> call; ///< negative when it failed
+    std::function<long long(Share&)> call; ///< negative on failure
 };
 
 extern const std::vector<Operation> operations;
 
-/// Everything fails at once and says nothing.
+/// Expects every call to fail at once, as after a fatal error, and to keep errno and liberrno.
 void expectGuarded(Share& share);
 
 } // namespace oru::io::test
