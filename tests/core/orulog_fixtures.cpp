@@ -1,3 +1,4 @@
+// Messages, child processes, and main() of the tests of the logging service.
 #include "orulog_fixtures.h"
 
 #include <cerrno>
@@ -36,7 +37,7 @@ bool log(int channel, int level, const std::string& text) {
     return true;
 }
 
-void logSurely(int channel, int level, const std::string& text) {
+void logOrWait(int channel, int level, const std::string& text) {
     while (!log(channel, level, text))
         oruLogFlush();
 }
@@ -53,7 +54,7 @@ std::string contentOf(const fs::path& file) {
     return content.str();
 }
 
-Strings textsOf(const std::string& lines) {
+Strings messagesIn(const std::string& lines) {
     Strings texts;
     std::istringstream stream(lines);
     for (std::string line; std::getline(stream, line);) {
@@ -83,7 +84,7 @@ std::vector<oruLogMsg*> takeAll() {
 }
 
 [[noreturn]] void failScenario(const char* file, int line, const char* condition) {
-    fprintf(stderr, "%s:%d: not so: %s (errno %d)\n", file, line, condition, errno);
+    fprintf(stderr, "%s:%d: failed: %s (errno %d)\n", file, line, condition, errno);
     fflush(stderr);
     _exit(1);
 }

@@ -1,7 +1,7 @@
-// What the tests of the stand-in logging service share: messages, the hook, and processes.
+// Shared by the tests of the logging service: messages, hooks and child processes.
 //
-// What concerns a whole process (its start, its end, its forks, its signals) is tried in one of its
-// own: the test program, started again with the name of a scenario in its environment.
+// A scenario tests what concerns a whole process: its start, its end, forks and signals. The test
+// program starts itself again, with the name of the scenario in the environment.
 #pragma once
 
 #include <orulog/control.h>
@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 using Strings = std::vector<std::string>;
 
 // ---------------------------------------------------------------------------------------------
-// A writer, and what it should give
+// Messages, and the lines that they become
 
 constexpr timespec messageTime{1714566896, 123456789};
 constexpr char messagePlace[] = " src/some.cpp:102 [4711] ";
@@ -38,32 +38,32 @@ void fill(oruLogMsg& msg, int channel, int level, const std::string& text);
 /// \returns false when the service has no record.
 bool log(int channel, int level, const std::string& text);
 
-/// Logs even if a record must be waited for.
-void logSurely(int channel, int level, const std::string& text);
+/// Logs, and waits for a free record if necessary.
+void logOrWait(int channel, int level, const std::string& text);
 
 /// The line that a message of log() becomes.
 std::string lineOf(const char* level, const char* channel, const std::string& text);
 
 std::string contentOf(const fs::path& file);
 
-/// The texts of all whole lines of messages in `lines`, in their order.
-Strings textsOf(const std::string& lines);
+/// The messages in the complete lines of `lines`, in their order.
+Strings messagesIn(const std::string& lines);
 
 Strings numbered(const std::string& stem, int first, int end);
 
 int thresholdOf(int channel);
 
-/// Takes all records that are free.
+/// Takes all free records.
 std::vector<oruLogMsg*> takeAll();
 
-/// Notes what the hook sees while it lives. Read it after oruLogFlush() only.
-class Seen {
+/// A hook that records messages. Read the members only after oruLogFlush().
+class RecordingHook {
 public:
-    Seen() {
-        oruLogSetHook(note, this);
+    RecordingHook() {
+        oruLogSetHook(record, this);
     }
 
-    ~Seen() {
+    ~RecordingHook() {
         oruLogSetHook(nullptr, nullptr);
     }
 
@@ -72,24 +72,24 @@ public:
     Strings channels;
 
 private:
-    static void note(const oruLogMsg* msg, const char* channel, void* seen) {
-        auto& self = *static_cast<Seen*>(seen);
+    static void record(const oruLogMsg* msg, const char* channel, void* hook) {
+        auto& self = *static_cast<RecordingHook*>(hook);
         self.messages.push_back(*msg);
         self.texts.emplace_back(msg->text);
         self.channels.emplace_back(channel);
     }
 };
 
-/// Holds up the first message in the hook, until it is released.
-class Gate {
+/// A hook that blocks on the first message until release().
+class BlockingHook {
 public:
-    Gate() {
-        oruLogSetHook(
-            [](const oruLogMsg*, const char*, void* gate) { static_cast<Gate*>(gate)->hold(); },
-            this);
+    BlockingHook() {
+        oruLogSetHook([](const oruLogMsg*, const char*,
+                         void* hook) { static_cast<BlockingHook*>(hook)->block(); },
+                      this);
     }
 
-    ~Gate() {
+    ~BlockingHook() {
         release();
         oruLogSetHook(nullptr, nullptr);
     }
@@ -103,25 +103,25 @@ public:
         m_released = true;
     }
 
-    bool wasLeft() const {
-        return m_left;
+    bool hasReturned() const {
+        return m_hasReturned;
     }
 
 private:
-    void hold() {
+    void block() {
         m_reached = true;
         while (!m_released)
             std::this_thread::yield();
-        m_left = true;
+        m_hasReturned = true;
     }
 
     std::atomic<bool> m_reached{false};
     std::atomic<bool> m_released{false};
-    std::atomic<bool> m_left{false};
+    std::atomic<bool> m_hasReturned{false};
 };
 
 // ---------------------------------------------------------------------------------------------
-// Scenarios: each runs in a process of its own. Exit status 0 is success.
+// Scenarios: each runs in its own process, and exits with 0 on success
 
 constexpr int scenarioCannotRun = 77;
 
@@ -135,14 +135,14 @@ constexpr int scenarioCannotRun = 77;
 
 const char* scenarioDirectory();
 
-/// Ends this process if it hangs.
+/// Ends this process after a minute, in case it hangs.
 void setDeadline();
 
 /// The scenarios of this program, by their names. Each test program defines them.
 extern const std::map<std::string, void (*)()> scenarios;
 
 struct Outcome {
-    int error;  // why the program could not be started, or 0
+    int error;  // of posix_spawn(), or 0
     int status; // as of wait(2)
     std::string standardError;
 
@@ -158,9 +158,8 @@ struct Outcome {
 /// Runs a scenario with `variables` in its environment, each NAME=VALUE.
 Outcome run(const std::string& scenario, Strings variables = {});
 
-/// Whether this machine starts programs of this kind by itself. An emulator of another processor
-/// may run this one, but not what it starts; then posix_spawn() succeeds and its child ends with
-/// 127.
+/// Whether this program can start itself. An emulator of another processor may run it, but not its
+/// children: posix_spawn() succeeds, and the child exits with 127.
 bool canRun();
 
 /// A test that starts processes of this program.
@@ -168,11 +167,11 @@ class LogProcess : public testing::Test {
 protected:
     void SetUp() override {
         if (!canRun())
-            GTEST_SKIP() << "this machine starts no programs of this kind by itself";
+            GTEST_SKIP() << "the system cannot start programs of this architecture";
     }
 };
 
-/// A test in this process: with a directory, where the output goes to the file `log`.
+/// A test in this process. Output goes to the file `log` in a temporary directory.
 class LogService : public testing::Test {
 protected:
     LogService() {
@@ -197,7 +196,7 @@ protected:
         return oruLogSetOutput(("file:" + path(name).string()).c_str());
     }
 
-    /// All that was logged so far.
+    /// The content of the file `log` after a flush.
     std::string logged() {
         EXPECT_EQ(oruLogFlush(), 0);
         return contentOf(path("log"));
@@ -207,12 +206,12 @@ private:
     fs::path m_directory;
 };
 
-/// The same with processes of this program.
+/// The same for tests that also start this program.
 class LogOutputProcess : public LogService {
 protected:
     void SetUp() override {
         if (!canRun())
-            GTEST_SKIP() << "this machine starts no programs of this kind by itself";
+            GTEST_SKIP() << "the system cannot start programs of this architecture";
     }
 
     Outcome runHere(const std::string& scenario) {

@@ -1,4 +1,4 @@
-// The stand-in logging service: the lines of messages, and the outputs that they go to.
+// The logging service: the lines of messages, and their outputs.
 #include "orulog_fixtures.h"
 
 #include <cerrno>
@@ -36,7 +36,7 @@ void moveAwayFromRelativeFile() {
     REQUIRE(chdir(elsewhere.c_str()) == 0);
     const int channel = registerChannel("some");
     for (size_t size = 0; size <= ORULOG_FILE_SIZE; size += 200)
-        logSurely(channel, 10, std::string(200, 'x'));
+        logOrWait(channel, 10, std::string(200, 'x'));
     REQUIRE(oruLogFlush() == 0);
     REQUIRE(fs::exists(directory / "relative.log"));
     REQUIRE(fs::exists(directory / "relative.1.log"));
@@ -49,10 +49,10 @@ void outgrowTheFileSystem() {
     const rlimit limit{1000, 1000};
     REQUIRE(setrlimit(RLIMIT_FSIZE, &limit) == 0);
     for (const auto& text : numbered("", 0, 100))
-        logSurely(channel, 10, text);
+        logOrWait(channel, 10, text);
 }
 
-/// Makes this process the root of a user namespace in which it may make others.
+/// Enters a new user namespace as its root, so that this process may create other namespaces.
 bool enterUserNamespace() {
     const std::string user = std::to_string(getuid());
     const std::string group = std::to_string(getgid());
@@ -131,7 +131,7 @@ TEST_F(LogLine, Levels_HaveTheirNames) {
     EXPECT_EQ(logged(), lines);
 }
 
-TEST_F(LogLine, NewlineAtTheEnd_IsTakenOnceAndAddedOnce) {
+TEST_F(LogLine, TrailingNewline_OneIsNotPartOfTheMessage) {
     const int channel = registerChannel("newline");
     for (const char* text : {"none", "one\n", "two\n\n", "in\nside", "\n", ""})
         ASSERT_TRUE(log(channel, 10, text));
@@ -141,12 +141,12 @@ TEST_F(LogLine, NewlineAtTheEnd_IsTakenOnceAndAddedOnce) {
     EXPECT_EQ(logged(), lines);
 }
 
-TEST_F(LogLine, FormatsInText_StayAsTheyAre) {
+TEST_F(LogLine, FormatDirectives_AreNotExpanded) {
     ASSERT_TRUE(log(registerChannel("formats"), 10, "%s %d {} {0} %v"));
     EXPECT_EQ(logged(), lineOf("warning", "formats", "%s %d {} {0} %v"));
 }
 
-TEST_F(LogLine, UnregisteredChannel_IsAQuestionMark) {
+TEST_F(LogLine, UnregisteredChannel_IsWrittenAsQuestionMark) {
     for (const int channel : {-1, ORULOG_CHANNELS - 1, ORULOG_CHANNELS, INT_MAX, INT_MIN})
         ASSERT_TRUE(log(channel, 10, "text"));
     std::string lines;
@@ -155,7 +155,7 @@ TEST_F(LogLine, UnregisteredChannel_IsAQuestionMark) {
     EXPECT_EQ(logged(), lines);
 }
 
-TEST_F(LogLine, RecordFilledWithNonsense_IsWrittenAllTheSame) {
+TEST_F(LogLine, InvalidRecord_IsWritten) {
     using Limits = std::numeric_limits<time_t>;
     const int channel = registerChannel("nonsense");
     for (const time_t seconds : {Limits::min(), time_t(-1), time_t(0), Limits::max()}) {
@@ -169,7 +169,7 @@ TEST_F(LogLine, RecordFilledWithNonsense_IsWrittenAllTheSame) {
             msg->line = INT_MIN;
             msg->file = nullptr;
             msg->tid = UINT_MAX;
-            msg->length = -1; // no byte of it ends the text before it
+            msg->length = -1; // the message has no terminator
             oruLogMsgPush(msg);
         }
     }
@@ -207,7 +207,7 @@ TEST_F(LogOutputProcess, FileInEnvironment_GetsTheLine) {
     EXPECT_EQ(contentOf(path("given")), lineOf("warning", "some", "once"));
 }
 
-TEST_F(LogOutputProcess, UnusableFileInEnvironment_IsNamedAndStandardErrorUsed) {
+TEST_F(LogOutputProcess, UnusableFileInEnvironment_IsReportedAndStandardErrorUsed) {
     const std::string output = "file:" + path("missing/given").string();
     const Outcome outcome = run("log once", {"ORULOG_OUTPUT=" + output});
     EXPECT_TRUE(outcome.succeeded());
@@ -224,11 +224,11 @@ TEST_F(LogOutput, File_IsAppendedTo) {
     ASSERT_EQ(oruLogFlush(), 0);
     ASSERT_EQ(setOutputFile("log"), 0);
     ASSERT_TRUE(log(channel, 10, "second"));
-    EXPECT_EQ(textsOf(logged()), (Strings{"first", "second"}));
-    EXPECT_EQ(textsOf(contentOf(path("other"))), Strings{"elsewhere"});
+    EXPECT_EQ(messagesIn(logged()), (Strings{"first", "second"}));
+    EXPECT_EQ(messagesIn(contentOf(path("other"))), Strings{"elsewhere"});
 }
 
-TEST_F(LogOutput, File_IsNotPassedOnToOtherPrograms) {
+TEST_F(LogOutput, File_IsClosedOnExec) {
     bool found = false;
     for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
         std::error_code error;
@@ -241,37 +241,37 @@ TEST_F(LogOutput, File_IsNotPassedOnToOtherPrograms) {
     EXPECT_TRUE(found);
 }
 
-TEST_F(LogOutput, GrowingFile_IsRotatedAndTheOldestGivenUp) {
+TEST_F(LogOutput, GrowingFile_IsRotatedAndTheOldestRemoved) {
     const int channel = registerChannel("grows");
     const std::string padding(200, '.');
     const size_t lineSize = lineOf("warning", "grows", "000000" + padding).size();
     const int count = static_cast<int>(size_t(6) * ORULOG_FILE_SIZE / lineSize);
     ASSERT_EQ(setOutputFile("grows.txt"), 0);
     for (int i = 0; i < count; ++i)
-        logSurely(channel, 10, std::to_string(100000 + i) + padding);
+        logOrWait(channel, 10, std::to_string(100000 + i) + padding);
     ASSERT_EQ(oruLogFlush(), 0);
 
     Strings texts;
     for (const char* name : {"grows.3.txt", "grows.2.txt", "grows.1.txt", "grows.txt"}) {
         ASSERT_TRUE(fs::exists(path(name))) << name;
         EXPECT_LE(fs::file_size(path(name)), size_t(ORULOG_FILE_SIZE)) << name;
-        for (const auto& text : textsOf(contentOf(path(name))))
+        for (const auto& text : messagesIn(contentOf(path(name))))
             texts.push_back(text);
     }
     EXPECT_FALSE(fs::exists(path("grows.4.txt")));
-    // The last ones, without a gap, and as many as three full files have at least.
+    // The files hold the last messages without a gap: at least as many as fill three files.
     EXPECT_GE(texts.size(), ORULOG_FILE_SIZE / lineSize * ORULOG_FILES_KEPT);
     const int first = count - static_cast<int>(texts.size());
     for (size_t i = 0; i < texts.size(); ++i)
         ASSERT_EQ(texts[i], std::to_string(100000 + first + static_cast<int>(i)) + padding);
 }
 
-TEST_F(LogOutputProcess, RelativeFile_StaysWhereItWasNamed) {
+TEST_F(LogOutputProcess, RelativeFileThenChdir_StaysInTheFormerDirectory) {
     const Outcome outcome = runHere("move away from relative file");
     EXPECT_TRUE(outcome.succeeded()) << outcome.standardError;
 }
 
-TEST_F(LogOutput, UnusableText_LeavesTheOutputAlone) {
+TEST_F(LogOutput, UnusableOutput_KeepsTheFormerOutput) {
     const int channel = registerChannel("unusable");
     const struct {
         std::string text;
@@ -295,17 +295,17 @@ TEST_F(LogOutput, UnusableText_LeavesTheOutputAlone) {
     EXPECT_EQ(errno, EINVAL);
     EXPECT_FALSE(fs::exists(path("missing")));
     ASSERT_TRUE(log(channel, 10, "still here"));
-    EXPECT_EQ(textsOf(logged()), Strings{"still here"});
+    EXPECT_EQ(messagesIn(logged()), Strings{"still here"});
 }
 
-TEST_F(LogOutput, PipeWithoutReader_IsRefusedAtOnce) {
+TEST_F(LogOutput, PipeWithoutReader_FailsWithENXIO) {
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
     errno = 0;
     EXPECT_EQ(setOutputFile("pipe"), -1);
     EXPECT_EQ(errno, ENXIO);
 }
 
-TEST_F(LogOutput, FullDevice_HandsOverToStandardError) {
+TEST_F(LogOutput, FullDevice_SwitchesToStandardError) {
     const int channel = registerChannel("full");
     ASSERT_EQ(oruLogSetOutput("file:/dev/full"), 0);
     testing::internal::CaptureStderr();
@@ -322,17 +322,17 @@ TEST_F(LogOutput, FullDevice_HandsOverToStandardError) {
 
     ASSERT_EQ(setOutputFile("log"), 0);
     ASSERT_TRUE(log(channel, 10, "third"));
-    EXPECT_EQ(textsOf(logged()), Strings{"third"});
+    EXPECT_EQ(messagesIn(logged()), Strings{"third"});
 }
 
-TEST_F(LogOutputProcess, FileThatCannotGrow_LosesNoMessage) {
+TEST_F(LogOutputProcess, FileSizeLimitReached_RestGoesToStandardError) {
     const Outcome outcome = runHere("outgrow the file system");
     EXPECT_TRUE(outcome.succeeded());
-    // The line that the file has a part of is on standard error as a whole.
+    // A line that is incomplete in the file is complete on standard error.
     const std::string file = contentOf(path("log"));
-    Strings texts = textsOf(file.substr(0, file.rfind('\n') + 1));
+    Strings texts = messagesIn(file.substr(0, file.rfind('\n') + 1));
     EXPECT_FALSE(texts.empty());
-    for (const auto& text : textsOf(outcome.standardError))
+    for (const auto& text : messagesIn(outcome.standardError))
         texts.push_back(text);
     EXPECT_EQ(texts, numbered("", 0, 100));
 }
@@ -340,21 +340,21 @@ TEST_F(LogOutputProcess, FileThatCannotGrow_LosesNoMessage) {
 TEST_F(LogProcess, SystemLog_GetsPriorityAndLine) {
     const Outcome outcome = run("log to the system");
     if (outcome.exitedWith(scenarioCannotRun))
-        GTEST_SKIP() << "may not make a mount namespace";
+        GTEST_SKIP() << "needs root or user namespaces to create a private mount namespace";
     EXPECT_TRUE(outcome.succeeded()) << outcome.standardError;
 }
 
-TEST_F(LogOutput, ChangedWhileLogging_LosesNothing) {
+TEST_F(LogOutput, OutputChangedWhileLogging_LosesNoMessage) {
     const int channel = registerChannel("changes");
     std::thread writer([channel] {
         for (const auto& text : numbered("", 0, 5000))
-            logSurely(channel, 10, text);
+            logOrWait(channel, 10, text);
     });
     for (int i = 0; i < 200; ++i)
         EXPECT_EQ(setOutputFile(i % 2 == 0 ? "other" : "log"), 0);
     writer.join();
-    Strings texts = textsOf(logged());
-    for (const auto& text : textsOf(contentOf(path("other"))))
+    Strings texts = messagesIn(logged());
+    for (const auto& text : messagesIn(contentOf(path("other"))))
         texts.push_back(text);
     const Strings expected = numbered("", 0, 5000);
     EXPECT_EQ(std::multiset<std::string>(texts.begin(), texts.end()),

@@ -1,4 +1,4 @@
-// The stand-in logging service: its thread, and the end and the forks of its process.
+// The logging service: its thread, and the exit and forks of the process.
 #include "orulog_fixtures.h"
 
 #include <atomic>
@@ -17,7 +17,7 @@
 #include <unistd.h>
 
 #if defined(__SANITIZE_THREAD__)
-// Some scenarios go on with threads in a forked child, which is what the service promises to allow.
+// Some scenarios create threads in a forked child, which the service supports.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
     return "die_after_fork=0";
 }
@@ -27,15 +27,15 @@ namespace orulog::test {
 
 namespace {
 
-/// Forks a child that may go on to log.
+/// Forks a child that may log.
 pid_t forkWriter() {
     const pid_t child = fork();
     if (child != 0)
         return child;
     setDeadline();
 #if defined(__SANITIZE_THREAD__)
-    // The sanitizer would take a thread for the parent's whose stack it gets: no stack there is
-    // large enough now.
+    // The sanitizer confuses a thread of the child with a thread of the parent whose stack it
+    // reuses. No stack of the parent is large enough for this size.
     pthread_attr_t attributes;
     size_t stackSize = 0;
     REQUIRE(pthread_getattr_default_np(&attributes) == 0);
@@ -46,7 +46,7 @@ pid_t forkWriter() {
     return 0;
 }
 
-/// Waits for a forked child and requires that it went well.
+/// Waits for a forked child and requires exit status 0.
 void join(pid_t child) {
     int status = 0;
     REQUIRE(child != -1);
@@ -54,7 +54,7 @@ void join(pid_t child) {
     REQUIRE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
-/// The kernel thread ids of the threads that the service runs in this process.
+/// The ids (gettid(2)) of the service's threads in this process.
 Strings serviceThreads() {
     Strings threads;
     for (const auto& task : fs::directory_iterator("/proc/self/task")) {
@@ -90,20 +90,20 @@ void readBlockedSignals() {
     for (int signal : {SIGHUP, SIGINT, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGTERM, SIGCHLD, SIGIO,
                        SIGXFSZ, SIGPROF})
         REQUIRE(blocked >> (signal - 1) & 1);
-    // The mask of the thread that logged is its own again.
+    // The mask of the logging thread is restored.
     sigset_t mask;
     REQUIRE(pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0);
     REQUIRE(!sigismember(&mask, SIGUSR1) && !sigismember(&mask, SIGTERM));
 }
 
-void exitWithAFullQueue() {
+void exitWithQueuedMessages() {
     const int channel = registerChannel("some");
-    // Held until after the end of main.
-    static Gate gate;
+    // Static: it blocks until after main().
+    static BlockingHook hook;
     for (const auto& text : numbered("", 0, ORULOG_RECORDS))
         REQUIRE(log(channel, 10, text));
-    // When the gate is destroyed, all but the first are still queued.
-    gate.waitUntilReached();
+    // All messages but the first are still queued when the hook is destroyed.
+    hook.waitUntilReached();
 }
 
 void exitInTheHook() {
@@ -115,7 +115,7 @@ void exitInTheHook() {
 
 int lateChannel;
 
-/// Called when the C library flushes its streams, after the end of every library.
+/// Called when the C library flushes its streams, after the destructors of all libraries.
 ssize_t logLate(void*, const char*, size_t size) {
     errno = EXDEV;
     REQUIRE(log(lateChannel, 10, "late"));
@@ -125,7 +125,7 @@ ssize_t logLate(void*, const char*, size_t size) {
     return static_cast<ssize_t>(size);
 }
 
-void logAfterTheEnd() {
+void logAfterMain() {
     lateChannel = registerChannel("some");
     REQUIRE(log(lateChannel, 10, "early"));
     cookie_io_functions_t functions{};
@@ -134,7 +134,7 @@ void logAfterTheEnd() {
     REQUIRE(stream && fputs("left in the buffer", stream) >= 0);
 }
 
-void closeTheReaderOfStandardError() {
+void closeReaderOfStandardError() {
     int ends[2];
     REQUIRE(pipe(ends) == 0);
     REQUIRE(dup2(ends[1], STDERR_FILENO) == STDERR_FILENO);
@@ -142,11 +142,11 @@ void closeTheReaderOfStandardError() {
     close(ends[0]);
 }
 
-void logToNobody() {
-    closeTheReaderOfStandardError();
-    REQUIRE(log(registerChannel("some"), 10, "unheard"));
+void logWithoutReader() {
+    closeReaderOfStandardError();
+    REQUIRE(log(registerChannel("some"), 10, "unread"));
     REQUIRE(oruLogFlush() == 0);
-    logAfterTheEnd();
+    logAfterMain();
 }
 
 void logWithoutThreads() {
@@ -166,16 +166,16 @@ void logWithoutThreads() {
 
 void logInParentAndChild() {
     const int channel = registerChannel("some");
-    Gate gate;
+    BlockingHook hook;
     for (const auto& text : numbered("parent ", 0, ORULOG_RECORDS))
         REQUIRE(log(channel, 10, text));
-    gate.waitUntilReached();
-    // The fork waits for the message that is held up; most of the others are queued then.
-    gate.release();
+    hook.waitUntilReached();
+    // fork() waits for the message in the hook. Most of the others are still queued then.
+    hook.release();
     const pid_t child = forkWriter();
     if (child == 0) {
         REQUIRE(oruLogFlush() == 0);
-        // All that the parent had queued are free here.
+        // The records that the parent had queued are free in the child.
         REQUIRE(takeAll().size() == ORULOG_RECORDS);
         _exit(0);
     }
@@ -188,7 +188,7 @@ void logInParentAndChild() {
         exit(0);
     }
     join(logging);
-    logSurely(channel, 10, "parent after");
+    logOrWait(channel, 10, "parent after");
 }
 
 void forkWhileThreadsLog() {
@@ -211,7 +211,7 @@ void forkWhileThreadsLog() {
         if (child == 0) {
             REQUIRE(registerChannel("another") != -1);
             REQUIRE(oruLogSetThresholds("another=12") == 0);
-            logSurely(channel, 10, "child " + std::to_string(i));
+            logOrWait(channel, 10, "child " + std::to_string(i));
             REQUIRE(oruLogFlush() == 0);
             REQUIRE(serviceThreads().size() == 1);
             _exit(0);
@@ -250,27 +250,27 @@ using LogExit = LogProcess;
 const std::map<std::string, void (*)()> scenarios{
     {"count threads", countThreads},
     {"read blocked signals", readBlockedSignals},
-    {"exit with a full queue", exitWithAFullQueue},
+    {"exit with queued messages", exitWithQueuedMessages},
     {"exit in the hook", exitInTheHook},
-    {"log after the end", logAfterTheEnd},
-    {"log to nobody", logToNobody},
+    {"log after main", logAfterMain},
+    {"log without a reader", logWithoutReader},
     {"log without threads", logWithoutThreads},
     {"log in parent and child", logInParentAndChild},
     {"fork while threads log", forkWhileThreadsLog},
     {"fork in the hook", forkInTheHook},
 };
 
-TEST_F(LogThread, FirstMessage_StartsTheOnlyOne) {
+TEST_F(LogThread, FirstMessage_StartsTheOnlyThread) {
     const Outcome outcome = run("count threads");
     EXPECT_TRUE(outcome.succeeded()) << outcome.standardError;
 }
 
-TEST_F(LogThread, Running_HasSignalsBlocked) {
+TEST_F(LogThread, Running_BlocksSignals) {
     const Outcome outcome = run("read blocked signals");
     EXPECT_TRUE(outcome.succeeded()) << outcome.standardError;
 }
 
-TEST_F(LogThread, Unavailable_WriterWritesItself) {
+TEST_F(LogThread, CannotStart_CallerWritesTheMessages) {
     const Outcome outcome = run("log without threads");
     EXPECT_TRUE(outcome.succeeded());
     EXPECT_EQ(outcome.standardError,
@@ -278,36 +278,36 @@ TEST_F(LogThread, Unavailable_WriterWritesItself) {
 }
 
 TEST_F(LogExit, QueuedMessages_AreWritten) {
-    const Outcome outcome = run("exit with a full queue");
+    const Outcome outcome = run("exit with queued messages");
     EXPECT_TRUE(outcome.succeeded());
-    EXPECT_EQ(textsOf(outcome.standardError), numbered("", 0, ORULOG_RECORDS));
+    EXPECT_EQ(messagesIn(outcome.standardError), numbered("", 0, ORULOG_RECORDS));
 }
 
-TEST_F(LogExit, MessagesAfterTheEnd_AreWrittenAtOnce) {
-    const Outcome outcome = run("log after the end");
+TEST_F(LogExit, MessagesAfterMain_AreWrittenAtOnce) {
+    const Outcome outcome = run("log after main");
     EXPECT_TRUE(outcome.succeeded());
     EXPECT_EQ(outcome.standardError, lineOf("warning", "some", "early") +
                                          lineOf("warning", "some", "late") +
                                          lineOf("warning", "some", "later"));
 }
 
-TEST_F(LogExit, InTheHook_DoesNotHang) {
+TEST_F(LogExit, ExitInTheHook_DoesNotHang) {
     const Outcome outcome = run("exit in the hook");
     EXPECT_TRUE(outcome.succeeded());
     EXPECT_EQ(outcome.standardError, lineOf("warning", "some", "last"));
 }
 
-TEST_F(LogExit, StandardErrorWithoutReader_DoesNotKill) {
-    const Outcome outcome = run("log to nobody");
+TEST_F(LogExit, StandardErrorWithoutReader_ProcessSurvives) {
+    const Outcome outcome = run("log without a reader");
     EXPECT_TRUE(outcome.succeeded()) << outcome.status;
 }
 
-TEST_F(LogFork, ParentAndChild_WriteEachTheirOwnOnce) {
+TEST_F(LogFork, ParentAndChild_WriteTheirOwnMessagesOnce) {
     const Outcome outcome = run("log in parent and child");
     EXPECT_TRUE(outcome.succeeded());
     Strings parents;
     Strings children;
-    for (const auto& text : textsOf(outcome.standardError))
+    for (const auto& text : messagesIn(outcome.standardError))
         (text.compare(0, 6, "parent") == 0 ? parents : children).push_back(text);
     Strings expected = numbered("parent ", 0, ORULOG_RECORDS);
     expected.emplace_back("parent after");
@@ -317,22 +317,22 @@ TEST_F(LogFork, ParentAndChild_WriteEachTheirOwnOnce) {
 
 TEST_F(LogFork, WhileOtherThreadsLog_ChildCanLog) {
 #if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "the sanitizer's allocator may be locked for ever in a child forked meanwhile";
+    GTEST_SKIP() << "the sanitizer's allocator may stay locked in the forked child";
 #endif
     const Outcome outcome = run("fork while threads log");
     EXPECT_TRUE(outcome.succeeded()) << outcome.standardError.substr(0, 2000);
     Strings children;
-    for (const auto& text : textsOf(outcome.standardError)) {
+    for (const auto& text : messagesIn(outcome.standardError)) {
         if (text != "noise")
             children.push_back(text);
     }
     EXPECT_EQ(children, numbered("child ", 0, 25));
 }
 
-TEST_F(LogFork, InTheHook_DoesNotHang) {
+TEST_F(LogFork, ForkInTheHook_DoesNotHang) {
     const Outcome outcome = run("fork in the hook");
     EXPECT_TRUE(outcome.succeeded()) << outcome.standardError;
-    EXPECT_EQ(textsOf(outcome.standardError), (Strings{"first", "second"}));
+    EXPECT_EQ(messagesIn(outcome.standardError), (Strings{"first", "second"}));
 }
 
 } // namespace orulog::test

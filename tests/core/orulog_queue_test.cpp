@@ -1,4 +1,4 @@
-// The stand-in logging service: records, their queue, and the hook.
+// The logging service: records, their queue, and the hook.
 #include "orulog_fixtures.h"
 
 #include <atomic>
@@ -19,9 +19,9 @@ using LogHook = LogService;
 
 const std::map<std::string, void (*)()> scenarios;
 
-TEST_F(LogRecords, AllTaken_GivesNullUntilOneIsWritten) {
+TEST_F(LogRecords, AllTaken_AllocReturnsNullUntilOneIsWritten) {
     const int channel = registerChannel("all-taken");
-    Seen seen;
+    RecordingHook seen;
     const auto taken = takeAll();
     EXPECT_EQ(taken.size(), size_t(ORULOG_RECORDS));
     EXPECT_EQ(oruLogMsgAlloc(), nullptr);
@@ -48,21 +48,21 @@ TEST_F(LogRecords, AllTaken_GivesNullUntilOneIsWritten) {
     }
 }
 
-TEST_F(LogRecords, WritingHeldUp_KeepsNobodyWaiting) {
+TEST_F(LogRecords, HookBlocks_AllocFailsWithoutWaiting) {
     const int channel = registerChannel("held-up");
-    Gate gate;
+    BlockingHook hook;
     for (const auto& text : numbered("", 0, ORULOG_RECORDS))
         ASSERT_TRUE(log(channel, 10, text));
-    gate.waitUntilReached();
+    hook.waitUntilReached();
     EXPECT_FALSE(log(channel, 10, "one too many"));
-    gate.release();
-    EXPECT_EQ(textsOf(logged()), numbered("", 0, ORULOG_RECORDS));
+    hook.release();
+    EXPECT_EQ(messagesIn(logged()), numbered("", 0, ORULOG_RECORDS));
     EXPECT_TRUE(log(channel, 10, "possible again"));
 }
 
-TEST_F(LogRecords, PushOfWhatIsNoTakenRecord_DoesNothing) {
+TEST_F(LogRecords, PushOfForeignOrUntakenRecord_IsIgnored) {
     const int channel = registerChannel("no-record");
-    Seen seen;
+    RecordingHook seen;
 
     oruLogMsg foreign{};
     fill(foreign, channel, 10, "foreign");
@@ -83,7 +83,7 @@ TEST_F(LogRecords, PushOfWhatIsNoTakenRecord_DoesNothing) {
     EXPECT_EQ(errno, EXDEV);
     EXPECT_EQ(seen.texts, Strings{"own"});
 
-    // None got lost and none is there twice.
+    // No record is lost, and none is listed twice.
     const auto all = takeAll();
     EXPECT_EQ(std::set<oruLogMsg*>(all.begin(), all.end()).size(), size_t(ORULOG_RECORDS));
     EXPECT_EQ(all.size(), size_t(ORULOG_RECORDS));
@@ -106,17 +106,17 @@ TEST_F(LogRecords, AllocAndPush_KeepErrno) {
     }
 }
 
-TEST_F(LogQueue, Messages_AreWrittenInTheOrderOfTheirPush) {
+TEST_F(LogQueue, Messages_AreWrittenInPushOrder) {
     const int channel = registerChannel("in-order");
     const Strings texts = numbered("", 0, 2000);
-    Seen seen;
+    RecordingHook seen;
     for (const auto& text : texts)
-        logSurely(channel, 10, text);
-    EXPECT_EQ(textsOf(logged()), texts);
+        logOrWait(channel, 10, text);
+    EXPECT_EQ(messagesIn(logged()), texts);
     EXPECT_EQ(seen.texts, texts);
 }
 
-TEST_F(LogQueue, PushOrder_CountsNotAllocOrder) {
+TEST_F(LogQueue, PushOrderDiffersFromAllocOrder_WrittenInPushOrder) {
     const int channel = registerChannel("push-order");
     oruLogMsg* const first = oruLogMsgAlloc();
     oruLogMsg* const second = oruLogMsgAlloc();
@@ -125,12 +125,12 @@ TEST_F(LogQueue, PushOrder_CountsNotAllocOrder) {
     fill(*second, channel, 10, "taken second");
     oruLogMsgPush(second);
     oruLogMsgPush(first);
-    EXPECT_EQ(textsOf(logged()), (Strings{"taken second", "taken first"}));
+    EXPECT_EQ(messagesIn(logged()), (Strings{"taken second", "taken first"}));
 }
 
 namespace {
 
-/// Runs `threads` writers of `each` messages; `write` makes "THREAD NUMBER" a message.
+/// Runs `threads` threads. Each passes `each` messages "THREAD NUMBER" to `write`.
 template <class Write>
 void runWriters(int threads, int each, Write write) {
     std::vector<std::thread> writers(threads);
@@ -144,7 +144,7 @@ void runWriters(int threads, int each, Write write) {
         writer.join();
 }
 
-/// That each of the threads' messages is there once, and each thread's in order.
+/// Expects every message of runWriters() once, and those of each thread in order.
 void expectAllOf(int threads, int each, const Strings& texts) {
     EXPECT_EQ(texts.size(), static_cast<size_t>(threads) * each);
     for (int i = 0; i < threads; ++i) {
@@ -160,7 +160,7 @@ void expectAllOf(int threads, int each, const Strings& texts) {
 
 } // namespace
 
-TEST_F(LogQueue, ManyThreadsWithinTheSupply_LoseNothing) {
+TEST_F(LogQueue, ManyThreadsWithinRecordCount_AllAreWritten) {
     const int channel = registerChannel("many-threads");
     std::atomic<int> refused{0};
     runWriters(8, ORULOG_RECORDS / 8, [&refused, channel](const std::string& text) {
@@ -168,31 +168,31 @@ TEST_F(LogQueue, ManyThreadsWithinTheSupply_LoseNothing) {
             ++refused;
     });
     EXPECT_EQ(refused, 0);
-    expectAllOf(8, ORULOG_RECORDS / 8, textsOf(logged()));
+    expectAllOf(8, ORULOG_RECORDS / 8, messagesIn(logged()));
 }
 
-TEST_F(LogQueue, ManyThreadsBeyondTheSupply_LoseOnlyWhatWasRefused) {
+TEST_F(LogQueue, ManyThreadsBeyondRecordCount_AllAreWrittenAfterRetry) {
     const int channel = registerChannel("more-threads");
-    runWriters(4, 2000, [channel](const std::string& text) { logSurely(channel, 10, text); });
-    expectAllOf(4, 2000, textsOf(logged()));
+    runWriters(4, 2000, [channel](const std::string& text) { logOrWait(channel, 10, text); });
+    expectAllOf(4, 2000, messagesIn(logged()));
 }
 
 TEST_F(LogQueue, Flush_WaitsForTheHook) {
     const int channel = registerChannel("flush");
-    Gate gate;
+    BlockingHook hook;
     ASSERT_TRUE(log(channel, 10, "message"));
-    gate.waitUntilReached();
+    hook.waitUntilReached();
     std::atomic<bool> leftBeforeFlush{false};
     std::thread flusher([&] {
         EXPECT_EQ(oruLogFlush(), 0);
-        leftBeforeFlush = gate.wasLeft();
+        leftBeforeFlush = hook.hasReturned();
     });
-    gate.release();
+    hook.release();
     flusher.join();
     EXPECT_TRUE(leftBeforeFlush);
 }
 
-TEST_F(LogQueue, FlushOfNothing_ReturnsAtOnce) {
+TEST_F(LogQueue, FlushEmptyQueue_ReturnsAtOnce) {
     EXPECT_EQ(oruLogFlush(), 0);
     EXPECT_EQ(oruLogFlush(), 0);
 }
@@ -200,9 +200,9 @@ TEST_F(LogQueue, FlushOfNothing_ReturnsAtOnce) {
 // ---------------------------------------------------------------------------------------------
 // The hook
 
-TEST_F(LogHook, Installed_SeesTheWholeMessage) {
+TEST_F(LogHook, Installed_GetsTheWholeMessage) {
     const int channel = registerChannel("seen");
-    Seen seen;
+    RecordingHook seen;
     ASSERT_TRUE(log(channel, 12, "text\n"));
     ASSERT_EQ(oruLogFlush(), 0);
     ASSERT_EQ(seen.messages.size(), 1u);
@@ -219,24 +219,24 @@ TEST_F(LogHook, Installed_SeesTheWholeMessage) {
     EXPECT_EQ(seen.channels, Strings{"seen"});
 }
 
-TEST_F(LogHook, Removed_IsNeitherCalledNorStillRunning) {
+TEST_F(LogHook, Removed_HasReturnedAndIsNotCalled) {
     const int channel = registerChannel("removed");
-    Gate gate;
+    BlockingHook hook;
     ASSERT_TRUE(log(channel, 10, "seen"));
-    gate.waitUntilReached();
-    std::thread releaser([&] { gate.release(); });
+    hook.waitUntilReached();
+    std::thread releaser([&] { hook.release(); });
     oruLogSetHook(nullptr, nullptr);
-    EXPECT_TRUE(gate.wasLeft());
+    EXPECT_TRUE(hook.hasReturned());
     releaser.join();
 
-    const Seen seen;
+    const RecordingHook seen;
     oruLogSetHook(nullptr, nullptr);
     ASSERT_TRUE(log(channel, 10, "unseen"));
     ASSERT_EQ(oruLogFlush(), 0);
     EXPECT_TRUE(seen.texts.empty());
 }
 
-TEST_F(LogHook, UsingTheService_GetsNoRecordAndMayNotFlush) {
+TEST_F(LogHook, LogsOrFlushes_AllocReturnsNullAndFlushFailsWithEDEADLK) {
     struct Result {
         oruLogMsg* record = reinterpret_cast<oruLogMsg*>(1);
         int flushed = 0;
@@ -257,7 +257,7 @@ TEST_F(LogHook, UsingTheService_GetsNoRecordAndMayNotFlush) {
     EXPECT_EQ(result.error, EDEADLK);
 }
 
-TEST_F(LogHook, UsingTheControls_Succeeds) {
+TEST_F(LogHook, CallsControls_ControlsSucceed) {
     struct Result {
         std::string output;
         int calls = 0;
@@ -283,8 +283,8 @@ TEST_F(LogHook, UsingTheControls_Succeeds) {
     EXPECT_EQ(result.thresholds, 0);
     EXPECT_EQ(result.outputSet, 0);
     EXPECT_EQ(thresholdOf(channel), 13);
-    EXPECT_EQ(textsOf(contentOf(path("log"))), Strings{"first"});
-    EXPECT_EQ(textsOf(contentOf(path("from-hook"))), Strings{"second"});
+    EXPECT_EQ(messagesIn(contentOf(path("log"))), Strings{"first"});
+    EXPECT_EQ(messagesIn(contentOf(path("from-hook"))), Strings{"second"});
 }
 
 } // namespace orulog::test

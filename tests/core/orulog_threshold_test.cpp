@@ -1,4 +1,4 @@
-// The stand-in logging service: thresholds and channels.
+// The logging service: thresholds and channels.
 #include "orulog_fixtures.h"
 
 #include <atomic>
@@ -52,18 +52,18 @@ TEST_F(LogEnvironment, NothingSet_EveryThresholdIs10) {
     EXPECT_EQ(outcome.standardError, "");
 }
 
-TEST_F(LogEnvironment, LevelSet_CountsForChannelsRegisteredLater) {
+TEST_F(LogEnvironment, LevelSet_AppliesToChannelsRegisteredLater) {
     const Outcome outcome = run("levels from environment", {"ORULOG_LEVEL=9,libio=12"});
     EXPECT_TRUE(outcome.succeeded()) << outcome.standardError;
 }
 
-TEST_F(LogEnvironment, LevelUnreadable_IsNamedAndNotUsed) {
+TEST_F(LogEnvironment, InvalidLevel_IsReportedAndIgnored) {
     const Outcome outcome = run("default levels", {"ORULOG_LEVEL=12,nonsense"});
     EXPECT_TRUE(outcome.succeeded());
     EXPECT_EQ(outcome.standardError, "orulog: cannot use ORULOG_LEVEL='12,nonsense', 10 instead\n");
 }
 
-TEST_F(LogThresholds, Number_CountsForEveryChannel) {
+TEST_F(LogThresholds, Number_AppliesToEveryChannel) {
     const int before = registerChannel("before");
     ASSERT_EQ(oruLogSetThresholds("11"), 0);
     const int after = registerChannel("after");
@@ -72,7 +72,7 @@ TEST_F(LogThresholds, Number_CountsForEveryChannel) {
     EXPECT_EQ(thresholdOf(ORULOG_CHANNELS - 1), 11);
 }
 
-TEST_F(LogThresholds, Name_CountsForAllChannelsOfThatNameOnly) {
+TEST_F(LogThresholds, Name_AppliesToChannelsOfThatNameOnly) {
     const int first = registerChannel("name-counts");
     const int other = registerChannel("name-counts-not");
     const int second = registerChannel("name-counts");
@@ -85,7 +85,7 @@ TEST_F(LogThresholds, Name_CountsForAllChannelsOfThatNameOnly) {
     EXPECT_EQ(thresholdOf(other), 10);
 }
 
-TEST_F(LogThresholds, NamesAndNumber_NameGoesFirstWhereverItStands) {
+TEST_F(LogThresholds, NamesAndNumber_NameHasPrecedence) {
     const int one = registerChannel("mixed-one");
     const int two = registerChannel("mixed-two");
     const int other = registerChannel("mixed-other");
@@ -95,13 +95,13 @@ TEST_F(LogThresholds, NamesAndNumber_NameGoesFirstWhereverItStands) {
     EXPECT_EQ(thresholdOf(other), 9);
 }
 
-TEST_F(LogThresholds, SameNameTwice_LastCounts) {
+TEST_F(LogThresholds, SameNameTwice_LastApplies) {
     const int channel = registerChannel("twice");
     ASSERT_EQ(oruLogSetThresholds("twice=12,twice=11"), 0);
     EXPECT_EQ(thresholdOf(channel), 11);
 }
 
-TEST_F(LogThresholds, NamesOneAfterTheOther_AddUp) {
+TEST_F(LogThresholds, NamesInSeveralCalls_AllApply) {
     const int one = registerChannel("adds-one");
     ASSERT_EQ(oruLogSetThresholds("adds-one=12"), 0);
     ASSERT_EQ(oruLogSetThresholds("adds-two=13"), 0);
@@ -110,7 +110,7 @@ TEST_F(LogThresholds, NamesOneAfterTheOther_AddUp) {
     EXPECT_EQ(thresholdOf(registerChannel("adds-two")), 13);
 }
 
-TEST_F(LogThresholds, NumberAfterName_PutsTheNameBack) {
+TEST_F(LogThresholds, NumberAfterName_ReplacesTheNamedThreshold) {
     const int channel = registerChannel("put-back");
     ASSERT_EQ(oruLogSetThresholds("put-back=12"), 0);
     ASSERT_EQ(oruLogSetThresholds("9"), 0);
@@ -118,7 +118,7 @@ TEST_F(LogThresholds, NumberAfterName_PutsTheNameBack) {
     EXPECT_EQ(thresholdOf(registerChannel("put-back")), 9);
 }
 
-TEST_F(LogThresholds, BadText_ChangesNothing) {
+TEST_F(LogThresholds, InvalidString_ChangesNothing) {
     const int channel = registerChannel("bad-text");
     ASSERT_EQ(oruLogSetThresholds("9,bad-text=11"), 0);
     const char* const texts[] = {
@@ -138,7 +138,7 @@ TEST_F(LogThresholds, BadText_ChangesNothing) {
     EXPECT_EQ(thresholdOf(registerChannel("bad-text")), 11);
 }
 
-TEST_F(LogThresholds, ChangedWhileRead_GivesOldOrNew) {
+TEST_F(LogThresholds, ChangedWhileRead_IsOldOrNewValue) {
     const int channel = registerChannel("read");
     ASSERT_EQ(oruLogSetThresholds("read=11"), 0);
     std::atomic<bool> stop{false};
@@ -157,22 +157,22 @@ TEST_F(LogThresholds, ChangedWhileRead_GivesOldOrNew) {
     EXPECT_EQ(strange, 0);
 }
 
-TEST_F(LogProcess, TableFull_GivesNoMoreChannels) {
+TEST_F(LogProcess, TableFull_RegistrationFails) {
     const Outcome outcome = run("fill the table");
     EXPECT_TRUE(outcome.succeeded()) << outcome.standardError;
 }
 
-TEST_F(LogChannels, NullName_GivesNoChannel) {
+TEST_F(LogChannels, NullName_RegistrationFails) {
     errno = EXDEV;
     EXPECT_EQ(__oruLogChanReg(nullptr, nullptr, 0, nullptr), -1);
     EXPECT_EQ(errno, EXDEV);
 }
 
-TEST_F(LogChannels, OnlyNameGiven_IsEnough) {
+TEST_F(LogChannels, OnlyNameGiven_Registers) {
     EXPECT_GE(__oruLogChanReg("only-name", nullptr, -1, nullptr), 0);
 }
 
-TEST_F(LogChannels, RegisteredByManyThreads_GivesEachItsOwn) {
+TEST_F(LogChannels, RegisteredByManyThreads_ChannelsAreDistinct) {
     std::mutex mutex;
     std::set<int> channels;
     std::vector<std::thread> threads(4);

@@ -1,3 +1,4 @@
+// The conformance suite: its fixture, and the references to its parts.
 #include "support/suite/fs_conformance.h"
 
 #include <cstring>
@@ -6,8 +7,8 @@
 
 namespace oru::io::test {
 
-// The parts of the suite. A linker takes from a static library what is referred to: with these
-// references, a program that uses the suite has all of its parts.
+// The linker takes only referenced objects from a static library. These references add all parts of
+// the suite to a program that uses it.
 extern const char conformanceOfDirectories;
 extern const char conformanceOfFiles;
 extern const char conformanceOfPaths;
@@ -138,7 +139,7 @@ void FSConformance::expectRefusal(int error) {
     EXPECT_EQ(seen.sysErrno, error) << std::strerror(seen.sysErrno);
 }
 
-// A suite without a backend in some test program is no mistake.
+// Programs that link the suite need not instantiate it.
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(FSConformance);
 
 } // namespace oru::io::test

@@ -5,7 +5,7 @@
 
 namespace oru::io::test {
 
-// See the list of parts in fs_conformance.cpp.
+// Referenced by fs_conformance.cpp, for the linker.
 extern const char conformanceOfDirectories = 0;
 
 TEST_P(FSConformance, Readdir_ListsEveryEntryOnce) {
@@ -16,7 +16,7 @@ TEST_P(FSConformance, Readdir_ListsEveryEntryOnce) {
     EXPECT_EQ(list(at("d")), QStringList({".", "..", "a", "b", "c"}));
 }
 
-TEST_P(FSConformance, Readdir_NullAgainAtTheEnd) {
+TEST_P(FSConformance, ReaddirAtEnd_ReturnsNullAgain) {
     const auto dir = fs().opendir(at(""));
     ASSERT_TRUE(dir);
     while (dir->readdir()) {
@@ -39,7 +39,7 @@ TEST_P(FSConformance, Rewinddir_StartsAgainWithNewEntries) {
     EXPECT_EQ(second, first + QSet<QString>{"b"});
 }
 
-TEST_P(FSConformance, Closedir_OnceOnlyAndNothingIsReadAfter) {
+TEST_P(FSConformance, ClosedirTwice_HasDeclaredResult) {
     const auto dir = fs().opendir(at(""));
     ASSERT_TRUE(dir);
     EXPECT_EQ(dir->closedir(), 0);
@@ -47,7 +47,7 @@ TEST_P(FSConformance, Closedir_OnceOnlyAndNothingIsReadAfter) {
     EXPECT_EQ(dir->closedir(), can().closedirAgain);
 }
 
-TEST_P(FSConformance, OpendirMissing_AsTabled) {
+TEST_P(FSConformance, OpendirMissing_HasDeclaredResult) {
     const auto dir = fs().opendir(at("missing"));
     expectRefusal(ENOENT);
     ASSERT_EQ(!dir.isNull(), can().opendirIsNeverNull);
@@ -58,14 +58,14 @@ TEST_P(FSConformance, OpendirMissing_AsTabled) {
     EXPECT_EQ(dir->closedir(), can().closedirAgain);
 }
 
-TEST_P(FSConformance, OpendirOfAFile_FailsENOTDIR) {
+TEST_P(FSConformance, OpendirFile_FailsWithENOTDIR) {
     put("f");
     const auto dir = fs().opendir(at("f"));
     expectRefusal(ENOTDIR);
     EXPECT_EQ(!dir.isNull(), can().opendirIsNeverNull);
 }
 
-TEST_P(FSConformance, DirectoryIoctl_AsTabled) {
+TEST_P(FSConformance, DirectoryIoctl_HasDeclaredResult) {
     const auto dir = fs().opendir(at(""));
     ASSERT_TRUE(dir);
     QString response;

@@ -11,12 +11,12 @@
 
 namespace oru::io::test {
 
-// See the list of parts in fs_conformance.cpp.
+// Referenced by fs_conformance.cpp, for the linker.
 extern const char conformanceOfFiles = 0;
 
-// --- Names of the classes
+// --- Class names
 
-TEST_P(FSConformance, Type_NamesTheClasses) {
+TEST_P(FSConformance, Type_ReturnsTheClassNames) {
     EXPECT_EQ(fs().type(), QLatin1String(can().type));
     put("f");
     EXPECT_EQ(fs().open(at("f"), O_RDONLY, 0)->type(), QLatin1String(can().fileType));
@@ -25,12 +25,12 @@ TEST_P(FSConformance, Type_NamesTheClasses) {
 
 // --- Opening files
 
-TEST_P(FSConformance, OpenMissing_NullWithENOENT) {
+TEST_P(FSConformance, OpenMissing_FailsWithENOENT) {
     EXPECT_FALSE(fs().open(at("missing"), O_RDONLY, 0));
     expectRefusal(ENOENT);
 }
 
-TEST_P(FSConformance, OpenInMissingDirectory_NullWithENOENT) {
+TEST_P(FSConformance, OpenInMissingDirectory_FailsWithENOENT) {
     EXPECT_FALSE(fs().open(at("missing/f"), O_WRONLY | O_CREAT, 0644));
     expectRefusal(ENOENT);
 }
@@ -47,7 +47,7 @@ TEST_P(FSConformance, OpenCreate_NewFileIsEmpty) {
     EXPECT_TRUE(exists("new"));
 }
 
-TEST_P(FSConformance, OpenExclusive_ExistingFileFailsEEXIST) {
+TEST_P(FSConformance, OpenExclusiveExisting_FailsWithEEXIST) {
     put("f", "kept");
     EXPECT_FALSE(fs().open(at("f"), O_WRONLY | O_CREAT | O_EXCL, 0644));
     expectRefusal(EEXIST);
@@ -70,12 +70,12 @@ TEST_P(FSConformance, OpenExisting_KeepsContent) {
     EXPECT_EQ(get("f"), "XYcdef");
 }
 
-TEST_P(FSConformance, OpenForWritingADirectory_AsTabled) {
+TEST_P(FSConformance, OpenDirectoryForWriting_HasDeclaredResult) {
     ASSERT_EQ(fs().mkdir(at("d"), 0755), 0);
     works(Op::OpenDirectoryForWriting, fs().open(at("d"), O_WRONLY, 0) ? 0 : -1);
 }
 
-TEST_P(FSConformance, OpenDirectoryForReading_ReadFailsEISDIR) {
+TEST_P(FSConformance, OpenDirectoryForReading_ReadFailsWithEISDIR) {
     ASSERT_EQ(fs().mkdir(at("d"), 0755), 0);
     const auto file = fs().open(at("d"), O_RDONLY, 0);
     if (!works(Op::OpenDirectory, file ? 0 : -1))
@@ -85,14 +85,14 @@ TEST_P(FSConformance, OpenDirectoryForReading_ReadFailsEISDIR) {
     expectRefusal(EISDIR);
 }
 
-TEST_P(FSConformance, OpenThroughAFile_AsTabled) {
+TEST_P(FSConformance, OpenThroughFile_HasDeclaredResult) {
     put("f");
     works(Op::OpenThroughFile, fs().open(at("f/g"), O_RDONLY, 0) ? 0 : -1);
 }
 
 // --- Reading and writing
 
-TEST_P(FSConformance, WriteThenRead_BytesComeBack) {
+TEST_P(FSConformance, WriteThenRead_ReturnsTheSameBytes) {
     const QByteArray content = pattern(1300000);
     put("f", content);
     EXPECT_EQ(get("f"), content);
@@ -123,7 +123,7 @@ TEST_P(FSConformance, PreadAndPwrite_LeaveThePosition) {
     EXPECT_EQ(file->lseek(0, SEEK_CUR), 2);
 }
 
-TEST_P(FSConformance, Read_ShortAtTheEndThenZero) {
+TEST_P(FSConformance, ReadAtEnd_IsShortThenZero) {
     put("f", "abc");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
@@ -135,7 +135,7 @@ TEST_P(FSConformance, Read_ShortAtTheEndThenZero) {
     EXPECT_EQ(file->pread(buf, sizeof buf, 1000), 0);
 }
 
-TEST_P(FSConformance, ZeroBytes_AreNoFailure) {
+TEST_P(FSConformance, ZeroBytes_Succeed) {
     const auto file = fs().open(at("f"), O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
     char byte = 'x';
@@ -148,7 +148,7 @@ TEST_P(FSConformance, ZeroBytes_AreNoFailure) {
     EXPECT_EQ(st.st_size, 0);
 }
 
-TEST_P(FSConformance, WriteBehindTheEnd_LeavesZeroes) {
+TEST_P(FSConformance, WriteBeyondEnd_LeavesZeroes) {
     const auto file = fs().open(at("f"), O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
     EXPECT_EQ(file->pwrite("Z", 1, 5), 1);
@@ -156,14 +156,14 @@ TEST_P(FSConformance, WriteBehindTheEnd_LeavesZeroes) {
     EXPECT_EQ(get("f"), QByteArray("\0\0\0\0\0Z", 6));
 }
 
-TEST_P(FSConformance, ReadOnWriteOnlyFile_AsTabled) {
+TEST_P(FSConformance, ReadWriteOnlyFile_HasDeclaredResult) {
     const auto file = fs().open(at("f"), O_WRONLY | O_CREAT, 0644);
     ASSERT_TRUE(file);
     char byte;
     works(Op::ReadWriteOnlyFile, file->read(&byte, 1));
 }
 
-TEST_P(FSConformance, WriteOnReadOnlyFile_AsTabled) {
+TEST_P(FSConformance, WriteReadOnlyFile_HasDeclaredResult) {
     put("f", "abc");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
@@ -182,7 +182,7 @@ TEST_P(FSConformance, Append_WritesAtTheEnd) {
     EXPECT_EQ(get("f"), "abcdef");
 }
 
-TEST_P(FSConformance, BeyondFourGiB_OffsetsAreWhole) {
+TEST_P(FSConformance, OffsetsBeyondFourGiB_AreExact) {
     constexpr long long offset = (5LL << 30) + 123;
     const auto file = fs().open(at("f"), O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
@@ -213,9 +213,9 @@ TEST_P(FSConformance, BeyondFourGiB_OffsetsAreWhole) {
     }
 }
 
-// --- The rest of a file's operations
+// --- Positions, sizes, locks
 
-TEST_P(FSConformance, Lseek_FromStartAndPosition) {
+TEST_P(FSConformance, Lseek_MovesFromStartAndPosition) {
     put("f", "0123456789");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
@@ -229,7 +229,7 @@ TEST_P(FSConformance, Lseek_FromStartAndPosition) {
     EXPECT_EQ(readFully(*file, 2), "");
 }
 
-TEST_P(FSConformance, LseekFromTheEnd_AsTabled) {
+TEST_P(FSConformance, LseekFromEnd_HasDeclaredResult) {
     put("f", "0123456789");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
@@ -241,14 +241,14 @@ TEST_P(FSConformance, LseekFromTheEnd_AsTabled) {
     EXPECT_EQ(readFully(*file, 2), "");
 }
 
-TEST_P(FSConformance, LseekBeforeTheStart_AsTabled) {
+TEST_P(FSConformance, LseekBeforeStart_HasDeclaredResult) {
     put("f", "0123456789");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
     works(Op::LseekBeforeStart, file->lseek(-1, SEEK_SET));
 }
 
-TEST_P(FSConformance, Fstat_TellsSizeAndKind) {
+TEST_P(FSConformance, Fstat_ReturnsSizeTypeAndTime) {
     put("f", "0123456789");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
@@ -261,7 +261,7 @@ TEST_P(FSConformance, Fstat_TellsSizeAndKind) {
     EXPECT_NEAR(static_cast<double>(st.st_mtime), static_cast<double>(now), 5.0);
 }
 
-TEST_P(FSConformance, ModificationTime_InStepsAsTabled) {
+TEST_P(FSConformance, ModificationTime_IsMultipleOfDeclaredStep) {
     put("f", "0123456789");
     struct stat st;
     ASSERT_EQ(fs().stat(at("f"), st), 0) << strerror();
@@ -279,7 +279,7 @@ TEST_P(FSConformance, Ftruncate_CutsAndExtends) {
     EXPECT_EQ(get("f"), QByteArray("0123\0\0", 6));
 }
 
-TEST_P(FSConformance, FtruncateNegative_FailsEINVAL) {
+TEST_P(FSConformance, FtruncateNegative_FailsWithEINVAL) {
     put("f", "0123456789");
     const auto file = fs().open(at("f"), O_RDWR, 0);
     ASSERT_TRUE(file);
@@ -296,7 +296,7 @@ TEST_P(FSConformance, Fsync_Succeeds) {
     works(Op::FileFdatasync, file->fdatasync());
 }
 
-TEST_P(FSConformance, Fchmod_AsTabled) {
+TEST_P(FSConformance, Fchmod_HasDeclaredResult) {
     put("f");
     const auto file = fs().open(at("f"), O_RDWR, 0);
     ASSERT_TRUE(file);
@@ -309,7 +309,7 @@ TEST_P(FSConformance, Fchmod_AsTabled) {
     EXPECT_EQ(st.st_mode & 07777, can().keepsModes ? 0640U : before.st_mode & 07777);
 }
 
-TEST_P(FSConformance, Flock_ExcludesOtherOpenings) {
+TEST_P(FSConformance, Flock_ExcludesOtherOpenFiles) {
     put("f");
     const auto file = fs().open(at("f"), O_RDWR, 0);
     ASSERT_TRUE(file);
@@ -323,7 +323,7 @@ TEST_P(FSConformance, Flock_ExcludesOtherOpenings) {
     EXPECT_EQ(other->flock(LOCK_EX | LOCK_NB), 0);
 }
 
-TEST_P(FSConformance, FcntlFlags_AppendCanBeSwitchedOn) {
+TEST_P(FSConformance, FcntlSetsAppend_WritesGoToTheEnd) {
     put("f", "abc");
     const auto file = fs().open(at("f"), O_RDWR, 0);
     ASSERT_TRUE(file);
@@ -337,7 +337,7 @@ TEST_P(FSConformance, FcntlFlags_AppendCanBeSwitchedOn) {
     EXPECT_EQ(get("f"), "abcdef");
 }
 
-TEST_P(FSConformance, FcntlLock_RecordTravelsThroughThePointer) {
+TEST_P(FSConformance, FcntlLock_UsesTheRecordAtThePointer) {
     put("f", "abc");
     const auto file = fs().open(at("f"), O_RDWR, 0);
     ASSERT_TRUE(file);
@@ -355,7 +355,7 @@ TEST_P(FSConformance, FcntlLock_RecordTravelsThroughThePointer) {
     expectRefusal(EINVAL);
 }
 
-TEST_P(FSConformance, CloseTwice_IsHarmless) {
+TEST_P(FSConformance, CloseTwice_HasDeclaredResult) {
     const auto file = fs().open(at("f"), O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
     EXPECT_EQ(file->close(), 0);
@@ -384,7 +384,7 @@ TEST_P(FSConformance, ClosedFile_EveryOperationFails) {
     EXPECT_EQ(get("f"), "abc");
 }
 
-TEST_P(FSConformance, FileIoctl_AsTabled) {
+TEST_P(FSConformance, FileIoctl_HasDeclaredResult) {
     put("f");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
@@ -394,7 +394,7 @@ TEST_P(FSConformance, FileIoctl_AsTabled) {
 
 // --- readAll
 
-TEST_P(FSConformance, ReadAll_TakesTheSmallerOfMaximumAndSize) {
+TEST_P(FSConformance, ReadAll_ReadsTheSmallerOfMaximumAndSize) {
     put("f", "0123456789");
     EXPECT_EQ(fs().open(at("f"), O_RDONLY, 0)->readAll(100), "0123456789");
     EXPECT_EQ(fs().open(at("f"), O_RDONLY, 0)->readAll(10), "0123456789");
@@ -402,13 +402,13 @@ TEST_P(FSConformance, ReadAll_TakesTheSmallerOfMaximumAndSize) {
     EXPECT_EQ(fs().open(at("f"), O_RDONLY, 0)->readAll(0), "");
 }
 
-TEST_P(FSConformance, ReadAll_FromTheEndIsEmpty) {
+TEST_P(FSConformance, ReadAllAfterTheStart_IsEmpty) {
     put("f", "0123456789");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
     ASSERT_EQ(file->lseek(10, SEEK_SET), 10);
     EXPECT_EQ(file->readAll(100), "");
-    // The single read from the middle is short of the file's size.
+    // From the middle, the single read returns less than the size of the file.
     ASSERT_EQ(file->lseek(5, SEEK_SET), 5);
     EXPECT_EQ(file->readAll(100), "");
 }

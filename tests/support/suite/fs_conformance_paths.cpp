@@ -10,12 +10,12 @@
 
 namespace oru::io::test {
 
-// See the list of parts in fs_conformance.cpp.
+// Referenced by fs_conformance.cpp, for the linker.
 extern const char conformanceOfPaths = 0;
 
-// --- What paths lead to
+// --- Operations on paths
 
-TEST_P(FSConformance, Stat_TellsFileFromDirectory) {
+TEST_P(FSConformance, Stat_DistinguishesFileFromDirectory) {
     put("f", "abc");
     ASSERT_EQ(fs().mkdir(at("d"), 0755), 0);
     struct stat st;
@@ -28,11 +28,11 @@ TEST_P(FSConformance, Stat_TellsFileFromDirectory) {
     EXPECT_TRUE(S_ISDIR(st.st_mode));
 }
 
-TEST_P(FSConformance, MissingPath_EveryOperationFailsENOENT) {
+TEST_P(FSConformance, MissingPath_EveryOperationFailsWithENOENT) {
     struct stat st;
     struct statfs sfs;
     char buf[16] = {};
-    QString text;
+    QString target;
     const QString missing = at("missing");
     EXPECT_EQ(fs().stat(missing, st), -1);
     expectRefusal(ENOENT);
@@ -61,7 +61,7 @@ TEST_P(FSConformance, MissingPath_EveryOperationFailsENOENT) {
         expectRefusal(ENOENT);
     }
     if (provides(Op::Symlink)) {
-        EXPECT_EQ(fs().readlink(missing, text), -1);
+        EXPECT_EQ(fs().readlink(missing, target), -1);
         expectRefusal(ENOENT);
         EXPECT_EQ(fs().readlink(missing, buf, sizeof buf), -1);
         expectRefusal(ENOENT);
@@ -79,7 +79,7 @@ TEST_P(FSConformance, MissingPath_EveryOperationFailsENOENT) {
     EXPECT_FALSE(exists("other"));
 }
 
-TEST_P(FSConformance, Statfs_TellsSpace) {
+TEST_P(FSConformance, Statfs_ReturnsBlockCounts) {
     struct statfs st = {};
     ASSERT_EQ(fs().statfs(at(""), st), 0) << strerror();
     EXPECT_GT(st.f_bsize, 0);
@@ -87,7 +87,7 @@ TEST_P(FSConformance, Statfs_TellsSpace) {
     EXPECT_LE(st.f_bfree, st.f_blocks);
 }
 
-TEST_P(FSConformance, Mkdir_MakesADirectoryOnce) {
+TEST_P(FSConformance, MkdirTwice_SecondFailsWithEEXIST) {
     EXPECT_EQ(fs().mkdir(at("d"), 0755), 0) << strerror();
     EXPECT_EQ(fs().mkdir(at("d"), 0755), -1);
     expectRefusal(EEXIST);
@@ -101,14 +101,14 @@ TEST_P(FSConformance, Rmdir_RemovesAnEmptyDirectory) {
     EXPECT_FALSE(exists("d"));
 }
 
-TEST_P(FSConformance, RmdirNonEmpty_AsTabledAndNothingIsLost) {
+TEST_P(FSConformance, RmdirNonEmpty_FailsAndKeepsTheContent) {
     ASSERT_EQ(fs().mkdir(at("d"), 0755), 0);
     put("d/f", "kept");
     EXPECT_FALSE(works(Op::RmdirNonEmpty, fs().rmdir(at("d"))));
     EXPECT_EQ(get("d/f"), "kept");
 }
 
-TEST_P(FSConformance, RmdirOfAFile_AsTabled) {
+TEST_P(FSConformance, RmdirFile_HasDeclaredResult) {
     put("f");
     works(Op::RmdirOfFile, fs().rmdir(at("f")));
 }
@@ -119,12 +119,12 @@ TEST_P(FSConformance, Unlink_RemovesAFile) {
     EXPECT_FALSE(exists("f"));
 }
 
-TEST_P(FSConformance, UnlinkOfADirectory_AsTabled) {
+TEST_P(FSConformance, UnlinkDirectory_HasDeclaredResult) {
     ASSERT_EQ(fs().mkdir(at("d"), 0755), 0);
     works(Op::UnlinkDirectory, fs().unlink(at("d")));
 }
 
-TEST_P(FSConformance, UnlinkOfAnOpenFile_ContentStaysReadable) {
+TEST_P(FSConformance, UnlinkOpenFile_ContentStaysReadable) {
     put("f", "abc");
     const auto file = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(file);
@@ -146,7 +146,7 @@ TEST_P(FSConformance, Rename_MovesFilesAndDirectories) {
     EXPECT_EQ(get("e/h/g"), "abc");
 }
 
-TEST_P(FSConformance, RenameOntoAnExistingFile_AsTabled) {
+TEST_P(FSConformance, RenameOntoExistingFile_HasDeclaredResult) {
     put("f", "new");
     put("g", "old");
     if (works(Op::RenameOntoExisting, fs().rename(at("f"), at("g")))) {
@@ -158,7 +158,7 @@ TEST_P(FSConformance, RenameOntoAnExistingFile_AsTabled) {
     }
 }
 
-TEST_P(FSConformance, Link_TwoNamesForOneFile) {
+TEST_P(FSConformance, Link_AddsASecondName) {
     put("f", "abc");
     if (!works(Op::Link, fs().link(at("f"), at("g"))))
         return;
@@ -172,7 +172,7 @@ TEST_P(FSConformance, Link_TwoNamesForOneFile) {
     EXPECT_EQ(get("g"), "abc");
 }
 
-TEST_P(FSConformance, Symlink_TargetIsStoredAsItIs) {
+TEST_P(FSConformance, Symlink_StoresTheTargetUnchanged) {
     put("f", "abc");
     if (!works(Op::Symlink, fs().symlink("f", at("l"))))
         return;
@@ -192,7 +192,7 @@ TEST_P(FSConformance, Symlink_TargetIsStoredAsItIs) {
     expectRefusal(ENOENT);
 }
 
-TEST_P(FSConformance, ReadlinkIntoABuffer_RestAsTabled) {
+TEST_P(FSConformance, ReadlinkIntoBuffer_PadsAsDeclared) {
     if (!works(Op::Symlink, fs().symlink("target", at("l"))))
         return;
     char buf[16];
@@ -206,7 +206,7 @@ TEST_P(FSConformance, ReadlinkIntoABuffer_RestAsTabled) {
     EXPECT_EQ(std::string(buf, 4), "tar#");
 }
 
-TEST_P(FSConformance, ReadlinkOfAFile_AsTabled) {
+TEST_P(FSConformance, ReadlinkFile_HasDeclaredResult) {
     put("f");
     QString target;
     EXPECT_FALSE(works(Op::ReadlinkOfFile, fs().readlink(at("f"), target)));
@@ -236,8 +236,8 @@ TEST_P(FSConformance, Chmod_ChangesTheMode) {
     EXPECT_EQ(st.st_mode & 07777, can().keepsModes ? 0604U : before.st_mode & 07777);
 }
 
-TEST_P(FSConformance, ModeAtCreation_AsTabled) {
-    // As strict as these, no umask changes them.
+TEST_P(FSConformance, ModeAtCreation_IsKeptAsDeclared) {
+    // No umask changes these modes.
     EXPECT_EQ(fs().mkdir(at("d"), 0700), 0);
     EXPECT_TRUE(fs().open(at("f"), O_WRONLY | O_CREAT, 0600));
     struct stat directory;
@@ -248,13 +248,13 @@ TEST_P(FSConformance, ModeAtCreation_AsTabled) {
     EXPECT_EQ((file.st_mode & 07777) == 0600, can().keepsModes);
 }
 
-TEST_P(FSConformance, Sync_Returns) {
+TEST_P(FSConformance, Sync_KeepsTheContent) {
     put("f", "abc");
     fs().sync();
     EXPECT_EQ(get("f"), "abc");
 }
 
-TEST_P(FSConformance, WatchesAndIoctl_AsTabled) {
+TEST_P(FSConformance, WatchesAndIoctl_HaveDeclaredResults) {
     QString response;
     works(Op::AddWatch, fs().addWatch(at("")));
     works(Op::RemWatch, fs().remWatch(at("")));
@@ -263,7 +263,7 @@ TEST_P(FSConformance, WatchesAndIoctl_AsTabled) {
 
 // --- Extended attributes
 
-TEST_P(FSConformance, Xattr_SetGetListRemove) {
+TEST_P(FSConformance, Xattr_IsSetReadListedAndRemoved) {
     put("f");
     char value[] = {'v', '\0', 'w'};
     if (!works(Op::Xattr, fs().setxattr(at("f"), "user.clip", value, sizeof value, 0)))
@@ -294,7 +294,7 @@ TEST_P(FSConformance, Xattr_SetGetListRemove) {
     expectRefusal(ENODATA);
 }
 
-TEST_P(FSConformance, Xattr_OtherCallsAnswerAsTabled) {
+TEST_P(FSConformance, XattrUnset_CallsHaveDeclaredResults) {
     put("f");
     char buf[16];
     QVector<QString> names;
@@ -314,7 +314,7 @@ TEST_P(FSConformance, Xattr_OtherCallsAnswerAsTabled) {
 
 // --- Names
 
-TEST_P(FSConformance, Names_InAnyScript) {
+TEST_P(FSConformance, NamesInAnyScript_AreStoredAndListed) {
     const QStringList names{
         QString::fromUtf8("with blank"),
         QString::fromUtf8("Ärger über Öl"),
@@ -333,7 +333,7 @@ TEST_P(FSConformance, Names_InAnyScript) {
         EXPECT_EQ(get(name.toUtf8().constData()), name.toUtf8());
 }
 
-TEST_P(FSConformance, LongestName_WorksAndOneMoreDoesNot) {
+TEST_P(FSConformance, LongestName_WorksAndLongerHasDeclaredResult) {
     const QByteArray longest(can().longestName, 'n');
     put(longest.constData(), "abc");
     EXPECT_EQ(get(longest.constData()), "abc");
@@ -342,7 +342,7 @@ TEST_P(FSConformance, LongestName_WorksAndOneMoreDoesNot) {
     works(Op::StatNameTooLong, fs().stat(at((longest + "n").constData()), st));
 }
 
-TEST_P(FSConformance, HugeComponent_AsTabled) {
+TEST_P(FSConformance, HugeComponent_HasDeclaredResult) {
     const QString huge = at(QString(4096, 'n'));
     struct stat st;
     works(Op::NameTooLong, fs().stat(huge, st));
@@ -350,7 +350,7 @@ TEST_P(FSConformance, HugeComponent_AsTabled) {
     works(Op::NameTooLong, fs().mkdir(huge, 0755));
 }
 
-TEST_P(FSConformance, NulInAPath_IsRefusedNotCut) {
+TEST_P(FSConformance, NulInPath_FailsWithEINVAL) {
     put("f", "kept");
     const QString path = at(QStringLiteral("f") + QChar(QChar::Null) + QStringLiteral("g"));
     struct stat st;
@@ -365,8 +365,8 @@ TEST_P(FSConformance, NulInAPath_IsRefusedNotCut) {
     EXPECT_EQ(get("f"), "kept");
 }
 
-TEST_P(FSConformance, HalfASurrogatePair_IsRefusedNotReplaced) {
-    // The names that it would have if it were replaced.
+TEST_P(FSConformance, LoneSurrogate_FailsWithEILSEQ) {
+    // The name that the path would have if the surrogate were replaced.
     const char* const replaced = can().anyCharacter ? "a?b"
                                                     : "a\xef\xbf\xbd"
                                                       "b";
@@ -382,7 +382,7 @@ TEST_P(FSConformance, HalfASurrogatePair_IsRefusedNotReplaced) {
     EXPECT_EQ(get(replaced), "kept");
 }
 
-TEST_P(FSConformance, OddCharacter_AsTabled) {
+TEST_P(FSConformance, QuestionMarkInName_HasDeclaredResult) {
     const bool isMade = !fs().open(at("a?b"), O_RDWR | O_CREAT, 0644).isNull();
     if (can().anyCharacter)
         EXPECT_TRUE(isMade) << strerror();
@@ -390,7 +390,7 @@ TEST_P(FSConformance, OddCharacter_AsTabled) {
         works(Op::OddCharacter, isMade ? 0 : -1);
 }
 
-TEST_P(FSConformance, Case_AsTabled) {
+TEST_P(FSConformance, NameInOtherCase_ExistsAsDeclared) {
     put("Clip", "abc");
     EXPECT_EQ(exists("CLIP"), !can().caseSensitive);
 }

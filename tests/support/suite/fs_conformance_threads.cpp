@@ -1,4 +1,4 @@
-// The conformance suite: several users of one backend.
+// The conformance suite: several open files and threads.
 #include "support/suite/fs_conformance.h"
 
 #include <atomic>
@@ -9,10 +9,10 @@
 
 namespace oru::io::test {
 
-// See the list of parts in fs_conformance.cpp.
+// Referenced by fs_conformance.cpp, for the linker.
 extern const char conformanceOfThreads = 0;
 
-TEST_P(FSConformance, TwoOpenings_SeeEachOther) {
+TEST_P(FSConformance, TwoOpenFiles_ReaderSeesWrittenBytes) {
     const auto writer = fs().open(at("f"), O_WRONLY | O_CREAT, 0644);
     const auto reader = fs().open(at("f"), O_RDONLY, 0);
     ASSERT_TRUE(writer);
@@ -21,7 +21,7 @@ TEST_P(FSConformance, TwoOpenings_SeeEachOther) {
     EXPECT_EQ(readFully(*reader, 3), "abc");
 }
 
-TEST_P(FSConformance, FourThreads_EachWithItsOwnFiles) {
+TEST_P(FSConformance, FourThreadsWithOwnFiles_AllSucceed) {
     if (!can().threadSafe)
         GTEST_SKIP() << "the backend leaves locking to its callers";
     constexpr int rounds = 25;
