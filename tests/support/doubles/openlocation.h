@@ -1,4 +1,4 @@
-// A location of local media whose state a test can look at.
+// A location of local media with a public state.
 #pragma once
 
 #include <oruio/fsswitch.h>
@@ -19,7 +19,7 @@ inline void PrintTo(StorageLocation::AccessType access, std::ostream* out) {
 
 namespace oru::io::test {
 
-/// A root switch of the test's own, for as long as it lives.
+/// Replaces the root switch with an empty one, at construction and destruction.
 class OwnSwitch {
 public:
     OwnSwitch() {
@@ -38,10 +38,10 @@ private:
     }
 };
 
-/// What is known of a location, each fact by its name.
+/// The state of a location: values by their names.
 using Facts = QMap<QString, QString>;
 
-/// Opens up what a location keeps for itself.
+/// Makes the state of a location public.
 class OpenLocation : public SystemLocation {
 public:
     using StorageLocation::m_enabled;
@@ -54,7 +54,7 @@ public:
     using SystemLocation::m_mountOk;
     using SystemLocation::SystemLocation;
 
-    /// All of it; devices by their nodes, "-" for none.
+    /// The whole state. Devices are given as nodes, "-" for none.
     Facts facts() {
         const auto yesOrNo = [](bool is) { return QString(is ? "yes" : "no"); };
         const auto node = [](const BlockDevice::SPtr& device) {
@@ -68,12 +68,12 @@ public:
     }
 };
 
-/// "access=Write disk=sda ..."
+/// The facts as one string: "access=Write disk=sda ...".
 inline QString factsText(const Facts& facts) {
-    QString text;
+    QString listed;
     for (auto it = facts.begin(); it != facts.end(); ++it)
-        text += (text.isEmpty() ? "" : " ") + it.key() + '=' + it.value();
-    return text;
+        listed += (listed.isEmpty() ? "" : " ") + it.key() + '=' + it.value();
+    return listed;
 }
 
 } // namespace oru::io::test

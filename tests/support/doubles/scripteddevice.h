@@ -1,4 +1,4 @@
-// A block device of the test's own, which needs no hardware.
+// A block device that needs no hardware.
 #pragma once
 
 #include <oruio/bdmon.h>
@@ -9,7 +9,7 @@
 
 namespace oru::io::test {
 
-/// Does what it is told, and remembers what it was asked.
+/// Returns the result that the test sets, and records the calls.
 class ScriptedDevice : public BlockDevice {
 public:
     int mount(QString mountPoint, const Properties* props) override {
@@ -32,9 +32,9 @@ public:
     }
 
     int result = 0;
-    ErrorCode reason = Ok; ///< what it leaves in liberrno
+    ErrorCode reason = Ok; ///< liberrno after each call
     QStringList calls;
-    Properties last; ///< what the last call was given
+    Properties last; ///< the properties of the last call
 
 private:
     int note(const QString& call, const Properties* given) {
@@ -59,15 +59,15 @@ inline Device makeDevice(const QString& idPath, quint32 number, quint64 blocks,
     return device;
 }
 
-/// One call as a text: of which device, and with which properties.
+/// One call as a string: the device, the operation and the properties.
 inline QString callText(const QString& device, const QString& call, const Properties& props) {
-    QString text = device + ' ' + call;
+    QString described = device + ' ' + call;
     for (auto it = props.begin(); it != props.end(); ++it)
-        text += ' ' + it.key() + '=' + it.value().toString();
-    return text;
+        described += ' ' + it.key() + '=' + it.value().toString();
+    return described;
 }
 
-/// What devices were asked since the last time, each at most once.
+/// The calls of all devices since the last takeCalls(); at most one for each device.
 inline QStringList takeCalls(const QList<Device>& devices) {
     QStringList taken;
     for (const Device& device : devices) {

@@ -1,4 +1,4 @@
-// A network share of the test's own, which needs no server.
+// A network share with files in memory, which needs no server.
 #pragma once
 
 #include "support/doubles/memfs.h"
@@ -10,7 +10,7 @@
 
 namespace oru::io::test {
 
-/// Does what it is told and remembers what it was asked, with files in memory.
+/// Returns the results that the test sets, and records the calls.
 template <class Base>
 class ScriptedShare : public Base {
 public:

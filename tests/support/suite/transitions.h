@@ -1,5 +1,4 @@
-// Tables that say what an object with states does: one row for an operation, the states it may
-// find, and what may come of it.
+// Tables of state transitions: a row has an operation, the states it applies to, and its outcome.
 #pragma once
 
 #include "support/doubles/openlocation.h"
@@ -16,30 +15,30 @@
 
 namespace oru::io::test {
 
-/// For each combination of the first four columns, which are sets of bits, what is to happen.
+/// One row. The first four columns are bit sets: the row applies to all their combinations.
 struct Transition {
     unsigned operations;
     unsigned states;
-    unsigned places; ///< of the object, as it differs from others of its kind
+    unsigned places; ///< the variants of the object
     unsigned outcomes;
     int result;
-    int reason;          ///< in liberrno, when the result is -1
-    const char* changes; ///< the facts that are to be different, such as "access=Read mounted=yes"
-    const char* calls;   ///< what others are asked by the object
+    int reason;          ///< liberrno, when the result is -1
+    const char* changes; ///< the facts that change, such as "access=Read mounted=yes"
+    const char* calls;   ///< the calls that the object makes
 };
 
 constexpr unsigned Any = ~0U;
-/// A result: that of what the object asked. A reason: what that left in liberrno.
+/// A result: that of the call that the object makes. A reason: liberrno after that call.
 constexpr int Given = 1000;
-/// A reason: liberrno stays as it was.
+/// A reason: liberrno does not change.
 constexpr int Kept = 2000;
-/// A reason: nothing is promised of liberrno, as after a success.
+/// A reason: liberrno is not checked, as after success.
 constexpr int Unsaid = 3000;
 
-/// liberrno before each operation; no operation of a location leaves this one.
+/// liberrno before each operation. No operation of a location sets this value.
 constexpr ErrorCode reasonBefore = LibraryFailure;
 
-/// The row for a combination. There has to be one, and only one; null when there is none.
+/// The row for a combination. Expects exactly one; null when there is none.
 template <std::size_t size>
 const Transition* transitionFor(const Transition (&table)[size], unsigned operation, unsigned state,
                                 unsigned place, unsigned outcome) {
@@ -56,7 +55,7 @@ const Transition* transitionFor(const Transition (&table)[size], unsigned operat
     return found;
 }
 
-/// `facts`, with those that `changes` names.
+/// `facts` with the values in `changes`.
 inline Facts changed(Facts facts, const char* changes) {
     for (const QString& change : QString(changes).split(' ', Qt::SkipEmptyParts)) {
         const QString name = change.section('=', 0, 0);
@@ -66,7 +65,7 @@ inline Facts changed(Facts facts, const char* changes) {
     return facts;
 }
 
-/// Of an operation that has just returned, and asked what gave `given` and left `givenReason`.
+/// Checks `result` and liberrno of an operation whose call returned `given` and set `givenReason`.
 inline void expectResult(const Transition& row, int result, int given, int givenReason) {
     const int reason = liberrno;
     EXPECT_EQ(result, row.result == Given ? given : row.result);
