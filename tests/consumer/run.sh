@@ -1,11 +1,11 @@
 #!/bin/bash
-# Installs a build tree, moves the installation to another place, and builds and runs a program out
-# of the tree against it: once through the CMake package, once through pkg-config. Where the build
-# tree has the examples, builds one of them against it as well.
+# Installs a build tree and moves the installation. Then builds and runs a program outside the tree
+# with it: once through the CMake package, once through pkg-config. If the build tree has the
+# examples, builds one of them as well.
 #   usage: run.sh BUILD_DIRECTORY
 #
-# A cross build is only compiled and linked against, through the CMake package: the pkg-config of
-# the sysroot describes the sysroot.
+# With a cross build, only compiles and links, through the CMake package: the pkg-config of the
+# sysroot describes the sysroot.
 set -euo pipefail
 
 build=$(readlink -f "$1")
@@ -13,12 +13,12 @@ source=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/project
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# cached NAME: a variable of the build tree.
+# cached NAME: prints a variable from the CMake cache of the build tree.
 cached() {
     sed -n "s|^$1:[A-Z]*=||p" "$build/CMakeCache.txt"
 }
 
-# quietly COMMAND...: shows the output only of a failure.
+# quietly COMMAND...: prints the output only on failure.
 quietly() {
     "$@" >"$work/log" 2>&1 || {
         cat "$work/log" >&2
@@ -26,7 +26,7 @@ quietly() {
     }
 }
 
-# run PROGRAM
+# run PROGRAM: runs it with an empty directory, and checks that it wrote a file.
 run() {
     local files
     files=$(mktemp -d "$work/files.XXXXXX")
@@ -55,7 +55,7 @@ quietly cmake -G "$generator" -S "$source" -B "$work/build" "${options[@]}" \
     -DCMAKE_DISABLE_FIND_PACKAGE_PkgConfig=ON -DCMAKE_DISABLE_FIND_PACKAGE_spdlog=ON
 quietly cmake --build "$work/build"
 if grep -r -e spdlog -e libsmb2 "$work/build" --include=build.ninja --include=link.txt; then
-    echo "the program is linked with what the libraries are built with" >&2
+    echo "the program is linked with private dependencies of the libraries" >&2
     exit 1
 fi
 examples=$(cached ORUIO_BUILD_EXAMPLES)
@@ -70,7 +70,7 @@ if [[ -n $toolchain ]]; then
     exit
 fi
 
-# The program knows where liboruio is, and that has to find what lies beside it.
+# The program has a run path to liboruio, which must find the library beside it.
 run "$work/build/consumer"
 if [[ $examples == ON ]]; then
     quietly "$work/examples/build/media_monitor" --help
@@ -87,6 +87,6 @@ link=$(pkg-config --libs oruio)
 # shellcheck disable=SC2086 # lists of flags
 "$(cached CMAKE_CXX_COMPILER)" -fPIC "${flags[@]}" $compile \
     "$source/main.cpp" -o "$work/consumer" $link
-# What pkg-config tells names no place to find the libraries at when the program starts.
+# The flags of pkg-config set no run path.
 export LD_LIBRARY_PATH=$libraries
 run "$work/consumer"

@@ -1,3 +1,4 @@
+// Error codes, their descriptions, and snapshots of them.
 #include <oruio/error.h>
 
 #include <gtest/gtest.h>
@@ -19,14 +20,14 @@ protected:
     }
 };
 
-TEST_F(ErrorTest, CodeZero_TextOfErrno) {
+TEST_F(ErrorTest, CodeZero_DescribesErrno) {
     errno = ENOENT;
     EXPECT_STREQ(strerror(), std::strerror(ENOENT));
     errno = 0;
     EXPECT_STREQ(strerror(), std::strerror(0));
 }
 
-TEST_F(ErrorTest, LibraryCodes_TheirTextsWhateverErrnoIs) {
+TEST_F(ErrorTest, LibraryCode_IsDescribedInsteadOfErrno) {
     errno = ENOENT;
     liberrno = NotImplemented;
     EXPECT_STREQ(strerror(), "Not Implemented");
@@ -36,21 +37,21 @@ TEST_F(ErrorTest, LibraryCodes_TheirTextsWhateverErrnoIs) {
     EXPECT_STREQ(strerror(), "Library Failure");
 }
 
-TEST_F(ErrorTest, Codes_AreTheNumbersThatProgramsKnow) {
+TEST_F(ErrorTest, Codes_HaveFixedNumbers) {
     EXPECT_EQ(static_cast<int>(Ok), 0);
     EXPECT_EQ(static_cast<int>(NotImplemented), 1);
     EXPECT_EQ(static_cast<int>(NotFound), 2);
     EXPECT_EQ(static_cast<int>(LibraryFailure), 3);
 }
 
-TEST_F(ErrorTest, UnknownCode_NoDescription) {
+TEST_F(ErrorTest, UnknownCode_HasNoDescription) {
     liberrno = static_cast<ErrorCode>(4);
     EXPECT_STREQ(strerror(), "No description available");
     liberrno = static_cast<ErrorCode>(7);
     EXPECT_STREQ(strerror(), "No description available");
 }
 
-TEST_F(ErrorTest, NegativeCode_NullAndTheTableStaysAsItIs) {
+TEST_F(ErrorTest, NegativeCode_ReturnsNull) {
     liberrno = static_cast<ErrorCode>(-1);
     EXPECT_EQ(strerror(), nullptr);
     EXPECT_EQ(Error().strerror(), nullptr);
@@ -60,7 +61,7 @@ TEST_F(ErrorTest, NegativeCode_NullAndTheTableStaysAsItIs) {
     EXPECT_STREQ(strerror(), "Not Found");
 }
 
-TEST_F(ErrorTest, IsError_FalseOnlyWhenBothAreZero) {
+TEST_F(ErrorTest, IsError_IsFalseOnlyWhenBothAreZero) {
     EXPECT_FALSE(isError());
     errno = EIO;
     EXPECT_TRUE(isError());
@@ -90,19 +91,19 @@ TEST_F(ErrorTest, Snapshot_KeepsItsValues) {
     EXPECT_STREQ(error.strerror(), "Not Found");
 }
 
-TEST_F(ErrorTest, SnapshotOfErrno_TextOfTheCapturedValue) {
+TEST_F(ErrorTest, SnapshotOfErrno_DescribesTheCapturedValue) {
     errno = EACCES;
     const Error error;
     errno = ENOSPC;
     EXPECT_STREQ(error.strerror(), std::strerror(EACCES));
 }
 
-TEST_F(ErrorTest, SnapshotOfUnknownCode_NoDescription) {
+TEST_F(ErrorTest, SnapshotOfUnknownCode_HasNoDescription) {
     liberrno = static_cast<ErrorCode>(99);
     EXPECT_STREQ(Error().strerror(), "No description available");
 }
 
-TEST_F(ErrorTest, EveryThread_HasItsOwnCodeStartingAtZero) {
+TEST_F(ErrorTest, NewThread_HasItsOwnCodeZero) {
     liberrno = NotFound;
     ErrorCode initial = LibraryFailure;
     std::thread([&initial] {

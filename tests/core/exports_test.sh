@@ -1,5 +1,5 @@
 #!/bin/bash
-# Checks that the library exports its own namespace, and nothing private of it.
+# Checks that the library exports its namespace only, and no private classes.
 #   usage: exports_test.sh NM LIBRARY
 set -euo pipefail
 
@@ -11,7 +11,7 @@ grep -qx '_ZN3oru2io8liberrnoE' <<<"$exported" || {
     exit 1
 }
 if grep -vE '^_Z(N|NK|TVN|TIN|TSN)3oru2io' <<<"$exported" || grep -E '4Data' <<<"$exported"; then
-    echo "these are exported, but no part of the interface"
+    echo "exported symbols that are not part of the interface"
     exit 1
 fi
 echo "$(wc -l <<<"$exported") symbols"

@@ -1,4 +1,4 @@
-// What the bases implement themselves: readAll() and type().
+// The functions that the base classes implement: readAll() and type().
 
 #include "support/doubles/recordingfs.h"
 
@@ -17,7 +17,7 @@ namespace oru::io {
 
 namespace {
 
-/// A file whose fstat() and read() answer as told.
+/// A file whose fstat() and read() return what a test sets.
 class ScriptedFile : public File {
 public:
     ScriptedFile() : File(QStringLiteral("ScriptedFile")) {}
@@ -84,7 +84,7 @@ public:
 
 } // namespace
 
-TEST(FileReadAll, FstatFails_EmptyWithoutReading) {
+TEST(FileReadAll, FstatFails_ReturnsEmptyWithoutReading) {
     ScriptedFile file;
     file.fstatResult = -1;
     file.size = 10;
@@ -93,14 +93,14 @@ TEST(FileReadAll, FstatFails_EmptyWithoutReading) {
     EXPECT_EQ(file.reads, 0);
 }
 
-TEST(FileReadAll, MaximumZero_EmptyWithoutReading) {
+TEST(FileReadAll, MaximumZero_ReturnsEmptyWithoutReading) {
     ScriptedFile file;
     file.size = 10;
     EXPECT_TRUE(file.readAll(0).isEmpty());
     EXPECT_EQ(file.reads, 0);
 }
 
-TEST(FileReadAll, WholeFile_OneReadOfItsSize) {
+TEST(FileReadAll, WholeFile_IsReadInOneCall) {
     ScriptedFile file;
     file.size = file.readResult = 10;
     EXPECT_EQ(file.readAll(100), QByteArray(10, 'r'));
@@ -108,7 +108,7 @@ TEST(FileReadAll, WholeFile_OneReadOfItsSize) {
     EXPECT_EQ(file.readLength, 10U);
 }
 
-TEST(FileReadAll, ShortRead_EmptyWithoutRetry) {
+TEST(FileReadAll, ShortRead_ReturnsEmptyWithoutRetry) {
     ScriptedFile file;
     file.size = 10;
     file.readResult = 9;
@@ -116,7 +116,7 @@ TEST(FileReadAll, ShortRead_EmptyWithoutRetry) {
     EXPECT_EQ(file.reads, 1);
 }
 
-TEST(FileReadAll, ReadFails_EmptyAndErrnoTellsWhy) {
+TEST(FileReadAll, ReadFails_ReturnsEmptyWithErrno) {
     ScriptedFile file;
     file.size = 10;
     file.readResult = -1;
@@ -125,13 +125,13 @@ TEST(FileReadAll, ReadFails_EmptyAndErrnoTellsWhy) {
     EXPECT_EQ(errno, EIO);
 }
 
-TEST(FileReadAll, MaximumBeyondTwoGiB_ComparedWithSixtyFourBits) {
+TEST(FileReadAll, MaximumBeyondTwoGiB_ReadsTheWholeFile) {
     ScriptedFile file;
     file.size = file.readResult = 10;
     EXPECT_EQ(file.readAll(0xffffffffU).size(), 10);
 }
 
-TEST(FileReadAll, SizeBeyondFourGiB_MaximumCounts) {
+TEST(FileReadAll, SizeBeyondFourGiB_ReadsTheMaximum) {
     ScriptedFile file;
     file.size = (1LL << 32) + 5;
     file.readResult = 20;
@@ -139,7 +139,7 @@ TEST(FileReadAll, SizeBeyondFourGiB_MaximumCounts) {
     EXPECT_EQ(file.readLength, 20U);
 }
 
-TEST(FileReadAll, MoreThanAnArrayHolds_EmptyWithEFBIG) {
+TEST(FileReadAll, MoreThanAnArrayHolds_FailsWithEFBIG) {
     ScriptedFile file;
     file.size = 1LL << 33;
     liberrno = NotFound;
@@ -165,20 +165,20 @@ TEST(FileReadAll, MoreThanMemoryHas_EmptyWithENOMEM) {
     const int reason = errno;
     ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
     if (file.reads > 0)
-        GTEST_SKIP() << "the limit of address space is not enforced here";
+        GTEST_SKIP() << "the system does not enforce the limit of address space";
     EXPECT_TRUE(data.isEmpty());
     EXPECT_EQ(reason, ENOMEM);
     EXPECT_EQ(liberrno, Ok);
 }
 
-TEST(FileReadAll, NegativeSize_EmptyWithoutReading) {
+TEST(FileReadAll, NegativeSize_ReturnsEmptyWithoutReading) {
     ScriptedFile file;
     file.size = -5;
     EXPECT_TRUE(file.readAll(100).isEmpty());
     EXPECT_EQ(file.reads, 0);
 }
 
-TEST(FSTypes, Names_AreWhatTheConstructorsWereGiven) {
+TEST(FSTypes, TypeNames_AreThoseOfTheConstructors) {
     test::RecordingFS fs;
     EXPECT_EQ(fs.type(), "RecordingFS");
     EXPECT_EQ(fs.opendir("/")->type(), "RecordingDirectory");
@@ -186,7 +186,7 @@ TEST(FSTypes, Names_AreWhatTheConstructorsWereGiven) {
     EXPECT_EQ(file.type(), "ScriptedFile");
 }
 
-TEST(FSTypes, FileType_IsAReferenceToTheStoredName) {
+TEST(FSTypes, FileType_ReturnsAReference) {
     ScriptedFile file;
     EXPECT_EQ(&file.type(), &file.type());
     static_assert(std::is_same_v<decltype(file.type()), const QString&>);

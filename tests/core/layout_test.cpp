@@ -1,5 +1,5 @@
-// Records that cross the library's borders: their sizes on the target, and that they are the
-// large-file ones everywhere.
+// The records in the interface of the library: their sizes on the target, and their large-file
+// fields on all systems.
 
 #include <oruio/error.h>
 #include <oruio/fs.h>
@@ -35,7 +35,7 @@ static_assert(std::is_same_v<std::underlying_type_t<ErrorCode>, std::int32_t>, "
 static_assert(offsetof(Error, code) == 0 && offsetof(Error, sysErrno) == 4 && sizeof(Error) == 8,
               "two 32-bit words");
 
-TEST(Layout, LogRecord_FieldsInOrder) {
+TEST(Layout, LogRecord_HasFixedOffsets) {
     EXPECT_EQ(offsetof(oruLogMsg, channel), sizeof(void*));
     EXPECT_EQ(offsetof(oruLogMsg, level), sizeof(void*) + 4);
     EXPECT_EQ(offsetof(oruLogMsg, tid), sizeof(void*) + 8);

@@ -1,5 +1,5 @@
-// The writer's side of logging, against operations that this program brings itself: they stand in
-// for the service in liboruio.so, too, just as the device's own service does.
+// The writer's side of logging. This program defines the operations of the logging service, and
+// liboruio.so uses them, as it uses those of the device's service.
 
 #include <oruio/fsswitch.h>
 #include <oruio/posixfs.h>
@@ -54,7 +54,7 @@ oruLogMsg* oruLogMsgAlloc() {
         errno = allocErrno;
     if (!hasRecord)
         return nullptr;
-    // Nothing that the writer forgets passes for filled in.
+    // A field that the writer does not fill is not 0.
     memset(&record, 0x5a, sizeof record);
     record.service = &record;
     return &record;
@@ -73,7 +73,7 @@ ORUIO_LOG_CHANNEL("the test's");
 
 namespace {
 
-/// A writer with everything in order; tests spoil it one thing at a time.
+/// A writer with records and thresholds; each test changes one condition.
 class LogWriter : public testing::Test {
 protected:
     LogWriter() {
@@ -88,10 +88,10 @@ protected:
         pushed = nullptr;
     }
 
-    /// What a message of this text in this file leaves on standard error.
-    static std::string standardErrorOf(const char* file, const std::string& text) {
+    /// What logging `message` in `file` writes to standard error.
+    static std::string standardErrorOf(const char* file, const std::string& message) {
         testing::internal::CaptureStderr();
-        __oruLog(LOG_CHAN, 10, file, 7, "%s", text.c_str());
+        __oruLog(LOG_CHAN, 10, file, 7, "%s", message.c_str());
         return testing::internal::GetCapturedStderr();
     }
 
@@ -151,7 +151,7 @@ TEST_F(LogWriter, NegativeThreshold_ComparesSigned) {
     EXPECT_STREQ(messages[0].text, "equal");
 }
 
-TEST_F(LogWriter, ChangedThreshold_CountsForTheNextMessage) {
+TEST_F(LogWriter, ChangedThreshold_AppliesToTheNextMessage) {
     ORUIO_LOG(LogDebug, "dropped");
     levels[LOG_CHAN] = 12;
     ORUIO_LOG(LogDebug, "kept");
@@ -161,7 +161,7 @@ TEST_F(LogWriter, ChangedThreshold_CountsForTheNextMessage) {
     EXPECT_STREQ(messages[0].text, "kept");
 }
 
-TEST_F(LogWriter, ReplacedTable_IsFoundThroughThePointer) {
+TEST_F(LogWriter, ReplacedTable_IsUsed) {
     int others[1000] = {};
     others[LOG_CHAN] = 12;
     oruLogLevel = others;
@@ -170,7 +170,7 @@ TEST_F(LogWriter, ReplacedTable_IsFoundThroughThePointer) {
     EXPECT_EQ(messages.size(), 1u);
 }
 
-TEST_F(LogWriter, ChannelOutsideTable_LeavesNoTrace) {
+TEST_F(LogWriter, ChannelOutsideTable_LogsNothing) {
     testing::internal::CaptureStderr();
     for (const bool has : {true, false}) {
         hasRecord = has;
@@ -187,7 +187,7 @@ TEST_F(LogWriter, LastChannelOfTable_IsPushed) {
     EXPECT_EQ(messages[0].channel, 999);
 }
 
-TEST_F(LogWriter, Message_FillsAllOfTheRecordButService) {
+TEST_F(LogWriter, Message_FillsTheRecordExceptService) {
     static const char file[] = "src/some.cpp";
     timespec before;
     timespec after;
@@ -209,7 +209,7 @@ TEST_F(LogWriter, Message_FillsAllOfTheRecordButService) {
     EXPECT_EQ(msg.length, 8);
 }
 
-TEST_F(LogWriter, Macro_NamesItsPlace) {
+TEST_F(LogWriter, Macro_RecordsFileAndLine) {
     ORUIO_LOG(LogWarning, "here");
     const int line = __LINE__ - 1;
     ASSERT_EQ(messages.size(), 1u);
@@ -217,7 +217,7 @@ TEST_F(LogWriter, Macro_NamesItsPlace) {
     EXPECT_EQ(messages[0].line, line);
 }
 
-TEST_F(LogWriter, Newline_IsNeitherAddedNorTaken) {
+TEST_F(LogWriter, Newline_IsNeitherAddedNorRemoved) {
     ORUIO_LOG(LogWarning, "with\n");
     ORUIO_LOG(LogWarning, "without");
     ASSERT_EQ(messages.size(), 2u);
@@ -225,7 +225,7 @@ TEST_F(LogWriter, Newline_IsNeitherAddedNorTaken) {
     EXPECT_STREQ(messages[1].text, "without");
 }
 
-TEST_F(LogWriter, LongText_IsCutTo255WithItsLengthKept) {
+TEST_F(LogWriter, LongMessage_IsTruncatedTo255AndKeepsItsLength) {
     for (const size_t length : {255, 256, 1000}) {
         std::string text;
         for (size_t i = 0; i < length; ++i)
@@ -260,7 +260,7 @@ TEST_F(LogWriter, AnyOutcome_KeepsErrno) {
     EXPECT_EQ(left, EXDEV);
 }
 
-TEST_F(LogWriterWithoutRecords, Text_GoesBareToStandardError) {
+TEST_F(LogWriterWithoutRecords, Message_GoesToStandardErrorWithoutPrefix) {
     hasRecord = false;
     EXPECT_EQ(standardErrorOf("src/some.cpp", "abc"), "abc");
     EXPECT_EQ(standardErrorOf("src/some.cpp", "abc\n"), "abc\n");
@@ -269,7 +269,7 @@ TEST_F(LogWriterWithoutRecords, Text_GoesBareToStandardError) {
     EXPECT_TRUE(messages.empty());
 }
 
-TEST_F(LogWriterWithoutRecords, LongText_IsCutToWhatThePrefixWouldLeave) {
+TEST_F(LogWriterWithoutRecords, LongMessage_IsTruncatedAsWithPrefix) {
     hasRecord = false;
     const size_t rest = 255 - strlen("LOG DROP: src/some.cpp:7: ");
     for (const size_t length : {rest - 1, rest, rest + 1, size_t(255), size_t(1000)}) {
@@ -278,22 +278,23 @@ TEST_F(LogWriterWithoutRecords, LongText_IsCutToWhatThePrefixWouldLeave) {
     }
 }
 
-TEST_F(LogWriterWithoutRecords, LongFileName_LeavesNoRoomForText) {
+TEST_F(LogWriterWithoutRecords, LongFileName_LeavesNoRoomForTheMessage) {
     hasRecord = false;
-    // "LOG DROP: ", ":7: " and 240 leave room for one character; from there on there is none.
+    // "LOG DROP: ", ":7: " and a name of 240 bytes leave room for one character, longer names for
+    // none.
     EXPECT_EQ(standardErrorOf(std::string(240, 'f').c_str(), "abc"), "a");
     for (const size_t length : {241, 242, 255, 256, 257, 5000})
         EXPECT_EQ(standardErrorOf(std::string(length, 'f').c_str(), "abc"), "") << length;
 }
 
-TEST_F(LogWriterWithoutRecords, LevelAboveThreshold_IsDroppedAllTheSame) {
+TEST_F(LogWriterWithoutRecords, LevelAboveThreshold_IsDropped) {
     hasRecord = false;
     testing::internal::CaptureStderr();
     ORUIO_LOG(LogDebug, "dropped");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(LogWriter, MessageOfTheLibrary_ComesToThisPrograms) {
+TEST_F(LogWriter, MessageOfTheLibrary_ReachesThisProgram) {
     std::fill(std::begin(levels), std::end(levels), 12);
     FSSwitch fsSwitch;
     fsSwitch.add(QStringLiteral("media"), PosixFS::SPtr::create(QStringLiteral("/")));

@@ -1,4 +1,4 @@
-// The in-memory file system and the fault-injecting one, which other tests trust.
+// The file systems that other tests use: in memory, and with injected faults.
 
 #include "support/doubles/faultfs.h"
 #include "support/doubles/memfs.h"
@@ -43,7 +43,7 @@ ORUIO_CONFORMS(FaultFSWithoutFaults, [] {
     return backend;
 });
 
-TEST(MemFS, FileBeyondItsLargestSize_EFBIG) {
+TEST(MemFS, SizeBeyondMaximum_FailsWithEFBIG) {
     constexpr long long largest = std::numeric_limits<long long>::max();
     MemFS fs;
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
@@ -63,7 +63,7 @@ TEST(MemFS, FileBeyondItsLargestSize_EFBIG) {
     EXPECT_EQ(st.st_size, 3);
 }
 
-TEST(MemFS, DirectoryIntoItself_EINVALHoweverTheWayIsSpelled) {
+TEST(MemFS, RenameDirectoryIntoItself_FailsWithEINVALForAnyPath) {
     MemFS fs;
     ASSERT_EQ(fs.mkdir("/a", 0755), 0);
     ASSERT_EQ(fs.mkdir("/a/b", 0755), 0);
@@ -93,7 +93,7 @@ TEST(FaultFS, NthCall_FailsOnceAndDoesNothing) {
     EXPECT_EQ(fs.plan().calls(), 5);
 }
 
-TEST(FaultFS, CallsOfFilesAndDirectories_CountToo) {
+TEST(FaultFS, CallsOfFilesAndDirectories_AreCounted) {
     FaultFS fs(QSharedPointer<MemFS>::create());
     fs.plan().failCall(3, EIO);
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);

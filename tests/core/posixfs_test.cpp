@@ -1,3 +1,4 @@
+// PosixFS: local file systems.
 #include "support/suite/fs_conformance.h"
 #include "support/suite/posixcapabilities.h"
 #include "support/system/tempdir.h"
@@ -63,7 +64,7 @@ TEST_F(PosixFSTest, Constructor_KeepsMountPointAndType) {
 }
 
 TEST_F(PosixFSTest, PathMapping_IsPlainConcatenation) {
-    // No separator is put in: the root dir and the path "a" name the sibling "dira".
+    // No separator is added: "root" and the path "a" form the sibling "roota".
     PosixFS stem(dir / "root");
     ASSERT_EQ(stem.mkdir("", 0755), 0);
     EXPECT_TRUE(systemHas("root"));
@@ -75,20 +76,20 @@ TEST_F(PosixFSTest, PathMapping_IsPlainConcatenation) {
     EXPECT_EQ(stem.stat("/../roota", st), 0);
 }
 
-TEST_F(PosixFSTest, EmptyRoot_PassesPathsThrough) {
+TEST_F(PosixFSTest, EmptyRoot_UsesPathsUnchanged) {
     PosixFS whole{QString()};
     EXPECT_EQ(whole.mkdir(dir / "d", 0755), 0);
     EXPECT_TRUE(systemHas("d"));
 }
 
-TEST_F(PosixFSTest, OpenMissing_NullWithErrnoAndLiberrnoCleared) {
+TEST_F(PosixFSTest, OpenMissing_FailsWithENOENTAndClearsLiberrno) {
     liberrno = NotFound;
     EXPECT_TRUE(fs.open("/missing", O_RDONLY, 0).isNull());
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(liberrno, Ok);
 }
 
-TEST_F(PosixFSTest, OpendirMissing_DirectoryThatNeverOpened) {
+TEST_F(PosixFSTest, OpendirMissing_ReturnsClosedDirectory) {
     liberrno = NotFound;
     const auto missing = fs.opendir("/missing");
     EXPECT_EQ(errno, ENOENT);
@@ -102,7 +103,7 @@ TEST_F(PosixFSTest, OpendirMissing_DirectoryThatNeverOpened) {
     EXPECT_EQ(errno, ENOTEMPTY);
 }
 
-TEST_F(PosixFSTest, PathQueries_LeaveLiberrno) {
+TEST_F(PosixFSTest, PathOperations_KeepLiberrno) {
     liberrno = NotFound;
     struct stat st;
     struct statfs sfs;
@@ -130,7 +131,7 @@ TEST_F(PosixFSTest, PathQueries_LeaveLiberrno) {
     EXPECT_EQ(liberrno, NotFound);
 }
 
-TEST_F(PosixFSTest, FileOperations_ClearLiberrnoWhereTheyCallTheSystem) {
+TEST_F(PosixFSTest, FileOperations_OnlySomeClearLiberrno) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
     char byte = 'x';
@@ -169,14 +170,14 @@ TEST_F(PosixFSTest, FileOperations_ClearLiberrnoWhereTheyCallTheSystem) {
     EXPECT_TRUE(cleared());
 }
 
-TEST_F(PosixFSTest, NotImplemented_LeavesErrno) {
+TEST_F(PosixFSTest, UnimplementedOperations_KeepErrno) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     const auto directory = fs.opendir("");
     QString response;
     const auto refused = [](int result) {
-        const bool asDocumented = result == -1 && liberrno == NotImplemented && errno == EXDEV;
+        const bool isExpected = result == -1 && liberrno == NotImplemented && errno == EXDEV;
         liberrno = Ok;
-        return asDocumented;
+        return isExpected;
     };
     errno = EXDEV;
     EXPECT_TRUE(refused(fs.addWatch("/")));
@@ -193,7 +194,7 @@ TEST_F(PosixFSTest, Symlink_TargetIsNotMapped) {
     EXPECT_STREQ(buf, "t");
 }
 
-TEST_F(PosixFSTest, ReadlinkOfLongestTarget_WholeText) {
+TEST_F(PosixFSTest, ReadlinkOfLongestTarget_ReturnsAllOfIt) {
     const QString longest(4095, 'x');
     ASSERT_EQ(fs.symlink(longest, "/l"), 0);
     QString target;
@@ -209,7 +210,7 @@ TEST_F(PosixFSTest, ReadlinkOfTargetWithByteOrderMark_KeepsIt) {
     EXPECT_EQ(target, marked);
 }
 
-TEST_F(PosixFSTest, ReadlinkFails_TargetIsEmptyAndErrnoStands) {
+TEST_F(PosixFSTest, ReadlinkFails_TargetIsEmptyAndErrnoIsSet) {
     QString target = "before";
     EXPECT_EQ(fs.readlink("/missing", target), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -230,7 +231,7 @@ TEST_F(PosixFSTest, ListxattrFails_NamesUnchanged) {
     EXPECT_EQ(names, QVector<QString>{"before"});
 }
 
-TEST_F(PosixFSTest, Listxattr_AsManyTextsAsTheListHasBytes) {
+TEST_F(PosixFSTest, Listxattr_AppendsAsManyStringsAsBytes) {
     ASSERT_TRUE(fs.open("/f", O_WRONLY | O_CREAT, 0644));
     char value = 'v';
     ASSERT_EQ(fs.setxattr("/f", "user.b", &value, 1, 0), 0) << std::strerror(errno);
@@ -245,17 +246,17 @@ TEST_F(PosixFSTest, Listxattr_AsManyTextsAsTheListHasBytes) {
 
 namespace {
 
-/// Overrides the list that the vector form is made from.
+/// Overrides the buffer form of listxattr(), which the vector form calls.
 class ListingFS : public PosixFS {
 public:
     ListingFS() : PosixFS(QString()) {}
     using PosixFS::listxattr;
-    int listxattr(QString, char* list, unsigned int size) override {
+    int listxattr(QString, char* buf, unsigned int size) override {
         asked = size;
-        std::memcpy(list, text.data(), std::min<size_t>(text.size(), size));
+        std::memcpy(buf, list.data(), std::min<size_t>(list.size(), size));
         return result;
     }
-    std::string text;
+    std::string list;
     int result = 0;
     unsigned int asked = 0;
 };
@@ -264,7 +265,7 @@ public:
 
 TEST_F(PosixFSTest, ListxattrOverridden_VectorFormUsesIt) {
     ListingFS listing;
-    listing.text = std::string("user.x\0user.y\0", 14);
+    listing.list = std::string("user.x\0user.y\0", 14);
     listing.result = 14;
     QVector<QString> names;
     EXPECT_EQ(listing.listxattr("/any", names), 14);
@@ -277,7 +278,7 @@ TEST_F(PosixFSTest, ListxattrOverridden_VectorFormUsesIt) {
 
 TEST_F(PosixFSTest, ListxattrOfNameWithByteOrderMark_KeepsIt) {
     ListingFS listing;
-    listing.text = std::string("\xEF\xBB\xBFn") + '\0';
+    listing.list = std::string("\xEF\xBB\xBFn") + '\0';
     listing.result = 5;
     QVector<QString> names;
     EXPECT_EQ(listing.listxattr("/any", names), 5);
@@ -286,8 +287,8 @@ TEST_F(PosixFSTest, ListxattrOfNameWithByteOrderMark_KeepsIt) {
 
 TEST_F(PosixFSTest, ListxattrFillsTheBuffer_ReadsStayInside) {
     ListingFS listing;
-    // Without a single terminator: one name as long as the buffer, then empty texts.
-    listing.text = std::string(65536, 'x');
+    // Without a terminator: one name as long as the buffer, then empty names.
+    listing.list = std::string(65536, 'x');
     listing.result = 65536;
     QVector<QString> names;
     EXPECT_EQ(listing.listxattr("/any", names), 65536);
@@ -297,12 +298,12 @@ TEST_F(PosixFSTest, ListxattrFillsTheBuffer_ReadsStayInside) {
     EXPECT_EQ(names.last(), "");
 }
 
-TEST_F(PosixFSTest, CloseTwice_SecondMakesNoSystemCall) {
+TEST_F(PosixFSTest, CloseTwice_CallsTheSystemOnce) {
     const int fd = ::open(qPrintable(dir / "f"), O_RDWR | O_CREAT, 0644);
     ASSERT_GE(fd, 0);
     PosixFile file(fd);
     EXPECT_EQ(file.close(), 0);
-    // The number now belongs to somebody else, whom a second close must not hit.
+    // The number now belongs to another file, which a second close(2) would close.
     const int reused = ::open(qPrintable(dir / "g"), O_RDWR | O_CREAT, 0644);
     ASSERT_EQ(reused, fd);
     EXPECT_EQ(file.close(), 0);
@@ -310,7 +311,7 @@ TEST_F(PosixFSTest, CloseTwice_SecondMakesNoSystemCall) {
     ::close(reused);
 }
 
-TEST_F(PosixFSTest, CloseByTwoThreads_OnlyOneSystemCall) {
+TEST_F(PosixFSTest, CloseByTwoThreads_CallsTheSystemOnce) {
     std::atomic<int> failures{0};
     for (int round = 0; round < 1000; ++round) {
         const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
@@ -319,7 +320,7 @@ TEST_F(PosixFSTest, CloseByTwoThreads_OnlyOneSystemCall) {
             ++ready;
             while (ready < 2)
                 continue;
-            // A second close(2) of the number would fail with EBADF, or hit another file.
+            // A second close(2) would fail with EBADF or close another file.
             failures += file->close() != 0;
         };
         std::thread other(close);
@@ -329,7 +330,7 @@ TEST_F(PosixFSTest, CloseByTwoThreads_OnlyOneSystemCall) {
     EXPECT_EQ(failures, 0);
 }
 
-TEST_F(PosixFSTest, DirectoryLastHolderGone_StreamIsClosed) {
+TEST_F(PosixFSTest, LastReferenceToDirectoryReleased_StreamIsClosed) {
     DIR* const stream = ::opendir(qPrintable(dir.path()));
     ASSERT_NE(stream, nullptr);
     const int fd = ::dirfd(stream);
@@ -339,14 +340,14 @@ TEST_F(PosixFSTest, DirectoryLastHolderGone_StreamIsClosed) {
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(PosixFSTest, CloseFails_FileIsClosedAllTheSame) {
+TEST_F(PosixFSTest, CloseFails_FileIsClosed) {
     PosixFile file(1 << 20);
     EXPECT_EQ(file.close(), -1);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(file.close(), 0);
 }
 
-TEST_F(PosixFSTest, LastHolderGone_DescriptorIsClosed) {
+TEST_F(PosixFSTest, LastReferenceReleased_DescriptorIsClosed) {
     const int fd = ::open(qPrintable(dir / "f"), O_RDWR | O_CREAT, 0644);
     ASSERT_GE(fd, 0);
     auto file = QSharedPointer<PosixFile>::create(fd);
@@ -355,15 +356,15 @@ TEST_F(PosixFSTest, LastHolderGone_DescriptorIsClosed) {
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(PosixFSTest, ClosedFile_SystemSaysEBADF) {
+TEST_F(PosixFSTest, ClosedFile_OperationsFailWithEBADF) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     file->close();
     char byte = 0;
     struct stat st;
     const auto badf = [](long long result) {
-        const bool asDocumented = result == -1 && errno == EBADF;
+        const bool isExpected = result == -1 && errno == EBADF;
         errno = 0;
-        return asDocumented;
+        return isExpected;
     };
     EXPECT_TRUE(badf(file->read(&byte, 1)));
     EXPECT_TRUE(badf(file->write(&byte, 1)));
@@ -379,7 +380,7 @@ TEST_F(PosixFSTest, ClosedFile_SystemSaysEBADF) {
     EXPECT_TRUE(badf(file->fchmod(0600)));
 }
 
-TEST_F(PosixFSTest, FcntlDuplicate_SystemDescriptorOfTheSameFile) {
+TEST_F(PosixFSTest, FcntlDuplicate_ReturnsDescriptorOfTheSameFile) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     ASSERT_EQ(file->write("abc", 3), 3);
     const int duplicate = file->fcntl(F_DUPFD_CLOEXEC, 100L);
@@ -391,7 +392,7 @@ TEST_F(PosixFSTest, FcntlDuplicate_SystemDescriptorOfTheSameFile) {
     ::close(duplicate);
 }
 
-TEST_F(PosixFSTest, FcntlGetLock_AnswerComesBackThroughThePointer) {
+TEST_F(PosixFSTest, FcntlGetLock_FillsTheRecordAtThePointer) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     struct flock lock = {};
     lock.l_type = F_WRLCK;
@@ -406,11 +407,11 @@ TEST_F(PosixFSTest, FcntlGetLock_AnswerComesBackThroughThePointer) {
 TEST_F(PosixFSTest, HugeCount_IsShortNotWrapped) {
     constexpr unsigned int huge = 0xffffffffU;
     if (sizeof(void*) == 4)
-        GTEST_SKIP() << "no buffer of 4 GiB fits into 32 bits of address space";
+        GTEST_SKIP() << "no buffer of 4 GiB in a 32-bit address space";
     void* const buf =
         ::mmap(nullptr, huge, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(buf, MAP_FAILED);
-    // Takes what it is given without looking at it, up to the most that the system moves at once.
+    // /dev/null does not read the buffer. The kernel transfers at most 0x7ffff000 bytes at once.
     const auto file = PosixFS(QString()).open("/dev/null", O_WRONLY, 0);
     ASSERT_TRUE(file);
     EXPECT_EQ(file->write(buf, huge), 0x7ffff000);
@@ -418,7 +419,7 @@ TEST_F(PosixFSTest, HugeCount_IsShortNotWrapped) {
     ::munmap(buf, huge);
 }
 
-TEST_F(PosixFSTest, NullBuffer_EFAULT) {
+TEST_F(PosixFSTest, NullBuffer_FailsWithEFAULT) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     ASSERT_EQ(file->write("abc", 3), 3);
     EXPECT_EQ(file->pread(nullptr, 3, 0), -1);
@@ -427,7 +428,7 @@ TEST_F(PosixFSTest, NullBuffer_EFAULT) {
     EXPECT_EQ(errno, EFAULT);
 }
 
-TEST_F(PosixFSTest, NegativeLengthsAndOffsets_EINVAL) {
+TEST_F(PosixFSTest, NegativeLengthsAndOffsets_FailWithEINVAL) {
     const auto file = fs.open("/f", O_RDWR | O_CREAT, 0644);
     char byte = 0;
     EXPECT_EQ(file->ftruncate(-1), -1);
@@ -446,7 +447,7 @@ TEST_F(PosixFSTest, NegativeLengthsAndOffsets_EINVAL) {
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST_F(PosixFSTest, NulInAttributeNameOrTarget_EINVAL) {
+TEST_F(PosixFSTest, NulInAttributeNameOrTarget_FailsWithEINVAL) {
     ASSERT_TRUE(fs.open("/f", O_WRONLY | O_CREAT, 0644));
     const QString nul = QStringLiteral("user.a") + QChar(QChar::Null);
     char byte = 0;
@@ -471,7 +472,7 @@ TEST_F(PosixFSTest, NullQString_IsTheEmptyPath) {
     EXPECT_TRUE(S_ISDIR(st.st_mode));
 }
 
-TEST_F(PosixFSTest, NullStream_DirectoryThatNeverOpened) {
+TEST_F(PosixFSTest, NullStream_IsClosedDirectory) {
     PosixDir directory(nullptr);
     EXPECT_EQ(directory.readdir(), nullptr);
     EXPECT_EQ(directory.rewinddir(), 0);

@@ -1,4 +1,4 @@
-// The order of the virtual functions, which programs built against the library depend on.
+// The order of the virtual functions: part of the ABI of the library.
 
 #include "support/suite/slots.h"
 
@@ -16,7 +16,7 @@ using test::slotOf;
 // Virtual destructors take two entries of the table.
 constexpr int destructor = 2;
 
-TEST(Slots, FS_InOrder) {
+TEST(Slots, FS_SlotsAreInOrder) {
     int slot = 0;
     EXPECT_EQ(slotOf(&FS::addWatch), slot++);
     EXPECT_EQ(slotOf(&FS::remWatch), slot++);
@@ -46,7 +46,7 @@ TEST(Slots, FS_InOrder) {
     EXPECT_EQ(slot, 25);
 }
 
-TEST(Slots, FSSwitch_BehindThoseOfFSAndItsDestructor) {
+TEST(Slots, FSSwitch_SlotsFollowFSAndItsDestructor) {
     int slot = 25 + destructor;
     EXPECT_EQ(slotOf(&FSSwitch::add), slot++);
     EXPECT_EQ(slotOf(&FSSwitch::remove), slot++);
@@ -54,7 +54,7 @@ TEST(Slots, FSSwitch_BehindThoseOfFSAndItsDestructor) {
     EXPECT_EQ(slotOf(&FSSwitch::getMountPoints), slot++);
 }
 
-TEST(Slots, Smb2FS_BehindThoseOfFSAndItsDestructor) {
+TEST(Slots, Smb2FS_SlotsFollowFSAndItsDestructor) {
     int slot = 25 + destructor;
     EXPECT_EQ(slotOf(&Smb2FS::connect), slot++);
     EXPECT_EQ(slotOf(&Smb2FS::disconnect), slot++);
@@ -62,7 +62,7 @@ TEST(Slots, Smb2FS_BehindThoseOfFSAndItsDestructor) {
     EXPECT_EQ(slotOf(&Smb2FS::getDialect), slot++);
 }
 
-TEST(Slots, File_InOrder) {
+TEST(Slots, File_SlotsAreInOrder) {
     int slot = 0;
     EXPECT_EQ(slotOf(&File::read), slot++);
     EXPECT_EQ(slotOf(&File::write), slot++);
@@ -83,7 +83,7 @@ TEST(Slots, File_InOrder) {
     EXPECT_EQ(slot, 16);
 }
 
-TEST(Slots, Directory_InOrder) {
+TEST(Slots, Directory_SlotsAreInOrder) {
     int slot = 0;
     EXPECT_EQ(slotOf(&Directory::readdir), slot++);
     EXPECT_EQ(slotOf(&Directory::rewinddir), slot++);
@@ -93,25 +93,25 @@ TEST(Slots, Directory_InOrder) {
     EXPECT_EQ(slot, 5);
 }
 
-TEST(Slots, Smb2Dir_BehindThoseOfDirectoryAndItsDestructor) {
+TEST(Slots, Smb2Dir_SlotsFollowDirectoryAndItsDestructor) {
     EXPECT_EQ(slotOf(&Smb2Dir::isOpen), 5 + destructor);
 }
 
-// What a class derived behind the library's own destructors sees.
+// The next virtual function of a derived class takes the slot after the destructors.
 template <class Base>
 struct Extended : Base {
-    virtual void behind();
+    virtual void added();
 };
 
-TEST(Slots, Destructors_ComeLast) {
-    EXPECT_EQ(slotOf(&Extended<FS>::behind), 25 + destructor);
-    EXPECT_EQ(slotOf(&Extended<File>::behind), 16 + destructor);
-    EXPECT_EQ(slotOf(&Extended<Directory>::behind), 5 + destructor);
-    EXPECT_EQ(slotOf(&Extended<FSSwitch>::behind), 29 + destructor);
-    EXPECT_EQ(slotOf(&Extended<FDAdapter>::behind), 38 + destructor);
+TEST(Slots, Destructors_AreLast) {
+    EXPECT_EQ(slotOf(&Extended<FS>::added), 25 + destructor);
+    EXPECT_EQ(slotOf(&Extended<File>::added), 16 + destructor);
+    EXPECT_EQ(slotOf(&Extended<Directory>::added), 5 + destructor);
+    EXPECT_EQ(slotOf(&Extended<FSSwitch>::added), 29 + destructor);
+    EXPECT_EQ(slotOf(&Extended<FDAdapter>::added), 38 + destructor);
 }
 
-TEST(Slots, FDAdapter_InOrder) {
+TEST(Slots, FDAdapter_SlotsAreInOrder) {
     int slot = 0;
     EXPECT_EQ(slotOf(&FDAdapter::lstat), slot++);
     EXPECT_EQ(slotOf(&FDAdapter::stat), slot++);

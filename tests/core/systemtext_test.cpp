@@ -1,3 +1,4 @@
+// Conversion of strings between Qt and the system.
 #include "core/systemtext_p.h"
 #include "support/system/localecodec.h"
 
@@ -7,7 +8,7 @@
 
 namespace oru::io {
 
-TEST(SystemText, ToSystem_Utf8) {
+TEST(SystemText, ToSystem_EncodesAsUtf8) {
     SystemText utf8;
     EXPECT_TRUE(toSystem(QStringLiteral("/plain"), utf8));
     EXPECT_STREQ(utf8.constData(), "/plain");
@@ -21,7 +22,7 @@ TEST(SystemText, ToSystem_Utf8) {
     EXPECT_STREQ(utf8.constData(), "\xc2\x80");
 }
 
-TEST(SystemText, ToSystemOfAnyLength_WholeAndTerminated) {
+TEST(SystemText, ToSystemOfAnyLength_IsCompleteAndTerminated) {
     SystemText utf8;
     for (const int length : {254, 255, 256, 257, 5000}) {
         EXPECT_TRUE(toSystem(QString(length, 'x'), utf8));
@@ -31,31 +32,31 @@ TEST(SystemText, ToSystemOfAnyLength_WholeAndTerminated) {
     }
 }
 
-TEST(SystemText, ToSystemWithNul_EINVAL) {
+TEST(SystemText, ToSystemWithNul_FailsWithEINVAL) {
     SystemText utf8;
     for (const int at : {0, 1, 2}) {
-        QString text = "ab";
-        text.insert(at, QChar(QChar::Null));
+        QString string = "ab";
+        string.insert(at, QChar(QChar::Null));
         errno = 0;
-        EXPECT_FALSE(toSystem(text, utf8));
+        EXPECT_FALSE(toSystem(string, utf8));
         EXPECT_EQ(errno, EINVAL);
     }
 }
 
-TEST(SystemText, ToSystemInvalidUtf16_EILSEQ) {
+TEST(SystemText, ToSystemInvalidUtf16_FailsWithEILSEQ) {
     SystemText utf8;
     const QChar high(0xd83c);
     const QChar low(0xdfac);
-    for (const QString& text : {QString(high), QString(low), QString(low) + high,
-                                QStringLiteral("a") + high + QStringLiteral("b")}) {
+    for (const QString& string : {QString(high), QString(low), QString(low) + high,
+                                  QStringLiteral("a") + high + QStringLiteral("b")}) {
         errno = 0;
-        EXPECT_FALSE(toSystem(text, utf8));
+        EXPECT_FALSE(toSystem(string, utf8));
         EXPECT_EQ(errno, EILSEQ);
     }
     EXPECT_TRUE(toSystem(QString(high) + low, utf8));
 }
 
-TEST(SystemText, CrossesThroughQt_WhatTheLocaleWritesAsUtf8) {
+TEST(SystemText, QtEncodesAsUtf8_DependsOnTheLocale) {
     const QString umlauts = QString::fromUtf8("bä");
     {
         const test::LocaleCodec latin("ISO-8859-1");
@@ -75,53 +76,53 @@ TEST(SystemText, CrossesThroughQt_WhatTheLocaleWritesAsUtf8) {
     EXPECT_EQ(errno, EILSEQ);
 }
 
-TEST(SystemText, FromSystem_RoundTrip) {
+TEST(SystemText, FromSystem_DecodesUtf8) {
     for (const char* utf8 : {"", "/plain", "/Ä/録画/🎬", "\xEF\xBB\xBFmark", "\xEF\xBF\xBD"}) {
-        QString text = "before";
-        EXPECT_TRUE(fromSystem(utf8, text)) << utf8;
-        EXPECT_EQ(text.toUtf8(), utf8);
+        QString string = "before";
+        EXPECT_TRUE(fromSystem(utf8, string)) << utf8;
+        EXPECT_EQ(string.toUtf8(), utf8);
     }
 }
 
-TEST(SystemText, FromSystemNull_EFAULT) {
-    QString text = "before";
+TEST(SystemText, FromSystemNull_FailsWithEFAULT) {
+    QString string = "before";
     errno = 0;
-    EXPECT_FALSE(fromSystem(nullptr, text));
+    EXPECT_FALSE(fromSystem(nullptr, string));
     EXPECT_EQ(errno, EFAULT);
-    EXPECT_EQ(text, "before");
+    EXPECT_EQ(string, "before");
 }
 
-TEST(SystemText, FromSystemEndless_ENAMETOOLONG) {
+TEST(SystemText, FromSystemTooLong_FailsWithENAMETOOLONG) {
     const QByteArray longest(1 << 20, 'x');
-    QString text = "before";
-    EXPECT_TRUE(fromSystem(longest.constData(), text));
-    EXPECT_EQ(text.size(), longest.size());
-    text = "before";
+    QString string = "before";
+    EXPECT_TRUE(fromSystem(longest.constData(), string));
+    EXPECT_EQ(string.size(), longest.size());
+    string = "before";
     errno = 0;
-    EXPECT_FALSE(fromSystem((longest + 'x').constData(), text));
+    EXPECT_FALSE(fromSystem((longest + 'x').constData(), string));
     EXPECT_EQ(errno, ENAMETOOLONG);
-    EXPECT_EQ(text, "before");
+    EXPECT_EQ(string, "before");
 }
 
-TEST(SystemText, FromSystemInvalidUtf8_EILSEQ) {
+TEST(SystemText, FromSystemInvalidUtf8_FailsWithEILSEQ) {
     const char* const invalid[] = {
         "\xff",             // never a part of UTF-8
-        "a\x80",            // a continuation without its start
-        "\xc3",             // cut off
-        "\xc0\xaf",         // a slash, too long
-        "\xed\xa0\x80",     // half a surrogate pair
+        "a\x80",            // a continuation byte without a start
+        "\xc3",             // truncated
+        "\xc0\xaf",         // a slash, overlong
+        "\xed\xa0\x80",     // a surrogate
         "\xf4\x90\x80\x80", // beyond U+10FFFF
     };
     for (const char* utf8 : invalid) {
-        QString text = "before";
+        QString string = "before";
         errno = 0;
-        EXPECT_FALSE(fromSystem(utf8, text));
+        EXPECT_FALSE(fromSystem(utf8, string));
         EXPECT_EQ(errno, EILSEQ);
-        EXPECT_EQ(text, "before");
+        EXPECT_EQ(string, "before");
     }
 }
 
-TEST(SystemText, Decoded_AllOfItWithReplacements) {
+TEST(SystemText, Decoded_ReplacesInvalidBytes) {
     EXPECT_EQ(decoded("", 0), QString(""));
     EXPECT_EQ(decoded("plain/Ä", 8), QString::fromUtf8("plain/Ä"));
     EXPECT_EQ(decoded("plainly", 5), QString("plain"));

@@ -1,4 +1,4 @@
-// The recorder's ClipWriter on a storage that fails.
+// The recorder's ClipWriter on storage that fails.
 
 #include "common/failure.h"
 #include "recorder/clipwriter.h"
@@ -20,20 +20,21 @@
 namespace oru::io::test {
 namespace {
 
-/// Of the calls that begin a clip: its part is created, the clip is looked for, and its directory
-/// is opened, synced and closed.
+// The numbers of calls that begin a clip. They create the part, look for the clip, and open, sync
+// and close the directory.
 constexpr int openDirectory = 3;
 constexpr int syncDirectory = 4;
 
 class ClipWriterTest : public testing::Test {
 protected:
     ClipWriterTest() : m_destination(optionsFor(m_directory.path())) {
-        // In place of the destination's own; who removes that removes this one.
+        // Replaces the file system of the destination, which removes this one at its end.
         FSSwitch::rootfs()->remove(m_destination.directory());
         FSSwitch::rootfs()->add(m_destination.directory(), m_fs);
     }
 
-    /// Begins a clip while the given call fails. \returns why that failed, empty when it did not.
+    /// Begins a clip while the given call fails. \returns the message of the failure; empty on
+    /// success.
     QString failureOf(int call, int error) {
         m_fs->plan().failCall(call, error);
         try {
@@ -44,7 +45,7 @@ protected:
         return {};
     }
 
-    /// Finishes a clip while the given call fails. \returns as failureOf().
+    /// Finishes a clip while the given call fails. \returns the same as failureOf().
     QString failureToFinish(int call, int error = EIO) {
         const auto clip = ClipWriter::create(m_destination, "clip");
         clip->write("frame", 5);
@@ -77,7 +78,7 @@ private:
     const Destination m_destination;
 };
 
-TEST_F(ClipWriterTest, DirectoryCannotBeSynced_IsAFailure) {
+TEST_F(ClipWriterTest, DirectorySyncFails_ClipFails) {
     for (const int call : {openDirectory, syncDirectory}) {
         const QString message = failureOf(call, EIO);
         EXPECT_TRUE(message.startsWith("cannot sync the directory /")) << qPrintable(message);
@@ -85,7 +86,7 @@ TEST_F(ClipWriterTest, DirectoryCannotBeSynced_IsAFailure) {
     }
 }
 
-TEST_F(ClipWriterTest, StorageSyncsNoDirectories_IsNoFailure) {
+TEST_F(ClipWriterTest, DirectorySyncUnsupported_ClipSucceeds) {
     for (const int error : {EINVAL, EOPNOTSUPP}) {
         EXPECT_EQ(failureOf(openDirectory, error), QString());
         EXPECT_EQ(failureOf(syncDirectory, error), QString());
@@ -96,8 +97,8 @@ TEST_F(ClipWriterTest, StorageSyncsNoDirectories_IsNoFailure) {
     }
 }
 
-/// The file before its directory: a name must not be durable before what it names.
-TEST_F(ClipWriterTest, AnyCallOfFinishFails_TheClipHasItsNameOrLeavesNothing) {
+// The file is synced before its directory: a name must not be durable before its content.
+TEST_F(ClipWriterTest, CallOfFinishFails_ClipHasItsNameOrIsRemoved) {
     const char* const actions[] = {"sync .*/clip\\.part",
                                    "close .*/clip\\.part",
                                    "look for .*/clip",
@@ -119,7 +120,7 @@ TEST_F(ClipWriterTest, AnyCallOfFinishFails_TheClipHasItsNameOrLeavesNothing) {
             << qPrintable(message);
         EXPECT_EQ(namesLeft(), call <= naming ? QStringList() : QStringList("clip"));
     }
-    // As of a clip that its mode lets nobody write.
+    // EACCES: the mode of the clip permits nobody to write.
     EXPECT_EQ(failureToFinish(naming + 1, EACCES), QString());
     EXPECT_EQ(namesLeft(), QStringList("clip"));
 }

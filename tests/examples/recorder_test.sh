@@ -1,7 +1,7 @@
 #!/bin/bash
-# Runs the example recorder the way its users do and checks what they get to see.
+# Runs the example recorder as a user does, and checks its output, its exit status and the clips.
 #
-#   recorder_test.sh RECORDER...     the program, with what starts it in front of it if need be
+#   recorder_test.sh RECORDER...     the program, after the command that starts it, if any
 #
 # Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did.
 set -u
@@ -11,15 +11,15 @@ if [ $# -eq 0 ]; then
     exit 2
 fi
 
-# By its absolute path: one case runs it in another directory.
+# An absolute path: one case runs the program in another directory.
 recorder=("${@:1:$#-1}" "$(realpath "${!#}")")
 man_page=$(dirname "$0")/../../debian/oruio-recorder.1
 # shellcheck source=tests/support/suite/cases.sh
 source "$(dirname "$0")/../support/suite/cases.sh"
 
-# Runs the recorder with the arguments from $2 on, on a tmpfs with the mount options $1 at $clips,
-# in a mount namespace of its own. Leaves the names of the files there in $work/left.
-# Returns 1 when this system lets nobody mount.
+# Runs the recorder with the arguments from $2 on, in a private mount namespace with a tmpfs at
+# $clips. $1 are the mount options. Stores the names of the files in $work/left.
+# Returns 1 when the system does not permit mounting.
 run_on_tmpfs() {
     local options=$1 namespace=-m
     shift
@@ -53,7 +53,7 @@ man_page_explains_every_option() {
     run "${recorder[@]}" --help
     mapfile -t options < <(sed -nE 's/^ +(-[a-z], )?(--[a-z-]+).*/\2/p' "$work/out")
     expect [ "${#options[@]}" -ge 10 ]
-    # What stands in the margin: the lines behind the requests for it.
+    # The tags in the margin: the lines after each .TP.
     tags=$(sed 's/\\-/-/g' "$man_page" | awk 'is_tag { print } { is_tag = $0 == ".TP" }')
     for option in "${options[@]}"; do
         expect grep -qwe "$option" <<<"$tags"
@@ -93,16 +93,16 @@ temporary_directory_is_removed() {
     expect is_empty "$TMPDIR"
 }
 
-temporary_directory_is_kept_on_demand() {
+temporary_directory_is_kept_on_request() {
     run "${recorder[@]}" --size 1M --keep --name kept.oru
     expect_success
     expect has_size "$TMPDIR"/recorder-*/kept.oru 1048576
 }
 
-time_and_rate_are_honoured() {
+time_and_rate_are_used() {
     run "${recorder[@]}" --to "$clips" --seconds 1 --rate 80
     expect_success
-    # 25 frames of 400000 bytes; a busy storage may cost some of them, and some time at the end.
+    # 25 frames of 400000 bytes. Busy storage may drop some, and delay the end.
     local frames seconds
     frames=$(awk '$1 == "frames" { print $2 + 0 }' "$work/out")
     seconds=$(awk '$1 == "duration" { print $2 }' "$work/out")
@@ -156,7 +156,7 @@ changed_clip_is_not_verified() {
 
 full_disk_is_reported() {
     if ! run_on_tmpfs size=4m --size 16M; then
-        skipped="mounting a small file system is not permitted"
+        skipped="needs permission to mount a small file system"
         return
     fi
     expect_error 1 "cannot write $clips/clip-0001\.oru\.part: No space left on device"
@@ -171,7 +171,7 @@ read_only_destination_is_reported() {
         run "${recorder[@]}" --to "$clips" --size 1M
         expect_error 1 "cannot create $clips/clip-0001\.oru\.part: Permission denied"
     else
-        skipped="mounting a read-only file system is not permitted"
+        skipped="needs permission to mount a read-only file system"
     fi
 }
 
@@ -187,7 +187,7 @@ file_as_directory_is_reported() {
     expect_error 1 "cannot use $clips/file: Not a directory"
 }
 
-directories_called_like_something_else_are_reached_by_a_path() {
+directories_named_like_schemes_need_a_path() {
     local name
     for name in ipc smb: location:; do
         mkdir "$clips/$name"
@@ -213,7 +213,7 @@ clip_of_another_recorder_is_refused() {
     expect has_text "$clips/clip.oru.part" precious
 }
 
-file_made_meanwhile_is_not_replaced() {
+file_created_during_recording_is_kept() {
     local recording
     "${recorder[@]}" --to "$clips" --name c --seconds 1 --rate 20 >"$work/out" 2>"$work/err" &
     recording=$!
@@ -243,10 +243,10 @@ bad_arguments_are_refused() {
 
 run_cases help_is_printed man_page_explains_every_option ordinary_run_leaves_a_verified_clip \
     size_need_not_be_whole_frames \
-    clips_are_numbered temporary_directory_is_removed temporary_directory_is_kept_on_demand \
-    time_and_rate_are_honoured syncs_are_reported signal_leaves_a_verified_clip \
+    clips_are_numbered temporary_directory_is_removed temporary_directory_is_kept_on_request \
+    time_and_rate_are_used syncs_are_reported signal_leaves_a_verified_clip \
     changed_clip_is_not_verified \
     full_disk_is_reported read_only_destination_is_reported missing_directory_is_reported \
-    file_as_directory_is_reported directories_called_like_something_else_are_reached_by_a_path \
+    file_as_directory_is_reported directories_named_like_schemes_need_a_path \
     existing_clip_is_refused clip_of_another_recorder_is_refused \
-    file_made_meanwhile_is_not_replaced bad_arguments_are_refused
+    file_created_during_recording_is_kept bad_arguments_are_refused

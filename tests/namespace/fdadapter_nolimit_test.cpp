@@ -1,4 +1,4 @@
-// The descriptor adapter in a process whose limit of system descriptors is unknown.
+// The descriptor adapter in a process with an unknown limit of system descriptors.
 
 #include "support/doubles/recordingfs.h"
 #include "support/system/tempdir.h"
@@ -14,11 +14,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-// The C library's own, under the name that nothing overrides.
+// The C library's sysconf(), by a name that nothing overrides.
 extern "C" long __sysconf(int name) noexcept;
 
-// The library asks this one when it is loaded. So do the sanitizers, before they are ready to watch
-// anything.
+// The library calls this definition when it is loaded. The sanitizers call it before they are
+// initialised, so it is not instrumented.
 extern "C"
     __attribute__((visibility("default"), no_sanitize("address", "thread", "undefined"))) long
     sysconf(int name) noexcept {
@@ -27,7 +27,7 @@ extern "C"
 
 namespace oru::io {
 
-TEST(FDAdapterWithoutLimit, Open_MinusOneThoughTheFileSystemOpened) {
+TEST(FDAdapterWithoutLimit, Open_FailsAfterTheFileSystemOpened) {
     const auto fs = QSharedPointer<test::RecordingFS>::create();
     FDAdapter adapter(fs);
     errno = EXDEV;
@@ -38,7 +38,7 @@ TEST(FDAdapterWithoutLimit, Open_MinusOneThoughTheFileSystemOpened) {
     EXPECT_EQ(fs->take(), QStringList({"open /f 2 0", "~file"}));
 }
 
-TEST(FDAdapterWithoutLimit, OpenedFile_IsClosedAgainAtOnce) {
+TEST(FDAdapterWithoutLimit, OpenedFile_IsClosed) {
     test::TempDir dir;
     FDAdapter adapter(QSharedPointer<PosixFS>::create(dir.path()));
     const int free = dup(0);
@@ -53,28 +53,28 @@ TEST(FDAdapterWithoutLimit, OpenedFile_IsClosedAgainAtOnce) {
 
 namespace {
 
-/// A file that says goodbye with an error of its own.
-class LoudFile : public PosixFile {
+/// A file whose destructor overwrites errno and liberrno.
+class OverwritingFile : public PosixFile {
 public:
-    LoudFile() : PosixFile(-1) {}
-    ~LoudFile() override {
+    OverwritingFile() : PosixFile(-1) {}
+    ~OverwritingFile() override {
         errno = ETXTBSY;
         liberrno = LibraryFailure;
     }
 };
 
-class LoudFS : public test::RecordingFS {
+class OverwritingFS : public test::RecordingFS {
 public:
     QSharedPointer<File> open(QString, int, int) override {
         liberrno = Ok;
-        return QSharedPointer<LoudFile>::create();
+        return QSharedPointer<OverwritingFile>::create();
     }
 };
 
 } // namespace
 
-TEST(FDAdapterWithoutLimit, ReasonOfTheFilesEnd_DoesNotReachTheCaller) {
-    FDAdapter adapter(QSharedPointer<LoudFS>::create());
+TEST(FDAdapterWithoutLimit, FileDestructorOverwritesErrno_CallerKeepsErrno) {
+    FDAdapter adapter(QSharedPointer<OverwritingFS>::create());
     errno = EXDEV;
     EXPECT_EQ(adapter.open("/f", O_RDWR, 0), -1);
     EXPECT_EQ(errno, EXDEV);

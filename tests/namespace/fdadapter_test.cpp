@@ -1,3 +1,4 @@
+// The descriptor adapter and its table.
 #include "support/doubles/faultfs.h"
 #include "support/doubles/memfs.h"
 #include "support/doubles/recordingfs.h"
@@ -25,21 +26,21 @@
 
 namespace {
 
-// What the next descriptor tables of this program are told; unset for what the system says.
-constexpr long asTheSystemSays = -2;
-long openMax = asTheSystemSays;
+// The limit that sysconf() returns for the next descriptor tables; unset: that of the system.
+constexpr long systemLimit = -2;
+long openMax = systemLimit;
 
 } // namespace
 
-// The C library's own, under the name that nothing overrides.
+// The C library's sysconf(), by a name that nothing overrides.
 extern "C" long __sysconf(int name) noexcept;
 
-// The library asks this one, as the program's symbols come before the C library's. So do the
-// sanitizers, before they are ready to watch anything.
+// The library calls this definition, because the symbols of the program precede those of the C
+// library. The sanitizers call it before they are initialised, so it is not instrumented.
 extern "C"
     __attribute__((visibility("default"), no_sanitize("address", "thread", "undefined"))) long
     sysconf(int name) noexcept {
-    return name == _SC_OPEN_MAX && openMax != asTheSystemSays ? openMax : __sysconf(name);
+    return name == _SC_OPEN_MAX && openMax != systemLimit ? openMax : __sysconf(name);
 }
 
 namespace oru::io {
@@ -50,13 +51,13 @@ using test::TempDir;
 
 namespace {
 
-/// The descriptor table as it would be under another limit of system descriptors.
+/// A descriptor table made under another limit of system descriptors.
 class LimitedMap {
 public:
     explicit LimitedMap(long limit) {
         openMax = limit;
         m_map = std::make_unique<FDMap>();
-        openMax = asTheSystemSays;
+        openMax = systemLimit;
     }
     FDMap& operator*() {
         return *m_map;
@@ -89,7 +90,7 @@ protected:
     RecordingFS fs;
 };
 
-TEST_F(FDMapTest, Descriptors_BeginAtTheSystemsLimit) {
+TEST_F(FDMapTest, Descriptors_StartAtTheLimitOfTheSystem) {
     LimitedMap map(1024);
     auto file = newFile();
     EXPECT_EQ(map->add(file), 1024);
@@ -99,7 +100,7 @@ TEST_F(FDMapTest, Descriptors_BeginAtTheSystemsLimit) {
     EXPECT_EQ(map->add(file), 1026);
 }
 
-TEST_F(FDMapTest, LowestFreeNumber_IsHandedOut) {
+TEST_F(FDMapTest, ReleasedNumbers_LowestIsUsedFirst) {
     LimitedMap map(100);
     auto file = newFile();
     for (int fd = 100; fd < 110; ++fd)
@@ -114,7 +115,7 @@ TEST_F(FDMapTest, LowestFreeNumber_IsHandedOut) {
     EXPECT_EQ(map->add(file), 110);
 }
 
-TEST_F(FDMapTest, RandomOpensAndCloses_AlwaysTheLowestFreeNumber) {
+TEST_F(FDMapTest, RandomOpensAndCloses_UseTheLowestFreeNumber) {
     LimitedMap map(1000);
     auto file = newFile();
     std::set<int> open;
@@ -136,7 +137,7 @@ TEST_F(FDMapTest, RandomOpensAndCloses_AlwaysTheLowestFreeNumber) {
     }
 }
 
-TEST_F(FDMapTest, NoUpperBound_BeyondFourThousandAndNinetySix) {
+TEST_F(FDMapTest, TenThousandFiles_AllGetDescriptors) {
     LimitedMap map(1024);
     auto file = newFile();
     for (int i = 0; i < 10000; ++i)
@@ -150,13 +151,13 @@ TEST_F(FDMapTest, UnknownLimit_EveryAddFails) {
     EXPECT_EQ(map->add(file), -1);
     EXPECT_EQ(errno, EXDEV);
     EXPECT_EQ(map->get(-1), nullptr);
-    // The table has not kept it: with its opener it is gone, and closed.
+    // The table holds no reference: releasing the last one destroys the file.
     fs.take();
     file.reset();
     EXPECT_EQ(fs.take(), QStringList{"~file"});
 }
 
-TEST_F(FDMapTest, NumbersUsedUp_EMFILE) {
+TEST_F(FDMapTest, NumbersExhausted_FailsWithEMFILE) {
     LimitedMap map(std::numeric_limits<int>::max() - 1);
     auto file = newFile();
     EXPECT_EQ(map->add(file), std::numeric_limits<int>::max() - 1);
@@ -168,7 +169,7 @@ TEST_F(FDMapTest, NumbersUsedUp_EMFILE) {
     EXPECT_EQ(map->add(file), std::numeric_limits<int>::max() - 1);
 }
 
-TEST_F(FDMapTest, AddNull_MinusOne) {
+TEST_F(FDMapTest, AddNull_Fails) {
     LimitedMap map(1024);
     QSharedPointer<File> none;
     EXPECT_EQ(map->add(none), -1);
@@ -177,7 +178,7 @@ TEST_F(FDMapTest, AddNull_MinusOne) {
     EXPECT_EQ(errno, EXDEV);
 }
 
-TEST_F(FDMapTest, Get_SetsLiberrnoAndLeavesErrno) {
+TEST_F(FDMapTest, Get_SetsLiberrnoAndKeepsErrno) {
     LimitedMap map(1024);
     auto file = newFile();
     const int fd = map->add(file);
@@ -191,12 +192,12 @@ TEST_F(FDMapTest, Get_SetsLiberrnoAndLeavesErrno) {
 
 namespace {
 
-/// A file that does what it is told while it is used and while it closes.
-class ActingFile : public PosixFile {
+/// A file that calls functions of the test in flock() and close().
+class CallbackFile : public PosixFile {
 public:
-    ActingFile() : PosixFile(-1) {}
-    /// Leaves its own behind, as closing does.
-    ~ActingFile() override {
+    CallbackFile() : PosixFile(-1) {}
+    /// Overwrites errno and liberrno, as closing may.
+    ~CallbackFile() override {
         errno = ETXTBSY;
         liberrno = NotFound;
     }
@@ -218,20 +219,20 @@ public:
 
 } // namespace
 
-TEST_F(FDMapTest, Remove_CloseMayUseTheTableAndItsReasonStands) {
+TEST_F(FDMapTest, Remove_CloseMayUseTheTableAndItsErrnoStands) {
     LimitedMap map(1024);
-    auto acting = QSharedPointer<ActingFile>::create();
-    const QWeakPointer<ActingFile> weak = acting;
+    auto callback = QSharedPointer<CallbackFile>::create();
+    const QWeakPointer<CallbackFile> weak = callback;
     ErrorCode whenClosing = LibraryFailure;
-    acting->onClose = [&] {
+    callback->onClose = [&] {
         whenClosing = liberrno;
-        // Would hang if the table were locked.
+        // This would deadlock if the table were locked.
         EXPECT_EQ(map->get(1024), nullptr);
     };
-    QSharedPointer<File> file = acting;
+    QSharedPointer<File> file = callback;
     ASSERT_EQ(map->add(file), 1024);
     file.reset();
-    acting.reset();
+    callback.reset();
     liberrno = NotFound;
     EXPECT_EQ(map->remove(1024), -1);
     EXPECT_EQ(errno, EDOM);
@@ -276,7 +277,7 @@ TEST_F(FDMapTest, Remove_ClosesOnceAndReturnsItsResult) {
     EXPECT_EQ(fs.take(), QStringList{"~file"});
 }
 
-TEST_F(FDMapTest, Directories_HandleIsTheAddress) {
+TEST_F(FDMapTest, AddDirectory_HandleIsTheAddress) {
     LimitedMap map(1024);
     auto dir = fs.opendir("/d");
     fs.take();
@@ -310,7 +311,7 @@ protected:
     FDAdapter adapter{fs};
 };
 
-TEST_F(FDAdapterTest, PathOperations_GetTextAndEveryArgument) {
+TEST_F(FDAdapterTest, PathOperations_PassEveryArgument) {
     struct stat st;
     struct statfs sfs;
     char buf[8];
@@ -343,7 +344,7 @@ TEST_F(FDAdapterTest, PathOperations_GetTextAndEveryArgument) {
     EXPECT_EQ(adapter.type(), "RecordingFS");
 }
 
-TEST_F(FDAdapterTest, DescriptorOperations_ReachTheFileWithEveryArgument) {
+TEST_F(FDAdapterTest, DescriptorOperations_PassEveryArgument) {
     struct stat st;
     char buf[8];
     QString response;
@@ -402,14 +403,14 @@ TEST_F(FDAdapterTest, Creat_CallsTheVirtualOpen) {
     EXPECT_EQ(overriding.opened, "/f 577 384");
 }
 
-TEST_F(FDAdapterTest, UnknownDescriptor_NotFoundWithErrnoUntouched) {
+TEST_F(FDAdapterTest, UnknownDescriptor_FailsWithNotFoundAndKeepsErrno) {
     struct stat st;
     char buf[8];
     QString response;
     const auto notFound = [](long long result) {
-        const bool asDocumented = result == -1 && liberrno == NotFound && errno == EXDEV;
+        const bool isExpected = result == -1 && liberrno == NotFound && errno == EXDEV;
         liberrno = Ok;
-        return asDocumented;
+        return isExpected;
     };
     for (const int fd :
          {3, -1, 0, std::numeric_limits<int>::max(), std::numeric_limits<int>::min(), 999999}) {
@@ -431,15 +432,15 @@ TEST_F(FDAdapterTest, UnknownDescriptor_NotFoundWithErrnoUntouched) {
     EXPECT_EQ(fs->take(), QStringList());
 }
 
-TEST_F(FDAdapterTest, NullPointers_EFAULTAndTheFileSystemIsNotAsked) {
+TEST_F(FDAdapterTest, NullPointers_FailWithEFAULTWithoutACall) {
     struct stat st;
     struct statfs sfs;
     char buf[8];
     const auto fault = [](bool failed) {
-        const bool asDocumented = failed && errno == EFAULT && liberrno == Ok;
+        const bool isExpected = failed && errno == EFAULT && liberrno == Ok;
         errno = 0;
         liberrno = NotFound;
-        return asDocumented;
+        return isExpected;
     };
     fault(false);
     EXPECT_TRUE(fault(adapter.lstat(nullptr, &st) == -1));
@@ -479,7 +480,7 @@ TEST_F(FDAdapterTest, NullPointers_EFAULTAndTheFileSystemIsNotAsked) {
     EXPECT_EQ(adapter.close(fd), 0);
 }
 
-TEST_F(FDAdapterTest, InvalidUtf8_EILSEQAndTheFileSystemIsNotAsked) {
+TEST_F(FDAdapterTest, InvalidUtf8_FailsWithEILSEQWithoutACall) {
     struct stat st;
     EXPECT_EQ(adapter.stat("/\xff", &st), -1);
     EXPECT_EQ(errno, EILSEQ);
@@ -494,7 +495,7 @@ TEST_F(FDAdapterTest, InvalidUtf8_EILSEQAndTheFileSystemIsNotAsked) {
     EXPECT_EQ(fs->take(), QStringList());
 }
 
-TEST_F(FDAdapterTest, OpenClearsLiberrno_BeforeTheFileSystemIsAsked) {
+TEST_F(FDAdapterTest, Open_ClearsLiberrnoFirst) {
     liberrno = NotFound;
     fs->answerWith(-1);
     EXPECT_EQ(adapter.open("/f", O_RDONLY, 0), -1);
@@ -503,11 +504,11 @@ TEST_F(FDAdapterTest, OpenClearsLiberrno_BeforeTheFileSystemIsAsked) {
 
 namespace {
 
-/// A directory that does what it is told while it is read.
-class ActingDirectory : public PosixDir {
+/// A directory that calls a function of the test in readdir().
+class CallbackDirectory : public PosixDir {
 public:
-    ActingDirectory() : PosixDir(nullptr) {}
-    ~ActingDirectory() override {
+    CallbackDirectory() : PosixDir(nullptr) {}
+    ~CallbackDirectory() override {
         errno = ETXTBSY;
         liberrno = NotFound;
     }
@@ -521,7 +522,7 @@ public:
 };
 
 /// Opens one given file and one given directory.
-class GivingFS : public RecordingFS {
+class SingleUseFS : public RecordingFS {
 public:
     QSharedPointer<File> file;
     QSharedPointer<File> open(QString, int, int) override {
@@ -535,15 +536,15 @@ public:
 
 } // namespace
 
-TEST_F(FDAdapterTest, ClosedDuringACall_ReasonOutlivesTheFile) {
-    const auto giving = QSharedPointer<GivingFS>::create();
-    FDAdapter over(giving);
-    auto acting = QSharedPointer<ActingFile>::create();
-    const QWeakPointer<ActingFile> weak = acting;
+TEST_F(FDAdapterTest, ClosedDuringCall_ErrnoOfTheCallStands) {
+    const auto single = QSharedPointer<SingleUseFS>::create();
+    FDAdapter over(single);
+    auto callback = QSharedPointer<CallbackFile>::create();
+    const QWeakPointer<CallbackFile> weak = callback;
     int fd = -1;
-    acting->onFlock = [&] { over.close(fd); };
-    giving->file = acting;
-    acting.reset();
+    callback->onFlock = [&] { over.close(fd); };
+    single->file = callback;
+    callback.reset();
     fd = over.open("/f", O_RDWR, 0);
     ASSERT_NE(fd, -1);
     EXPECT_EQ(over.flock(fd, 1), -1);
@@ -552,15 +553,15 @@ TEST_F(FDAdapterTest, ClosedDuringACall_ReasonOutlivesTheFile) {
     EXPECT_EQ(liberrno, NotImplemented);
 }
 
-TEST_F(FDAdapterTest, ClosedDuringReaddir_ReasonOutlivesTheDirectory) {
-    const auto giving = QSharedPointer<GivingFS>::create();
-    FDAdapter over(giving);
-    auto acting = QSharedPointer<ActingDirectory>::create();
-    const QWeakPointer<ActingDirectory> weak = acting;
+TEST_F(FDAdapterTest, ClosedDuringReaddir_ErrnoOfReaddirStands) {
+    const auto single = QSharedPointer<SingleUseFS>::create();
+    FDAdapter over(single);
+    auto callback = QSharedPointer<CallbackDirectory>::create();
+    const QWeakPointer<CallbackDirectory> weak = callback;
     void* handle = nullptr;
-    acting->onReaddir = [&] { EXPECT_EQ(over.closedir(handle), 0); };
-    giving->directory = acting;
-    acting.reset();
+    callback->onReaddir = [&] { EXPECT_EQ(over.closedir(handle), 0); };
+    single->directory = callback;
+    callback.reset();
     handle = over.opendir("/d");
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(over.readdir(handle), nullptr);
@@ -569,7 +570,7 @@ TEST_F(FDAdapterTest, ClosedDuringReaddir_ReasonOutlivesTheDirectory) {
     EXPECT_TRUE(weak.isNull());
 }
 
-TEST_F(FDAdapterTest, OpenRefused_ReasonOfTheFileSystemStands) {
+TEST_F(FDAdapterTest, OpenFails_ErrnoOfTheFileSystemStands) {
     FDAdapter memory(QSharedPointer<MemFS>::create());
     liberrno = NotFound;
     EXPECT_EQ(memory.open("/missing", O_RDONLY, 0), -1);
@@ -577,7 +578,7 @@ TEST_F(FDAdapterTest, OpenRefused_ReasonOfTheFileSystemStands) {
     EXPECT_EQ(liberrno, Ok);
 }
 
-TEST_F(FDAdapterTest, OverSwitchWithoutMount_NotFoundWithErrnoUntouched) {
+TEST_F(FDAdapterTest, OverSwitchWithoutMount_FailsWithNotFoundAndKeepsErrno) {
     FDAdapter empty(QSharedPointer<FSSwitch>::create());
     EXPECT_EQ(empty.open("/f", O_RDONLY, 0), -1);
     EXPECT_EQ(liberrno, NotFound);
@@ -587,7 +588,7 @@ TEST_F(FDAdapterTest, OverSwitchWithoutMount_NotFoundWithErrnoUntouched) {
     EXPECT_EQ(empty.type(), "FSSwitchFS");
 }
 
-TEST_F(FDAdapterTest, NullFileSystem_NothingIsFound) {
+TEST_F(FDAdapterTest, NullFileSystem_FailsWithNotFound) {
     FDAdapter none{QSharedPointer<FS>()};
     struct stat st;
     EXPECT_EQ(none.stat("/", &st), -1);
@@ -596,7 +597,7 @@ TEST_F(FDAdapterTest, NullFileSystem_NothingIsFound) {
     none.sync();
 }
 
-TEST_F(FDAdapterTest, Directories_OpenReadRewindClose) {
+TEST_F(FDAdapterTest, Directory_IsOpenedReadRewoundAndClosed) {
     FDAdapter memory(QSharedPointer<MemFS>::create());
     ASSERT_EQ(memory.mkdir("/a", 0755), 0);
     void* const handle = memory.opendir("/");
@@ -616,7 +617,7 @@ TEST_F(FDAdapterTest, Directories_OpenReadRewindClose) {
     EXPECT_EQ(memory.closedir(handle), 0);
 }
 
-TEST_F(FDAdapterTest, UnknownHandle_NullOrNothingOrZero) {
+TEST_F(FDAdapterTest, UnknownHandle_KeepsErrnoAndLiberrno) {
     int unknown = 0;
     liberrno = LibraryFailure;
     EXPECT_EQ(adapter.readdir(&unknown), nullptr);
@@ -630,14 +631,14 @@ TEST_F(FDAdapterTest, UnknownHandle_NullOrNothingOrZero) {
     EXPECT_EQ(errno, EXDEV);
 }
 
-TEST_F(FDAdapterTest, ClosedirDoesNotCloseExplicitly_LastHolderDoes) {
+TEST_F(FDAdapterTest, Closedir_DestroysTheDirectoryWithoutCallingIt) {
     void* const handle = adapter.opendir("/d");
     fs->take();
     EXPECT_EQ(adapter.closedir(handle), 0);
     EXPECT_EQ(fs->take(), QStringList{"~directory"});
 }
 
-TEST_F(FDAdapterTest, OverLocalFiles_OpendirOfAMissingDirectoryGivesAHandle) {
+TEST_F(FDAdapterTest, OpendirMissingOverLocalFiles_ReturnsAHandle) {
     TempDir dir;
     FDAdapter local(QSharedPointer<PosixFS>::create(dir.path()));
     void* const handle = local.opendir("/missing");
@@ -673,10 +674,10 @@ TEST_F(FDAdapterTest, Descriptors_OutliveTheirAdapter) {
     EXPECT_EQ(adapter.close(fd), 0);
 }
 
-TEST_F(FDAdapterTest, FaultOnEachCall_ErrnoComesThroughAndNothingLeaks) {
+TEST_F(FDAdapterTest, FaultOnEachCall_ErrnoIsReturnedAndNothingLeaks) {
     const auto faulty = QSharedPointer<test::FaultFS>::create(QSharedPointer<MemFS>::create());
     FDAdapter local(faulty);
-    // open, write, pread, fsync and close: each in turn fails, and is told as it is.
+    // open, write, pread, fsync and close: each fails once, and its errno is returned.
     for (int failing = 1; failing <= 5; ++failing) {
         faulty->plan().failCall(failing, EIO);
         char buf[4];
@@ -698,7 +699,7 @@ TEST_F(FDAdapterTest, FaultOnEachCall_ErrnoComesThroughAndNothingLeaks) {
     }
 }
 
-TEST_F(FDAdapterTest, ManyThreads_EveryDescriptorIsItsOwn) {
+TEST_F(FDAdapterTest, ManyThreads_DescriptorsAreDistinct) {
     FDAdapter memory(QSharedPointer<MemFS>::create());
     constexpr int rounds = 500;
     std::atomic<int> wrong{0};
@@ -724,12 +725,13 @@ TEST_F(FDAdapterTest, ManyThreads_EveryDescriptorIsItsOwn) {
     EXPECT_EQ(wrong, 0);
 }
 
-TEST_F(FDAdapterTest, CloseDuringUse_CallerKeepsTheFileAlive) {
+TEST_F(FDAdapterTest, CloseDuringUse_FileStaysAlive) {
     FDAdapter memory(QSharedPointer<MemFS>::create());
     for (int i = 0; i < 200; ++i) {
         const int fd = memory.open("/f", O_RDWR | O_CREAT, 0644);
         std::thread writer([&] {
-            // Succeeds, finds a closed file, or finds no descriptor, but never a freed one.
+            // The call succeeds, or fails for a closed file or an unknown descriptor. It never uses
+            // a freed file.
             while (memory.pwrite(fd, "x", 1, 0) == 1) {
             }
         });
@@ -738,7 +740,7 @@ TEST_F(FDAdapterTest, CloseDuringUse_CallerKeepsTheFileAlive) {
     }
 }
 
-TEST(FDAdapterRootfs, ManyThreads_OneAdapterOverTheRootSwitch) {
+TEST(FDAdapterRootfs, ManyThreads_GetTheSameAdapter) {
     std::vector<FDAdapter*> seen(8);
     std::vector<std::thread> threads;
     for (auto& slot : seen)

@@ -1,3 +1,4 @@
+// The mount switch.
 #include "support/doubles/faultfs.h"
 #include "support/doubles/memfs.h"
 #include "support/doubles/recordingfs.h"
@@ -55,7 +56,7 @@ protected:
         liberrno = Ok;
     }
 
-    /// Which of the file systems serves `path`, and with what rest.
+    /// The file system that serves `path`, and the rest of the path.
     QString served(const QString& path) {
         QString rest;
         const auto fs = root.getFS(path, &rest);
@@ -70,14 +71,14 @@ protected:
     QSharedPointer<RecordingFS> c = QSharedPointer<RecordingFS>::create();
 };
 
-TEST_F(FSSwitchTest, NewSwitch_NothingIsMountedAnywhere) {
+TEST_F(FSSwitchTest, NewSwitch_HasNoMounts) {
     EXPECT_EQ(served("/"), "none");
     EXPECT_EQ(served(""), "none");
     EXPECT_EQ(served("/a"), "none");
     EXPECT_EQ(root.type(), "FSSwitchFS");
 }
 
-TEST_F(FSSwitchTest, RelativeMountPoint_LoggedAndIgnored) {
+TEST_F(FSSwitchTest, RelativeMountPoint_IsLoggedAndIgnored) {
     LogCapture log("libio=12");
     root.add("media", a);
     EXPECT_EQ(log.messages(),
@@ -89,14 +90,14 @@ TEST_F(FSSwitchTest, RelativeMountPoint_LoggedAndIgnored) {
               QStringList{"libio 12 Invalid mount point ''. Must be an absolute path."});
 }
 
-TEST_F(FSSwitchTest, NullFileSystem_LoggedAndIgnored) {
+TEST_F(FSSwitchTest, NullFileSystem_IsLoggedAndIgnored) {
     LogCapture log("libio=12");
     root.add("/media", QSharedPointer<FS>());
     EXPECT_EQ(log.messages(), QStringList{"libio 12 No file system for mount point '/media/'."});
     EXPECT_EQ(served("/media/x"), "none");
 }
 
-TEST_F(FSSwitchTest, AddTwice_FirstStays) {
+TEST_F(FSSwitchTest, AddTwice_FirstIsKept) {
     LogCapture log("libio=12");
     root.add("/media", a);
     root.add("/media/", b);
@@ -106,7 +107,7 @@ TEST_F(FSSwitchTest, AddTwice_FirstStays) {
     EXPECT_EQ(log.messages(), QStringList());
 }
 
-TEST_F(FSSwitchTest, NothingElseIsNormalised_MountPointsStayAsWritten) {
+TEST_F(FSSwitchTest, UnnormalisedMountPoints_AreKeptUnchanged) {
     root.add("//a", a);
     root.add("/a/./b", b);
     EXPECT_EQ(root.getMountPoints(a), QStringList{"//a/"});
@@ -116,7 +117,7 @@ TEST_F(FSSwitchTest, NothingElseIsNormalised_MountPointsStayAsWritten) {
     EXPECT_EQ(served("/a/./b/x"), "b /x");
 }
 
-TEST_F(FSSwitchTest, Lookup_OnlyWholeComponents) {
+TEST_F(FSSwitchTest, Lookup_MatchesWholeComponentsOnly) {
     root.add("/media/sd1/", a);
     EXPECT_EQ(served("/media/sd1/clip/a"), "a /clip/a");
     EXPECT_EQ(served("/media/sd1/"), "a /");
@@ -130,7 +131,7 @@ TEST_F(FSSwitchTest, Lookup_OnlyWholeComponents) {
     EXPECT_EQ(served("/media/sd1//x"), "a //x");
 }
 
-TEST_F(FSSwitchTest, RootMount_ServesEveryAbsolutePathAndTheEmptyOne) {
+TEST_F(FSSwitchTest, RootMount_ServesAbsoluteAndEmptyPaths) {
     root.add("/", a);
     EXPECT_EQ(served("/x/y"), "a /x/y");
     EXPECT_EQ(served("/"), "a /");
@@ -139,7 +140,7 @@ TEST_F(FSSwitchTest, RootMount_ServesEveryAbsolutePathAndTheEmptyOne) {
     EXPECT_EQ(served("x"), "none");
 }
 
-TEST_F(FSSwitchTest, Lookup_SetsLiberrnoAndLeavesErrno) {
+TEST_F(FSSwitchTest, Lookup_SetsLiberrnoAndKeepsErrno) {
     root.add("/media", a);
     liberrno = LibraryFailure;
     EXPECT_EQ(served("/media/x"), "a /x");
@@ -149,19 +150,19 @@ TEST_F(FSSwitchTest, Lookup_SetsLiberrnoAndLeavesErrno) {
     EXPECT_EQ(errno, EXDEV);
 }
 
-TEST_F(FSSwitchTest, LookupFails_RestIsUntouched) {
+TEST_F(FSSwitchTest, LookupFails_RestIsUnchanged) {
     QString rest = "before";
     EXPECT_FALSE(root.getFS("/x", &rest));
     EXPECT_EQ(rest, "before");
 }
 
-TEST_F(FSSwitchTest, GetFSWithoutRest_StillFinds) {
+TEST_F(FSSwitchTest, GetFSWithoutRest_ReturnsTheFileSystem) {
     root.add("/media", a);
     EXPECT_EQ(root.getFS("/media/x", nullptr), a);
     EXPECT_EQ(root.getFS("/other", nullptr), nullptr);
 }
 
-TEST_F(FSSwitchTest, LongestFirst_LongestWins) {
+TEST_F(FSSwitchTest, LongestAddedFirst_LongestServes) {
     root.add("/a/b", b);
     root.add("/a", a);
     root.add("/", c);
@@ -170,8 +171,8 @@ TEST_F(FSSwitchTest, LongestFirst_LongestWins) {
     EXPECT_EQ(served("/x"), "c /x");
 }
 
-TEST_F(FSSwitchTest, ShorterFirst_TableOrderDecides) {
-    // The table reads /, /a/b/, /a/: the latest that fits serves.
+TEST_F(FSSwitchTest, ShorterAddedFirst_LastInTableServes) {
+    // The table is /, /a/b/, /a/: the last entry that fits serves the path.
     root.add("/", a);
     root.add("/a", b);
     root.add("/a/b", c);
@@ -180,16 +181,16 @@ TEST_F(FSSwitchTest, ShorterFirst_TableOrderDecides) {
     EXPECT_EQ(served("/x"), "a /x");
 }
 
-TEST_F(FSSwitchTest, TwoLevels_LongestWins) {
+TEST_F(FSSwitchTest, TwoLevels_LongestServes) {
     root.add("/", a);
     root.add("/a", b);
     EXPECT_EQ(served("/a/x"), "b /x");
     EXPECT_EQ(served("/b"), "a /b");
 }
 
-TEST_F(FSSwitchTest, InsertionIndex_BehindTheFirstShorterEntry) {
-    root.add("/ccc", a); // nothing there: index 0
-    root.add("/b", a);   // none is shorter: in front
+TEST_F(FSSwitchTest, Add_InsertsAfterTheFirstShorterEntry) {
+    root.add("/ccc", a); // empty table: index 0
+    root.add("/b", a);   // no shorter entry: in front
     root.add("/dddd", a);
     EXPECT_EQ(root.getMountPoints(a), QStringList({"/b/", "/dddd/", "/ccc/"}));
     root.add("/", a);
@@ -201,15 +202,15 @@ TEST_F(FSSwitchTest, InsertionIndex_BehindTheFirstShorterEntry) {
               QStringList({"/", "/fff/", "/ee/", "/b/", "/dddd/", "/ccc/"}));
 }
 
-TEST_F(FSSwitchTest, InsertionIndex_LaterShorterEntriesDoNotMoveIt) {
+TEST_F(FSSwitchTest, AddWithSeveralShorterEntries_InsertsAfterTheFirst) {
     root.add("/bbb", a);
     root.add("/cc", a);
     root.add("/ddd", a);
-    // /cc/ is shorter than /ddd/ and stands first, so /ddd/ goes behind it.
+    // /cc/ is the first entry shorter than /ddd/, so /ddd/ is inserted after it.
     EXPECT_EQ(root.getMountPoints(a), QStringList({"/cc/", "/ddd/", "/bbb/"}));
 }
 
-TEST_F(FSSwitchTest, GetMountPoints_ByIdentityInTableOrder) {
+TEST_F(FSSwitchTest, GetMountPoints_ReturnsTableOrder) {
     root.add("/x", a);
     root.add("/z", b);
     root.add("/y", a);
@@ -219,7 +220,7 @@ TEST_F(FSSwitchTest, GetMountPoints_ByIdentityInTableOrder) {
     EXPECT_EQ(root.getMountPoints({}), QStringList());
 }
 
-TEST_F(FSSwitchTest, Remove_WithOrWithoutTheSlash) {
+TEST_F(FSSwitchTest, RemoveWithOrWithoutSlash_Unmounts) {
     root.add("/x", a);
     root.add("/y/", b);
     root.remove("/x/");
@@ -228,7 +229,7 @@ TEST_F(FSSwitchTest, Remove_WithOrWithoutTheSlash) {
     EXPECT_EQ(served("/y/f"), "none");
 }
 
-TEST_F(FSSwitchTest, RemoveUnknownOrRelative_SilentAndHarmless) {
+TEST_F(FSSwitchTest, RemoveUnknownOrRelative_IsIgnored) {
     LogCapture log("libio=12");
     root.add("/x", a);
     root.remove("/z");
@@ -247,7 +248,7 @@ TEST_F(FSSwitchTest, Remove_ReleasesTheFileSystem) {
     EXPECT_TRUE(weak.isNull());
 }
 
-TEST_F(FSSwitchTest, ForwardedCalls_GetTheRestAndEveryArgument) {
+TEST_F(FSSwitchTest, ForwardedCalls_PassTheRestAndEveryArgument) {
     root.add("/m", a);
     const auto hex = [](const void* p) {
         return QString::number(reinterpret_cast<quintptr>(p), 16);
@@ -256,7 +257,7 @@ TEST_F(FSSwitchTest, ForwardedCalls_GetTheRestAndEveryArgument) {
     struct statfs sfs;
     char buf[8];
     QVector<QString> names;
-    QString text;
+    QString target;
     a->answerWith(7);
     EXPECT_TRUE(root.open("/m/f", O_RDWR, 0640));
     EXPECT_TRUE(root.opendir("/m/d"));
@@ -274,7 +275,7 @@ TEST_F(FSSwitchTest, ForwardedCalls_GetTheRestAndEveryArgument) {
     EXPECT_EQ(root.listxattr("/m/f", names), 7);
     EXPECT_EQ(root.listxattr("/m/f", buf, 8), 7);
     EXPECT_EQ(root.symlink("/m/target", "/m/l"), 7);
-    EXPECT_EQ(root.readlink("/m/l", text), 7);
+    EXPECT_EQ(root.readlink("/m/l", target), 7);
     EXPECT_EQ(root.readlink("/m/l", buf, 8), 7);
     EXPECT_EQ(root.truncate("/m/f", 1LL << 40), 7);
     EXPECT_EQ(root.chmod("/m/f", 0604), 7);
@@ -301,20 +302,20 @@ TEST_F(FSSwitchTest, ForwardedCalls_GetTheRestAndEveryArgument) {
                                       "truncate /f 1099511627776",
                                       "chmod /f 388"}));
     EXPECT_EQ(names, QVector<QString>{"listed"});
-    EXPECT_EQ(text, "linked");
+    EXPECT_EQ(target, "linked");
 }
 
-TEST_F(FSSwitchTest, NothingMounted_EveryOperationIsNotFoundWithErrnoUntouched) {
+TEST_F(FSSwitchTest, NothingMounted_OperationsFailWithNotFoundAndKeepErrno) {
     root.add("/m", a);
     struct stat st;
     struct statfs sfs;
     char buf[8];
     QVector<QString> names;
-    QString text;
+    QString target;
     const auto notFound = [](bool failed) {
-        const bool asDocumented = failed && liberrno == NotFound && errno == EXDEV;
+        const bool isExpected = failed && liberrno == NotFound && errno == EXDEV;
         liberrno = Ok;
-        return asDocumented;
+        return isExpected;
     };
     EXPECT_TRUE(notFound(root.open("/f", O_RDWR, 0640).isNull()));
     EXPECT_TRUE(notFound(root.opendir("/d").isNull()));
@@ -332,14 +333,14 @@ TEST_F(FSSwitchTest, NothingMounted_EveryOperationIsNotFoundWithErrnoUntouched) 
     EXPECT_TRUE(notFound(root.listxattr("/f", names) == -1));
     EXPECT_TRUE(notFound(root.listxattr("/f", buf, 8) == -1));
     EXPECT_TRUE(notFound(root.symlink("/m/x", "/l") == -1));
-    EXPECT_TRUE(notFound(root.readlink("/l", text) == -1));
+    EXPECT_TRUE(notFound(root.readlink("/l", target) == -1));
     EXPECT_TRUE(notFound(root.readlink("/l", buf, 8) == -1));
     EXPECT_TRUE(notFound(root.truncate("/f", 1) == -1));
     EXPECT_TRUE(notFound(root.chmod("/f", 0604) == -1));
     EXPECT_EQ(a->take(), QStringList());
 }
 
-TEST_F(FSSwitchTest, TwoMounts_RenameAndLinkAreRefused) {
+TEST_F(FSSwitchTest, TwoMounts_RenameAndLinkFail) {
     root.add("/a", a);
     root.add("/b", b);
     EXPECT_EQ(root.rename("/a/x", "/b/y"), -1);
@@ -354,7 +355,7 @@ TEST_F(FSSwitchTest, TwoMounts_RenameAndLinkAreRefused) {
     EXPECT_EQ(a->take() + b->take(), QStringList());
 }
 
-TEST_F(FSSwitchTest, OneFileSystemTwice_RenameBetweenItsMountsIsRefused) {
+TEST_F(FSSwitchTest, OneFileSystemMountedTwice_RenameBetweenMountsFails) {
     root.add("/x", a);
     root.add("/y", a);
     EXPECT_EQ(root.rename("/x/f", "/y/f"), -1);
@@ -362,9 +363,8 @@ TEST_F(FSSwitchTest, OneFileSystemTwice_RenameBetweenItsMountsIsRefused) {
     EXPECT_EQ(a->take(), QStringList());
 }
 
-// How often a thread finds the lock taken is chance, but thousands of times in so many calls, where
-// there is more than one processor.
-TEST_F(FSSwitchTest, RefusedWhileOthersLookUp_ErrnoUntouched) {
+// With more than one processor, threads find the lock taken thousands of times in so many calls.
+TEST_F(FSSwitchTest, RenameFailsWhileOthersLookUp_KeepsErrno) {
     root.add("/a", a);
     root.add("/b", b);
     std::atomic<int> wrong{0};
@@ -384,7 +384,7 @@ TEST_F(FSSwitchTest, RefusedWhileOthersLookUp_ErrnoUntouched) {
 
 namespace {
 
-/// A file system that does what it is told when it is to be synced.
+/// A file system that calls a function of the test in sync().
 class SyncingFS : public MemFS {
 public:
     explicit SyncingFS(std::function<void()> onSync) : m_onSync(std::move(onSync)) {}
@@ -398,27 +398,27 @@ private:
 
 } // namespace
 
-TEST_F(FSSwitchTest, Sync_EveryMountInTableOrder) {
+TEST_F(FSSwitchTest, Sync_SyncsEveryMountInTableOrder) {
     root.sync();
     QStringList synced;
-    const auto noting = [&synced](const char* name) {
+    const auto recording = [&synced](const char* name) {
         return QSharedPointer<SyncingFS>::create([&synced, name] { synced.append(name); });
     };
-    const auto twice = noting("twice");
+    const auto twice = recording("twice");
     root.add("/x", twice);
-    root.add("/zzz", noting("longest"));
-    root.add("/yy", noting("longer"));
+    root.add("/zzz", recording("longest"));
+    root.add("/yy", recording("longer"));
     root.add("/y", twice);
     root.sync();
     EXPECT_EQ(synced, QStringList({"twice", "twice", "longer", "longest"}));
 }
 
-TEST_F(FSSwitchTest, LookupDuringSync_WaitsForIt) {
+TEST_F(FSSwitchTest, LookupDuringSync_WaitsForSync) {
     std::promise<void> syncing;
-    std::promise<void> goOn;
+    std::promise<void> resume;
     root.add("/m", QSharedPointer<SyncingFS>::create([&] {
                  syncing.set_value();
-                 goOn.get_future().wait();
+                 resume.get_future().wait();
              }));
     std::thread syncer([&] { root.sync(); });
     syncing.get_future().wait();
@@ -430,15 +430,15 @@ TEST_F(FSSwitchTest, LookupDuringSync_WaitsForIt) {
         found.set_value(served("/m/x"));
     });
     looking.get_future().wait();
-    // Without the lock, it would be there at once.
+    // Without the lock, the lookup would return at once.
     EXPECT_EQ(result.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-    goOn.set_value();
+    resume.set_value();
     syncer.join();
     EXPECT_EQ(result.get(), "c /x");
     user.join();
 }
 
-TEST_F(FSSwitchTest, WatchesAndIoctl_NotImplemented) {
+TEST_F(FSSwitchTest, WatchesAndIoctl_FailWithNotImplemented) {
     root.add("/m", a);
     QString response;
     EXPECT_EQ(root.addWatch("/m/f"), -1);
@@ -453,7 +453,7 @@ TEST_F(FSSwitchTest, WatchesAndIoctl_NotImplemented) {
     EXPECT_EQ(a->take(), QStringList());
 }
 
-TEST_F(FSSwitchTest, FailureOfTheMountedFileSystem_PassesThrough) {
+TEST_F(FSSwitchTest, MountedFileSystemFails_ErrnoIsReturned) {
     const auto faulty = QSharedPointer<test::FaultFS>::create(QSharedPointer<MemFS>::create());
     root.add("/m", faulty);
     faulty->plan().failCall(2, EIO);
@@ -466,14 +466,14 @@ TEST_F(FSSwitchTest, FailureOfTheMountedFileSystem_PassesThrough) {
 
 namespace {
 
-/// A file system that unmounts itself in the middle of a call, as another thread might.
-class LeavingFS : public MemFS {
+/// A file system that unmounts itself during a call, as another thread may do.
+class SelfRemovingFS : public MemFS {
 public:
-    LeavingFS(FSSwitch& root, QString mountPoint)
+    SelfRemovingFS(FSSwitch& root, QString mountPoint)
         : m_root(root), m_mountPoint(std::move(mountPoint)) {}
-    /// What is destroyed last may leave anything behind.
-    ~LeavingFS() override {
-        // Calls back into the switch: this would hang if it were destroyed under the switch's lock.
+    /// Overwrites errno and liberrno, as a destructor may.
+    ~SelfRemovingFS() override {
+        // This would deadlock if the switch held its lock.
         m_root.getMountPoints({});
         errno = ETXTBSY;
         liberrno = LibraryFailure;
@@ -498,38 +498,38 @@ private:
 
 } // namespace
 
-TEST_F(FSSwitchTest, RemoveDuringACall_FileSystemLivesUntilItReturns) {
-    auto leaving = QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m"));
-    const QWeakPointer<LeavingFS> weak = leaving;
-    root.add("/m", leaving);
-    leaving.reset();
+TEST_F(FSSwitchTest, RemoveDuringCall_FileSystemLivesUntilReturn) {
+    auto removing = QSharedPointer<SelfRemovingFS>::create(root, QStringLiteral("/m"));
+    const QWeakPointer<SelfRemovingFS> weak = removing;
+    root.add("/m", removing);
+    removing.reset();
     EXPECT_EQ(root.mkdir("/m/d", 0755), 0);
     EXPECT_TRUE(weak.isNull());
     EXPECT_EQ(served("/m"), "none");
 }
 
-TEST_F(FSSwitchTest, RemoveDuringAFailingCall_ReasonOutlivesTheFileSystem) {
-    root.add("/m", QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m")));
+TEST_F(FSSwitchTest, RemoveDuringFailingCall_ErrnoOfTheCallStands) {
+    root.add("/m", QSharedPointer<SelfRemovingFS>::create(root, QStringLiteral("/m")));
     EXPECT_EQ(root.mkdir("/m/missing/d", 0755), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(liberrno, Ok);
-    root.add("/m", QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m")));
+    root.add("/m", QSharedPointer<SelfRemovingFS>::create(root, QStringLiteral("/m")));
     EXPECT_FALSE(root.open("/m/missing", O_RDONLY, 0));
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(liberrno, Ok);
-    root.add("/m", QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m")));
+    root.add("/m", QSharedPointer<SelfRemovingFS>::create(root, QStringLiteral("/m")));
     EXPECT_EQ(root.rename("/m/missing", "/m/other"), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(liberrno, Ok);
 }
 
-TEST_F(FSSwitchTest, Remove_DestroysWithoutTheLock) {
-    root.add("/m", QSharedPointer<LeavingFS>::create(root, QStringLiteral("/m")));
+TEST_F(FSSwitchTest, Remove_DestroysTheFileSystemWithoutTheLock) {
+    root.add("/m", QSharedPointer<SelfRemovingFS>::create(root, QStringLiteral("/m")));
     root.remove("/m");
     EXPECT_EQ(served("/m"), "none");
 }
 
-TEST_F(FSSwitchTest, MountsComeAndGo_LookupsSeeOneOrTheOther) {
+TEST_F(FSSwitchTest, MountsAddedAndRemoved_LookupsFindOneOrTheOther) {
     const auto stay = QSharedPointer<MemFS>::create();
     root.add("/", stay);
     ASSERT_EQ(stay->mkdir("/m", 0755), 0);
@@ -558,7 +558,7 @@ TEST_F(FSSwitchTest, MountsComeAndGo_LookupsSeeOneOrTheOther) {
     EXPECT_EQ(wrong, 0);
 }
 
-TEST(FSSwitchRootfs, ManyThreads_OneSwitch) {
+TEST(FSSwitchRootfs, ManyThreads_GetTheSameSwitch) {
     std::vector<QSharedPointer<FSSwitch>> seen(8);
     std::vector<std::thread> threads;
     for (auto& slot : seen)
@@ -571,7 +571,7 @@ TEST(FSSwitchRootfs, ManyThreads_OneSwitch) {
     EXPECT_FALSE(seen.front()->getFS("/", nullptr));
 }
 
-TEST(FSSwitchRootfs, SetRootfs_Replaces) {
+TEST(FSSwitchRootfs, SetRootfs_ReplacesTheSwitch) {
     const auto before = FSSwitch::rootfs();
     auto other = QSharedPointer<FSSwitch>::create();
     FSSwitch::setRootfs(other);

@@ -1,4 +1,4 @@
-// The life of a connection with an NFS server; a memory file system takes the export's place.
+// Connecting to an NFS server, with a memory file system in place of the export.
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>
 
@@ -28,7 +28,7 @@ using test::mountsMemory;
 
 class NfsTest : public test::ExportTest {
 protected:
-    /// How the program's arguments were, for one connection.
+    /// The arguments of the maintenance program for one connection.
     QStringList argumentsOf(const Properties& props) {
         program->forget();
         NFS(path).connect(props);
@@ -40,7 +40,7 @@ protected:
 
 } // namespace
 
-TEST_F(NfsTest, Connect_ArgumentsOfTheProgram) {
+TEST_F(NfsTest, Connect_PassesTargetPathAndOptionsToTheProgram) {
     EXPECT_EQ(argumentsOf(target), (QStringList{"mount.nfs", "server:/export", path}));
     Properties props = target;
     for (const QVariant& no : {QVariant(false), QVariant("false"), QVariant(0), QVariant()}) {
@@ -57,7 +57,7 @@ TEST_F(NfsTest, Connect_ArgumentsOfTheProgram) {
     EXPECT_EQ(argumentsOf({}), (QStringList{"mount.nfs", path}));
 }
 
-TEST_F(NfsTest, Connected_IsTheExport) {
+TEST_F(NfsTest, Connected_PathsLeadToTheExport) {
     NFS nfs(path);
     EXPECT_EQ(nfs.type(), "NFS");
     EXPECT_EQ(nfs.mountPoint(), path);
@@ -73,7 +73,7 @@ TEST_F(NfsTest, Connected_IsTheExport) {
     EXPECT_EQ(nfs.stat("/beneath", st), -1);
     const auto file = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(file);
-    EXPECT_EQ(file->write("film", 4), 4);
+    EXPECT_EQ(file->write("data", 4), 4);
     EXPECT_EQ(file->close(), 0);
     EXPECT_EQ(nfs.stat("/clip", st), 0);
     EXPECT_EQ(st.st_size, 4);
@@ -81,12 +81,12 @@ TEST_F(NfsTest, Connected_IsTheExport) {
     EXPECT_EQ(nfs.disconnect(), 0);
     EXPECT_FALSE(nfs.isConnected());
     EXPECT_EQ(test::devicesAt(path), QStringList());
-    // Nothing keeps anybody from what is beneath.
+    // The directory below the mount point can be used again.
     EXPECT_EQ(nfs.stat("/beneath", st), 0);
     EXPECT_EQ(nfs.disconnect(), 0);
 }
 
-TEST_F(NfsTest, SlashAtTheEnd_UnmountsAllTheSame) {
+TEST_F(NfsTest, PathWithTrailingSlash_IsUnmounted) {
     NFS nfs(path + '/');
     EXPECT_EQ(nfs.connect(target), 0);
     EXPECT_EQ(test::devicesAt(path).size(), 1);
@@ -94,15 +94,15 @@ TEST_F(NfsTest, SlashAtTheEnd_UnmountsAllTheSame) {
     EXPECT_EQ(test::devicesAt(path), QStringList());
 }
 
-TEST_F(NfsTest, New_DirectoryIsNobodysBusinessYet) {
+TEST_F(NfsTest, Constructed_MissingDirectoryIsNotCreated) {
     const QString missing = temp.path() + "/missing";
     const NFS nfs(missing);
     EXPECT_FALSE(QDir(missing).exists());
     EXPECT_EQ(nfs.mountPoint(), missing);
 }
 
-// What it was connected with is what it knows of being connected.
-TEST_F(NfsTest, ConnectedWithNothing_CountsAsNotConnected) {
+// isConnected() returns false without stored properties, even after connect() has succeeded.
+TEST_F(NfsTest, ConnectedWithoutProperties_IsNotConnected) {
     program.reset();
     program.emplace("exit 0");
     NFS nfs(path);
@@ -112,7 +112,7 @@ TEST_F(NfsTest, ConnectedWithNothing_CountsAsNotConnected) {
     EXPECT_TRUE(nfs.isConnected());
 }
 
-TEST_F(NfsTest, ConnectAgain_InPlaceOfTheOneBefore) {
+TEST_F(NfsTest, ConnectAgain_ReplacesTheMount) {
     NFS nfs(path);
     ASSERT_EQ(mount("somebody-elses", QFile::encodeName(path).constData(), "tmpfs", 0, nullptr), 0);
     EXPECT_EQ(nfs.connect(target), 0);
@@ -122,7 +122,7 @@ TEST_F(NfsTest, ConnectAgain_InPlaceOfTheOneBefore) {
     EXPECT_TRUE(nfs.isConnected());
 }
 
-TEST_F(NfsTest, ConnectFails_StatusOfTheProgramAndNotConnected) {
+TEST_F(NfsTest, ConnectFails_ReturnsStatusOfTheProgram) {
     NFS nfs(path);
     ASSERT_EQ(nfs.connect(target), 0);
     program.reset();
@@ -133,20 +133,20 @@ TEST_F(NfsTest, ConnectFails_StatusOfTheProgramAndNotConnected) {
     EXPECT_EQ(liberrno, NotFound);
     EXPECT_FALSE(nfs.isConnected());
     EXPECT_EQ(test::devicesAt(path), QStringList());
-    EXPECT_EQ(program->calls().size(), 1); // no second attempt
+    EXPECT_EQ(program->calls().size(), 1); // connect() does not try again
     const QStringList messages = log.messages();
     EXPECT_TRUE(messages.contains("libio 10 stderr: no such export\n\n"))
         << messages.join(' ').toStdString();
     EXPECT_TRUE(messages.filter("NFS ").isEmpty()) << messages.join(' ').toStdString();
 
-    program.reset(); // not there at all
+    program.reset(); // the program is missing
     program.emplace();
     ASSERT_TRUE(QFile::remove(MaintenanceProgram::path()));
     EXPECT_EQ(nfs.connect(target), -1);
     EXPECT_FALSE(nfs.isConnected());
 }
 
-TEST_F(NfsTest, Busy_StaysConnectedUnlessConnectedLazily) {
+TEST_F(NfsTest, BusyMount_IsUnmountedOnlyWhenLazy) {
     NFS nfs(path);
     ASSERT_EQ(nfs.connect(target), 0);
     auto inUse = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
@@ -174,8 +174,8 @@ TEST_F(NfsTest, Destroyed_Unmounts) {
     EXPECT_EQ(test::devicesAt(path), QStringList());
 }
 
-// The export is gone while it counts as connected.
-TEST_F(NfsTest, Unreachable_NotConnectedUntilConnectedAnew) {
+// The export is unmounted while the file system is connected.
+TEST_F(NfsTest, MountLost_IsNotConnectedUntilConnect) {
     NFS nfs(path);
     ASSERT_EQ(nfs.connect(target), 0);
     ASSERT_EQ(umount(QFile::encodeName(path).constData()), 0);
@@ -188,7 +188,7 @@ TEST_F(NfsTest, Unreachable_NotConnectedUntilConnectedAnew) {
 
 namespace {
 
-/// Counts what the class calls of what may be overridden.
+/// Records the calls of two overridden functions.
 class CountingNfs : public NFS {
 public:
     using NFS::NFS;
@@ -207,22 +207,22 @@ public:
 
 } // namespace
 
-TEST_F(NfsTest, Overridden_IsWhatIsCalled) {
+TEST_F(NfsTest, OverriddenDisconnectAndStat_AreCalled) {
     CountingNfs nfs(path);
     EXPECT_FALSE(nfs.isConnected());
-    EXPECT_TRUE(nfs.stats.isEmpty()); // nothing to ask
+    EXPECT_TRUE(nfs.stats.isEmpty()); // not connected: no call
     EXPECT_EQ(nfs.connect(target), 0);
     EXPECT_EQ(nfs.disconnects, 1);
     EXPECT_TRUE(nfs.isConnected());
     EXPECT_EQ(nfs.stats, QStringList("/."));
 }
 
-TEST_F(NfsTest, FailedConnectOverABusyOne_KeepsTheFormerProperties) {
+TEST_F(NfsTest, ConnectFailsWhileBusy_KeepsTheFormerProperties) {
     NFS nfs(path);
     ASSERT_EQ(nfs.connect({{"target", "server:/export"}, {"lazy", true}}), 0);
     const auto inUse = nfs.open("/clip", O_RDWR | O_CREAT, 0644);
     ASSERT_TRUE(inUse);
-    // Lazily gone, so the next one fails without a mount.
+    // The lazy unmount succeeds, so nothing is mounted when the next connection fails.
     program.reset();
     program.emplace("exit 1");
     EXPECT_EQ(nfs.connect(target), 1);
@@ -237,11 +237,11 @@ TEST_F(NfsTest, FailedConnectOverABusyOne_KeepsTheFormerProperties) {
     program.emplace("exit 1");
     EXPECT_EQ(nfs.connect({{"target", "other:/export"}, {"lazy", true}}), 1);
     EXPECT_TRUE(nfs.isConnected());
-    EXPECT_EQ(nfs.disconnect(), -1); // not lazily: these are not its properties
+    EXPECT_EQ(nfs.disconnect(), -1); // not lazily: the former properties apply
     EXPECT_EQ(errno, EBUSY);
 }
 
-TEST_F(NfsTest, NameWithANul_UnmountsNothing) {
+TEST_F(NfsTest, PathWithNul_UnmountsNothing) {
     NFS nfs(path);
     ASSERT_EQ(nfs.connect(target), 0);
     NFS other(path + QChar(0) + "other");
@@ -250,7 +250,7 @@ TEST_F(NfsTest, NameWithANul_UnmountsNothing) {
     EXPECT_EQ(test::devicesAt(path).size(), 1);
 }
 
-TEST_F(NfsTest, Ioctl_NotImplemented) {
+TEST_F(NfsTest, Ioctl_FailsWithNotImplemented) {
     NFS nfs(path);
     QString response;
     errno = 4711;
@@ -259,7 +259,7 @@ TEST_F(NfsTest, Ioctl_NotImplemented) {
     EXPECT_EQ(errno, 4711);
 }
 
-TEST(NfsSlots, BehindThoseOfFSAndItsDestructor) {
+TEST(NfsSlots, NFS_FollowsFSAndItsDestructor) {
     int slot = 25 + 2;
     EXPECT_EQ(test::slotOf(&NFS::connect), slot++);
     EXPECT_EQ(test::slotOf(&NFS::disconnect), slot++);

@@ -1,11 +1,11 @@
 #!/bin/bash
-# Runs the example recorder with a real SMB server, the way its users do, and checks what they get to
-# see.
+# Runs the example recorder with a real SMB server, as a user does, and checks its output, its exit
+# status and the clips.
 #
 #   recorder_smb_test.sh RECORDER
 #
-# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did. Ends with 77 where such a
-# server cannot run.
+# Prints "ok NAME" or "not ok NAME" for each case; fails if any of them did. Exits with 77 where
+# the server cannot run.
 set -u
 
 if [ $# -ne 1 ]; then
@@ -15,17 +15,17 @@ fi
 
 recorder=$1
 smb_server=$(dirname "$0")/../../tools/smb-server.sh
-# With characters that mean something to shells, to URLs and to smb.conf.
+# With special characters of shells, URLs and smb.conf.
 # shellcheck disable=SC2016 # nothing in it is to be expanded
 password='g%41 "h;e$1m@ü'
 export ORUIO_SMB_PASSWORD=$password
 # shellcheck source=tests/support/suite/cases.sh
 source "$(dirname "$0")/../support/suite/cases.sh"
 
-# --- what the cases are made of ---------------------------------------------------------------
+# --- helpers ----------------------------------------------------------------------------------
 
-# Starts a server below $clips, as $server, with the process group $smbd, and waits until it serves.
-# Its configuration has these further lines.
+# Starts a server and waits until it serves. Its files are below $clips, its process is $server, its
+# process group is $smbd. The arguments are further lines of its configuration.
 start_server() {
     : >"$work/server.out"
     "$smb_server" "$clips" "$@" >"$work/server.out" 2>"$work/server.err" &
@@ -49,19 +49,19 @@ stop_server() {
     wait "$server"
 }
 
-# Whether no process of the server is left, other than dead ones that nobody has asked about.
+# Whether no process of the server is left, apart from zombies.
 is_gone() {
     ! pgrep --pgroup "$smbd" --runstates D,R,S,T >/dev/null
 }
 
-# Starts to record the clip $1, as $recording, and waits until there is something of it.
+# Starts to record the clip $1, as the process $recording, and waits for its first bytes.
 start_recording() {
     "$recorder" --to "$share" --name "$1" --seconds 30 --rate 200 >"$work/out" 2>"$work/err" &
     recording=$!
     expect wait_for_bytes "$clips/recordings/$1.part" 3000000
 }
 
-# Waits for the end of the recording; leaves its result in $status.
+# Waits for the end of the recording, and stores its exit status in $status.
 end_recording() {
     expect wait_until has_ended "$recording"
     has_ended "$recording" || kill -KILL "$recording"
@@ -75,14 +75,13 @@ expect_recording_works() {
     expect has_size "$clips/recordings/$1" 1048576
 }
 
-# No file of these has the password in it, or a part of it.
+# Whether none of these files contains the password or a part of it.
 is_kept_secret_in() {
     ! grep -qF -e "$password" -e 'h;e' "$@"
 }
 
-# Runs the recorder in a terminal of its own, and types $1 there when it asks for the password. What
-# the terminal has shown is then in $work/screen, at its end the result of the recorder and the
-# terminal's settings.
+# Runs the recorder in a new terminal, and types $1 at the password prompt. $work/out then has the
+# output of the terminal, followed by the exit status of the recorder and the terminal settings.
 run_in_terminal() {
     local keyboard terminal
     rm -f "$work/screen" "$work/keyboard"
@@ -97,13 +96,13 @@ run_in_terminal() {
     terminal=$!
     exec {keyboard}>"$work/keyboard"
     expect wait_until grep -qs 'Password of tester on 127.0.0.1:' "$work/screen"
-    (printf '%b' "$1" >&"$keyboard") # a shell of its own: it may die of a closed pipe
+    (printf '%b' "$1" >&"$keyboard") # a subshell: SIGPIPE may kill it
     expect wait_until has_ended "$terminal"
     exec {keyboard}>&-
     tr -d '\r' <"$work/screen" >"$work/out"
 }
 
-# The terminal shows again what is typed.
+# The terminal echoes input again.
 expect_echo() {
     expect grep -q '^speed' "$work/out"
     expect [ "$(grep -cw -e -echo "$work/out")" -eq 0 ]
@@ -149,7 +148,7 @@ missing_directories_are_made() {
     stop_server
 }
 
-url_is_decoded_in_every_part() {
+every_part_of_the_url_is_decoded() {
     start_server
     run "$recorder" --to "SMB://RECORD%49NGS;t%65ster@127%2E0.0.1:$port/record%69ngs" --size 1K
     expect_success
@@ -157,9 +156,9 @@ url_is_decoded_in_every_part() {
     stop_server
 }
 
-address_may_be_of_version_6() {
+ipv6_address_is_accepted() {
     if ! grep -q ' lo$' /proc/net/if_inet6 2>/dev/null; then
-        skipped="the loopback interface has no such address"
+        skipped="the loopback interface has no IPv6 address"
         return
     fi
     start_server 'interfaces = ::1'
@@ -170,7 +169,7 @@ address_may_be_of_version_6() {
 }
 
 url_without_user_is_anonymous() {
-    mkdir -m 0777 "$clips/open" # for the server, who is anonymous is not the owner
+    mkdir -m 0777 "$clips/open" # for the anonymous user, who is not the owner
     start_server '[open]' "path = $clips/open" 'guest ok = yes' 'read only = no'
     run setsid -w env -u ORUIO_SMB_PASSWORD "$recorder" --to "smb://127.0.0.1:$port/open" --size 1K
     expect_success
@@ -180,7 +179,7 @@ url_without_user_is_anonymous() {
     stop_server
 }
 
-password_is_asked_for() {
+password_is_prompted_for() {
     start_server
     run_in_terminal "x\177$password\n"
     expect has_row verified yes
@@ -191,7 +190,7 @@ password_is_asked_for() {
     stop_server
 }
 
-question_can_be_interrupted() {
+password_prompt_can_be_interrupted() {
     start_server
     run_in_terminal 'h;e\003'
     expect grep -qx 'recorder: interrupted' "$work/out"
@@ -369,7 +368,7 @@ hanging_server_fails_the_recorder() {
     stop_server
 }
 
-server_ends_with_whoever_started_it() {
+server_ends_with_its_parent() {
     start_server
     expect_recording_works clip
     stop_server
@@ -389,11 +388,11 @@ if [ $? -eq 77 ]; then
 fi
 
 run_cases clip_is_recorded_onto_the_share changed_clip_is_not_verified \
-    missing_directories_are_made url_is_decoded_in_every_part address_may_be_of_version_6 \
-    url_without_user_is_anonymous password_is_asked_for question_can_be_interrupted \
+    missing_directories_are_made every_part_of_the_url_is_decoded ipv6_address_is_accepted \
+    url_without_user_is_anonymous password_is_prompted_for password_prompt_can_be_interrupted \
     missing_password_is_reported wrong_password_is_reported password_in_the_url_is_refused \
     bad_urls_are_refused password_is_not_shown_anywhere missing_share_is_reported \
     unreachable_server_is_reported protected_session_is_refused unusable_directory_is_reported \
     existing_clip_is_refused interrupted_recorder_leaves_a_verified_clip \
     killed_server_fails_the_recorder hanging_server_fails_the_recorder \
-    server_ends_with_whoever_started_it
+    server_ends_with_its_parent

@@ -1,5 +1,5 @@
-// Writes a file through the descriptor adapter, the mount switch and the local backend, and reads
-// it back. The only argument is an empty directory.
+// Writes and reads a file through the descriptor adapter, the mount switch and the local backend.
+// The only argument is an empty directory.
 
 #include <oruio/error.h>
 #include <oruio/fdadapter.h>
@@ -28,15 +28,15 @@ int main(int argc, char** argv) {
     FSSwitch::rootfs()->add("/media", PosixFS::SPtr::create(QString::fromUtf8(argv[1])));
     FDAdapter* fs = FDAdapter::rootfs();
 
-    const char text[] = "recorded";
-    char back[sizeof text] = {};
+    const char data[] = "recorded";
+    char back[sizeof data] = {};
     const int fd = fs->open("/media/clip", O_RDWR | O_CREAT | O_EXCL, 0600);
     const bool ok = check(fd != -1, "open") &&
-                    check(fs->write(fd, text, sizeof text) == sizeof text, "write") &&
+                    check(fs->write(fd, data, sizeof data) == sizeof data, "write") &&
                     check(fs->pread(fd, back, sizeof back, 0) == sizeof back, "pread") &&
-                    check(memcmp(text, back, sizeof text) == 0, "content") &&
+                    check(memcmp(data, back, sizeof data) == 0, "content") &&
                     check(fs->close(fd) == 0, "close") &&
-                    check(fs->open("/elsewhere", O_RDONLY, 0) == -1, "open where nothing is") &&
+                    check(fs->open("/elsewhere", O_RDONLY, 0) == -1, "open without a mount") &&
                     check(liberrno == NotFound, "reason");
     if (ok)
         puts("consumer: done");

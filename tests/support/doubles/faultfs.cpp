@@ -69,7 +69,7 @@ public:
     int fchmod(int mode) override {
         return m_plan->passes() ? m_file->fchmod(mode) : -1;
     }
-    /// A failing close closes all the same, as close(2) does.
+    /// Closes the file even when it fails, as close(2) does.
     int close() override {
         const bool passes = m_plan->passes();
         const int error = errno;

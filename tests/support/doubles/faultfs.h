@@ -1,7 +1,7 @@
-// An FS that passes everything on to another one, until a chosen call fails.
+// An FS that forwards all calls to another FS, except a chosen call, which fails.
 //
-// Every operation of the file system and of the files and directories it opened counts as one call,
-// in the order they are made. A failing call does not reach the other file system.
+// Every operation of the file system and of its open files and directories counts as one call. A
+// failing call does not reach the other file system.
 #pragma once
 
 #include <oruio/fs.h>
@@ -14,11 +14,11 @@ namespace oru::io::test {
 /// Which call fails, and how. Shared by a FaultFS with its files and directories.
 class FaultPlan {
 public:
-    /// The `call`-th call from now on (1 is the next) fails with `error`; later ones pass.
+    /// The `call`-th call from now on (1 is the next) fails with `error`; later calls succeed.
     void failCall(int call, int error);
-    /// The calls made since failCall().
+    /// The number of calls since failCall().
     int calls() const;
-    /// Counts a call. \returns false with errno when it is to fail.
+    /// Counts a call. \returns false, with errno, when the call must fail.
     bool passes();
 
 private:

@@ -67,8 +67,8 @@ int frameSizeAt(const char* frame) {
     return prefixSize + static_cast<int>(qFromBigEndian<quint32>(frame) & 0xffffff);
 }
 
-/// The messages of a frame of which `available` bytes have come; none before all of their heads
-/// have.
+/// The messages of a frame of which `available` bytes have arrived. Empty until the heads of all
+/// messages have.
 QList<Message> chainAt(const char* frame, int available, bool fromServer) {
     QList<Message> chain;
     const int size = frameSizeAt(frame) - prefixSize;
@@ -80,7 +80,7 @@ QList<Message> chainAt(const char* frame, int available, bool fromServer) {
         Message message =
             messageWith(QByteArray(frame + prefixSize + at, headEnd - at), fromServer);
         next = isSmb2(message.head) ? field<quint32>(message.head, 20) : 0;
-        // A chain that leaves its frame is the receiver's to complain of.
+        // The receiver rejects a chain that exceeds its frame.
         if (next >= static_cast<quint32>(size - at))
             next = 0;
         message.at = at;
@@ -100,7 +100,7 @@ bool FaultProxy::Message::isInterim() const {
 
 namespace {
 
-/// Whether the peer's system has all that was sent to it, or never will.
+/// Whether the peer has acknowledged all bytes, or never will.
 bool isDelivered(const Socket& socket) {
     int waiting = 0;
     int error = 0;
@@ -111,27 +111,27 @@ bool isDelivered(const Socket& socket) {
 
 } // namespace
 
-/// A fault, and the message that it strikes within its frame.
+/// A fault, and the position of its message in the frame.
 struct FaultProxy::Strike {
     Fault fault;
     int at = 0;
     int size = 0;
 };
 
-/// What flows in one direction of a connection.
+/// One direction of a connection.
 struct FaultProxy::Stream {
     const Direction direction;
     const Socket& from;
     const Socket& to;
-    QByteArray held = {};           // has come and is not yet passed on
-    int cleared = 0;                // how much of it, and of what is still to come, may pass
-    std::optional<Strike> due = {}; // decided for the frame behind that
-    Kind ending = Kind::None;       // happens to the connection once what is cleared has passed
+    QByteArray held = {}; // received and not yet sent
+    int cleared = 0;      // how many bytes of it, and of bytes still to be received, may be sent
+    std::optional<Strike> due = {}; // the fault of the frame after that
+    Kind ending = Kind::None;       // happens to the connection when the cleared bytes are sent
 
     bool hasOutput() const {
         return cleared > 0 && !held.isEmpty();
     }
-    /// What is there goes first: so a slow destination makes the source wait.
+    /// Sending goes first, so that a slow destination makes the source wait.
     bool wantsInput() const {
         return !hasOutput() && (ending == Kind::None || cleared > 0);
     }
@@ -145,11 +145,11 @@ struct FaultProxy::Stream {
         if (count > 0 || isLater)
             return;
         ending = count == 0 ? Kind::Close : Kind::Reset;
-        cleared = held.size(); // a piece of a frame passes as it is
+        cleared = held.size(); // an incomplete frame passes unchanged
     }
 
-    /// Does what is decided for the frame behind what is cleared. \returns false when more of it
-    /// must come before that.
+    /// Applies a fault to the frame after the cleared bytes. \returns false when it needs more
+    /// bytes of the frame first.
     bool apply(const Strike& strike, int frameSize) {
         const Fault& fault = strike.fault;
         switch (fault.kind) {
@@ -186,16 +186,16 @@ struct FaultProxy::Stream {
     }
 };
 
-/// A client's connection, and the one to the server that is made for it.
+/// A connection of a client, and its connection to the server.
 struct FaultProxy::Connection {
     const int number;
     Socket client;
     Socket server;
     Stream requests{Request, client, server};
     Stream responses{Response, server, client};
-    bool isFrozen = false; // nothing passes any more
+    bool isFrozen = false; // nothing is forwarded any more
     bool clientHasClosed = false;
-    int dribbleMs = -1; // -1: the server's bytes pass as they come
+    int dribbleMs = -1; // -1: the bytes of the server are not delayed
     Clock::time_point nextByte = {};
 
     explicit Connection(int connectionNumber) : number(connectionNumber) {}
@@ -209,7 +209,7 @@ struct FaultProxy::Connection {
     bool dribbles(const Stream& stream) const {
         return dribbleMs >= 0 && stream.direction == Response;
     }
-    /// Whether time must pass before it goes on.
+    /// Whether it waits for time to pass.
     bool waitsForTime() const {
         return !isFrozen && ((dribbles(responses) && responses.hasOutput()) ||
                              requests.ending != Kind::None || responses.ending != Kind::None);
@@ -227,11 +227,11 @@ struct FaultProxy::Connection {
             events |= POLLIN;
         if (!isFrozen && out.hasOutput() && !dribbles(out))
             events |= POLLOUT;
-        // poll() reports some events unasked: those of an end without use would keep it awake.
+        // poll() always reports POLLHUP and POLLERR: an end without requested events is left out.
         return {events != 0 ? socket.fd() : -1, static_cast<short>(events), 0};
     }
 
-    /// Sends as much as may pass and the destination takes.
+    /// Sends the cleared bytes that the destination accepts.
     void pass(Stream& stream) {
         const int available = std::min(stream.cleared, stream.held.size());
         const bool isSlow = dribbles(stream);
@@ -250,7 +250,7 @@ struct FaultProxy::Connection {
         }
         stream.held.remove(0, sent);
         stream.cleared -= sent;
-        // RST would overtake what is on its way.
+        // RST would discard bytes that are not delivered yet.
         const bool isPassed =
             stream.cleared == 0 && (stream.ending != Kind::Reset || isDelivered(stream.to));
         if (isPassed && stream.ending != Kind::None)
@@ -269,7 +269,7 @@ struct FaultProxy::Connection {
     }
 };
 
-// --- What tests call ----------------------------------------------------------------------------
+// --- Interface ----------------------------------------------------------------------------------
 
 FaultProxy::Fault FaultProxy::Fault::reset(int bytes) {
     return {Kind::Reset, bytes, {}};
@@ -395,7 +395,7 @@ bool FaultProxy::waitUntilClosed(double seconds) const {
 
 // --- The thread ---------------------------------------------------------------------------------
 
-/// Has the proxy's thread do something, and waits until it has.
+/// Runs `work` on the proxy thread, and waits for it.
 void FaultProxy::perform(const std::function<void()>& work) const {
     const std::lock_guard<std::mutex> turn(m_turn);
     std::unique_lock<std::mutex> lock(m_mutex);
@@ -413,7 +413,7 @@ void FaultProxy::setMode(Mode mode) {
 }
 
 void FaultProxy::run() {
-    // Signals are for the test's own threads.
+    // The threads of the test handle signals.
     sigset_t signals;
     sigfillset(&signals);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
@@ -439,7 +439,7 @@ void FaultProxy::run() {
     }
 }
 
-/// Until there may be something to do.
+/// Waits for an event.
 void FaultProxy::wait() {
     std::vector<pollfd> ends = {{m_wakeup, POLLIN, 0}, {m_listener.fd(), POLLIN, 0}};
     const std::size_t others = ends.size();
@@ -485,7 +485,7 @@ void FaultProxy::transfer(Connection& connection, Stream& stream) {
     connection.pass(stream);
 }
 
-/// Clears to pass what has come, frame by frame, and makes faults strike that are due.
+/// Clears received frames for sending, and applies faults that are due.
 void FaultProxy::decide(Connection& connection, Stream& stream) {
     while (stream.ending == Kind::None && stream.held.size() - stream.cleared >= prefixSize) {
         const char* const frame = stream.held.constData() + stream.cleared;
@@ -507,7 +507,7 @@ void FaultProxy::decide(Connection& connection, Stream& stream) {
     }
 }
 
-/// What strikes at these messages. They count for every fault that is armed.
+/// The fault that is due at these messages. Counts them for all armed faults.
 FaultProxy::Strike FaultProxy::strikeAt(const QList<Message>& chain) {
     Strike strike;
     for (const Message& message : chain) {

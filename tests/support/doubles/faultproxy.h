@@ -1,13 +1,13 @@
-// A TCP proxy between an SMB2 client and its server that makes chosen messages go wrong.
+// A TCP proxy between an SMB2 client and its server that injects faults at chosen messages.
 //
 //     FaultProxy proxy(server.port());
 //     proxy.on({FaultProxy::Request, FaultProxy::Write, 2}, FaultProxy::Fault::reset(1000));
 //     // ... The connection of the second WRITE request breaks after 1000 bytes of it.
 //
-// What travels are frames: four bytes with the length of the rest, then an SMB2 message or a chain
-// of them (a compound). The proxy decides about a frame once the head of its last message has come,
-// and passes its bytes as they come. So a large message is never held up; and what a fault does to
-// a message it does to the whole frame that has it.
+// The connection carries frames: four bytes with the length of the rest, then an SMB2 message or a
+// chain of messages (a compound). The proxy chooses the fault of a frame when it has the head of
+// the last message, and forwards bytes as they arrive: it does not delay large messages. A fault at
+// one message applies to its whole frame.
 #pragma once
 
 #include "support/system/loopback.h"
@@ -25,14 +25,14 @@
 
 namespace oru::io::test {
 
-/// Takes connections on a port of its own and passes them on to the server, one for one. All
-/// functions may be called from any thread, except by an Edit fault.
+/// Listens on its own port, and makes one connection to the server for each connection it accepts.
+/// All functions may be called from any thread, but not from an editor.
 class FaultProxy {
 public:
     enum Direction { Request, Response };
 
     enum Command {
-        Opaque = -2, ///< not a plain SMB2 message; an encrypted one, for example
+        Opaque = -2, ///< not a plain SMB2 message, such as an encrypted one
         Any = -1,    ///< in triggers only
         Negotiate = 0,
         SessionSetup = 1,
@@ -54,48 +54,48 @@ public:
         SetInfo = 17,
     };
 
-    /// A message that has come; a fault may have kept it from its destination.
+    /// A received message. A fault may have kept it from its destination.
     struct Message {
         bool fromServer = false;
         int connection = 0; ///< counts from 1
         int command = Opaque;
         quint32 status = 0; ///< of a response
         quint64 messageId = 0;
-        quint32 length = 0; ///< of READ and WRITE: how much is asked for, or was transferred
-        quint64 offset = 0; ///< of a READ or WRITE request: where in the file
-        int at = 0;         ///< where it begins in its frame; not 0 for the later ones of a chain
+        quint32 length = 0; ///< READ and WRITE: the bytes requested or transferred
+        quint64 offset = 0; ///< READ and WRITE requests: the offset in the file
+        int at = 0;         ///< where it begins in its frame; not 0 for later messages of a chain
         int size = 0;
         QByteArray head; ///< its first bytes, at most 256
 
-        /// Whether a response only says that the real one comes later.
+        /// Whether this is an interim response: the final one follows.
         bool isInterim() const;
     };
 
-    /// A moment to come, counted over all connections. Interim responses do not count.
+    /// A future message, counted over all connections. Interim responses do not count.
     struct Trigger {
         Direction direction;
         int command;
         int occurrence = 1; ///< 1 is the next message of this kind
     };
 
-    /// What happens at a message. `bytes` is how much of its frame still passes, with its prefix.
+    /// What happens at a message. `bytes` of its frame, with the prefix, still pass.
     struct Fault {
-        /// Both ends get RST.
+        /// Resets both connections (RST).
         static Fault reset(int bytes = 0);
-        /// Both ends get FIN.
+        /// Closes both connections (FIN).
         static Fault close(int bytes = 0);
-        /// Nothing more passes in either direction, while both ends remain connected.
+        /// Forwards nothing more in either direction, and keeps both connections.
         static Fault freeze(int bytes = 0);
-        /// From here on the server's bytes go to the client one by one, so many ms apart.
+        /// Forwards the bytes of the server one by one from now on, `intervalMs` apart.
         static Fault dribble(int intervalMs = 0);
-        /// `editor` may change the message; its length, too.
+        /// Lets `editor` change the message and its length.
         static Fault edit(std::function<void(QByteArray& message)> editor);
-        /// The frame does not reach its destination.
+        /// Discards the frame.
         static Fault drop();
 
         enum class Kind { None, Reset, Close, Freeze, Dribble, Edit, Drop };
         Kind kind = Kind::None;
-        int amount = 0; ///< of bytes or ms
+        int amount = 0; ///< bytes or ms
         std::function<void(QByteArray& message)> editor;
     };
 
@@ -106,34 +106,33 @@ public:
     /// "127.0.0.1:PORT".
     QString address() const;
 
-    /// Arms a fault, which strikes once. Of several that are due at one frame the first one
-    /// strikes, the others do at the next frame that fits them.
+    /// Arms a fault, which strikes once. When several are due at one frame, the first one strikes;
+    /// the others strike at the next frame that fits.
     void on(const Trigger& trigger, const Fault& fault);
-    /// How many faults have not struck yet.
+    /// The number of faults that have not struck yet.
     int armed() const;
-    /// Disarms them.
+    /// Disarms all faults.
     void disarm();
 
-    /// All messages since the beginning or the last clear(), in the order they came.
+    /// All messages since the construction or the last clear(), in the order of arrival.
     QList<Message> messages() const;
-    /// Those of one kind.
+    /// The messages of one direction and command.
     QList<Message> messages(Direction direction, int command) const;
     void clear();
 
-    /// What becomes of new connections; those that are there go on. accept() is the state to begin
-    /// with, and ends the others.
+    /// How new connections are handled; open ones are not affected. The initial mode is accept().
     void accept();
-    void refuse();         ///< nobody listens on the port
-    void silence();        ///< they are accepted, and nothing more
-    void resetOnConnect(); ///< they are accepted and reset at once
+    void refuse();         ///< the port does not listen
+    void silence();        ///< accepted, without a connection to the server
+    void resetOnConnect(); ///< accepted and reset at once
 
     /// Resets all connections.
     void dropConnections();
-    /// How many were accepted so far.
+    /// The number of connections accepted so far.
     int connections() const;
-    /// How many the client has not closed, and the proxy has not reset.
+    /// The number of connections that neither the client has closed nor the proxy has reset.
     int openConnections() const;
-    /// Waits until there are none of them. \returns whether it came to that.
+    /// Waits until openConnections() is 0. \returns false after `seconds`.
     bool waitUntilClosed(double seconds = 10) const;
 
 private:
@@ -157,9 +156,9 @@ private:
     Strike strikeAt(const QList<Message>& chain);
 
     const quint16 m_serverPort;
-    const Socket m_reservation; // keeps the port while nobody listens on it
+    const Socket m_reservation; // reserves the port while it does not listen
 
-    // The thread's own; others reach it through perform().
+    // Used by the proxy thread only; other threads go through perform().
     Socket m_listener;
     Mode m_mode = Mode::Refuse;
     bool m_isEnding = false;
@@ -168,7 +167,7 @@ private:
     int m_accepted = 0;
     std::vector<std::unique_ptr<Connection>> m_connections;
 
-    mutable std::mutex m_turn; // of those that call perform()
+    mutable std::mutex m_turn; // serialises calls of perform()
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_isDone;
     mutable const std::function<void()>* m_work = nullptr; // guarded by m_mutex

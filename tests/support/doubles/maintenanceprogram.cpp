@@ -14,7 +14,7 @@ namespace {
 
 constexpr char directory[] = "/usr/local/bin";
 
-// One file for each run, with a NUL behind each argument.
+// Writes one file for each run, with a NUL after each argument.
 constexpr char recordingPart[] = R"(#!/bin/sh
 run=1
 while [ -e "/usr/local/bin/run-$run" ]; do
@@ -65,7 +65,7 @@ QList<QStringList> MaintenanceProgram::calls() const {
         if (!file.open(QFile::ReadOnly))
             break;
         QList<QByteArray> arguments = file.readAll().split('\0');
-        arguments.removeLast(); // nothing, behind the last NUL
+        arguments.removeLast(); // the empty part after the last NUL
         QStringList call;
         for (const QByteArray& argument : arguments)
             call += QString::fromUtf8(argument);

@@ -1,4 +1,4 @@
-// A maintenance program of the test's own, in the place of the device's.
+// A maintenance program that replaces the device's.
 #pragma once
 
 #include <QByteArray>
@@ -8,11 +8,11 @@
 
 namespace oru::io::test {
 
-/// /usr/local/bin/oruio_sysutils for as long as it lives: a shell script, in a memory file system
-/// over that directory. Takes mounts of the process's own (isolate()).
+/// Mounts a memory file system on /usr/local/bin, with a shell script oruio_sysutils, and unmounts
+/// it when destroyed. Needs a private mount namespace (isolate()).
 class MaintenanceProgram {
 public:
-    /// `script` runs after the arguments have been recorded; "$run" counts the runs from 1.
+    /// `script` runs after the arguments are recorded. "$run" is the number of the run, from 1.
     explicit MaintenanceProgram(const QByteArray& script = "exit 0");
     ~MaintenanceProgram();
 
@@ -20,10 +20,10 @@ public:
     QString problem() const;
     /// The arguments of each run so far.
     QList<QStringList> calls() const;
-    /// As if it had never run.
+    /// Forgets all runs.
     void forget();
 
-    /// The program's place.
+    /// The path of the program.
     static QString path();
 
 private:

@@ -26,7 +26,7 @@ constexpr size_t nameMax = 255;
 constexpr size_t pathMax = 4095;
 constexpr int linkDepth = 40;
 constexpr long long blockSize = 4096;
-/// What a file can grow to: sizes can be rounded up to blocks.
+/// The largest file: its size can be rounded up to blocks.
 constexpr long long sizeMax = std::numeric_limits<long long>::max() - blockSize;
 
 int fail(int error) {
@@ -45,8 +45,7 @@ timespec now() {
     return ts;
 }
 
-/// The bytes of a file. Only the blocks that were written take memory, so that a file may have a
-/// large hole.
+/// The bytes of a file. Only written blocks use memory, so files may have large holes.
 class Content {
 public:
     long long size() const {
@@ -111,16 +110,16 @@ struct Node {
     mode_t mode = 0;
     unsigned links = 1;
     timespec modified = now();
-    Content content;                                       // a file's
-    std::string target;                                    // a symbolic link's
-    std::map<std::string, std::shared_ptr<Node>> children; // a directory's
+    Content content;                                       // of a file
+    std::string target;                                    // of a symbolic link
+    std::map<std::string, std::shared_ptr<Node>> children; // of a directory
     std::map<std::string, std::string> attributes;
 
     bool isDirectory() const {
         return S_ISDIR(mode);
     }
 
-    /// Whether `wanted` is this node or somewhere below it.
+    /// Whether `wanted` is this node or below it.
     bool holds(const Node* wanted) const {
         return wanted == this ||
                std::any_of(children.begin(), children.end(),
@@ -151,7 +150,7 @@ int resize(Node& node, long long length) {
     return 0;
 }
 
-/// Where a path leads: its directory, the name in it, and the node, if there is one.
+/// The result of a path lookup: the directory, the name, and the node, null when missing.
 struct Place {
     NodePtr directory;
     std::string name;
@@ -194,7 +193,7 @@ struct MemFS::Data {
         return walk({root}, path.toStdString(), follow, place, depth);
     }
 
-    /// As find(), and the path must lead to something.
+    /// The same, but fails with ENOENT when the path has no node.
     bool findNode(const QString& path, bool follow, Place& place) {
         if (!find(path, follow, place))
             return false;
@@ -457,7 +456,7 @@ private:
     struct dirent m_entry = {};
 };
 
-/// Copies a value out as the xattr calls do: a size of 0 only asks how large it is.
+/// Copies a value to `buf`. With size 0, only returns the size of the value, as getxattr(2) does.
 int copyOut(const std::string& value, void* buf, unsigned int size) {
     if (size == 0)
         return static_cast<int>(value.size());

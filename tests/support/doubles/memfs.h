@@ -1,8 +1,7 @@
-// A small file system in memory: a real FS that needs no disk.
+// A small FS in memory, which needs no disk.
 //
-// It has directories, files, hard and symbolic links, modes, times and extended attributes. It has
-// no locks: flock() and the lock commands of fcntl() are not implemented. All operations may be
-// called from any thread.
+// It has directories, files, hard and symbolic links, modes, times and extended attributes. flock()
+// and the lock commands of fcntl() are not implemented. All operations are thread-safe.
 #pragma once
 
 #include <oruio/fs.h>

@@ -1,4 +1,4 @@
-// A memory file system of the test's own. Takes mounts of the process's own (isolate()).
+// A mounted memory file system. Needs a private mount namespace (isolate()).
 #pragma once
 
 #include <QFile>
@@ -8,12 +8,12 @@
 
 namespace oru::io::test {
 
-/// Is mounted on a directory for as long as it lives, or until somebody unmounts it.
+/// Mounts a memory file system on a directory, and unmounts it when destroyed.
 class MemoryMount {
 public:
     enum Use { Idle, Busy };
 
-    /// `Busy`: a file of it is open, so that it can only be unmounted lazily.
+    /// `Busy`: one of its files is open, so that only a lazy unmount succeeds.
     MemoryMount(const QString& directory, Use use)
         : m_directory(QFile::encodeName(directory)), m_inUse(directory + "/in-use"),
           m_isSetUp(mount("tmpfs", m_directory.constData(), "tmpfs", 0, nullptr) == 0 &&

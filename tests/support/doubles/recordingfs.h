@@ -1,4 +1,4 @@
-// An FS that does nothing but note its calls and answer with what it was told to.
+// An FS that only records its calls, and returns a result that the test sets.
 #pragma once
 
 #include <oruio/fs.h>
@@ -7,7 +7,7 @@
 
 namespace oru::io::test {
 
-/// What a RecordingFS, its files and its directories share: the calls so far, and the answer.
+/// Shared by a RecordingFS, its files and its directories: the calls so far, and the result.
 struct Record {
     QStringList calls; ///< such as "rename /a /b"
     int answer = 0;
@@ -20,7 +20,7 @@ public:
 
     /// The calls since the last take().
     QStringList take();
-    /// What every following call returns; open() and opendir() return null when it is -1.
+    /// Sets the result of all following calls; open() and opendir() return null when it is -1.
     void answerWith(int answer);
 
     int addWatch(QString path) override;

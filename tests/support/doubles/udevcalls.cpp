@@ -16,7 +16,8 @@ namespace oru::io::test {
 
 namespace {
 
-// The library calls before this program's own objects are made: these need no making.
+// The library calls these functions before the constructors of this program run. These objects are
+// initialised statically.
 std::atomic<int> held{0};
 std::atomic<int> received{0};
 std::atomic<int> failures{0};
@@ -24,26 +25,26 @@ std::atomic<int> failureError{0};
 std::atomic<int> shortPolls{0};
 char source[32];
 char hidden[256];
-std::function<void()> beforeEnumeration; // not called as early as that
+std::function<void()> beforeEnumeration; // not called that early
 
-void copyText(char* to, std::size_t size, const char* text) {
-    std::strncpy(to, text, size - 1);
+void copyString(char* to, std::size_t size, const char* string) {
+    std::strncpy(to, string, size - 1);
     to[size - 1] = '\0';
 }
 
-bool isToFail(const char* function) {
+bool mustFail(const char* function) {
     const char* const failing = std::getenv("ORUIO_TEST_FAILS");
     return failing && std::strcmp(failing, function) == 0;
 }
 
-/// libudev's own function.
+/// The real function.
 template <class Function>
 Function* real(Function*, const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 template <class T>
-T* given(T* object) {
+T* counted(T* object) {
     if (object)
         ++held;
     return object;
@@ -64,7 +65,7 @@ QByteArray udevMonitorSource() {
 }
 
 void hideUdevDevice(const QByteArray& syspath) {
-    copyText(hidden, sizeof hidden, syspath.constData());
+    copyString(hidden, sizeof hidden, syspath.constData());
 }
 
 void failUdevReceive(int error, int times) {
@@ -90,7 +91,7 @@ void beforeUdevEnumerates(std::function<void()> call) {
 using namespace oru::io::test;
 
 STAND_IN udev* udev_new() {
-    return isToFail("udev_new") ? nullptr : given(REAL(udev_new)());
+    return mustFail("udev_new") ? nullptr : counted(REAL(udev_new)());
 }
 
 STAND_IN udev* udev_unref(udev* context) {
@@ -99,14 +100,14 @@ STAND_IN udev* udev_unref(udev* context) {
 }
 
 STAND_IN udev_monitor* udev_monitor_new_from_netlink(udev* context, const char* name) {
-    copyText(source, sizeof source, name);
-    if (isToFail("udev_monitor_new_from_netlink"))
+    copyString(source, sizeof source, name);
+    if (mustFail("udev_monitor_new_from_netlink"))
         return nullptr;
-    return given(REAL(udev_monitor_new_from_netlink)(context, name));
+    return counted(REAL(udev_monitor_new_from_netlink)(context, name));
 }
 
 STAND_IN int udev_monitor_enable_receiving(udev_monitor* monitor) {
-    return isToFail("udev_monitor_enable_receiving") ? -ENOMEM
+    return mustFail("udev_monitor_enable_receiving") ? -ENOMEM
                                                      : REAL(udev_monitor_enable_receiving)(monitor);
 }
 
@@ -121,7 +122,7 @@ STAND_IN udev_device* udev_monitor_receive_device(udev_monitor* monitor) {
         errno = failureError;
         return nullptr;
     }
-    udev_device* const device = given(REAL(udev_monitor_receive_device)(monitor));
+    udev_device* const device = counted(REAL(udev_monitor_receive_device)(monitor));
     received += device != nullptr;
     return device;
 }
@@ -129,7 +130,7 @@ STAND_IN udev_device* udev_monitor_receive_device(udev_monitor* monitor) {
 STAND_IN udev_enumerate* udev_enumerate_new(udev* context) {
     if (beforeEnumeration)
         beforeEnumeration();
-    return given(REAL(udev_enumerate_new)(context));
+    return counted(REAL(udev_enumerate_new)(context));
 }
 
 STAND_IN udev_enumerate* udev_enumerate_unref(udev_enumerate* enumeration) {
@@ -142,7 +143,7 @@ STAND_IN udev_device* udev_device_new_from_syspath(udev* context, const char* sy
         errno = ENODEV;
         return nullptr;
     }
-    return given(REAL(udev_device_new_from_syspath)(context, syspath));
+    return counted(REAL(udev_device_new_from_syspath)(context, syspath));
 }
 
 STAND_IN udev_device* udev_device_unref(udev_device* device) {

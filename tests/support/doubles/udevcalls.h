@@ -1,8 +1,9 @@
-// Stands between the library and libudev, and poll(2), in test programs that compile this in:
-// counts what the library holds, and makes its calls fail.
+// Definitions of libudev functions and poll(2) that precede the real ones in test programs: they
+// count the objects that the library holds, and can fail.
 //
-// As long as the environment has ORUIO_TEST_FAILS, which may be from the start, the function named
-// there fails: udev_new, udev_monitor_new_from_netlink or udev_monitor_enable_receiving.
+// The function named in the environment variable ORUIO_TEST_FAILS fails: udev_new,
+// udev_monitor_new_from_netlink or udev_monitor_enable_receiving. The variable may be set before
+// the program starts.
 #pragma once
 
 #include <QByteArray>
@@ -11,25 +12,25 @@
 
 namespace oru::io::test {
 
-/// Objects that libudev has given out and not got back.
+/// The number of libudev objects that the library holds.
 int heldUdevObjects();
 
-/// The source of messages that the last monitor was asked for.
+/// The source of messages ("udev" or "kernel") of the last monitor.
 QByteArray udevMonitorSource();
 
-/// How many devices udev_monitor_receive_device() has returned.
+/// The number of devices that udev_monitor_receive_device() has returned.
 int receivedUdevDevices();
 
-/// udev_device_new_from_syspath() does not find this device; with an empty path, it finds all.
+/// Hides this device from udev_device_new_from_syspath(). An empty path hides none.
 void hideUdevDevice(const QByteArray& syspath);
 
-/// The next calls of udev_monitor_receive_device(), as many as told, fail with `error`.
+/// The next `times` calls of udev_monitor_receive_device() fail with `error`.
 void failUdevReceive(int error, int times);
 
-/// The next waits by poll(2) for the longest time that it can take, as many as told, end at once.
+/// The next `times` calls of poll(2) with the longest time-out return 0 at once.
 void shortenLongestPolls(int times);
 
-/// Calls this when the library is about to enumerate devices; nothing, if it is empty.
+/// Calls `call`, unless empty, before the library enumerates devices.
 void beforeUdevEnumerates(std::function<void()> call);
 
 } // namespace oru::io::test

@@ -1,23 +1,24 @@
 # shellcheck shell=bash
-# What tests of the example programs are made of; they source it. Gives each of their cases a fresh
-# directory $clips, and $work for everything else.
+# Shared by the tests of the example programs, which source it. Each case gets an empty directory
+# $clips, and $work for other files.
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/examples-test-XXXXXX") || exit 1
 trap 'rm -rf "$work"' EXIT
 export TMPDIR=$work/tmp
 
-# Runs a command to its end; leaves its output in $work/out and $work/err, its result in $status.
+# Runs a command. Stores its output in $work/out and $work/err, its exit status in $status.
 run() {
     "$@" >"$work/out" 2>"$work/err"
     status=$?
 }
 
-# One condition of the current case, as a command.
+# Checks a condition of the current case: the command must succeed.
 expect() {
     "$@" || problems+="  failed: $*"$'\n'
 }
 
-# Whether the summary has the row LABEL with a text that matches the extended expression PATTERN.
+# has_row LABEL PATTERN: whether the summary has a row LABEL whose value matches the extended
+# expression PATTERN.
 has_row() {
     grep -Eq "^$1 +($2)\$" "$work/out"
 }
@@ -45,22 +46,22 @@ has_text() {
     [ "$(cat "$1")" = "$2" ]
 }
 
-# The recorder has recorded a clip and verified it.
+# Expects that the recorder recorded a clip and verified it.
 expect_success() {
     expect [ "$status" -eq 0 ]
     expect [ ! -s "$work/err" ]
     expect has_row verified yes
 }
 
-# The program $3, if not the recorder, has ended with the status $1 and one line on standard error,
-# which matches $2.
+# Expects that the program $3, by default the recorder, exited with $1 and printed one line on
+# standard error, which matches $2.
 expect_error() {
     expect [ "$status" -eq "$1" ]
     expect has_one_error_line "${3:-recorder}" "$2"
 }
 
-# wait_until COMMAND...: until it succeeds. At most fifteen seconds: nothing here takes more than
-# the ten that a client waits for its server.
+# wait_until COMMAND...: repeats the command until it succeeds, for at most 15 seconds. A client
+# waits 10 seconds for its server.
 wait_until() {
     local deadline=$((SECONDS + 15))
     until "$@"; do
@@ -78,8 +79,8 @@ wait_for_bytes() {
     wait_until has_bytes "$@"
 }
 
-# Runs the case function $1. It may set $skipped to the reason why it could not do its work. What it
-# has left running is killed.
+# Runs the case function $1. The function sets $skipped to the reason when it cannot run. Its
+# remaining background jobs are killed.
 run_case() {
     problems='' skipped=''
     clips=$work/$1
@@ -101,7 +102,7 @@ run_case() {
     fi
 }
 
-# Runs all these cases; fails if any of them does.
+# Runs all these cases. Fails if one of them fails.
 run_cases() {
     local case failures=0
     for case; do

@@ -1,7 +1,7 @@
-// One suite of tests that every FS passes, whatever stands behind it.
+// A suite of tests that every FS passes.
 //
-// A backend joins by describing itself: how to make an instance, and a table of what it does
-// differently. A test never asks which backend it runs on; it asks the table.
+// A backend declares how to make an instance, and a table of its deviations from a local file
+// system. The tests use this table only: they do not depend on the backend.
 #pragma once
 
 #include <oruio/error.h>
@@ -17,14 +17,14 @@
 
 namespace oru::io::test {
 
-/// What a backend may not provide, or provide in its own way.
+/// Operations that a backend may not provide, or that may behave differently.
 enum class Op {
     AddWatch,
     RemWatch,
     Ioctl,
     Link,
     Symlink,
-    ReadlinkOfFile, ///< of something that is no link
+    ReadlinkOfFile, ///< of something other than a link
     Xattr,          ///< extended attributes, apart from their list
     Listxattr,
     Chmod,
@@ -34,15 +34,15 @@ enum class Op {
     RmdirNonEmpty,
     UnlinkDirectory,
     UnlinkOpenFile,
-    OpenDirectory, ///< for reading, as a file
+    OpenDirectory, ///< with open(), for reading
     OpenDirectoryForWriting,
-    OpenThroughFile, ///< of a name below a file
+    OpenThroughFile, ///< with a file in place of a directory in the path
     NameTooLong,
     StatNameTooLong, ///< by one byte
     ReadWriteOnlyFile,
     WriteReadOnlyFile,
     WriteBeyondLargestFile,
-    OddCharacter, ///< to make a file with it in the name, where not any character will do
+    OddCharacter, ///< creating a file with a character that the backend excludes
     LseekBeforeStart,
     LseekFromEnd,
     FileFdatasync,
@@ -54,7 +54,7 @@ enum class Op {
     DirectoryIoctl,
 };
 
-/// How a backend answers an operation.
+/// The declared result of an operation.
 struct Answer {
     enum Kind { Works, NotImplementedHere, Fails, IsSomethingElse } kind;
     int error;
@@ -68,7 +68,7 @@ struct Answer {
     static Answer fails(int error) {
         return {Fails, error};
     }
-    /// It is not what its name says; the backend's own tests hold what it is.
+    /// The operation does something else, which the backend's own tests check.
     static Answer isSomethingElse() {
         return {IsSomethingElse, 0};
     }
@@ -80,8 +80,8 @@ struct Capabilities {
     const char* fileType = "";
     const char* directoryType = "";
 
-    /// The answers of operations that do not simply work. The defaults are what a local file
-    /// system refuses.
+    /// The answers of operations that do not just succeed. The defaults are the errors of a local
+    /// file system.
     std::map<Op, Answer> answers = {
         {Op::AddWatch, Answer::notImplemented()},
         {Op::RemWatch, Answer::notImplemented()},
@@ -104,15 +104,16 @@ struct Capabilities {
     bool opendirIsNeverNull = false; ///< a directory that cannot be opened is an empty one
     int closeAgain = 0;              ///< the result of closing a closed file
     int closedirAgain = -1;          ///< the result of closing a directory that is not open
-    bool readlinkPads = false;       ///< what is left of the buffer is filled with NULs
-    bool keepsModes = true;          ///< permission bits are stored as given; otherwise they stay
-    bool appends = true;             ///< O_APPEND is honoured
+    bool readlinkPads = false;       ///< the rest of the buffer is filled with NULs
+    bool keepsModes = true; ///< permission bits are stored as given; otherwise they do not change
+    bool appends = true;    ///< O_APPEND is honoured
     bool caseSensitive = true;
-    bool anyCharacter = true; ///< names may contain all but the slash; see Op::OddCharacter
-    bool threadSafe = true;   ///< operations may overlap
+    bool anyCharacter =
+        true;               ///< names may contain any character but the slash; see Op::OddCharacter
+    bool threadSafe = true; ///< operations may overlap
     long long largestFile = 1LL << 40; ///< in bytes; see Op::WriteBeyondLargestFile
     int longestName = 255;             ///< in bytes
-    long long timeStep = 1;            ///< what times are multiples of, in nanoseconds
+    long long timeStep = 1;            ///< in nanoseconds; all times are multiples of it
 };
 
 /// An instance of a backend under test.
@@ -120,8 +121,8 @@ struct Backend {
     QSharedPointer<FS> fs;
     QString root; ///< an empty directory in it, without a slash at the end
     Capabilities can;
-    std::shared_ptr<void> keep; ///< what must live as long as the backend
-    std::string skipReason;     ///< when not empty, it cannot run here
+    std::shared_ptr<void> keep; ///< lives as long as the backend
+    std::string skipReason;     ///< why the backend cannot run; empty when it can
 };
 
 struct BackendMaker {
@@ -129,7 +130,7 @@ struct BackendMaker {
     std::function<Backend()> make;
 };
 
-/// For the names of the tests.
+/// Prints the name, for the names of the tests.
 std::ostream& operator<<(std::ostream& out, const BackendMaker& maker);
 
 /// The base of all tests of the suite. Instantiate it for a backend with
@@ -148,18 +149,24 @@ protected:
     QString at(const QString& name) const;
     QString at(const char* name) const;
 
-    /// Whether `result` is a success that the table promises. When the table tells of another
-    /// answer, checks that `result`, liberrno and errno are that answer and returns false.
+    /// Checks that `result`, liberrno and errno are the declared answer. \returns whether the
+    /// declared answer is success and `result` is one.
     bool works(Op op, long long result) const;
-    /// As the table has it, without a call.
+    /// Whether the declared answer is success.
     bool provides(Op op) const;
 
-    /// Makes a file with `content`.
+    /// Writes a file with `content`.
     void put(const char* name, const QByteArray& content = {});
     /// The content of a file; fails the test when it cannot be read.
     QByteArray get(const char* name);
     bool exists(const QString& name);
     QStringList list(const QString& path);
+
+    static QByteArray pattern(int size, int seed = 1);
+    /// Reads `size` bytes, with as many calls as necessary; fewer at the end of the file.
+    static QByteArray readFully(File& file, int size);
+    /// Checks that the last call failed with errno `error` and liberrno Ok.
+    static void expectRefusal(int error);
 
 private:
     Answer answer(Op op) const;

@@ -1,4 +1,4 @@
-// The messages that the library logs while a test looks on.
+// Captures the messages that the library logs during a test.
 #pragma once
 
 #include "support/suite/qtprint.h"
@@ -12,12 +12,11 @@ namespace oru::io::test {
 
 class LogCapture {
 public:
-    /// Sets the thresholds for as long as the capture lives, such as "libio=12".
+    /// Sets the thresholds, such as "libio=12", until the destruction.
     explicit LogCapture(const char* thresholds);
     ~LogCapture();
 
-    /// The messages since the last call, each as "channel level text", in the order they were
-    /// logged.
+    /// The messages since the last call, each as "channel level message", in their order.
     QStringList messages();
 
 private:

@@ -5,7 +5,7 @@
 
 namespace oru::io::test {
 
-/// Over a file system that lacks nothing.
+/// For a local file system that supports all operations.
 inline Capabilities posixCapabilities() {
     Capabilities can;
     can.type = "PosixFS";

@@ -1,4 +1,4 @@
-// Makes a failed expectation show the texts of Qt, not their bytes.
+// Makes failed expectations print Qt strings as characters, not as bytes.
 #pragma once
 
 #include <QByteArray>
@@ -9,17 +9,17 @@
 
 QT_BEGIN_NAMESPACE
 
-inline void PrintTo(const QString& text, std::ostream* out) {
-    *out << '"' << text.toStdString() << '"';
+inline void PrintTo(const QString& string, std::ostream* out) {
+    *out << '"' << string.toStdString() << '"';
 }
 
 inline void PrintTo(const QByteArray& bytes, std::ostream* out) {
     *out << '"' << bytes.toStdString() << '"';
 }
 
-inline void PrintTo(const QStringList& texts, std::ostream* out) {
-    for (const QString& text : texts)
-        *out << "\n    \"" << text.toStdString() << '"';
+inline void PrintTo(const QStringList& strings, std::ostream* out) {
+    for (const QString& string : strings)
+        *out << "\n    \"" << string.toStdString() << '"';
 }
 
 QT_END_NAMESPACE

@@ -1,7 +1,7 @@
-// Which slot of its class's virtual table a virtual function stands in.
+// The slot of a virtual function in the virtual table of its class.
 //
-// Programs built against one version of the library call the slots of another, so the order is part
-// of its interface. Counts from 0; a virtual destructor takes two slots. (Itanium C++ ABI.)
+// A program built with one version of the library calls the slots of another version, so their
+// order is part of the ABI. Slots count from 0; a virtual destructor takes two (Itanium C++ ABI).
 #pragma once
 
 #include <cstddef>
