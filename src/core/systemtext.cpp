@@ -73,13 +73,16 @@ bool fromSystem(const char* utf8, QString& text) {
         return true;
     }
     // A string with invalid parts does not convert back to the same bytes.
-    const QString result = decoded(utf8, length);
-    if (result.toUtf8() != QByteArray::fromRawData(utf8, length)) {
-        errno = EILSEQ;
-        return false;
+    bool isValid = false;
+    {
+        const QString result = decoded(utf8, length);
+        isValid = result.toUtf8() == QByteArray::fromRawData(utf8, length);
+        if (isValid)
+            text = result;
     }
-    text = result;
-    return true;
+    if (!isValid)
+        errno = EILSEQ;
+    return isValid;
 }
 
 QString decoded(const char* utf8, int length) {

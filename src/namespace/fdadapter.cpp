@@ -161,12 +161,13 @@ QSharedPointer<Directory> FDMap::getdir(void* handle) {
 int FDMap::remove(void* handle) {
     if (!handle)
         return -1;
+    const ErrnoSaver saver;
     QSharedPointer<Directory> dir;
     {
         const std::lock_guard lock(m_data->dirMutex);
         dir = m_data->dirs.take(handle);
     }
-    release(dir); // closes it, unless another thread uses it
+    dir.clear(); // closes it, unless another thread uses it
     return 0;
 }
 

@@ -205,6 +205,7 @@ void FSSwitch::add(QString mountPoint, QSharedPointer<FS> fs) {
 void FSSwitch::remove(QString mountPoint) {
     if (!normalise(mountPoint))
         return;
+    const ErrnoSaver saver;
     QSharedPointer<FS> removed;
     {
         const std::lock_guard lock(m_data->mutex);
@@ -214,8 +215,7 @@ void FSSwitch::remove(QString mountPoint) {
                 removed = entries.takeAt(i).fs;
         }
     }
-    // Without the lock: it may be destroyed, which may take long.
-    release(removed);
+    removed.clear(); // without the lock, as it may be destroyed, which may take long
 }
 
 QSharedPointer<FS> FSSwitch::getFS(QString path, QString* rest) {

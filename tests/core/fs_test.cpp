@@ -171,6 +171,26 @@ TEST(FileReadAll, MoreThanMemoryHas_EmptyWithENOMEM) {
     EXPECT_EQ(liberrno, Ok);
 }
 
+TEST(FileReadAll, EmptyFile_IsReadOnceWithoutAnError) {
+    ScriptedFile file;
+    errno = EDOM;
+    liberrno = NotFound;
+    EXPECT_TRUE(file.readAll(100).isEmpty());
+    EXPECT_EQ(file.reads, 1);
+    EXPECT_EQ(file.readLength, 0U);
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(liberrno, NotFound);
+}
+
+TEST(FileReadAll, EmptyFileThatCannotBeRead_ReturnsEmptyWithErrno) {
+    ScriptedFile file;
+    file.readResult = -1;
+    errno = 0;
+    EXPECT_TRUE(file.readAll(100).isEmpty());
+    EXPECT_EQ(file.reads, 1);
+    EXPECT_EQ(errno, EIO);
+}
+
 TEST(FileReadAll, NegativeSize_ReturnsEmptyWithoutReading) {
     ScriptedFile file;
     file.size = -5;

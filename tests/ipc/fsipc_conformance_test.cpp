@@ -42,6 +42,7 @@ test::Backend connectedBackend() {
     backend.can.closeAgain = -1;
     backend.can.closedirAgain = 0;
     backend.can.readlinkPads = true;
+    backend.can.readlinkReturnsZero = true;
     backend.can.answers[test::Op::Xattr] = test::Answer::notImplemented();
     backend.can.answers[test::Op::Listxattr] = test::Answer::notImplemented();
     backend.can.answers[test::Op::FileFchmod] = test::Answer::isSomethingElse();

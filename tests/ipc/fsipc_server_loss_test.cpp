@@ -125,7 +125,7 @@ TEST_F(IPCFSTest, ServerStoppedForElevenSeconds_RequestIsCancelledAndNextSession
         QString target;
         ASSERT_EQ(fs.symlink(QStringLiteral("target%1").arg(i), name), 0);
         const QString expected = QStringLiteral("target%1").arg(i);
-        ASSERT_EQ(fs.readlink(name, target), expected.size());
+        ASSERT_EQ(fs.readlink(name, target), 0);
         ASSERT_EQ(target, expected);
     }
     // The server has not carried out the cancelled request.

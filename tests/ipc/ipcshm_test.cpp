@@ -1,5 +1,6 @@
 // IPCShm: the data buffers of the service's area, deadlines, and the debug mask.
 
+#include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
 #include "support/ipc/elapsed.h"
 #include "support/ipc/ipccalls.h"

@@ -241,22 +241,21 @@ TEST_F(FDMapTest, Remove_CloseMayUseTheTableAndItsErrnoStands) {
     EXPECT_TRUE(weak.isNull());
 }
 
-TEST_F(FDMapTest, Hold_KeepsTheFileAndSetsLiberrno) {
+TEST_F(FDMapTest, Get_KeepsTheFileAndSetsLiberrno) {
     LimitedMap map(1024);
     auto file = newFile();
     const int fd = map->add(file);
     fs.take();
     liberrno = LibraryFailure;
-    FDMap::Hold held = map->hold(fd);
-    ASSERT_TRUE(held);
-    EXPECT_EQ(*held, file);
+    QSharedPointer<File> held = map->get(fd);
+    EXPECT_EQ(held, file);
     EXPECT_EQ(liberrno, Ok);
     EXPECT_EQ(map->remove(fd), 0);
     file.reset();
     EXPECT_EQ(fs.take(), QStringList{"close"});
     held.reset();
     EXPECT_EQ(fs.take(), QStringList{"~file"});
-    EXPECT_FALSE(map->hold(fd));
+    EXPECT_FALSE(map->get(fd));
     EXPECT_EQ(liberrno, NotFound);
 }
 

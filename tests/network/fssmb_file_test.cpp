@@ -1,6 +1,8 @@
 // Files of a real SMB server's share.
 #include "network/fssmb_fixtures.h"
+
 #include "support/suite/logcapture.h"
+#include <QFileInfo>
 
 #include <cstdint>
 #include <functional>

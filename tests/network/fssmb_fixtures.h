@@ -2,12 +2,11 @@
 #pragma once
 
 #include "support/doubles/faultproxy.h"
+#include "support/system/files.h"
 #include "support/system/smbtest.h"
 
 #include <oruio/error.h>
 #include <oruio/fssmb.h>
-
-#include <QDir>
 
 #include <memory>
 #include <vector>
@@ -86,10 +85,6 @@ inline QStringList names(Directory& directory) {
 
 inline QByteArray utf16(const QString& string) {
     return {reinterpret_cast<const char*>(string.utf16()), string.size() * 2};
-}
-
-inline int openDescriptors() {
-    return QDir("/proc/self/fd").entryList(QDir::System | QDir::Files | QDir::AllDirs).size();
 }
 
 // The time-out of a share. A request without a fault completes within it even on a busy machine.

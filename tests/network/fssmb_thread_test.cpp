@@ -1,5 +1,9 @@
 // Shares used by several threads, and by a thread that signals interrupt.
 #include "network/fssmb_fixtures.h"
+#include "support/system/cancellablethread.h"
+
+#include <QSemaphore>
+#include <QThread>
 
 #include <csignal>
 #include <thread>
@@ -11,6 +15,7 @@
 namespace oru::io {
 namespace {
 
+using test::CancellableThread;
 using test::login;
 using test::Smb;
 using test::SmbShare;
@@ -63,6 +68,45 @@ TEST_F(Smb, ConnectFromManyThreads_AllConnect) {
     }
     for (std::thread& thread : threads)
         thread.join();
+}
+
+TEST_F(SmbShare, ThreadCancelledInAnOperation_CompletesItAndTheShareGoesOn) {
+    server.stop();
+    QSemaphore isWaiting;
+    int result = 1;
+    CancellableThread thread([&] {
+        struct stat st;
+        isWaiting.release();
+        result = fs.stat("/", st);
+        pthread_testcancel();
+    });
+    isWaiting.acquire();
+    QThread::msleep(50); // likely enough for the request; the test holds without it as well
+    thread.cancel();
+    server.cont();
+    EXPECT_TRUE(thread.join());
+    EXPECT_TRUE(thread.wasUnwound());
+    EXPECT_EQ(result, 0);
+    struct stat st;
+    EXPECT_EQ(fs.stat("/", st), 0) << strerror();
+    EXPECT_TRUE(fs.isConnected());
+}
+
+TEST_F(SmbShare, DestructorsOnACancelledThread_CloseTheirHandles) {
+    bool isAtEnd = false;
+    CancellableThread thread([&] {
+        auto file = create("/f");
+        auto directory = fs.opendir("/");
+        ASSERT_TRUE(file && directory);
+        pthread_cancel(pthread_self());
+        file.clear();
+        directory.clear();
+        isAtEnd = true;
+        pthread_testcancel();
+    });
+    EXPECT_TRUE(thread.join());
+    EXPECT_TRUE(isAtEnd);
+    EXPECT_EQ(fs.unlink("/f"), 0) << strerror(); // ETXTBSY while a handle is open
 }
 
 namespace {

@@ -1,5 +1,7 @@
 #include "support/ipc/fakeserver.h"
 
+#include "ipc/ipcsync_p.h"
+
 #include <oruio/error.h>
 
 #include <cerrno>

@@ -101,10 +101,11 @@ struct Capabilities {
         {Op::LseekBeforeStart, Answer::fails(EINVAL)},
     };
 
-    bool opendirIsNeverNull = false; ///< a directory that cannot be opened is an empty one
-    int closeAgain = 0;              ///< the result of closing a closed file
-    int closedirAgain = -1;          ///< the result of closing a directory that is not open
-    bool readlinkPads = false;       ///< the rest of the buffer is filled with NULs
+    bool opendirIsNeverNull = false;  ///< a directory that cannot be opened is an empty one
+    int closeAgain = 0;               ///< the result of closing a closed file
+    int closedirAgain = -1;           ///< the result of closing a directory that is not open
+    bool readlinkPads = false;        ///< the rest of the buffer is filled with NULs
+    bool readlinkReturnsZero = false; ///< and not the length
     bool keepsModes = true; ///< permission bits are stored as given; otherwise they do not change
     bool appends = true;    ///< O_APPEND is honoured
     bool caseSensitive = true;
@@ -148,6 +149,11 @@ protected:
     /// The path of `name` in the test's directory.
     QString at(const QString& name) const;
     QString at(const char* name) const;
+
+    /// What readlink() returns for a target of `length` bytes.
+    int linkResult(int length) const {
+        return can().readlinkReturnsZero ? 0 : length;
+    }
 
     /// Checks that `result`, liberrno and errno are the declared answer. \returns whether the
     /// declared answer is success and `result` is one.

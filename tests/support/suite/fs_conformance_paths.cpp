@@ -177,7 +177,7 @@ TEST_P(FSConformance, Symlink_StoresTheTargetUnchanged) {
     if (!works(Op::Symlink, fs().symlink("f", at("l"))))
         return;
     QString target;
-    EXPECT_EQ(fs().readlink(at("l"), target), 1);
+    EXPECT_EQ(fs().readlink(at("l"), target), linkResult(1));
     EXPECT_EQ(target, "f");
     struct stat st;
     EXPECT_EQ(fs().lstat(at("l"), st), 0);
@@ -186,7 +186,7 @@ TEST_P(FSConformance, Symlink_StoresTheTargetUnchanged) {
     EXPECT_TRUE(S_ISREG(st.st_mode));
     EXPECT_EQ(get("l"), "abc");
     EXPECT_EQ(fs().symlink("/nowhere/at all", at("m")), 0);
-    EXPECT_EQ(fs().readlink(at("m"), target), 15);
+    EXPECT_EQ(fs().readlink(at("m"), target), linkResult(15));
     EXPECT_EQ(target, "/nowhere/at all");
     EXPECT_EQ(fs().stat(at("m"), st), -1);
     expectRefusal(ENOENT);
@@ -197,12 +197,12 @@ TEST_P(FSConformance, ReadlinkIntoBuffer_PadsAsDeclared) {
         return;
     char buf[16];
     std::memset(buf, '#', sizeof buf);
-    EXPECT_EQ(fs().readlink(at("l"), buf, sizeof buf), 6);
+    EXPECT_EQ(fs().readlink(at("l"), buf, sizeof buf), linkResult(6));
     EXPECT_EQ(std::string(buf, 6), "target");
     EXPECT_EQ(buf[6], can().readlinkPads ? '\0' : '#');
     EXPECT_EQ(buf[15], can().readlinkPads ? '\0' : '#');
     std::memset(buf, '#', sizeof buf);
-    EXPECT_EQ(fs().readlink(at("l"), buf, 3), 3);
+    EXPECT_EQ(fs().readlink(at("l"), buf, 3), linkResult(3));
     EXPECT_EQ(std::string(buf, 4), "tar#");
 }
 

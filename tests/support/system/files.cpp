@@ -1,5 +1,6 @@
 #include "support/system/files.h"
 
+#include <QDir>
 #include <QFile>
 
 #include <fcntl.h>
@@ -26,6 +27,10 @@ bool makeFile(FS& fs, const QString& path, const QByteArray& bytes) {
     const QSharedPointer<File> file = fs.open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
     return file && file->write(bytes.constData(), bytes.size()) == bytes.size() &&
            file->fsync() == 0 && file->close() == 0;
+}
+
+int openDescriptors() {
+    return QDir("/proc/self/fd").entryList(QDir::System | QDir::Files | QDir::AllDirs).size();
 }
 
 } // namespace oru::io::test

@@ -18,4 +18,7 @@ QByteArray contents(FS& fs, const QString& path);
 /// Creates or truncates a file of `fs`, writes to it and syncs it. \returns whether that succeeded.
 bool makeFile(FS& fs, const QString& path, const QByteArray& bytes);
 
+/// How many system descriptors this process has open.
+int openDescriptors();
+
 } // namespace oru::io::test

@@ -1,0 +1,91 @@
+// What the library reads out of libsmb2's contexts and messages.
+
+#include "network/libsmb2_internals_p.h"
+#include "network/libsmb2_p.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace oru::io {
+
+namespace {
+
+struct ContextDeleter {
+    void operator()(smb2_context* context) const {
+        libsmb2::destroyContext(context);
+    }
+};
+
+using Context = std::unique_ptr<smb2_context, ContextDeleter>;
+
+} // namespace
+
+TEST(Libsmb2Flags, SetAndCleared_AreReadBack) {
+    const Context context(libsmb2::makeContext());
+    for (const int sign : {0, 1, 0}) {
+        for (const int seal : {1, 0}) {
+            smb2_set_sign(context.get(), sign);
+            smb2_set_seal(context.get(), seal);
+            EXPECT_EQ(libsmb2::isSigned(context.get()), sign);
+            EXPECT_EQ(libsmb2::isSealed(context.get()), seal);
+        }
+    }
+}
+
+TEST(Libsmb2Flags, NewContext_HasNeither) {
+    const Context context(libsmb2::makeContext());
+    EXPECT_EQ(libsmb2::isSigned(context.get()), 0);
+    EXPECT_EQ(libsmb2::isSealed(context.get()), 0);
+}
+
+TEST(Libsmb2Contexts, MadeAndDestroyedByManyThreads_StayApart) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([i] {
+            for (int round = 0; round < 200; ++round) {
+                const Context context(libsmb2::makeContext());
+                smb2_set_sign(context.get(), i % 2);
+                ASSERT_EQ(libsmb2::isSigned(context.get()), i % 2);
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+TEST(Libsmb2ConnectError, MessageOfAFailedConnect_HasItsErrno) {
+    const Context context(libsmb2::makeContext());
+    smb2_set_error(context.get(), "Connect failed with errno : Network is unreachable(%d)",
+                   ENETUNREACH);
+    EXPECT_EQ(libsmb2::connectError(context.get(), -EIO), -ENETUNREACH);
+    smb2_set_error(context.get(), "Failed to open smb2 socket. Errno:Too many open files(%d).",
+                   EMFILE);
+    EXPECT_EQ(libsmb2::connectError(context.get(), -EIO), -EMFILE);
+}
+
+TEST(Libsmb2ConnectError, OtherMessages_KeepTheResult) {
+    const Context context(libsmb2::makeContext());
+    for (const char* message :
+         {"", "Invalid address: (5)", "Connect failed", "Connect failed (", "Connect failed (x)",
+          "Connect failed (0)", "Connect failed (-3)"}) {
+        smb2_set_error(context.get(), "%s", message);
+        EXPECT_EQ(libsmb2::connectError(context.get(), -EIO), -EIO) << message;
+    }
+}
+
+// 255.255.255.255 is refused by connect(2) at once, so that no socket is left to ask.
+TEST(Libsmb2ConnectError, OfARealConnect_IsTheErrnoOfConnect) {
+    const Context context(libsmb2::makeContext());
+    const int result = smb2_connect_share_async(
+        context.get(), "255.255.255.255", "share", nullptr, [](smb2_context*, int, void*, void*) {},
+        nullptr);
+    ASSERT_LT(result, 0);
+    const int error = libsmb2::connectError(context.get(), result);
+    EXPECT_TRUE(error == -ENETUNREACH || error == -EACCES) << error;
+}
+
+} // namespace oru::io
