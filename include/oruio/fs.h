@@ -16,6 +16,13 @@
 /// - "Not implemented": the operation fails with liberrno NotImplemented. errno stays unchanged.
 /// - Threads: the interface holds no lock. Each backend documents whether threads may share one
 ///   object. errno and liberrno are per thread.
+/// - Cancelled threads (pthread_cancel(3), with the default type, deferred): the destructors of the
+///   library and of its caller run. Calls of the local backend and of an application's own FS are
+///   cancelled at once, other operations when they are done.
+/// - Exceptions: the library throws none. An exception that comes out of an application's own FS,
+///   File or Directory ends the process.
+/// - fork(2): in the child, local files, mount tables and descriptors work. Connections with servers
+///   and other processes belong to the parent.
 #pragma once
 
 #include <oruio/export.h>

@@ -45,7 +45,7 @@ struct FSEntry {
 ///
 /// Threads: any thread may call any operation. No lock is held during a forwarded call, with one
 /// exception: sync() holds the lock of the table. So sync() of a mounted file system must not call
-/// the same switch.
+/// the same switch. In a child of fork(2) the switch works: it has what was mounted at that moment.
 class ORUIO_EXPORT FSSwitch : public FS {
 public:
     using SPtr = QSharedPointer<FSSwitch>;
