@@ -46,8 +46,8 @@ using UdevPtr = std::unique_ptr<T, UdevDeleter>;
 
 /// Collects the events of a batch.
 struct Batch {
-    BDMon::EventListSPtr events = BDMon::EventListSPtr::create();
-    BDMon::EventListByDeviceSPtr eventsByDevice = BDMon::EventListByDeviceSPtr::create();
+    const BDMon::EventListSPtr events{new QList<BDMon::Event>};
+    const BDMon::EventListByDeviceSPtr eventsByDevice{new QMap<QString, QList<BDMon::Event>>};
 
     void add(const QString& action, Properties& props) {
         const BDMon::Event event(events->size() + 1, action, new LinuxBD(props));
