@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # shellcheck disable=SC2154 # root is set by ./dev, which sources this
 # What ./dev check looks at; sourced by it.

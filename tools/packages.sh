@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # shellcheck disable=SC2034,SC2154 # the lists are for ./dev, which sources this and sets root
 # The Debian packages that the verbs of ./dev need, and their installation.

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the tests of a built preset; prints what failed and what was skipped, and the sum. The preset
 # "device" is armhf's build in the emulated device.
 #   usage: run-tests.sh PRESET [CTEST_ARGUMENT...]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The file-system interface: FS, File and Directory, which every storage backend implements.
 ///
