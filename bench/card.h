@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The files that the benchmarks work on.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A clip that benchmarks read and write sequentially.
 #pragma once
 

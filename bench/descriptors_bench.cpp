@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cost of opening and closing a file, depending on the number of open descriptors.
 #include "card.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Directories and files for the benchmarks to work on.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A helper process of a benchmark.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cost of calls on a file system in another process.
 #include "clip.h"
 #include "mirror.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cost of a log message below the threshold.
 #include <benchmark/benchmark.h>
 

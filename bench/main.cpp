@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs all benchmarks and compares the results with the targets.
 //
 // Takes the options of Google Benchmark. The exit status is 1 only if a benchmark fails. A missed

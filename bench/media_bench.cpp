@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cost of processing udev's messages and the mount table, compared with libudev and the C
 // library alone. The devices are simulated by umockdev, which slows down both sides of a
 // comparison. So these benchmarks are a program of their own.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory of the serving process while no client is connected.
 #include "helper.h"
 #include "mounts.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The served directory, accessed through a FUSE file system.
 #pragma once
 

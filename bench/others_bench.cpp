@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Size and time of a file, queried through other libraries.
 #include "card.h"
 

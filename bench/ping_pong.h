@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two semaphores that the benchmarks and the serving process share.
 #pragma once
 

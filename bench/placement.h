@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Binds a benchmark to a processor.
 #pragma once
 

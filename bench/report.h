@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report at the end of a run: the result for each target.
 #pragma once
 

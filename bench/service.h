@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The file service between processes, with both ends.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A share of an SMB server, and connections to it through the compared clients.
 #pragma once
 

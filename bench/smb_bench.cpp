@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cost of calls on a share of an SMB server, compared with other clients.
 #include "clip.h"
 #include "placement.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cost of a path lookup, depending on the size of the mount table.
 #include <oruio/fsswitch.h>
 #include <oruio/posixfs.h>

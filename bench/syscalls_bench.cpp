@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cost that the library adds to a system call.
 #include "card.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The speed targets of the library, each relative to a reference benchmark.
 #pragma once
 

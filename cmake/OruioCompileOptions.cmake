@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Compile options of all targets of the project.
 
 add_library(oruio_options INTERFACE)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Provides GoogleTest as the targets GTest::gtest, GTest::gtest_main, GTest::gmock and
 # GTest::gmock_main: the installed library, or Debian's package of its source, built with the
 # project. A cross build always uses the source.

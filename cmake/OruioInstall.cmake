@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installation: the libraries, their headers, the CMake package, the pkg-config file and the
 # maintenance program.
 

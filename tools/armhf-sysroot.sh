@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Makes a sysroot for cross-building to 32-bit ARM and for running the result in qemu-user: unpacks
 # Debian's armhf packages and cross-builds libsmb2. Does not use the machine's package database, so
 # it needs no foreign architecture and no privilege.

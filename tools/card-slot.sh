@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # Functions that simulate slots for memory cards: loop disks are the cards, and a private udevd
 # reports them. The caller must run in private mount and network namespaces (`unshare --mount

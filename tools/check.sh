@@ -1,9 +1,11 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # shellcheck disable=SC2154 # root is set by ./dev, which sources this
 # What ./dev check looks at; sourced by it.
 
-# sources KIND: the tree's files of this kind, cpp or shell, relative and NUL-terminated; new ones
-# count before they are added to the index.
+# sources KIND: the tree's files of this kind, relative and NUL-terminated; new ones count before they
+# are added to the index. The kinds are cpp, shell, and licensed: every source outside of debian/,
+# whose licence is in debian/copyright.
 sources() {
     local file first shebang='^#!.*(/| )(ba|da)?sh( |$)'
     git -C "$root" ls-files -z --cached --others --exclude-standard |
@@ -14,6 +16,12 @@ sources() {
             shell)
                 IFS= read -r first <"$root/$file" || true
                 [[ $file == *.sh || $first =~ $shebang ]] || continue
+                ;;
+            licensed)
+                [[ $file != debian/* ]] || continue
+                IFS= read -r -n 2 first <"$root/$file" || true
+                [[ $file =~ (\.(cpp|h|c|sh|py|cmake)|(^|/)CMakeLists\.txt)$ || $first == '#!' ]] ||
+                    continue
                 ;;
             esac
             printf '%s\0' "$file"
@@ -28,8 +36,29 @@ check_includes() {
     tools/check-includes --self-test && tools/check-includes
 }
 
+check_english() {
+    tools/check-english --self-test && tools/check-english
+}
+
+check_commits() {
+    tools/check-commits --self-test && tools/check-commits
+}
+
 check_scripts() {
-    sources shell | xargs -0 -r shellcheck -x
+    tools/read-results --self-test && sources shell | xargs -0 -r shellcheck -x
+}
+
+# Each source names its licence in one of its first three lines.
+check_licences() {
+    local file failed=0 licence='SPDX-License-Identifier: Apache-2\.0'
+    while IFS= read -r -d '' file; do
+        # No pipe: head(1) could fail with SIGPIPE after a match.
+        if ! grep -qxE "(//|#) $licence" < <(head -n 3 "$file"); then
+            echo "$file: has no line SPDX-License-Identifier: Apache-2.0"
+            failed=1
+        fi
+    done < <(sources licensed)
+    return "$failed"
 }
 
 # Each public header compiles alone, with the flags of the installed package and under warnings
@@ -97,9 +126,10 @@ check_tidy() {
 check() {
     local name failed=()
     cd "$root" || return
-    for name in words includes scripts format headers tidy; do
+    for name in words english licences commits includes scripts format headers tidy; do
         say "checking $name"
         quietly "check-$name" "check_$name" || failed+=("$name")
+        grep '^skipped: ' "build/log/check-$name.log" >&2 || true
     done
     [[ ${#failed[@]} -eq 0 ]] || die "check failed: ${failed[*]}"
 }

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # The part of the demo with a memory card. Needs private mount and network namespaces.
 #   usage: unshare --mount --net demo-card.sh PROGRAMS DIRECTORY [RECORDER_ARGUMENT...]
 # PROGRAMS is the directory of the example programs. DIRECTORY gets the card's image, its mount

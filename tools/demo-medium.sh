@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # shellcheck disable=SC2034,SC2154 # the caller sets programs and uses recorder
 # Functions of the demos with a removable medium. The caller sets programs, the directory of the

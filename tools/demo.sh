@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Demonstrates the example programs. Records four clips: to a local directory, through shared memory
 # to a file server, to a share of an SMB server, and to a memory card.
 #   usage: demo.sh PROGRAMS [RECORDER_ARGUMENT...]

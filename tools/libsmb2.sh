@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds libsmb2 for a Debian release without a package of it, from the source package of a later
 # release. (The binary packages of that release need a newer C library.)
 #   usage: libsmb2.sh source DIRECTORY   unpacks the source, with Debian's patches

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # the options are for the scripts that source this
 # Downloads packages of another architecture or release, without privilege and without changing the

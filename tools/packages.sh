@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # shellcheck disable=SC2034,SC2154 # the lists are for ./dev, which sources this and sets root
 # The Debian packages that the verbs of ./dev need, and their installation.
@@ -10,13 +11,13 @@ packages_samba=(samba samba-common-bin)
 packages_media=(dosfstools e2fsprogs exfatprogs fdisk iproute2 libumockdev-dev mount psmisc udev
     umockdev util-linux)
 packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libumockdev-dev libglib2.0-dev pkgconf smbclient)
-packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" "${packages_media[@]}" pkgconf procps smbclient xxhash)
+packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" "${packages_media[@]}" pkgconf procps python3 smbclient xxhash)
 packages_demo=("${packages_samba[@]}" e2fsprogs fdisk mount udev util-linux)
 packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-user-static)
-# The emulated device; the tools that build its system and its disks.
-packages_device=("${packages_armhf[@]}" cpio dosfstools e2fsprogs exfatprogs fdisk kmod qemu-system-arm)
+# The emulated device; the tools that build its system and its disks and read its results.
+packages_device=("${packages_armhf[@]}" cpio dosfstools e2fsprogs exfatprogs fdisk kmod python3 qemu-system-arm)
 packages_fuzz=(clang libclang-rt-dev)
-packages_check=(clang-format clang-tidy git pkgconf shellcheck)
+packages_check=(clang-format clang-tidy git pkgconf python3 shellcheck)
 packages_docs=(doxygen doxygen-awesome-css graphviz)
 # To build libsmb2, if apt has no package of it.
 packages_libsmb2=(build-essential debhelper debian-archive-keyring libkrb5-dev)

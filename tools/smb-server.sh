@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs a private SMB server on the loopback interface until SIGTERM or Ctrl-C, as root or as any
 # other user. All its files are below one directory.
 #   usage: ORUIO_SMB_PASSWORD=PASSWORD smb-server.sh DIRECTORY [LINE]...

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A Qt program that does nothing, for comparison.
 #include <QCoreApplication>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Serves a directory to the benchmarks until the end of its standard input.
 //
 //   usage: oruio_bench_server DIRECTORY [DESCRIPTOR]

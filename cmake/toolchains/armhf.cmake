@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Cross-builds to 32-bit ARM with Debian's compiler and the sysroot of tools/armhf-sysroot.sh in
 # ARMHF_SYSROOT. armhf-run starts the programs.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exceptions that end an example program with one line of error message.
 #pragma once
 

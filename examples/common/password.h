@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads the password of a network share from the environment or the terminal.
 #pragma once
 

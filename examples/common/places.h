@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The storage locations of an application, described by a file.
 #pragma once
 

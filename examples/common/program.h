@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The common part of the main() functions of the example programs.
 #pragma once
 

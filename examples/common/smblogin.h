@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The login to a share of an SMB server.
 #pragma once
 

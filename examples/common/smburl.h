@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The URL of a share of an SMB server.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Turns Ctrl-C and SIGTERM into a request to stop.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small file server: exports a directory to another process, which accesses it with an IPCFS.
 #include "common/failure.h"
 #include "common/localdirectory.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Operates the storage locations of an application: mounts media when they are inserted, records on
 // them, unmounts them.
 #include "common/failure.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints the disks and cards that are present, then those that are added, removed and changed.
 #include "common/failure.h"
 #include "common/program.h"

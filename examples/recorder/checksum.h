@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The checksum that a clip is verified with: XXH3, 64 bits.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The destination of the clip: mounts the argument of --to in the root switch.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Latency percentiles in constant memory.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small media recorder: records a generated stream through liboruio and verifies the clip.
 #include "common/failure.h"
 #include "common/program.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The medium of a storage location.
 #pragma once
 

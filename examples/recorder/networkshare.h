@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opens a share of an SMB server as a file system.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records a clip and reads it back.
 #pragma once
 

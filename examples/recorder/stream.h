@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A stream that replaces a camera: frames of equal size, each with a header.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Block devices: their udev properties, their operations, and a monitor of added and removed ones.
 ///

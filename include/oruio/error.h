@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Error reporting: the library's own error code beside the C library's errno.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Symbol visibility: liboruio.so exports what is marked here and hides everything else.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The descriptor adapter: any FS through `const char*` paths, integer descriptors and directory
 /// handles.

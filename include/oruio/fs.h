@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The file-system interface: FS, File and Directory, which every storage backend implements.
 ///
@@ -21,7 +22,8 @@
 ///   cancelled at once, other operations when they are done.
 /// - Exceptions: the library throws none. An exception that comes out of an application's own FS,
 ///   File or Directory ends the process.
-/// - fork(2): in the child, local files, mount tables and descriptors work. Connections with servers
+/// - fork(2): in the child, local files, mount tables and descriptors work. Connections with
+/// servers
 ///   and other processes belong to the parent.
 #pragma once
 

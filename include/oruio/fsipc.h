@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The file service between processes, client side: the file system of another process as an FS,
 /// and the shared memory between client and server.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The NFS backend: an export of an NFS server as an FS.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The SMB2/3 backend: a share of a server on the network as an FS.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The mount switch: joins file systems under absolute mount points into one namespace.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The file service between processes, server side. One client process at a time uses the served
 /// file system through IPCFS (oruio/fsipc.h).

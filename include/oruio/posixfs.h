@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The local backend: a directory tree of this system as an FS.
 ///

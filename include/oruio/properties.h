@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Named settings, which connect(), mount() and similar functions take.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Storage locations: the places where a recorder keeps its media.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Protection of a thread of the program that writes messages itself: from SIGPIPE and cancellation.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The outputs of messages. Only this unit uses spdlog.
 #pragma once
 

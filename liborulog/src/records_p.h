@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixed number of message records, and the queue of records to be written.
 #pragma once
 

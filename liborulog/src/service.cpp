@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The service: the four operations, the controls, and the thread that writes.
 
 #include "callersthread_p.h"

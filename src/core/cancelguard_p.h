@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Deferring the cancellation of a thread.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeping the reason of a failure while a call cleans up.
 #pragma once
 

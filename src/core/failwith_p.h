@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Failing a call with an errno.
 #pragma once
 

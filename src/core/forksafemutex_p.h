@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A mutex that a child of fork(2) can use.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <oruio/error.h>
 #include <oruio/fs.h>
 

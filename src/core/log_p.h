@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Logging to the device's logging service, one channel per unit.
 //
 // Include last, and only in sources: everything here has internal linkage, so that each source has

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "core/mounttable_p.h"
 
 #include "core/cancelguard_p.h"

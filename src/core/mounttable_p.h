@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading the kernel's table of mounts, proc(5).
 #pragma once
 

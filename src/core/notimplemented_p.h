@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The result of an operation that a backend does not provide. Include last, and only in sources.
 #pragma once
 

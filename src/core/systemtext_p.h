@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Strings between QString and the C interface: converted to UTF-8 without a change, or refused.
 //
 // A string that changes on the way (cut at a NUL, or with its invalid parts replaced) could name

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What passes through the library's stack frames: the unwinding of a cancelled thread, and no
 // exception.
 //

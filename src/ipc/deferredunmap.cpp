@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ipc/deferredunmap_p.h"
 
 #include "ipc/ipcwire_p.h"

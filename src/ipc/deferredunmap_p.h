@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory of ended sessions that cannot be unmapped yet.
 #pragma once
 

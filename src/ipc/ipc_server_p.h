@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The server: its life, its session with the client, and what it does for each request.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The client's session with the server.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mutexes and semaphores in shared memory, and how the two ends of the file service wait on them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The wire format of the file service between processes: names, formats, limits, the layout of the
 // shared memory, and the states of a request.
 #pragma once

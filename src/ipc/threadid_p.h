@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which thread of which process a lock belongs to.
 #pragma once
 

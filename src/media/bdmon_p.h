@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the monitor and the block devices have in common.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Block devices and what can be done to them.
 
 #include <oruio/bdmon.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include <oruio/fsswitch.h>
 
 #include "core/errnosaver_p.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a share and its files and directories have in common.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library must know of the inside of libsmb2, as its interface does not offer it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The headers of libsmb2, in the order in which they compile.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a Smb2Session connects.
 
 #include "network/libsmb2_internals_p.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a request of a Smb2Session returns.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "network/libsmb2_internals_p.h"
 #include "network/libsmb2_p.h"
 #include "network/smb2reply_p.h"

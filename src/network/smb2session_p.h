@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One connection to an SMB2/3 share, with synchronous calls on it.
 //
 // Each call sends one request, except where it says otherwise, and waits for the answer until the

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs a build tree and moves the installation. Then builds and runs a program outside the tree
 # with it: once through the CMake package, once through pkg-config. If the build tree has the
 # examples, builds one of them as well.

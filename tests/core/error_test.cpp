@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Error codes, their descriptions, and snapshots of them.
 #include <oruio/error.h>
 

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks that the library exports its namespace only, and no private classes.
 #   usage: exports_test.sh NM LIBRARY
 set -euo pipefail

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions that the base classes implement: readAll() and type().
 
 #include "support/doubles/recordingfs.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records in the interface of the library: their sizes on the target, and their large-file
 // fields on all systems.
 

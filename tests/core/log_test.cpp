@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The writer's side of logging. This program defines the operations of the logging service, and
 // liboruio.so uses them, as it uses those of the device's service.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The file systems that other tests use: in memory, and with injected faults.
 
 #include "support/doubles/faultfs.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages, child processes, and main() of the tests of the logging service.
 #include "orulog_fixtures.h"
 

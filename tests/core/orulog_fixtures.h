@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared by the tests of the logging service: messages, hooks and child processes.
 //
 // A scenario tests what concerns a whole process: its start, its end, forks and signals. The test

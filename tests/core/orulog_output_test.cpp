@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The logging service: the lines of messages, and their outputs.
 #include "orulog_fixtures.h"
 

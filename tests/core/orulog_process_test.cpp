@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The logging service: its thread, and the exit and forks of the process.
 #include "orulog_fixtures.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The logging service: records, their queue, and the hook.
 #include "orulog_fixtures.h"
 

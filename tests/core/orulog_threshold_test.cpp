@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The logging service: thresholds and channels.
 #include "orulog_fixtures.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // PosixFS: local file systems.
 #include "support/suite/fs_conformance.h"
 #include "support/suite/posixcapabilities.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The order of the virtual functions: part of the ABI of the library.
 
 #include "support/suite/slots.h"

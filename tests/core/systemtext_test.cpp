@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conversion of strings between Qt and the system.
 #include "core/systemtext_p.h"
 #include "support/system/localecodec.h"

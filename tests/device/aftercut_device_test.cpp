@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The state of the card after a power cut. tools/device/record-until-cut has recorded and cut the
 // power.
 #include "device/hardware.h"

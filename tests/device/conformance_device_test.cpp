@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The conformance suite on the file systems of the device's card, mounted through the library, and
 // on an NFS export.
 #include <oruio/bdmon.h>

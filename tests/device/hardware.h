@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hardware of the emulated device: a slot for a card, and USB ports for sticks. All test
 // programs share it.
 #pragma once

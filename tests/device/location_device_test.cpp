@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Local media locations with the device's hardware and its maintenance program: insertion, use,
 // removal and premature removal of cards and sticks.
 #include <oruio/error.h>

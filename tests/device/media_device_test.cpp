@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // BDMon and LinuxBD with the device's hardware: fields and events of its card and sticks, compared
 // with the output of the system's tools.
 #include <oruio/bdmon.h>

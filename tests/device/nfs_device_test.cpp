@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // NFS with the device's server, the real maintenance program and the kernel's client.
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "nfsserver.h"
 
 #include "support/system/files.h"

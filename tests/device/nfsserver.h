@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The NFS server of the device. It exports a tmpfs to the device itself.
 #pragma once
 

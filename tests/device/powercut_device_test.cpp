@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Recordings on the device's card after simulated power cuts.
 //
 // On each file system of the card, recorders record one short clip after the other and sync every

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Recordings on the file systems of the device's card, and their state after a power cut.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replaces mount() so that file systems of the type "ufsd" can be mounted: if the kernel has no
 // such driver, its exFAT driver is used.
 #include <QtGlobal>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The recorder's ClipWriter on storage that fails.
 
 #include "common/failure.h"

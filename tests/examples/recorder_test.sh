@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the example recorder as a user does, and checks its output, its exit status and the clips.
 #
 #   recorder_test.sh RECORDER...     the program, after the command that starts it, if any

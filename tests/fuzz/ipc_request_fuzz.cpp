@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The server's end of the file service: any bytes in the request area.
 //
 // An input is a session. Each line is one request, as the bytes of the request area. It needs a NUL

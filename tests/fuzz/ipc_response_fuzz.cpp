@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The client's end of the file service: any bytes in the response area.
 //
 // An input is a session with an open file and an open directory. Each line is an operation, a

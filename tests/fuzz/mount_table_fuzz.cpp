@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reader of the kernel's mount table. An input is a table.
 
 #include "core/mounttable_p.h"

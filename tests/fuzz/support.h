@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fuzz targets' input format, their block of memory with checked accesses, and their checks.
 //
 // An input consists of lines. In a line these bytes are replaced:

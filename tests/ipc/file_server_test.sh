@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the example file server with the example recorder as its client, and checks their output,
 # exit statuses and files.
 #

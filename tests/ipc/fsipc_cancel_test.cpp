@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads that are cancelled in the file service between processes.
 
 #include "support/ipc/ipcfstest.h"

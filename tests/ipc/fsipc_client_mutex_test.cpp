@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCFS: the client mutex, threads that end during a session, and forked children.
 
 #include "support/ipc/fakeserver.h"

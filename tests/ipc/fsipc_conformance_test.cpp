@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCFS passes the conformance tests of file systems, with a server in another process.
 
 #include "support/ipc/ipcservice.h"

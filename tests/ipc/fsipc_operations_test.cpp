@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCFS: calls on paths, files and directories with a server in another process.
 
 #include "support/ipc/elapsed.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCFS: the format of its requests, and how it handles valid and malformed responses.
 
 #include "ipc/fsipc_p.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCFS: a server that ends, is killed, or is stopped during a session.
 
 #include "support/ipc/elapsed.h"

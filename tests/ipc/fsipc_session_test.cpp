@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCFS: connecting and disconnecting, and the files and directories of a session.
 
 #include "ipc/fsipc_p.h"

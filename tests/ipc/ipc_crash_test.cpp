@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kills the client or the server at every call of the C library that it makes.
 //
 // Client and server run in child processes. After each death, a server and a client must work, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The messages that each bit of the debug mask enables. A process reads the mask once, when it
 // starts.
 

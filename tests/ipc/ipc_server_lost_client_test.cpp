@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCServer: a client that dies during a session.
 
 #include "support/doubles/memfs.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCServer: the answers to valid and invalid requests.
 
 #include "ipc/ipc_server_p.h"

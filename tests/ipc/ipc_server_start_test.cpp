@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCServer: starting, replacing the area of an earlier server, and failing to start.
 
 #include "ipc/ipcwire_p.h"

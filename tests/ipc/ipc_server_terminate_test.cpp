@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCServer: terminating and destroying a server, idle or busy, with or without a session.
 
 #include "ipc/ipcwire_p.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPCShm: the data buffers of the service's area, deadlines, and the debug mask.
 
 #include "ipc/ipcsync_p.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The layout of the shared area, and how client and server hand over requests and responses.
 
 #include "ipc/ipcsync_p.h"

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the example file server and the example recorder of two builds, a native one and one for
 # another ABI (32- or 64-bit). The layout of the shared memory differs between the two: each must
 # refuse the other, and the running server must not be disturbed.

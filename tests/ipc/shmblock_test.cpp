@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ShmBlock: creating, opening, locking and removing a named block of shared memory.
 
 #include "ipc/ipcwire_p.h"

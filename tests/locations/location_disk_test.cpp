@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Local media locations on loop disks: selection of the partition, mount and umount.
 
 #include "locationdisk.h"

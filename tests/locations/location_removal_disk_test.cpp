@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Local media locations on loop disks: the card is removed while it is mounted.
 
 #include "locationdisk.h"

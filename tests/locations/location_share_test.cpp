@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RemoteLocation with a real SMB server, and with NFS exports that a tmpfs stands in for.
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixtures for tests of local media locations on loop disks.
 #pragma once
 

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the example programs "locations" and "recorder" with loop disks as cards and a real SMB
 # server, and checks their output.
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RemoteLocation: network shares, with scripted file systems.
 
 #include "support/doubles/memfs.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SystemLocation compared with a model over random events and operations.
 #include <oruio/error.h>
 #include <oruio/fsswitch.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SystemLocation: a table of every operation in every state with every outcome.
 #include <oruio/error.h>
 #include <oruio/fsswitch.h>

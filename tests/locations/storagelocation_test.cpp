@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // StorageLocation: the operations, fields and virtual functions of all locations.
 
 #include "support/doubles/memfs.h"

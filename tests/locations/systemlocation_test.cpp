@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SystemLocation: local media, with scripted devices.
 
 #include "support/doubles/memfs.h"

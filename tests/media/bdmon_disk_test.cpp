@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // BDMon on loop disks with a real udevd.
 
 #include "support/doubles/maintenanceprogram.h"

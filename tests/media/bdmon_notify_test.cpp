@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // BDMon::notify(): receivers of the signal.
 
 #include "bdmontest.h"

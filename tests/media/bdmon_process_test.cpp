@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // BDMon in a process of its own: loading, failures and the debug variable.
 
 #include "bdmontest.h"

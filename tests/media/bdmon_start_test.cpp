@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // BDMon::start() and stop(): the devices that are present.
 
 #include "bdmontest.h"

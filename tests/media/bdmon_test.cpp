@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // BDMon: its meta-object and its virtual function table.
 
 #include "bdmontest.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // BDMon::update(): batches of queued events, and the quiet time.
 
 #include "bdmontest.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixture for tests of the block device monitor with umockdev's devices.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LinuxBD without a device node: fields from udev's properties, write protection, and mounts of
 // tmpfs.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixture for tests of LinuxBD on a loop disk.
 #pragma once
 

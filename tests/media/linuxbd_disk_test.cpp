@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LinuxBD: geometry, mount and umount on loop disks.
 
 #include "ext4test.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LinuxBD: block size and length read from the node.
 
 #include "bdmontest.h"

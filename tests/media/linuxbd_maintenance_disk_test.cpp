@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LinuxBD: fsck, mkfs and format on loop disks with the real maintenance program.
 
 #include "ext4test.h"

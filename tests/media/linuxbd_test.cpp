@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LinuxBD: the arguments of mount(2) and of the maintenance program.
 #include <oruio/bdmon.h>
 #include <oruio/error.h>

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the example media monitor with umockdev's devices and checks its output.
 #
 #   media_monitor_test.sh MEDIA_MONITOR

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Tests the commands fsck and mkfs of the maintenance program with the real tools on loop disks,
 # and mount.nfs with a stand-in for the tool.
 #

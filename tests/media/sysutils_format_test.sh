@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Tests the command format of the maintenance program, and concurrent runs, with the real tools on
 # loop disks.
 #

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Tests which command lines and devices the maintenance program refuses, with the real tools on
 # loop disks.
 #

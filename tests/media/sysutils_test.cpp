@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SysCmd, umountPath() and the mount table.
 #include <oruio/error.h>
 #include <oruio/sysutils.h>

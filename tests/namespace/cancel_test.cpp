@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads that are cancelled inside the library, and exceptions that reach it.
 
 #include "support/system/cancellablethread.h"

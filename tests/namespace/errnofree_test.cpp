@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // errno after a failure, where free(3) changes it: POSIX has forbidden that since 2024 only, and
 // the C library does it before glibc 2.33.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The root switch and its adapter while the process exits.
 
 #include "support/system/tempdir.h"

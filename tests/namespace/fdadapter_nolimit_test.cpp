@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The descriptor adapter in a process with an unknown limit of system descriptors.
 
 #include "support/doubles/recordingfs.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The descriptor adapter and its table.
 #include "support/doubles/faultfs.h"
 #include "support/doubles/memfs.h"

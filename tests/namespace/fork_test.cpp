@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tables in a child of fork(2), whose parent's other threads were using them.
 
 #include "support/system/tempdir.h"

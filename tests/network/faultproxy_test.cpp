@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each fault of the SMB proxy, between two sockets of the test.
 
 #include "support/doubles/faultproxy.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Connecting to an NFS server, with a memory file system in place of the export.
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>

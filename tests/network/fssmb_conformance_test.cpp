@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The conformance suite over a share of a real SMB server.
 #include <oruio/error.h>
 #include <oruio/fssmb.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Connecting to a share, when the connection fails or is slow.
 #include "network/fssmb_fixtures.h"
 

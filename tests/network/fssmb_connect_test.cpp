@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Connecting to a share of a real SMB server, and disconnecting.
 #include "network/fssmb_fixtures.h"
 #include "support/suite/logcapture.h"

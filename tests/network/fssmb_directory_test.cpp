@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Directories of a real SMB server's share.
 #include "network/fssmb_fixtures.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every operation on a share, with a connection that fails during the operation.
 #include "network/fssmb_fixtures.h"
 #include "network/shareoperations.h"

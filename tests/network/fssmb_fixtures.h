@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixtures of the SMB tests: shares connected directly or through a recording proxy.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files and directories that outlive the connection of their share.
 #include "network/fssmb_fixtures.h"
 #include "support/suite/logcapture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The names and addresses of SMB servers.
 #include "network/fssmb_fixtures.h"
 #include "support/system/loopback.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Unusual, wrong and missing responses of an SMB server.
 #include "network/fssmb_fixtures.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shares of an SMB server that is killed or stopped, and the SIGPIPE of a broken connection.
 #include "network/fssmb_fixtures.h"
 #include "network/shareoperations.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shares used by several threads, and by a thread that signals interrupt.
 #include "network/fssmb_fixtures.h"
 #include "support/system/cancellablethread.h"

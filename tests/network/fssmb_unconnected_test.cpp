@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shares without a connection.
 #include <oruio/error.h>
 #include <oruio/fssmb.h>

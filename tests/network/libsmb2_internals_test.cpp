@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library reads out of libsmb2's contexts and messages.
 
 #include "network/libsmb2_internals_p.h"

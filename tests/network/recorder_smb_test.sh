@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the example recorder with a real SMB server, as a user does, and checks its output, its exit
 # status and the clips.
 #

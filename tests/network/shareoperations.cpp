@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The operations, and the check after a fatal error.
 #include "network/shareoperations.h"
 

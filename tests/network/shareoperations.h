@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every operation on a share, for tests of failing connections.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The SMB server of the tests, with Samba's client.
 #include "support/doubles/faultproxy.h"
 #include "support/suite/qtprint.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// Controls of the logging stand-in, beside the four operations of orulog.h.
 ///

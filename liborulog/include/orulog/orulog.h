@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// \file
 /// The interface of the device's logging service, for programs that log through it.
 ///

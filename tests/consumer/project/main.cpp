@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes and reads a file through the descriptor adapter, the mount switch and the local backend.
 // The only argument is an empty directory.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An FS that forwards all calls to another FS, except a chosen call, which fails.
 //
 // Every operation of the file system and of its open files and directories counts as one call. A

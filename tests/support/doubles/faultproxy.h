@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A TCP proxy between an SMB2 client and its server that injects faults at chosen messages.
 //
 //     FaultProxy proxy(server.port());

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A maintenance program that replaces the device's.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small FS in memory, which needs no disk.
 //
 // It has directories, files, hard and symbolic links, modes, times and extended attributes. flock()

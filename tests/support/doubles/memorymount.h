@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A mounted memory file system. Needs a private mount namespace (isolate()).
 #pragma once
 

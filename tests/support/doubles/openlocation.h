@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A location of local media that gives tests access to its protected members.
 #pragma once
 

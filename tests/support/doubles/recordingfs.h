@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An FS that only records its calls, and returns a result that the test sets.
 #pragma once
 

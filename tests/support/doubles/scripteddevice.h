@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A block device that records its calls and returns scripted results; it needs no hardware.
 #pragma once
 

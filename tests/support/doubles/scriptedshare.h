@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A network share that records its calls and returns scripted results; it needs no server.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Definitions of libudev functions and poll(2) that precede the real ones in test programs: they
 // count the objects that the library holds, and can fail.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A server that gives the answers a test prepares, on a thread of this process, and a test case
 // with a client that is connected to it.
 #pragma once

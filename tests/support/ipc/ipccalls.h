@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Wrappers of the C library calls that the file service makes, in test programs that link the
 // service's objects (see CMakeLists.txt in tests/ipc): they kill the process at a chosen call, make
 // a call fail, or shorten waits.

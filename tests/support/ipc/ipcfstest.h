@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A test case with a client, and a server of a local directory in another process.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A server of the file service in a child process, and access to the service's area.
 //
 // A system has one service. Before its first test, a program that links this enters a mount

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A server on a thread of this process, a client that sends the requests a test writes, and a file
 // system that blocks a request until the test opens it.
 #pragma once

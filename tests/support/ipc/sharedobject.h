@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared memory object of a block: its file in /dev/shm, and the descriptors and mappings of
 // this process that refer to it.
 #pragma once

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # Shared by the tests of the example programs, which source it. Each case gets an empty directory
 # $clips, and $work for other files.

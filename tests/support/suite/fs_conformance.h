@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A suite of tests that every FS passes.
 //
 // A backend declares how to make an instance, and a table of its deviations from a local file

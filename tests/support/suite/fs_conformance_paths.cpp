@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The conformance suite: operations on paths, and names.
 #include "support/suite/fs_conformance.h"
 

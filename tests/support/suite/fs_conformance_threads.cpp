@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The conformance suite: several open files and threads.
 #include "support/suite/fs_conformance.h"
 

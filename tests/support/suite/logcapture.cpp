@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "support/suite/logcapture.h"
 
 #include <orulog/control.h>

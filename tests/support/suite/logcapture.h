@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Captures the messages that the library logs during a test.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The capability table of PosixFS, for the conformance suite.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Makes failed expectations print Qt strings as characters, not as bytes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The slot of a virtual function in the virtual table of its class.
 //
 // A program built with one version of the library calls the slots of another version, so their

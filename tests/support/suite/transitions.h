@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // State tables: one row for each operation, set of states and outcome.
 #pragma once
 

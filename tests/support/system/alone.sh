@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # is_alone is read by the script that sources this file
 # Isolates a test from other file services: the shared memory of the service has a fixed name, so

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Child processes that run a part of a test and can be killed.
 #pragma once
 

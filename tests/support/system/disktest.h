@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixtures for tests with loop disks: the kernel's file systems, a real udevd and the real
 // maintenance program.
 #pragma once

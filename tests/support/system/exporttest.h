@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixture for tests of NFS exports; a tmpfs stands in for the export.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads and writes whole files, of the system and of an FS.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private namespaces for a test program.
 #pragma once
 

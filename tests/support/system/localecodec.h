@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replaces the codec in which Qt passes strings to the system.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Disks for tests: image files on loop devices.
 #pragma once
 

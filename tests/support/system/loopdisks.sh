@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # Loop disks for the scripts that test the maintenance program; they source this file.
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A location of local media as an application sets it up.
 #pragma once
 

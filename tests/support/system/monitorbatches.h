@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Collects the batches of the block device monitor.
 #pragma once
 

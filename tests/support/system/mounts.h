@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The mounts of this process, read from /proc/self/mountinfo.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a private smbd on the loopback interface.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Annotates QMutex for ThreadSanitizer.
 //
 // Qt's library is not instrumented, so the sanitizer does not see that QMutex orders memory

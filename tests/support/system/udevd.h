@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A private udevd whose rules apply only to the disks of the test.
 #pragma once
 

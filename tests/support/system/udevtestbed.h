@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Simulated disks and cards: sysfs, device nodes and udev messages by umockdev.
 #pragma once
 
