@@ -104,8 +104,11 @@ protected:
 
     std::unique_ptr<ServerProcess> startServer(const std::function<void()>& prepare = {}) {
         const QString root = dir.path();
-        return std::make_unique<ServerProcess>(
+        test::exemptWaitsFor(0); // of the server itself, too
+        auto server = std::make_unique<ServerProcess>(
             [root] { return QSharedPointer<TrapFS>::create(root); }, prepare);
+        test::exemptWaitsFor(server->process().pid());
+        return server;
     }
 
     /// A client in a child process that first runs `prepare`.

@@ -79,7 +79,7 @@ void tryOperation(const SmbServer& server, const FaultCase& tested, const Operat
     share.file.reset();
     share.directory.reset();
     const std::lock_guard lock(connectMutex);
-    EXPECT_EQ(share.fs.connect(login(proxy.address())), 0) << strerror();
+    EXPECT_TRUE(test::connectEventually(share.fs, proxy.address())) << strerror();
     const auto file = share.fs.open(share.at("file"), O_RDWR, 0);
     ASSERT_TRUE(file) << strerror();
     EXPECT_EQ(file->readAll(10'000), share.content);

@@ -90,6 +90,8 @@ inline QByteArray utf16(const QString& string) {
 
 // The time-out of a share. A request without a fault completes within it even on a busy machine.
 constexpr unsigned int timeoutSeconds = 5;
-constexpr qint64 timeLimitMs = (timeoutSeconds + 1) * 1000;
+/// Less than two time-outs: enough to find a call that waits for a second one, and time for a busy
+/// machine.
+constexpr qint64 timeLimitMs = (2 * timeoutSeconds - 1) * 1000;
 
 } // namespace oru::io::test

@@ -22,7 +22,7 @@ std::mutex connectMutex;
 Share::Share(const QString& address, const QString& name, unsigned int seconds)
     : fs(seconds), directoryPath('/' + name) {
     const std::lock_guard lock(connectMutex);
-    EXPECT_EQ(fs.connect(login(address)), 0) << strerror();
+    EXPECT_TRUE(connectEventually(fs, address)) << strerror();
     EXPECT_EQ(fs.mkdir(directoryPath, 0755), 0) << strerror();
     EXPECT_EQ(fs.mkdir(at("empty"), 0755), 0) << strerror();
     file = fs.open(at("file"), O_RDWR | O_CREAT, 0644);

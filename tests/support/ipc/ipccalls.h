@@ -6,6 +6,8 @@
 
 #include <functional>
 
+#include <sys/types.h>
+
 namespace oru::io::test {
 
 /// Kills this process at the `point`-th point from now on (1 is the next). Each call is two points,
@@ -33,6 +35,9 @@ double lastMutexTimeoutSeconds();
 
 /// Limits every sem_timedwait(3) to `ms` milliseconds. 0 removes the limit.
 void limitSemaphoreWaits(int ms);
+/// The limit does not apply while `process`, the server, is alive: on a busy machine its answers
+/// may take longer. 0 removes the exception.
+void exemptWaitsFor(pid_t process);
 /// Whether the limit has shortened the last sem_timedwait(3), which may not have returned yet.
 bool isLastWaitLimited();
 

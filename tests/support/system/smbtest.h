@@ -2,8 +2,10 @@
 // Fixture for tests against a real SMB server.
 #pragma once
 
+#include "support/system/childprocess.h"
 #include "support/system/smbserver.h"
 
+#include <oruio/fssmb.h>
 #include <oruio/properties.h>
 
 #include <gtest/gtest.h>
@@ -60,5 +62,10 @@ private:
 protected:
     SmbServer& server;
 };
+
+/// Connects `fs` to the share "rw". On a busy machine, that may take more than one time-out.
+inline bool connectEventually(Smb2FS& fs, const QString& address) {
+    return eventually([&] { return fs.connect(login(address)) == 0; }, 60);
+}
 
 } // namespace oru::io::test
