@@ -1,5 +1,5 @@
 /// \file
-/// Named settings, which connect(), mount() and similar functions take.
+/// Named settings: an argument of connect(), mount() and similar functions.
 #pragma once
 
 #include <QMap>
