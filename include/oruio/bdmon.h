@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// Block devices: their udev properties, their operations, and a monitor of added and removed ones.
+/// Block devices: their udev properties, their operations, and a monitor that reports devices that
+/// are added, removed or changed.
 ///
 /// \code
 /// QObject::connect(BDMon::instance(), &BDMon::notify,
@@ -9,7 +10,7 @@
 ///                          qInfo() << event.action << event.dev->m_devName;
 ///                  });
 /// BDMon::instance()->start();  // all devices that are present
-/// BDMon::instance()->update(); // the changes since; call it from time to time
+/// BDMon::instance()->update(); // the changes since the last call; repeat it from time to time
 /// \endcode
 #pragma once
 
@@ -42,7 +43,7 @@ ORUIO_EXPORT extern const QString UDEV_SEQNUM;               ///< "SEQNUM"
 ORUIO_EXPORT extern const QString UDEV_DEVPATH;              ///< "DEVPATH"
 ORUIO_EXPORT extern const QString UDEV_ID_PART_ENTRY_TYPE;   ///< "ID_PART_ENTRY_TYPE"
 
-/// How many times fsck() tries by default.
+/// How many times BlockDevice::fsck() runs the check at most, by default.
 inline constexpr int FSCK_RETRIES = 3;
 
 /// A disk or a partition, as udev described it at the time of an event, and its operations.
@@ -50,16 +51,19 @@ inline constexpr int FSCK_RETRIES = 3;
 /// The fields do not change, except m_umountFailed.
 ///
 /// mount(), umount(), mkfs(), fsck() and format() block until they are done, set liberrno to Ok
-/// first, and return 0 on success. Every other result is a failure.
+/// first, and return 0 on success. Every other result is a failure: -1, or a positive exit status
+/// of the maintenance program (oruio/sysutils.h).
 ///
-/// Threads: only one thread at a time may operate on a device.
+/// Threads: only one thread at a time may call the operations of a device.
 class ORUIO_EXPORT BlockDevice {
 public:
     using SPtr = QSharedPointer<BlockDevice>;
 
     /// Mounts the file system on `mountPoint`, as mount(2) with MS_NOATIME and MS_NOEXEC.
     ///
-    /// The directory is made if it does not exist. exFAT is mounted by the kernel driver "ufsd".
+    /// The directory is made if it does not exist. Some file systems get options:
+    /// - exFAT is mounted with the type "ufsd", the name of the driver, and the option "nls=utf8".
+    /// - FAT ("vfat", "fat") is mounted with the option "usefree".
     ///
     /// Keys in `props`, which may be null:
     /// - "readonly": true to mount it read-only.
@@ -70,21 +74,23 @@ public:
     ///   UTF-8;
     /// - EINVAL: `mountPoint` contains a NUL;
     /// - ENOENT: `mountPoint` is empty, or the directory cannot be made;
-    /// - that of mount(2).
+    /// - any errno of mount(2).
     virtual int mount(QString mountPoint, const Properties* props) = 0;
     /// Unmounts the device from all mount points, and unmounts what is mounted on its device node.
     ///
-    /// Calls umountPath() with `props` for each.
+    /// Calls umountPath() with `props` for each mount. Stops at the first one that stays mounted.
     ///
-    /// \returns 0, also when it is not mounted; -1 with errno:
-    /// - that of umountPath(), for the first mount that stays (ENOENT when its path has a blank);
-    /// - that of reading the mount table.
+    /// \returns 0, also when the device is not mounted; -1 with errno:
+    /// - ENOENT: the mount point has a blank, tab, newline or backslash, which the mount table
+    ///   escapes;
+    /// - any other errno of umountPath();
+    /// - any errno of open(2) or read(2) on the mount table.
     virtual int umount(const Properties* props) = 0;
     /// Makes a file system on the device, with the maintenance program.
     ///
     /// Keys in `props`, which may be null:
     /// - "fs_type": the type of the file system.
-    /// - "cmd_opts": the last argument for the maintenance program.
+    /// - "cmd_opts": the last argument for the maintenance program: its options, in one string.
     ///
     /// \returns the result of SysCmd::exec(): the exit status of the program, or -1. Only 0 is
     /// success.
@@ -92,35 +98,37 @@ public:
     /// Checks and repairs the file system, with the maintenance program.
     ///
     /// Keys in `props`, which may be null:
-    /// - "retries": how many times to try, an int. The default is FSCK_RETRIES.
-    /// - "cmd_opts": the last argument for the maintenance program.
+    /// - "retries": an int, the largest number of runs. The check ends with the first run that
+    ///   succeeds. The default is FSCK_RETRIES.
+    /// - "cmd_opts": as for mkfs().
     ///
-    /// \returns as mkfs().
+    /// \returns the result of SysCmd::exec(), as mkfs().
     virtual int fsck(const Properties* props) = 0;
     /// Formats the whole disk with one file system, with the maintenance program.
     ///
     /// Key in `props`, which may be null:
     /// - "kill": if present, with any value, processes that use the disk are killed first.
     ///
-    /// \returns as mkfs().
+    /// \returns the result of SysCmd::exec(), as mkfs().
     virtual int format(const Properties* props) = 0;
     /// Returns a copy of m_props.
     virtual Properties props() = 0;
     virtual ~BlockDevice();
 
-    /// Returns `m_totalBlocks * m_blkSize`: the size in bytes of a disk, and of a partition of a
-    /// disk whose blocks have 512 bytes.
+    /// Returns `m_totalBlocks * m_blkSize`.
     ///
-    /// For a partition of a disk with larger blocks the value is too large, by the factor
-    /// `m_blkSize / 512` (see LinuxBD).
+    /// - For a disk this is the size in bytes.
+    /// - For a partition this is the size in bytes only if m_blkSize is 512. With larger blocks the
+    ///   value is `m_blkSize / 512` times too large: udev reports partitions in units of 512 bytes
+    ///   (see LinuxBD).
     quint64 capacity() const;
-    /// Returns whether udev found a file system.
+    /// Returns whether udev has found a file system on the device.
     bool isMountable() const;
 
-    QString m_idPath;          ///< "ID_PATH": where the disk is plugged in; same for its partitions
+    QString m_idPath;          ///< "ID_PATH": the slot or port; a disk and its partitions share it
     quint32 m_partNum = 0;     ///< "PARTN"; 0 for a whole disk
     quint64 m_startBlock = 0;  ///< first block of a partition; 0 for a disk
-    quint64 m_totalBlocks = 0; ///< size in blocks; of a partition in units of udev (see LinuxBD)
+    quint64 m_totalBlocks = 0; ///< size in blocks; for a partition see LinuxBD
     quint64 m_blkSize = 0;     ///< block size in bytes
     QString m_fsType;          ///< "ID_FS_TYPE"; empty without a file system
     QString m_fsLabel;         ///< "ID_FS_LABEL"
@@ -128,9 +136,10 @@ public:
     QString m_partTableType;   ///< "ID_PART_TABLE_TYPE"
     qint32 m_seqNum = 0;       ///< "SEQNUM"
     QString m_action;          ///< "ACTION"; empty for a device found by start()
-    QString m_devPath;       ///< "DEVPATH"; of SD cards the file in /sys with the write protection
-    QString m_partEntryType; ///< "ID_PART_ENTRY_TYPE": code or GUID
-    bool m_writeProtected = false; ///< whether the switch of an SD card is on
+    /// "DEVPATH". For SD cards the path of the file in /sys that contains the write protection.
+    QString m_devPath;
+    QString m_partEntryType;       ///< "ID_PART_ENTRY_TYPE": code or GUID
+    bool m_writeProtected = false; ///< whether the switch of the SD card is on; false for others
     /// All udev properties, as strings. For SD cards also "WRITE_PROTECTED", a bool.
     Properties m_props;
     bool m_umountFailed = false; ///< whether the last umount() failed
@@ -144,9 +153,9 @@ public:
     ///
     /// - m_blkSize is the physical block size of the device node (BLKPBSZGET), or 512 when it
     ///   cannot be read.
-    /// - m_totalBlocks of a disk is in these blocks.
-    /// - m_startBlock and m_totalBlocks of a partition are in units of 512 bytes for every block
-    ///   size, as udev reports them.
+    /// - m_totalBlocks of a disk is in blocks of m_blkSize.
+    /// - m_startBlock and m_totalBlocks of a partition are in units of 512 bytes for every value of
+    ///   m_blkSize, because udev reports them so.
     explicit LinuxBD(Properties& udevProps);
     ~LinuxBD() override;
 
@@ -158,17 +167,19 @@ public:
     Properties props() override;
 };
 
-/// The monitor of block devices that are added, removed or changed. There is one, instance().
+/// The monitor that reports block devices that are added, removed or changed.
+///
+/// The process has only one monitor: instance().
 ///
 /// - It has no thread of its own, and opens nothing before start().
 /// - Devices without "ID_PATH", such as RAM disks and loop devices, are not reported.
-/// - When udev_new(3) fails, loading the library ends the process with exit status 1.
-/// - When the environment variable ORUIO_UDEVDBG is set, the properties of every device are printed
-///   on standard output.
+/// - When udev_new(3) fails while the library is loaded, the process ends with exit status 1.
+/// - When the environment variable ORUIO_UDEVDBG is set, the monitor prints the properties of every
+///   device on standard output.
 ///
-/// Threads: one thread calls start(), update() and stop(), and is in none of them when the process
-/// exits. As a QObject the monitor belongs to the thread that loaded the library: queued calls need
-/// the event loop of that thread, or moveToThread().
+/// Threads: only one thread may call start(), update() and stop(). None of these calls may be in
+/// progress when the process exits. As a QObject the monitor belongs to the thread that loaded the
+/// library: a queued call of update() needs the event loop of that thread, or moveToThread().
 class ORUIO_EXPORT BDMon : public QObject {
     Q_OBJECT
 
@@ -178,14 +189,15 @@ public:
         /// Takes ownership of `dev`.
         Event(int seq, QString action, BlockDevice* dev);
 
-        int seq;               ///< number in the batch, from 1
+        int seq;               ///< position in the batch, starting at 1
         QString action;        ///< udev's "add", "remove" or "change"; "add" from start()
         BlockDevice::SPtr dev; ///< the device at the time of the event
     };
 
     /// A batch: events in the order of their arrival.
     using EventListSPtr = QSharedPointer<QList<Event>>;
-    /// The same events by the ID_PATH of the device: a disk and its partitions have the same key.
+    /// The same events, grouped by the ID_PATH of the device. A disk and its partitions have the
+    /// same key.
     using EventListByDeviceSPtr = QSharedPointer<QMap<QString, QList<Event>>>;
 
     /// Returns the only monitor.
@@ -195,11 +207,12 @@ public:
 public Q_SLOTS:
     /// Emits notify() with one batch of all events since the last call.
     ///
-    /// Returns at once when no event is queued. Otherwise it collects events until none has arrived
-    /// for `quiescent_ms` milliseconds; as long as events keep arriving, it does not return.
+    /// Returns at once when no event is queued or the monitor is not open. Otherwise it collects
+    /// events until none has arrived for `quiescent_ms` milliseconds. As long as events keep
+    /// arriving, it does not return.
     ///
-    /// Events that arrive while the kernel's queue is full are lost. stop() and start() then report
-    /// all devices that are present.
+    /// Events that arrive while the kernel's queue is full are lost without a report. To get all
+    /// devices that are present now, call stop(), then start().
     ///
     /// \returns always 0.
     virtual int update(unsigned int quiescent_ms = 500);
@@ -207,21 +220,22 @@ public Q_SLOTS:
 public:
     /// Opens the monitor and emits notify() with all devices that are present.
     ///
-    /// Does nothing when the monitor is open. A device that is added during the call is reported
-    /// here, by the next update(), or by both.
+    /// Does nothing when the monitor is already open. A device that is added during the call is
+    /// reported by this call, by the next update(), or by both.
     ///
-    /// - When udev_monitor_new_from_netlink(3) fails, the process ends with exit status 1: a
-    ///   recorder that does not see its media is of no use.
-    /// - When the monitor cannot receive events, it is closed again. This is logged, and notify()
-    ///   is not emitted.
+    /// - When udev_monitor_new_from_netlink(3) fails, the process ends with exit status 1: without
+    ///   the monitor a recorder cannot find its media.
+    /// - When the monitor cannot receive events, the failure is logged, the monitor is closed
+    ///   again, and notify() is not emitted. isRunning() then returns false.
     virtual void start();
-    /// Closes the monitor. Events that update() has not reported are dropped.
+    /// Closes the monitor. Queued events that update() has not yet reported are dropped.
     virtual void stop();
     /// Returns whether the monitor is open.
     virtual bool isRunning();
 
 Q_SIGNALS:
-    /// Reports a batch, which is never empty. start() and update() emit it, on their thread.
+    /// Delivers a batch, which is never empty. start() and update() emit this signal on the thread
+    /// that calls them.
     void notify(oru::io::BDMon::EventListSPtr events,
                 oru::io::BDMon::EventListByDeviceSPtr eventsByDevice);
 

@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// Error reporting: the library's own error code beside the C library's errno.
+/// Error reporting: the error code of the library, liberrno, and the errno of the C library.
 ///
 /// An operation that fails returns -1 or a null handle. The reason is in one of two places:
 ///
 /// - in `errno`, when the system or a server refused the call;
 /// - in the thread-local `liberrno`, when the library refused the call.
 ///
-/// A `liberrno` other than Ok takes precedence. Three rules apply to both:
+/// If `liberrno` is not Ok, it is the reason and errno is not. Three rules apply to both variables:
 ///
-/// - Look at them only after a call has failed. A success does not clear them.
-/// - A failure whose reason is in errno does not always clear liberrno. Before a call made directly
-///   on a backend, set liberrno to Ok: then strerror() describes the errno of that call.
-/// - Each thread has its own.
+/// - Read them only after a call has failed. A successful call does not clear them.
+/// - A call that fails with errno does not always set liberrno to Ok. So set liberrno to Ok before
+///   a call made directly on a backend: strerror() then describes the errno of that call.
+/// - Each thread has its own pair.
 ///
 /// \code
 /// liberrno = Ok;
@@ -40,19 +40,19 @@
 /// | errors | liberrno, strerror(), Error |
 namespace oru::io {
 
-/// Why the library itself refused an operation.
+/// The reasons for which the library itself refuses an operation.
 enum ErrorCode : std::int32_t {
-    Ok = 0,             ///< no library error; the reason of a failure is in errno
+    Ok = 0,             ///< no library error: after a failure errno holds the reason
     NotImplemented = 1, ///< the backend does not provide the operation
     NotFound = 2,       ///< no mount point, descriptor, handle or medium matches
-    LibraryFailure = 3, ///< a library used by the backend failed; not set at present
+    LibraryFailure = 3, ///< a library used by the backend failed; never set at present
 };
 
 /// The last library error of the calling thread; Ok in a new thread.
 ///
-/// Its own thread may read and write it, like errno.
-// It is read and written so often that an access must be cheap: it needs no initialisation at run
-// time (__thread) and no function call, as its address is known at load time (initial-exec).
+/// A thread may read and write it, as errno.
+// It is read and written often, so an access must be cheap. __thread: no initialisation at run
+// time. initial-exec: no function call, because the offset is known when the library is loaded.
 extern ORUIO_EXPORT __thread ErrorCode liberrno __attribute__((tls_model("initial-exec")));
 
 /// Returns the message for the current error of the calling thread.
@@ -74,7 +74,8 @@ ORUIO_EXPORT const char* strerror();
 
 /// Returns whether liberrno or errno of the calling thread is not 0. Changes neither.
 ///
-/// A success clears neither of them: to check one operation, clear both before it.
+/// A successful call clears neither of them. To check one operation with this function, set both to
+/// 0 before the operation.
 ORUIO_EXPORT bool isError();
 
 /// A copy of both error variables, to report a failure later or on another thread.

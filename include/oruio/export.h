@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// Symbol visibility: liboruio.so exports what is marked here and hides everything else.
+/// Symbol visibility: liboruio.so exports what is marked ORUIO_EXPORT and hides everything else.
 #pragma once
 
 /// Exports a class, function or variable from liboruio.so.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// The descriptor adapter: any FS through `const char*` paths, integer descriptors and directory
-/// handles.
+/// The descriptor adapter: access to any FS with `const char*` paths, integer descriptors and
+/// directory handles.
 ///
 /// \code
 /// FDAdapter* io = FDAdapter::rootfs();
@@ -22,13 +22,13 @@ namespace oru::io {
 /// All adapters share one table, which is made when the library is loaded. Numbering:
 ///
 /// - The first descriptor is the process's limit of system descriptors when the table is made:
-///   sysconf(_SC_OPEN_MAX). So no descriptor of the table is one of the system.
-/// - This no longer holds after the limit has been raised (setrlimit(2)): the two ranges overlap.
+///   sysconf(_SC_OPEN_MAX). So no descriptor of the table equals a descriptor of the system.
+/// - If the process raises the limit later (setrlimit(2)), the two ranges overlap.
 /// - add() assigns the lowest free number. A number is free again as soon as it is removed.
 /// - When the limit is unknown (-1), no descriptor can be added.
 ///
 /// Threads: any thread may call any function. A file or directory that get() or getdir() returned
-/// stays alive until the caller releases it, even if it is removed from the table before.
+/// stays alive until the caller releases it, even if it is removed from the table in between.
 class ORUIO_EXPORT FDMap {
 public:
     FDMap();
@@ -38,23 +38,24 @@ public:
     ///
     /// \returns the descriptor, or -1:
     /// - errno EMFILE: no number is free;
-    /// - `file` is null or the limit was unknown: errno and liberrno stay.
+    /// - `file` is null, or the limit was unknown: errno and liberrno stay unchanged.
     int add(QSharedPointer<File>& file);
-    /// Returns the open file, or null. Sets liberrno to Ok or NotFound.
+    /// Returns the open file and sets liberrno to Ok. For an unknown descriptor, returns null and
+    /// sets liberrno to NotFound.
     QSharedPointer<File> get(int fd);
 
     /// Removes the descriptor, then closes its file.
     ///
-    /// Sets liberrno to Ok or NotFound before it closes the file.
-    ///
-    /// \returns the result of File::close(), or -1 for an unknown descriptor.
+    /// \returns the result of File::close(), before which liberrno is set to Ok; -1 with liberrno
+    /// NotFound for an unknown descriptor.
     int remove(int fd);
 
-    /// Adds `dir`. Adding it again has no effect.
+    /// Adds `dir`. Adding the same directory again has no effect.
     ///
-    /// \returns the handle, which is the address of the directory; null for null.
+    /// \returns the handle, which is the address of the directory; null if `dir` is null.
     void* add(QSharedPointer<Directory>& dir);
-    /// Returns the open directory, or null. Does not change liberrno.
+    /// Returns the open directory, or null for an unknown handle. Does not change errno and
+    /// liberrno.
     QSharedPointer<Directory> getdir(void* handle);
     /// Removes the handle. The directory closes when the last reference to it is released.
     ///
@@ -70,25 +71,30 @@ private:
 
 /// The operations of an FS with `const char*` paths, integer descriptors and directory handles.
 ///
-/// Each operation calls the operation of its name on the FS given to the constructor and returns
-/// its result. All adapters of the process share one FDMap: a descriptor opened through one adapter
-/// can be used and closed through another.
+/// Each operation calls the operation of the same name and returns its result:
 ///
-/// The adapter itself fails with -1, or null from opendir():
+/// - with a path: on the FS given to the constructor;
+/// - with a descriptor or a handle: on the open File or Directory.
+///
+/// All adapters of the process share one FDMap: a descriptor opened through one adapter can be used
+/// and closed through another.
+///
+/// The adapter itself refuses an operation, with -1 or a null handle, in these cases:
 ///
 /// - errno EFAULT: a path, name, target or record pointer is null.
 /// - errno EILSEQ: a string is not valid UTF-8.
 /// - errno ENAMETOOLONG: a string is longer than 1 MiB.
-/// - liberrno NotFound: unknown descriptor; errno stays.
+/// - liberrno NotFound: the descriptor is unknown. errno stays unchanged.
 ///
-/// The failures with an errno set liberrno to Ok.
+/// With EFAULT, EILSEQ and ENAMETOOLONG, liberrno is set to Ok.
 ///
 /// Threads: any thread may call any operation, as far as the FS allows it.
 class ORUIO_EXPORT FDAdapter {
 public:
     using SPtr = QSharedPointer<FDAdapter>;
 
-    /// Makes an adapter for `fs`. Null stands for an empty FSSwitch, where no path is found.
+    /// Makes an adapter for `fs`. With null, for a new empty FSSwitch: operations on paths then
+    /// fail with liberrno NotFound.
     explicit FDAdapter(QSharedPointer<FS> fs);
 
     /// Gets the status of a file or symbolic link, as lstat(2).
@@ -120,7 +126,8 @@ public:
     virtual int listxattr(const char* path, char* list, unsigned int size);
     /// Makes a symbolic link, as symlink(2).
     virtual int symlink(const char* target, const char* linkPath);
-    /// Reads the target of a symbolic link, as readlink(2). Adds no terminating NUL.
+    /// Reads the target of a symbolic link, as readlink(2). FS::readlink() documents how the
+    /// backends differ.
     virtual int readlink(const char* path, char* buf, unsigned int size);
     /// Cuts or extends a file, as truncate(2).
     virtual int truncate(const char* path, long long length);
@@ -128,22 +135,24 @@ public:
     virtual int chmod(const char* path, int mode);
     /// Opens a directory, as opendir(3).
     ///
-    /// \returns a handle for readdir(), or null when the FS returned no directory. When PosixFS
-    /// cannot open the directory, the handle has no entries and errno holds the reason.
+    /// \returns a handle for readdir(), or null when the FS returned no directory. When the system
+    /// refuses to open a directory of a PosixFS, the handle is not null: the directory has no
+    /// entries, and errno holds the reason.
     virtual void* opendir(const char* path);
     /// Returns the next entry, as readdir(3).
     ///
-    /// \returns null at the end, on failure, and for an unknown handle.
+    /// \returns null at the end, on failure, and for an unknown handle. Directory::readdir()
+    /// documents errno; for an unknown handle it stays unchanged.
     virtual struct dirent* readdir(void* handle);
     /// Starts again from the first entry, as rewinddir(3). Does nothing for an unknown handle.
     virtual void rewinddir(void* handle);
-    /// Closes a directory, as closedir(3). The result of Directory::closedir() is not reported.
+    /// Closes a directory, as closedir(3).
     ///
-    /// \returns 0, also for an unknown handle; -1 for null.
+    /// \returns 0, also for an unknown handle and when Directory::closedir() fails; -1 for null.
     virtual int closedir(void* handle);
     /// Opens a file, as open(2). Sets liberrno to Ok first.
     ///
-    /// \returns the lowest free descriptor of the table, or -1.
+    /// \returns the lowest free descriptor of the table (FDMap), or -1.
     virtual int open(const char* path, int flags, int mode);
     /// Creates a file, as creat(2): open() with O_WRONLY | O_CREAT | O_TRUNC.
     virtual int creat(const char* path, int mode);
@@ -165,8 +174,8 @@ public:
     virtual int fsync(int fd);
     /// Writes the data of an open file to the medium, as fdatasync(2).
     virtual int fdatasync(int fd);
-    /// Controls an open file, as fcntl(2). Takes exactly one argument after `cmd`, of one machine
-    /// word: an integer or a pointer.
+    /// Controls an open file, as fcntl(2). Takes exactly one argument after `cmd`: an integer or a
+    /// pointer of the size of a machine word.
     virtual int fcntl(int fd, int cmd, ...);
     /// Locks an open file, as flock(2).
     virtual int flock(int fd, int operation);
@@ -181,11 +190,12 @@ public:
 
     virtual ~FDAdapter();
 
-    /// Returns the process-wide adapter, for the switch that FSSwitch::rootfs() returned at the
-    /// first call of this function. A later FSSwitch::setRootfs() does not change it.
+    /// Returns the process-wide adapter. The first call creates it, for the switch that
+    /// FSSwitch::rootfs() returns then. A later FSSwitch::setRootfs() does not change the adapter.
     ///
     /// The adapter lives until the process ends: destructors of static objects and detached threads
-    /// may use it. Any thread may call this function.
+    /// may use it. FSSwitch::rootfs() documents when its mounts are removed at exit. Any thread may
+    /// call this function.
     static FDAdapter* rootfs();
 
 private:

@@ -6,25 +6,26 @@
 /// documents otherwise:
 ///
 /// - Result: that of the POSIX call: 0 or a count on success, -1 or null on failure.
-/// - Reason of a failure: in errno when the system or the server refused, in liberrno when the
+/// - Reason of a failure: errno holds it when the system or the server refused, liberrno when the
 ///   library refused (oruio/error.h).
 /// - Blocking: the call returns when the storage has answered.
 /// - Units: sizes and offsets are in bytes.
 /// - Modes and flags: those of `<fcntl.h>` and `<sys/stat.h>` on the platform.
-/// - Paths: passed to the system as UTF-8. A path with a NUL fails with errno EINVAL; a path that
-///   is not valid UTF-16 fails with errno EILSEQ.
-/// - Output parameters: unspecified after a failure.
-/// - "Not implemented": the operation fails with liberrno NotImplemented. errno stays unchanged.
-/// - Threads: the interface holds no lock. Each backend documents whether threads may share one
-///   object. errno and liberrno are per thread.
-/// - Cancelled threads (pthread_cancel(3), with the default type, deferred): the destructors of the
-///   library and of its caller run. Calls of the local backend and of an application's own FS are
-///   cancelled at once, other operations when they are done.
-/// - Exceptions: the library throws none. An exception that comes out of an application's own FS,
-///   File or Directory ends the process.
-/// - fork(2): in the child, local files, mount tables and descriptors work. Connections with
-/// servers
-///   and other processes belong to the parent.
+/// - Paths: passed to the system as UTF-8. An operation on a path that contains a NUL fails with
+///   errno EINVAL. An operation on a path that is not valid UTF-16 fails with errno EILSEQ.
+/// - Output parameters: their content is unspecified after a failure.
+/// - "Not implemented": the operation returns -1 with liberrno NotImplemented. errno stays
+///   unchanged.
+/// - Threads: FS, File and Directory hold no lock themselves. Each backend documents whether
+///   threads may share one object. errno and liberrno are per thread.
+/// - Cancelled threads (pthread_cancel(3)): only the default type, deferred, is supported. The
+///   destructors of the library and of its caller run. Two kinds of calls are cancelled at once:
+///   those of the local backend, except close() and closedir(), and those of an application's own
+///   FS. All other operations are completed first.
+/// - Exceptions: the library throws none. An exception that leaves an application's own FS, File or
+///   Directory ends the process.
+/// - fork(2): in the child, local files, mount tables and descriptors work. Connections to servers
+///   and to other processes belong to the parent: the child cannot use them.
 #pragma once
 
 #include <oruio/export.h>
@@ -48,7 +49,7 @@ static_assert(sizeof(time_t) == sizeof(long),
 
 namespace oru::io {
 
-/// An open file. Closes itself when the last reference to it is released.
+/// An open file. It is closed when the last reference to it is released.
 class ORUIO_EXPORT File {
 public:
     using SPtr = QSharedPointer<File>;
@@ -80,13 +81,15 @@ public:
     virtual int fstat(struct stat& st) = 0;
     /// Cuts or extends the file to `length` bytes, as ftruncate(2).
     virtual int ftruncate(long long length) = 0;
-    /// Writes data and metadata to the medium, as fsync(2). Returns when they are there.
+    /// Writes data and metadata to the medium, as fsync(2). Returns when the medium has them.
     virtual int fsync() = 0;
-    /// As fsync(), without the metadata that reading the data does not need, as fdatasync(2).
+    /// Writes the data to the medium, and only that metadata that is needed to read the data, as
+    /// fdatasync(2).
     virtual int fdatasync() = 0;
     /// Controls the open file, as fcntl(2).
     ///
-    /// Takes exactly one argument after `cmd`, of one machine word: an integer or a pointer.
+    /// Takes exactly one argument after `cmd`: an integer or a pointer of the size of a machine
+    /// word.
     virtual int fcntl(int cmd, ...) = 0;
     /// Locks the file, as flock(2). `operation` is LOCK_SH, LOCK_EX or LOCK_UN, optionally with
     /// LOCK_NB.
@@ -95,30 +98,32 @@ public:
     virtual int fchmod(int mode) = 0;
     /// Closes the file, as close(2).
     ///
-    /// The file is closed even if the result is -1. Closing it again has no effect.
+    /// The file is closed even if the result is -1. A second call closes nothing. It returns 0, or
+    /// -1 with errno EBADF for a file of an IPCFS.
     virtual int close() = 0;
     /// Sends a request string that only the backend defines, and stores its answer in `response`.
     ///
     /// No backend of the library implements it: -1 with liberrno NotImplemented.
     virtual int ioctl(QString request, QString& response) = 0;
 
-    /// Reads up to `maxSize` bytes, limited to the size that fstat() reports, with one read().
+    /// Reads the file with one read(). It requests the size that fstat() reports, but at most
+    /// `maxSize` bytes.
     ///
-    /// Starts at the file position. Seek to the start of the file first: when fewer bytes follow
-    /// the position than are requested, the result is empty.
+    /// It reads from the file position, so seek to the start of the file first. If read() returns
+    /// fewer bytes than requested, the result is empty.
     ///
-    /// \returns the bytes. An empty array for an empty file, and on failure:
-    /// - fstat() or read() failed, with its errno or liberrno;
-    /// - read() returned fewer bytes than requested, without a reason;
+    /// \returns the bytes. An empty array for an empty file, for a `maxSize` of 0, and on failure:
+    /// - fstat() or read() failed: the reason is in errno or liberrno;
+    /// - read() returned fewer bytes than requested: errno and liberrno hold no reason;
     /// - errno EFBIG: more bytes than a QByteArray can hold (2 GiB);
     /// - errno ENOMEM: not enough memory.
     ///
-    /// Only errno and liberrno distinguish a failure from an empty file: clear both before the
+    /// To distinguish a failure from an empty file, set errno to 0 and liberrno to Ok before the
     /// call.
     virtual QByteArray readAll(unsigned int maxSize);
 
     /// Returns the kind of file: "PosixFile", "Smb2File", "IPCFile", or what a derived class passed
-    /// to the constructor. The reference is valid as long as the file.
+    /// to the constructor. The reference is valid as long as the file exists.
     virtual const QString& type();
 
     virtual ~File();
@@ -128,7 +133,7 @@ private:
     const QString m_type;
 };
 
-/// An open directory stream. Closes itself when the last reference to it is released.
+/// An open directory stream. It is closed when the last reference to it is released.
 class ORUIO_EXPORT Directory {
 public:
     using SPtr = QSharedPointer<Directory>;
@@ -141,7 +146,7 @@ public:
     /// \returns null at the end and on failure. At the end errno depends on the backend:
     /// - local: unchanged;
     /// - share: ENOENT;
-    /// - IPC: -1, the same as after a failure of the server's file system.
+    /// - IPC: -1. After a failure of the server's file system it is -1, too.
     virtual struct dirent* readdir() = 0;
     /// Starts again from the first entry, as rewinddir(3).
     virtual int rewinddir() = 0;
@@ -174,7 +179,9 @@ public:
     ///
     /// No backend of the library implements it: -1 with liberrno NotImplemented.
     virtual int addWatch(QString path) = 0;
-    /// Cancels addWatch(). No backend of the library implements it.
+    /// Cancels addWatch().
+    ///
+    /// No backend of the library implements it: -1 with liberrno NotImplemented.
     virtual int remWatch(QString path) = 0;
     /// Opens a file, as open(2). `mode` is used only when `flags` create the file.
     ///
@@ -182,10 +189,10 @@ public:
     virtual QSharedPointer<File> open(QString path, int flags, int mode) = 0;
     /// Opens a directory, as opendir(3).
     ///
-    /// \returns the open directory. On failure null, or a directory that is not open: each backend
-    /// documents which.
+    /// \returns the open directory. On failure, null or a directory that is not open: each backend
+    /// documents which of them.
     virtual QSharedPointer<Directory> opendir(QString path) = 0;
-    /// Gets the status of a file, as lstat(2): of a symbolic link itself.
+    /// Gets the status of a file, as lstat(2). Does not follow a symbolic link.
     virtual int lstat(QString path, struct stat& st) = 0;
     /// Gets the status of a file, as stat(2).
     virtual int stat(QString path, struct stat& st) = 0;
@@ -208,7 +215,7 @@ public:
     virtual void sync() = 0;
     /// Gets an extended attribute, as getxattr(2).
     ///
-    /// \returns the size of the value, or -1. With a `size` of 0 nothing is stored.
+    /// \returns the size of the value, or -1. If `size` is 0, nothing is stored.
     virtual int getxattr(QString path, QString name, void* value, unsigned int size) = 0;
     /// Sets an extended attribute, as setxattr(2).
     virtual int setxattr(QString path, QString name, void* value, unsigned int size, int flags) = 0;
@@ -216,19 +223,27 @@ public:
     virtual int removexattr(QString path, QString name) = 0;
     /// Lists the names of the extended attributes, as listxattr(2), and appends them to `names`.
     ///
-    /// Each backend documents whether empty strings follow them.
+    /// PosixFS appends empty strings after the names.
     ///
-    /// \returns the size in bytes of the list that the other form stores, or -1.
+    /// \returns the size in bytes that the list of the `char*` form has, or -1.
     virtual int listxattr(QString path, QVector<QString>& names) = 0;
-    /// Lists the names of the extended attributes, as listxattr(2): each ends with a NUL.
+    /// Stores the names of the extended attributes in `list`, as listxattr(2). Each name ends with
+    /// a NUL.
     ///
-    /// \returns the size of the list in bytes, or -1. With a `size` of 0 nothing is stored.
+    /// \returns the size of the list in bytes, or -1. If `size` is 0, nothing is stored.
     virtual int listxattr(QString path, char* list, unsigned int size) = 0;
     /// Makes a symbolic link, as symlink(2). `target` is stored unchanged.
     virtual int symlink(QString target, QString linkPath) = 0;
     /// Reads the target of a symbolic link into `target`, as readlink(2).
+    ///
+    /// \returns the length of the target in bytes, or -1. Smb2FS and IPCFS return 0 instead of the
+    /// length.
     virtual int readlink(QString path, QString& target) = 0;
-    /// Reads the target of a symbolic link into `buf`, as readlink(2). Adds no terminating NUL.
+    /// Reads up to `size` bytes of the target of a symbolic link into `buf`, as readlink(2).
+    ///
+    /// Adds no terminating NUL. Smb2FS and IPCFS fill the rest of `buf` with NULs.
+    ///
+    /// \returns the number of bytes read, or -1. Smb2FS and IPCFS return 0 instead of the number.
     virtual int readlink(QString path, char* buf, unsigned int size) = 0;
     /// Cuts or extends a file to `length` bytes, as truncate(2).
     virtual int truncate(QString path, long long length) = 0;

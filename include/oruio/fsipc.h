@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// The file service between processes, client side: the file system of another process as an FS,
-/// and the shared memory between client and server.
+/// The client of the file service between processes: IPCFS, which is the file system of another
+/// process as an FS, and the shared memory between client and server.
 ///
 /// \code
 /// IPCFS files;
@@ -25,13 +25,14 @@ namespace oru::io {
 /// user data.
 ///
 /// - The object is named "/_blk_" followed by the name of the block.
-/// - It is 40 bytes larger than the user data. On the target the header has 32 of them; the other 8
-///   follow the user data, unused.
-/// - Where the mutex of the platform is larger than that of the target, so is the header. The end
-///   of the user data is then shorter by what the 40 bytes lack: by 16 bytes on x86-64.
+/// - The object is 40 bytes larger than the size of the user data. On the target (32-bit ARM) the
+///   header takes 32 of these bytes. The other 8 are at the end of the object, unused.
+/// - On a platform with a larger mutex the header is larger. If it exceeds 40 bytes, that many
+///   bytes are missing at the end of the user data. On x86-64 the header has 56 bytes, so 16 are
+///   missing.
 ///
-/// Threads: any thread may use a block. The thread that locked a block must unlock it. While it
-/// holds the lock, it must not end and the block must not be destroyed.
+/// Threads: any thread may use a block. The thread that locked a block must unlock it. While that
+/// thread holds the lock, the thread must not end and the block must not be destroyed.
 class ORUIO_EXPORT ShmBlock {
 public:
     /// Create the object if it does not exist. Initialise it if its header is not valid.
@@ -41,15 +42,17 @@ public:
 
     /// Opens the object with `size` bytes of user data: shm_open(3), ftruncate(2), mmap(2).
     ///
-    /// `flags` is 0 or a combination of Create and RemoveAtClose. isValid() returns whether it
-    /// worked. A failure to create or map the object is printed on standard error, as by perror(3).
+    /// `flags` is 0 or a combination of Create and RemoveAtClose. Call isValid() to find out
+    /// whether the constructor succeeded. A failure to create or map the object is printed on
+    /// standard error, as by perror(3).
     ///
-    /// - Without Create: waits up to 10 ms for the object to appear.
-    /// - With Create: waits up to 1 s for another process that initialises the same object.
-    /// - An object of this size that belongs to a program of another ABI (32- or 64-bit) is not
-    ///   opened. With Create it is not initialised either, and errno is EBUSY.
+    /// - Waits up to 10 ms for the object to appear. With Create, creates it after that.
+    /// - With Create: waits up to 1 s for another process that is initialising the same object.
+    /// - Does not open an object of this size that a program of another ABI (32- or 64-bit) has
+    ///   made. With Create it does not initialise such an object either, and errno is EBUSY.
     ShmBlock(const char* name, unsigned int size, unsigned int flags);
-    /// Unmaps the block. With RemoveAtClose, removes the object before, unless it has been removed.
+    /// With RemoveAtClose, removes the object unless it has already been removed. Then unmaps the
+    /// block.
     ~ShmBlock();
 
     /// Returns whether the block is mapped and its header is valid.
@@ -57,26 +60,27 @@ public:
     /// Returns the address of the mapping, or null.
     void* base() const;
 
-    /// Locks the mutex, waiting up to 10 s. Recovers it from a holder that has died.
+    /// Locks the mutex, waiting up to 10 s. If the holder of the mutex has died, makes the mutex
+    /// consistent and locks it.
     ///
     /// \returns the user data, or null:
-    /// - the mutex is still locked by another holder;
+    /// - another holder still has the mutex locked;
     /// - the block is not valid, or was no longer valid when the mutex was locked.
     void* lock();
     /// As lock(), without waiting.
     void* tryLock();
     /// Unlocks the mutex.
     ///
-    /// \returns 0, or the error number of pthread_mutex_unlock(3): EPERM for a thread that has not
-    /// locked it. Always 0 for a block that is not valid.
+    /// \returns 0, or the error number of pthread_mutex_unlock(3), such as EPERM when the calling
+    /// thread has not locked the mutex. Always 0 for a block that is not valid.
     int unlock();
 
     /// Makes the destructor remove the object.
     void removeAtClose();
-    /// Removes the object at once: its name is free, and no process can open or lock it any more.
+    /// Removes the object at once. After this its name is free, and no process can open or lock it.
     ///
-    /// Only the holder of the lock may call it. If another object has taken the name, that one is
-    /// kept.
+    /// Only the holder of the lock may call this function. If another object now has the name, that
+    /// object is not removed.
     ///
     /// \retval true removed
     /// \retval false nothing has changed; errno is that of shm_unlink(3)
@@ -84,10 +88,11 @@ public:
 
     /// Returns the time on CLOCK_REALTIME `ms` milliseconds from now.
     ///
-    /// tv_nsec can be 1,000,000,000: nanoseconds are carried only above a full second.
+    /// tv_nsec can be 1,000,000,000: only larger values are carried into tv_sec.
     static struct timespec abstime(int ms);
 
-    /// Locks a block for its own lifetime and gives access to the user data as a T.
+    /// Locks a block in the constructor and unlocks it in the destructor. Gives access to the user
+    /// data as a T.
     template <class T>
     class Access {
     public:
@@ -138,18 +143,21 @@ private:
 
 /// The user data of the block that client and server of the file service share.
 ///
-/// It holds mutexes and semaphores, one request, one response, and two data buffers of 1 MiB. It
-/// exists in shared memory only.
+/// It contains mutexes and semaphores, one request, one response, and two data buffers of 1 MiB. An
+/// IPCShm exists in shared memory only: it cannot be constructed.
 ///
 /// Threads: any thread of any process may call any function at any time.
 class ORUIO_EXPORT IPCShm {
 public:
     /// Returns the size of the area in bytes.
     static unsigned int size();
-    /// Returns the hexadecimal number in the environment variable IO_IPCDBG, 0 without one.
+    /// Returns the hexadecimal number in the environment variable IO_IPCDBG, or 0 if the variable
+    /// is not set or has no number.
     ///
-    /// Its bits select what is logged: 1 requests in the server, 2 requests in the client, 4 the
-    /// beginning and end of sessions.
+    /// Its bits select what is logged at level 12:
+    /// - 1: requests in the server;
+    /// - 2: requests in the client;
+    /// - 4: the beginning and the end of sessions.
     static unsigned int debugMask();
     /// Sets `*ts` to the time on CLOCK_REALTIME `ms` milliseconds from now. \returns `ts`.
     static struct timespec* setTimeout(struct timespec* ts, unsigned long long ms);
@@ -160,7 +168,7 @@ public:
     ///
     /// \returns the index of the buffer, or -1 with errno:
     /// - ETIMEDOUT: no buffer became free in time;
-    /// - EAGAIN: no buffer is free although the semaphore counted one.
+    /// - EAGAIN: the semaphore counted a free buffer, but none is free.
     int allocDataBuf(unsigned int timeout);
     /// Releases data buffer `index`.
     ///
@@ -182,38 +190,43 @@ private:
 /// - connect() begins a session. Only one IPCFS on the system can be connected at a time.
 /// - Every operation is one request to the server. Without a session it fails with errno ENOTCONN.
 /// - The session ends:
-///   - with disconnect();
+///   - when disconnect() is called or the IPCFS is destroyed;
 ///   - when the server ends;
 ///   - when the server has not answered a request within 10 s;
-///   - with an answer whose errno is ENOTCONN or ESHUTDOWN, such as when a served share has lost
-///     its connection.
-/// - A file or directory belongs to the session that opened it. In a later session it fails with
-///   errno EBADF. It may outlive the IPCFS.
+///   - when the server answers with errno ENOTCONN or ESHUTDOWN, for example because a share that
+///     it serves has lost its connection.
+/// - A file or directory belongs to the session that opened it. In a later session its operations
+///   fail with errno EBADF. The object may outlive the IPCFS.
 ///
 /// Open files:
 ///
-/// - read(), write(), pread() and pwrite() transfer at most 1 MiB. When asked for more, they return
-///   a short count; readAll() of more than 1 MiB is therefore empty.
-/// - fchmod() calls flock() in the server, with the mode as the operation.
-/// - fcntl() with F_SETLK or F_SETLKW takes locks on behalf of the server process.
-/// - fcntl() with F_GETLK does not report the lock that it found: the record stays unchanged.
+/// - read(), write(), pread() and pwrite() transfer at most 1 MiB. If more is requested, they
+///   transfer 1 MiB and return that count. So readAll() of more than 1 MiB returns an empty array.
+/// - fchmod() does not change the mode: the server calls flock() with the mode as the operation.
+///   Use chmod() with the path instead.
+/// - fcntl() with F_SETLK or F_SETLKW takes locks whose owner is the server process.
+/// - fcntl() with F_GETLK does not report the lock that it finds: the record stays unchanged.
 /// - fcntl() with F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL or F_SETFL has no effect. It
 ///   returns 0 if the file is open in the server.
 /// - fcntl() with other commands fails with errno EOPNOTSUPP.
 ///
 /// Extended attributes, watches and ioctl() are not implemented.
 ///
+/// Every other operation sets liberrno: to Ok, or to the liberrno of the server's answer.
+///
 /// Threads:
 ///
-/// - Calls on an IPCFS and on its files and directories must not overlap: the callers serialise
-///   them. The shared memory has room for one request.
-/// - The thread that calls connect() holds a lock for the whole session. It should live as long as
-///   the session, and be the one that calls disconnect().
-/// - When that thread ends before the session, another client may take over. The server checks
-///   every 30 s and frees the place. This client then fails with errno ENOTCONN.
-/// - When another thread ends the session, clients can connect only after the connecting thread has
-///   ended or connected again.
-/// - A child of fork(2) has no part in the session, even after its parent has ended.
+/// - The shared memory has room for one request. So the callers must serialise all calls on an
+///   IPCFS and on its files and directories.
+/// - The thread that calls connect() holds a mutex for the whole session. This thread should live
+///   as long as the session and should also call disconnect().
+/// - If this thread ends before the session, the next call on another thread continues the session.
+///   But if another client has connected before that call, or the server has noticed the end of the
+///   thread (it checks every 30 s), the session is lost and the call fails with errno ENOTCONN.
+/// - If the session ends in a call of another thread, no client can connect until the thread that
+///   connected has ended or has called connect() again.
+/// - A child of fork(2) cannot use the session, even after its parent has ended. Its operations
+///   fail with errno ENOTCONN.
 ///
 /// Time-outs are measured on CLOCK_REALTIME: setting the clock forward shortens them, setting it
 /// back extends them.
@@ -233,11 +246,12 @@ public:
     QSharedPointer<File> open(QString path, int flags, int mode) override;
     /// Opens a directory.
     ///
-    /// When a PosixFS in the server cannot open the directory, the result is an empty directory and
-    /// errno holds the reason. readdir() sets errno to -1 at the end of a directory, and when the
-    /// server's file system fails.
+    /// If the server serves a PosixFS that cannot open the directory, the result is an empty
+    /// directory and errno holds the reason. readdir() of the result sets errno to -1 at the end of
+    /// the directory, and also when the file system of the server fails.
     ///
-    /// \returns null when the request failed or the server's file system returned no directory.
+    /// \returns the directory; null when the request failed or the file system of the server
+    /// returned no directory.
     QSharedPointer<Directory> opendir(QString path) override;
     int lstat(QString path, struct stat& st) override;
     int stat(QString path, struct stat& st) override;
@@ -260,8 +274,13 @@ public:
     int listxattr(QString path, char* list, unsigned int size) override;
     int symlink(QString target, QString linkPath) override;
     /// Reads the target of a symbolic link. `target` is unchanged after a failure.
+    ///
+    /// \returns 0, not the length, or -1.
     int readlink(QString path, QString& target) override;
-    /// Reads the target of a symbolic link. Fills the rest of `buf` after it with NULs.
+    /// Reads up to `size` bytes of the target of a symbolic link. Fills the rest of `buf` with
+    /// NULs.
+    ///
+    /// \returns 0, not the length, or -1.
     int readlink(QString path, char* buf, unsigned int size) override;
     int truncate(QString path, long long length) override;
     int chmod(QString path, int mode) override;
@@ -271,27 +290,29 @@ public:
     /// Disconnects.
     ~IPCFS() override;
 
-    /// Begins a session, in up to `tries` attempts, with a pause of 1 s after each that failed.
+    /// Begins a session. Makes up to `tries` attempts and pauses for 1 s after each failed attempt.
     ///
-    /// `props` is not read and may be null. An attempt takes up to 40 s, 10 s for each of these:
+    /// `props` is not read and may be null. An attempt takes up to 40 s: it waits up to 10 s for
+    /// each of these:
     /// - the lock of the block;
-    /// - the last request of a former session;
+    /// - the last request of the former session, if that session did not disconnect;
     /// - the end of that session;
     /// - the answer of the server.
     ///
-    /// \returns 0 when connected, also if it was connected before; else -1 with errno ENOTCONN or
-    /// the errno of the server's answer.
+    /// \returns 0 when connected, also if a session existed before the call; else -1 with errno
+    /// ENOTCONN or the errno of the server's answer.
     virtual int connect(unsigned int tries, Properties* props);
-    /// Ends the session, if there is one. Returns when the server has closed all that the session
-    /// opened.
+    /// Ends the session, if there is one. Returns when the server has closed all files and
+    /// directories of the session.
     ///
     /// Waits up to 10 s for the lock of the block, and up to 10 s for the server.
     ///
     /// \returns always 0.
     virtual int disconnect();
-    /// Returns whether there was a session after the last call. Sends no request.
+    /// Returns whether a session existed at the end of the last call. Sends no request, so it does
+    /// not notice that the server has ended since.
     virtual bool isConnected();
-    /// Returns 1 when isConnected(), else 0.
+    /// Returns 1 if isConnected() returns true, else 0.
     virtual int state();
 
     /// The session. Internal.

@@ -6,8 +6,9 @@
 /// directory. Operations on paths, files and directories are those of PosixFS on that directory.
 /// While nothing is mounted, they act on the directory itself.
 ///
-/// Threads: the backend has no locks. Only one thread may connect and disconnect. Operations on
-/// other threads at that time use what is mounted at that moment.
+/// Threads: the backend has no locks. Only one thread at a time may call connect() and
+/// disconnect(). Operations in progress on other threads act on what is mounted on the directory at
+/// that moment: the export, or the directory itself.
 #pragma once
 
 #include <oruio/posixfs.h>
@@ -22,8 +23,8 @@ public:
 
     /// Makes a file system that is not connected.
     ///
-    /// `mountPoint` is the directory to mount the export on. It must exist when connect() is
-    /// called, and be spelled as umountPath() requires. Slashes at its end are allowed.
+    /// `mountPoint` is the directory to mount the export on. The directory must exist when
+    /// connect() is called. Spell it as umountPath() requires; slashes at the end are allowed here.
     explicit NFS(QString mountPoint);
     /// Calls disconnect().
     ~NFS() override;
@@ -31,32 +32,32 @@ public:
     /// Not implemented.
     int ioctl(QString request, QString& response) override;
 
-    /// Mounts an export, after disconnect(). Blocks as long as the maintenance program runs.
+    /// Calls disconnect(), then mounts an export. Blocks as long as the maintenance program runs.
     ///
     /// Keys in `props`:
     /// - "target": the export, as `server:/path`.
     /// - "readonly": true to mount it read-only.
     /// - "cmd_opts": the mount options of nfs(5), none by default. Without "soft" and a short
     ///   "timeo", calls block as long as the server does not answer.
+    /// - "lazy": disconnect() passes `props` to umountPath(), which reads this key.
     ///
-    /// disconnect() passes all of `props` to umountPath().
-    ///
-    /// \returns 0 on success, else a failure, whose reason is in the log:
-    /// - the exit status of the maintenance program, when it is not 0;
+    /// \returns 0, or one of these. The log holds the reason, errno and liberrno do not:
+    /// - a positive number: the exit status of the maintenance program;
     /// - -1: the program could not be started, or was killed by a signal.
     virtual int connect(Properties props);
-    /// Unmounts all that is mounted on the directory, also what other processes have mounted.
+    /// Unmounts everything that is mounted on the directory, including mounts of other processes.
     ///
-    /// \returns the result of umountPath(): 0, or -1 with errno. After -1 it is still connected.
+    /// \returns the result of umountPath(): 0, also when not connected, or -1 with errno. After -1
+    /// the file system still counts as connected.
     virtual int disconnect();
     /// Returns whether connect() has succeeded and stat(2) on the directory succeeds.
     ///
-    /// Without the mount option "soft", stat(2) may block as long as the server does not answer. An
-    /// unmount by another process is not noticed.
+    /// Without the mount option "soft", stat(2) may block as long as the server does not answer.
+    /// The result stays true after another process has unmounted the export.
     virtual bool isConnected();
 
 private:
-    Properties connectProps; // those of connect(); empty when not connected
+    Properties connectProps; // the argument of connect(); empty when not connected
 };
 
 } // namespace oru::io

@@ -13,8 +13,11 @@
 ///
 /// - An operation on a path sends one request, unless documented otherwise. It blocks until the
 ///   server has answered or the time-out has passed.
-/// - When the server refuses, errno is libsmb2's translation of the NT status.
+/// - When the server refuses the request, errno is libsmb2's translation of the NT status.
 /// - Nothing is cached.
+/// - These operations set liberrno to Ok first: open() and opendir() of the share; read(), write(),
+///   pread(), pwrite(), lseek(), ftruncate(), fsync(), fdatasync() and close() of a file. All
+///   others leave liberrno unchanged.
 ///
 /// Paths:
 ///
@@ -26,17 +29,18 @@
 /// Fatal failures are ETIMEDOUT, ENETRESET, EBUSY, ECONNREFUSED and ECONNRESET. After one of them,
 /// until the next connect():
 ///
-/// - Every operation of the share, its files and its directories fails at once. It sends no request
-///   and leaves errno and liberrno unchanged, on all threads.
-/// - A thread that was already waiting for its turn fails with the same errno when the connection
-///   is lost. When the errno was an answer of the server, such as EBUSY, that thread is served.
-/// - disconnect() still does its work. When it fails, errno holds the reason.
-/// - Operations that this backend never provides still fail in their usual way: link(), symlink(),
-///   flock(), fchmod(), ioctl(), extended attributes and watches.
+/// - Every operation of the share, its files and its directories fails at once, on all threads. It
+///   sends no request and leaves errno and liberrno unchanged.
+/// - An operation that was already waiting for the lock of the share is not refused in this way. If
+///   the connection is lost, it fails with the same errno. If the fatal errno was an answer of the
+///   server, such as EBUSY, the connection still works and the operation is carried out.
+/// - disconnect() still disconnects. If it fails, errno holds the reason.
+/// - link(), symlink(), flock(), fchmod(), extended attributes, ioctl() and watches, which this
+///   backend never provides, fail with their documented reason.
 ///
-/// Threads: any thread may call any operation. One lock per share lets one operation through at a
-/// time: a write with all its pieces, a listing with all its requests. So a slow server delays all
-/// callers of the share: n operations can take n times the time-out.
+/// Threads: any thread may call any operation. Each share has one lock, so it carries out one
+/// operation at a time: a write with all its pieces, a listing with all its requests. A slow server
+/// therefore delays all callers of the share: n operations can take n times the time-out.
 #pragma once
 
 #include <oruio/fs.h>
@@ -58,11 +62,11 @@ public:
 
     /// Makes a share that is not connected: its operations fail with errno ENOTCONN.
     ///
-    /// `timeout` is the longest time of a request in seconds. 0 means no limit: then a request
-    /// takes as long as the connection lasts.
+    /// `timeout` is the longest time of a request in seconds. 0 means no limit: a request then
+    /// waits for its answer until the connection ends.
     explicit Smb2FS(unsigned int timeout);
-    /// Closes the connection, without a request. Release files and directories before: operations
-    /// on those that remain fail with errno EBADF.
+    /// Closes the connection without a request. Release all files and directories before this:
+    /// operations on the remaining ones fail with errno EBADF.
     ~Smb2FS() override;
 
     /// Not implemented.
@@ -71,7 +75,7 @@ public:
     int remWatch(QString path) override;
     /// Opens a file, not a directory. `mode` is not used, and O_APPEND has no effect.
     ///
-    /// While the file is open, others may read and write it, but not remove or rename it.
+    /// While the file is open, other clients may read and write it, but not remove or rename it.
     QSharedPointer<File> open(QString path, int flags, int mode) override;
     /// Opens a directory and reads the whole listing. \returns null on failure.
     ///
@@ -86,7 +90,7 @@ public:
     /// - st_mode: the file type, with the permissions rw-rw-rw- for every file;
     /// - st_atim, st_mtim, st_ctim.
     ///
-    /// The other fields stay unchanged; after a failure all fields do.
+    /// The other fields stay unchanged. After a failure all fields stay unchanged.
     int stat(QString path, struct stat& st) override;
     /// Gets the sizes of the file system. f_files, f_ffree and f_namelen are 0.
     int statfs(QString path, struct statfs& st) override;
@@ -99,7 +103,8 @@ public:
     /// Makes a directory. `mode` is not used.
     int mkdir(QString path, int mode) override;
     int rmdir(QString path) override;
-    /// Renames a file or directory. Never replaces: fails with errno EEXIST when `newPath` exists.
+    /// Renames a file or directory. Never replaces a file: when `newPath` exists, it fails with
+    /// errno EEXIST.
     int rename(QString oldPath, QString newPath) override;
     /// Does nothing.
     void sync() override;
@@ -119,8 +124,8 @@ public:
     ///
     /// \returns 0, not the length, or -1.
     int readlink(QString path, QString& target) override;
-    /// Reads up to `size` bytes of the target. Fills the rest of `buf` with NULs; a target of
-    /// `size` bytes and more has no NUL.
+    /// Reads up to `size` bytes of the target. Fills the rest of `buf` with NULs. If the target has
+    /// `size` bytes or more, there is no NUL.
     ///
     /// \returns 0, not the length, or -1.
     int readlink(QString path, char* buf, unsigned int size) override;
@@ -130,24 +135,24 @@ public:
     /// Not implemented.
     int ioctl(QString request, QString& response) override;
 
-    /// Connects to a share, after disconnect().
+    /// Calls disconnect(), then connects to a share.
     ///
-    /// Release files and directories of the former connection before: operations on those that
-    /// remain fail with errno EBADF. After a failure the share is not connected.
+    /// Release all files and directories of the former connection before this call: operations on
+    /// the remaining ones fail with errno EBADF. After a failure the share is not connected.
     ///
     /// Keys in `props`, all optional strings:
     /// - "server": a name or an address, followed by a colon and the port unless it is 445. An IPv6
     ///   address is in brackets.
     /// - "share": the name of the share.
     /// - "user": the name of the user.
-    /// - "password": without one, or with an empty one, the session is anonymous for any user.
+    /// - "password": if it is missing or empty, the session is anonymous, also if "user" is set.
     /// - "domain", "workstation": sent to the server.
-    /// - "version": the dialect, "2.x", "3.x", "2.0.2", "2.1.0", "3.0.0", "3.0.2" or "3.1.1". With
-    ///   any other value the server selects it.
+    /// - "version": the dialect: "2.x", "3.x", "2.0.2", "2.1.0", "3.0.0", "3.0.2" or "3.1.1". With
+    ///   any other value the server selects the dialect.
     ///
     /// \returns 0, or -1 with errno:
     /// - EACCES: the user has no access to the share.
-    /// - EACCES: the server requires encryption, which the dialect does not have.
+    /// - EACCES: the server requires encryption, but the dialect has no encryption.
     /// - EAGAIN, EIO: the name of the server cannot be resolved.
     /// - ECONNREFUSED: nothing listens at the address.
     /// - ECONNREFUSED: the server refuses the user or the password.
@@ -159,19 +164,22 @@ public:
     /// - EINVAL: the closing bracket of an address is missing.
     /// - ENAMETOOLONG: a string is longer than 1 KiB.
     /// - ENOENT: the server has no such share.
-    /// - ENOTSUP: this libsmb2 does not show whether the session is signed or encrypted.
-    /// - EPERM: the server requires the session to be signed or encrypted, which takes more
-    ///   processor time than a recording can spare.
-    /// - Any errno of socket(2), such as EMFILE: no socket could be made.
+    /// - ENOTSUP: with the installed libsmb2 it cannot be determined whether the session is signed
+    ///   or encrypted.
+    /// - EPERM: the server requires a signed or encrypted session. This would take too much
+    ///   processor time during a recording.
+    /// - any errno of socket(2), such as EMFILE: no socket could be made.
     virtual int connect(Properties props);
     /// Disconnects from the share, if it is connected.
     ///
-    /// \returns 0, or -1 with errno. After -1 the share still counts as connected.
+    /// \returns 0, also when the share is not connected, or -1 with errno. After -1 the share still
+    /// counts as connected.
     virtual int disconnect();
-    /// Asks the server whether it is there: sends an echo request if the share is connected.
+    /// Returns whether the share is connected and the server answers an echo request. If the share
+    /// is not connected, sends no request.
     ///
-    /// After a fatal failure the result is true, without a request: the failing operations report
-    /// it, and connect() repairs it.
+    /// After a fatal failure it returns true without a request, until the next connect(). The fatal
+    /// failure shows in the operations, which fail.
     virtual bool isConnected();
     /// Returns the dialect in use, such as "3.1.1", or "unknown" when not connected.
     virtual QString getDialect();
@@ -188,12 +196,13 @@ private:
     const QExplicitlySharedDataPointer<Data> m_data;
 };
 
-/// Records the result `rc` of a libsmb2 call on the share `fs`.
+/// Converts the result `rc` of a libsmb2 call on the share `fs`: a negative `rc` is a negative
+/// errno.
 ///
 /// `ctx`, `op` (the name of the operation) and `detail` (the path) are not used.
 ///
-/// \returns `rc` if it is not negative. Else -1, with `-rc` in errno; the share records it too and
-/// treats it as fatal if it is one of the fatal failures.
+/// \returns `rc` if it is not negative, else -1 with `-rc` in errno. If `-rc` is the errno of a
+/// fatal failure, the share counts as broken until the next connect().
 ORUIO_EXPORT int set_errno(Smb2FS* fs, int rc, smb2_context* ctx, const char* op,
                            const char* detail);
 
@@ -201,37 +210,42 @@ ORUIO_EXPORT int set_errno(Smb2FS* fs, int rc, smb2_context* ctx, const char* op
 ///
 /// It belongs to the connection in which it was opened. Release it before the share is connected
 /// again or destroyed: afterwards its operations fail with errno EBADF. After a fatal failure
-/// close() fails too: the server closes the file with the connection.
+/// close() fails too; the server closes the file when the connection ends.
 class ORUIO_EXPORT Smb2File : public File {
 public:
-    /// Takes ownership of `handle`, of the share's current connection. `path` is not used.
+    /// Takes ownership of `handle`, which belongs to the current connection of `fs`. `path` is not
+    /// used.
     Smb2File(Smb2FS* fs, smb2fh* handle, QString path);
     /// Closes the file.
     ~Smb2File() override;
 
-    /// Sends one request. May return less than `len` before the end of the file.
+    /// Sends one request. May return less than `len` before the end of the file, if the server
+    /// sends less.
     int read(void* buf, unsigned int len) override;
-    /// Sends requests of up to 64 KiB, each within the time-out, until all is written.
+    /// Sends requests of up to 64 KiB, each within the time-out, until all bytes are written.
     ///
     /// After a failure the position that lseek() reports is unchanged, but the next write continues
-    /// after the bytes that the server has taken.
+    /// after the bytes that the server has already written.
     ///
-    /// \returns `len`, or -1. errno EINVAL, before any request: `len` is larger than an int holds.
+    /// \returns `len`, or -1. If `len` is larger than INT_MAX, -1 with errno EINVAL, and no request
+    /// is sent.
     int write(const void* buf, unsigned int len) override;
     /// As read(), at `offset`. The file position stays.
     int pread(void* buf, unsigned int len, long long offset) override;
-    /// As write(), at `offset`. The file position stays. When the server takes 0 bytes of a
-    /// request, the call ends there and returns `len` all the same.
+    /// As write(), at `offset`. The file position stays.
+    ///
+    /// If the server answers that it has written 0 bytes, the call stops there. It still returns
+    /// `len`, although the rest is not written.
     int pwrite(const void* buf, unsigned int len, long long offset) override;
     /// Moves the file position, without a request.
     ///
-    /// - SEEK_END is relative to the end of what was written through this object, not to the end of
-    ///   the file.
-    /// - A negative target fails with errno EINVAL. It still moves the position to which SEEK_CUR
-    ///   is relative; reads and writes continue where they were.
+    /// - SEEK_END is relative to the end of the data that was written through this object, not to
+    ///   the end of the file.
+    /// - A negative new position fails with errno EINVAL. The base of the next SEEK_CUR is then
+    ///   this negative position. The next read or write continues at the old position.
     ///
-    /// \returns the new position, or -1 with errno. When the connection is lost, the negative errno
-    /// itself (such as -ENOTCONN or -ECONNRESET); errno stays unchanged.
+    /// \returns the new position, or -1 with errno. If the connection is lost, the result is a
+    /// negative errno (such as -ENOTCONN or -ECONNRESET), and errno stays unchanged.
     long long lseek(long long offset, int whence) override;
     /// Gets the status of the file, as Smb2FS::stat(). Fails with errno EACCES on a file opened
     /// with O_WRONLY.
@@ -246,7 +260,9 @@ public:
     int flock(int operation) override;
     /// Fails with errno EOPNOTSUPP.
     int fchmod(int mode) override;
-    /// Closes the file. \returns 0, without a request, when the file is closed already.
+    /// Closes the file.
+    ///
+    /// \returns 0, or -1 with errno. If the file is already closed, 0 without a request.
     int close() override;
     /// Not implemented.
     int ioctl(QString request, QString& response) override;
@@ -257,12 +273,12 @@ private:
     const std::unique_ptr<Data> m_data;
 };
 
-/// A directory of a share, as listed when it was opened.
+/// A directory of a share. Its entries are those that the directory had when it was opened.
 ///
-/// While it is open it belongs to a connection, as a Smb2File does.
+/// While it is open, it belongs to the connection in which it was opened, as a Smb2File does.
 class ORUIO_EXPORT Smb2Dir : public Directory {
 public:
-    /// Opens the directory. isOpen() returns whether this worked; if not, errno holds the reason.
+    /// Opens the directory. If this fails, isOpen() returns false and errno holds the reason.
     Smb2Dir(Smb2FS* fs, QString& path);
     /// Closes the directory.
     ~Smb2Dir() override;
@@ -271,20 +287,25 @@ public:
     ///
     /// Only d_ino, d_type and d_name (cut to 255 bytes) are set.
     ///
-    /// \returns null with errno ENOENT at the end, and when the directory is closed.
+    /// \returns null with errno:
+    /// - ENOENT: the end is reached, or the directory is closed;
+    /// - EBADF: the share has been connected again or destroyed since the directory was opened.
     struct dirent* readdir() override;
-    /// Lists the directory again. A closed one is opened in the current connection of the share and
-    /// belongs to that one.
+    /// Lists the directory again. A closed directory is opened in the current connection of the
+    /// share and then belongs to this connection.
     ///
-    /// \returns 0, also when the listing failed: then errno holds the reason and the directory is
-    /// closed. -1 with errno EBADF when the connection of an open directory has been replaced.
+    /// \returns 0, even if the listing failed: errno then holds the reason, and the directory is
+    /// closed. -1 with errno EBADF if the directory is open but the share has been connected again
+    /// or destroyed.
     int rewinddir() override;
-    /// Closes the directory. \returns 0, also when it is closed already.
+    /// Closes the directory.
+    ///
+    /// \returns 0, also when the directory is already closed; -1 after a fatal failure.
     int closedir() override;
     /// Not implemented.
     int ioctl(QString request, QString& response) override;
 
-    /// Returns whether the directory is open, without a request.
+    /// Returns whether the directory is open. Sends no request.
     virtual bool isOpen();
 
 private:

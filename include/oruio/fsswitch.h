@@ -3,7 +3,7 @@
 /// The mount switch: joins file systems under absolute mount points into one namespace.
 ///
 /// The application decides which file system is mounted where. The library adds no mount points by
-/// itself, and adding one does not call mount(2).
+/// itself. To mount in a switch means to add an entry to a table: mount(2) is not called.
 ///
 /// \code
 /// FSSwitch::rootfs()->add("/media/card", PosixFS::SPtr::create("/mnt/sd1"));
@@ -31,22 +31,24 @@ struct FSEntry {
 ///
 /// - The lookup of the path sets liberrno to Ok or NotFound.
 /// - When nothing is mounted for the path, the result is -1 or null with liberrno NotFound. errno
-///   stays.
+///   stays unchanged.
 /// - Otherwise the result is that of the mounted file system. The call holds a reference to it
 ///   until it returns: remove() on another thread does not destroy it during the call.
 ///
 /// Which mount point serves a path:
 ///
-/// - A mount point serves its own path, with or without the slash at the end, and all paths below.
+/// - A mount point fits its own path, with or without the slash at the end, and all paths below it.
 /// - When several mount points fit, the last one in the table serves the path.
-/// - add() inserts a mount point after the first one that is shorter, or at the start of the table.
-///   So the last one that fits is usually the longest, but not always: after adding `/`, `/a/` and
-///   `/a/b/` in this order, `/a/` serves `/a/b/x`.
-/// - Add longer mount points first where this matters.
+/// - add() inserts a mount point directly after the first one that is shorter, or at the start of
+///   the table if none is shorter. So the last one that fits is usually the longest, but not
+///   always: after adding `/`, `/a/` and `/a/b/` in this order, `/a/` serves `/a/b/x`.
+/// - To let the longest mount point always serve, add longer mount points before shorter ones.
 ///
-/// Threads: any thread may call any operation. No lock is held during a forwarded call, with one
-/// exception: sync() holds the lock of the table. So sync() of a mounted file system must not call
-/// the same switch. In a child of fork(2) the switch works: it has what was mounted at that moment.
+/// Threads: any thread may call any operation. The switch holds no lock during a forwarded call,
+/// with one exception: sync() holds the lock of the table. So sync() of a mounted file system must
+/// not call the same switch.
+///
+/// In a child of fork(2) the switch works, with the mounts that it had at the time of the fork.
 class ORUIO_EXPORT FSSwitch : public FS {
 public:
     using SPtr = QSharedPointer<FSSwitch>;
@@ -64,25 +66,28 @@ public:
     int lstat(QString path, struct stat& st) override;
     int stat(QString path, struct stat& st) override;
     int statfs(QString path, struct statfs& st) override;
-    /// Makes a hard link within one mount. Fails across mounts as rename() does.
+    /// Makes a hard link within one mount. When the paths belong to different mounts, it fails as
+    /// rename() does.
     int link(QString oldPath, QString newPath) override;
     int unlink(QString path) override;
     int mkdir(QString path, int mode) override;
     int rmdir(QString path) override;
     /// Renames within one mount. Never copies.
     ///
-    /// When the paths belong to different mounts, the result is -1 without a reason: errno stays,
-    /// and liberrno is Ok. (It is NotFound only when nothing is mounted for `newPath`.) So compare
-    /// the file systems of both paths first. When they differ, copy the file and remove the old
-    /// one:
+    /// When the paths belong to different mounts, or nothing is mounted for one of them, the result
+    /// is -1 and errno stays unchanged. liberrno depends on `newPath` only: Ok, or NotFound when
+    /// nothing is mounted for `newPath`.
+    ///
+    /// So compare the file systems of both paths before the call. If they differ, copy the file and
+    /// remove the old one:
     ///
     /// \code
     /// const bool isSameMount = io->getFS(from, nullptr) == io->getFS(to, nullptr);
     /// const int result = isSameMount ? io->rename(from, to) : copyAndRemove(from, to);
     /// \endcode
     ///
-    /// An FS object that is mounted at two mount points counts as two mounts for rename(), but not
-    /// in this comparison.
+    /// The comparison has one gap: if the same FS object is mounted at two mount points, getFS()
+    /// returns the same object for both, but rename() from one to the other fails.
     int rename(QString oldPath, QString newPath) override;
     /// Calls sync() of each mounted file system, in table order.
     void sync() override;
@@ -91,7 +96,7 @@ public:
     int removexattr(QString path, QString name) override;
     int listxattr(QString path, QVector<QString>& names) override;
     int listxattr(QString path, char* list, unsigned int size) override;
-    /// Makes a symbolic link in the mount of `linkPath`. `target` is passed on unchanged.
+    /// Makes a symbolic link in the mount of `linkPath`. `target` is stored unchanged.
     int symlink(QString target, QString linkPath) override;
     int readlink(QString path, QString& target) override;
     int readlink(QString path, char* buf, unsigned int size) override;
@@ -102,30 +107,34 @@ public:
 
     /// Mounts `fs` at `mountPoint`, an absolute path.
     ///
-    /// A missing slash at the end is added; nothing else is normalised. The call has no effect
-    /// when:
+    /// A missing slash at the end is added; nothing else is normalised. Failures are not returned.
+    /// The call has no effect when:
     /// - `mountPoint` does not begin with a slash (logged at level 12);
     /// - `fs` is null (logged at level 12);
-    /// - a file system is mounted there already: it stays.
+    /// - a file system is already mounted at `mountPoint`.
     virtual void add(QString mountPoint, QSharedPointer<FS> fs);
-    /// Unmounts what add() mounted at `mountPoint`, if anything. Calls in progress continue.
+    /// Unmounts the file system that add() mounted at `mountPoint`. Has no effect when there is
+    /// none. Calls in progress on the file system continue.
     virtual void remove(QString mountPoint);
     /// Returns the file system that serves `path`, or null with liberrno NotFound.
     ///
-    /// Stores the path within that file system in `*rest`, unless `rest` is null. It begins with a
-    /// slash.
+    /// If `rest` is not null, stores the path within that file system in `*rest`; it begins with a
+    /// slash. When nothing is mounted, `*rest` stays unchanged.
     virtual QSharedPointer<FS> getFS(QString path, QString* rest);
-    /// Returns all mount points of the object `fs`, in table order, each with a slash at the end.
+    /// Returns all mount points at which the object `fs` is mounted, in table order, each with a
+    /// slash at the end. The list is empty when `fs` is not mounted.
     virtual QStringList getMountPoints(QSharedPointer<FS> fs);
 
-    /// Returns the process-wide switch, which is created empty on first use.
+    /// Returns the process-wide switch. The first call creates it, empty.
     ///
-    /// It lives until the process ends, unless it is replaced. Any thread may call this function.
+    /// At the exit of the process, when the static objects of the library are destroyed, the
+    /// library removes all mounts of this switch and releases it. A later call returns a new, empty
+    /// switch. Any thread may call this function.
     static QSharedPointer<FSSwitch> rootfs();
-    /// Replaces the process-wide switch. With null the next rootfs() creates a new one.
+    /// Replaces the process-wide switch. If `fs` is null, the next rootfs() creates a new one.
     ///
-    /// A holder of the old switch keeps it: FDAdapter::rootfs() is one, once it has been called.
-    /// Any thread may call this function.
+    /// An object that holds the old switch keeps using it. After the first call of
+    /// FDAdapter::rootfs(), its adapter is such a holder. Any thread may call this function.
     static void setRootfs(QSharedPointer<FSSwitch>& fs);
 
 private:

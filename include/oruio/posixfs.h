@@ -2,8 +2,8 @@
 /// \file
 /// The local backend: a directory tree of this system as an FS.
 ///
-/// Each operation puts the root directory before the path, makes the one system call of its name
-/// and returns its result. errno is that of the system call.
+/// Each operation on a path puts the root directory before the path. Each operation makes the one
+/// system call of the same name and returns its result; errno is that of the system call.
 ///
 /// Some operations set liberrno to Ok first, so that strerror() describes errno:
 ///
@@ -11,9 +11,11 @@
 /// - of PosixFile: read(), write(), pread(), pwrite(), lseek(), ftruncate(), fsync(), fdatasync()
 ///   and close().
 ///
-/// The others leave liberrno as it is: set it to Ok before them if strerror() is to describe errno.
+/// All other operations leave liberrno unchanged. Set it to Ok before such a call if strerror() is
+/// to describe errno.
 ///
-/// Threads: the backend has no locks. Threads may share an object as far as the system calls allow.
+/// Threads: the backend has no locks. Threads may share an object as they may share a descriptor or
+/// a DIR of the system.
 #pragma once
 
 #include <oruio/fs.h>
@@ -33,10 +35,10 @@ public:
     /// operation. No slash is inserted and nothing is normalised:
     /// - `PosixFS("/dir").open("/clip.mov", ...)` opens `/dir/clip.mov`.
     /// - `PosixFS("/dir").open("clip.mov", ...)` opens `/dirclip.mov`. So begin each path with a
-    ///   slash. (A share accepts both spellings: see Smb2FS.)
+    ///   slash. (Smb2FS accepts both spellings.)
     /// - With an empty `mountPoint` the path is used unchanged.
     explicit PosixFS(QString mountPoint);
-    /// As above, with `type` as the name that type() returns.
+    /// As the constructor above. `type` is the name that type() returns.
     PosixFS(QString mountPoint, QString type);
     ~PosixFS() override;
 
@@ -50,8 +52,9 @@ public:
     QSharedPointer<File> open(QString path, int flags, int mode) override;
     /// Opens a directory. The result is never null.
     ///
-    /// When the system refuses, errno holds the reason. The returned directory is not open then:
-    /// its readdir() returns null and its closedir() returns -1.
+    /// When the system refuses to open it, errno holds the reason and the returned directory is not
+    /// open: its readdir() returns null and its closedir() returns -1, both without a change of
+    /// errno.
     QSharedPointer<Directory> opendir(QString path) override;
     int lstat(QString path, struct stat& st) override;
     int stat(QString path, struct stat& st) override;
@@ -68,14 +71,16 @@ public:
     int removexattr(QString path, QString name) override;
     /// Lists the attribute names with a buffer of 64 KiB.
     ///
-    /// Appends as many strings as the list has bytes: the names, then empty strings.
+    /// Appends as many strings as the list has bytes: first the names, then empty strings.
     ///
-    /// \returns the result of the other form.
+    /// \returns the size of the list in bytes, or -1.
     int listxattr(QString path, QVector<QString>& names) override;
     int listxattr(QString path, char* list, unsigned int size) override;
     /// Makes a symbolic link. The root directory is put before `linkPath` only.
     int symlink(QString target, QString linkPath) override;
     /// Reads up to 4096 bytes of the target of a symbolic link. `target` is empty after a failure.
+    ///
+    /// \returns the number of bytes read, or -1.
     int readlink(QString path, QString& target) override;
     int readlink(QString path, char* buf, unsigned int size) override;
     int truncate(QString path, long long length) override;
@@ -110,12 +115,12 @@ public:
     int fchmod(int mode) override;
     /// Closes the file, as close(2).
     ///
-    /// The first call closes the file even if it returns -1. Further calls return 0, also from
-    /// another thread at the same time.
+    /// The first call closes the file even if it returns -1. Every further call returns 0, even one
+    /// on another thread at the same time.
     ///
     /// As with close(2), an operation in progress on another thread continues. An operation that
-    /// starts during close() may act on another file, to which the system has assigned the same
-    /// descriptor. The callers must prevent this.
+    /// starts while close() runs may act on a different file, because the system may already have
+    /// assigned the same descriptor to it. The callers must prevent this.
     int close() override;
     /// Not implemented.
     int ioctl(QString request, QString& response) override;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// Named settings, which connect(), mount() and similar functions take.
+/// Named settings: an argument of connect(), mount() and similar functions.
 #pragma once
 
 #include <QMap>

@@ -18,17 +18,18 @@
 /// Results of the operations:
 ///
 /// - 0 is success.
-/// - -1 is a failure. The reason is in liberrno where the operation documents it:
+/// - -1 is a failure. If the operation documents a reason, it is in liberrno:
 ///   - NotFound: there is no medium or no mount point, or the mount failed;
 ///   - NotImplemented: the location does not provide the operation, or the medium is
 ///     write-protected.
 /// - A positive value is a failure too: the exit status of the maintenance program
-///   (oruio/sysutils.h). check() and format() of a local medium return it, and mount() and probe()
-///   of an NFS export.
-/// - One exception: check() of a RemoteLocation always returns 1, as there is nothing to check.
+///   (oruio/sysutils.h). These operations can return it: check() and format() of a local medium,
+///   mount() and probe() of an NFS export.
+/// - One exception: check() of a RemoteLocation always returns 1, because there is nothing to
+///   check. This is not a failure.
 ///
-/// Threads: a location belongs to one thread. Its calls block while a medium is mounted, unmounted,
-/// checked or formatted, and while a server is asked.
+/// Threads: only one thread may use a location. Operations return when the medium is mounted,
+/// unmounted, checked or formatted, or when the server has answered.
 #pragma once
 
 #include <oruio/bdmon.h>
@@ -47,10 +48,10 @@ class ORUIO_EXPORT StorageLocation : public QObject {
     Q_OBJECT
 
 public:
-    /// How a location can be used. It is mounted in the states Read and Write.
+    /// What can be done with a location. In the states Read and Write it is mounted.
     enum AccessType : int {
         None = 1, ///< no medium is known
-        Presence, ///< a medium that is not mounted
+        Presence, ///< there is a medium, which is not mounted
         Read,     ///< mounted read-only
         Write,    ///< mounted for writing
     };
@@ -58,26 +59,28 @@ public:
 
     /// Makes a location whose files are accessed through `fs`.
     ///
-    /// `name` and `props` are copied. Null stands for an empty name and for no properties.
+    /// `name` and `props` are copied. A null `name` is an empty name; a null `props` is an empty
+    /// map.
     StorageLocation(const char* name, FS::SPtr fs, Properties* props);
     ~StorageLocation() override;
 
-    /// Returns the name. It is valid as long as the location.
+    /// Returns the name. The pointer is valid as long as the location exists.
     const char* name();
     /// Returns the file system, or null.
     FS::SPtr fs();
     /// Returns the access state.
     AccessType access();
-    /// Sets the access state. Does not emit accessChanged(): the owner does.
+    /// Sets the access state. Does not emit accessChanged(): emitting it is left to the owner.
     void accessChange(AccessType t);
     /// Returns "None", "Presence", "Read" or "Write"; "Invalid" for any other value.
     static const char* straccess(AccessType t);
 
-    /// Records that the owner wants to use the location. \returns always 0.
+    /// Records that the owner wants to use the location. This has no other effect. \returns always
+    /// 0.
     virtual int enable();
     /// Records that the owner does not want to use the location.
     ///
-    /// \returns 0; -1 while it is mounted, in the derived classes.
+    /// \returns 0. In the derived classes -1 while the location is mounted.
     virtual int disable();
     /// Checks the medium. Not implemented here.
     virtual int check();
@@ -93,13 +96,13 @@ public:
     virtual bool isWriteProtected();
 
 Q_SIGNALS:
-    /// Reports a new access state. The owner emits it; the library does not.
+    /// Reports a new access state. The owner emits this signal; the library never does.
     void accessChanged(StorageLocation* self, oru::io::StorageLocation::AccessType access);
 
 protected:
     char* m_name;                  ///< allocated by malloc(3)
     FS::SPtr m_fs;                 ///< may be null
-    bool m_enabled = false;        ///< whether the owner wants to use it
+    bool m_enabled = false;        ///< whether the owner wants to use the location
     bool m_present = false;        ///< whether there is a medium
     bool m_writeProtected = false; ///< whether any medium so far was write-protected
     AccessType m_access = None;    ///< what access() returns
@@ -111,19 +114,20 @@ private:
 
 /// A slot or port for local media.
 ///
-/// It follows the events of the disk that is plugged in there and selects one partition:
+/// It processes the events of the disks that are plugged in there and selects one partition:
 ///
-/// - The selected partition is the largest one with a file system, the first of several equal ones.
-/// - A disk with a file system and without a partition table is selected itself.
-/// - The removal of any partition clears the selection.
+/// - The selected partition is the largest one that has a file system. If several have this size,
+///   it is the first of them.
+/// - If the disk itself has a file system and no partition table, the disk is selected.
+/// - When any partition is removed, no partition is selected any more.
 ///
 /// For the owner:
 ///
 /// - udev reports a disk before its partitions, possibly in an earlier batch. So mount the medium
 ///   when selectedPart() is mountable, not when access() becomes Presence.
 /// - A medium that is removed while it is mounted stays in the mount table until the owner unmounts
-///   it. Use "lazy" if files are open.
-/// - With ext4, the next medium cannot be mounted before that.
+///   it. If files are open on it, unmount it with "lazy".
+/// - As long as a removed ext4 medium stays mounted, the next medium cannot be mounted.
 class ORUIO_EXPORT SystemLocation : public StorageLocation {
     Q_OBJECT
 
@@ -131,39 +135,41 @@ public:
     /// Makes a location.
     ///
     /// Key in `props`:
-    /// - "blkDevId": the "ID_PATH" of the disks that are plugged in there.
+    /// - "blkDevId": the "ID_PATH" of the disks that are plugged in to this slot or port.
     SystemLocation(const char* name, FS::SPtr fs, Properties* props);
     ~SystemLocation() override;
 
     int enable() override;
     /// Records that the owner does not want to use the location.
     ///
-    /// \returns 0; -1 while mounted, without a reason in liberrno.
+    /// \returns 0; -1 while mounted: errno and liberrno hold no reason.
     int disable() override;
     /// Checks and repairs the selected partition.
     ///
-    /// \returns the result of BlockDevice::fsck(): the exit status of the maintenance program, of
-    /// which only 0 is success, or -1. Without a selected partition or disk, -1 with NotFound.
+    /// If no partition is selected, the disk is checked.
+    ///
+    /// \returns the result of BlockDevice::fsck(): the exit status of the maintenance program,
+    /// where only 0 is success, or -1. If there is no disk either, -1 with liberrno NotFound.
     int check() override;
     /// Mounts the medium read-only, or remounts it read-only.
     ///
     /// When access() is Read it does nothing, even if mkWriteable() has made the medium writeable
-    /// since.
+    /// in the meantime.
     ///
-    /// \returns the result of mount(); 0 when access() is Read; -1 with NotFound when there is no
-    /// medium or mount point.
+    /// \returns the result of mount(); 0 when access() is Read; -1 with liberrno NotFound when
+    /// there is no medium or no mount point.
     int mkReadOnly() override;
     /// Remounts the medium writeable. access() does not change.
     ///
-    /// A medium that is not mounted is mounted, but the location does not record this: umount()
-    /// then does nothing.
+    /// If the medium is not mounted, this function mounts it, but the location does not record it:
+    /// umount() then does nothing.
     ///
-    /// \returns the result of BlockDevice::mount(); 0 when access() is Write already; -1 with
+    /// \returns the result of BlockDevice::mount(); 0 when access() is already Write; -1 with
     /// liberrno:
     /// - NotFound: there is no medium or no mount point;
     /// - NotImplemented: the medium is write-protected.
     int mkWriteable() override;
-    /// Mounts the selected partition. Remounts it with the new options if it is mounted.
+    /// Mounts the selected partition. If it is already mounted, remounts it with the new options.
     ///
     /// Keys in `props`, which may be null:
     /// - "readonly": if present, with any value, mounts it read-only.
@@ -172,31 +178,33 @@ public:
     ///
     /// On success access() becomes Read or Write.
     ///
-    /// \returns 0, or -1 with NotFound:
-    /// - there is no medium or no mount point; access() does not change;
-    /// - BlockDevice::mount() failed; access() becomes None, even if an earlier mount stays.
+    /// \returns 0, or -1 with liberrno NotFound in two cases:
+    /// - There is no medium or no mount point. access() does not change.
+    /// - BlockDevice::mount() failed. access() becomes None, even if the medium is still mounted by
+    ///   an earlier call.
     int mount(Properties* props) override;
-    /// Unmounts what mount() has mounted. On success access() becomes Presence.
+    /// Unmounts the medium that mount() has mounted. On success access() becomes Presence.
     ///
     /// Keys in `props`, which may be null:
-    /// - "mountPoint": as for mount(). If it was given there, give it here too.
+    /// - "mountPoint": as for mount(). If mount() got this key, pass the same value here.
     /// - "lazy": as for umountPath().
     ///
     /// In two cases the medium stays mounted although the result is 0:
-    /// - mount() had a "mountPoint" that is not given here.
-    /// - The kernel's mount table spells the mount point differently, such as one with a blank or a
-    ///   double slash.
+    /// - mount() got a "mountPoint", and this call does not get the same one.
+    /// - The mount table of the kernel spells the mount point differently, for example because it
+    ///   contains a blank or a double slash.
     ///
-    /// \returns 0, also when nothing is mounted; -1 with NotFound when there is no fs() or no mount
-    /// point; else the result of umountPath(), with the reason in errno and liberrno unchanged.
+    /// \returns 0, also when nothing is mounted; -1 with liberrno NotFound when there is no fs() or
+    /// no mount point; else the result of umountPath(): -1 with errno, and liberrno is unchanged.
     int umount(Properties* props) override;
-    /// Returns whether the disk is write-protected. False unless disk and partition are known.
+    /// Returns whether the disk is write-protected. False when the disk or the partition is not
+    /// known.
     bool isWriteProtected() override;
 
-    /// Formats the whole disk. `props` as for BlockDevice::format().
+    /// Formats the whole disk. `props` are those of BlockDevice::format().
     ///
-    /// \returns the result of BlockDevice::format(): the exit status of the maintenance program, of
-    /// which only 0 is success, or -1. Before that, -1 with liberrno:
+    /// \returns the result of BlockDevice::format(): the exit status of the maintenance program,
+    /// where only 0 is success, or -1. When the disk is not formatted at all, -1 with liberrno:
     /// - NotFound: the medium is mounted, or there is no disk;
     /// - NotImplemented: the medium is write-protected.
     virtual int format(Properties* props);
@@ -210,23 +218,26 @@ public:
 
     /// Returns the selected partition, else the disk, else null.
     BlockDevice::SPtr& selectedPart();
-    /// Sets the type of the selected partition to "exfat" if udev found none.
+    /// Sets the file-system type of the selected partition to "exfat" if udev found no file system.
     ///
-    /// \returns false when the disk or the partition is not known.
+    /// \returns true; false when the disk or the partition is not known.
     bool fixFSType();
     /// Sets `opts` to the options for BlockDevice::mount().
     ///
-    /// They are a copy of `props`, which may be null, with "mountPoint" and "readonly", and with
-    /// "remount" if the medium is mounted.
+    /// `opts` becomes a copy of `props`, unless `props` is null. Then these keys are set:
+    /// - "mountPoint", if it is missing: the first mount point of fs() in FSSwitch::rootfs();
+    /// - "readonly": the argument `readonly`;
+    /// - "remount": true, if the medium is mounted.
     ///
-    /// \returns false when there is no mount point.
+    /// \returns true; false when there is no mount point.
     bool mountOptions(Properties& opts, Properties* props, bool readonly);
 
 public Q_SLOTS:
-    /// Adds a disk or partition of this location. access() becomes Presence.
+    /// Adds a disk or partition. access() becomes Presence. Ignores null and devices with another
+    /// ID_PATH than this location's.
     void addBlockDevice(BlockDevice::SPtr spbd);
-    /// Removes a disk or partition of this location. access() becomes None. The owner has to
-    /// unmount what is mounted.
+    /// Removes a disk or partition. access() becomes None. Unmounts nothing: the owner calls
+    /// umount(). Ignores null and devices with another ID_PATH than this location's.
     void removeBlockDevice(BlockDevice::SPtr spbd);
 
 protected:
@@ -234,7 +245,7 @@ protected:
     BlockDevice::SPtr m_blkDevWhole; ///< the disk, or null
     BlockDevice::SPtr m_blkDevPart;  ///< the selected partition, or null
     bool m_mountOk = false;          ///< whether the last mount() succeeded
-    bool m_mounted = false;          ///< whether the next mount is a remount
+    bool m_mounted = false; ///< whether mount() has mounted it; the next mount is a remount
 };
 
 /// A share on the network. Its file system is a Smb2FS or an NFS.
@@ -242,49 +253,52 @@ class ORUIO_EXPORT RemoteLocation : public StorageLocation {
     Q_OBJECT
 
 public:
-    /// Makes a location. `props` are the settings for connect() of the file system.
+    /// Makes a location. mount() and probe() pass `props` to connect() of the file system.
     RemoteLocation(const char* name, FS::SPtr fs, Properties* props);
     ~RemoteLocation() override;
 
     int enable() override;
     /// Records that the owner does not want to use the location.
     ///
-    /// \returns 0; -1 while mounted, without a reason in liberrno.
+    /// \returns 0; -1 while mounted: errno and liberrno hold no reason.
     int disable() override;
     /// Does nothing: there is nothing to check.
     ///
-    /// \returns always 1.
+    /// \returns always 1, which is not a failure here.
     int check() override;
     /// Connects with `props`, or with the properties of the location if `props` is null.
     ///
     /// On success access() becomes Write, else None.
     ///
-    /// \returns the result of connect(), where only 0 is success; -1 for other file systems.
+    /// \returns the result of connect(), where only 0 is success; -1 when fs() is neither a Smb2FS
+    /// nor an NFS.
     int mount(Properties* props) override;
     /// Disconnects. On success access() becomes None. `props` is not used.
     ///
-    /// \returns the result of disconnect(); 0 for other file systems.
+    /// \returns the result of disconnect(); 0 when fs() is neither a Smb2FS nor an NFS.
     int umount(Properties* props) override;
 
     /// Checks whether the share can be used.
     ///
-    /// - Connects with the properties of the location, unless connected or `noConnect` is true. If
-    ///   that fails, disconnects and leaves `*writable` unchanged.
-    /// - Unless `writable` is null, sets `*writable` to whether a file can be made on the share: in
-    ///   the directory `subdir`, or at the top if `subdir` is null. The file is removed again. Its
-    ///   name is "ORU-write-check-" followed by the environment variable SERIAL_NUMBER, or
-    ///   "unknown".
+    /// 1. If the share is not connected and `noConnect` is false, connects with the properties of
+    ///    the location. If this fails, disconnects, leaves `*writable` unchanged and returns.
+    /// 2. If `writable` is not null, creates a file on the share and removes it again. Sets
+    ///    `*writable` to whether the file could be created. The file is in the directory `subdir`,
+    ///    or in the top directory if `subdir` is null. Its name is "ORU-write-check-" followed by
+    ///    the value of the environment variable SERIAL_NUMBER, or by "unknown" if the variable is
+    ///    not set.
     ///
     /// After a fatal failure a Smb2FS counts as connected (Smb2FS::isConnected()). Until the next
-    /// mount() this function then does not connect, returns 0, and sets `*writable` to false.
+    /// mount() this function therefore does not connect, returns 0, and sets `*writable` to false.
     ///
-    /// \returns 0, or the result of connect() that failed.
+    /// \returns 0, or the result of connect() if that failed.
     virtual int probe(bool* writable, QString* subdir, bool noConnect);
     /// Sets the properties for the next mount() or probe().
     virtual void setProperties(Properties& props);
     /// Returns whether the share is connected and the server answers.
     ///
-    /// True for other file systems, and for a Smb2FS between a fatal failure and the next mount().
+    /// Also returns true when fs() is neither a Smb2FS nor an NFS, and for a Smb2FS between a fatal
+    /// failure and the next mount().
     virtual bool ping();
 };
 

@@ -1,28 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// Commands of the maintenance program, and unmounting.
+/// Running commands of the maintenance program, and unmounting directories.
 ///
-/// Work that needs privilege or takes long is done by one program, `/usr/local/bin/oruio_sysutils`:
-/// checking a file system, making one, formatting a card, mounting an export. It gets a command
-/// word and arguments on its command line. Exit status 0 is success.
+/// One program, the maintenance program `/usr/local/bin/oruio_sysutils`, does the work that needs
+/// privilege or takes long: it checks and makes file systems, formats cards and mounts exports. It
+/// gets a command word and arguments on its command line. Exit status 0 is success.
 ///
 /// What the program gets from this process:
 ///
 /// - the environment, the working directory and the process group;
-/// - a standard input that is at its end;
+/// - a standard input that is at end of file;
 /// - no other descriptors, and no blocked signals.
 ///
-/// Up to 1 MiB of each of its output streams is kept in memory, for the log.
+/// Up to 1 MiB of its standard output and of its standard error is kept in memory, for the log.
 ///
-/// QProcess runs the program. The application must leave this to QProcess:
+/// QProcess runs the program. The application must not take the exit status from QProcess:
 ///
-/// - Do not wait for any child of the process (wait(2), or waitpid(2) with -1). The exit status
-///   would be lost, and the command would count as successful.
-/// - On kernels without pidfd (before 5.4), Qt installs a handler for SIGCHLD at the first command
-///   and ignores SIGPIPE. Do not replace that handler.
+/// - Do not call wait(2), or waitpid(2) with -1: they may take the exit status of the program. The
+///   command would then count as successful.
+/// - On kernels without pidfd (before 5.4), Qt installs a handler for SIGCHLD at the first command.
+///   Do not replace this handler. Qt also ignores SIGPIPE then.
 ///
-/// Threads: any thread may call any function; the calls share nothing. Each blocks its caller until
-/// the program has ended.
+/// Threads: any thread may call any function; the calls share no data. SysCmd::exec() blocks its
+/// caller until the program has ended.
 #pragma once
 
 #include <oruio/export.h>
@@ -44,25 +44,31 @@ public:
 
     /// Adds `option`, unless it is null, and then `value`, unless it is empty.
     ///
-    /// Each is one argument. Nothing is split or quoted, and no shell is involved.
+    /// The option and the value become one argument each. Nothing is split or quoted, and no shell
+    /// is involved.
     ///
     /// \returns this object.
     SysCmd& addArg(const QString& value, const char* option = nullptr);
 
-    /// Runs the command until it succeeds, up to `runs` times, without a limit of time.
+    /// Runs the command until a run succeeds, at most `runs` times, without a time limit.
     ///
     /// The output of a run that fails is logged.
     ///
-    /// A program that cannot be started is not tried again. The log has "Unable to exec SysCmd" and
-    /// the command line, but neither the path of the program nor the reason, which is one of these:
+    /// If the program cannot be started, no further run is tried. The log then contains "Unable to
+    /// exec SysCmd" and the command line, but neither the path of the program nor the reason. The
+    /// reason is one of these:
     /// - The program does not exist or is not executable: check `/usr/local/bin/oruio_sysutils`.
-    /// - It was not ready within 5 s.
+    /// - The program did not start within 5 s.
     /// - An argument contains a NUL or is not valid UTF-16.
     /// - The codec of the locale, which QProcess uses, does not encode an argument as UTF-8.
     /// - The process ignores SIGCHLD, so that the exit status would be lost.
     ///
-    /// \returns the exit status of the last run that exited, 0 on success; -1 when a run could not
-    /// be started, or every run was killed by a signal. errno and liberrno hold no reason.
+    /// errno and liberrno hold no reason of a failure.
+    ///
+    /// \returns the exit status of the last run that exited, 0 on success; -1 in these cases:
+    /// - a run could not be started;
+    /// - every run was killed by a signal;
+    /// - `runs` is less than 1.
     int exec(int runs);
 
 private:
@@ -73,20 +79,21 @@ private:
 ///
 /// `path` is compared byte for byte with the mount points in `/proc/mounts`:
 ///
-/// - It must be absolute, without symbolic links, ".", ".." and a slash at the end.
-/// - A path with a blank, tab, newline or backslash is never found: the table escapes them.
+/// - It must be absolute. It must not contain symbolic links, "." or "..", or end with a slash.
+/// - A path with a blank, tab, newline or backslash is never found, because the table escapes these
+///   characters.
 ///
-/// Mounts that are stacked on one directory are all unmounted. When umount(2) fails, umount2(2) is
-/// tried once, with these flags:
+/// If several mounts are stacked on `path`, all of them are unmounted. When umount(2) fails,
+/// umount2(2) is called once, with these flags:
 ///
-/// - MNT_DETACH, when `props` is not null and contains the key "lazy", with any value. The mount is
+/// - MNT_DETACH, if `props` is not null and contains the key "lazy", with any value. The mount is
 ///   detached at once, and unmounted when it is no longer in use.
-/// - MNT_FORCE, when the mount is busy (EBUSY).
+/// - MNT_FORCE, if umount(2) failed with EBUSY.
 ///
 /// \returns 0, also when nothing is mounted on `path`; -1 with errno:
 /// - EFAULT: `path` is null;
-/// - that of reading the mount table;
-/// - that of umount2(2), for the first mount that stays.
+/// - any errno of open(2) or read(2) on the mount table;
+/// - any errno of umount2(2). The first mount that cannot be unmounted ends the call.
 ORUIO_EXPORT int umountPath(const char* path, const Properties* props);
 
 } // namespace oru::io

@@ -13,7 +13,8 @@ namespace oru::io {
 /// called setReading(): such a holder may take long, or be the forking thread itself. In the child
 /// the mutex is initialised again instead.
 ///
-/// To hold a mutex of this type, do not lock another one, unless setReading() was called.
+/// While a thread holds a mutex of this type, it must not lock, create or destroy another one,
+/// unless it has called setReading().
 class ForkSafeMutex {
 public:
     ForkSafeMutex();

@@ -237,9 +237,16 @@ QStringList FSSwitch::getMountPoints(QSharedPointer<FS> fs) {
 }
 
 QSharedPointer<FSSwitch> FSSwitch::rootfs() {
+    {
+        const std::lock_guard lock(Data::rootfsMutex());
+        if (Data::theRootfs())
+            return Data::theRootfs();
+    }
+    // Without the lock, as a switch has a mutex of the same type. Another thread may be faster.
+    const SPtr created = SPtr::create();
     const std::lock_guard lock(Data::rootfsMutex());
     if (!Data::theRootfs())
-        Data::theRootfs() = SPtr::create();
+        Data::theRootfs() = created;
     return Data::theRootfs();
 }
 

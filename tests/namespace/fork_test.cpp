@@ -128,6 +128,23 @@ TEST(Fork, InsideSync_DoesNotDeadlock) {
     EXPECT_EQ(fs->status, 5);
 }
 
+TEST(Fork, WhileAThreadCreatesTheRootSwitch_DoesNotDeadlock) {
+    FSSwitch::SPtr before = FSSwitch::rootfs();
+    std::atomic<bool> isOver{false};
+    std::thread creating([&] {
+        while (!isOver) {
+            FSSwitch::SPtr none;
+            FSSwitch::setRootfs(none);
+            EXPECT_TRUE(FSSwitch::rootfs());
+        }
+    });
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(inChild([] { return FSSwitch::rootfs() ? 0 : 1; }), 0);
+    isOver = true;
+    creating.join();
+    FSSwitch::setRootfs(before);
+}
+
 TEST(Fork, RootSwitchAndAdapterOfTheParent_WorkInTheChild) {
     FSSwitch::rootfs()->add("/fork", PosixFS::SPtr::create("/tmp"));
     FDAdapter* const io = FDAdapter::rootfs();

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 /// \file
-/// The interface of the device's logging service, for programs that log through it.
+/// The interface of the logging service, for programs that log through it.
 ///
-/// On the device, liborulog.so.1 of the service exports exactly these symbols. On other systems a
-/// stand-in exports them (orulog/control.h).
+/// On the device, the service's own liborulog.so.1 exports exactly these symbols. On other systems
+/// a stand-in, a replacement of the same name, exports them too (orulog/control.h).
 #pragma once
 
 #include <stddef.h>
@@ -21,7 +21,7 @@ extern "C" {
 struct oruLogMsg {
     void* service;        ///< used by the service only
     int32_t channel;      ///< the result of __oruLogChanReg()
-    int32_t level;        ///< 9 failure, 10 warning, 11 notice, 12 debug; smaller is more important
+    int32_t level;        ///< 9 failure, 10 warning, 11 notice, 12 debug; lower is more severe
     uint32_t tid;         ///< kernel thread id of the caller, gettid(2)
     int32_t line;         ///< source line of the message
     const char* file;     ///< source file of the message, a string constant
@@ -33,23 +33,24 @@ struct oruLogMsg {
 /// Registers a channel. The strings must live as long as the program.
 ///
 /// \param name the name of the channel
-/// \param file, line the source line of the call
+/// \param file, line the source file and line of the call
 /// \param description what the channel is for
 /// \returns the index of the channel in oruLogLevel, or -1 when the table is full.
 ORULOG_EXPORT int __oruLogChanReg(const char* name, const char* file, int line,
                                   const char* description);
 
-/// The threshold of each channel; at least 1000 entries. A message with a greater level is not
-/// logged.
+/// The thresholds of the channels, by channel index; at least 1000 entries. The caller does not log
+/// a message whose level is greater than the threshold of its channel.
 ///
-/// A threshold may change at any time: read it for every message.
+/// A threshold may change at any time, so read it for every message.
 extern ORULOG_EXPORT int* oruLogLevel;
 
-/// Returns a free record, or null when there is none. Never blocks for long, and never allocates
-/// memory.
+/// Returns a free record, or null when all records are in use. Never blocks for long, and never
+/// allocates memory.
 ORULOG_EXPORT struct oruLogMsg* oruLogMsgAlloc(void);
 
-/// Hands over a record from oruLogMsgAlloc(), filled in, to the service.
+/// Passes a record from oruLogMsgAlloc() to the service. The caller has filled in the record and
+/// must not use it after this call.
 ORULOG_EXPORT void oruLogMsgPush(struct oruLogMsg* msg);
 
 #ifdef __cplusplus
