@@ -146,7 +146,7 @@ Sink openSink(const char* name) {
 }
 
 std::string absoluteName(const char* name) {
-    const std::string output = name;
+    std::string output = name;
     if (output.compare(0, filePrefix.size(), filePrefix) != 0)
         return output;
     const std::filesystem::path path = output.substr(filePrefix.size());

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fuzz/support.h"
 
+#include "ipc/ipcsync_p.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
