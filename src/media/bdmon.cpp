@@ -78,6 +78,7 @@ public:
     static const char* getProps(udev_device* dev, Properties& props);
     UdevPtr<udev_device> receive() const;
     void awaitEvent(unsigned int limitMs) const;
+    void enumerate(Batch& batch) const;
 
     static BDMon bdm_instance;
 
@@ -117,6 +118,22 @@ UdevPtr<udev_device> BDMon::Data::receive() const {
         // After an overflow (ENOBUFS) the events still queued can be read.
     } while (!device && (errno == ENOBUFS || errno == EINTR));
     return device;
+}
+
+/// Adds all block devices of the system.
+void BDMon::Data::enumerate(Batch& batch) const {
+    const CancelGuard guard;
+    const UdevPtr<udev_enumerate> present(udev_enumerate_new(context.get()));
+    udev_enumerate_add_match_subsystem(present.get(), "block");
+    udev_enumerate_scan_devices(present.get());
+    udev_list_entry* entry = udev_enumerate_get_list_entry(present.get());
+    for (; entry; entry = udev_list_entry_get_next(entry)) {
+        const UdevPtr<udev_device> device(
+            udev_device_new_from_syspath(context.get(), udev_list_entry_get_name(entry)));
+        Properties props;
+        if (device && getProps(device.get(), props))
+            batch.add(QStringLiteral("add"), props);
+    }
 }
 
 /// Waits until an event is queued, for at most `limitMs` milliseconds.
@@ -178,18 +195,8 @@ void BDMon::start() {
         return;
     }
 
-    const UdevPtr<udev_enumerate> present(udev_enumerate_new(m_data->context.get()));
-    udev_enumerate_add_match_subsystem(present.get(), "block");
-    udev_enumerate_scan_devices(present.get());
     Batch batch;
-    udev_list_entry* entry = udev_enumerate_get_list_entry(present.get());
-    for (; entry; entry = udev_list_entry_get_next(entry)) {
-        const UdevPtr<udev_device> device(
-            udev_device_new_from_syspath(m_data->context.get(), udev_list_entry_get_name(entry)));
-        Properties props;
-        if (device && Data::getProps(device.get(), props))
-            batch.add(QStringLiteral("add"), props);
-    }
+    m_data->enumerate(batch);
     batch.publish();
 }
 
