@@ -24,7 +24,7 @@ QByteArray File::readAll(unsigned int maxSize) {
     if (fstat(st) != 0)
         return {};
     const auto size = qMin<qint64>(maxSize, st.st_size);
-    // Not of an empty file: its one read tells an error from emptiness.
+    // An empty file is read, too: its one read shows an error.
     if (maxSize == 0 || size < 0)
         return {};
     // The largest size of a byte array.

@@ -98,9 +98,9 @@ protected:
 
 void LocationTest::expectFormatted(const QString& disk, const QString& part) {
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "footage"));
     expectRefused([&] { return location().format(nullptr); }, NotFound);
-    EXPECT_EQ(contents(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "footage");
     expectUnmounted(StorageLocation::Presence);
 
     LogCapture log("libio=12");
@@ -126,7 +126,7 @@ void LocationTest::expectFormatted(const QString& disk, const QString& part) {
     expectMounted(part, StorageLocation::Write);
     EXPECT_FALSE(files().open("/clip", O_RDONLY, 0));
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_TRUE(makeFile(files(), "/new", "film"));
+    EXPECT_TRUE(makeFile(files(), "/new", "footage"));
     expectUnmounted(StorageLocation::Presence);
 }
 
@@ -196,8 +196,8 @@ TEST_P(LocationCard, InsertedMountedWrittenEjected_FilesStayOnCard) {
     EXPECT_EQ(mount.options, QStringList({"rw", "noexec", "noatime"}));
     EXPECT_TRUE(mount.filesystemOptions.contains(GetParam().option))
         << mount.filesystemOptions.join(',').toStdString();
-    EXPECT_TRUE(makeFile(files(), QString::fromUtf8("/Über.mov"), "film"));
-    EXPECT_EQ(contents(*FSSwitch::rootfs(), directory() + QString::fromUtf8("/Über.mov")), "film");
+    EXPECT_TRUE(makeFile(files(), QString::fromUtf8("/Über.mov"), "footage"));
+    EXPECT_EQ(contents(*FSSwitch::rootfs(), directory() + QString::fromUtf8("/Über.mov")), "footage");
     expectUnmounted(StorageLocation::Presence);
     eject();
     expectRefused([&] { return location().mount(nullptr); }, NotFound);
@@ -207,7 +207,7 @@ TEST_P(LocationCard, InsertedMountedWrittenEjected_FilesStayOnCard) {
     ASSERT_EQ(location().mkReadOnly(), 0);
     expectMounted(part(), StorageLocation::Read);
     EXPECT_EQ(mountsOf(part()).value(0).options, QStringList({"ro", "noexec", "noatime"}));
-    EXPECT_EQ(contents(files(), QString::fromUtf8("/Über.mov")), "film");
+    EXPECT_EQ(contents(files(), QString::fromUtf8("/Über.mov")), "footage");
     EXPECT_FALSE(files().open("/second", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
 
@@ -229,13 +229,13 @@ TEST_P(LocationCard, CheckSoundCard_FindsNothing) {
 // --- premature removal --------------------------------------------------------------------------
 
 TEST_P(LocationCard, PulledWhileReading_ReadFailsAndNextCardWorks) {
-    const QByteArray film(4 * MiB, 'f');
+    const QByteArray footage(4 * MiB, 'f');
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(makeFile(files(), "/film", film));
+    ASSERT_TRUE(makeFile(files(), "/take", footage));
     ASSERT_TRUE(makeFile(files(), "/clip", "short"));
     expectUnmounted(StorageLocation::Presence); // empties the page cache
     ASSERT_EQ(location().mount(nullptr), 0);
-    const QSharedPointer<File> file = files().open("/film", O_RDONLY, 0);
+    const QSharedPointer<File> file = files().open("/take", O_RDONLY, 0);
     ASSERT_TRUE(file);
     char byte = 0;
     EXPECT_EQ(file->pread(&byte, 1, 0), 1);
@@ -243,7 +243,7 @@ TEST_P(LocationCard, PulledWhileReading_ReadFailsAndNextCardWorks) {
 
     ASSERT_TRUE(Hardware::ejectCard());
     expectMounted(part(), StorageLocation::Write); // the removal has not been delivered
-    EXPECT_EQ(file->pread(&byte, 1, film.size() - 1), -1);
+    EXPECT_EQ(file->pread(&byte, 1, footage.size() - 1), -1);
     EXPECT_EQ(errno, EIO);
     EXPECT_EQ(file->close(), 0);
     EXPECT_FALSE(makeFile(files(), "/late", "late"));
@@ -316,21 +316,21 @@ TEST_P(LocationCard, PulledWhileRecording_SyncedDataOnCard) {
 
 TEST_P(LocationCard, PulledAndInsertedAgain_MountableAfterUnmount) {
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "footage"));
     ASSERT_TRUE(Hardware::ejectCard());
     ASSERT_TRUE(Hardware::insertCard());
     processPartition(update()); // removal and insertion in one batch
     expectSelected(Hardware::card(), part());
     expectMounted(part(), StorageLocation::Presence); // the previous mount
     expectUnmounted(StorageLocation::Presence);
-    expectSound("/clip", "film");
+    expectSound("/clip", "footage");
 }
 
 TEST_P(LocationCard, PulledAndUnmountedLazily_NextCardWorksWithFileOpen) {
     ASSERT_EQ(location().mount(nullptr), 0);
     const QSharedPointer<File> clip = files().open("/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
     ASSERT_TRUE(clip);
-    ASSERT_EQ(clip->write("film", 4), 4);
+    ASSERT_EQ(clip->write("footage", 4), 4);
     ASSERT_EQ(clip->fsync(), 0);
     ASSERT_TRUE(Hardware::ejectCard());
     processPartition(update());
@@ -343,14 +343,14 @@ TEST_P(LocationCard, PulledAndUnmountedLazily_NextCardWorksWithFileOpen) {
     EXPECT_THAT(errno, AnyOf(EIO, EROFS));
     clip->close();
     insert();
-    expectSound("/clip", "film");
+    expectSound("/clip", "footage");
 }
 
 // --- write protection ---------------------------------------------------------------------------
 
 TEST_P(LocationCard, WriteProtected_WritingOperationsFail) {
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "footage"));
     expectUnmounted(StorageLocation::Presence);
     eject();
     EXPECT_FALSE(location().m_writeProtected);
@@ -364,7 +364,7 @@ TEST_P(LocationCard, WriteProtected_WritingOperationsFail) {
     ASSERT_EQ(location().mkReadOnly(), 0) << std::strerror(errno);
     expectMounted(part(), StorageLocation::Read);
     EXPECT_EQ(mountsOf(part()).value(0).options, QStringList({"ro", "noexec", "noatime"}));
-    EXPECT_EQ(contents(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "footage");
     EXPECT_FALSE(files().open("/second", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
     LogCapture log("stg=9");
@@ -386,7 +386,7 @@ TEST_P(LocationCard, WriteProtected_WritingOperationsFail) {
     Properties readonly = {{"readonly", true}};
     ASSERT_EQ(location().mount(&readonly), 0);
     expectMounted(part(), StorageLocation::Read);
-    EXPECT_EQ(contents(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "footage");
     expectUnmounted(StorageLocation::Presence);
 
     eject();
@@ -423,7 +423,7 @@ TEST_F(LocationTest, ThreeEqualPartitions_FirstAddedSelected) {
     ASSERT_EQ(batch.events->size(), 4);
     expectSelected(Hardware::card(), batch.events->at(1).dev->m_devName);
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "footage"));
     expectUnmounted(StorageLocation::Presence);
 }
 
@@ -524,7 +524,7 @@ TEST_F(LocationStick, EfiPartition_NeverSelected) {
 
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
     expectMounted(Hardware::stick("efi", 2), StorageLocation::Write);
-    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "footage"));
     expectUnmounted(StorageLocation::Presence);
     EXPECT_EQ(location().check(), 0);
     ASSERT_TRUE(Hardware::unplug("efi"));
@@ -540,7 +540,7 @@ TEST_F(LocationStick, ExfatInGpt_FilesStayOnStick) {
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
     expectMounted(part, StorageLocation::Write);
     EXPECT_EQ(mountsOf(part).value(0).type, "exfat");
-    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "footage"));
     expectUnmounted(StorageLocation::Presence);
     ASSERT_TRUE(Hardware::unplug("exfat"));
     process(update());
@@ -548,14 +548,14 @@ TEST_F(LocationStick, ExfatInGpt_FilesStayOnStick) {
 
     plugIn("exfat");
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    EXPECT_EQ(contents(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "footage");
     expectUnmounted(StorageLocation::Presence);
 }
 
 TEST_F(LocationStick, PulledWhileMounted_CheckClearsDirtyBit) {
     plugIn("vfat");
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "footage"));
     ASSERT_TRUE(Hardware::unplug("vfat"));
     EXPECT_FALSE(makeFile(files(), "/late", "late"));
     EXPECT_THAT(errno, AnyOf(EIO, EROFS));
@@ -569,7 +569,7 @@ TEST_F(LocationStick, PulledWhileMounted_CheckClearsDirtyBit) {
     EXPECT_EQ(location().check(), 0);
     EXPECT_EQ(runTool({"fsck.vfat", "-n", part}).status, 0);
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    EXPECT_EQ(contents(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "footage");
     expectUnmounted(StorageLocation::Presence);
 }
 
@@ -609,7 +609,7 @@ TEST_F(LocationStick, Formatted_NewPartitionSelectedAndWorks) {
     expectNoMedium();
     plugIn("spare");
     ASSERT_EQ(location().mount(nullptr), 0) << std::strerror(errno);
-    EXPECT_EQ(contents(files(), "/new"), "film");
+    EXPECT_EQ(contents(files(), "/new"), "footage");
     expectUnmounted(StorageLocation::Presence);
 }
 

@@ -125,7 +125,7 @@ TEST_F(LocationDisk, NoPartitionTable_DiskSelected) {
     EXPECT_THAT(program->calls(), ElementsAre(QStringList{"fsck", "-t", "ext4", disk.node()}));
     ASSERT_EQ(location().mount(nullptr), 0);
     EXPECT_EQ(directoriesOf(disk.node()), QStringList(directory()));
-    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
+    EXPECT_TRUE(makeFile(files(), "/clip", "footage"));
     EXPECT_EQ(location().umount(nullptr), 0);
     ASSERT_TRUE(unplug(disk));
     ASSERT_TRUE(update().events);
@@ -186,8 +186,8 @@ TEST_F(LocationCard, Mounted_FilesOnCard) {
     EXPECT_EQ(location().mount(nullptr), 0);
     EXPECT_EQ(field("mountOk"), "yes");
     expectMounted(StorageLocation::Write, "rw");
-    EXPECT_TRUE(makeFile(files(), "/clip", "film"));
-    EXPECT_EQ(contents(*FSSwitch::rootfs(), directory() + "/clip"), "film");
+    EXPECT_TRUE(makeFile(files(), "/clip", "footage"));
+    EXPECT_EQ(contents(*FSSwitch::rootfs(), directory() + "/clip"), "footage");
     EXPECT_TRUE(makeFile(*FSSwitch::rootfs(), directory() + "/second", "more"));
 
     EXPECT_EQ(location().umount(nullptr), 0);
@@ -197,7 +197,7 @@ TEST_F(LocationCard, Mounted_FilesOnCard) {
     EXPECT_EQ(errno, ENOENT);
 
     EXPECT_EQ(location().mount(nullptr), 0);
-    EXPECT_EQ(contents(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "footage");
     EXPECT_EQ(contents(files(), "/second"), "more");
 }
 
@@ -211,10 +211,10 @@ TEST_F(LocationCard, MountedAgain_SameMountWithOtherOptions) {
 
 TEST_F(LocationCard, MkReadOnlyThenMkWriteable_AccessStaysRead) {
     ASSERT_EQ(location().mount(nullptr), 0);
-    ASSERT_TRUE(makeFile(files(), "/clip", "film"));
+    ASSERT_TRUE(makeFile(files(), "/clip", "footage"));
     EXPECT_EQ(location().mkReadOnly(), 0);
     expectMounted(StorageLocation::Read, "ro");
-    EXPECT_EQ(contents(files(), "/clip"), "film");
+    EXPECT_EQ(contents(files(), "/clip"), "footage");
     EXPECT_FALSE(files().open("/second", O_RDWR | O_CREAT, 0644));
     EXPECT_EQ(errno, EROFS);
 
@@ -255,7 +255,7 @@ TEST_F(LocationCard, MkReadOnlyWithFileOpenForWriting_FailsAndStaysMounted) {
     expectRefused([&] { return location().mkReadOnly(); }, NotFound);
     expectMounted(StorageLocation::None, "rw");
     EXPECT_EQ(field("mountOk"), "no");
-    EXPECT_EQ(file->write("film", 4), 4);
+    EXPECT_EQ(file->write("footage", 4), 4);
     EXPECT_EQ(file->close(), 0);
     EXPECT_EQ(location().umount(nullptr), 0);
     expectNotMounted(StorageLocation::None);

@@ -58,7 +58,7 @@ struct SlowDestructor {
 
 SlowDestructor slowDestructor;
 
-/// Tells whether it was destroyed, by the process's exit status.
+/// Its destructor ends the process with an exit status of its own.
 class EndingFS : public PosixFS {
 public:
     EndingFS() : PosixFS(QString()) {}
