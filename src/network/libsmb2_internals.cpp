@@ -22,49 +22,39 @@ const unsigned char* bytesOf(const smb2_context* context) {
     return reinterpret_cast<const unsigned char*>(context);
 }
 
-/// The place of a flag in a context. Found by setting the flag in a context of its own and
-/// comparing the bytes before and after.
-class Flag {
-public:
-    explicit Flag(void (*set)(smb2_context*, int)) {
-        // Held to the end: contexts are linked, so making another one would change this one.
-        const std::lock_guard lock(contextsMutex);
-        smb2_context* const sample = smb2_init_context();
-        if (!sample)
-            return;
-        set(sample, 0);
-        const std::size_t size = malloc_usable_size(sample);
-        const unsigned char* const bytes = bytesOf(sample);
-        const std::vector<unsigned char> before(bytes, bytes + size);
-        set(sample, 1);
-        std::size_t changes = 0;
-        for (std::size_t i = 0; i < size; ++i) {
-            const unsigned char change = before[i] ^ bytes[i];
-            if (change == 0)
-                continue;
-            ++changes;
-            m_offset = i;
-            m_mask = change;
-        }
-        // A flag is one bit of one byte. Anything else is not understood.
-        if (changes != 1 || (m_mask & (m_mask - 1)) != 0)
-            m_mask = 0;
-        smb2_destroy_context(sample);
-    }
-
-    /// 1 or 0; -ENOTSUP when the flag was not found.
-    int of(const smb2_context* context) const {
-        if (m_mask == 0)
-            return -ENOTSUP;
-        return (bytesOf(context)[m_offset] & m_mask) != 0;
-    }
-
-private:
-    std::size_t m_offset = 0;
-    unsigned char m_mask = 0;
-};
-
 } // namespace
+
+Flag::Flag(void (*set)(smb2_context*, int)) {
+    // Held to the end: contexts are linked, so making another one would change this one.
+    const std::lock_guard lock(contextsMutex);
+    smb2_context* const sample = smb2_init_context();
+    if (!sample)
+        return;
+    set(sample, 0);
+    const std::size_t size = malloc_usable_size(sample);
+    const unsigned char* const bytes = bytesOf(sample);
+    const std::vector<unsigned char> before(bytes, bytes + size);
+    set(sample, 1);
+    std::size_t changes = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+        const unsigned char change = before[i] ^ bytes[i];
+        if (change == 0)
+            continue;
+        ++changes;
+        m_offset = i;
+        m_mask = change;
+    }
+    // A flag is one bit of one byte. Anything else is not understood.
+    if (changes != 1 || (m_mask & (m_mask - 1)) != 0)
+        m_mask = 0;
+    smb2_destroy_context(sample);
+}
+
+int Flag::of(const smb2_context* context) const {
+    if (m_mask == 0)
+        return -ENOTSUP;
+    return (bytesOf(context)[m_offset] & m_mask) != 0;
+}
 
 smb2_context* makeContext() {
     const std::lock_guard lock(contextsMutex);

@@ -2,6 +2,8 @@
 // What the library must know of the inside of libsmb2, as its interface does not offer it.
 #pragma once
 
+#include <cstddef>
+
 struct smb2_context;
 
 namespace oru::io::libsmb2 {
@@ -11,9 +13,23 @@ namespace oru::io::libsmb2 {
 smb2_context* makeContext();
 void destroyContext(smb2_context* context);
 
+/// The place of a flag in a context. Found by setting the flag in a context of its own and
+/// comparing the bytes before and after.
+class Flag {
+public:
+    explicit Flag(void (*set)(smb2_context*, int));
+
+    /// 1 or 0; -ENOTSUP when the flag was not found: when setting it changes no bit or several.
+    int of(const smb2_context* context) const;
+
+private:
+    std::size_t m_offset = 0;
+    unsigned char m_mask = 0;
+};
+
 /// Whether the session of `context` signs or encrypts its messages. libsmb2 has functions that set
-/// these two flags and none that read them. \returns 1 or 0, or -ENOTSUP when the flag was not
-/// found in this version of libsmb2.
+/// these two flags and none that read them. Their places are found once per process. \returns 1 or
+/// 0, or -ENOTSUP when the flag was not found in this version of libsmb2.
 int isSigned(const smb2_context* context);
 int isSealed(const smb2_context* context);
 

@@ -8,60 +8,19 @@
 #include <QDir>
 #include <QFile>
 
-#include <atomic>
 #include <cstring>
 #include <utility>
 #include <vector>
 
-#include <dlfcn.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-// The headers of libsmb2 require some of the headers above.
-#include <smb2/smb2.h>
-
-#include <smb2/libsmb2.h>
-
-namespace {
-
-/// What smb2_set_sign() or smb2_set_seal() changes in the context.
-enum class Change { OneBit, Nothing, TwoBits, TwoBytes };
-std::atomic<Change> signChange = Change::OneBit;
-std::atomic<Change> sealChange = Change::OneBit;
-
-template <class Function>
-Function* nextDefinition(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-} // namespace
-
-// No function of libsmb2 returns whether a session is signed or encrypted. The library finds the
-// flags by what these setters change in the context. These definitions precede those of libsmb2 and
-// can change something else.
-
-Q_DECL_EXPORT void smb2_set_sign(smb2_context* context, int value) {
-    static auto* const real = nextDefinition<decltype(smb2_set_sign)>("smb2_set_sign");
-    if (signChange != Change::Nothing)
-        real(context, value);
-}
-
-Q_DECL_EXPORT void smb2_set_seal(smb2_context* context, int value) {
-    static auto* const real = nextDefinition<decltype(smb2_set_seal)>("smb2_set_seal");
-    if (sealChange != Change::Nothing)
-        real(context, value);
-    if (sealChange == Change::TwoBits)
-        smb2_set_sign(context, value); // another bit of the same byte
-    if (sealChange == Change::TwoBytes)
-        nextDefinition<decltype(smb2_set_security_mode)>("smb2_set_security_mode")(context,
-                                                                                   value != 0);
-}
-
 namespace oru::io {
 namespace {
 
+using test::expectRefused;
 using test::FaultProxy;
 using test::LogCapture;
 using test::login;
@@ -167,24 +126,6 @@ protected:
               {}, {{"sealed", {"read only = no", "server smb encrypt = required"}}}}) {}
 };
 
-/// Expects that connecting fails with `error`: the session is or may be signed or encrypted.
-void expectRefused(const SmbServer& server, const QString& version, const QString& share = "rw",
-                   int error = EPERM) {
-    FaultProxy proxy(server.port());
-    LogCapture log("libio_smb2=12");
-    Smb2FS fs(10);
-    EXPECT_EQ(fs.connect(with(login(proxy.address(), share), "version", version)), -1);
-    EXPECT_EQ(errno, error) << std::strerror(errno);
-    EXPECT_TRUE(proxy.waitUntilClosed());
-    EXPECT_FALSE(fs.isConnected());
-    EXPECT_EQ(fs.getDialect(), "unknown");
-    EXPECT_EQ(log.messages(), QStringList());
-    // The error is not fatal.
-    struct stat st;
-    EXPECT_EQ(fs.stat("/", st), -1);
-    EXPECT_EQ(errno, ENOTCONN);
-}
-
 } // namespace
 
 TEST_F(Smb2Only, Version3_ConnectFailsWithEINVAL) {
@@ -218,26 +159,6 @@ TEST_F(SmbEncryptedShare, Connect_FailsWithEPERM) {
         expectRefused(server, version, "sealed");
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(login(server.address())), 0) << strerror();
-}
-
-// Without the flags of libsmb2, the session may be signed or encrypted.
-TEST_F(Smb, ProtectionFlagsNotFound_ConnectFailsWithENOTSUP) {
-    struct Case {
-        const char* name;
-        Change sign;
-        Change seal;
-    };
-    for (const Case& tested : {Case{"sign", Change::Nothing, Change::OneBit},
-                               Case{"seal", Change::OneBit, Change::Nothing},
-                               Case{"two bits", Change::OneBit, Change::TwoBits},
-                               Case{"two bytes", Change::OneBit, Change::TwoBytes}}) {
-        SCOPED_TRACE(tested.name);
-        signChange = tested.sign;
-        sealChange = tested.seal;
-        expectRefused(server, "3.1.1", "rw", ENOTSUP);
-    }
-    signChange = Change::OneBit;
-    sealChange = Change::OneBit;
 }
 
 TEST_F(Smb, Connect_SendsUserDomainAndWorkstationWithoutSigning) {

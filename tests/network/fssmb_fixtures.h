@@ -3,16 +3,20 @@
 #pragma once
 
 #include "support/doubles/faultproxy.h"
+#include "support/suite/logcapture.h"
 #include "support/system/files.h"
 #include "support/system/smbtest.h"
 
 #include <oruio/error.h>
 #include <oruio/fssmb.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 namespace oru::io::test {
 
@@ -75,6 +79,24 @@ protected:
     std::unique_ptr<FaultProxy> proxy;
     Smb2FS fs{10};
 };
+
+/// Expects that connecting fails with `error`: the session is or may be signed or encrypted.
+inline void expectRefused(const SmbServer& server, const QString& version,
+                          const QString& share = "rw", int error = EPERM) {
+    FaultProxy proxy(server.port());
+    LogCapture log("libio_smb2=12");
+    Smb2FS fs(10);
+    EXPECT_EQ(fs.connect(with(login(proxy.address(), share), "version", version)), -1);
+    EXPECT_EQ(errno, error) << std::strerror(errno);
+    EXPECT_TRUE(proxy.waitUntilClosed());
+    EXPECT_FALSE(fs.isConnected());
+    EXPECT_EQ(fs.getDialect(), "unknown");
+    EXPECT_EQ(log.messages(), QStringList());
+    // The error is not fatal.
+    struct stat st;
+    EXPECT_EQ(fs.stat("/", st), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+}
 
 inline QStringList names(Directory& directory) {
     QStringList found;

@@ -43,6 +43,22 @@ TEST(Libsmb2Flags, NewContext_HasNeither) {
     EXPECT_EQ(libsmb2::isSealed(context.get()), 0);
 }
 
+TEST(Libsmb2Flags, SetterThatChangesNoBitOrSeveral_IsNotFound) {
+    const Context context(libsmb2::makeContext());
+    const libsmb2::Flag none([](smb2_context*, int) {});
+    EXPECT_EQ(none.of(context.get()), -ENOTSUP);
+    const libsmb2::Flag twoBits([](smb2_context* of, int value) {
+        smb2_set_sign(of, value);
+        smb2_set_seal(of, value);
+    });
+    EXPECT_EQ(twoBits.of(context.get()), -ENOTSUP);
+    const libsmb2::Flag twoBytes([](smb2_context* of, int value) {
+        smb2_set_sign(of, value);
+        smb2_set_security_mode(of, value != 0);
+    });
+    EXPECT_EQ(twoBytes.of(context.get()), -ENOTSUP);
+}
+
 TEST(Libsmb2Contexts, MadeAndDestroyedByManyThreads_StayApart) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
