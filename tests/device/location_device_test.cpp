@@ -197,7 +197,8 @@ TEST_P(LocationCard, InsertedMountedWrittenEjected_FilesStayOnCard) {
     EXPECT_TRUE(mount.filesystemOptions.contains(GetParam().option))
         << mount.filesystemOptions.join(',').toStdString();
     EXPECT_TRUE(makeFile(files(), QString::fromUtf8("/Über.mov"), "footage"));
-    EXPECT_EQ(contents(*FSSwitch::rootfs(), directory() + QString::fromUtf8("/Über.mov")), "footage");
+    EXPECT_EQ(contents(*FSSwitch::rootfs(), directory() + QString::fromUtf8("/Über.mov")),
+              "footage");
     expectUnmounted(StorageLocation::Presence);
     eject();
     expectRefused([&] { return location().mount(nullptr); }, NotFound);
