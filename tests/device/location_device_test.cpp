@@ -331,7 +331,7 @@ TEST_P(LocationCard, PulledAndUnmountedLazily_NextCardWorksWithFileOpen) {
     ASSERT_EQ(location().mount(nullptr), 0);
     const QSharedPointer<File> clip = files().open("/clip", O_RDWR | O_CREAT | O_TRUNC, 0644);
     ASSERT_TRUE(clip);
-    ASSERT_EQ(clip->write("footage", 4), 4);
+    ASSERT_EQ(clip->write("footage", 7), 7);
     ASSERT_EQ(clip->fsync(), 0);
     ASSERT_TRUE(Hardware::ejectCard());
     processPartition(update());
