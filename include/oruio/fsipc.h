@@ -49,7 +49,8 @@ public:
     /// - Waits up to 10 ms for the object to appear. With Create, creates it after that.
     /// - With Create: waits up to 1 s for another process that is initialising the same object.
     /// - Does not open an object of this size that a program of another ABI (32- or 64-bit) has
-    ///   made. With Create it does not initialise such an object either, and errno is EBUSY.
+    ///   made: errno is EPROTO. With Create it does not initialise such an object either: errno is
+    ///   EBUSY.
     ShmBlock(const char* name, unsigned int size, unsigned int flags);
     /// With RemoveAtClose, removes the object unless it has already been removed. Then unmaps the
     /// block.
@@ -193,8 +194,8 @@ private:
 ///   - when disconnect() is called or the IPCFS is destroyed;
 ///   - when the server ends;
 ///   - when the server has not answered a request within 10 s;
-///   - when the server answers with errno ENOTCONN or ESHUTDOWN, for example because a share that
-///     it serves has lost its connection.
+///   - when the server answers with a failure and errno ENOTCONN or ESHUTDOWN, for example because
+///     a share that it serves has lost its connection.
 /// - A file or directory belongs to the session that opened it. In a later session its operations
 ///   fail with errno EBADF. The object may outlive the IPCFS.
 ///
@@ -218,21 +219,28 @@ private:
 ///
 /// - The shared memory has room for one request. So the callers must serialise all calls on an
 ///   IPCFS and on its files and directories.
-/// - The thread that calls connect() holds a mutex for the whole session. This thread should live
-///   as long as the session and should also call disconnect().
-/// - If this thread ends before the session, the next call on another thread continues the session.
-///   But if another client has connected before that call, or the server has noticed the end of the
-///   thread (it checks every 30 s), the session is lost and the call fails with errno ENOTCONN.
-/// - If the session ends in a call of another thread, no client can connect until the thread that
-///   connected has ended or has called connect() again.
+/// - Any thread may make any call: one may connect, others may use the session and disconnect, and
+///   each may end at any time.
+/// - A session belongs to the process. For its length, a thread of the library ("oruio-session")
+///   holds the mutex that keeps other clients out. The thread blocks all signals. When the process
+///   ends or calls execve(2), another client can connect.
 /// - A child of fork(2) cannot use the session, even after its parent has ended. Its operations
-///   fail with errno ENOTCONN.
+///   fail with errno ENOTCONN. It can connect when its parent has disconnected.
 ///
-/// Time-outs are measured on CLOCK_REALTIME: setting the clock forward shortens them, setting it
-/// back extends them.
+/// Time-outs are measured on CLOCK_MONOTONIC: setting the system's clock does not change them. A
+/// call whose server ends during the call fails within half a second.
 class ORUIO_EXPORT IPCFS : public FS {
 public:
     using SPtr = QSharedPointer<IPCFS>;
+
+    /// Why there is no session.
+    enum class Unavailable {
+        None,     ///< there is one, or none was asked for; or the server's file system lost its own
+        NoServer, ///< no server is running, or it has ended
+        Busy,     ///< another client is connected, or is connecting
+        OtherAbi, ///< the server is a program of another ABI (32- or 64-bit)
+        NoAnswer, ///< the server has not answered within 10 s, or is about to stop
+    };
 
     /// Makes a file system that is not connected.
     IPCFS();
@@ -300,7 +308,7 @@ public:
     /// - the answer of the server.
     ///
     /// \returns 0 when connected, also if a session existed before the call; else -1 with errno
-    /// ENOTCONN or the errno of the server's answer.
+    /// ENOTCONN, or the errno of the server's answer. unavailable() returns the reason.
     virtual int connect(unsigned int tries, Properties* props);
     /// Ends the session, if there is one. Returns when the server has closed all files and
     /// directories of the session.
@@ -314,6 +322,13 @@ public:
     virtual bool isConnected();
     /// Returns 1 if isConnected() returns true, else 0.
     virtual int state();
+    /// Returns why the last connect() failed, or why the session ended in a call.
+    ///
+    /// \code
+    /// if (files.connect(1, nullptr) != 0 && files.unavailable() == IPCFS::Unavailable::Busy)
+    ///     fprintf(stderr, "another program is connected\n");
+    /// \endcode
+    Unavailable unavailable() const;
 
     /// The session. Internal.
     class ORUIO_LOCAL Data;

@@ -28,6 +28,9 @@ namespace oru::io {
 /// the service ends. A signal handler must not end this thread. An exception that leaves the FS
 /// ends the process. If the thread is cancelled while it waits for a request, the service ends in
 /// order. Any thread may call the other functions.
+///
+/// A child of fork(2) cannot use a server on which its parent has called run(): run() fails with
+/// errno EBUSY, and terminate() and the destructor do nothing.
 class ORUIO_EXPORT IPCServer {
 public:
     /// Makes a server for `fs`, which is not running yet.
@@ -77,7 +80,7 @@ public:
 
 private:
     Q_DISABLE_COPY(IPCServer)
-    const std::unique_ptr<Data> m_data;
+    std::unique_ptr<Data> m_data;
 };
 
 } // namespace oru::io

@@ -75,6 +75,10 @@ int IPCFS::state() {
     return m_data->state;
 }
 
+IPCFS::Unavailable IPCFS::unavailable() const {
+    return m_data->reason;
+}
+
 int IPCFS::addWatch(QString) {
     return notImplemented();
 }

@@ -7,6 +7,7 @@
 #include "ipc/ipc_server_p.h"
 #include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
+#include "ipc/processgeneration_p.h"
 
 #include <QScopeGuard>
 
@@ -38,12 +39,6 @@ constexpr int resetTimeoutMs = 100;
 constexpr int shownBytes = textSize;
 /// How often to try again when other servers start at the same time.
 constexpr int initTries = 5;
-
-struct timespec inMs(int ms) {
-    struct timespec deadline;
-    IPCShm::setTimeout(&deadline, ms);
-    return deadline;
-}
 
 } // namespace
 
@@ -137,8 +132,7 @@ int IPCServer::Data::retirePredecessor() {
         ORUIO_LOG(LogDebug, "Existing Shm. Data %p Magic 0x%04x", static_cast<void*>(access.data()),
                   old.control.magic);
     if (isOwned(old)) {
-        const struct timespec deadline = inMs(otherServerTimeoutMs);
-        const int error = lockShared(old.control.serverMutex, &deadline);
+        const int error = lockShared(old.control.serverMutex, otherServerTimeoutMs);
         if (error == EBUSY || error == ETIMEDOUT) {
             ORUIO_LOG(LogDebug, "Existing active server detected. Aborting");
             return EBUSY;
@@ -199,18 +193,28 @@ bool IPCServer::Data::initialiseMutexes(AreaControl& control) {
         if (!works("Failed to init mutexes: %s", attributes.makeMutex(*mutex)))
             return false;
     }
-    const struct timespec deadline = inMs(otherServerTimeoutMs);
-    return works("Unable to lock this shm: %s", lockShared(control.serverMutex, &deadline));
+    return works("Unable to lock this shm: %s",
+                 lockShared(control.serverMutex, otherServerTimeoutMs));
+}
+
+/// Whether this is a child of fork(2), and the server was started by the parent. The locks may be
+/// those of a thread that does not exist here, and the block is the parent's.
+bool IPCServer::Data::isInherited() const {
+    const long long startedIn = m_startedIn;
+    return startedIn >= 0 && startedIn != processGeneration();
 }
 
 int IPCServer::Data::run(Properties* props) {
-    const std::unique_lock running(m_running, std::try_to_lock);
+    std::unique_lock running(m_running, std::defer_lock);
+    if (!isInherited())
+        running.try_lock();
     errno = EBUSY;
     liberrno = Ok;
     if (DBG_MASK & TraceLifecycle)
         ORUIO_LOG(LogDebug, "IPC Server initializing");
     int result = -1;
     if (running) {
+        m_startedIn = processGeneration();
         // Also when this thread is cancelled while it waits for a request.
         const auto stopping = qScopeGuard([&] {
             if (shm)
@@ -304,6 +308,8 @@ int IPCServer::Data::tearDown() {
 
 int IPCServer::Data::terminate() {
     const CancelGuard guard;
+    if (isInherited())
+        return 0;
     const QSharedPointer<ShmBlock> current = currentBlock();
     if (!current)
         return 0;
@@ -318,8 +324,7 @@ int IPCServer::Data::terminate() {
     stop(current);
     IPCShm* const target = shmAt(current->base());
     pthread_mutex_t& serverMutex = areaOf(target).control.serverMutex;
-    const struct timespec deadline = inMs(terminateTimeoutMs);
-    const int error = lockShared(serverMutex, &deadline);
+    const int error = lockShared(serverMutex, terminateTimeoutMs);
     if (error == ETIMEDOUT)
         ORUIO_LOG(LogDebug, "NOTICE: Server still active.");
     if (error == 0) {
@@ -373,8 +378,7 @@ int IPCServer::Data::resetSession() {
         ORUIO_LOG(LogDebug, "FATAL: Unable to reinitialize semaphores");
         result = -1;
     }
-    const struct timespec deadline = inMs(resetTimeoutMs);
-    const int locked = lockShared(control.bufferMutex, &deadline);
+    const int locked = lockShared(control.bufferMutex, resetTimeoutMs);
     control.bufferMap = 0;
     if (locked == 0)
         pthread_mutex_unlock(&control.bufferMutex);
@@ -410,11 +414,10 @@ int IPCServer::Data::getRequest(IPCShm* from) {
     // Check the state before waiting: stop() changes it before it posts the semaphore, and the post
     // is lost when the semaphore is initialised after it.
     while (isServing()) {
-        const bool isConnected = probeClient();
         if (m_spinWaiter.take(requestSem))
             break;
-        const struct timespec deadline = inMs(clientPollMs);
-        if (waitFor(requestSem, isConnected ? &deadline : nullptr) == 0)
+        // Without a client, wait without a time limit.
+        if ((probeClient() ? waitFor(requestSem, clientPollMs) : waitFor(requestSem)) == 0)
             break;
         if (errno == ETIMEDOUT && (DBG_MASK & TraceLifecycle))
             ORUIO_LOG(LogDebug, "Poll for active client");
@@ -483,7 +486,10 @@ int IPCServer::Data::replaceTooLong(IPCShm* to) {
 IPCServer::IPCServer(QSharedPointer<FS> fs) : m_data(std::make_unique<Data>(std::move(fs))) {}
 
 IPCServer::~IPCServer() {
-    m_data->finish();
+    if (m_data->isInherited())
+        static_cast<void>(m_data.release()); // its block would remove the parent's object
+    else
+        m_data->finish();
 }
 
 int IPCServer::ioctl(QString, QString&) {

@@ -34,6 +34,7 @@ public:
     int terminate();
     /// Terminates, lets no further run() begin, and waits until run() has returned.
     void finish();
+    bool isInherited() const;
 
     /// Creates the block and becomes its server. The block stays locked until m_beginning is reset.
     /// \returns its area, or null; then nothing has changed.
@@ -149,6 +150,7 @@ private:
     std::mutex m_running;    // held by run()
     std::mutex m_blockMutex; // guards block
     std::atomic<bool> m_isFinished{false};
+    std::atomic<long long> m_startedIn{-1}; // processGeneration() when run() was called last
 };
 
 } // namespace oru::io

@@ -4,11 +4,10 @@
 #include "core/cancelguard_p.h"
 #include "core/errnosaver_p.h"
 #include "core/failwith_p.h"
-#include "ipc/deferredunmap_p.h"
 #include "ipc/ipcsession_p.h"
 #include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
-#include "ipc/threadid_p.h"
+#include "ipc/processgeneration_p.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -34,6 +33,9 @@ const unsigned int DBG_MASK = IPCShm::debugMask();
 
 /// How long to sleep between two looks at the state of the request area.
 constexpr auto pollPause = std::chrono::microseconds(500);
+/// How long to wait for an answer before the next look for the server. Another process that looks
+/// for the server holds its mutex for a moment, as a server does: that costs one interval.
+constexpr int probeIntervalMs = 250;
 
 } // namespace
 
@@ -49,23 +51,32 @@ int IPCFS::Data::init(Properties*) {
     const CancelGuard guard;
     if (DBG_MASK & TraceLifecycle)
         ORUIO_LOG(LogDebug, "Client connecting");
-    DeferredUnmap::instance().sweep();
-    const ShmBlock::Access<IPCShm> access(
-        QSharedPointer<ShmBlock>::create(blockName, areaSize, 0U));
+    const auto found = QSharedPointer<ShmBlock>::create(blockName, areaSize, 0U);
+    if (!found->isValid())
+        reason = errno == EPROTO ? Unavailable::OtherAbi : Unavailable::NoServer;
+    else
+        reason = Unavailable::Busy;
+    const ShmBlock::Access<IPCShm> access(found);
     if (!access.data()) {
         ORUIO_LOG(LogDebug, "No IPC Server found.");
         return failWith(ENOTCONN);
     }
-    block = access.block();
+    block = found;
     shm = access.data();
-    int result = failWith(ENOTCONN);
-    if (!isOwned(area()) || lockClientMutex())
+    m_generation = processGeneration();
+    int result = -1;
+    if (!isOwned(area()) || lockClientMutex()) {
+        reason = Unavailable::NoAnswer;
         result = sendConnect();
+    } else {
+        failWith(ENOTCONN);
+    }
     if (result != 0) {
         leave();
         return result;
     }
     state = Connected;
+    reason = Unavailable::None;
     ++session;
     ORUIO_LOG(LogDebug, "IPC Client Ready");
     return 0;
@@ -76,22 +87,18 @@ int IPCFS::Data::init(Properties*) {
 bool IPCFS::Data::lockClientMutex() {
     const int server = probeServer();
     if (server != EBUSY) {
+        reason = Unavailable::NoServer;
         ORUIO_LOG(LogDebug, "Server not online: %s",
                   server == 0 ? "shm unlocked" : std::strerror(server));
         return false;
     }
     if (DBG_MASK & TraceLifecycle)
         ORUIO_LOG(LogDebug, "Detected Server online");
-    const int error = pthread_mutex_trylock(&area().control.clientMutex);
-    // First of all: a session that still believes that it holds the mutex is over with this.
-    if (error == 0 || error == EOWNERDEAD)
-        m_areaSession = beginSession(area());
-    switch (error) {
+    switch (const int error = m_clientMutex.acquire(area().control.clientMutex)) {
     case 0:
         break;
     case EOWNERDEAD:
         ORUIO_LOG(LogDebug, "Client crash detected. Continuing.");
-        pthread_mutex_consistent(&area().control.clientMutex);
         break;
     case EBUSY:
         ORUIO_LOG(LogDebug, "Existing client detected. Aborting.");
@@ -100,16 +107,14 @@ bool IPCFS::Data::lockClientMutex() {
         ORUIO_LOG(LogDebug, "Client lock failed: %s. Aborting.", std::strerror(error));
         return false;
     }
-    m_holdsClientMutex = true;
-    m_owner = currentThread();
-    m_generation = processGeneration();
+    countSession(area());
     return true;
 }
 
 /// Sends "connect". \returns its result. An area without a server is left as it is.
 int IPCFS::Data::sendConnect() {
     int result = -1;
-    if (m_holdsClientMutex && !endPredecessor())
+    if (m_clientMutex.isHeld() && !endPredecessor())
         failWith(ENOTCONN);
     else
         result = call(nullptr, op::connect, nullptr);
@@ -152,60 +157,27 @@ void IPCFS::Data::end() {
     // The next client must not begin before the server has closed this session.
     await([this] { return requestState(area()) == Idle; });
     leave();
+    reason = Unavailable::None;
 }
 
-/// Checks that the session is still this client's, and leaves it otherwise. \returns whether it is.
-/// It is not in a child of fork(2). Nor is it when the thread that connected has ended and another
-/// client or the server has taken the client mutex since.
+/// Checks that the session exists, and leaves it otherwise. \returns whether it exists. It does not
+/// in a child of fork(2), nor when the state of the request area is not the one that this client
+/// left.
 bool IPCFS::Data::verifySession() {
-    m_holdsClientMutex = m_generation == processGeneration() && verifyClientMutex();
-    if (m_holdsClientMutex && requestState(area()) == Done)
+    if (m_generation == processGeneration() && requestState(area()) == Done)
         return true;
     ORUIO_LOG(LogDebug, "Session lost. Stopping client");
     leave();
     return false;
 }
 
-/// Checks that the client mutex is held for this session. If the thread that locked it has ended,
-/// the calling thread takes it over. \returns whether it is held.
-bool IPCFS::Data::verifyClientMutex() {
-    pthread_mutex_t& clientMutex = area().control.clientMutex;
-    const int error = pthread_mutex_trylock(&clientMutex);
-    // The owner, alive or dead, may belong to a later session.
-    const bool isLast = isLastSession();
-    if (error == EBUSY)
-        return isLast && isAlive(m_owner);
-    if (error == EOWNERDEAD) {
-        pthread_mutex_consistent(&clientMutex);
-        if (isLast) {
-            m_owner = currentThread();
-            return true;
-        }
-    }
-    if (error == 0 || error == EOWNERDEAD)
-        pthread_mutex_unlock(&clientMutex);
-    return false;
-}
-
-/// Whether no other client has begun a session since.
-bool IPCFS::Data::isLastSession() const {
-    return lastSession(areaOf(shm)) == m_areaSession;
-}
-
 /// Releases the client mutex and the block without a request to the server.
 void IPCFS::Data::leave() {
     const ErrnoSaver saver;
     state = NotConnected;
-    if (m_holdsClientMutex && isLastSession())
+    if (m_clientMutex.isHeld())
         cancel(area());
-    if (m_owner != 0 && m_generation == processGeneration()) {
-        if (m_owner == currentThread())
-            pthread_mutex_unlock(&area().control.clientMutex);
-        else if (isAlive(m_owner))
-            DeferredUnmap::instance().add(block, m_owner);
-    }
-    m_holdsClientMutex = false;
-    m_owner = 0;
+    m_clientMutex.release();
     shm = nullptr;
     block.reset();
 }
@@ -228,11 +200,14 @@ int IPCFS::Data::probeServer() {
 /// \returns whether it holds.
 template <class Condition>
 bool IPCFS::Data::await(Condition condition) {
-    using Clock = std::chrono::steady_clock;
     constexpr int yields = 200;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(answerTimeoutMs);
+    const Deadline deadline(answerTimeoutMs);
     for (int round = 0; !condition(); ++round) {
-        if (probeServer() != EBUSY || Clock::now() > deadline)
+        if (probeServer() != EBUSY) {
+            reason = Unavailable::NoServer;
+            return condition();
+        }
+        if (deadline.left() == 0)
             return condition();
         if (round < yields)
             std::this_thread::yield();
@@ -295,48 +270,52 @@ void IPCFS::Data::post(const char* text, std::size_t length) {
 int IPCFS::Data::getResponse(const char** payload) {
     if (!shm)
         return failWith(ENOTCONN);
-    const int server = probeServer();
-    if (server == EBUSY) {
-        const int result = awaitResponse(payload);
-        // The server's file system may have lost a connection of its own.
-        if (errno == ENOTCONN || errno == ESHUTDOWN)
-            end();
-        return result;
-    }
-    if (server == EOWNERDEAD)
-        ORUIO_LOG(LogDebug, "Server crashed.");
-    ORUIO_LOG(LogDebug, "Server offline. Stopping client");
-    leave();
-    return failWith(ENOTCONN);
-}
-
-namespace {
-
-/// \returns false with errno after the time-out.
-bool waitUntilPosted(sem_t& responseSem) {
-    struct timespec deadline;
-    IPCShm::setTimeout(&deadline, answerTimeoutMs);
-    return waitFor(responseSem, &deadline) == 0;
-}
-
-} // namespace
-
-int IPCFS::Data::awaitResponse(const char** payload) {
-    sem_t& responseSem = area().control.responseSem;
-    if (!m_spinWaiter.take(responseSem) && !waitUntilPosted(responseSem)) {
-        ORUIO_LOG(LogDebug, "Response wait error: %s. Disconnecting.", std::strerror(errno));
-        leave();
-        return failWith(ENOTCONN);
-    }
-    if (m_holdsClientMutex && !isLastSession()) {
-        sem_post(&responseSem); // the answer is for another client
-        ORUIO_LOG(LogDebug, "Session lost. Stopping client");
+    if (!awaitResponse()) {
         leave();
         return failWith(ENOTCONN);
     }
     copyResponse(area(), m_response);
     setDone(area());
-    return parseResponse(payload);
+    const int result = parseResponse(payload);
+    // The server's file system may have lost a connection of its own.
+    if (result < 0 && (errno == ENOTCONN || errno == ESHUTDOWN))
+        end();
+    return result;
+}
+
+/// Waits for the answer, and looks for the server every now and then. \returns false when no answer
+/// will come; the reason is logged.
+bool IPCFS::Data::awaitResponse() {
+    sem_t& responseSem = area().control.responseSem;
+    if (const int server = probeServer(); server != EBUSY) {
+        logServerGone(server);
+        return false;
+    }
+    if (m_spinWaiter.take(responseSem))
+        return true;
+    const Deadline deadline(answerTimeoutMs);
+    while (waitFor(responseSem, std::min(deadline.left(), probeIntervalMs)) != 0) {
+        if (errno != ETIMEDOUT || deadline.left() == 0) {
+            reason = Unavailable::NoAnswer;
+            ORUIO_LOG(LogDebug, "Response wait error: %s. Disconnecting.", std::strerror(errno));
+            return false;
+        }
+        if (const int server = probeServer(); server != EBUSY) {
+            if (sem_trywait(&responseSem) == 0)
+                return true; // its last answer
+            logServerGone(server);
+            return false;
+        }
+    }
+    return true;
+}
+
+/// `probed` is the result of probeServer().
+void IPCFS::Data::logServerGone(int probed) {
+    reason = Unavailable::NoServer;
+    if (probed == EOWNERDEAD)
+        ORUIO_LOG(LogDebug, "Server crashed.");
+    ORUIO_LOG(LogDebug, "Server offline. Stopping client");
 }
 
 int IPCFS::Data::parseResponse(const char** payload) {

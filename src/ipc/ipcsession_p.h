@@ -4,14 +4,13 @@
 
 #include <oruio/fsipc.h>
 
+#include "ipc/clientmutexowner_p.h"
 #include "ipc/ipcsync_p.h"
 #include "ipc/ipcwire_p.h"
 
 #include <QSharedData>
 
 #include <cstdarg>
-
-#include <sys/types.h>
 
 namespace oru::io {
 
@@ -64,6 +63,7 @@ public:
     int state = NotConnected;
     QSharedPointer<ShmBlock> block; ///< null when not connected
     IPCShm* shm = nullptr;
+    Unavailable reason = Unavailable::None; ///< why there is no session
     /// Counts the sessions of this object. Files and directories belong to one of them.
     unsigned int session = 0;
 
@@ -76,25 +76,22 @@ private:
     int sendConnect();
     bool endPredecessor();
     bool verifySession();
-    bool verifyClientMutex();
-    bool isLastSession() const;
     void leave();
 
     int send(const char* name, const void* data, std::size_t length, const char* format,
              va_list args);
     void post(const char* text, std::size_t length);
     int callWith(const char** payload, const char* name, const char* format, va_list args);
-    int awaitResponse(const char** payload);
+    bool awaitResponse();
+    void logServerGone(int probed);
     int parseResponse(const char** payload);
 
     int probeServer();
     template <class Condition>
     bool await(Condition condition);
 
-    bool m_holdsClientMutex = false;
-    pid_t m_owner = 0;               // the thread that locked the client mutex; 0 when none did
-    std::uint32_t m_areaSession = 0; // the session's number in the area
-    unsigned int m_generation = 0;   // processGeneration() of the process that began the session
+    ClientMutexOwner m_clientMutex;
+    unsigned int m_generation = 0; // processGeneration() of the process that began the session
     ipcwire::Text m_response;
     ipcwire::SpinWaiter m_spinWaiter;
 };

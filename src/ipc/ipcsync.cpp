@@ -4,8 +4,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 
 #include <sched.h>
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 namespace oru::io::ipcwire {
 
@@ -21,6 +25,50 @@ constexpr unsigned int mostSkipped = 4096;
 /// After so many polls in a row without a slow yield, the processor counts as idle again. A shorter
 /// row also happens on a busy one.
 constexpr unsigned int enoughGood = 4096;
+
+constexpr long long second = 1'000'000'000;
+
+long long monotonicTime() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * second + now.tv_nsec;
+}
+
+struct timespec inMs(int ms) {
+    const long long time = monotonicTime() + ms * 1'000'000LL;
+    struct timespec result;
+    result.tv_sec = static_cast<time_t>(time / second);
+    result.tv_nsec = static_cast<long>(time % second);
+    return result;
+}
+
+/// What the result `error` of locking `mutex` becomes when a mutex of a dead owner is made
+/// consistent.
+int madeConsistent(pthread_mutex_t& mutex, int error) {
+    return error == EOWNERDEAD ? pthread_mutex_consistent(&mutex) : error;
+}
+
+// The thread sanitizer does not know these two functions of the C library.
+
+int lockUntil(pthread_mutex_t& mutex, const struct timespec& deadline) {
+    const int error = pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &deadline);
+#if defined(__SANITIZE_THREAD__)
+    if (error == 0 || error == EOWNERDEAD) {
+        __tsan_mutex_pre_lock(&mutex, __tsan_mutex_try_lock);
+        __tsan_mutex_post_lock(&mutex, __tsan_mutex_try_lock, 0);
+    }
+#endif
+    return error;
+}
+
+int waitUntil(sem_t& semaphore, const struct timespec& deadline) {
+    const int result = sem_clockwait(&semaphore, CLOCK_MONOTONIC, &deadline);
+#if defined(__SANITIZE_THREAD__)
+    if (result == 0)
+        __tsan_acquire(&semaphore);
+#endif
+    return result;
+}
 
 } // namespace
 
@@ -44,18 +92,33 @@ int SharedMutexAttributes::makeMutex(pthread_mutex_t& mutex) const {
     return m_setError != 0 ? m_setError : pthread_mutex_init(&mutex, &m_attributes);
 }
 
-int lockShared(pthread_mutex_t& mutex, const struct timespec* deadline) {
-    int error =
-        deadline ? pthread_mutex_timedlock(&mutex, deadline) : pthread_mutex_trylock(&mutex);
-    if (error == EOWNERDEAD)
-        error = pthread_mutex_consistent(&mutex);
-    return error;
+Deadline::Deadline(int ms) : m_end(monotonicTime() + ms * 1'000'000LL) {}
+
+int Deadline::left() const {
+    return static_cast<int>(std::max(m_end - monotonicTime() + 999'999, 0LL) / 1'000'000);
 }
 
-int waitFor(sem_t& semaphore, const struct timespec* deadline) {
+int tryLockShared(pthread_mutex_t& mutex) {
+    return madeConsistent(mutex, pthread_mutex_trylock(&mutex));
+}
+
+int lockShared(pthread_mutex_t& mutex, int ms) {
+    return madeConsistent(mutex, lockUntil(mutex, inMs(ms)));
+}
+
+int waitFor(sem_t& semaphore) {
     int result;
     do
-        result = deadline ? sem_timedwait(&semaphore, deadline) : sem_wait(&semaphore);
+        result = sem_wait(&semaphore);
+    while (result != 0 && errno == EINTR);
+    return result;
+}
+
+int waitFor(sem_t& semaphore, int ms) {
+    const struct timespec deadline = inMs(ms);
+    int result;
+    do
+        result = waitUntil(semaphore, deadline);
     while (result != 0 && errno == EINTR);
     return result;
 }

@@ -2,8 +2,6 @@
 // Mutexes and semaphores in shared memory, and how the two ends of the file service wait on them.
 #pragma once
 
-#include <ctime>
-
 #include <pthread.h>
 #include <semaphore.h>
 
@@ -34,12 +32,31 @@ private:
     int m_setError = 0;
 };
 
-/// Locks `mutex`, waiting until `deadline` on CLOCK_REALTIME. A null deadline does not wait. A
-/// mutex whose owner died is made consistent. \returns 0 or an error number.
-int lockShared(pthread_mutex_t& mutex, const struct timespec* deadline);
+// All waits are measured on CLOCK_MONOTONIC: a recorder without a battery-powered clock sets its
+// clock while it records.
 
-/// sem_timedwait(3), continued after a signal handler. A null deadline waits without limit.
-int waitFor(sem_t& semaphore, const struct timespec* deadline);
+/// How much is left of a time-out.
+class Deadline {
+public:
+    explicit Deadline(int ms);
+
+    /// \returns milliseconds, rounded up; 0 after the deadline.
+    int left() const;
+
+private:
+    const long long m_end; // in nanoseconds
+};
+
+/// Locks `mutex` without waiting. A mutex whose owner died is made consistent. \returns 0 or an
+/// error number.
+int tryLockShared(pthread_mutex_t& mutex);
+/// As tryLockShared(), waiting up to `ms` milliseconds.
+int lockShared(pthread_mutex_t& mutex, int ms);
+
+/// sem_wait(3), continued after a signal handler.
+int waitFor(sem_t& semaphore);
+/// As sem_timedwait(3), continued after a signal handler, for up to `ms` milliseconds.
+int waitFor(sem_t& semaphore, int ms);
 
 /// Polls a semaphore for a moment, yielding the processor, before a thread blocks on it. One object
 /// serves one thread.

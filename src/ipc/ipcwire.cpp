@@ -44,12 +44,8 @@ void setOwned(Area& area, bool owned) {
     __atomic_store_n(&area.control.magic, owned ? magic : 0, __ATOMIC_RELEASE);
 }
 
-std::uint32_t beginSession(Area& area) {
-    return __atomic_add_fetch(&area.sessions, 1, __ATOMIC_RELAXED);
-}
-
-std::uint32_t lastSession(const Area& area) {
-    return __atomic_load_n(&area.sessions, __ATOMIC_RELAXED);
+void countSession(Area& area) {
+    __atomic_add_fetch(&area.sessions, 1, __ATOMIC_RELAXED);
 }
 
 int wireLockCommand(int command) {

@@ -84,7 +84,7 @@ struct Area {
     AreaControl control;
     char request[textSize];
     char response[textSize];
-    std::uint32_t sessions; // how many have begun; a client counts after it has locked clientMutex
+    std::uint32_t sessions; // how many have begun; the first may have any number
     char unused[buffersOffset - sizeof(AreaControl) - 2 * textSize - sizeof(std::uint32_t)];
     char buffers[dataBuffers][dataBufferSize];
 };
@@ -120,10 +120,9 @@ inline Area& areaOf(IPCShm* shm) {
 bool isOwned(const Area& area);
 void setOwned(Area& area, bool owned);
 
-/// Counts a session. \returns its number. The caller holds the client mutex.
-std::uint32_t beginSession(Area& area);
-/// The number of the session that began last. Only equality matters: the first may have any number.
-std::uint32_t lastSession(const Area& area);
+/// Counts a session. The caller has just locked the client mutex. By the count, a client of an
+/// earlier release finds that another one has locked the mutex since.
+void countSession(Area& area);
 
 // --- Operations ---------------------------------------------------------------------------------
 

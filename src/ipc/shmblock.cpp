@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -137,13 +138,20 @@ void ShmBlock::openExisting() {
     const int fd = openObject();
     if (fd == -1)
         return;
+    int error = errno;
     if (map(fd) && !isReady(fd)) {
         // Another process may be initialising it.
         std::this_thread::sleep_for(openPause);
-        if (!isReady(fd))
+        if (!isReady(fd)) {
+            const bool isWhole = statusOf(fd).st_size >= static_cast<off_t>(m_size);
+            error = isWhole && isOfOtherAbi(m_base, m_size) ? EPROTO : EINVAL;
             unmap();
+        }
+    } else if (!m_base) {
+        error = errno;
     }
     ::close(fd);
+    errno = error;
 }
 
 /// \returns false when another process has removed the object in the meantime. Then call it again.
@@ -231,12 +239,11 @@ void* ShmBlock::base() const {
 void* ShmBlock::lock() {
     if (!isValid())
         return nullptr;
-    const struct timespec deadline = abstime(lockTimeoutMs);
-    return lockedData(lockShared(headerAt(m_base).mutex, &deadline));
+    return lockedData(lockShared(headerAt(m_base).mutex, lockTimeoutMs));
 }
 
 void* ShmBlock::tryLock() {
-    return isValid() ? lockedData(lockShared(headerAt(m_base).mutex, nullptr)) : nullptr;
+    return isValid() ? lockedData(tryLockShared(headerAt(m_base).mutex)) : nullptr;
 }
 
 /// The user data, if the lock was taken and the block is still valid; otherwise null, unlocked.
@@ -329,11 +336,10 @@ void* IPCShm::databufAddr(int index) {
 
 int IPCShm::allocDataBuf(unsigned int timeout) {
     AreaControl& control = areaOf(this).control;
-    struct timespec deadline;
-    setTimeout(&deadline, timeout * 1000ULL);
-    if (waitFor(control.bufferSem, &deadline) != 0)
+    const int ms = static_cast<int>(std::min<unsigned int>(timeout, INT_MAX / 1000)) * 1000;
+    if (waitFor(control.bufferSem, ms) != 0)
         return -1;
-    if (const int error = lockShared(control.bufferMutex, &deadline)) {
+    if (const int error = lockShared(control.bufferMutex, lockTimeoutMs)) {
         sem_post(&control.bufferSem);
         errno = error;
         return -1;
@@ -356,9 +362,7 @@ int IPCShm::freeDataBuf(int index) {
         return -1;
     }
     AreaControl& control = areaOf(this).control;
-    struct timespec deadline;
-    setTimeout(&deadline, lockTimeoutMs);
-    if (const int error = lockShared(control.bufferMutex, &deadline)) {
+    if (const int error = lockShared(control.bufferMutex, lockTimeoutMs)) {
         errno = error;
         return -1;
     }

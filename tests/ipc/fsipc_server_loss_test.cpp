@@ -138,7 +138,7 @@ TEST_F(IPCFSTest, ServerStoppedForElevenSeconds_RequestIsCancelledAndNextSession
 
 TEST_F(IPCFSTest, LateAnswer_IsNotTakenForAnotherRequest) {
     ASSERT_EQ(fs.connect(1, nullptr), 0);
-    test::limitSemaphoreWaits(200);
+    test::limitSemaphoreWaits(5);
     const auto holder = openNew("f");
     const auto waiter = fs.open("/f", O_RDWR, 0);
     ASSERT_EQ(holder->flock(LOCK_EX), 0);

@@ -273,7 +273,7 @@ TEST(IPCServer, ShmOpenFails_RunFailsWithEACCES) {
 TEST(IPCServer, LockOfNewBlockTimesOut_RunFailsWithEBUSY) {
     IPCServer server(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
-    test::failCall("pthread_mutex_timedlock", 1, ETIMEDOUT);
+    test::failCall("pthread_mutex_clocklock", 1, ETIMEDOUT);
     errno = 0;
     EXPECT_EQ(server.run(nullptr), -1);
     EXPECT_EQ(errno, EBUSY);
@@ -324,7 +324,7 @@ INSTANTIATE_TEST_SUITE_P(
         InitFailure{"pthread_mutex_init", 2, "Failed to init mutexes"},
         InitFailure{"pthread_mutex_init", 3, "Failed to init mutexes"},
         InitFailure{"pthread_mutex_init", 4, "Failed to init mutexes"},
-        InitFailure{"pthread_mutex_timedlock", 2, "Unable to lock this shm"}),
+        InitFailure{"pthread_mutex_clocklock", 2, "Unable to lock this shm"}),
     [](const auto& tested) {
         return std::string(tested.param.call) + std::to_string(tested.param.count);
     });

@@ -126,7 +126,7 @@ TEST(IPCServer, TerminateDuringAllocDataBuf_AllocFailsWithEAGAIN) {
 
 TEST_F(IPCServerBusy, TerminateTimesOut_LogsAndReturnsZero) {
     LogCapture log("fsipcsrv=12");
-    test::failCall("pthread_mutex_timedlock", 2, ETIMEDOUT); // the first call locks the block
+    test::failCall("pthread_mutex_clocklock", 2, ETIMEDOUT); // the first call locks the block
     EXPECT_EQ(running.server->terminate(), 0);
     EXPECT_EQ(log.messages(), QStringList({"fsipcsrv 12 Terminate server",
                                            "fsipcsrv 12 NOTICE: Server still active."}));
@@ -138,7 +138,7 @@ TEST_F(IPCServerBusy, TerminateTimesOut_LogsAndReturnsZero) {
 TEST(IPCServer, LockOfBlockTimesOut_LogsAndStops) {
     RunningServer running(QSharedPointer<MemFS>::create());
     LogCapture log("fsipcsrv=12");
-    test::failCall("pthread_mutex_timedlock", 1, ETIMEDOUT);
+    test::failCall("pthread_mutex_clocklock", 1, ETIMEDOUT);
     EXPECT_EQ(running.server->terminate(), 0);
     EXPECT_EQ(withoutWaits(log.messages()).first(), "fsipcsrv 12 Failed to get ShmBlock lock");
     EXPECT_EQ(running.join(), 0);

@@ -139,11 +139,11 @@ TEST_F(IPCShmBuffers, SemaphoreAboveFreeBuffers_AllocFailsWithEAGAINAndDecrement
 }
 
 TEST_F(IPCShmBuffers, MutexNotReleased_FailsWithETIMEDOUT) {
-    test::failCall("pthread_mutex_timedlock", 1, ETIMEDOUT);
+    test::failCall("pthread_mutex_clocklock", 1, ETIMEDOUT);
     EXPECT_EQ(shm->allocDataBuf(1), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_EQ(freeBuffers(), 2);
-    test::failCall("pthread_mutex_timedlock", 1, ETIMEDOUT);
+    test::failCall("pthread_mutex_clocklock", 1, ETIMEDOUT);
     EXPECT_EQ(shm->freeDataBuf(0), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
 }

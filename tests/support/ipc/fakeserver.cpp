@@ -58,7 +58,7 @@ QByteArray FakeServer::request() {
 void FakeServer::serve() {
     pthread_mutex_lock(&area().control.serverMutex);
     sem_post(&m_started);
-    while (waitFor(area().control.requestSem, nullptr) == 0 && !m_ends) {
+    while (waitFor(area().control.requestSem) == 0 && !m_ends) {
         const std::lock_guard lock(m_mutex);
         if (!take(area(), m_request) || m_isSilent)
             continue;

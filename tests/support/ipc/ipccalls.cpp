@@ -31,6 +31,9 @@ std::atomic<double> lastWait{0};
 std::atomic<double> lastLock{0};
 std::atomic<long long> clockSeconds{0};
 std::atomic<long> clockNanoseconds{-1};
+/// How far CLOCK_MONOTONIC of the calling thread is ahead, in nanoseconds: by the waits that the
+/// limit has ended.
+thread_local long long skippedTime = 0;
 
 /// Counts down the calls of one function until something is to happen.
 struct Plan {
@@ -120,6 +123,10 @@ void setClock(long long seconds, long nanoseconds) {
     clockNanoseconds = nanoseconds;
 }
 
+double skippedSeconds() {
+    return static_cast<double>(skippedTime) / 1e9;
+}
+
 double lastSemaphoreTimeoutSeconds() {
     return lastWait;
 }
@@ -159,6 +166,7 @@ bool isLastWaitLimited() {
 } // namespace oru::io::test
 
 using oru::io::test::fails;
+using oru::io::test::skippedTime;
 using oru::io::test::watched;
 using oru::io::test::watchedErrno;
 
@@ -223,20 +231,35 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
 }
 
 int __real_clock_gettime(clockid_t clock, struct timespec* time);
-int __wrap_clock_gettime(clockid_t clock, struct timespec* time) {
-    const long nanoseconds = oru::io::test::clockNanoseconds;
-    if (clock != CLOCK_REALTIME || nanoseconds < 0)
-        return __real_clock_gettime(clock, time);
-    time->tv_sec = static_cast<time_t>(oru::io::test::clockSeconds);
-    time->tv_nsec = nanoseconds;
-    return 0;
+
+static long long nanoseconds(const struct timespec& time) {
+    return time.tv_sec * 1'000'000'000LL + time.tv_nsec;
 }
 
-static double secondsUntil(const struct timespec* deadline) {
+static struct timespec timeOf(long long nanoseconds) {
+    struct timespec time;
+    time.tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
+    time.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+    return time;
+}
+
+static long long realNow() {
     struct timespec now;
-    __real_clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<double>(deadline->tv_sec - now.tv_sec) +
-           static_cast<double>(deadline->tv_nsec - now.tv_nsec) / 1e9;
+    __real_clock_gettime(CLOCK_MONOTONIC, &now);
+    return nanoseconds(now);
+}
+
+int __wrap_clock_gettime(clockid_t clock, struct timespec* time) {
+    if (clock == CLOCK_MONOTONIC) {
+        *time = timeOf(realNow() + skippedTime);
+        return 0;
+    }
+    const long fixed = oru::io::test::clockNanoseconds;
+    if (clock != CLOCK_REALTIME || fixed < 0)
+        return __real_clock_gettime(clock, time);
+    time->tv_sec = static_cast<time_t>(oru::io::test::clockSeconds);
+    time->tv_nsec = fixed;
+    return 0;
 }
 
 int __real_nanosleep(const struct timespec* time, struct timespec* left);
@@ -246,19 +269,16 @@ int __wrap_nanosleep(const struct timespec* time, struct timespec* left) {
     return __real_nanosleep(time, left);
 }
 
-int __real_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline);
-int __wrap_pthread_mutex_timedlock(pthread_mutex_t* mutex, const struct timespec* deadline) {
-    oru::io::test::lastLock = secondsUntil(deadline);
-    const int error = watchedErrno("pthread_mutex_timedlock",
-                                   [=] { return __real_pthread_mutex_timedlock(mutex, deadline); });
-#if defined(__SANITIZE_THREAD__)
-    // With this result the caller holds the lock, which the sanitizer does not know.
-    if (error == EOWNERDEAD) {
-        __tsan_mutex_pre_lock(mutex, __tsan_mutex_try_lock);
-        __tsan_mutex_post_lock(mutex, __tsan_mutex_try_lock, 0);
-    }
-#endif
-    return error;
+int __real_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock,
+                                   const struct timespec* deadline);
+int __wrap_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock,
+                                   const struct timespec* deadline) {
+    const long long end = nanoseconds(*deadline) - skippedTime;
+    oru::io::test::lastLock = static_cast<double>(end - realNow()) / 1e9;
+    const struct timespec realDeadline = timeOf(end);
+    return watchedErrno("pthread_mutex_clocklock", [=, &realDeadline] {
+        return __real_pthread_mutex_clocklock(mutex, clock, &realDeadline);
+    });
 }
 
 int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
@@ -287,36 +307,39 @@ int __wrap_sem_init(sem_t* semaphore, int shared, unsigned int value) {
     return watched("sem_init", -1, [=] { return __real_sem_init(semaphore, shared, value); });
 }
 
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                          void* (*function)(void*), void* argument);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                          void* (*function)(void*), void* argument) {
+    return watchedErrno("pthread_create", [=] {
+        return __real_pthread_create(thread, attributes, function, argument);
+    });
+}
+
 int __real_sem_post(sem_t* semaphore);
 int __wrap_sem_post(sem_t* semaphore) {
     return watched("sem_post", -1, [=] { return __real_sem_post(semaphore); });
 }
 
-int __real_sem_timedwait(sem_t* semaphore, const struct timespec* deadline);
-int __wrap_sem_timedwait(sem_t* semaphore, const struct timespec* deadline) {
-    if (fails("sem_timedwait"))
+int __real_sem_clockwait(sem_t* semaphore, clockid_t clock, const struct timespec* deadline);
+int __wrap_sem_clockwait(sem_t* semaphore, clockid_t clock, const struct timespec* deadline) {
+    if (fails("sem_clockwait"))
         return -1;
-    struct timespec earliest;
-    __real_clock_gettime(CLOCK_REALTIME, &earliest);
-    oru::io::test::lastWait = secondsUntil(deadline);
-    const int longest = oru::io::test::waitLimitMs;
-    if (longest == 0) {
-        oru::io::test::isLimited = false;
-        return __real_sem_timedwait(semaphore, deadline);
-    }
+    const long long end = nanoseconds(*deadline) - skippedTime;
+    oru::io::test::lastWait = static_cast<double>(end - realNow()) / 1e9;
+    const long long longest = oru::io::test::waitLimitMs * 1'000'000LL;
     int result = -1;
+    bool isLimited = false;
     do {
-        __real_clock_gettime(CLOCK_REALTIME, &earliest);
-        const long long nanoseconds = earliest.tv_nsec + longest * 1'000'000LL;
-        earliest.tv_sec += static_cast<time_t>(nanoseconds / 1'000'000'000);
-        earliest.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
-        const bool isLater =
-            earliest.tv_sec > deadline->tv_sec ||
-            (earliest.tv_sec == deadline->tv_sec && earliest.tv_nsec > deadline->tv_nsec);
-        oru::io::test::isLimited = !isLater;
-        result = __real_sem_timedwait(semaphore, isLater ? deadline : &earliest);
-    } while (result != 0 && errno == ETIMEDOUT && oru::io::test::isLimited &&
+        const long long limit = realNow() + longest;
+        isLimited = longest > 0 && limit < end;
+        oru::io::test::isLimited = isLimited;
+        const struct timespec until = timeOf(isLimited ? limit : end);
+        result = __real_sem_clockwait(semaphore, clock, &until);
+    } while (result != 0 && errno == ETIMEDOUT && isLimited &&
              oru::io::test::isExemptProcessAlive());
+    if (result != 0 && errno == ETIMEDOUT && isLimited)
+        skippedTime += end - realNow();
     return result;
 }
 }

@@ -28,17 +28,20 @@ void failCall(const char* function, int count, int error);
 /// time.
 void setClock(long long seconds, long nanoseconds);
 
-/// The time-out of the last sem_timedwait(3), in seconds from its call.
+/// The time-out of the last sem_clockwait(3), in seconds from its call.
 double lastSemaphoreTimeoutSeconds();
-/// The time-out of the last pthread_mutex_timedlock(3), in seconds from its call.
+/// The time-out of the last pthread_mutex_clocklock(3), in seconds from its call.
 double lastMutexTimeoutSeconds();
 
-/// Limits every sem_timedwait(3) to `ms` milliseconds. 0 removes the limit.
+/// Limits every sem_clockwait(3) to `ms` milliseconds. 0 removes the limit. After a wait that the
+/// limit has ended, CLOCK_MONOTONIC of the waiting thread is ahead by the time that was skipped.
 void limitSemaphoreWaits(int ms);
+/// How far CLOCK_MONOTONIC of the calling thread is ahead by now.
+double skippedSeconds();
 /// The limit does not apply while `process`, the server, is alive: on a busy machine its answers
 /// may take longer. 0 removes the exception.
 void exemptWaitsFor(pid_t process);
-/// Whether the limit has shortened the last sem_timedwait(3), which may not have returned yet.
+/// Whether the limit has shortened the last sem_clockwait(3), which may not have returned yet.
 bool isLastWaitLimited();
 
 } // namespace oru::io::test

@@ -68,9 +68,8 @@ void RawClient::send(const QByteArray& request) {
 }
 
 QByteArray RawClient::receive(int size) {
-    struct timespec deadline;
-    IPCShm::setTimeout(&deadline, 20'000);
-    if (waitFor(area().control.responseSem, &deadline) != 0)
+    constexpr int timeoutMs = 20'000;
+    if (waitFor(area().control.responseSem, timeoutMs) != 0)
         return "no answer";
     Text response;
     copyResponse(area(), response);
