@@ -28,12 +28,29 @@ std::unique_ptr<QTemporaryDir> makeTemporaryDirectory(bool keep) {
     return directory;
 }
 
+const char* describe(oru::io::IPCFS::Unavailable reason) {
+    using Unavailable = oru::io::IPCFS::Unavailable;
+    switch (reason) {
+    case Unavailable::NoServer:
+        return "none is running";
+    case Unavailable::Busy:
+        return "another program is connected";
+    case Unavailable::OtherAbi:
+        return "it is a program of another ABI, 32- or 64-bit";
+    case Unavailable::NoAnswer:
+    case Unavailable::None:
+        break;
+    }
+    return "it does not answer";
+}
+
 /// Begins a session with the file server. The session ends with the last reference to the file
 /// system.
 QSharedPointer<oru::io::FS> connectToFileServer() {
     auto fs = oru::io::IPCFS::SPtr::create();
     if (fs->connect(connectTries, nullptr) != 0)
-        throw cannot("connect to the file server (none runs, or it has another client)");
+        throw cannot(
+            QStringLiteral("connect to the file server (%1)").arg(describe(fs->unavailable())));
     return fs;
 }
 

@@ -135,7 +135,7 @@ clip_is_recorded_into_the_served_directory() {
 recorder_without_server_fails() {
     local start=$SECONDS
     run "$recorder" --to ipc --size 1M
-    expect_error 1 'cannot connect to the file server .*: Transport endpoint is not connected'
+    expect_error 1 'cannot connect to the file server \(none is running\): Transport endpoint is not connected'
     expect [ $((SECONDS - start)) -le 5 ]
     expect [ ! -e "$shared_memory" ]
 }
@@ -154,7 +154,7 @@ second_recorder_is_refused() {
     start_recording first
     "$recorder" --to ipc --name second --size 1M >/dev/null 2>"$work/second"
     expect [ $? -eq 1 ]
-    expect grep -q 'cannot connect to the file server' "$work/second"
+    expect grep -q 'cannot connect to the file server (another program is connected)' "$work/second"
     expect kill -INT "$recording"
     await_recording
     expect_success

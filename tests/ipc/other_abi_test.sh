@@ -79,7 +79,7 @@ expect_undisturbed() {
 expect_refused_client() {
     start_server "$1"
     record "$2" refused
-    expect_error 1 "cannot connect to the file server"
+    expect_error 1 "cannot connect to the file server \(it is a program of another ABI, 32- or 64-bit\)"
     expect is_empty "$clips"
     expect_undisturbed "$1"
 }
