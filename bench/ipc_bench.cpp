@@ -6,6 +6,7 @@
 #include "report.h"
 #include "service.h"
 
+#include <QProcess>
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -115,6 +116,48 @@ void writeThroughService(State& state, Placement::Where where) {
         [&] { return clip->write(applicationMemory(), mebi); });
 }
 
+/// Transfers the clip through the Floor: `before` and `after` are the client's part of a piece.
+template <class Before, class After>
+void transferThroughFloor(State& state, Floor::Order order, Before before, After after) {
+    const Placement placement(Placement::Apart);
+    if (!placement.isBound())
+        return skip(state, "transfers between two processors: there is only one");
+    Floor& floor = Service::instance().floor();
+    sem_post(&floor.begin);
+    moveClip(
+        state,
+        [&] {
+            floor.carryOut(Floor::Rewind);
+            return 0;
+        },
+        [&] {
+            before(floor);
+            floor.carryOut(order);
+            after(floor);
+            return mebi;
+        });
+    floor.carryOut(Floor::End);
+}
+
+void readThroughFloor(State& state) {
+    transferThroughFloor(
+        state, Floor::Read, [](Floor&) {},
+        [](Floor& floor) {
+            std::memcpy(applicationMemory(), floor.bytes, mebi);
+            benchmark::ClobberMemory();
+        });
+}
+
+void writeThroughFloor(State& state) {
+    transferThroughFloor(
+        state, Floor::Write,
+        [](Floor& floor) {
+            std::memcpy(floor.bytes, applicationMemory(), mebi);
+            benchmark::ClobberMemory();
+        },
+        [](Floor&) {});
+}
+
 void readAndCopy(State& state) {
     const Placement placement(Placement::Together);
     const int fd = open(Service::instance().systemClip().c_str(), O_RDONLY);
@@ -147,6 +190,19 @@ void copyAndWrite(State& state) {
     close(fd);
 }
 
+/// How long a request takes whose server answers, or is killed in the middle of it.
+void endOfRequest(State& state, const char* what) {
+    for (auto _ : state) {
+        QProcess program;
+        program.start(ORUIO_BENCH_DYING_SERVER, {what});
+        bool isNumber = program.waitForFinished() && program.exitCode() == 0;
+        const double seconds = isNumber ? program.readAllStandardOutput().toDouble(&isNumber) : 0;
+        if (!isNumber)
+            state.SkipWithError("the program with the dying server failed");
+        state.SetIterationTime(seconds);
+    }
+}
+
 // Another process does part of the work, so only real time includes it.
 BENCHMARK(exchange)->Name("exchange/ipc")->UseRealTime();
 BENCHMARK(bareExchange)->Name("exchange/semaphores")->UseRealTime();
@@ -162,6 +218,7 @@ BENCHMARK(readAndCopy)->Name("read_1m/copied")->Apply(clipRounds);
 BENCHMARK_CAPTURE(readThroughService, apart, Placement::Apart)
     ->Name("read_1m/ipc_apart")
     ->Apply(clipRounds);
+BENCHMARK(readThroughFloor)->Name("read_1m/floor")->Apply(clipRounds);
 BENCHMARK_CAPTURE(writeThroughService, together, Placement::Together)
     ->Name("write_1m/ipc_together")
     ->Apply(clipRounds);
@@ -169,5 +226,15 @@ BENCHMARK(copyAndWrite)->Name("write_1m/copied")->Apply(clipRounds);
 BENCHMARK_CAPTURE(writeThroughService, apart, Placement::Apart)
     ->Name("write_1m/ipc_apart")
     ->Apply(clipRounds);
+BENCHMARK(writeThroughFloor)->Name("write_1m/floor")->Apply(clipRounds);
+
+BENCHMARK_CAPTURE(endOfRequest, answered, "answer")
+    ->Name("end_of_request/answered")
+    ->UseManualTime()
+    ->Iterations(1);
+BENCHMARK_CAPTURE(endOfRequest, killed, "die")
+    ->Name("end_of_request/server_killed")
+    ->UseManualTime()
+    ->Iterations(1);
 
 } // namespace

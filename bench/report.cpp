@@ -41,6 +41,7 @@ double processorTime(const benchmark::BenchmarkReporter::Run& run, double speed)
 const char* unitOf(const Target& target) {
     switch (target.kind) {
     case Target::SpeedAtLeast:
+    case Target::Speed:
         return "MiB/s";
     case Target::MemoryAtMost:
         return "KiB";
@@ -93,7 +94,7 @@ void printRow(const Target& target, double measured, double reference) {
     const double result = value(target, measured, reference);
     const char* const unit = unitOf(target);
     const char* const resultUnit = isDifference(target) ? unit : "";
-    const bool hasLimit = target.kind != Target::ProcessorTime;
+    const bool hasLimit = target.kind != Target::ProcessorTime && target.kind != Target::Speed;
     const std::string limit =
         hasLimit ? relation(target) + (' ' + number("%g", target.limit, resultUnit)) : "none";
     const char* const verdict = !hasLimit ? "-" : isMet(target, result) ? "met" : "MISSED";

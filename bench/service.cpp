@@ -15,11 +15,11 @@ namespace {
 
 constexpr char clipPath[] = "/clip.mov";
 
-/// Creates memory for a PingPong. Programs started later inherit the descriptor. \returns it, or
+/// Creates memory for a Floor. Programs started later inherit the descriptor. \returns it, or
 /// -1.
 int makeSharedMemory() {
     const int fd = memfd_create("oruio-bench", 0);
-    return fd != -1 && ftruncate(fd, sizeof(PingPong)) == 0 ? fd : -1;
+    return fd != -1 && ftruncate(fd, sizeof(Floor)) == 0 ? fd : -1;
 }
 
 } // namespace
@@ -34,12 +34,13 @@ Service::Service() : m_directory(directoryTemplate()) {
     // A system has only one service. Without a private namespace this is the system's.
     hasPrivateMounts();
     const int shared = makeSharedMemory();
-    m_pingPong = mapPingPong(shared);
-    const bool isServed = m_pingPong && sem_init(&m_pingPong->ping, 1, 0) == 0 &&
-                          sem_init(&m_pingPong->pong, 1, 0) == 0 &&
-                          m_server.startUntilReady(ORUIO_BENCH_SERVER,
-                                                   {m_directory.path(), QString::number(shared)}) &&
-                          m_client.connect(1, nullptr) == 0;
+    m_floor = mapFloor(shared);
+    const bool isServed =
+        m_floor && sem_init(&m_floor->pingPong.ping, 1, 0) == 0 &&
+        sem_init(&m_floor->pingPong.pong, 1, 0) == 0 && sem_init(&m_floor->begin, 1, 0) == 0 &&
+        m_server.startUntilReady(ORUIO_BENCH_SERVER, {m_directory.path(), QString::number(shared),
+                                                      m_directory.path() + clipPath}) &&
+        m_client.connect(1, nullptr) == 0;
     close(shared);
     if (!isServed) {
         std::fprintf(stderr, "cannot start the file service\n");
@@ -50,7 +51,7 @@ Service::Service() : m_directory(directoryTemplate()) {
 
 Service::~Service() {
     m_client.disconnect();
-    munmap(m_pingPong, sizeof *m_pingPong);
+    munmap(m_floor, sizeof *m_floor);
 }
 
 oru::io::FS& Service::fs() {
@@ -58,7 +59,11 @@ oru::io::FS& Service::fs() {
 }
 
 PingPong& Service::pingPong() {
-    return *m_pingPong;
+    return m_floor->pingPong;
+}
+
+Floor& Service::floor() {
+    return *m_floor;
 }
 
 QString Service::clip() const {

@@ -2,8 +2,8 @@
 // The file service between processes, with both ends.
 #pragma once
 
+#include "floor.h"
 #include "helper.h"
-#include "ping_pong.h"
 
 #include <oruio/fsipc.h>
 
@@ -23,6 +23,8 @@ public:
     oru::io::FS& fs();
     /// The serving process responds on these semaphores too.
     PingPong& pingPong();
+    /// And it carries out these orders, for the same clip.
+    Floor& floor();
 
     /// The path of a clip of clipSize bytes, in the client and in the system.
     QString clip() const;
@@ -34,7 +36,7 @@ private:
     Q_DISABLE_COPY(Service)
 
     QTemporaryDir m_directory;
-    PingPong* m_pingPong = nullptr;
+    Floor* m_floor = nullptr;
     Helper m_server;
     oru::io::IPCFS m_client;
 };

@@ -13,6 +13,7 @@ struct Target {
         DifferenceAtMost, ///< measured - reference, in nanoseconds, must not exceed the limit
         SpeedAtLeast,     ///< measured / reference, in bytes per time, must reach the limit
         MemoryAtMost,     ///< measured - reference, in KiB, must not exceed the limit
+        Speed,            ///< measured / reference, in bytes per time; no limit
         ProcessorTime,    ///< processor time per GiB, measured and reference; no limit
     };
 

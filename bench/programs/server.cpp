@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Serves a directory to the benchmarks until the end of its standard input.
 //
-//   usage: oruio_bench_server DIRECTORY [DESCRIPTOR]
+//   usage: oruio_bench_server DIRECTORY [DESCRIPTOR CLIP]
 //
-// If the descriptor of a PingPong is given, a thread responds on that too.
-#include "../ping_pong.h"
+// If the descriptor of a Floor is given, threads respond on its semaphores and carry out its
+// orders, too.
+#include "../floor.h"
 
 #include <oruio/ipc_server.h>
 #include <oruio/posixfs.h>
@@ -14,9 +15,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <thread>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -30,6 +35,49 @@ void respond(PingPong* pingPong) {
         if (sem_wait(&pingPong->ping) == 0)
             sem_post(&pingPong->pong);
     }
+}
+
+/// Carries out one order on the clip.
+void carryOut(Floor& floor, int clip) {
+    bool isDone = true;
+    switch (floor.order.load(std::memory_order_acquire)) {
+    case Floor::Rewind:
+        isDone = lseek(clip, 0, SEEK_SET) == 0;
+        break;
+    case Floor::Read:
+        isDone = read(clip, floor.bytes, Floor::size) == Floor::size;
+        break;
+    case Floor::Write:
+        isDone = write(clip, floor.bytes, Floor::size) == Floor::size;
+        break;
+    default:
+        return;
+    }
+    if (!isDone)
+        std::abort();
+    floor.order.store(Floor::Idle, std::memory_order_release);
+}
+
+/// Carries out orders, after each `begin` until `End`. Never returns.
+void carryOutAll(Floor* floor, int clip) {
+    for (;;) {
+        if (sem_wait(&floor->begin) != 0)
+            continue;
+        while (floor->order.load(std::memory_order_acquire) != Floor::End)
+            carryOut(*floor, clip);
+        floor->order.store(Floor::Idle, std::memory_order_release);
+    }
+}
+
+/// Starts the threads for the Floor. \returns false on failure.
+bool startFloor(const QString& descriptor, const QString& path) {
+    Floor* const floor = mapFloor(descriptor.toInt());
+    const int clip = open(qPrintable(path), O_RDWR);
+    if (!floor || clip == -1)
+        return false;
+    std::thread(respond, &floor->pingPong).detach();
+    std::thread(carryOutAll, floor, clip).detach();
+    return true;
 }
 
 /// Waits until the server serves, or run() has returned. \returns whether it serves.
@@ -48,12 +96,8 @@ int main(int argc, char* argv[]) {
     const QStringList arguments = QCoreApplication::arguments();
     if (arguments.size() < 2)
         return 2;
-    if (arguments.size() > 2) {
-        PingPong* const pingPong = mapPingPong(arguments[2].toInt());
-        if (!pingPong)
-            return 1;
-        std::thread(respond, pingPong).detach();
-    }
+    if (arguments.size() > 3 && !startFloor(arguments[2], arguments[3]))
+        return 1;
 
     IPCServer server(oru::io::PosixFS::SPtr::create(arguments[1]));
     const auto running = std::async(std::launch::async, [&server] {
