@@ -27,8 +27,8 @@ double result(const benchmark::BenchmarkReporter::Run& run) {
     const auto speed = run.counters.find(speedCounter);
     if (speed != run.counters.end())
         return speed->second / (1 << 20);
-    const bool real = run.run_name.time_type == "real_time";
-    const double time = real ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
+    const bool isReal = !run.run_name.time_type.empty(); // or measured by the benchmark itself
+    const double time = isReal ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
     return time / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
 }
 
