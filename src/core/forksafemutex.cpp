@@ -74,11 +74,15 @@ void ForkSafeMutex::afterForkInParent() {
 }
 
 void ForkSafeMutex::afterForkInChild() {
-    if (m_isHeldForFork)
+    if (m_isHeldForFork) {
         m_mutex.unlock();
+        return;
+    }
+    new (&m_mutex) std::mutex;
+    if (pthread_equal(m_reader, pthread_self()))
+        m_mutex.lock(); // this thread will unlock it
     else
-        new (&m_mutex) std::mutex;
-    m_isReading.store(false, std::memory_order_relaxed);
+        m_isReading.store(false, std::memory_order_relaxed);
 }
 
 } // namespace oru::io

@@ -5,13 +5,15 @@
 #include <atomic>
 #include <mutex>
 
+#include <pthread.h>
+
 namespace oru::io {
 
 /// A mutex whose data is consistent in a child of fork(2), where the other threads do not exist.
 ///
 /// fork(2) waits until no thread holds a mutex of this type. It does not wait for a holder that
 /// called setReading(): such a holder may take long, or be the forking thread itself. In the child
-/// the mutex is initialised again instead.
+/// the mutex is initialised again instead, and held again if the forking thread is the holder.
 ///
 /// While a thread holds a mutex of this type, it must not lock, create or destroy another one,
 /// unless it has called setReading().
@@ -31,6 +33,7 @@ public:
     }
     /// For the holder, until it unlocks: the data is not changed any more.
     void setReading() {
+        m_reader = pthread_self();
         m_isReading.store(true, std::memory_order_release);
     }
 
@@ -43,6 +46,7 @@ private:
 
     std::mutex m_mutex;
     std::atomic<bool> m_isReading{false};
+    pthread_t m_reader = {}; // valid while m_isReading
     bool m_isHeldForFork = false;
     ForkSafeMutex* m_previous = nullptr; // guarded by the registry's mutex
     ForkSafeMutex* m_next = nullptr;

@@ -139,6 +139,41 @@ TEST(Fork, InsideSync_DoesNotDeadlock) {
     EXPECT_EQ(fs->status, 5);
 }
 
+// The child returns from sync(), too. Until then it holds the lock of the table.
+TEST(Fork, InsideSync_ChildHoldsTheTableUntilItReturns) {
+    struct ForkingSync : PosixFS {
+        ForkingSync() : PosixFS(QString()) {}
+        void sync() override {
+            child = fork();
+            if (child != 0)
+                return;
+            lookup = std::thread([this] {
+                root->getFS("/s", nullptr);
+                hasLookedUp = true;
+            });
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            wasLocked = !hasLookedUp;
+        }
+        pid_t child = -1;
+        FSSwitch* root = nullptr;
+        std::thread lookup;
+        std::atomic<bool> hasLookedUp{false};
+        bool wasLocked = false;
+    };
+    const auto fs = QSharedPointer<ForkingSync>::create();
+    const auto root = FSSwitch::SPtr::create();
+    fs->root = root.data();
+    root->add("/s", fs);
+    root->sync();
+    if (fs->child == 0) {
+        fs->lookup.join();
+        _exit(fs->wasLocked ? 5 : 6);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(fs->child, &status, 0), fs->child);
+    EXPECT_EQ(WEXITSTATUS(status), 5);
+}
+
 TEST(Fork, WhileAThreadCreatesTheRootSwitch_DoesNotDeadlock) {
     SKIP_WITH_LOCKED_ALLOCATOR();
     FSSwitch::SPtr before = FSSwitch::rootfs();
