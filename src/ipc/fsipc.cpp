@@ -8,6 +8,7 @@
 #include "core/systemtext_p.h"
 #include "ipc/fsipc_p.h"
 #include "ipc/ipcsession_p.h"
+#include "ipc/ipctrace_p.h"
 #include "ipc/ipcwire_p.h"
 
 #include <algorithm>
@@ -318,6 +319,7 @@ int IPCFS::Data::File::deliver(const void* buf, unsigned int len, Request reques
     const int index = m_data->reserveBuffer();
     if (index < 0)
         return -1;
+    trace(Step::FillBuffer, areaOf(m_data->shm), 0, index);
     if (offered > 0)
         std::memcpy(m_data->buffer(index), buf, offered);
     if (request(index, offered) != 0) {

@@ -6,6 +6,7 @@
 #include "core/errnosaver_p.h"
 #include "ipc/ipc_server_p.h"
 #include "ipc/ipcsync_p.h"
+#include "ipc/ipctrace_p.h"
 #include "ipc/ipcwire_p.h"
 #include "ipc/processgeneration_p.h"
 
@@ -135,11 +136,14 @@ int IPCServer::Data::retirePredecessor() {
         const int error = lockShared(old.control.serverMutex, otherServerTimeoutMs);
         if (error == EBUSY || error == ETIMEDOUT) {
             ORUIO_LOG(LogDebug, "Existing active server detected. Aborting");
+            trace(Step::GiveUp, old, GiveUpBusy);
             return EBUSY;
         }
         if (error == 0) {
+            trace(Step::LockServerMutex, old, LockToRetire);
             setOwned(old, false);
             // At once: for the old client, the holder of this mutex is a running server.
+            trace(Step::ReleaseServerMutex, old);
             pthread_mutex_unlock(&old.control.serverMutex);
             ORUIO_LOG(LogDebug, "Server crash detected. Resetting.");
         }
@@ -156,6 +160,7 @@ IPCShm* IPCServer::Data::takeOver(const ShmBlock::Access<IPCShm>& access) {
     Area& created = areaOf(access.data());
     if (isOwned(created)) {
         ORUIO_LOG(LogDebug, "Competing server detected. Aborting.");
+        trace(Step::GiveUp, created, GiveUpBusy);
         errno = EBUSY;
         return nullptr;
     }
@@ -168,6 +173,7 @@ IPCShm* IPCServer::Data::takeOver(const ShmBlock::Access<IPCShm>& access) {
         access.block()->remove();
         return nullptr;
     }
+    trace(Step::LockServerMutex, created, LockToServe);
     setBlock(access.block());
     setOwned(created, true);
     if (DBG_MASK & TraceLifecycle)
@@ -255,12 +261,16 @@ int IPCServer::Data::serve() {
             if (DBG_MASK & TraceServer)
                 ORUIO_LOG(LogDebug, "Get request failure %d", error);
             resetSession();
-        } else if (take(area(), request)) {
-            const CancelGuard guard; // the client waits for an answer
-            process();
+        } else {
+            trace(Step::Wake, area());
+            if (take(area(), request)) {
+                const CancelGuard guard; // the client waits for an answer
+                process();
+            }
         }
     }
     ORUIO_LOG(LogDebug, "IPC Server stopping");
+    trace(Step::Stop, area());
     // When a request has been accepted, the client may be reading the answer to it.
     if (requestState(area()) != Accepted) {
         take(area(), request);
@@ -277,6 +287,7 @@ bool IPCServer::Data::isServing() const {
 void IPCServer::Data::answerCancelled(IPCShm* to) {
     errno = ECANCELED;
     liberrno = Ok;
+    trace(Step::CancelledResponse, areaOf(to));
     sendResponse(to, -1, nullptr);
 }
 
@@ -294,6 +305,7 @@ int IPCServer::Data::tearDown() {
     closeSession();
     // Before the block is locked: a client that connects or disconnects holds the block until it is
     // answered or finds the server mutex released.
+    trace(Step::ReleaseServerMutex, area());
     const int result = pthread_mutex_unlock(&area().control.serverMutex);
     answerLateRequest(shm);
     {
@@ -328,6 +340,8 @@ int IPCServer::Data::terminate() {
     if (error == ETIMEDOUT)
         ORUIO_LOG(LogDebug, "NOTICE: Server still active.");
     if (error == 0) {
+        trace(Step::LockServerMutex, areaOf(target), LockToTerminate);
+        trace(Step::ReleaseServerMutex, areaOf(target));
         pthread_mutex_unlock(&serverMutex);
         // While this thread held the mutex, clients took it for a running server.
         answerLateRequest(target);
@@ -340,8 +354,9 @@ void IPCServer::Data::stop(const QSharedPointer<ShmBlock>& current) {
     const std::lock_guard lock(m_blockMutex);
     if (block != current)
         return;
-    state = Terminating;
     AreaControl& control = areaOf(shmAt(current->base())).control;
+    trace(Step::Terminate, areaOf(shmAt(current->base())));
+    state = Terminating;
     sem_post(&control.requestSem);
     sem_post(&control.bufferSem);
 }
@@ -368,6 +383,7 @@ void IPCServer::Data::closeSession() {
 }
 
 int IPCServer::Data::resetSession() {
+    trace(Step::BeginReset, area());
     closeSession();
     AreaControl& control = area().control;
     constexpr int shared = 1;
@@ -382,6 +398,7 @@ int IPCServer::Data::resetSession() {
     control.bufferMap = 0;
     if (locked == 0)
         pthread_mutex_unlock(&control.bufferMutex);
+    trace(Step::SemaphoresInitialised, area());
     // Last: from here on the next client may publish a request.
     setIdle(area());
     if (DBG_MASK & TraceLifecycle)
@@ -403,8 +420,10 @@ bool IPCServer::Data::probeClient() {
     if (error == 0 || error == EOWNERDEAD)
         pthread_mutex_unlock(&clientMutex);
     // A robust mutex that is unlocked without pthread_mutex_consistent(3) cannot be locked again.
-    if (error == EOWNERDEAD || error == ENOTRECOVERABLE)
+    if (error == EOWNERDEAD || error == ENOTRECOVERABLE) {
+        trace(Step::ClientMutexRemade, area(), error);
         SharedMutexAttributes().makeMutex(clientMutex);
+    }
     block->unlock();
     return error == EBUSY;
 }
@@ -426,6 +445,7 @@ int IPCServer::Data::getRequest(IPCShm* from) {
 }
 
 void IPCServer::Data::process() {
+    trace(Step::Execute, area(), request.bytes);
     const char* args = nullptr;
     if (char* const blank = std::strchr(request.bytes, ' ')) {
         *blank = '\0';
@@ -455,6 +475,7 @@ int IPCServer::Data::sendResponse(IPCShm* to, int result, const char* format, ..
     const int sent = used < textSize ? 0 : replaceTooLong(to);
     if (DBG_MASK & TraceServer)
         ORUIO_LOG(LogDebug, "Send response '%.*s'", shownBytes, text);
+    trace(Step::Respond, areaOf(to));
     sem_post(&areaOf(to).control.responseSem);
     return sent;
 }
@@ -471,6 +492,7 @@ int IPCServer::Data::sendBufResponse(IPCShm* to, int result, const void* data,
     if (DBG_MASK & TraceServer)
         ORUIO_LOG(LogDebug, "Send BufResponse %.*s + %zu bytes", shownBytes, text,
                   std::size_t{length});
+    trace(Step::Respond, areaOf(to));
     sem_post(&areaOf(to).control.responseSem);
     return sent;
 }

@@ -6,6 +6,7 @@
 #include "core/failwith_p.h"
 #include "ipc/ipcsession_p.h"
 #include "ipc/ipcsync_p.h"
+#include "ipc/ipctrace_p.h"
 #include "ipc/ipcwire_p.h"
 #include "ipc/processgeneration_p.h"
 
@@ -90,20 +91,25 @@ bool IPCFS::Data::lockClientMutex() {
         reason = Unavailable::NoServer;
         ORUIO_LOG(LogDebug, "Server not online: %s",
                   server == 0 ? "shm unlocked" : std::strerror(server));
+        trace(Step::GiveUp, area(), GiveUpNoServer);
         return false;
     }
     if (DBG_MASK & TraceLifecycle)
         ORUIO_LOG(LogDebug, "Detected Server online");
     switch (const int error = m_clientMutex.acquire(area().control.clientMutex)) {
     case 0:
+        trace(Step::LockClientMutex, area());
         break;
     case EOWNERDEAD:
+        trace(Step::LockClientMutex, area(), error);
         ORUIO_LOG(LogDebug, "Client crash detected. Continuing.");
         break;
     case EBUSY:
+        trace(Step::GiveUp, area(), GiveUpBusy);
         ORUIO_LOG(LogDebug, "Existing client detected. Aborting.");
         return false;
     default:
+        trace(Step::GiveUp, area(), GiveUpBusy);
         ORUIO_LOG(LogDebug, "Client lock failed: %s. Aborting.", std::strerror(error));
         return false;
     }
@@ -133,11 +139,21 @@ bool IPCFS::Data::endPredecessor() {
     };
     if (!await(isSettled))
         return false;
-    if (requestState(area()) == Idle)
+    const char settled = requestState(area());
+    trace(Step::Settled, area(), settled);
+    if (settled == Idle)
         return true;
     setDone(area());
     post(op::disconnect, sizeof op::disconnect);
-    return await([this] { return requestState(area()) == Idle; });
+    return awaitIdle();
+}
+
+/// Waits until the server has ended the session. \returns whether it has.
+bool IPCFS::Data::awaitIdle() {
+    const bool isIdle = await([this] { return requestState(area()) == Idle; });
+    if (isIdle)
+        trace(Step::Settled, area(), Idle);
+    return isIdle;
 }
 
 void IPCFS::Data::end() {
@@ -155,7 +171,7 @@ void IPCFS::Data::end() {
         return;
     post(op::disconnect, sizeof op::disconnect);
     // The next client must not begin before the server has closed this session.
-    await([this] { return requestState(area()) == Idle; });
+    awaitIdle();
     leave();
     reason = Unavailable::None;
 }
@@ -175,8 +191,10 @@ bool IPCFS::Data::verifySession() {
 void IPCFS::Data::leave() {
     const ErrnoSaver saver;
     state = NotConnected;
-    if (m_clientMutex.isHeld())
+    if (m_clientMutex.isHeld()) {
         cancel(area());
+        trace(Step::ReleaseClientMutex, area());
+    }
     m_clientMutex.release();
     shm = nullptr;
     block.reset();
@@ -187,6 +205,8 @@ void IPCFS::Data::leave() {
 int IPCFS::Data::probeServer() {
     AreaControl& control = area().control;
     const int error = pthread_mutex_trylock(&control.serverMutex);
+    if (error == 0 || error == EOWNERDEAD)
+        trace(Step::ServerGone, area(), error);
     if (error == EOWNERDEAD) {
         setOwned(area(), false);
         pthread_mutex_consistent(&control.serverMutex);
@@ -201,14 +221,20 @@ int IPCFS::Data::probeServer() {
 template <class Condition>
 bool IPCFS::Data::await(Condition condition) {
     constexpr int yields = 200;
+    const auto isMetAtLast = [&](GiveUpReason failure) {
+        const bool isMet = condition();
+        if (!isMet)
+            trace(Step::GiveUp, area(), failure);
+        return isMet;
+    };
     const Deadline deadline(answerTimeoutMs);
     for (int round = 0; !condition(); ++round) {
         if (probeServer() != EBUSY) {
             reason = Unavailable::NoServer;
-            return condition();
+            return isMetAtLast(GiveUpNoServer);
         }
         if (deadline.left() == 0)
-            return condition();
+            return isMetAtLast(GiveUpNoAnswer);
         if (round < yields)
             std::this_thread::yield();
         else
@@ -264,6 +290,7 @@ void IPCFS::Data::post(const char* text, std::size_t length) {
     publish(area(), text, length);
     if (DBG_MASK & TraceClient)
         ORUIO_LOG(LogDebug, "Send request '%s'", text);
+    trace(Step::Post, area());
     sem_post(&area().control.requestSem);
 }
 
@@ -274,6 +301,7 @@ int IPCFS::Data::getResponse(const char** payload) {
         leave();
         return failWith(ENOTCONN);
     }
+    trace(Step::TakeResponse, area());
     copyResponse(area(), m_response);
     setDone(area());
     const int result = parseResponse(payload);
@@ -297,6 +325,7 @@ bool IPCFS::Data::awaitResponse() {
     while (waitFor(responseSem, std::min(deadline.left(), probeIntervalMs)) != 0) {
         if (errno != ETIMEDOUT || deadline.left() == 0) {
             reason = Unavailable::NoAnswer;
+            trace(Step::GiveUp, area(), GiveUpNoAnswer);
             ORUIO_LOG(LogDebug, "Response wait error: %s. Disconnecting.", std::strerror(errno));
             return false;
         }
@@ -313,6 +342,7 @@ bool IPCFS::Data::awaitResponse() {
 /// `probed` is the result of probeServer().
 void IPCFS::Data::logServerGone(int probed) {
     reason = Unavailable::NoServer;
+    trace(Step::GiveUp, area(), GiveUpNoServer);
     if (probed == EOWNERDEAD)
         ORUIO_LOG(LogDebug, "Server crashed.");
     ORUIO_LOG(LogDebug, "Server offline. Stopping client");

@@ -89,6 +89,7 @@ private:
     int probeServer();
     template <class Condition>
     bool await(Condition condition);
+    bool awaitIdle();
 
     ClientMutexOwner m_clientMutex;
     unsigned int m_generation = 0; // processGeneration() of the process that began the session

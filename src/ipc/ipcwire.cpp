@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ipc/ipcwire_p.h"
 
+#include "ipc/ipctrace_p.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -46,6 +48,7 @@ void setOwned(Area& area, bool owned) {
 
 void countSession(Area& area) {
     __atomic_add_fetch(&area.sessions, 1, __ATOMIC_RELAXED);
+    trace(Step::CountSession, area);
 }
 
 int wireLockCommand(int command) {
@@ -94,6 +97,7 @@ char requestState(const Area& area) {
 
 void publish(Area& area, const char* text, std::size_t length) {
     std::memcpy(area.request + 1, text + 1, std::min(length, textSize) - 1);
+    trace(Step::Publish, area, text);
     // An exchange and not a store: it is ordered with the read-modify-write in take(), and the
     // later of the two sees everything before the earlier one. So either the client finds the
     // server mutex released, or the server that has released it finds the request.
@@ -102,10 +106,13 @@ void publish(Area& area, const char* text, std::size_t length) {
 
 bool cancel(Area& area) {
     const char request = requestState(area);
-    return isPublished(request) && exchangeState(area, request, Done);
+    const bool isCancelled = isPublished(request) && exchangeState(area, request, Done);
+    trace(Step::Cancel, area, isCancelled);
+    return isCancelled;
 }
 
 void setDone(Area& area) {
+    trace(Step::Done, area);
     setState(area, Done);
 }
 
@@ -113,6 +120,7 @@ bool take(Area& area, Text& request) {
     const char first = __atomic_fetch_or(&area.request[0], 0, __ATOMIC_ACQ_REL);
     if (!isPublished(first) || !exchangeState(area, first, Copying))
         return false;
+    trace(Step::Accept, area);
     // Most requests are short, and nothing follows their string.
     char* const tail = area.request + 1;
     const std::size_t text = strnlen(tail, textSize - 1);
@@ -121,12 +129,15 @@ bool take(Area& area, Text& request) {
     copy(request, tail, used, 1);
     request.bytes[0] = first;
     std::memset(tail, wiped, used);
-    setState(area, names(request, op::disconnect) ? Ending : Accepted);
+    const RequestState copied = names(request, op::disconnect) ? Ending : Accepted;
+    trace(Step::Copied, area, request.bytes, copied);
+    setState(area, copied);
     return true;
 }
 
 void setIdle(Area& area) {
     std::memset(area.request + 1, wiped, textSize - 1);
+    trace(Step::Idle, area);
     setState(area, Idle);
 }
 

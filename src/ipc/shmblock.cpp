@@ -4,6 +4,7 @@
 #include "core/cancelguard_p.h"
 #include "core/errnosaver_p.h"
 #include "ipc/ipcsync_p.h"
+#include "ipc/ipctrace_p.h"
 #include "ipc/ipcwire_p.h"
 
 #include <algorithm>
@@ -89,6 +90,12 @@ private:
     const int m_fd;
     bool m_isHeld = false;
 };
+
+/// Traces a step with a block, if it is the file service's.
+void traceBlock(Step step, void* base, unsigned int size) {
+    if (size == areaSize + blockOverhead)
+        trace(step, areaOf(shmAt(base)));
+}
 
 struct stat statusOf(int fd) {
     struct stat st = {};
@@ -250,8 +257,10 @@ void* ShmBlock::tryLock() {
 void* ShmBlock::lockedData(int lockResult) {
     if (lockResult != 0)
         return nullptr;
-    if (isValid())
+    if (isValid()) {
+        traceBlock(Step::LockBlock, m_base, m_size);
         return shmAt(m_base);
+    }
     // The previous holder of the lock has removed the object.
     pthread_mutex_unlock(&headerAt(m_base).mutex);
     return nullptr;
@@ -260,6 +269,7 @@ void* ShmBlock::lockedData(int lockResult) {
 int ShmBlock::unlock() {
     if (!m_base)
         return 0;
+    traceBlock(Step::UnlockBlock, m_base, m_size);
     // Also when the object has been removed: memory with a robust mutex that a thread still holds
     // must not be unmapped.
     const int result = pthread_mutex_unlock(&headerAt(m_base).mutex);
@@ -274,6 +284,7 @@ bool ShmBlock::remove() {
     if (!m_base)
         return true;
     const CancelGuard guard;
+    traceBlock(Step::Retire, m_base, m_size);
     // In this order, a process that finds the header invalid also finds the name free. An object
     // with a name and without a valid header would be initialised again while others still use it.
     if (isNamed() && shm_unlink(m_name) != 0 && errno != ENOENT)
@@ -349,6 +360,7 @@ int IPCShm::allocDataBuf(unsigned int timeout) {
         ++index;
     if (index < dataBuffers)
         control.bufferMap |= 1U << index;
+    trace(Step::ReserveBuffer, areaOf(this), index < dataBuffers ? 0 : EAGAIN, index);
     pthread_mutex_unlock(&control.bufferMutex);
     if (index < dataBuffers)
         return index;
@@ -368,6 +380,7 @@ int IPCShm::freeDataBuf(int index) {
     }
     const bool wasTaken = control.bufferMap & (1U << index);
     control.bufferMap &= ~(1U << index);
+    trace(Step::FreeBuffer, areaOf(this), wasTaken, index);
     pthread_mutex_unlock(&control.bufferMutex);
     if (wasTaken)
         sem_post(&control.bufferSem);
