@@ -7,6 +7,7 @@
 #include "support/ipc/elapsed.h"
 #include "support/ipc/ipccalls.h"
 #include "support/ipc/ipcservice.h"
+#include "support/ipc/tracetest.h"
 #include "support/system/childprocess.h"
 #include "support/system/tempdir.h"
 
@@ -54,8 +55,10 @@ public:
     explicit TrapFS(const QString& root) : PosixFS(root) {}
 
     int stat(QString path, struct stat& st) override {
-        if (path == "/trap")
+        if (path == "/trap") {
+            test::recordDeath();
             ::kill(getpid(), SIGKILL);
+        }
         if (path == "/hold") {
             const int result = PosixFS::stat("/held", st);
             if (result == -1)
@@ -100,6 +103,12 @@ protected:
         if (!test::hasRobustMutexes())
             GTEST_SKIP() << "the system does not report the death of a mutex owner";
         test::limitSemaphoreWaits(deadServerTimeoutMs);
+    }
+
+    /// The steps of all processes follow the protocol, up to each death and after it.
+    void TearDown() override {
+        if (!IsSkipped())
+            trace.expectAccepted();
     }
 
     std::unique_ptr<ServerProcess> startServer(const std::function<void()>& prepare = {}) {
@@ -164,7 +173,13 @@ protected:
         EXPECT_FALSE(test::serviceExists());
     }
 
+    static void kill(ChildProcess& process) {
+        test::recordDeath(process.pid());
+        process.signal(SIGKILL);
+    }
+
     TempDir dir;
+    test::TraceOfTest trace;
 };
 
 } // namespace
@@ -241,7 +256,7 @@ TEST_F(IpcCrash, ClientKilledDuringARequest_NextClientWorks) {
     ASSERT_TRUE(server->awaitReady());
     const int idle = server->process().descriptors();
     const auto client = startBlockedClient();
-    client->signal(SIGKILL);
+    kill(*client);
     ASSERT_EQ(client->wait(), -SIGKILL);
     // The next client connects while the request still blocks, and continues when it is done.
     ChildProcess later([&] {
@@ -429,8 +444,8 @@ TEST_F(IpcCrash, BothKilled_NextServerAndClientWork) {
     auto server = startServer();
     ASSERT_TRUE(server->awaitReady());
     const auto client = startBlockedClient();
-    server->process().signal(SIGKILL);
-    client->signal(SIGKILL);
+    kill(server->process());
+    kill(*client);
     EXPECT_EQ(client->wait(), -SIGKILL);
     EXPECT_EQ(server->process().wait(), -SIGKILL);
     server = startServer();

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/ipc/ipccalls.h"
 
+#include "support/ipc/tracerecorder.h"
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -58,6 +60,7 @@ std::atomic<bool> diesAfter{false};
 std::atomic<int> failureError{0};
 
 void die() {
+    recordDeath();
     ::kill(getpid(), SIGKILL);
     pause();
 }
