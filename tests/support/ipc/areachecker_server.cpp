@@ -116,16 +116,16 @@ void AreaChecker::releaseServerMutex(const TraceEvent& event) {
 
 void AreaChecker::beginReset(const TraceEvent& event) {
     expectServer(event);
+    if (m_client && !m_dying.contains(m_client->process)) {
+        const ClientPhase phase = m_client->phase;
+        const bool isEnding =
+            phase == ClientPhase::Published && m_request.kind == RequestKind::Disconnect;
+        const bool isInCall = phase >= ClientPhase::MustEnd && phase <= ClientPhase::InSession;
+        require(isEnding || !isInCall, "NoWaiter", "a client is in a call");
+    }
     require(m_server.phase == ServerPhase::Starting ||
                 (m_server.phase == ServerPhase::Loop && m_server.mustReset),
             "Order", "no session has ended");
-    if (m_client && !m_dying.contains(m_client->process)) {
-        const ClientPhase phase = m_client->phase;
-        const bool usesSemaphores =
-            (phase >= ClientPhase::MustEnd && phase <= ClientPhase::InSession &&
-             !(phase == ClientPhase::Published && m_request.kind == RequestKind::Disconnect));
-        require(!usesSemaphores, "NoWaiter", "a client is in a call");
-    }
     m_openSession.reset();
     m_server.phase = ServerPhase::Resetting;
 }

@@ -27,6 +27,7 @@ namespace {
 std::atomic<int> passed{0};
 std::atomic<int> deadly{0};
 std::atomic<int> waitLimitMs{0};
+std::atomic<int> sleepLimitMs{0};
 std::atomic<pid_t> exemptProcess{0};
 std::atomic<bool> isLimited{false};
 std::atomic<double> lastWait{0};
@@ -158,6 +159,10 @@ void limitSemaphoreWaits(int ms) {
     waitLimitMs = ms;
 }
 
+void limitSleeps(int ms) {
+    sleepLimitMs = ms;
+}
+
 void exemptWaitsFor(pid_t process) {
     exemptProcess = process;
 }
@@ -269,7 +274,11 @@ int __real_nanosleep(const struct timespec* time, struct timespec* left);
 int __wrap_nanosleep(const struct timespec* time, struct timespec* left) {
     if (oru::io::test::action.isDue("nanosleep"))
         oru::io::test::actionToRun();
-    return __real_nanosleep(time, left);
+    const long long limit = oru::io::test::sleepLimitMs * 1'000'000LL;
+    if (limit == 0 || nanoseconds(*time) <= limit)
+        return __real_nanosleep(time, left);
+    const struct timespec shorter = timeOf(limit);
+    return __real_nanosleep(&shorter, left);
 }
 
 int __real_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock,

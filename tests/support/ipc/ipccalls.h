@@ -38,8 +38,11 @@ double lastMutexTimeoutSeconds();
 void limitSemaphoreWaits(int ms);
 /// How far CLOCK_MONOTONIC of the calling thread is ahead by now.
 double skippedSeconds();
-/// The limit does not apply while `process`, the server, is alive: on a busy machine its answers
-/// may take longer. 0 removes the exception.
+/// Limits every nanosleep(2) to `ms` milliseconds: connect() pauses for a second after it has
+/// failed. 0 removes the limit.
+void limitSleeps(int ms);
+/// The limit of semaphore waits does not apply while `process`, the server, is alive: on a busy
+/// machine its answers may take longer. 0 removes the exception.
 void exemptWaitsFor(pid_t process);
 /// Whether the limit has shortened the last sem_clockwait(3), which may not have returned yet.
 bool isLastWaitLimited();

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -122,6 +124,17 @@ std::int32_t threadNumber() {
     return static_cast<std::int32_t>(syscall(SYS_gettid));
 }
 
+std::atomic<int> deadlyPoint{0};
+
+/// Dies if this is the point to die at.
+void point() {
+    if (deadlyPoint > 0 && --deadlyPoint == 0) {
+        recordDeath();
+        ::kill(getpid(), SIGKILL);
+        pause();
+    }
+}
+
 /// Claims the next place. \returns null when there is no room.
 TraceEvent* claim(Step step, int value) {
     const auto row = static_cast<std::size_t>(step);
@@ -140,11 +153,10 @@ void fill(TraceEvent& place, TraceEvent event) {
 }
 
 struct StepAction {
-    std::atomic<int> step{-1};
     std::atomic<int> count{0};
     std::function<void()> run;
 };
-StepAction stepAction;
+StepAction actions[maxSteps];
 
 } // namespace
 
@@ -210,10 +222,14 @@ Trace readTrace(const std::string& path) {
 }
 
 void runAtStep(Step step, int count, std::function<void()> action) {
-    stepAction.step = -1;
-    stepAction.run = std::move(action);
-    stepAction.count = count;
-    stepAction.step = static_cast<int>(step);
+    StepAction& planned = actions[static_cast<std::size_t>(step)];
+    planned.count = 0;
+    planned.run = std::move(action);
+    planned.count = count;
+}
+
+void dieAtTracePoint(int point) {
+    deadlyPoint = point;
 }
 
 std::string nameOf(Step step) {
@@ -287,11 +303,16 @@ void recordStep(Step step, const Area& area, int value, int index, const char* t
         event.kind = test::kindOf(text, event.index);
         event.text = test::hashOf(text);
     }
-    if (TraceEvent* const place = test::claim(step, value))
+    test::point();
+    TraceEvent* const place = test::claim(step, value);
+    test::point();
+    if (place)
         test::fill(*place, event);
-    if (test::stepAction.step == static_cast<int>(step) && --test::stepAction.count == 0) {
-        test::stepAction.step = -1;
-        test::stepAction.run();
+    test::point();
+    auto& planned = test::actions[static_cast<std::size_t>(step)];
+    if (planned.count > 0 && --planned.count == 0) {
+        const auto action = std::move(planned.run); // it may plan the next one
+        action();
     }
 }
 

@@ -66,8 +66,13 @@ struct Trace {
 Trace readTrace(const std::string& path);
 
 /// Runs `action` when this process traces `step` for the `count`-th time from now on, after the
-/// step has been recorded. An action changes the area as a defect of the code would.
+/// step has been recorded. Each step has one action. An action changes the area as a defect of the
+/// code would.
 void runAtStep(ipcwire::Step step, int count, std::function<void()> action);
+
+/// Kills this process at the `point`-th point from now on (1 is the next). Each step is three
+/// points: before it claims its place in the record, before it writes the record, and after that.
+void dieAtTracePoint(int point);
 
 /// For messages.
 std::string nameOf(ipcwire::Step step);
