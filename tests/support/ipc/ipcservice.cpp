@@ -28,18 +28,10 @@ namespace oru::io::test {
 
 namespace {
 
-/// Gives the program its own /dev/shm, or the system's /dev/shm exclusively until it ends.
 class PrivateSharedMemory : public ::testing::Environment {
 public:
     void SetUp() override {
-        const bool isPrivate =
-            isolate(Namespaces::Mount) && mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
-        if (isPrivate)
-            return;
-        const int lock = ::open("/dev/shm/oruio-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        ASSERT_NE(lock, -1);
-        ASSERT_EQ(flock(lock, LOCK_EX), 0);
-        shm_unlink("/_blk_fsipc");
+        ASSERT_TRUE(enterPrivateSharedMemory());
     }
 };
 
@@ -48,6 +40,18 @@ public:
     ::testing::AddGlobalTestEnvironment(new PrivateSharedMemory);
 
 } // namespace
+
+bool enterPrivateSharedMemory() {
+    const bool isPrivate =
+        isolate(Namespaces::Mount) && mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+    if (isPrivate)
+        return true;
+    const int lock = ::open("/dev/shm/oruio-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (lock == -1 || flock(lock, LOCK_EX) != 0)
+        return false;
+    shm_unlink("/_blk_fsipc");
+    return true;
+}
 
 bool serviceExists() {
     return access("/dev/shm/_blk_fsipc", F_OK) == 0;

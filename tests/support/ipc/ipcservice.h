@@ -20,6 +20,9 @@
 
 namespace oru::io::test {
 
+/// Gives this process its own /dev/shm, or the system's /dev/shm exclusively until it ends. Test
+/// programs with gtest's main() call it. \returns false on failure.
+bool enterPrivateSharedMemory();
 /// Whether the service's object exists.
 bool serviceExists();
 /// Whether locking a robust mutex whose owner has died fails with EOWNERDEAD. Some emulators do not

@@ -38,7 +38,6 @@ struct TraceHeader {
 
 constexpr std::size_t headerSize = 4096;
 static_assert(sizeof(TraceHeader) <= headerSize);
-static_assert(std::atomic<std::uint64_t>::is_always_lock_free || sizeof(void*) == 4);
 
 TraceHeader* recording = nullptr;
 
