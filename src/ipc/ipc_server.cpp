@@ -354,11 +354,11 @@ void IPCServer::Data::stop(const QSharedPointer<ShmBlock>& current) {
     const std::lock_guard lock(m_blockMutex);
     if (block != current)
         return;
-    AreaControl& control = areaOf(shmAt(current->base())).control;
-    trace(Step::Terminate, areaOf(shmAt(current->base())));
+    Area& served = areaOf(shmAt(current->base()));
+    trace(Step::Terminate, served);
     state = Terminating;
-    sem_post(&control.requestSem);
-    sem_post(&control.bufferSem);
+    sem_post(&served.control.requestSem);
+    sem_post(&served.control.bufferSem);
 }
 
 void IPCServer::Data::finish() {
