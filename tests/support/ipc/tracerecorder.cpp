@@ -214,7 +214,9 @@ Trace readTrace(const std::string& path) {
     trace.isComplete = header->claimed <= header->capacity;
     trace.events.reserve(count);
     std::copy_if(eventsOf(header), eventsOf(header) + count, std::back_inserter(trace.events),
-                 [](const TraceEvent& event) { return event.isValid == 1; });
+                 [](const TraceEvent& event) {
+                     return __atomic_load_n(&event.isValid, __ATOMIC_ACQUIRE) == 1;
+                 });
     trace.holes = count - trace.events.size();
     munmap(header, headerSize + header->capacity * sizeof(TraceEvent));
     return trace;
