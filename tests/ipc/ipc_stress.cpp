@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stresses the file service between processes:
 //
-//   ipc_stress [--seconds N] [--seed N] [--clients N] [--kill-server] [--check]
-//              [--trace FILE] [--events N]
+//   ipc_stress [--seconds N] [--seed N] [--clients N] [--kill-server] [--delay N]
+//              [--check] [--trace FILE] [--events N]
 //
 // A server, clients whose threads end at random during a session, and one innocent client, which
 // connects, writes, reads back and disconnects. Clients are killed or stopped for a moment; with
 // --kill-server the server is killed and started again. The innocent client may fail to connect
 // because another client is connected. Each other failure counts, unless the server was killed.
+//
+// With --delay about one step in N is delayed, so that the processes meet in more orders.
 //
 // With --check the steps are recorded and checked. With --trace the record is kept. The file has
 // room for 4 million steps, or those of --events. Later steps are not recorded.
@@ -61,6 +63,7 @@ struct Options {
     unsigned int seed = 1;
     int clients = 2;
     bool killsServer = false;
+    unsigned int delayedSteps = 0;
     bool checks = false;
     std::string trace;
     std::uint64_t events = 4U << 20;
@@ -400,10 +403,15 @@ private:
 
 bool readOptions(int argc, char** argv, Options& options) {
     const struct option known[] = {
-        {"seconds", required_argument, nullptr, 's'}, {"seed", required_argument, nullptr, 'r'},
-        {"clients", required_argument, nullptr, 'c'}, {"kill-server", no_argument, nullptr, 'k'},
-        {"trace", required_argument, nullptr, 't'},   {"events", required_argument, nullptr, 'e'},
-        {"check", no_argument, nullptr, 'v'},         {nullptr, 0, nullptr, 0},
+        {"seconds", required_argument, nullptr, 's'},
+        {"seed", required_argument, nullptr, 'r'},
+        {"clients", required_argument, nullptr, 'c'},
+        {"kill-server", no_argument, nullptr, 'k'},
+        {"trace", required_argument, nullptr, 't'},
+        {"events", required_argument, nullptr, 'e'},
+        {"check", no_argument, nullptr, 'v'},
+        {"delay", required_argument, nullptr, 'd'},
+        {nullptr, 0, nullptr, 0},
     };
     for (int option; (option = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
         switch (option) {
@@ -418,6 +426,9 @@ bool readOptions(int argc, char** argv, Options& options) {
             break;
         case 'k':
             options.killsServer = true;
+            break;
+        case 'd':
+            options.delayedSteps = static_cast<unsigned int>(std::strtoul(optarg, nullptr, 10));
             break;
         case 'v':
             options.checks = true;
@@ -454,8 +465,10 @@ void checkRecord(const std::string& path) {
 int main(int argc, char** argv) {
     Options options;
     if (!readOptions(argc, argv, options)) {
-        fprintf(stderr, "usage: ipc_stress [--seconds N] [--seed N] [--clients N] [--kill-server] "
-                        "[--check] [--trace FILE] [--events N]\n");
+        fprintf(
+            stderr,
+            "usage: ipc_stress [--seconds N] [--seed N] [--clients N] [--kill-server] [--delay N] "
+            "[--check] [--trace FILE] [--events N]\n");
         return 2;
     }
     if (!test::hasRobustMutexes()) {
@@ -473,6 +486,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     shared = new (memory) Shared;
+    test::delaySteps(options.delayedSteps);
     test::limitSleeps(1); // connect() pauses for a second after it has failed
     {
         Stress stress(options);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/ipc/tracerecorder.h"
 
+#include "core/errnosaver_p.h"
+
 #include <algorithm>
 #include <atomic>
 #include <csignal>
@@ -11,6 +13,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <random>
 #include <utility>
 
 #include <fcntl.h>
@@ -123,6 +126,16 @@ std::int32_t threadNumber() {
     return static_cast<std::int32_t>(syscall(SYS_gettid));
 }
 
+std::atomic<unsigned int> delayedSteps{0};
+
+void delay() {
+    if (delayedSteps == 0)
+        return;
+    thread_local std::minstd_rand random(static_cast<unsigned int>(threadNumber()));
+    if (random() % (2 * delayedSteps) == 0)
+        usleep(random() % 200);
+}
+
 std::atomic<int> deadlyPoint{0};
 
 /// Dies if this is the point to die at.
@@ -229,6 +242,10 @@ void runAtStep(Step step, int count, std::function<void()> action) {
     planned.count = count;
 }
 
+void delaySteps(unsigned int steps) {
+    delayedSteps = steps;
+}
+
 void dieAtTracePoint(int point) {
     deadlyPoint = point;
 }
@@ -294,6 +311,7 @@ using test::TraceEvent;
 void recordStep(Step step, const Area& area, int value, int index, const char* text) {
     if (!test::recording)
         return;
+    const ErrnoSaver saver;
     TraceEvent event = {};
     event.area = test::numberOf(area);
     event.session = __atomic_load_n(&area.sessions, __ATOMIC_RELAXED);
@@ -304,12 +322,14 @@ void recordStep(Step step, const Area& area, int value, int index, const char* t
         event.kind = test::kindOf(text, event.index);
         event.text = test::hashOf(text);
     }
+    test::delay();
     test::point();
     TraceEvent* const place = test::claim(step, value);
     test::point();
     if (place)
         test::fill(*place, event);
     test::point();
+    test::delay();
     auto& planned = test::actions[static_cast<std::size_t>(step)];
     if (planned.count > 0 && --planned.count == 0) {
         const auto action = std::move(planned.run); // it may plan the next one

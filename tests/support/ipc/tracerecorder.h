@@ -74,6 +74,10 @@ void runAtStep(ipcwire::Step step, int count, std::function<void()> action);
 /// points: before it claims its place in the record, before it writes the record, and after that.
 void dieAtTracePoint(int point);
 
+/// Delays about one step in `steps`, before or after its record, by up to 200 microseconds: so the
+/// processes meet in more orders. 0: no delays.
+void delaySteps(unsigned int steps);
+
 /// For messages.
 std::string nameOf(ipcwire::Step step);
 std::string describe(const TraceEvent& event);
