@@ -18,6 +18,7 @@ packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-use
 packages_device=("${packages_armhf[@]}" cpio dosfstools e2fsprogs exfatprogs fdisk kmod python3 qemu-system-arm)
 packages_fuzz=(clang libclang-rt-dev)
 packages_check=(clang-format clang-tidy git pkgconf python3 shellcheck)
+packages_prove=(gcc libc6-dev python3 spin)
 packages_docs=(doxygen doxygen-awesome-css graphviz)
 # To build libsmb2, if apt has no package of it.
 packages_libsmb2=(build-essential debhelper debian-archive-keyring libkrb5-dev)
