@@ -130,7 +130,8 @@ bool isQuiet;
 
 /* --- Threads and deaths -------------------------------------------------------------------------- */
 
-byte callers[3] = 3;      /* bit set: the threads of the application that have not ended */
+byte callers[3] = 1;      /* bit set: the threads of the application that have not ended */
+#define allCallers(process) (process == 1 && THREAD_ENDS > 0 -> 3 : 1)
 byte calling[3] = 1;      /* the thread that is in a call of the library; 0: none */
 bool canDie[3];           /* ghost: it runs and has not finished */
 chan death = [0] of { byte };
@@ -417,10 +418,11 @@ again:
         if
         :: isOk && mine.state != Idle ->
             mine.state = Done;
-#ifdef MUTANT_PREDECESSOR_NOT_ENDED
-#else
+#ifndef MUTANT_PREDECESSOR_NOT_ENDED
             publish(DISCONNECT, content(LAST, 0));
+#ifndef MUTANT_DOES_NOT_AWAIT_IDLE
             await(mine.state == Idle, isOk)
+#endif
 #endif
         :: else
         fi;
@@ -499,7 +501,7 @@ failed:
                 markAllDead(c);
                 session = 0; index = 0; found = 0; operations = 0;
                 isOk = 0; isConnected = 0; holdsClientMutex = 0; isLocked = 0;
-                callers[c] = 3; calling[c] = 1
+                callers[c] = allCallers(c); calling[c] = 1
             }
         }
     };
@@ -635,13 +637,13 @@ inline resetSession() {
     served.bufferMap = 0;
 #endif
     unlock(served.bufferMutex, SERVER_THREAD);
-    isLocked = 0;
 #endif
     d_step { served.request[0] = WIPED; served.request[1] = WIPED };
 #ifndef MUTANT_IDLE_BEFORE_RESET
     /* idle */
-    served.state = Idle
+    served.state = Idle;
 #endif
+    isLocked = 0
 }
 
 /* IPCServer::Data::process() */
@@ -827,6 +829,7 @@ active proctype Fate() {
         canDie[0] = 1;
         run Server();
         canDie[1] = 1;
+        callers[1] = allCallers(1);
         run Client(1);
 #if SESSIONS_2 > 0
         canDie[2] = 1;
