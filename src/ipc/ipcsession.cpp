@@ -117,13 +117,20 @@ bool IPCFS::Data::lockClientMutex() {
     return true;
 }
 
-/// Sends "connect". \returns its result. An area without a server is left as it is.
+/// Sends "connect". \returns its result.
 int IPCFS::Data::sendConnect() {
     int result = -1;
-    if (m_clientMutex.isHeld() && !endPredecessor())
+    if (!m_clientMutex.isHeld()) {
+        // No server owns the area. A client of the last one may still wait for a response in it.
+        // This client does not wait: it could take that response.
+        post(op::connect, sizeof op::connect);
+        logServerGone(probeServer());
         failWith(ENOTCONN);
-    else
+    } else if (endPredecessor()) {
         result = call(nullptr, op::connect, nullptr);
+    } else {
+        failWith(ENOTCONN);
+    }
     if (result != 0)
         ORUIO_LOG(LogDebug, "No response from server");
     return result;

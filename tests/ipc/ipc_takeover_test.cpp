@@ -238,6 +238,26 @@ TEST_F(IpcTakeover, ServerKilledAndAnotherProcessLooksForIt_CallFailsSoon) {
     EXPECT_EQ(prober.wait(), 0);
 }
 
+// A client of the dead server holds the server mutex for a moment, as it looks for the server. Its
+// response has been posted.
+TEST(IpcServerEnd, AreaWithoutServer_ConnectFailsAndTakesNoResponseOfAnotherClient) {
+    ShmBlock block(blockName, areaSize, ShmBlock::Create | ShmBlock::RemoveAtClose);
+    Area& area = test::makeOrphanedArea(block);
+    setOwned(area, false);
+    std::strcpy(area.response, "0,0,0");
+    constexpr int shared = 1;
+    ASSERT_EQ(sem_init(&area.control.responseSem, shared, 1), 0);
+    ASSERT_EQ(pthread_mutex_lock(&area.control.serverMutex), 0);
+    IPCFS::Data session;
+    EXPECT_EQ(session.init(nullptr), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_EQ(session.reason, IPCFS::Unavailable::NoServer);
+    int responses = 0;
+    EXPECT_EQ(sem_getvalue(&area.control.responseSem, &responses), 0);
+    EXPECT_EQ(responses, 1);
+    EXPECT_EQ(pthread_mutex_unlock(&area.control.serverMutex), 0);
+}
+
 TEST(IpcServerEnd, KilledDuringARequest_CallFailsSoon) {
     if (!test::hasRobustMutexes())
         GTEST_SKIP() << "the system does not report the death of a mutex owner";
