@@ -270,9 +270,10 @@ int IPCServer::Data::serve() {
         }
     }
     ORUIO_LOG(LogDebug, "IPC Server stopping");
-    trace(Step::Stop, area());
     // When a request has been accepted, the client may be reading the answer to it.
-    if (requestState(area()) != Accepted) {
+    const char last = requestState(area());
+    trace(Step::Stop, area(), last == Accepted);
+    if (last != Accepted) {
         take(area(), request);
         answerCancelled(shm);
     }

@@ -52,7 +52,7 @@ enum class Step : unsigned char {
     Respond,
     ClientMutexRemade, // the error number of locking it
     Terminate,
-    Stop,
+    Stop, // 1: the state is Accepted, and no request is cancelled
 
     // Traced by tests only
     Death, // the process in the argument is about to end, and may do so at any moment

@@ -6,8 +6,9 @@
 //
 // A server, clients whose threads end at random during a session, and one innocent client, which
 // connects, writes, reads back and disconnects. Clients are killed or stopped for a moment; with
-// --kill-server the server is killed and started again. The innocent client may fail to connect
-// because another client is connected. Each other failure counts, unless the server was killed.
+// --kill-server the server is killed or terminated, and started again. The innocent client may fail
+// to connect because another client is connected. Each other failure counts, unless the server has
+// ended.
 //
 // With --delay about one step in N is delayed, so that the processes meet in more orders.
 //
@@ -74,9 +75,9 @@ struct Shared {
     std::atomic<bool> clientsEnd{false};
     std::atomic<bool> serverEnds{false};
     std::atomic<bool> isServing{false};
-    std::atomic<int> serverKills{0};
+    std::atomic<int> serverEndings{0};
     std::atomic<int> innocentSessions{0};
-    std::atomic<int> interrupted{0}; // innocent sessions that the death of the server ended
+    std::atomic<int> interrupted{0}; // innocent sessions that the end of the server ended
     std::atomic<int> busy{0};        // attempts of the innocent client
     std::atomic<int> failures{0};
 };
@@ -231,7 +232,7 @@ class Innocent {
 public:
     int run() {
         for (unsigned int round = 1; !shared->clientsEnd; ++round) {
-            m_kills = shared->serverKills;
+            m_endings = shared->serverEndings;
             m_wasServing = shared->isServing;
             m_bytes.assign(1U << 20, static_cast<char>(round * 31));
             for (std::size_t i = 0; i < m_bytes.size(); i += 4096)
@@ -272,9 +273,9 @@ private:
     /// A call has failed. \returns false.
     bool failed(const char* call) {
         const int error = errno;
-        const bool isServerKilled =
-            m_kills != shared->serverKills || !m_wasServing || !shared->isServing;
-        if (isServerKilled)
+        const bool hasServerEnded =
+            m_endings != shared->serverEndings || !m_wasServing || !shared->isServing;
+        if (hasServerEnded)
             ++shared->interrupted;
         else
             fail("%s of the innocent client: %s, reason %d", call, std::strerror(error),
@@ -284,7 +285,7 @@ private:
 
     IPCFS m_fs;
     std::vector<char> m_bytes;
-    int m_kills = 0;
+    int m_endings = 0;
     bool m_wasServing = false;
 };
 
@@ -319,13 +320,14 @@ public:
         const auto takeovers = test::tracedSteps(Step::LockClientMutex, true) +
                                test::tracedSteps(Step::ClientMutexRemade, true);
         printf("sessions %llu (innocent %d, interrupted %d, busy %d), requests %llu, steps %llu, "
-               "takeovers %llu, clients killed %d, stopped %d, servers killed %d, failures %d\n",
+               "takeovers %llu, clients killed %d, stopped %d, servers killed %d, terminated %d, "
+               "failures %d\n",
                static_cast<unsigned long long>(all(Step::CountSession)),
                shared->innocentSessions.load(), shared->interrupted.load(), shared->busy.load(),
                static_cast<unsigned long long>(all(Step::Publish)),
                static_cast<unsigned long long>(test::tracedSteps()),
                static_cast<unsigned long long>(takeovers), m_kills, m_stops,
-               shared->serverKills.load(), shared->failures.load());
+               shared->serverEndings - m_terminations, m_terminations, shared->failures.load());
     }
 
 private:
@@ -355,8 +357,8 @@ private:
         pid_t& client = m_clients[static_cast<std::size_t>(number)];
         if (choice == 0 && m_options.killsServer) {
             shared->isServing = false;
-            ++shared->serverKills;
-            kill(m_server);
+            ++shared->serverEndings;
+            endServer();
             startServer();
         } else if (choice < 12) {
             kill(client);
@@ -368,6 +370,17 @@ private:
             ::kill(client, SIGCONT);
             ++m_stops;
         }
+    }
+
+    void endServer() {
+        if (upTo(m_random, 1) == 0) {
+            kill(m_server);
+            return;
+        }
+        shared->serverEnds = true;
+        expectEnd(m_server, "the server");
+        shared->serverEnds = false;
+        ++m_terminations;
     }
 
     static void kill(pid_t process) {
@@ -399,6 +412,7 @@ private:
     std::vector<pid_t> m_clients;
     int m_kills = 0;
     int m_stops = 0;
+    int m_terminations = 0;
 };
 
 bool readOptions(int argc, char** argv, Options& options) {

@@ -205,10 +205,12 @@ void AreaChecker::publish(const TraceEvent& event) {
                  event.text,       false,         false};
 }
 
-/// A client that finds an area without a server sends "connect" without the client mutex.
+/// A client that finds an area without a server, or before its server initialises it, sends
+/// "connect" without the client mutex.
 void AreaChecker::publishWithoutServer(const TraceEvent& event) {
+    const bool isWithoutServer = m_server.phase == ServerPhase::None || isServerStopping();
     require(m_block.isHeld && m_block.thread == event.thread &&
-                event.kind == RequestKind::Connect && isServerStopping(),
+                event.kind == RequestKind::Connect && isWithoutServer,
             "OneClient", "the process does not hold the client mutex");
     m_block.purpose = Purpose::Attempt;
     m_state = published;

@@ -106,11 +106,7 @@ void AreaChecker::releaseServerMutex(const TraceEvent& event) {
     if (m_server.thread != event.thread)
         return;
     expectServer(event);
-    // A client may have taken its response and not yet set the state to Done.
-    const bool isUnread = m_state == Accepted || (m_undo && m_undo->state == Accepted);
-    require(m_server.phase == ServerPhase::Answered ||
-                (m_server.phase == ServerPhase::Stopping && isUnread),
-            "Order", "the server has not stopped");
+    require(m_server.phase == ServerPhase::Answered, "Order", "the server has not stopped");
     m_server.phase = ServerPhase::Released;
 }
 
@@ -146,7 +142,7 @@ void AreaChecker::idle(const TraceEvent& event) {
     expectServer(event);
     require(m_server.phase == ServerPhase::SemaphoresInitialised, "Order",
             "the semaphores have not been initialised");
-    require(m_state == (m_server.mustReset ? Ending : Idle), "State", "no session has ended");
+    require(!m_server.mustReset || m_state == Ending, "State", "no session has ended");
     m_server.phase = ServerPhase::Loop;
     m_server.mustReset = false;
     m_state = Idle;
@@ -212,7 +208,6 @@ void AreaChecker::cancelledResponse(const TraceEvent& event) {
         // The last response, without a request.
         expectServer(event);
         require(m_server.phase == ServerPhase::Stopping, "Order", "the server is not stopping");
-        require(m_state != Accepted, "State", "the client may be reading a response");
     } else {
         require(takes(event, TakerPhase::Copied) && m_takers[event.thread].isCancelling, "Order",
                 "the request is not to be cancelled");
@@ -262,7 +257,10 @@ void AreaChecker::stop(const TraceEvent& event) {
     require((m_server.phase == ServerPhase::Loop || m_server.phase == ServerPhase::Woken) &&
                 !m_server.mustReset,
             "Order", "the server is not waiting");
-    m_server.phase = ServerPhase::Stopping;
+    // The state was read before this step: the client may have set it to Done after that.
+    require(event.value == 1 || m_state != Accepted, "State",
+            "the client may be reading a response");
+    m_server.phase = event.value == 1 ? ServerPhase::Answered : ServerPhase::Stopping;
     m_openSession.reset();
 }
 
