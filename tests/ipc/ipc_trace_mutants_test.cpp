@@ -218,6 +218,26 @@ TEST_F(IpcTraceMutant, IdleBeforeTheSemaphoresAreInitialised_RefusedByOrder) {
     expectRefused("Order");
 }
 
+TEST_F(IpcTraceMutant, ClientDoesNotWaitForTheEndOfTheLastSession_RefusedByState) {
+    if (!test::hasRobustMutexes())
+        GTEST_SKIP() << "the system does not report the death of a mutex owner";
+    sem_t hasSettled;
+    sem_init(&hasSettled, 0, 0);
+    runAtStep(Step::BeginReset, 1, [&] { sem_wait(&hasSettled); });
+    ChildProcess last([] {
+        IPCFS fs;
+        if (fs.connect(1, nullptr) == 0)
+            test::dieAtCall("sem_post", 1, true);
+        return fs.disconnect();
+    });
+    ASSERT_EQ(last.wait(), -SIGKILL);
+    EXPECT_TRUE(test::eventually([this] { return requestState(area()) == Ending; }));
+    EarlierClient next;
+    next.lock();
+    sem_post(&hasSettled);
+    expectRefused("State");
+}
+
 TEST_F(IpcTraceMutant, NoDisconnectForThePredecessor_RefusedByOwnFiles) {
     if (!test::hasRobustMutexes())
         GTEST_SKIP() << "the system does not report the death of a mutex owner";
