@@ -13,8 +13,9 @@ shift
 run_here() {
     results=$root/build/$preset/tests.xml
     rm -f "$results"
+    local parallel=$((2 * $(nproc))) # most tests wait most of the time
     # Of the progress, only what went wrong is worth reading.
-    ctest --test-dir "$root/build/$preset" --parallel "$(nproc)" --timeout 300 \
+    ctest --test-dir "$root/build/$preset" --parallel "$parallel" --timeout 300 \
         --no-tests=error --output-on-failure --test-output-size-passed 65536 \
         --output-junit "$results" --label-exclude '^device$' "$@" |
         awk '
