@@ -2,20 +2,23 @@
 # SPDX-License-Identifier: Apache-2.0
 # Runs the tests of a built preset; prints what failed and what was skipped, and the sum. The preset
 # "device" is armhf's build in the emulated device.
-#   usage: run-tests.sh PRESET [CTEST_ARGUMENT...]
+#   usage: run-tests.sh PRESET[/FOLDER] [CTEST_ARGUMENT...]
+#
+# FOLDER is one of the tests in the build: dev/tests/ipc.
 set -euo pipefail
 
 root=$(dirname "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")")
-preset=$1
+directory=$root/build/$1
+preset=${1%%/*}
 shift
 
 # run_here CTEST_ARGUMENT...
 run_here() {
-    results=$root/build/$preset/tests.xml
+    results=$directory/tests.xml
     rm -f "$results"
     local parallel=$((2 * $(nproc))) # most tests wait most of the time
     # Of the progress, only what went wrong is worth reading.
-    ctest --test-dir "$root/build/$preset" --parallel "$parallel" --timeout 300 \
+    ctest --test-dir "$directory" --parallel "$parallel" --timeout 300 \
         --no-tests=error --output-on-failure --test-output-size-passed 65536 \
         --output-junit "$results" --label-exclude '^device$' "$@" |
         awk '
