@@ -8,7 +8,7 @@
 
 #include <sched.h>
 #if defined(__SANITIZE_THREAD__)
-#include <sanitizer/tsan_interface.h>
+#include "ipc/pollingwait_p.h"
 #endif
 
 namespace oru::io::ipcwire {
@@ -48,27 +48,30 @@ int madeConsistent(pthread_mutex_t& mutex, int error) {
     return error == EOWNERDEAD ? pthread_mutex_consistent(&mutex) : error;
 }
 
-// The thread sanitizer does not know these two functions of the C library.
+// The test programs redirect the calls of the C library to functions that poll in their place.
+#if defined(__SANITIZE_THREAD__) && !defined(ORUIO_IPC_TRACE)
 
 int lockUntil(pthread_mutex_t& mutex, const struct timespec& deadline) {
-    const int error = pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &deadline);
-#if defined(__SANITIZE_THREAD__)
-    if (error == 0 || error == EOWNERDEAD) {
-        __tsan_mutex_pre_lock(&mutex, __tsan_mutex_try_lock);
-        __tsan_mutex_post_lock(&mutex, __tsan_mutex_try_lock, 0);
-    }
-#endif
-    return error;
+    return pollUntil(deadline, EBUSY, [&] { return pthread_mutex_trylock(&mutex); });
 }
 
 int waitUntil(sem_t& semaphore, const struct timespec& deadline) {
-    const int result = sem_clockwait(&semaphore, CLOCK_MONOTONIC, &deadline);
-#if defined(__SANITIZE_THREAD__)
-    if (result == 0)
-        __tsan_acquire(&semaphore);
-#endif
-    return result;
+    const auto tryOnce = [&] { return sem_trywait(&semaphore) == 0 ? 0 : errno; };
+    errno = pollUntil(deadline, EAGAIN, tryOnce);
+    return errno == 0 ? 0 : -1;
 }
+
+#else
+
+int lockUntil(pthread_mutex_t& mutex, const struct timespec& deadline) {
+    return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &deadline);
+}
+
+int waitUntil(sem_t& semaphore, const struct timespec& deadline) {
+    return sem_clockwait(&semaphore, CLOCK_MONOTONIC, &deadline);
+}
+
+#endif
 
 } // namespace
 

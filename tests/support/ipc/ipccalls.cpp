@@ -17,7 +17,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 #if defined(__SANITIZE_THREAD__)
-#include <sanitizer/tsan_interface.h>
+#include "ipc/pollingwait_p.h"
 #endif
 
 namespace oru::io::test {
@@ -281,6 +281,7 @@ int __wrap_nanosleep(const struct timespec* time, struct timespec* left) {
     return __real_nanosleep(&shorter, left);
 }
 
+int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
 int __real_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock,
                                    const struct timespec* deadline);
 int __wrap_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock,
@@ -289,11 +290,17 @@ int __wrap_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock,
     oru::io::test::lastLock = static_cast<double>(end - realNow()) / 1e9;
     const struct timespec realDeadline = timeOf(end);
     return watchedErrno("pthread_mutex_clocklock", [=, &realDeadline] {
+#if defined(__SANITIZE_THREAD__)
+        static_cast<void>(clock);
+        static_cast<void>(realDeadline);
+        return oru::io::ipcwire::pollUntil(*deadline, EBUSY,
+                                           [=] { return __real_pthread_mutex_trylock(mutex); });
+#else
         return __real_pthread_mutex_clocklock(mutex, clock, &realDeadline);
+#endif
     });
 }
 
-int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_trylock(pthread_mutex_t* mutex) {
     if (fails("pthread_mutex_trylock"))
         return errno;
@@ -333,7 +340,19 @@ int __wrap_sem_post(sem_t* semaphore) {
     return watched("sem_post", -1, [=] { return __real_sem_post(semaphore); });
 }
 
+#if defined(__SANITIZE_THREAD__)
+static int realClockWait(sem_t* semaphore, clockid_t, const struct timespec* deadline) {
+    const auto tryOnce = [=] { return sem_trywait(semaphore) == 0 ? 0 : errno; };
+    const struct timespec shown = timeOf(nanoseconds(*deadline) + skippedTime);
+    errno = oru::io::ipcwire::pollUntil(shown, EAGAIN, tryOnce);
+    return errno == 0 ? 0 : -1;
+}
+#else
 int __real_sem_clockwait(sem_t* semaphore, clockid_t clock, const struct timespec* deadline);
+static int realClockWait(sem_t* semaphore, clockid_t clock, const struct timespec* deadline) {
+    return __real_sem_clockwait(semaphore, clock, deadline);
+}
+#endif
 int __wrap_sem_clockwait(sem_t* semaphore, clockid_t clock, const struct timespec* deadline) {
     if (fails("sem_clockwait"))
         return -1;
@@ -347,7 +366,7 @@ int __wrap_sem_clockwait(sem_t* semaphore, clockid_t clock, const struct timespe
         isLimited = longest > 0 && limit < end;
         oru::io::test::isLimited = isLimited;
         const struct timespec until = timeOf(isLimited ? limit : end);
-        result = __real_sem_clockwait(semaphore, clock, &until);
+        result = realClockWait(semaphore, clock, &until);
     } while (result != 0 && errno == ETIMEDOUT && isLimited &&
              oru::io::test::isExemptProcessAlive());
     if (result != 0 && errno == ETIMEDOUT && isLimited)
