@@ -86,8 +86,9 @@ TEST_F(IPCServerBusy, TerminateWithAPendingRequest_AnswersECANCELED) {
     // The client has cancelled its first request. The server does not carry out the second one.
     client.send("mkdir 493 /never");
     fs->openGate();
+    // The answer to the first request may be overwritten while it is copied.
     QByteArray answer = client.receive();
-    if (answer == "-1,2,0")
+    if (answer != "-1,125,0")
         answer = client.receive();
     EXPECT_EQ(answer, "-1,125,0");
     terminator.join();
