@@ -32,6 +32,11 @@ public:
             mutex.m_next->m_previous = mutex.m_previous;
     }
 
+    /// Locked from the begin of a fork(2) to its end.
+    std::mutex& mutex() {
+        return m_mutex;
+    }
+
 private:
     Registry() {
         pthread_atfork([] { instance().beforeFork(); },
@@ -62,6 +67,13 @@ ForkSafeMutex::~ForkSafeMutex() {
     Registry::instance().remove(*this);
 }
 
+void ForkSafeMutex::endReading() {
+    // Otherwise a thread could lock this mutex and change the data while a fork(2) still waits for
+    // another mutex.
+    const std::lock_guard lock(Registry::instance().mutex());
+    m_isReading.store(false, std::memory_order_relaxed);
+}
+
 void ForkSafeMutex::prepare() {
     constexpr auto pause = std::chrono::microseconds(100);
     while (!(m_isHeldForFork = m_mutex.try_lock()) && !m_isReading.load(std::memory_order_acquire))
@@ -78,11 +90,10 @@ void ForkSafeMutex::afterForkInChild() {
         m_mutex.unlock();
         return;
     }
-    new (&m_mutex) std::mutex;
     if (pthread_equal(m_reader, pthread_self()))
-        m_mutex.lock(); // this thread will unlock it
-    else
-        m_isReading.store(false, std::memory_order_relaxed);
+        return; // it still holds the mutex and will unlock it
+    new (&m_mutex) std::mutex;
+    m_isReading.store(false, std::memory_order_relaxed);
 }
 
 } // namespace oru::io

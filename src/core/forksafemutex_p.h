@@ -13,7 +13,7 @@ namespace oru::io {
 ///
 /// fork(2) waits until no thread holds a mutex of this type. It does not wait for a holder that
 /// called setReading(): such a holder may take long, or be the forking thread itself. In the child
-/// the mutex is initialised again instead, and held again if the forking thread is the holder.
+/// the mutex is initialised again instead, unless the forking thread is the holder and stays it.
 ///
 /// While a thread holds a mutex of this type, it must not lock, create or destroy another one,
 /// unless it has called setReading().
@@ -28,10 +28,12 @@ public:
         m_mutex.lock();
     }
     void unlock() {
-        m_isReading.store(false, std::memory_order_relaxed);
+        if (m_isReading.load(std::memory_order_relaxed))
+            endReading();
         m_mutex.unlock();
     }
-    /// For the holder, until it unlocks: the data is not changed any more.
+    /// For the holder, until it unlocks: the data is not changed any more. unlock() then waits for
+    /// the end of a fork(2) that has begun.
     void setReading() {
         m_reader = pthread_self();
         m_isReading.store(true, std::memory_order_release);
@@ -40,6 +42,7 @@ public:
 private:
     class Registry;
 
+    void endReading();
     void prepare();
     void afterForkInParent();
     void afterForkInChild();
