@@ -14,7 +14,6 @@
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -465,12 +464,12 @@ void IPCServer::Data::process() {
 
 int IPCServer::Data::sendResponse(IPCShm* to, int result, const char* format, ...) {
     char* const text = areaOf(to).response;
-    std::size_t used = snprintf(text, textSize, answer::header, result, errno, liberrno);
+    std::size_t used = formatFields(text, textSize, answer::header, result, errno, liberrno);
     if (format) {
         text[used++] = ' ';
         va_list args;
         va_start(args, format);
-        used += vsnprintf(text + used, textSize - used, format, args);
+        used += formatFields(text + used, textSize - used, format, args);
         va_end(args);
     }
     const int sent = used < textSize ? 0 : replaceTooLong(to);
@@ -484,7 +483,7 @@ int IPCServer::Data::sendResponse(IPCShm* to, int result, const char* format, ..
 int IPCServer::Data::sendBufResponse(IPCShm* to, int result, const void* data,
                                      unsigned int length) {
     char* const text = areaOf(to).response;
-    const std::size_t used = snprintf(text, textSize, answer::header, result, errno, liberrno);
+    const std::size_t used = formatFields(text, textSize, answer::header, result, errno, liberrno);
     int sent = 0;
     if (used + length < textSize)
         std::memcpy(text + used + 1, data, length);
@@ -500,7 +499,7 @@ int IPCServer::Data::sendBufResponse(IPCShm* to, int result, const void* data,
 
 int IPCServer::Data::replaceTooLong(IPCShm* to) {
     ORUIO_LOG(LogDebug, "Response '%s' exceeds max %zu", request.bytes, textSize);
-    snprintf(areaOf(to).response, textSize, answer::tooLong, -1, E2BIG, liberrno);
+    formatFields(areaOf(to).response, textSize, answer::tooLong, -1, E2BIG, liberrno);
     return -1;
 }
 

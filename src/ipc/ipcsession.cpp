@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <thread>
 
@@ -281,7 +280,7 @@ int IPCFS::Data::send(const char* name, const void* data, std::size_t length, co
     text[used] = '\0';
     if (format && used + 1 < textSize) {
         text[used++] = ' ';
-        used += vsnprintf(text + used, textSize - used, format, args);
+        used += formatFields(text + used, textSize - used, format, args);
     }
     if (used + length >= textSize) {
         ORUIO_LOG(LogDebug, "Request '%s' exceeds max %zu", text, textSize);

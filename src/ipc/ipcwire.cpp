@@ -4,7 +4,12 @@
 #include "ipc/ipctrace_p.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
+#include <iterator>
+#include <limits>
+
+#include <sys/types.h>
 
 namespace oru::io::ipcwire {
 
@@ -35,6 +40,51 @@ void copy(Text& text, const char* from, std::size_t length, std::size_t at) {
 void setState(Area& area, char to) {
     __atomic_store_n(&area.request[0], to, __ATOMIC_RELEASE);
 }
+
+/// Writes into a buffer, with a NUL after it, as much as fits. length() counts the rest, too.
+class FieldWriter {
+public:
+    FieldWriter(char* text, std::size_t size) : m_text(text), m_room(size - 1) {
+        text[0] = '\0';
+    }
+
+    void put(const char* bytes, std::size_t count) {
+        if (m_length < m_room) {
+            const std::size_t fits = std::min(count, m_room - m_length);
+            std::memcpy(m_text + m_length, bytes, fits);
+            m_text[m_length + fits] = '\0';
+        }
+        m_length += count;
+    }
+    void character(char c) {
+        put(&c, 1);
+    }
+    void string(const char* s) {
+        put(s, std::strlen(s));
+    }
+    template <class Number>
+    void number(Number value, int base = 10) {
+        char digits[std::numeric_limits<Number>::digits10 + 3]; // with a sign
+        const auto result = std::to_chars(digits, std::end(digits), value, base);
+        put(digits, result.ptr - digits);
+    }
+    void address(const void* value) {
+        if (!value)
+            return string("(nil)");
+        string("0x");
+        constexpr int hexadecimal = 16;
+        number(reinterpret_cast<std::uintptr_t>(value), hexadecimal);
+    }
+
+    std::size_t length() const {
+        return m_length;
+    }
+
+private:
+    char* m_text;
+    std::size_t m_room; // without the NUL
+    std::size_t m_length = 0;
+};
 
 } // namespace
 
@@ -144,6 +194,48 @@ void setIdle(Area& area) {
 void copyResponse(const Area& area, Text& response) {
     const std::size_t text = strnlen(area.response, textSize);
     copy(response, area.response, std::min(text + 1 + recordSize, textSize), 0);
+}
+
+std::size_t formatFields(char* text, std::size_t size, const char* format, std::va_list args) {
+    FieldWriter fields(text, size);
+    while (*format != '\0') {
+        const char* const percent = strchrnul(format, '%');
+        fields.put(format, percent - format);
+        format = percent;
+        const auto isNext = [&format](const char* conversion) {
+            const std::size_t length = std::strlen(conversion);
+            const bool isSame = std::strncmp(format, conversion, length) == 0;
+            format += isSame ? length : 0;
+            return isSame;
+        };
+        if (isNext("%d"))
+            fields.number(va_arg(args, int));
+        else if (isNext("%s"))
+            fields.string(va_arg(args, const char*));
+        else if (isNext("%c"))
+            fields.character(static_cast<char>(va_arg(args, int)));
+        else if (isNext("%zu"))
+            fields.number(va_arg(args, std::size_t));
+        else if (isNext("%zd"))
+            fields.number(va_arg(args, ssize_t));
+        else if (isNext("%lli"))
+            fields.number(va_arg(args, long long));
+        else if (isNext("%llu"))
+            fields.number(va_arg(args, unsigned long long));
+        else if (isNext("%p"))
+            fields.address(va_arg(args, const void*));
+        else if (*format != '\0')
+            fields.character(*format++);
+    }
+    return fields.length();
+}
+
+std::size_t formatFields(char* text, std::size_t size, const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    const std::size_t length = formatFields(text, size, format, args);
+    va_end(args);
+    return length;
 }
 
 FieldReader::FieldReader(const char* text)

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 
@@ -251,7 +252,14 @@ void setIdle(Area& area);
 /// has.
 void copyResponse(const Area& area, Text& response);
 
-// --- Parsing ------------------------------------------------------------------------------------
+// --- Formatting and parsing ---------------------------------------------------------------------
+
+/// Formats the fields of a request or response, as vsnprintf(3), in a fraction of its time. Knows
+/// the conversions of the formats above.
+std::size_t formatFields(char* text, std::size_t size, const char* format, std::va_list args)
+    __attribute__((format(printf, 3, 0)));
+std::size_t formatFields(char* text, std::size_t size, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
 
 /// Parses the fields of a NUL-terminated string from left to right. After the first field that is
 /// malformed it parses nothing more, and isGood() is false.

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -224,6 +225,55 @@ TEST_F(IpcRequest, TakeAndCancelAtOnce_OneOfThemSucceeds) {
     server.join();
     EXPECT_EQ(served, taken);
     EXPECT_EQ(cancelled + taken, rounds);
+}
+
+// The formats are those of the wire, whose exact bytes vsnprintf(3) defines.
+template <class... Values>
+void expectFormattedAsByTheCLibrary(const char* format, Values... values) {
+    char expected[64];
+    const int length = std::snprintf(expected, sizeof expected, format, values...);
+    for (std::size_t size = 1; size <= sizeof expected; ++size) {
+        char wanted[sizeof expected + 1];
+        char text[sizeof expected + 1];
+        std::memset(wanted, 'x', sizeof wanted);
+        std::memset(text, 'x', sizeof text);
+        std::snprintf(wanted, size, format, values...);
+        EXPECT_EQ(formatFields(text, size, format, values...), static_cast<std::size_t>(length));
+        EXPECT_EQ(std::string(text, sizeof text), std::string(wanted, sizeof wanted))
+            << format << " in " << size;
+    }
+}
+
+TEST(IpcFields, Formats_GiveTheBytesOfVsnprintfInAnySize) {
+    constexpr auto check = [](const char* format, auto... values) {
+        expectFormattedAsByTheCLibrary(format, values...);
+    };
+    constexpr int least = std::numeric_limits<int>::min();
+    constexpr int most = std::numeric_limits<int>::max();
+    constexpr auto leastLong = std::numeric_limits<long long>::min();
+    constexpr auto mostLong = std::numeric_limits<unsigned long long>::max();
+    constexpr auto mostSize = std::numeric_limits<std::size_t>::max();
+    check(args::path, "");
+    check(args::path, "/100% \xc3\xa4");
+    check(args::twoStrings, "/from", '\0', "to");
+    check(args::modeAndPath, 0755, "/a b");
+    check(args::lengthAndPath, mostLong, "/a");
+    check(args::handle, static_cast<const void*>(nullptr));
+    check(args::handle, static_cast<const void*>("an address"));
+    check(args::open, least, most, "/a");
+    check(args::transfer, -1, 0, mostSize);
+    check(args::transferAt, 3, 1, std::size_t{0}, mostLong);
+    check(args::lseek, 3, leastLong, 2);
+    check(args::fdAndLength, 3, std::numeric_limits<long long>::max());
+    check(args::fd, 0);
+    check(args::fdAndNumber, 3, -4);
+    check(args::fdAndTwoNumbers, 3, 1030, most);
+    check(answer::header, -1, ENOENT, 0);
+    check(answer::tooLong, -1, E2BIG, 0);
+    check(answer::text, "target");
+    check(answer::bufferAndCount, 1, ssize_t{-1});
+    check(answer::count, std::numeric_limits<ssize_t>::min());
+    check(answer::position, 4'294'967'296LL);
 }
 
 TEST(IpcFields, Numbers_AreReadInOrder) {
