@@ -206,19 +206,23 @@ Outcome opendir(Client& client, long long) {
 Outcome readlink(Client& client, long long number) {
     const unsigned int size = lengthOf(number);
     const std::unique_ptr<char[]> target(new char[size]);
-    const int length = client.fs.readlink("/l", target.get(), size);
-    require(length <= static_cast<int>(size), "a link's target is cut to the size asked for");
-    if (length >= 0)
-        require(std::count(target.get() + length, target.get() + size, '\0') == size - length,
-                "a link's target is followed by NULs");
-    return length < 0;
+    const int result = client.fs.readlink("/l", target.get(), size);
+    require(result <= 0, "readlink returns no length");
+    char* const end = target.get() + size;
+    if (result == 0)
+        require(
+            std::all_of(std::find(target.get(), end, '\0'), end, [](char c) { return c == '\0'; }),
+            "a link's target is followed by NULs");
+    return result < 0;
 }
 
 Outcome readlinkString(Client& client, long long) {
     QString target;
-    const int length = client.fs.readlink("/l", target);
-    require(length <= static_cast<int>(linkTextSize), "a link's target has a limited length");
-    return length < 0;
+    const int result = client.fs.readlink("/l", target);
+    require(result <= 0, "readlink returns no length");
+    require(target.size() <= static_cast<int>(linkTextSize),
+            "a link's target has a limited length");
+    return result < 0;
 }
 
 Outcome readAll(Client& client, long long number) {
