@@ -3,11 +3,16 @@
 // protocol.
 #pragma once
 
+#include "ipc/ipcwire_p.h"
 #include "ping_pong.h"
 
 #include <atomic>
+#include <cstddef>
 
 #include <sys/mman.h>
+
+/// The path of a file of the serving process. Its lseek() does nothing.
+constexpr char idleFilePath[] = "/idle";
 
 /// Memory that the benchmarks and the serving process share. The client changes the order, and the
 /// server sets it back to Idle when it has carried it out. Both poll it: nothing is faster.
@@ -20,11 +25,17 @@ struct Floor {
         End,    ///< poll no more, until the next `begin`
     };
     static constexpr int size = 1 << 20;
+    static constexpr std::size_t pageSize = 4096;
+    static constexpr std::size_t bufferOffset =
+        (sizeof(oru::io::ipcwire::BlockHeader) + oru::io::ipcwire::buffersOffset) % pageSize;
 
     PingPong pingPong;
     sem_t begin; // the server begins to poll the order
     std::atomic<int> order;
-    alignas(4096) char bytes[size];
+    /// As far into a page as the service's data buffers are: copies between addresses with the same
+    /// offset in a cache line are faster.
+    alignas(pageSize) char gap[bufferOffset];
+    char bytes[size];
 
     /// Client: gives an order and waits until it has been carried out.
     void carryOut(Order what) {

@@ -19,14 +19,23 @@ namespace {
 
 using benchmark::State;
 
-/// A request for which the file system does nothing.
-void exchange(State& state) {
+void seekThroughService(State& state, const QString& path) {
     const Placement placement(Placement::Together);
-    const auto clip = Service::instance().fs().open(Service::instance().clip(), O_RDONLY, 0);
+    const auto file = Service::instance().fs().open(path, O_RDONLY, 0);
     for (auto _ : state) {
-        if (clip->lseek(0, SEEK_SET) != 0)
+        if (file->lseek(0, SEEK_SET) != 0)
             state.SkipWithError("lseek failed");
     }
+}
+
+/// A request for which the serving process does nothing.
+void exchange(State& state) {
+    seekThroughService(state, idleFilePath);
+}
+
+/// A request for one system call of the serving process.
+void lseekThroughService(State& state) {
+    seekThroughService(state, Service::instance().clip());
 }
 
 void bareExchange(State& state) {
@@ -205,6 +214,7 @@ void endOfRequest(State& state, const char* what) {
 
 // Another process does part of the work, so only real time includes it.
 BENCHMARK(exchange)->Name("exchange/ipc")->UseRealTime();
+BENCHMARK(lseekThroughService)->Name("lseek/ipc")->UseRealTime();
 BENCHMARK(bareExchange)->Name("exchange/semaphores")->UseRealTime();
 BENCHMARK(statThroughService)->Name("stat/ipc")->UseRealTime();
 BENCHMARK(statThroughMirror)->Name("stat/bindfs")->UseRealTime();

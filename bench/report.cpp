@@ -52,6 +52,11 @@ const char* unitOf(const Target& target) {
     }
 }
 
+bool hasLimit(const Target& target) {
+    return target.kind != Target::Ratio && target.kind != Target::Speed &&
+           target.kind != Target::ProcessorTime;
+}
+
 bool isDifference(const Target& target) {
     return target.kind == Target::DifferenceAtMost || target.kind == Target::MemoryAtMost;
 }
@@ -94,10 +99,10 @@ void printRow(const Target& target, double measured, double reference) {
     const double result = value(target, measured, reference);
     const char* const unit = unitOf(target);
     const char* const resultUnit = isDifference(target) ? unit : "";
-    const bool hasLimit = target.kind != Target::ProcessorTime && target.kind != Target::Speed;
     const std::string limit =
-        hasLimit ? relation(target) + (' ' + number("%g", target.limit, resultUnit)) : "none";
-    const char* const verdict = !hasLimit ? "-" : isMet(target, result) ? "met" : "MISSED";
+        hasLimit(target) ? relation(target) + (' ' + number("%g", target.limit, resultUnit))
+                         : "none";
+    const char* const verdict = !hasLimit(target) ? "-" : isMet(target, result) ? "met" : "MISSED";
     std::printf("| %-68s | %13s | %13s | %10s | %-16s | %-7s |\n", target.what,
                 number("%.1f", measured, unit).c_str(), number("%.1f", reference, unit).c_str(),
                 number(isDifference(target) ? "%.1f" : "%.3f", result, resultUnit).c_str(),

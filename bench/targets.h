@@ -7,6 +7,7 @@
 /// One row of the report. `measured` and `reference` are names of benchmarks.
 struct Target {
     enum Kind {
+        Ratio,            ///< measured / reference; no limit
         RatioAtMost,      ///< measured / reference must not exceed the limit
         RatioAbove,       ///< measured / reference must exceed the limit
         RatioAtLeast,     ///< measured / reference must reach the limit

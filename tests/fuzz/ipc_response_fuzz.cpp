@@ -17,6 +17,8 @@
 #include <oruio/error.h>
 #include <oruio/fsipc.h>
 
+#include <QByteArray>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -208,11 +210,11 @@ Outcome readlink(Client& client, long long number) {
     const std::unique_ptr<char[]> target(new char[size]);
     const int result = client.fs.readlink("/l", target.get(), size);
     require(result <= 0, "readlink returns no length");
-    char* const end = target.get() + size;
+    const std::size_t length = strnlen(target.get(), size);
+    const QByteArray padding(static_cast<int>(size - length), '\0');
     if (result == 0)
-        require(
-            std::all_of(std::find(target.get(), end, '\0'), end, [](char c) { return c == '\0'; }),
-            "a link's target is followed by NULs");
+        require(std::memcmp(target.get() + length, padding.constData(), size - length) == 0,
+                "a link's target is followed by NULs");
     return result < 0;
 }
 
