@@ -21,6 +21,9 @@ using Clock = std::chrono::steady_clock;
 constexpr auto pollTime = std::chrono::microseconds(300);
 /// A yield that takes longer has let another thread run.
 constexpr auto longestYield = std::chrono::microseconds(250);
+/// A yield that is shorter has let no other thread run: the other end is on another processor.
+constexpr auto shortestSwitch = std::chrono::nanoseconds(1500);
+constexpr int looksWithoutYield = 32;
 constexpr unsigned int mostSkipped = 4096;
 /// After so many polls in a row without a slow yield, the processor counts as idle again. A shorter
 /// row also happens on a busy one.
@@ -126,6 +129,29 @@ int waitFor(sem_t& semaphore, int ms) {
     return result;
 }
 
+namespace {
+
+/// Pauses the processor for some cycles, in which another thread of the same core runs faster.
+void relaxProcessor() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__arm__) || defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
+/// Looks at the semaphore a few times without a system call.
+bool takeSoon(sem_t& semaphore) {
+    bool isTaken = false;
+    for (int i = 0; i < looksWithoutYield && !isTaken; ++i) {
+        relaxProcessor();
+        isTaken = sem_trywait(&semaphore) == 0;
+    }
+    return isTaken;
+}
+
+} // namespace
+
 bool SpinWaiter::take(sem_t& semaphore) {
     if (sem_trywait(&semaphore) == 0)
         return true;
@@ -147,6 +173,8 @@ bool SpinWaiter::take(sem_t& semaphore) {
             m_goodPolls = 0;
             return isTaken;
         }
+        if (!isTaken && now - before < shortestSwitch)
+            isTaken = takeSoon(semaphore);
     }
     if (++m_goodPolls == enoughGood)
         m_skipped = fewestSkipped;
