@@ -54,6 +54,13 @@ inline constexpr int FSCK_RETRIES = 3;
 /// first, and return 0 on success. Every other result is a failure: -1, or a positive exit status
 /// of the maintenance program (oruio/sysutils.h).
 ///
+/// The name of a device node can pass to another disk before the events of the exchange are read.
+/// So mount() (not a remount), mkfs(), fsck() and format() first compare the node with the event:
+/// the number of the medium ("DISKSEQ" and BLKGETDISKSEQ, since Linux 5.15), or else the device
+/// number ("MAJOR" and "MINOR"). If they differ, the operation does nothing and returns -1 with
+/// errno ENODEV. Where they cannot be compared, nothing is refused. The maintenance program gets
+/// the number of the medium in the environment variable ORUIO_DISKSEQ.
+///
 /// Threads: only one thread at a time may call the operations of a device.
 class ORUIO_EXPORT BlockDevice {
 public:

@@ -70,6 +70,8 @@ public:
     /// - every run was killed by a signal;
     /// - `runs` is less than 1.
     int exec(int runs);
+    /// The same, with the variables of `environment` added to the environment of the program.
+    int exec(int runs, const Properties& environment);
 
 private:
     QStringList m_args;

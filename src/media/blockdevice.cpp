@@ -13,6 +13,7 @@
 #include <QDir>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include <fcntl.h>
@@ -20,6 +21,7 @@
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "core/log_p.h"
@@ -79,6 +81,70 @@ void readGeometry(BlockDevice& device, bool isDisk) {
     if (isDisk && ::ioctl(fd, BLKGETSIZE64, &bytes) == 0)
         device.m_totalBlocks = bytes / device.m_blkSize;
     ::close(fd);
+}
+
+/// The DISKSEQ of the event: a number that the kernel gives to each medium when it appears. Empty
+/// when udev did not report it.
+QString diskSequence(const BlockDevice& device) {
+    return valueOf(device.m_props, QStringLiteral("DISKSEQ"));
+}
+
+/// Reads the sequence number of the medium that the node has now. \returns whether it is known.
+bool readDiskSequence(const QString& node, quint64& sequence) {
+    const int fd = openToRead(node);
+    if (fd == -1)
+        return false;
+    constexpr unsigned long getDiskSequence = _IOR(0x12, 128, std::uint64_t); // BLKGETDISKSEQ
+    const bool isKnown = ::ioctl(fd, getDiskSequence, &sequence) == 0;
+    ::close(fd);
+    return isKnown;
+}
+
+/// Reads the device number of the node. \returns whether it is a block device.
+bool readDeviceNumber(const QString& node, dev_t& number) {
+    struct stat st = {};
+    const int result = withPath(node, [&st](const char* p) { return ::stat(p, &st); });
+    number = st.st_rdev;
+    return result == 0 && S_ISBLK(st.st_mode);
+}
+
+/// Whether another medium or device has got the node since the event. Where that cannot be known,
+/// it has not.
+bool isExchanged(const BlockDevice& device) {
+    bool isNumber = false;
+    const quint64 wanted = diskSequence(device).toULongLong(&isNumber);
+    quint64 found = 0;
+    if (isNumber && readDiskSequence(device.m_devName, found))
+        return found != wanted;
+    bool isMajor = false;
+    bool isMinor = false;
+    const unsigned int major = valueOf(device.m_props, QStringLiteral("MAJOR")).toUInt(&isMajor);
+    const unsigned int minor = valueOf(device.m_props, QStringLiteral("MINOR")).toUInt(&isMinor);
+    dev_t number = 0;
+    return isMajor && isMinor && readDeviceNumber(device.m_devName, number) &&
+           number != makedev(major, minor);
+}
+
+/// Checks that the node still is the device of the event, before an operation that would change
+/// another one. \returns false with errno ENODEV when it is not.
+bool checkIdentity(const BlockDevice& device) {
+    if (!isExchanged(device))
+        return true;
+    ORUIO_LOG(LogWarning, "%s is another device now\n", device.m_devName.toUtf8().constData());
+    errno = ENODEV;
+    return false;
+}
+
+/// Runs the maintenance program, which gets the sequence number of the medium, on the device of the
+/// event only.
+int maintain(const BlockDevice& device, SysCmd& command, int runs) {
+    if (!checkIdentity(device))
+        return -1;
+    Properties environment;
+    const QString sequence = diskSequence(device);
+    if (!sequence.isEmpty())
+        environment[QStringLiteral("ORUIO_DISKSEQ")] = sequence;
+    return command.exec(runs, environment);
 }
 
 /// Reads the write-protect switch. The kernel reports it for SD cards only.
@@ -149,6 +215,9 @@ int LinuxBD::mount(QString mountPoint, const Properties* props) {
     // QDir must create the directory that mount(2) then uses.
     if (!checkQtEncoding(mountPoint))
         return -1;
+    const bool isRemount = isSet(props, QStringLiteral("remount"));
+    if (!mountPoint.isEmpty() && !isRemount && !checkIdentity(*this))
+        return -1;
     if (mountPoint.isEmpty() || !QDir(mountPoint).mkpath(QStringLiteral("."))) {
         errno = ENOENT;
         return -1;
@@ -156,7 +225,7 @@ int LinuxBD::mount(QString mountPoint, const Properties* props) {
     unsigned long flags = MS_MGC_VAL | MS_NOATIME | MS_NOEXEC;
     if (isSet(props, QStringLiteral("readonly")))
         flags |= MS_RDONLY;
-    if (isSet(props, QStringLiteral("remount")))
+    if (isRemount)
         flags |= MS_REMOUNT;
 
     const bool isExfat = m_fsType == QLatin1String("exfat");
@@ -205,26 +274,29 @@ int LinuxBD::fsck(const Properties* props) {
     const QString retries = QStringLiteral("retries");
     const int runs =
         props && props->contains(retries) ? props->value(retries).toInt() : FSCK_RETRIES;
-    return SysCmd("fsck")
-        .addArg(m_fsType, "-t")
-        .addArg(m_devName)
-        .addArg(optionOf(props, QStringLiteral("cmd_opts")))
-        .exec(runs);
+    return maintain(*this,
+                    SysCmd("fsck")
+                        .addArg(m_fsType, "-t")
+                        .addArg(m_devName)
+                        .addArg(optionOf(props, QStringLiteral("cmd_opts"))),
+                    runs);
 }
 
 int LinuxBD::mkfs(const Properties* props) {
     liberrno = Ok;
-    return SysCmd("mkfs")
-        .addArg(optionOf(props, QStringLiteral("fs_type")), "-t")
-        .addArg(m_devName)
-        .addArg(optionOf(props, QStringLiteral("cmd_opts")))
-        .exec(1);
+    return maintain(*this,
+                    SysCmd("mkfs")
+                        .addArg(optionOf(props, QStringLiteral("fs_type")), "-t")
+                        .addArg(m_devName)
+                        .addArg(optionOf(props, QStringLiteral("cmd_opts"))),
+                    1);
 }
 
 int LinuxBD::format(const Properties* props) {
     liberrno = Ok;
     const bool kills = props && props->contains(QStringLiteral("kill"));
-    return SysCmd("format").addArg(QString(), kills ? "-k" : nullptr).addArg(m_devName).exec(1);
+    return maintain(
+        *this, SysCmd("format").addArg(QString(), kills ? "-k" : nullptr).addArg(m_devName), 1);
 }
 
 Properties LinuxBD::props() {

@@ -8,6 +8,7 @@
 
 #include <QByteArray>
 #include <QProcess>
+#include <QProcessEnvironment>
 
 #include <algorithm>
 #include <cerrno>
@@ -81,6 +82,16 @@ public:
     /// QProcess ends a program that did not start in time, and may read its output then.
     ~Program() override {
         disconnect();
+    }
+
+    /// Adds variables to the environment of this process, which the program inherits.
+    void add(const Properties& variables) {
+        if (variables.isEmpty())
+            return;
+        QProcessEnvironment all = QProcessEnvironment::systemEnvironment();
+        for (auto variable = variables.begin(); variable != variables.end(); ++variable)
+            all.insert(variable.key(), variable.value().toString());
+        setProcessEnvironment(all);
     }
 
     /// Reads the output so far, and keeps up to longestOutput of it.
@@ -160,6 +171,10 @@ SysCmd& SysCmd::addArg(const QString& value, const char* option) {
 }
 
 int SysCmd::exec(int runs) {
+    return exec(runs, {});
+}
+
+int SysCmd::exec(int runs, const Properties& environment) {
     // The program would go on without this process waiting for it.
     const CancelGuard guard;
     const QByteArray command = m_args.join(' ').toUtf8();
@@ -167,6 +182,7 @@ int SysCmd::exec(int runs) {
     int status = -1;
     for (int run = 1; status != 0 && run <= runs; ++run) {
         Program process;
+        process.add(environment);
         const bool canStart = checkArguments(m_args) && canWaitForChildren();
         if (canStart)
             process.start(fl_sysCmdPath, m_args, QIODevice::ReadWrite);
