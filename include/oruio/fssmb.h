@@ -47,6 +47,7 @@
 #include <oruio/properties.h>
 
 #include <QExplicitlySharedDataPointer>
+#include <QStringList>
 
 #include <memory>
 
@@ -59,6 +60,36 @@ namespace oru::io {
 class ORUIO_EXPORT Smb2FS : public FS {
 public:
     using SPtr = QSharedPointer<Smb2FS>;
+
+    /// The result of a connect().
+    struct ConnectFailure {
+        /// Why it failed.
+        enum class Reason {
+            None,           ///< it has succeeded, or has not been called
+            BadProperties,  ///< a property cannot be used: `message` names its key
+            HostNotFound,   ///< the name of the server cannot be resolved
+            Unreachable,    ///< there is no route to the server
+            NobodyListens,  ///< nothing listens at the address
+            TimedOut,       ///< the time-out has passed
+            ConnectionLost, ///< the server has ended the connection
+            ProtocolError,  ///< an answer of the server does not follow the protocol
+            DialectRefused, ///< the server does not support the dialect
+            LoginRefused,   ///< the server refuses the user, the password or the account
+            NoSuchShare,    ///< the server has no such share
+            NoAccess,       ///< the user has no access to the server or to the share
+            Protected,      ///< the server requires a signed or encrypted session
+            Other,          ///< none of these: `message` and `error` are all that is known
+        };
+
+        Reason reason = Reason::None;
+        /// The errno of connect(); 0 after a success.
+        int error = 0;
+        /// Libsmb2's message. If it has none: what is wrong with a property, or the message for
+        /// `error`. Empty after a success. It never contains the password.
+        QString message;
+        /// The keys of the properties that connect() does not know, also after a success.
+        QStringList unknownKeys;
+    };
 
     /// Makes a share that is not connected: its operations fail with errno ENOTCONN.
     ///
@@ -183,6 +214,26 @@ public:
     virtual bool isConnected();
     /// Returns the dialect in use, such as "3.1.1", or "unknown" when not connected.
     virtual QString getDialect();
+
+    /// Returns why the share is unusable. Sends no request, so it does not notice that the server
+    /// has ended since the last one.
+    ///
+    /// Does not wait for the lock of the share: any thread may call it, also while another thread
+    /// waits for the server.
+    ///
+    /// \returns the errno of the fatal failure, until the next connect(); ENOTCONN while the share
+    /// is not connected; 0 while it is usable.
+    int brokenBy() const;
+    /// Returns why the last connect() failed. While a connect() runs: why the one before it failed.
+    ///
+    /// Does not wait for the lock of the share, as brokenBy().
+    ///
+    /// \code
+    /// using Reason = Smb2FS::ConnectFailure::Reason;
+    /// if (share.connect(login) != 0 && share.connectFailure().reason == Reason::LoginRefused)
+    ///     fprintf(stderr, "wrong user or password\n");
+    /// \endcode
+    ConnectFailure connectFailure() const;
 
     /// The connection. Internal.
     class ORUIO_LOCAL Data;

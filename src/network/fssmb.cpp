@@ -3,6 +3,7 @@
 #include <oruio/fssmb.h>
 
 #include "core/systemtext_p.h"
+#include "network/connectfailure_p.h"
 #include "network/fssmb_p.h"
 #include "network/libsmb2_p.h"
 #include "network/smb2session_p.h"
@@ -15,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "core/log_p.h"
 #include "core/notimplemented_p.h"
@@ -38,28 +40,51 @@ constexpr int longestDescription = 4095;
 /// The least time for connect() after it has left the previous share.
 constexpr qint64 shortestConnectMs = 800;
 
+using Reason = Smb2FS::ConnectFailure::Reason;
+
 /// Where to connect to, and as which user.
 class Login {
 public:
     /// Reads the properties of Smb2FS::connect(). \returns 0, or a negative errno for a string that
-    /// cannot be sent.
-    int read(const Properties& props) {
+    /// cannot be sent. `problem` then describes it.
+    int read(const Properties& props, QString& problem) {
         version = version_map.value(props[QStringLiteral("version")].toString(), SMB2_VERSION_ANY);
-        const struct {
-            const char* key;
-            SystemText& value;
-        } fields[] = {
-            {"server", server},       {"share", share},   {"user", user},
-            {"password", password},   {"domain", domain}, {"workstation", workstation},
-            {"version", versionName},
-        };
-        for (const auto& field : fields) {
-            if (!toSystem(props[QLatin1String(field.key)].toString(), field.value))
-                return -errno;
-            if (field.value.size() - 1 > longestString) // without the NUL
+        for (const auto& [key, value] : fields()) {
+            const bool isValid = toSystem(props[key].toString(), *value);
+            const int error = errno;
+            if (!isValid) {
+                problem = quoted(key);
+                problem += error == EINVAL ? " contains a NUL" : " is not valid UTF-16";
+                return -error;
+            }
+            if (value->size() - 1 > longestString) { // without the NUL
+                problem = quoted(key) + " is longer than 1 KiB";
                 return -ENAMETOOLONG;
+            }
         }
         return 0;
+    }
+
+    /// The keys of `props` that are none of a login.
+    QStringList unknownKeys(const Properties& props) {
+        QStringList unknown = props.keys();
+        for (const auto& field : fields())
+            unknown.removeAll(field.first);
+        return unknown;
+    }
+
+    /// What is wrong with the property that made connecting fail for `reason`; empty if no property
+    /// is wrong.
+    QString problemAfter(Reason reason) const {
+        const bool isBracketOpen = server[0] == '[' && !std::strchr(server.constData(), ']');
+        if (reason == Reason::HostNotFound && isEmpty(server))
+            return quoted("server") + " is missing or empty";
+        if (reason == Reason::HostNotFound &&
+            (isBracketOpen || std::strpbrk(server.constData(), "/\\@")))
+            return quoted("server") + " is neither a name nor an address";
+        if (reason == Reason::NoSuchShare && isEmpty(share))
+            return quoted("share") + " is missing or empty";
+        return {};
     }
 
     Smb2Session::Login forSession() const {
@@ -91,8 +116,20 @@ public:
     }
 
 private:
+    std::array<std::pair<QString, SystemText*>, 7> fields() {
+        return {{{"server", &server},
+                 {"share", &share},
+                 {"user", &user},
+                 {"password", &password},
+                 {"domain", &domain},
+                 {"workstation", &workstation},
+                 {"version", &versionName}}};
+    }
     static bool isEmpty(const SystemText& field) {
         return field[0] == '\0';
+    }
+    static QString quoted(const QString& key) {
+        return '"' + key + '"';
     }
 
     SystemText server;
@@ -151,21 +188,63 @@ int set_errno(Smb2FS* fs, int rc, smb2_context*, const char*, const char*) {
 }
 
 int Smb2FS::Data::connect(const Properties& props, const QDeadlineTimer& deadline) {
+    ConnectFailure outcome;
+    const int result = connect(props, deadline, outcome);
+    if (result < 0) {
+        outcome.error = -result;
+        if (outcome.message.isEmpty())
+            outcome.message = QString::fromLocal8Bit(std::strerror(-result));
+    }
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    failure = outcome;
+    return result;
+}
+
+int Smb2FS::Data::connect(const Properties& props, const QDeadlineTimer& deadline,
+                          ConnectFailure& outcome) {
     description.clear();
-    session = std::make_shared<Smb2Session>(timeout);
+    setSession(std::make_shared<Smb2Session>(timeout));
     Login login;
-    if (const int failed = login.read(props))
+    outcome.unknownKeys = login.unknownKeys(props);
+    if (const int failed = login.read(props, outcome.message)) {
+        outcome.reason = Reason::BadProperties;
         return failed;
-    if (const int failed = session->connect(login.forSession(), deadline))
+    }
+    const auto next = std::make_shared<Smb2Session>(timeout);
+    if (const int failed = next->connect(login.forSession(), deadline)) {
+        outcome.reason = reasonOf(-failed, next->message());
+        outcome.message = login.problemAfter(outcome.reason);
+        if (outcome.message.isEmpty())
+            outcome.message = QString::fromStdString(next->message());
+        else
+            outcome.reason = Reason::BadProperties;
         return failed;
-    if (const int refused = protectionError(*session)) {
-        session->disconnect(deadline);
-        session = std::make_shared<Smb2Session>(timeout);
+    }
+    if (const int refused = protectionError(*next)) {
+        next->disconnect(deadline);
+        outcome.reason = refused == -EPERM ? Reason::Protected : Reason::Other;
+        outcome.message = refused == -EPERM
+                              ? QStringLiteral("the session is signed or encrypted")
+                              : QStringLiteral("cannot find out whether the session is protected");
         return refused;
     }
+    setSession(next);
     description = login.description();
     ORUIO_LOG(LogDebug, "SMB Connect '%s' OK", description.constData());
     return 0;
+}
+
+void Smb2FS::Data::setSession(std::shared_ptr<Smb2Session> next) {
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    session.swap(next);
+}
+
+int Smb2FS::Data::brokenBy() const {
+    const int error = lastError;
+    if (isFatal(error))
+        return error;
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    return session->lastError();
 }
 
 Smb2FS::Smb2FS(unsigned int timeout) : FS(QStringLiteral("Smb2FS")), m_data(new Data(timeout)) {}
@@ -216,6 +295,15 @@ QString Smb2FS::getDialect() {
         return unknown;
     const auto dialect = static_cast<smb2_negotiate_version>(m_data->session->dialect());
     return version_map.key(dialect, unknown);
+}
+
+int Smb2FS::brokenBy() const {
+    return m_data->brokenBy();
+}
+
+Smb2FS::ConnectFailure Smb2FS::connectFailure() const {
+    const std::lock_guard<std::mutex> lock(m_data->stateMutex);
+    return m_data->failure;
 }
 
 int Smb2FS::addWatch(QString) {

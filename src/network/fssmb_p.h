@@ -76,6 +76,8 @@ public:
 
     /// Begins a new session, until `deadline`. \returns 0 or a negative errno. With the lock held.
     int connect(const Properties& props, const QDeadlineTimer& deadline);
+    /// 0 while the share can be used, else the errno that makes it unusable. Without the lock.
+    int brokenBy() const;
 
     /// Locks the connection, and holds off the cancellation of the thread: libsmb2 keeps pointers
     /// into the caller's stack until it has the answer.
@@ -109,11 +111,20 @@ public:
 
     // Recursive, as opendir() creates a directory while it holds the mutex, and that locks it to
     // open itself.
-    std::recursive_mutex mutex; // guards all below but lastError
+    std::recursive_mutex mutex; // guards all below but lastError and failure
     const unsigned int timeout;
     std::shared_ptr<Smb2Session> session; ///< a new one at each connect(); null after ~Smb2FS()
     QByteArray description;               ///< of the connection; empty when not connected
     std::atomic<int> lastError{0};        ///< the errno of the last call that failed
+
+    // Never locked during a request. Guards failure, and, beside the other mutex, which session it
+    // is. If both are locked, this one is the second.
+    mutable std::mutex stateMutex;
+    ConnectFailure failure; ///< of the last connect()
+
+private:
+    int connect(const Properties& props, const QDeadlineTimer& deadline, ConnectFailure& outcome);
+    void setSession(std::shared_ptr<Smb2Session> next);
 };
 
 } // namespace oru::io

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include <malloc.h>
@@ -17,6 +18,10 @@ namespace oru::io::libsmb2 {
 namespace {
 
 std::mutex contextsMutex; // guards libsmb2's list of contexts
+
+bool begins(const std::string& message, const char* words) {
+    return message.compare(0, std::strlen(words), words) == 0;
+}
 
 const unsigned char* bytesOf(const smb2_context* context) {
     return reinterpret_cast<const unsigned char*>(context);
@@ -77,14 +82,38 @@ int isSealed(const smb2_context* context) {
 }
 
 int connectError(smb2_context* context, int result) {
-    const char* const message = smb2_get_error(context);
-    const auto begins = [message](const char* words) {
-        return std::strncmp(message, words, std::strlen(words)) == 0;
-    };
-    const char* const number = std::strrchr(message, '(');
-    const bool hasNumber = begins("Connect failed") || begins("Failed to open");
-    const int error = hasNumber && number ? std::atoi(number + 1) : 0;
+    const std::string message = smb2_get_error(context);
+    const std::size_t number = message.rfind('(');
+    if (number == std::string::npos ||
+        (!begins(message, "Connect failed") && !begins(message, "Failed to open")))
+        return result;
+    const int error = std::atoi(message.c_str() + number + 1);
     return error > 0 ? -error : result;
+}
+
+ConnectMessage parseConnectMessage(const std::string& message) {
+    constexpr struct {
+        const char* words;
+        ConnectMessage::Subject subject;
+    } forms[] = {
+        {"Invalid address:", ConnectMessage::Resolver},
+        {"Read from socket failed", ConnectMessage::Connection},
+        {"Error when writing", ConnectMessage::Connection},
+        {"smb2_service", ConnectMessage::Connection},
+        {"Signing required by server", ConnectMessage::SigningKey},
+        {"Negotiate failed with (0x", ConnectMessage::Negotiate},
+        {"Session setup failed with (0x", ConnectMessage::SessionSetup},
+        {"Tree Connect failed with (0x", ConnectMessage::TreeConnect},
+    };
+    if (message.empty())
+        return {ConnectMessage::Nothing, 0};
+    for (const auto& form : forms) {
+        if (!begins(message, form.words))
+            continue;
+        const char* const status = message.c_str() + std::strlen(form.words);
+        return {form.subject, static_cast<std::uint32_t>(std::strtoul(status, nullptr, 16))};
+    }
+    return {};
 }
 
 } // namespace oru::io::libsmb2

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <string>
 
 struct smb2_context;
 
@@ -37,5 +39,23 @@ int isSealed(const smb2_context* context);
 /// socket is closed by then, so only libsmb2's message contains the errno. \returns a negative
 /// errno; `result` when the message contains none.
 int connectError(smb2_context* context, int result);
+
+/// What libsmb2's message of a failed connect is about. The callback of a connect only gets an
+/// errno.
+struct ConnectMessage {
+    enum Subject {
+        Nothing,      ///< the message is empty
+        Resolver,     ///< the server's name cannot be resolved
+        Connection,   ///< the connection has ended
+        SigningKey,   ///< the server requires signing, and the session has no key for it
+        Negotiate,    ///< the server refuses this request, with `status`
+        SessionSetup, ///< the same
+        TreeConnect,  ///< the same
+        Other,
+    };
+    Subject subject = Other;
+    std::uint32_t status = 0; ///< the NT status
+};
+ConnectMessage parseConnectMessage(const std::string& message);
 
 } // namespace oru::io::libsmb2

@@ -73,6 +73,7 @@ struct Smb2Session::Attempt {
     std::string share;
     Reply reply;
     std::unique_ptr<smb2_context, ContextDeleter> context; // its destruction writes to the reply
+    std::string message;                                   // libsmb2's, after a failure
     std::atomic<int> result = 0;                           // set after the other members
     QSemaphore hasBegun;
 
@@ -81,6 +82,8 @@ struct Smb2Session::Attempt {
         // from a file of its own.
         const int refused = smb2_connect_share_async(context.get(), server.c_str(), share.c_str(),
                                                      nullptr, Reply::takeConnection, &reply);
+        if (refused != 0)
+            message = smb2_get_error(context.get());
         result = refused == 0 ? 0 : libsmb2::connectError(context.get(), refused);
         hasBegun.release();
     }
@@ -123,14 +126,18 @@ int Smb2Session::connect(const Login& login, const QDeadlineTimer& deadline) {
     const int isSigned = libsmb2::isSigned(context);
     const int isSealed = libsmb2::isSealed(context);
     m_isProtected = std::min(isSigned, isSealed) < 0 ? -ENOTSUP : isSigned | isSealed;
+    m_lastError = 0;
     return 0;
 }
 
 int Smb2Session::establish(const std::shared_ptr<Attempt>& attempt,
                            const QDeadlineTimer& deadline) {
     const int refused = begin(attempt, deadline);
-    if (refused != 0)
+    if (refused != 0) {
+        if (attempt->result == refused) // else the thread may still use it
+            m_message = attempt->message;
         return refused;
+    }
     m_context = std::move(attempt->context);
     const int failed = reach(deadline);
     if (failed != 0)

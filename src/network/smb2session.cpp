@@ -162,6 +162,14 @@ QDeadlineTimer Smb2Session::deadline() const {
                           : QDeadlineTimer(qint64{m_timeout} * 1000);
 }
 
+int Smb2Session::lastError() const {
+    return m_lastError;
+}
+
+const std::string& Smb2Session::message() const {
+    return m_message;
+}
+
 unsigned int Smb2Session::dialect() const {
     return m_dialect;
 }
@@ -552,6 +560,8 @@ int Smb2Session::service(int events) {
 /// Ends the connection. Later calls fail with `reason`. \returns -reason.
 int Smb2Session::fail(int reason) {
     m_lastError = reason;
+    if (m_context)
+        m_message = smb2_get_error(m_context.get()); // the destruction changes it
     m_context.reset();
     return -reason;
 }

@@ -14,6 +14,7 @@
 
 #include <QDeadlineTimer>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -61,6 +62,12 @@ public:
     QDeadlineTimer deadline() const;
     /// Sends an echo request.
     int echo();
+
+    /// 0 while there is a connection, else the errno that each call returns. Any thread may call
+    /// it.
+    int lastError() const;
+    /// libsmb2's message of the failure that ended the connection; empty when it has made none.
+    const std::string& message() const;
 
     /// libsmb2's number of the negotiated dialect; 0 before connect().
     unsigned int dialect() const;
@@ -141,7 +148,8 @@ private:
 
     const unsigned int m_timeout;
     std::unique_ptr<smb2_context, ContextDeleter> m_context; // null when there is no connection
-    int m_lastError; // then the errno that each call returns
+    std::atomic<int> m_lastError; // then the errno that each call returns, else 0
+    std::string m_message;
     unsigned int m_dialect = 0;
     int m_isProtected = 0;
 };

@@ -30,6 +30,7 @@ using test::SmbShare;
 using test::SmbWire;
 using test::utf16;
 using test::with;
+using Reason = Smb2FS::ConnectFailure::Reason;
 
 } // namespace
 
@@ -132,6 +133,7 @@ TEST_F(Smb2Only, Version3_ConnectFailsWithEINVAL) {
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(with(login(server.address()), "version", "3.1.1")), -1);
     EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(fs.connectFailure().reason, Reason::DialectRefused);
     EXPECT_EQ(fs.connect(with(login(server.address()), "version", "3.x")), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(fs.connect(login(server.address())), 0);
@@ -141,6 +143,11 @@ TEST_F(Smb2Only, Version3_ConnectFailsWithEINVAL) {
 TEST_F(SmbSigningRequired, Connect_FailsWithEPERM) {
     for (const char* version : {"2.0.2", "2.1.0", "3.0.2", "3.1.1"})
         expectRefused(server, version);
+    // A guest has no key to sign with.
+    Smb2FS fs(10);
+    EXPECT_EQ(fs.connect({{"server", server.address()}, {"share", "guest"}}), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(fs.connectFailure().reason, Reason::Protected);
 }
 
 TEST_F(SmbEncryptionRequired, Connect_FailsWithEPERMOrEACCES) {
@@ -151,6 +158,7 @@ TEST_F(SmbEncryptionRequired, Connect_FailsWithEPERMOrEACCES) {
         Smb2FS fs(10);
         EXPECT_EQ(fs.connect(with(login(server.address()), "version", version)), -1);
         EXPECT_EQ(errno, EACCES);
+        EXPECT_EQ(fs.connectFailure().reason, Reason::NoAccess);
     }
 }
 

@@ -88,6 +88,8 @@ inline void expectRefused(const SmbServer& server, const QString& version,
     Smb2FS fs(10);
     EXPECT_EQ(fs.connect(with(login(proxy.address(), share), "version", version)), -1);
     EXPECT_EQ(errno, error) << std::strerror(errno);
+    using Reason = Smb2FS::ConnectFailure::Reason;
+    EXPECT_EQ(fs.connectFailure().reason, error == EPERM ? Reason::Protected : Reason::Other);
     EXPECT_TRUE(proxy.waitUntilClosed());
     EXPECT_FALSE(fs.isConnected());
     EXPECT_EQ(fs.getDialect(), "unknown");
