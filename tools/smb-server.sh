@@ -2,11 +2,13 @@
 # SPDX-License-Identifier: Apache-2.0
 # Runs a private SMB server on the loopback interface until SIGTERM or Ctrl-C, as root or as any
 # other user. All its files are below one directory.
-#   usage: ORUIO_SMB_PASSWORD=PASSWORD smb-server.sh DIRECTORY [LINE]...
+#   usage: ORUIO_SMB_PASSWORD=PASSWORD [ORUIO_SMB_PORT=PORT] smb-server.sh DIRECTORY [LINE]...
 #
 # Prints its port and the process group of smbd as soon as it serves. The share "recordings" is the
 # directory DIRECTORY/recordings; the user is "tester". Each LINE is added to the section [global]
 # of smb.conf, and may start further sections.
+#
+# Without PORT, it chooses a free port.
 #
 # Exits with 77 and prints the reason if this machine cannot run such a server.
 set -euo pipefail
@@ -118,7 +120,8 @@ start() {
 }
 
 write_files "$@"
-choose_port
+port=${ORUIO_SMB_PORT:-}
+[[ -n $port ]] || choose_port
 start
 echo "$port $smbd"
 wait "$smbd"

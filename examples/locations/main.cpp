@@ -4,9 +4,11 @@
 #include "common/failure.h"
 #include "common/places.h"
 #include "common/program.h"
+#include "common/sharestate.h"
 #include "common/stopsignal.h"
 
 #include <oruio/error.h>
+#include <oruio/fssmb.h>
 #include <oruio/fsswitch.h>
 
 #include <QCommandLineParser>
@@ -47,7 +49,8 @@ QString recordClip(const Place& place) {
 /// Operates one place: mounts, records and unmounts, one step per call, and reports changes.
 class PlaceManager {
 public:
-    explicit PlaceManager(Place& place) : m_place(place) {}
+    explicit PlaceManager(Place& place)
+        : m_place(place), m_share(place.location->fs().dynamicCast<Smb2FS>()) {}
 
     void advance() {
         StorageLocation& location = *m_place.location;
@@ -61,6 +64,8 @@ public:
         const bool hasArrived = !local || m_arrival.isComplete(*local);
         if (hasArrived && m_access == (local ? StorageLocation::Presence : StorageLocation::None))
             mountAndRecord();
+        else if (m_share && m_access == StorageLocation::Write)
+            connectAgain();
     }
 
     /// Unmounts. \returns false if something is still mounted.
@@ -79,17 +84,35 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    /// Whether it is time to ask a server again, which may take as long as its time-out.
+    bool isDue() {
+        if (Clock::now() < m_nextTry)
+            return false;
+        m_nextTry = Clock::now() + std::chrono::seconds(5);
+        return true;
+    }
+
+    /// Mounts a share again whose server was switched off or restarted.
+    void connectAgain() {
+        if (!isDue() || isUsable(*m_share))
+            return;
+        report(m_place, "the connection is lost");
+        mount();
+    }
+
     /// After a failure a medium is not tried again, because its access() is then None. A server is,
     /// every 5 s.
     void mountAndRecord() {
-        if (Clock::now() < m_nextTry)
-            return;
-        m_nextTry = Clock::now() + std::chrono::seconds(5);
+        if (isDue())
+            mount();
+    }
+
+    void mount() {
         Properties readOnly = {{"readonly", true}};
         liberrno = Ok; // the reason may be in errno
         if (m_place.location->mount(m_place.location->isWriteProtected() ? &readOnly : nullptr) !=
             0)
-            return report(m_place, QStringLiteral("cannot mount: ") + strerror());
+            return report(m_place, "cannot mount: " + describeMountFailure(*m_place.location));
         reportAccess();
         if (m_access == StorageLocation::Write)
             report(m_place, recordClip(m_place));
@@ -103,6 +126,7 @@ private:
     }
 
     Place& m_place;
+    const Smb2FS::SPtr m_share; // null for other places
     StorageLocation::AccessType m_access = StorageLocation::None;
     Arrival m_arrival;
     Clock::time_point m_nextTry;

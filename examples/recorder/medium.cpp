@@ -3,6 +3,7 @@
 
 #include "clock.h"
 #include "common/failure.h"
+#include "common/sharestate.h"
 #include "common/stopsignal.h"
 #include "summary.h"
 
@@ -37,7 +38,7 @@ Medium::Medium(const QString& name, const Options& options)
         await(*local);
     liberrno = Ok; // the reason may be in errno
     if (location.mount(nullptr) != 0)
-        throw cannot("mount the medium of " + name);
+        throw Failure{"cannot mount the medium of " + name + ": " + describeMountFailure(location)};
     m_isMounted = true;
     printRow("mounted", QStringLiteral("%1, on %2").arg(name, m_place.directory));
 }

@@ -2,6 +2,7 @@
 #include "networkshare.h"
 
 #include "common/failure.h"
+#include "common/sharestate.h"
 #include "common/smblogin.h"
 
 #include <oruio/fssmb.h>
@@ -14,25 +15,6 @@ using oru::io::Smb2FS;
 
 /// The time-out of requests, in seconds. A recording cannot wait longer.
 constexpr unsigned int timeout = 10;
-
-/// An explanation of errno after a failed connect, if strerror() is not sufficient.
-const char* meaningOf(int error) {
-    switch (error) {
-    case ECONNREFUSED:
-        return " (nothing listens there, or the server refuses the user or the password)";
-    case EPERM:
-        return " (the server insists on signed or encrypted sessions, which are not supported)";
-    case ECONNRESET:
-        return " (the host cannot be reached, or has ended the connection)";
-    case ENOENT:
-        return " (the server has no such share)";
-    case EIO:
-    case EAGAIN:
-        return " (the server's name cannot be resolved, or its answer is not understood)";
-    default:
-        return "";
-    }
-}
 
 /// Creates the directory `path` if it does not exist.
 void ensureDirectory(Smb2FS& fs, const QString& path, const QString& shown) {
@@ -53,7 +35,7 @@ void ensureDirectory(Smb2FS& fs, const QString& path, const QString& shown) {
 QSharedPointer<oru::io::FS> connectToShare(const SmbUrl& url, const QString& shown) {
     auto fs = Smb2FS::SPtr::create(timeout);
     if (fs->connect(loginTo(url)) != 0)
-        throw cannot("connect to " + shown + meaningOf(errno));
+        throw Failure{"cannot connect to " + shown + ": " + describe(fs->connectFailure())};
     QString path;
     for (const QString& name : url.directories) {
         path += '/' + name;

@@ -223,9 +223,6 @@ int Smb2FS::Data::connect(const Properties& props, const QDeadlineTimer& deadlin
     if (const int refused = protectionError(*next)) {
         next->disconnect(deadline);
         outcome.reason = refused == -EPERM ? Reason::Protected : Reason::Other;
-        outcome.message = refused == -EPERM
-                              ? QStringLiteral("the session is signed or encrypted")
-                              : QStringLiteral("cannot find out whether the session is protected");
         return refused;
     }
     setSession(next);

@@ -262,9 +262,28 @@ share_that_comes_later_is_mounted() {
     add_share "$port"
     kill -STOP -- "-$smbd"
     start_locations
-    expect wait_until has_line "archive: cannot mount: Connection timed out"
+    expect wait_until has_line 'archive: cannot mount: .* does not answer \(Connection timed out\)'
     kill -CONT -- "-$smbd"
     expect wait_until went_through archive "Write"
+    end_with TERM
+    expect_orderly_end
+    stop_server
+}
+
+share_whose_server_is_killed_is_mounted_again() {
+    write_slots
+    start_server
+    add_share "$port"
+    start_locations
+    expect wait_until has_line "archive: recorded .*"
+    kill -KILL -- "-$smbd"
+    wait "$server"
+    expect wait_until has_line 'archive: cannot mount: nothing listens there \(Connection refused\)'
+    expect has_line "archive: the connection is lost"
+    rm "$clips/server/recordings/locations-clip.oru"
+    ORUIO_SMB_PORT=$port start_server
+    expect wait_until went_through archive "Write None Write"
+    expect wait_until has_size "$clips/server/recordings/locations-clip.oru" 1048576
     end_with TERM
     expect_orderly_end
     stop_server
@@ -370,7 +389,7 @@ recorder_records_on_a_share() {
     expect has_size "$clips/server/recordings/a.oru" 4194304
     stop_server
     run "$recorder" --to location:archive --locations "$work/places.ini" --size 4M
-    expect_error 1 "cannot mount the medium of archive: Connection refused"
+    expect_error 1 "cannot mount the medium of archive: nothing listens there"
 }
 
 recorder_without_a_medium_ends() {
@@ -391,6 +410,7 @@ recorder_without_a_medium_ends() {
 run_cases help_is_printed bad_arguments_are_refused bad_files_are_refused \
     card_is_mounted_recorded_on_and_unmounted two_slots_and_a_share_are_mounted \
     removed_card_is_unmounted failed_mount_is_reported share_that_comes_later_is_mounted \
+    share_whose_server_is_killed_is_mounted_again \
     recorder_awaits_records_and_checks recorder_stops_early_and_unmounts \
     recorder_that_fails_unmounts recorder_repairs_damaged_card recorder_reports_a_failed_check \
     recorder_records_on_a_share recorder_without_a_medium_ends

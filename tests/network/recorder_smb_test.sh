@@ -176,7 +176,7 @@ url_without_user_is_anonymous() {
     expect_success
     expect has_size "$clips/open/clip-0001.oru" 1024
     run "$recorder" --to "smb://127.0.0.1:$port/recordings" --size 1K
-    expect_error 1 "cannot connect to smb://127.0.0.1:$port/recordings: Permission denied"
+    expect_error 1 "cannot connect to smb://127.0.0.1:$port/recordings: the user has no access \(.*ACCESS_DENIED"
     stop_server
 }
 
@@ -218,7 +218,7 @@ missing_password_is_reported() {
 wrong_password_is_reported() {
     start_server
     run env ORUIO_SMB_PASSWORD='another;one' "$recorder" --to "$share" --size 1M
-    expect_error 1 "cannot connect to $share \(.*refuses the user or the password\): Connection ref"
+    expect_error 1 "cannot connect to $share: .*refuses the user or the password \(.*LOGON_FAILURE\)"
     expect [ "$(cat "$work/out" "$work/err" | grep -c 'another;one')" -eq 0 ]
     expect is_empty "$clips/recordings"
     stop_server
@@ -273,7 +273,7 @@ password_is_not_shown_anywhere() {
 missing_share_is_reported() {
     start_server
     run "$recorder" --to "$host/missing" --size 1M
-    expect_error 1 "cannot connect to $host/missing \(the server has no such share\): No such file"
+    expect_error 1 "cannot connect to $host/missing: the server has no such share \(.*BAD_NETWORK_NAME"
     stop_server
 }
 
@@ -281,15 +281,15 @@ unreachable_server_is_reported() {
     start_server
     stop_server
     run "$recorder" --to "$share" --size 1M
-    expect_error 1 "cannot connect to $share \(nothing listens there.*\): Connection refused"
+    expect_error 1 "cannot connect to $share: nothing listens there \(Connection refused\)"
     run "$recorder" --to smb://tester@no-such-host.invalid/s --size 1M
-    expect_error 1 "cannot connect to smb://tester@no-such-host\.invalid/s \(.*cannot be resolved"
+    expect_error 1 "cannot connect to smb://tester@no-such-host\.invalid/s: .*cannot be resolved"
 }
 
 protected_session_is_refused() {
     start_server 'server signing = mandatory'
     run "$recorder" --to "$share" --size 1M
-    expect_error 1 "cannot connect to $share \(.*signed or encrypted.*\): Operation not permitted"
+    expect_error 1 "cannot connect to $share: .*signed or encrypted"
     stop_server
 }
 
@@ -362,7 +362,7 @@ hanging_server_fails_the_recorder() {
     expect_error 1 "cannot (write|sync) $share/first\.part: Connection timed out"
     wait "$connecting"
     expect [ $? -eq 1 ]
-    expect grep -q "cannot connect to $share: Connection timed out" "$work/second.err"
+    expect grep -q "cannot connect to $share: .* (Connection timed out)" "$work/second.err"
     expect [ $((SECONDS - start)) -le 13 ]
     expect kill -CONT -- "-$smbd"
     expect_recording_works third
