@@ -96,6 +96,17 @@ TEST_F(SmbShare, DirectoryFlag_OpensFilesAndNoDirectories) {
     EXPECT_TRUE(failsWith(EPERM, !fs.open("/d", O_RDONLY, 0)));
 }
 
+TEST_F(SmbShare, OpenFile_IsNotRemovedOrRenamed) {
+    const auto file = create("/f");
+    ASSERT_TRUE(file) << strerror();
+    EXPECT_TRUE(failsWith(ETXTBSY, fs.unlink("/f") == -1));
+    EXPECT_TRUE(failsWith(ETXTBSY, fs.rename("/f", "/g") == -1));
+    EXPECT_EQ(file->close(), 0);
+    EXPECT_EQ(fs.rename("/f", "/g"), 0);
+    EXPECT_TRUE(create("/f"));
+    EXPECT_TRUE(failsWith(EEXIST, fs.rename("/f", "/g") == -1));
+}
+
 TEST_F(SmbShare, FstatOfAWriteOnlyFile_FailsWithEACCES) {
     putLocal("/f", "content");
     const auto file = fs.open("/f", O_WRONLY, 0);

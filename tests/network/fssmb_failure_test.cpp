@@ -163,6 +163,22 @@ TEST_F(Smb, ServerEndsTheConnection_ConnectionLost) {
     }
 }
 
+namespace {
+
+/// A server that supports SMB 1 only.
+class Smb1Only : public Smb {
+protected:
+    Smb1Only()
+        : Smb(test::SmbServer::Options{{"server min protocol = NT1", "server max protocol = NT1"},
+                                       {}}) {}
+};
+
+} // namespace
+
+TEST_F(Smb1Only, Connect_ConnectionLost) {
+    EXPECT_EQ(failureOf(login(server.address())).reason, Reason::ConnectionLost);
+}
+
 TEST_F(Smb, AnswerThatCannotBeParsed_ProtocolError) {
     FaultProxy proxy(server.port());
     for (const auto command :
