@@ -89,12 +89,14 @@ TEST(SmbResolver, SlowLookup_TimesOut) {
     EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_GE(timer.elapsed(), timeoutSeconds * 1000 - 100);
     EXPECT_LT(timer.elapsed(), timeLimitMs);
+    EXPECT_EQ(fs.connectFailure().reason, Smb2FS::ConnectFailure::Reason::TimedOut);
     EXPECT_EQ(slowLookups, 1);
     // A lookup that fails within the time-out is reported.
     sem_post(&slowResolver); // for the first lookup, which still runs
     sem_post(&slowResolver);
     EXPECT_EQ(fs.connect(login("slow.test")), -1);
     EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(fs.connectFailure().reason, Smb2FS::ConnectFailure::Reason::HostNotFound);
     EXPECT_EQ(slowLookups, 2);
 }
 
