@@ -111,7 +111,7 @@ public:
     /// The call has no effect when:
     /// - `mountPoint` does not begin with a slash (logged at level 12);
     /// - `fs` is null (logged at level 12);
-    /// - a file system is already mounted at `mountPoint`.
+    /// - a file system is already mounted at `mountPoint`; mountedAt() returns it.
     virtual void add(QString mountPoint, QSharedPointer<FS> fs);
     /// Unmounts the file system that add() mounted at `mountPoint`. Has no effect when there is
     /// none. Calls in progress on the file system continue.
@@ -124,6 +124,17 @@ public:
     /// Returns all mount points at which the object `fs` is mounted, in table order, each with a
     /// slash at the end. The list is empty when `fs` is not mounted.
     virtual QStringList getMountPoints(QSharedPointer<FS> fs);
+    /// Returns the file system that add() mounted at `mountPoint`, or null. It may differ from
+    /// getFS() of that path, which may be served by another mount point.
+    ///
+    /// After add(), it is the mounted file system if the call had an effect:
+    ///
+    /// \code
+    /// io->add("/card", card);
+    /// if (io->mountedAt("/card") != card)
+    ///     qWarning("another file system is mounted at /card");
+    /// \endcode
+    QSharedPointer<FS> mountedAt(QString mountPoint) const;
 
     /// Returns the process-wide switch. The first call creates it, empty.
     ///

@@ -236,6 +236,17 @@ QStringList FSSwitch::getMountPoints(QSharedPointer<FS> fs) {
     return mountPoints;
 }
 
+QSharedPointer<FS> FSSwitch::mountedAt(QString mountPoint) const {
+    if (!normalise(mountPoint))
+        return {};
+    const std::lock_guard lock(m_data->mutex);
+    for (const FSEntry& entry : qAsConst(m_data->entries)) {
+        if (entry.mountPoint == mountPoint)
+            return entry.fs;
+    }
+    return {};
+}
+
 QSharedPointer<FSSwitch> FSSwitch::rootfs() {
     {
         const std::lock_guard lock(Data::rootfsMutex());

@@ -211,6 +211,19 @@ TEST_F(FSSwitchTest, AddWithSeveralShorterEntries_InsertsAfterTheFirst) {
     EXPECT_EQ(root.getMountPoints(a), QStringList({"/cc/", "/ddd/", "/bbb/"}));
 }
 
+TEST_F(FSSwitchTest, MountedAt_ReturnsWhatIsMountedThere) {
+    EXPECT_EQ(root.mountedAt("/x"), nullptr);
+    root.add("/x", a);
+    root.add("/x", b); // the place is taken
+    EXPECT_EQ(root.mountedAt("/x"), a);
+    EXPECT_EQ(root.mountedAt("/x/"), a);
+    EXPECT_EQ(root.mountedAt("/x/y"), nullptr); // a serves it, but is not mounted there
+    EXPECT_EQ(root.mountedAt("x"), nullptr);
+    EXPECT_EQ(root.mountedAt(QString()), nullptr);
+    root.remove("/x");
+    EXPECT_EQ(root.mountedAt("/x"), nullptr);
+}
+
 TEST_F(FSSwitchTest, GetMountPoints_ReturnsTableOrder) {
     root.add("/x", a);
     root.add("/z", b);
