@@ -218,8 +218,10 @@ public Q_SLOTS:
     /// events until none has arrived for `quiescent_ms` milliseconds. As long as events keep
     /// arriving, it does not return.
     ///
-    /// Events that arrive while the kernel's queue is full are lost without a report. To get all
-    /// devices that are present now, call stop(), then start().
+    /// Events that arrive while the kernel's queue is full are lost. The batch then ends with the
+    /// differences between the devices that were reported and those that are present: "remove",
+    /// "add" and "change" events, where a "remove" has the properties that were reported last. A
+    /// device that has not changed is not reported.
     ///
     /// \returns always 0.
     virtual int update(unsigned int quiescent_ms = 500);
@@ -239,6 +241,10 @@ public:
     virtual void stop();
     /// Returns whether the monitor is open.
     virtual bool isRunning();
+    /// Returns a descriptor that becomes readable when an event is queued: for poll(2) or a
+    /// QSocketNotifier, before update(). It belongs to the monitor and is valid until stop().
+    /// \returns -1 while the monitor is not open.
+    int descriptor() const;
 
 Q_SIGNALS:
     /// Delivers a batch, which is never empty. start() and update() emit this signal on the thread

@@ -45,6 +45,33 @@ struct UdevDeleter {
 template <class T>
 using UdevPtr = std::unique_ptr<T, UdevDeleter>;
 
+/// Whether both describe the same disk or partition with the same content. The properties that
+/// only describe an event, such as SEQNUM, are not compared.
+bool isSameDevice(const Properties& one, const Properties& other) {
+    static const QStringList compared{
+        UDEV_ID_PATH,
+        UDEV_DEVTYPE,
+        UDEV_DEVNAME,
+        UDEV_ID_PART_TABLE_TYPE,
+        UDEV_PARTN,
+        UDEV_ID_PART_ENTRY_OFFSET,
+        UDEV_ID_PART_ENTRY_SIZE,
+        UDEV_ID_PART_ENTRY_TYPE,
+        UDEV_ID_FS_TYPE,
+        UDEV_ID_FS_LABEL,
+        QStringLiteral("ID_FS_UUID"),
+    };
+    return std::all_of(compared.begin(), compared.end(), [&](const QString& key) {
+        return valueOf(one, key) == valueOf(other, key);
+    });
+}
+
+/// Whether both describe the same medium: the kernel gives each a number (DISKSEQ).
+bool isSameMedium(const Properties& one, const Properties& other) {
+    const QString key = QStringLiteral("DISKSEQ");
+    return valueOf(one, key) == valueOf(other, key);
+}
+
 /// Collects the events of a batch.
 struct Batch {
     const BDMon::EventListSPtr events{new QList<BDMon::Event>};
@@ -76,14 +103,18 @@ public:
     }
 
     static const char* getProps(udev_device* dev, Properties& props);
-    UdevPtr<udev_device> receive() const;
+    UdevPtr<udev_device> receive(bool& hasOverflowed) const;
     void awaitEvent(unsigned int limitMs) const;
-    void enumerate(Batch& batch) const;
+    QList<Properties> present() const;
+    void report(Batch& batch, const QString& action, Properties props);
+    void reportDifferences(Batch& batch);
 
     static BDMon bdm_instance;
 
     const UdevPtr<udev> context;
     UdevPtr<udev_monitor> monitor; ///< null while stopped
+    /// The devices that are present as far as they were reported, by DEVPATH.
+    QMap<QString, Properties> known;
 };
 
 BDMon BDMon::Data::bdm_instance;
@@ -108,32 +139,73 @@ const char* BDMon::Data::getProps(udev_device* dev, Properties& props) {
     return idPath;
 }
 
-/// The next queued event, or null when there is none.
-UdevPtr<udev_device> BDMon::Data::receive() const {
+/// The next queued event, or null when there is none. Sets `hasOverflowed` when events were lost.
+UdevPtr<udev_device> BDMon::Data::receive(bool& hasOverflowed) const {
     const CancelGuard guard; // libudev is not written to be left in the middle
     UdevPtr<udev_device> device;
     do {
         errno = 0;
         device.reset(udev_monitor_receive_device(monitor.get()));
         // After an overflow (ENOBUFS) the events still queued can be read.
+        hasOverflowed = hasOverflowed || (!device && errno == ENOBUFS);
     } while (!device && (errno == ENOBUFS || errno == EINTR));
     return device;
 }
 
-/// Adds all block devices of the system.
-void BDMon::Data::enumerate(Batch& batch) const {
+/// All block devices of the system that have an ID_PATH, disks before their partitions.
+QList<Properties> BDMon::Data::present() const {
     const CancelGuard guard;
-    const UdevPtr<udev_enumerate> present(udev_enumerate_new(context.get()));
-    udev_enumerate_add_match_subsystem(present.get(), "block");
-    udev_enumerate_scan_devices(present.get());
-    udev_list_entry* entry = udev_enumerate_get_list_entry(present.get());
+    QList<Properties> devices;
+    const UdevPtr<udev_enumerate> enumeration(udev_enumerate_new(context.get()));
+    udev_enumerate_add_match_subsystem(enumeration.get(), "block");
+    udev_enumerate_scan_devices(enumeration.get());
+    udev_list_entry* entry = udev_enumerate_get_list_entry(enumeration.get());
     for (; entry; entry = udev_list_entry_get_next(entry)) {
         const UdevPtr<udev_device> device(
             udev_device_new_from_syspath(context.get(), udev_list_entry_get_name(entry)));
         Properties props;
         if (device && getProps(device.get(), props))
-            batch.add(QStringLiteral("add"), props);
+            devices.append(props);
     }
+    return devices;
+}
+
+void BDMon::Data::report(Batch& batch, const QString& action, Properties props) {
+    const QString path = valueOf(props, UDEV_DEVPATH);
+    if (action == QLatin1String("remove"))
+        known.remove(path);
+    else
+        known[path] = props;
+    batch.add(action, props);
+}
+
+/// Reports the differences between the known devices and those that are present, as events were
+/// lost. Nothing is reported for a device that has not changed.
+void BDMon::Data::reportDifferences(Batch& batch) {
+    const int before = batch.events->size();
+    const auto reportAs = [&](const char* action, Properties props) {
+        props[UDEV_ACTION] = QLatin1String(action);
+        props.remove(UDEV_SEQNUM);
+        report(batch, QLatin1String(action), props);
+    };
+    QMap<QString, Properties> now;
+    for (const Properties& props : present())
+        now.insert(valueOf(props, UDEV_DEVPATH), props);
+    const QList<Properties> former = known.values();
+    for (auto device = former.rbegin(); device != former.rend(); ++device) {
+        const auto found = now.constFind(valueOf(*device, UDEV_DEVPATH));
+        if (found == now.constEnd() || !isSameMedium(*found, *device))
+            reportAs("remove", *device);
+    }
+    for (const Properties& props : qAsConst(now)) {
+        const auto found = known.constFind(valueOf(props, UDEV_DEVPATH));
+        if (found == known.constEnd())
+            reportAs("add", props);
+        else if (!isSameDevice(*found, props))
+            reportAs("change", props);
+    }
+    ORUIO_LOG(LogNotice, "Events of block devices were lost. %d differences found\n",
+              batch.events->size() - before);
 }
 
 /// Waits until an event is queued, for at most `limitMs` milliseconds.
@@ -165,13 +237,16 @@ int BDMon::update(unsigned int quiescent_ms) {
     if (!isRunning())
         return 0;
     Batch batch;
-    while (UdevPtr<udev_device> device = m_data->receive()) {
+    bool hasOverflowed = false;
+    while (UdevPtr<udev_device> device = m_data->receive(hasOverflowed)) {
         Properties props;
         if (Data::getProps(device.get(), props))
-            batch.add(valueOf(props, UDEV_ACTION), props);
+            m_data->report(batch, valueOf(props, UDEV_ACTION), props);
         device.reset();
         m_data->awaitEvent(quiescent_ms);
     }
+    if (hasOverflowed)
+        m_data->reportDifferences(batch);
     batch.publish();
     return 0;
 }
@@ -196,13 +271,19 @@ void BDMon::start() {
     }
 
     Batch batch;
-    m_data->enumerate(batch);
+    for (const Properties& props : m_data->present())
+        m_data->report(batch, QStringLiteral("add"), props);
     batch.publish();
 }
 
 void BDMon::stop() {
     const CancelGuard guard;
     m_data->monitor.reset();
+    m_data->known.clear();
+}
+
+int BDMon::descriptor() const {
+    return m_data->monitor ? udev_monitor_get_fd(m_data->monitor.get()) : -1;
 }
 
 bool BDMon::isRunning() {

@@ -2,6 +2,7 @@
 // BDMon::update(): batches of queued events, and the quiet time.
 
 #include "bdmontest.h"
+#include "support/suite/logcapture.h"
 
 #include <QSemaphore>
 
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <thread>
 
+#include <poll.h>
 #include <pthread.h>
 
 namespace oru::io::test {
@@ -224,6 +226,79 @@ TEST_F(BDMonTest, Update_QueueOverflow_QueuedEventsReported) {
     testbed.send(disk, "change");
     failUdevReceive(ENOBUFS, 1);
     EXPECT_EQ(summary(*update().events), QStringList({"1 change /dev/sda"}));
+}
+
+TEST_F(BDMonTest, Update_NothingChangedInOverflow_NothingReported) {
+    const QString disk = testbed.addDisk("sda", "usb-1", {{"DISKSEQ", "7"}});
+    testbed.addPartition(disk, 1, {{"ID_FS_TYPE", "vfat"}, {"DISKSEQ", "7"}});
+    startAndForget();
+    testbed.send(disk, "change");
+    EXPECT_EQ(update().events->size(), 1);
+    failUdevReceive(ENOBUFS, 1);
+    EXPECT_EQ(monitor->update(0), 0);
+    EXPECT_TRUE(takeBatches().isEmpty());
+}
+
+TEST_F(BDMonTest, Update_EventsLostInOverflow_DifferencesReported) {
+    const QString stays = testbed.addDisk("sda", "usb-1");
+    const QString removed = testbed.addDisk("sdb", "usb-2", {{"DISKSEQ", "7"}});
+    const QString partition =
+        testbed.addPartition(removed, 1, {{"ID_FS_TYPE", "vfat"}, {"DISKSEQ", "7"}});
+    startAndForget();
+    testbed.remove(partition);
+    testbed.remove(removed);
+    testbed.addPartition(testbed.addDisk("sdc", "usb-3"), 1, {{"ID_FS_TYPE", "ext4"}});
+    loseUdevMessages(2);
+    LogCapture log("libio=11");
+    const Batch batch = update();
+    EXPECT_EQ(summary(*batch.events), QStringList({"1 remove /dev/sdb1", "2 remove /dev/sdb",
+                                                   "3 add /dev/sdc", "4 add /dev/sdc1"}));
+    EXPECT_EQ(batch.device(0).m_fsType, "vfat");
+    EXPECT_EQ(batch.device(0).m_action, "remove");
+    EXPECT_EQ(batch.device(3).m_fsType, "ext4");
+    EXPECT_EQ(batch.device(3).m_action, "add");
+    EXPECT_EQ(batch.eventsByDevice->keys(), QStringList({"usb-2", "usb-3"}));
+    EXPECT_EQ(log.messages(), QStringList{"libio 11 Events of block devices were lost. "
+                                          "4 differences found\n"});
+    failUdevReceive(ENOBUFS, 1);
+    EXPECT_EQ(monitor->update(0), 0);
+    EXPECT_TRUE(takeBatches().isEmpty()); // the differences are known now
+}
+
+TEST_F(BDMonTest, Update_MediumExchangedInOverflow_RemoveAndAdd) {
+    const QString disk = testbed.addDisk("sda", "usb-1", {{"DISKSEQ", "7"}});
+    startAndForget();
+    testbed.setProperty(disk, "DISKSEQ", "8");
+    failUdevReceive(ENOBUFS, 1);
+    const Batch batch = update();
+    EXPECT_EQ(summary(*batch.events), QStringList({"1 remove /dev/sda", "2 add /dev/sda"}));
+    EXPECT_EQ(batch.device(0).m_props.value("DISKSEQ"), "7");
+    EXPECT_EQ(batch.device(1).m_props.value("DISKSEQ"), "8");
+}
+
+TEST_F(BDMonTest, Update_FormattedInOverflow_Change) {
+    const QString disk = testbed.addDisk("sda", "usb-1", {{"ID_FS_TYPE", "vfat"}});
+    startAndForget();
+    testbed.setProperty(disk, "ID_FS_TYPE", "exfat");
+    failUdevReceive(ENOBUFS, 1);
+    const Batch batch = update();
+    EXPECT_EQ(summary(*batch.events), QStringList({"1 change /dev/sda"}));
+    EXPECT_EQ(batch.device(0).m_fsType, "exfat");
+}
+
+TEST_F(BDMonTest, Descriptor_ReadableWhenAnEventIsQueued) {
+    const QString disk = testbed.addDisk("sda", "usb-1");
+    EXPECT_EQ(monitor->descriptor(), -1);
+    startAndForget();
+    struct pollfd poller = {monitor->descriptor(), POLLIN, 0};
+    ASSERT_GE(poller.fd, 0);
+    EXPECT_EQ(poll(&poller, 1, 0), 0);
+    testbed.send(disk, "change");
+    EXPECT_EQ(poll(&poller, 1, 0), 1);
+    EXPECT_EQ(update().events->size(), 1);
+    EXPECT_EQ(poll(&poller, 1, 0), 0);
+    monitor->stop();
+    EXPECT_EQ(monitor->descriptor(), -1);
 }
 
 TEST_F(BDMonTest, Update_InterruptedBySignal_ReceivesAgain) {

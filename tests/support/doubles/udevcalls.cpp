@@ -23,6 +23,7 @@ std::atomic<int> held{0};
 std::atomic<int> received{0};
 std::atomic<int> failures{0};
 std::atomic<int> failureError{0};
+std::atomic<int> toLose{0};
 std::atomic<int> shortPolls{0};
 char source[32];
 char hidden[256];
@@ -74,6 +75,10 @@ void failUdevReceive(int error, int times) {
     failures = times;
 }
 
+void loseUdevMessages(int count) {
+    toLose = count;
+}
+
 void shortenLongestPolls(int times) {
     shortPolls = times;
 }
@@ -121,6 +126,13 @@ STAND_IN udev_device* udev_monitor_receive_device(udev_monitor* monitor) {
     if (failures > 0) {
         --failures;
         errno = failureError;
+        return nullptr;
+    }
+    if (toLose > 0) {
+        while (toLose-- > 0)
+            REAL(udev_device_unref)(REAL(udev_monitor_receive_device)(monitor));
+        toLose = 0;
+        errno = ENOBUFS;
         return nullptr;
     }
     udev_device* const device = counted(REAL(udev_monitor_receive_device)(monitor));

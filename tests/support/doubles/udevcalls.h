@@ -28,6 +28,10 @@ void hideUdevDevice(const QByteArray& syspath);
 /// The next `times` calls of udev_monitor_receive_device() fail with `error`.
 void failUdevReceive(int error, int times);
 
+/// The next `count` messages are lost, as when the queue is full: udev_monitor_receive_device()
+/// fails once with ENOBUFS.
+void loseUdevMessages(int count);
+
 /// The next `times` calls of poll(2) with the longest time-out return 0 at once.
 void shortenLongestPolls(int times);
 

@@ -184,6 +184,11 @@ void UdevTestbed::setAttribute(const QString& device, const QString& name, const
                                    qPrintable(value));
 }
 
+void UdevTestbed::setProperty(const QString& device, const QString& name, const QString& value) {
+    umockdev_testbed_set_property(m_data->testbed.get(), qPrintable(device), qPrintable(name),
+                                  qPrintable(value));
+}
+
 void UdevTestbed::send(const QString& device, const char* action) {
     umockdev_testbed_uevent(m_data->testbed.get(), qPrintable(device), action);
 }

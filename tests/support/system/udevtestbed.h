@@ -47,6 +47,8 @@ public:
 
     /// Sets the contents of the attribute file `name` of a device.
     void setAttribute(const QString& device, const QString& name, const QString& value);
+    /// Sets a udev property of a device without sending a message.
+    void setProperty(const QString& device, const QString& name, const QString& value);
     /// Sends udev's message for `action` with all properties of `device`. The message is queued
     /// when send() returns.
     void send(const QString& device, const char* action);
