@@ -122,6 +122,7 @@ int Smb2Session::connect(const Login& login, const QDeadlineTimer& deadline) {
         fail(ENOTCONN);
         return result;
     }
+    m_frames.setConnected();
     m_dialect = smb2_get_dialect(context);
     const int isSigned = libsmb2::isSigned(context);
     const int isSealed = libsmb2::isSealed(context);

@@ -6,6 +6,7 @@
 
 #include "network/fssmb_p.h"
 #include "network/libsmb2_p.h"
+#include "network/smb2listing_p.h"
 #include "network/smb2session_p.h"
 
 #include <algorithm>
@@ -278,27 +279,25 @@ public:
     Data(QExplicitlySharedDataPointer<Smb2FS::Data> of, QString at)
         : share(std::move(of)), path(std::move(at)) {}
 
-    /// Opens the directory in `current`. Leaves `handle` null and sets errno on failure.
+    /// Lists the directory in `current`. It stays closed, with errno, on failure.
     void open(const std::shared_ptr<Smb2Session>& current) {
         session = current;
-        smb2dir* opened = nullptr;
         withSharePath(path,
-                      [&](const char* p) { return share->report(current->opendir(p, opened)); });
-        handle = opened;
+                      [&](const char* p) { return share->report(current->list(p, listing)); });
+        isOpen = listing != nullptr;
     }
     void close() {
-        const std::shared_ptr<Smb2Session> current = session.lock();
-        smb2dir* const opened = handle.exchange(nullptr);
-        if (current && opened)
-            current->closedir(opened);
+        isOpen = false;
+        listing.reset();
     }
 
     const QExplicitlySharedDataPointer<Smb2FS::Data> share;
     const QString path;
     // Guarded by the share's mutex:
-    std::weak_ptr<Smb2Session> session; // the handle is valid in this session only
+    std::weak_ptr<Smb2Session> session; // the directory belongs to this session
+    std::unique_ptr<Smb2Listing> listing;
     // Changed with the share's mutex locked. isOpen() reads it without the mutex.
-    std::atomic<smb2dir*> handle{nullptr}; ///< null when not open
+    std::atomic<bool> isOpen{false};
     struct dirent entry = {};
 };
 
@@ -315,7 +314,7 @@ Smb2Dir::~Smb2Dir() {
 }
 
 bool Smb2Dir::isOpen() {
-    return m_data->handle;
+    return m_data->isOpen;
 }
 
 struct dirent* Smb2Dir::readdir() {
@@ -323,22 +322,22 @@ struct dirent* Smb2Dir::readdir() {
         return nullptr;
     const Smb2FS::Data::Lock lock(*m_data->share);
     errno = ENOENT;
-    if (!m_data->handle)
+    if (!m_data->isOpen)
         return nullptr;
     const std::shared_ptr<Smb2Session> current = m_data->session.lock();
     if (!current) {
         errno = EBADF;
         return nullptr;
     }
-    const smb2dirent* const found = current->readdir(m_data->handle);
-    if (!found)
+    Smb2Listing::Entry found = {};
+    if (!current->hasConnection() || !m_data->listing->next(found))
         return nullptr;
     struct dirent& entry = m_data->entry;
-    entry.d_ino = found->st.smb2_ino;
+    entry.d_ino = found.inode;
     entry.d_off = 0;
     entry.d_reclen = 0;
-    entry.d_type = directoryType(found->st.smb2_type);
-    std::strncpy(entry.d_name, found->name ? found->name : "", sizeof entry.d_name - 1);
+    entry.d_type = directoryType(found.type);
+    std::strncpy(entry.d_name, found.name, sizeof entry.d_name - 1);
     return &entry;
 }
 
@@ -349,7 +348,7 @@ int Smb2Dir::rewinddir() {
     // An open directory belongs to the connection that opened it. A closed one may be opened again
     // in the current connection.
     const std::shared_ptr<Smb2Session> current =
-        m_data->handle ? m_data->session.lock() : m_data->share->session;
+        m_data->isOpen ? m_data->session.lock() : m_data->share->session;
     if (!current) {
         errno = EBADF;
         return -1;

@@ -14,7 +14,6 @@ namespace oru::io {
 struct Smb2Session::Reply {
     int unanswered = 1; ///< how many commands have no answer yet
     int result = 0;     ///< the negative errno of the first command that failed; else 0 or a count
-    int renewals = 0;   ///< how many follow-up requests get a deadline of their own
     void* data = nullptr;
 
     bool isComplete() const {

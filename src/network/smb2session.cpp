@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "network/libsmb2_internals_p.h"
 #include "network/libsmb2_p.h"
+#include "network/smb2listing_p.h"
 #include "network/smb2reply_p.h"
 #include "network/smb2session_p.h"
 
@@ -52,11 +53,6 @@ private:
     bool m_wasPending = false;
 };
 
-/// Why a connection ended, by the error of its socket.
-int lossOf(int error) {
-    return error == ETIMEDOUT ? ETIMEDOUT : ECONNRESET;
-}
-
 /// Queues a request. Null means that libsmb2 had no memory for it. \returns 0 or a negative errno.
 int queue(smb2_context* context, smb2_pdu* request) {
     if (!request)
@@ -66,16 +62,7 @@ int queue(smb2_context* context, smb2_pdu* request) {
 }
 
 void fill(smb2_stat_64& st, const smb2_file_all_info& info) {
-    constexpr std::uint32_t deviceAttribute = 0x40;
-    constexpr std::uint32_t otherType = SMB2_TYPE_LINK + 1;
-    const std::uint32_t attributes = info.basic.file_attributes;
-    st.smb2_type = SMB2_TYPE_FILE;
-    if (attributes & deviceAttribute)
-        st.smb2_type = otherType;
-    if (attributes & SMB2_FILE_ATTRIBUTE_DIRECTORY)
-        st.smb2_type = SMB2_TYPE_DIRECTORY;
-    if (attributes & SMB2_FILE_ATTRIBUTE_REPARSE_POINT)
-        st.smb2_type = SMB2_TYPE_LINK;
+    st.smb2_type = typeOfAttributes(info.basic.file_attributes);
     st.smb2_nlink = info.standard.number_of_links;
     st.smb2_ino = info.index_number;
     st.smb2_size = info.standard.end_of_file;
@@ -168,6 +155,10 @@ int Smb2Session::lastError() const {
 
 const std::string& Smb2Session::message() const {
     return m_message;
+}
+
+bool Smb2Session::hasConnection() const {
+    return m_context != nullptr;
 }
 
 unsigned int Smb2Session::dialect() const {
@@ -315,10 +306,19 @@ int Smb2Session::readlink(const char* path, std::string& target) {
     // libsmb2 leaks memory when it cannot send this request.
     if (!checkConnection())
         return -m_lastError;
+    // libsmb2 uses freed memory if the close is answered before the other two commands. After an
+    // echo the order is known.
+    if (!m_frames.isOrderKnown()) {
+        const int result = echo();
+        if (result < 0)
+            return result;
+    }
+    m_frames.setOrdered(true);
     Link link;
     const int result = request(link, deadline(), [&](smb2_context* context, Reply* reply) {
         return smb2_readlink_async(context, path, Link::take, reply);
     });
+    m_frames.setOrdered(false);
     if (result < 0)
         return result;
     // The second string is libsmb2's for a kind of link that it does not know. It is not a valid
@@ -442,24 +442,87 @@ int Smb2Session::fsync(smb2fh* file) {
 
 // --- Directories --------------------------------------------------------------------------------
 
-int Smb2Session::opendir(const char* path, smb2dir*& dir) {
-    Reply opened;
-    opened.renewals = 10'000; // more requests than any listing needs, but an end to an endless one
-    const int result = request(opened, deadline(), [&](smb2_context* context, Reply* reply) {
-        return smb2_opendir_async(context, path, Reply::take, reply);
+int Smb2Session::list(const char* path, std::unique_ptr<Smb2Listing>& listing) {
+    struct Directory : Reply {
+        smb2_file_id id = {};
+
+        static void take(smb2_context*, int status, void* data, void* reply) {
+            auto* const opened = static_cast<Directory*>(static_cast<Reply*>(reply));
+            if (status == 0)
+                std::memcpy(opened->id, static_cast<smb2_create_reply*>(data)->file_id,
+                            SMB2_FD_SIZE);
+            opened->answer(-nterror_to_errno(status));
+        }
+    };
+    smb2_create_request open = opening(path, SMB2_FILE_LIST_DIRECTORY | SMB2_FILE_READ_ATTRIBUTES,
+                                       SMB2_FILE_DIRECTORY_FILE);
+    open.file_attributes = SMB2_FILE_ATTRIBUTE_DIRECTORY;
+    open.share_access = SMB2_FILE_SHARE_READ | SMB2_FILE_SHARE_WRITE;
+    Directory directory;
+    const int refused = request(directory, deadline(), [&](smb2_context* context, Reply* reply) {
+        return queue(context, smb2_cmd_create_async(context, &open, Directory::take, reply));
     });
-    if (result == 0)
-        dir = static_cast<smb2dir*>(opened.data);
-    return result;
+    if (refused != 0)
+        return refused;
+
+    auto entries = std::make_unique<Smb2Listing>();
+    const int result = readEntries(directory.id, *entries);
+    smb2_close_request close = {};
+    close.flags = SMB2_CLOSE_FLAG_POSTQUERY_ATTRIB;
+    std::memcpy(close.file_id, directory.id, SMB2_FD_SIZE);
+    const int closed = request([&](smb2_context* context, Reply* reply) {
+        return queue(context, smb2_cmd_close_async(context, &close, Reply::takeStatus, reply));
+    });
+    if (result == 0 && closed == 0)
+        listing = std::move(entries);
+    return result != 0 ? result : closed;
 }
 
-const smb2dirent* Smb2Session::readdir(smb2dir* dir) {
-    return m_context ? smb2_readdir(m_context.get(), dir) : nullptr;
-}
+/// Reads the entries of an open directory.
+int Smb2Session::readEntries(const std::uint8_t* directory, Smb2Listing& listing) {
+    struct Entries : Reply {
+        explicit Entries(Smb2Listing& to) : listing(to) {}
 
-void Smb2Session::closedir(smb2dir* dir) {
-    if (m_context)
-        smb2_closedir(m_context.get(), dir);
+        Smb2Listing& listing;
+        bool isEnd = false;
+
+        static void take(smb2_context*, int status, void* data, void* reply) {
+            auto* const read = static_cast<Entries*>(static_cast<Reply*>(reply));
+            switch (static_cast<std::uint32_t>(status)) {
+            case SMB2_STATUS_SUCCESS: {
+                const auto* const answer = static_cast<smb2_query_directory_reply*>(data);
+                // Without a buffer, libsmb2 does not set the pointer.
+                const std::uint32_t size = answer->output_buffer_length;
+                read->answer(size == 0 ? -EBADMSG
+                                       : read->listing.append(answer->output_buffer, size));
+                break;
+            }
+            case SMB2_STATUS_NO_SUCH_FILE: // an empty directory, without "." and ".."
+            case SMB2_STATUS_NO_MORE_FILES:
+                read->isEnd = true;
+                read->answer(0);
+                break;
+            default:
+                read->answer(-nterror_to_errno(status));
+            }
+        }
+    };
+    smb2_query_directory_request command = {};
+    command.file_information_class = SMB2_FILE_ID_FULL_DIRECTORY_INFORMATION;
+    std::memcpy(command.file_id, directory, SMB2_FD_SIZE);
+    command.output_buffer_length = Smb2Frames::longestListing;
+    command.name = "*";
+    constexpr int mostRequests = 10'000; // more than any directory needs
+    for (int i = 0; i < mostRequests; ++i) {
+        Entries entries(listing);
+        const int result = request(entries, deadline(), [&](smb2_context* context, Reply* reply) {
+            return queue(context,
+                         smb2_cmd_query_directory_async(context, &command, Entries::take, reply));
+        });
+        if (result != 0 || entries.isEnd)
+            return result;
+    }
+    return -EOVERFLOW;
 }
 
 // --- Requests and answers -----------------------------------------------------------------------
@@ -497,18 +560,11 @@ bool Smb2Session::checkConnection() {
 
 /// Reads and writes until `reply` is complete. \returns its result. After the deadline (ETIMEDOUT)
 /// or a failure of the connection, the session has no connection any more.
-int Smb2Session::await(Reply& reply, QDeadlineTimer deadline) {
+int Smb2Session::await(Reply& reply, const QDeadlineTimer& deadline) {
     smb2_context* const context = m_context.get();
-    bool hadRequest = true;
     while (!reply.isComplete()) {
         const auto events = static_cast<short>(smb2_which_events(context));
-        // libsmb2 queues a follow-up request after it has received the previous answer.
-        const bool hasRequest = (events & POLLOUT) != 0;
-        if (hasRequest && !hadRequest && reply.renewals > 0) {
-            deadline = this->deadline();
-            --reply.renewals;
-        }
-        hadRequest = hasRequest;
+        const int unanswered = reply.unanswered;
         const int limit = remainingMs(deadline);
         if (limit == 0)
             return fail(ETIMEDOUT);
@@ -517,6 +573,8 @@ int Smb2Session::await(Reply& reply, QDeadlineTimer deadline) {
         if (ready < 0 && errno != EINTR)
             return fail(errno);
         const int loss = ready > 0 ? serve(poller) : 0;
+        if (reply.unanswered != unanswered)
+            m_frames.setAnswered();
         if (loss != 0) {
             // The answer may have arrived before the connection ended.
             const int result = reply.isComplete() ? reply.result : -loss;
@@ -524,7 +582,8 @@ int Smb2Session::await(Reply& reply, QDeadlineTimer deadline) {
             return result;
         }
     }
-    return reply.result;
+    // libsmb2 takes this status for a success.
+    return m_frames.takeEndOfFile() && reply.result == 0 ? -EIO : reply.result;
 }
 
 /// Reads or writes, by the result of poll(2). \returns 0, or the errno with which the connection
@@ -542,10 +601,17 @@ int Smb2Session::serve(const struct pollfd& poller) {
     return lossOf(error);
 }
 
-/// \returns 0, or the errno with which the connection ended.
+/// Lets libsmb2 read or write. \returns 0, or the errno with which the connection ended.
 int Smb2Session::service(int events) {
     smb2_context* const context = m_context.get();
     const t_socket socket = smb2_get_fd(context);
+    if (events & POLLIN) {
+        const int refused = m_frames.look(socket);
+        if (refused == EAGAIN)
+            events &= ~POLLIN;
+        else if (refused != 0)
+            return refused;
+    }
     errno = 0;
     if (!(events & POLLOUT))
         return smb2_service_fd(context, socket, events) == 0 ? 0 : lossOf(errno);

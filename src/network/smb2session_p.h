@@ -12,6 +12,8 @@
 // Threads: callers serialise the calls on one session. Sessions are independent of each other.
 #pragma once
 
+#include "network/smb2frames_p.h"
+
 #include <QDeadlineTimer>
 
 #include <atomic>
@@ -25,11 +27,11 @@ struct smb2_context;
 struct smb2_create_request;
 struct smb2_stat_64;
 struct smb2_statvfs;
-struct smb2dir;
-struct smb2dirent;
 struct smb2fh;
 
 namespace oru::io {
+
+class Smb2Listing;
 
 class Smb2Session {
 public:
@@ -45,7 +47,7 @@ public:
     };
 
     /// Not connected: every call but connect() returns -ENOTCONN. `timeout` is in seconds, for each
-    /// call, and for each request of opendir(); 0 is no limit.
+    /// call, and for each request of list(); 0 is no limit.
     explicit Smb2Session(unsigned int timeout);
     /// Closes the connection, without a request.
     ~Smb2Session();
@@ -54,6 +56,8 @@ public:
     ///  - EIO, EAGAIN: the server's name cannot be resolved
     ///  - ECONNREFUSED: no server listens there, or it refuses the user or the password
     ///  - ENOENT: the server has no such share
+    ///  - EPERM: the server encrypts the session
+    ///  - EPROTO: the server moves less than 4 KiB at a time
     int connect(const Login& login, const QDeadlineTimer& deadline);
     /// Disconnects from the share and logs off, until `deadline`: two requests. When the server
     /// refuses the first, the session stays connected.
@@ -101,11 +105,13 @@ public:
     int ftruncate(smb2fh* file, std::uint64_t length);
     int fsync(smb2fh* file);
 
-    /// Reads the whole directory, with as many requests as needed, each within the time-out.
-    int opendir(const char* path, smb2dir*& dir);
-    /// The next entry that opendir() has read. Null at the end and without a connection.
-    const smb2dirent* readdir(smb2dir* dir);
-    void closedir(smb2dir* dir);
+    /// Lists a directory, with as many requests as needed. \returns also
+    ///  - -EBADMSG for an answer that is not a listing
+    ///  - -EOVERFLOW for a listing that does not end
+    int list(const char* path, std::unique_ptr<Smb2Listing>& listing);
+
+    /// Whether there is a connection: connected, and neither disconnected nor lost.
+    bool hasConnection() const;
 
 private:
     Q_DISABLE_COPY(Smb2Session)
@@ -132,6 +138,7 @@ private:
     int query(const char* path, std::uint8_t type, std::uint8_t infoClass, Attributes& attributes);
     int change(smb2_create_request open, std::uint8_t infoClass, void* info);
     int remove(const char* path, std::uint32_t options);
+    int readEntries(const std::uint8_t* directory, Smb2Listing& listing);
     template <class Submit>
     int transfer(std::uint32_t count, Submit submit);
     template <class Transfer>
@@ -141,7 +148,7 @@ private:
     static int remainingMs(const QDeadlineTimer& deadline);
 
     bool checkConnection();
-    int await(Reply& reply, QDeadlineTimer deadline);
+    int await(Reply& reply, const QDeadlineTimer& deadline);
     int serve(const struct pollfd& poller);
     int service(int events);
     int fail(int reason);
@@ -150,6 +157,7 @@ private:
     std::unique_ptr<smb2_context, ContextDeleter> m_context; // null when there is no connection
     std::atomic<int> m_lastError; // then the errno that each call returns, else 0
     std::string m_message;
+    Smb2Frames m_frames;
     unsigned int m_dialect = 0;
     int m_isProtected = 0;
 };
