@@ -327,7 +327,8 @@ bool Smb2Frames::isExpected(const Message& message) {
     const std::uint16_t command = message.command();
     const bool isOfConnecting =
         command == Negotiate || command == SessionSetup || command == TreeConnect;
-    if (isOfConnecting != m_isConnecting || command >= Commands)
+    const bool isSent = command < Commands && layouts[command].structureSize != 0;
+    if (!isSent || isOfConnecting != m_isConnecting)
         return false;
     if (m_isOrdered && message.number() != m_next)
         return false;
