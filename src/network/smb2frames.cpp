@@ -283,12 +283,10 @@ int Smb2Frames::check(const std::uint8_t* frame) {
 int Smb2Frames::checkMessage(const Message& message) {
     if (!isExpected(message))
         return ECONNRESET;
-    if (message.status() == EndOfFile) {
-        const bool isOfRead = message.command() == Read && message.bufferSize() == 0;
-        if (m_isConnecting || message.command() == Write ||
-            (message.command() == Read && !isOfRead))
+    if (message.status() == EndOfFile && message.command() != Read && message.command() != Write) {
+        if (m_isConnecting)
             return ECONNRESET;
-        m_hasEndOfFile |= !isOfRead;
+        m_hasEndOfFile = true;
     }
     if (message.isError())
         return 0;

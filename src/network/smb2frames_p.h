@@ -44,8 +44,8 @@ public:
     /// Whether the number of the next request is known.
     bool isOrderKnown() const;
 
-    /// Returns whether a command other than READ was answered with "end of file" since the last
-    /// call. libsmb2 takes this status for a success.
+    /// Returns whether a command other than READ and WRITE was answered with "end of file" since the
+    /// last call. libsmb2 takes this status for a success.
     bool takeEndOfFile();
 
     /// How many bytes of a frame check() needs, if the first `available` ones are at `frame`.

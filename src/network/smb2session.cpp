@@ -582,8 +582,8 @@ int Smb2Session::await(Reply& reply, const QDeadlineTimer& deadline) {
             return result;
         }
     }
-    // libsmb2 takes this status for a success.
-    return m_frames.takeEndOfFile() && reply.result == 0 ? -EIO : reply.result;
+    const bool hasEndOfFile = m_frames.takeEndOfFile();
+    return hasEndOfFile && reply.result == 0 ? -EBADMSG : reply.result;
 }
 
 /// Reads or writes, by the result of poll(2). \returns 0, or the errno with which the connection
