@@ -31,7 +31,8 @@ source "$root/tools/own-apt.sh"
 toolchain=$root/cmake/toolchains/armhf.cmake
 
 sysroot=$(realpath -m "$1")
-version=$(cat "$root"/tools/{armhf-sysroot,libsmb2,own-apt}.sh "$toolchain" | sha256sum)
+version=$(cat "$root"/tools/{armhf-sysroot,own-apt}.sh "$toolchain" | sha256sum)
+version+=$("$root/tools/libsmb2.sh" version)
 if [[ $(cat "$sysroot/.complete" 2>/dev/null) == "$version" ]]; then
     exit
 fi
