@@ -27,6 +27,8 @@
 /// - An operation on a path sends one request, unless documented otherwise. It blocks until the
 ///   server has answered or the time-out has passed.
 /// - When the server refuses the request, errno is libsmb2's translation of the NT status.
+/// - When the server answers "end of file", which is no answer to the request, errno is EBADMSG.
+/// - When an answer breaks the protocol, the connection ends with errno ECONNRESET.
 /// - Nothing is cached.
 /// - These operations set liberrno to Ok first: open() and opendir() of the share; read(), write(),
 ///   pread(), pwrite(), lseek(), ftruncate(), fsync(), fdatasync() and close() of a file. All
@@ -140,7 +142,11 @@ public:
     ///
     /// While the file is open, other clients may read and write it, but not remove or rename it.
     QSharedPointer<File> open(QString path, int flags, int mode) override;
-    /// Opens a directory and reads the whole listing. \returns null on failure.
+    /// Opens a directory and reads the whole listing, in the order of the server. \returns null with
+    /// errno, among them:
+    /// - EBADMSG: the server has sent a malformed entry, or a name that is empty or contains a slash
+    ///   or a NUL. The connection still works.
+    /// - EOVERFLOW: the listing does not end after 10,000 requests.
     ///
     /// Sends as many requests as the listing needs, each within the time-out.
     QSharedPointer<Directory> opendir(QString path) override;
@@ -234,6 +240,7 @@ public:
     ///   or encrypted.
     /// - EPERM: the server requires a signed or encrypted session. This would take too much
     ///   processor time during a recording.
+    /// - EPROTO: the server moves less than 4 KiB at a time.
     /// - any errno of socket(2), such as EMFILE: no socket could be made.
     virtual int connect(Properties props);
     /// Disconnects from the share, if it is connected.
@@ -371,7 +378,8 @@ public:
 
     /// Returns the next entry, which is valid until the next call. "." and ".." are included.
     ///
-    /// Only d_ino, d_type and d_name (cut to 255 bytes) are set.
+    /// Only d_ino, d_type and d_name (cut to 255 bytes) are set. In d_name, U+FFFD stands for half of
+    /// a surrogate pair: such a name cannot be opened.
     ///
     /// \returns null with errno:
     /// - ENOENT: the end is reached, or the directory is closed;
