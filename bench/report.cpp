@@ -44,6 +44,7 @@ const char* unitOf(const Target& target) {
     case Target::Speed:
         return "MiB/s";
     case Target::MemoryAtMost:
+    case Target::MemoryRatioAtMost:
         return "KiB";
     case Target::ProcessorTime:
         return "ms/GiB";

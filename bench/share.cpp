@@ -7,6 +7,9 @@
 
 #include "support/system/childprocess.h"
 
+#include <QDir>
+#include <QFile>
+
 #include <ctime>
 
 // libsmb2's headers need these first.
@@ -48,6 +51,18 @@ Share::Share()
 
 const std::string& Share::lastError() const {
     return m_lastError;
+}
+
+bool Share::makeTakes() {
+    const QString path = m_directory.filePath(takes);
+    if (QDir(path).exists())
+        return true;
+    bool isMade = QDir().mkdir(path);
+    for (int i = 0; i < takeCount && isMade; ++i) {
+        QFile take(path + QStringLiteral("/take-%1.mov").arg(i, 6, 10, QLatin1Char('0')));
+        isMade = take.open(QFile::WriteOnly);
+    }
+    return isMade;
 }
 
 void Share::awaitIdleServer() const {

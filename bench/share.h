@@ -40,6 +40,12 @@ public:
     /// The path of a clip of clipSize bytes, for all clients.
     static constexpr char clip[] = "clip.mov";
 
+    /// Makes the directory `takes` with `takeCount` files, at the first call. \returns whether it
+    /// is there.
+    bool makeTakes();
+    static constexpr char takes[] = "takes";
+    static constexpr int takeCount = 100'000;
+
 private:
     Share();
     Q_DISABLE_COPY(Share)

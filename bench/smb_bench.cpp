@@ -14,6 +14,7 @@
 #include <ctime>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 
 // libsmb2's headers need these first.
@@ -122,6 +123,82 @@ void statByLibsmb2(State& state) {
     }
 }
 
+/// The number of entries of a directory: the files, ".", "..".
+constexpr int entryCount = Share::takeCount + 2;
+
+bool hasTakes(State& state) {
+    if (!hasShare(state))
+        return false;
+    const bool isMade = Share::instance().makeTakes();
+    if (!isMade)
+        state.SkipWithError("cannot make the directory");
+    return isMade;
+}
+
+double allocatedKibi() {
+    return static_cast<double>(mallinfo2().uordblks) / 1024;
+}
+
+void listShare(State& state) {
+    const Placement placement(Placement::Together);
+    if (!hasTakes(state))
+        return;
+    const auto fs = Share::instance().connect();
+    for (auto _ : state) {
+        int entries = 0;
+        const auto directory = fs ? fs->opendir(Share::takes) : nullptr;
+        while (directory && directory->readdir())
+            ++entries;
+        if (entries != entryCount)
+            state.SkipWithError("entries are missing");
+    }
+}
+
+void listByLibsmb2(State& state) {
+    const Placement placement(Placement::Together);
+    if (!hasTakes(state))
+        return;
+    const auto context = Share::instance().connectLibsmb2();
+    for (auto _ : state) {
+        int entries = 0;
+        smb2dir* const directory = context ? smb2_opendir(context.get(), Share::takes) : nullptr;
+        while (directory && smb2_readdir(context.get(), directory))
+            ++entries;
+        if (directory)
+            smb2_closedir(context.get(), directory);
+        if (entries != entryCount)
+            state.SkipWithError("entries are missing");
+    }
+}
+
+void listingOfShare(State& state) {
+    if (!hasTakes(state))
+        return;
+    const auto fs = Share::instance().connect();
+    for (auto _ : state) {
+        const double before = allocatedKibi();
+        const auto directory = fs ? fs->opendir(Share::takes) : nullptr;
+        state.counters[residentCounter] = allocatedKibi() - before;
+        if (!directory)
+            state.SkipWithError("opendir failed");
+    }
+}
+
+void listingOfLibsmb2(State& state) {
+    if (!hasTakes(state))
+        return;
+    const auto context = Share::instance().connectLibsmb2();
+    for (auto _ : state) {
+        const double before = allocatedKibi();
+        smb2dir* const directory = context ? smb2_opendir(context.get(), Share::takes) : nullptr;
+        state.counters[residentCounter] = allocatedKibi() - before;
+        if (directory)
+            smb2_closedir(context.get(), directory);
+        else
+            state.SkipWithError("smb2_opendir failed");
+    }
+}
+
 /// Gets the clip as often as the other benchmarks read it. \returns the time that smbclient
 /// reports. This covers only the transfers, without starting and connecting, as in the other
 /// benchmarks. 0, with an error in `state`, on failure.
@@ -179,6 +256,11 @@ BENCHMARK_CAPTURE(moveByLibsmb2, write, O_WRONLY, writePiece)
 constexpr int stats = 300;
 BENCHMARK(statOfShare)->Name("stat/share")->UseRealTime()->Iterations(stats);
 BENCHMARK(statByLibsmb2)->Name("stat/libsmb2")->UseRealTime()->Iterations(stats);
+constexpr int lists = 2;
+BENCHMARK(listShare)->Name("list/share")->UseRealTime()->Iterations(lists);
+BENCHMARK(listByLibsmb2)->Name("list/libsmb2")->UseRealTime()->Iterations(lists);
+BENCHMARK(listingOfShare)->Name("listing/share")->Iterations(1);
+BENCHMARK(listingOfLibsmb2)->Name("listing/libsmb2")->Iterations(1);
 // smbclient keeps several requests outstanding, so that it works in parallel with the server. This
 // needs two processors.
 BENCHMARK_CAPTURE(readOfShare, apart, Placement::Apart)
