@@ -70,7 +70,7 @@ Reason reasonOf(int error, const std::string& message) {
     switch (parsed.subject) {
     case ConnectMessage::Resolver:
         return Reason::HostNotFound;
-    case ConnectMessage::SigningKey:
+    case ConnectMessage::Protection:
         return Reason::Protected;
     case ConnectMessage::Negotiate:
         return parsed.status == SMB2_STATUS_NOT_SUPPORTED ? Reason::DialectRefused : Reason::Other;

@@ -40,6 +40,9 @@ int isSealed(const smb2_context* context);
 /// errno; `result` when the message contains none.
 int connectError(smb2_context* context, int result);
 
+/// The message of a session that the server encrypts while it begins. Not libsmb2's.
+constexpr char encryptedMessage[] = "The server encrypts its answers";
+
 /// What libsmb2's message of a failed connect is about. The callback of a connect only gets an
 /// errno.
 struct ConnectMessage {
@@ -47,7 +50,7 @@ struct ConnectMessage {
         Nothing,      ///< the message is empty
         Resolver,     ///< the server's name cannot be resolved
         Connection,   ///< the connection has ended
-        SigningKey,   ///< the server requires signing, and the session has no key for it
+        Protection,   ///< the server requires a signed or an encrypted session
         Negotiate,    ///< the server refuses this request, with `status`
         SessionSetup, ///< the same
         TreeConnect,  ///< the same

@@ -352,7 +352,8 @@ int Smb2Frames::look(int socket) {
             return lossOf(count < 0 ? errno : 0);
         available = static_cast<std::size_t>(count);
         const std::size_t needed = neededOf(frame, available);
-        if (needed == 0)
+        m_hasRefused = needed == 0;
+        if (m_hasRefused)
             return ECONNRESET;
         if (available >= needed)
             break;
@@ -373,7 +374,8 @@ int Smb2Frames::look(int socket) {
     }
     setLowWater(socket, 1);
     const int refused = check(frame);
-    if (refused != 0)
+    m_hasRefused = refused != 0;
+    if (m_hasRefused)
         return refused;
     const std::size_t size = frameSizeOf(frame);
     int arrived = 0;
@@ -403,6 +405,10 @@ void Smb2Frames::setOrdered(bool isOrdered) {
 
 bool Smb2Frames::isOrderKnown() const {
     return m_isNextKnown;
+}
+
+bool Smb2Frames::hasRefused() const {
+    return m_hasRefused;
 }
 
 bool Smb2Frames::takeEndOfFile() {

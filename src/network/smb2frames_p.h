@@ -44,9 +44,11 @@ public:
     /// Whether the number of the next request is known.
     bool isOrderKnown() const;
 
-    /// Returns whether a command other than READ and WRITE was answered with "end of file" since the
-    /// last call. libsmb2 takes this status for a success.
+    /// Returns whether a command other than READ and WRITE was answered with "end of file" since
+    /// the last call. libsmb2 takes this status for a success.
     bool takeEndOfFile();
+    /// Whether look() has refused a frame.
+    bool hasRefused() const;
 
     /// How many bytes of a frame check() needs, if the first `available` ones are at `frame`.
     /// \returns 0 for a frame that must be refused.
@@ -75,6 +77,7 @@ private:
     bool m_isInside = false; // libsmb2 has not read the whole of the current frame
     bool m_isOrdered = false;
     bool m_hasEndOfFile = false;
+    bool m_hasRefused = false;
     bool m_isNextKnown = true;
     std::uint64_t m_next = 0; // the number of the next request
     int m_lowWater = 1;       // SO_RCVLOWAT of the socket

@@ -626,8 +626,12 @@ int Smb2Session::service(int events) {
 /// Ends the connection. Later calls fail with `reason`. \returns -reason.
 int Smb2Session::fail(int reason) {
     m_lastError = reason;
-    if (m_context)
+    if (m_context && m_frames.hasRefused()) {
+        m_message = reason == EPERM ? libsmb2::encryptedMessage
+                                    : "An answer of the server breaks the protocol";
+    } else if (m_context) {
         m_message = smb2_get_error(m_context.get()); // the destruction changes it
+    }
     m_context.reset();
     return -reason;
 }

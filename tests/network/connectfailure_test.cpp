@@ -24,6 +24,7 @@ TEST(ConnectFailure, ErrnoAndMessage_GiveTheReason) {
         {EHOSTUNREACH, "Connect failed with errno : No route to host(113)", Reason::Unreachable},
         {EMFILE, "Failed to open smb2 socket. Errno:Too many open files(24).", Reason::Other},
         {EPERM, "Connect failed with errno : Operation not permitted(1)", Reason::Other},
+        {EPERM, "The server encrypts its answers", Reason::Protected},
         {ETIMEDOUT, "", Reason::TimedOut},
         {ECONNRESET, "", Reason::ConnectionLost},
         {ECONNRESET, "Read from socket failed, errno:104. Closing socket.", Reason::ConnectionLost},
