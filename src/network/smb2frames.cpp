@@ -10,7 +10,6 @@
 #include <vector>
 
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 namespace oru::io {
@@ -377,10 +376,7 @@ int Smb2Frames::look(int socket) {
     m_hasRefused = refused != 0;
     if (m_hasRefused)
         return refused;
-    const std::size_t size = frameSizeOf(frame);
-    int arrived = 0;
-    m_isInside = size > available && (ioctl(socket, FIONREAD, &arrived) != 0 ||
-                                      static_cast<std::size_t>(arrived) < size);
+    m_isInside = frameSizeOf(frame) > available;
     return 0;
 }
 
