@@ -203,6 +203,7 @@ int Smb2FS::Data::connect(const Properties& props, const QDeadlineTimer& deadlin
 int Smb2FS::Data::connect(const Properties& props, const QDeadlineTimer& deadline,
                           ConnectFailure& outcome) {
     description.clear();
+    writesSingly = writesSingly || session->wasLostInWindow();
     setSession(std::make_shared<Smb2Session>(timeout));
     Login login;
     outcome.unknownKeys = login.unknownKeys(props);
@@ -225,6 +226,8 @@ int Smb2FS::Data::connect(const Properties& props, const QDeadlineTimer& deadlin
         outcome.reason = refused == -EPERM ? Reason::Protected : Reason::Other;
         return refused;
     }
+    if (std::exchange(writesSingly, false))
+        next->writeSingly();
     setSession(next);
     description = login.description();
     ORUIO_LOG(LogDebug, "SMB Connect '%s' OK", description.constData());

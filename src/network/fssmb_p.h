@@ -115,7 +115,10 @@ public:
     const unsigned int timeout;
     std::shared_ptr<Smb2Session> session; ///< a new one at each connect(); null after ~Smb2FS()
     QByteArray description;               ///< of the connection; empty when not connected
-    std::atomic<int> lastError{0};        ///< the errno of the last call that failed
+    /// Whether the next session sends the requests of a write one by one, because the last one was
+    /// lost while several were under way.
+    bool writesSingly = false;
+    std::atomic<int> lastError{0}; ///< the errno of the last call that failed
 
     // Never locked during a request. Guards failure, and, beside the other mutex, which session it
     // is. If both are locked, this one is the second.

@@ -3,8 +3,10 @@
 
 #include "network/libsmb2_p.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -26,6 +28,22 @@ bool begins(const std::string& message, const char* words) {
 const unsigned char* bytesOf(const smb2_context* context) {
     return reinterpret_cast<const unsigned char*>(context);
 }
+
+std::vector<unsigned char> copyOf(const smb2_context* context) {
+    // Held because contexts are linked: making another one would change this one.
+    const std::lock_guard lock(contextsMutex);
+    return {bytesOf(context),
+            bytesOf(context) + malloc_usable_size(const_cast<smb2_context*>(context))};
+}
+
+std::int64_t intAt(const std::vector<unsigned char>& bytes, std::size_t at) {
+    int value = 0;
+    std::memcpy(&value, bytes.data() + at, sizeof value);
+    return value;
+}
+
+/// Where contexts count their credits; -1 until it is found.
+std::atomic<std::ptrdiff_t> creditsOffset{-1};
 
 } // namespace
 
@@ -79,6 +97,36 @@ int isSigned(const smb2_context* context) {
 int isSealed(const smb2_context* context) {
     static const Flag flag(smb2_set_seal);
     return flag.of(context);
+}
+
+CreditSearch::CreditSearch(const smb2_context* context) : m_context(context) {
+    if (creditsOffset < 0)
+        m_before = copyOf(context);
+}
+
+CreditSearch::~CreditSearch() {
+    if (m_before.empty())
+        return;
+    const std::vector<unsigned char> after = copyOf(m_context);
+    std::ptrdiff_t found = -1;
+    for (std::size_t at = 0; at + sizeof(int) <= after.size(); at += alignof(int)) {
+        if (intAt(after, at) != intAt(m_before, at) - 1)
+            continue;
+        if (found >= 0)
+            return; // two such numbers
+        found = static_cast<std::ptrdiff_t>(at);
+    }
+    if (found >= 0)
+        creditsOffset = found;
+}
+
+int credits(const smb2_context* context) {
+    const std::ptrdiff_t offset = creditsOffset;
+    if (offset < 0)
+        return -ENOTSUP;
+    int count = 0;
+    std::memcpy(&count, bytesOf(context) + offset, sizeof count);
+    return count;
 }
 
 int connectError(smb2_context* context, int result) {

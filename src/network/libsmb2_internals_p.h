@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct smb2_context;
 
@@ -34,6 +35,25 @@ private:
 /// 0, or -ENOTSUP when the flag was not found in this version of libsmb2.
 int isSigned(const smb2_context* context);
 int isSealed(const smb2_context* context);
+
+/// Finds where contexts count their credits, the requests that the server still permits: libsmb2
+/// has no function that returns the number. A request of up to 64 KiB costs one.
+class CreditSearch {
+public:
+    /// Keeps the bytes of `context`. To be called before requests are sent.
+    explicit CreditSearch(const smb2_context* context);
+    /// Compares them. When one request was sent, exactly one number is smaller by one: this is the
+    /// place. To be called before anything is received.
+    ~CreditSearch();
+
+private:
+    const smb2_context* const m_context;
+    std::vector<unsigned char> m_before; // empty when the place is known
+};
+
+/// The credits of `context`; -ENOTSUP until they are found. A context of the dialect 2.0.2 does not
+/// count them.
+int credits(const smb2_context* context);
 
 /// Why smb2_connect_share_async(3), which has returned `result`, could not try any address. The
 /// socket is closed by then, so only libsmb2's message contains the errno. \returns a negative

@@ -27,8 +27,6 @@ ORUIO_LOG_ON(smbLogChannel);
 
 namespace {
 
-constexpr int longestWrite = 65536;
-
 unsigned char directoryType(std::uint32_t smb2Type) {
     switch (smb2Type) {
     case SMB2_TYPE_FILE:
@@ -115,22 +113,12 @@ int Smb2File::read(void* buf, unsigned int len) {
 
 int Smb2File::write(const void* buf, unsigned int len) {
     return m_data->run(Liberrno::Clear, [&](Smb2Session& session) {
-        if (len > static_cast<unsigned int>(std::numeric_limits<int>::max()))
-            return -EINVAL;
-        const char* from = static_cast<const char*>(buf);
-        int left = static_cast<int>(len);
-        int count = 0;
-        // A server that accepts 0 bytes is asked again, for as long as the connection works.
-        while (left > 0) {
-            count = session.write(m_data->handle, from, std::min(left, longestWrite));
-            if (count < 0)
-                return count;
-            from += count;
-            left -= count;
+        const int count = session.write(m_data->handle, buf, len);
+        if (count > 0) {
+            m_data->position += count;
+            m_data->written(m_data->position);
         }
-        m_data->position += len;
-        m_data->written(m_data->position);
-        return static_cast<int>(len);
+        return count;
     });
 }
 
@@ -142,23 +130,10 @@ int Smb2File::pread(void* buf, unsigned int len, long long offset) {
 
 int Smb2File::pwrite(const void* buf, unsigned int len, long long offset) {
     return m_data->run(Liberrno::Clear, [&](Smb2Session& session) {
-        if (len > static_cast<unsigned int>(std::numeric_limits<int>::max()))
-            return -EINVAL;
-        if (offset > std::numeric_limits<long long>::max() - len)
-            return -EFBIG;
-        const char* const from = static_cast<const char*>(buf);
-        int done = 0;
-        while (done < static_cast<int>(len)) {
-            const int piece = std::min(static_cast<int>(len) - done, longestWrite);
-            const int count = session.pwrite(m_data->handle, from + done, piece, offset + done);
-            if (count < 0)
-                return count;
-            if (count == 0)
-                break;
-            done += count;
-        }
-        m_data->written(offset + len);
-        return static_cast<int>(len);
+        const int count = session.pwrite(m_data->handle, buf, len, offset);
+        if (count >= 0)
+            m_data->written(offset + count);
+        return count;
     });
 }
 

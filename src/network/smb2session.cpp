@@ -347,75 +347,6 @@ int Smb2Session::close(smb2fh* file) {
     });
 }
 
-/// Sends a request that transfers up to `count` bytes. A count of 0 sends none: libsmb2 would take
-/// it for a very large one.
-template <class Submit>
-int Smb2Session::transfer(std::uint32_t count, Submit submit) {
-    if (!m_context)
-        return -m_lastError;
-    if (count == 0)
-        return 0;
-    constexpr int largestErrno = 4095;
-    const int moved = request(submit);
-    const bool isErrno = moved < 0 && moved >= -largestErrno;
-    if (!isErrno && static_cast<std::uint32_t>(moved) > count)
-        return fail(ECONNRESET); // not an answer to this request
-    return moved;
-}
-
-int Smb2Session::read(smb2fh* file, void* buf, std::uint32_t count) {
-    return transfer(count, [&](smb2_context* context, Reply* reply) {
-        return smb2_read_async(context, file, static_cast<std::uint8_t*>(buf), count, Reply::take,
-                               reply);
-    });
-}
-
-int Smb2Session::write(smb2fh* file, const void* buf, std::uint32_t count) {
-    if (offsetOf(file) > std::numeric_limits<std::int64_t>::max() - count)
-        return -EFBIG;
-    return transfer(count, [&](smb2_context* context, Reply* reply) {
-        return smb2_write_async(context, file, static_cast<const std::uint8_t*>(buf), count,
-                                Reply::take, reply);
-    });
-}
-
-/// Transfers at `offset` and restores the handle's offset, which libsmb2 moves with every transfer.
-template <class Transfer>
-int Smb2Session::atOffset(smb2fh* file, std::int64_t offset, Transfer transfer) {
-    if (offset < 0)
-        return -EINVAL;
-    const std::int64_t before = offsetOf(file);
-    const int moved = transfer();
-    lseek(file, before);
-    return moved;
-}
-
-int Smb2Session::pread(smb2fh* file, void* buf, std::uint32_t count, std::int64_t offset) {
-    return atOffset(file, offset, [&] {
-        return transfer(count, [&](smb2_context* context, Reply* reply) {
-            return smb2_pread_async(context, file, static_cast<std::uint8_t*>(buf), count,
-                                    static_cast<std::uint64_t>(offset), Reply::take, reply);
-        });
-    });
-}
-
-int Smb2Session::pwrite(smb2fh* file, const void* buf, std::uint32_t count, std::int64_t offset) {
-    return atOffset(file, offset, [&] {
-        return transfer(count, [&](smb2_context* context, Reply* reply) {
-            return smb2_pwrite_async(context, file, static_cast<const std::uint8_t*>(buf), count,
-                                     static_cast<std::uint64_t>(offset), Reply::take, reply);
-        });
-    });
-}
-
-std::int64_t Smb2Session::lseek(smb2fh* file, std::int64_t offset) {
-    return m_context ? smb2_lseek(m_context.get(), file, offset, SEEK_SET, nullptr) : -m_lastError;
-}
-
-std::int64_t Smb2Session::offsetOf(smb2fh* file) const {
-    return m_context ? smb2_lseek(m_context.get(), file, 0, SEEK_CUR, nullptr) : -m_lastError;
-}
-
 /// libsmb2's own call crashes when the connection ends.
 int Smb2Session::fstat(smb2fh* file, smb2_stat_64& st) {
     Query<smb2_stat_64> reply(st);
@@ -540,8 +471,7 @@ int Smb2Session::request(Reply& reply, const QDeadlineTimer& deadline, Submit su
     const int refused = submit(m_context.get(), &reply);
     if (refused != 0)
         return refused == -1 ? -ENOMEM : refused;
-    // Nearly every request fits into the socket's buffer, so write without poll(2) first.
-    const int loss = service(POLLOUT);
+    const int loss = send();
     return loss == 0 ? await(reply, deadline) : fail(loss);
 }
 
@@ -561,18 +491,9 @@ bool Smb2Session::checkConnection() {
 /// Reads and writes until `reply` is complete. \returns its result. After the deadline (ETIMEDOUT)
 /// or a failure of the connection, the session has no connection any more.
 int Smb2Session::await(Reply& reply, const QDeadlineTimer& deadline) {
-    smb2_context* const context = m_context.get();
     while (!reply.isComplete()) {
-        const auto events = static_cast<short>(smb2_which_events(context));
         const int unanswered = reply.unanswered;
-        const int limit = remainingMs(deadline);
-        if (limit == 0)
-            return fail(ETIMEDOUT);
-        struct pollfd poller = {smb2_get_fd(context), events, 0};
-        const int ready = poll(&poller, 1, limit);
-        if (ready < 0 && errno != EINTR)
-            return fail(errno);
-        const int loss = ready > 0 ? serve(poller) : 0;
+        const int loss = exchange(deadline);
         if (reply.unanswered != unanswered)
             m_frames.setAnswered();
         if (loss != 0) {
@@ -584,6 +505,28 @@ int Smb2Session::await(Reply& reply, const QDeadlineTimer& deadline) {
     }
     const bool hasEndOfFile = m_frames.takeEndOfFile();
     return hasEndOfFile && reply.result == 0 ? -EBADMSG : reply.result;
+}
+
+/// Sends what is queued. Nearly every request fits into the socket's buffer, so without poll(2)
+/// first. \returns 0, or the errno with which the connection ended.
+int Smb2Session::send() {
+    const libsmb2::CreditSearch search(m_context.get());
+    return service(POLLOUT);
+}
+
+/// Waits for the socket until `deadline`, then reads or writes. \returns 0, also when a signal has
+/// arrived, or the errno with which the connection ended.
+int Smb2Session::exchange(const QDeadlineTimer& deadline) {
+    smb2_context* const context = m_context.get();
+    const int limit = remainingMs(deadline);
+    if (limit == 0)
+        return ETIMEDOUT;
+    struct pollfd poller = {smb2_get_fd(context), static_cast<short>(smb2_which_events(context)),
+                            0};
+    const int ready = poll(&poller, 1, limit);
+    if (ready < 0 && errno != EINTR)
+        return errno;
+    return ready > 0 ? serve(poller) : 0;
 }
 
 /// Reads or writes, by the result of poll(2). \returns 0, or the errno with which the connection

@@ -75,6 +75,11 @@ public:
 
     /// libsmb2's number of the negotiated dialect; 0 before connect().
     unsigned int dialect() const;
+    /// Makes write() and pwrite() wait for the answer to each request before they send the next.
+    void writeSingly();
+    /// Whether the connection was lost while a write had several requests under way.
+    bool wasLostInWindow() const;
+
     /// Whether the session signs or encrypts its messages: 1 or 0; -ENOTSUP when that cannot be
     /// found out with this libsmb2.
     int isProtected() const;
@@ -93,11 +98,21 @@ public:
     int open(const char* path, int flags, smb2fh*& file);
     /// Closes the handle, also when it fails.
     int close(smb2fh* file);
-    /// At the handle's offset, which moves.
+    /// Reads at the handle's offset, which moves. \returns 0 at the end of the file only; -EBADMSG
+    /// when the server returns no bytes before it.
     int read(smb2fh* file, void* buf, std::uint32_t count);
-    int write(smb2fh* file, const void* buf, std::uint32_t count);
-    /// The handle's offset stays.
+    /// The same, and the handle's offset stays.
     int pread(smb2fh* file, void* buf, std::uint32_t count, std::int64_t offset);
+    /// Writes all bytes at the handle's offset, in requests of up to 64 KiB, with several of them
+    /// under way. Each has the time-out, which begins again with each answer. What the server
+    /// leaves out is sent again. After a refusal no more requests are sent.
+    ///
+    /// The handle's offset moves to the first byte that is not written; bytes after it may be.
+    ///
+    /// \returns `count`, or the negative errno of the lowest request that was refused.
+    int write(smb2fh* file, const void* buf, std::uint32_t count);
+    /// The same, and the handle's offset stays. After an answer that no byte is written, no more
+    /// requests are sent. \returns `count` also then.
     int pwrite(smb2fh* file, const void* buf, std::uint32_t count, std::int64_t offset);
     /// Moves the handle's offset to `offset`, without a request. \returns it, or a negative errno.
     std::int64_t lseek(smb2fh* file, std::int64_t offset);
@@ -117,7 +132,11 @@ private:
     Q_DISABLE_COPY(Smb2Session)
 
     struct Attempt;
+    struct Reading;
     struct Reply;
+    struct Writing;
+    /// What a write does after an answer that no byte is written.
+    enum class AtZero { SendAgain, Stop };
     template <class Attributes>
     struct Query;
     struct ContextDeleter {
@@ -139,16 +158,20 @@ private:
     int change(smb2_create_request open, std::uint8_t infoClass, void* info);
     int remove(const char* path, std::uint32_t options);
     int readEntries(const std::uint8_t* directory, Smb2Listing& listing);
-    template <class Submit>
-    int transfer(std::uint32_t count, Submit submit);
-    template <class Transfer>
-    int atOffset(smb2fh* file, std::int64_t offset, Transfer transfer);
+    int readAt(smb2fh* file, void* buf, std::uint32_t count, std::int64_t offset);
+    int writeAt(smb2fh* file, const void* buf, std::uint32_t count, std::int64_t offset,
+                AtZero atZero);
+    int carryOut(Writing& writing);
+    int window() const;
+    bool hasCredit() const;
     std::int64_t offsetOf(smb2fh* file) const;
 
     static int remainingMs(const QDeadlineTimer& deadline);
 
     bool checkConnection();
     int await(Reply& reply, const QDeadlineTimer& deadline);
+    int send();
+    int exchange(const QDeadlineTimer& deadline);
     int serve(const struct pollfd& poller);
     int service(int events);
     int fail(int reason);
@@ -160,6 +183,8 @@ private:
     Smb2Frames m_frames;
     unsigned int m_dialect = 0;
     int m_isProtected = 0;
+    bool m_writesSingly = false;
+    bool m_wasLostInWindow = false;
 };
 
 } // namespace oru::io

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -57,6 +58,29 @@ TEST(Libsmb2Flags, SetterThatChangesNoBitOrSeveral_IsNotFound) {
         smb2_set_security_mode(of, value != 0);
     });
     EXPECT_EQ(twoBytes.of(context.get()), -ENOTSUP);
+}
+
+TEST(Libsmb2Credits, OneNumberSmallerByOne_IsFoundAndRead) {
+    const std::unique_ptr<void, decltype(&std::free)> memory(std::calloc(64, sizeof(int)),
+                                                             std::free);
+    auto* const numbers = static_cast<int*>(memory.get());
+    const auto* const context = static_cast<smb2_context*>(memory.get());
+    const auto search = [&](const std::vector<int>& places, int change) {
+        const libsmb2::CreditSearch comparison(context);
+        for (const int place : places)
+            numbers[place] += change;
+    };
+    EXPECT_EQ(libsmb2::credits(context), -ENOTSUP);
+    search({}, 0);
+    search({5}, 1);
+    search({5}, -2);
+    search({5, 9}, -1);
+    EXPECT_EQ(libsmb2::credits(context), -ENOTSUP);
+    numbers[7] = 31;
+    search({7}, -1);
+    EXPECT_EQ(libsmb2::credits(context), 30);
+    search({9}, -1); // the place is known
+    EXPECT_EQ(libsmb2::credits(context), 30);
 }
 
 TEST(Libsmb2Contexts, MadeAndDestroyedByManyThreads_StayApart) {
