@@ -313,22 +313,33 @@ public:
     ~Smb2File() override;
 
     /// Sends one request. May return less than `len` before the end of the file, if the server
-    /// sends less.
-    int read(void* buf, unsigned int len) override;
-    /// Sends requests of up to 64 KiB, each within the time-out, until all bytes are written.
+    /// sends less or permits only a smaller request.
     ///
-    /// After a failure the position that lseek() reports is unchanged, but the next write continues
-    /// after the bytes that the server has already written.
+    /// \returns 0 only if the server reports the end of the file. -1 with errno EBADMSG if it reports
+    /// success without any bytes.
+    int read(void* buf, unsigned int len) override;
+    /// Sends requests of up to 64 KiB until all bytes are written: up to 16 of them before the first
+    /// answer, if the server permits as many. Nothing is under way when the call returns.
+    ///
+    /// - Each request has the time-out from when it is queued, or from the last answer to another
+    ///   request of this write. So a long write may take longer than the time-out.
+    /// - After a refused request no more requests are sent. errno is that of the lowest refused one.
+    ///   The position that lseek() reports is unchanged, but the next write continues at the first
+    ///   byte that is not written.
+    /// - After a refused request or a lost connection, any subset of the requests under way may be
+    ///   on the server. What was written before a successful fsync() is there.
+    /// - After a connection that was lost with several requests under way, the next connection
+    ///   writes one request at a time. So does the dialect 2.0.2.
     ///
     /// \returns `len`, or -1. If `len` is larger than INT_MAX, -1 with errno EINVAL, and no request
-    /// is sent.
+    /// is sent. EBADMSG: the server answers with "end of file".
     int write(const void* buf, unsigned int len) override;
     /// As read(), at `offset`. The file position stays.
     int pread(void* buf, unsigned int len, long long offset) override;
     /// As write(), at `offset`. The file position stays.
     ///
-    /// If the server answers that it has written 0 bytes, the call stops there. It still returns
-    /// `len`, although the rest is not written.
+    /// If the server answers to a request that it has written 0 bytes, no more requests are sent. The
+    /// call still returns `len`, although not all bytes are written.
     int pwrite(const void* buf, unsigned int len, long long offset) override;
     /// Moves the file position, without a request.
     ///
