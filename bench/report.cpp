@@ -54,8 +54,7 @@ const char* unitOf(const Target& target) {
 }
 
 bool hasLimit(const Target& target) {
-    return target.kind != Target::Ratio && target.kind != Target::Speed &&
-           target.kind != Target::ProcessorTime;
+    return target.limit > 0;
 }
 
 bool isDifference(const Target& target) {

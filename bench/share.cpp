@@ -10,6 +10,7 @@
 #include <QDir>
 #include <QFile>
 
+#include <chrono>
 #include <ctime>
 
 // libsmb2's headers need these first.
@@ -69,11 +70,24 @@ void Share::awaitIdleServer() const {
     oru::io::test::eventually([this] { return m_server.processes().size() <= m_idleProcesses; });
 }
 
-std::unique_ptr<Smb2FS> Share::connect() const {
+QString Share::clipFile() const {
+    return m_directory.filePath(clip);
+}
+
+/// The port of a line with this round trip, which is made at the first call.
+quint16 Share::port(int roundTripMs) {
+    if (roundTripMs == 0)
+        return m_server.port();
+    const auto line =
+        m_lines.try_emplace(roundTripMs, m_server.port(), std::chrono::milliseconds(roundTripMs));
+    return line.first->second.port();
+}
+
+std::unique_ptr<Smb2FS> Share::connect(int roundTripMs) {
     awaitIdleServer();
     auto fs = std::make_unique<Smb2FS>(timeoutSeconds);
     const int result = fs->connect({
-        {"server", m_server.address()},
+        {"server", QStringLiteral("127.0.0.1:%1").arg(port(roundTripMs))},
         {"share", shareName},
         {"user", SmbServer::user},
         {"password", SmbServer::password},
@@ -82,7 +96,7 @@ std::unique_ptr<Smb2FS> Share::connect() const {
     return result == 0 ? std::move(fs) : nullptr;
 }
 
-Share::Context Share::connectLibsmb2() const {
+Share::Context Share::connectLibsmb2(int roundTripMs) {
     awaitIdleServer();
     Context context(smb2_init_context());
     if (!context)
@@ -92,15 +106,15 @@ Share::Context Share::connectLibsmb2() const {
     smb2_set_timeout(context.get(), timeoutSeconds);
     smb2_set_version(context.get(), SMB2_VERSION_0311);
     smb2_set_password(context.get(), SmbServer::password);
-    const QByteArray server = m_server.address().toLatin1();
+    const QByteArray server = "127.0.0.1:" + QByteArray::number(port(roundTripMs));
     if (smb2_connect_share(context.get(), server, shareName, SmbServer::user) != 0)
         return nullptr;
     return context;
 }
 
-QStringList Share::smbclientArguments() const {
+QStringList Share::smbclientArguments(int roundTripMs) {
     return {QStringLiteral("//127.0.0.1/") + shareName,
-            QStringLiteral("--port=%1").arg(m_server.port()),
+            QStringLiteral("--port=%1").arg(port(roundTripMs)),
             QStringLiteral("--user=%1%%2").arg(SmbServer::user, SmbServer::password),
             "--configfile=/dev/null"};
 }

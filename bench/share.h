@@ -2,6 +2,8 @@
 // A share of an SMB server, and connections to it through the compared clients.
 #pragma once
 
+#include "delayedline.h"
+
 #include "support/system/smbserver.h"
 
 #include <oruio/fssmb.h>
@@ -9,6 +11,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -30,15 +33,18 @@ public:
     /// Why it cannot be served; empty on success.
     const std::string& lastError() const;
 
-    /// Connects with the library. \returns null on failure.
-    std::unique_ptr<oru::io::Smb2FS> connect() const;
+    /// Connects with the library, over a line with this round trip in milliseconds; 0 is the
+    /// loopback interface. \returns null on failure.
+    std::unique_ptr<oru::io::Smb2FS> connect(int roundTripMs = 0);
     /// Connects with libsmb2 alone, in the same dialect. \returns null on failure.
-    Context connectLibsmb2() const;
+    Context connectLibsmb2(int roundTripMs = 0);
     /// The arguments of smbclient to connect.
-    QStringList smbclientArguments() const;
+    QStringList smbclientArguments(int roundTripMs = 0);
 
     /// The path of a clip of clipSize bytes, for all clients.
     static constexpr char clip[] = "clip.mov";
+    /// The local path of the clip.
+    QString clipFile() const;
 
     /// Makes the directory `takes` with `takeCount` files, at the first call. \returns whether it
     /// is there.
@@ -51,9 +57,11 @@ private:
     Q_DISABLE_COPY(Share)
 
     void awaitIdleServer() const;
+    quint16 port(int roundTripMs);
 
     QTemporaryDir m_directory;
     oru::io::test::SmbServer m_server;
     const int m_idleProcesses; // processes of the server without a connection
     const std::string m_lastError;
+    std::map<int, DelayedLine> m_lines; // by their round trips
 };

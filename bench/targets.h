@@ -16,7 +16,7 @@ struct Target {
         MemoryAtMost,      ///< measured - reference, in KiB, must not exceed the limit
         MemoryRatioAtMost, ///< measured / reference, in KiB, must not exceed the limit
         Speed,             ///< measured / reference, in bytes per time; no limit
-        ProcessorTime,     ///< processor time per GiB, measured and reference; no limit
+        ProcessorTime,     ///< processor time per GiB, measured / reference; limit 0 is no limit
     };
 
     const char* what;
