@@ -33,17 +33,19 @@ struct Answer {
     int result; ///< Success: the count of bytes. Refusal: a negative errno
 };
 
-/// Interprets what libsmb2 passes to the callback of a request of `length` bytes. That is the count
-/// also after "end of file", where the answer has none, and a count above INT_MAX looks like an
-/// errno. But only a success moves the handle, which was `nowhere`, and is again.
+/// Interprets what libsmb2 passes to the callback of a request of `length` bytes: an errno, or the
+/// count. After "end of file" the count is not set, and a count above INT_MAX looks like an errno.
+/// But only a success moves the handle, which was `nowhere`, and is again.
 Answer answerOf(smb2_context* context, smb2fh* file, int status, std::uint32_t length) {
+    constexpr int largestErrno = 4095;
     const bool isSuccess = smb2_lseek(context, file, 0, SEEK_CUR, nullptr) != nowhere;
     smb2_lseek(context, file, nowhere, SEEK_SET, nullptr);
-    if (!isSuccess)
-        return status < 0 ? Answer{Answer::Refusal, status} : Answer{Answer::EndOfFile, 0};
-    if (static_cast<std::uint32_t>(status) > length)
-        return {Answer::Invalid, 0};
-    return {Answer::Success, status};
+    if (isSuccess) {
+        const bool isInRange = static_cast<std::uint32_t>(status) <= length;
+        return {isInRange ? Answer::Success : Answer::Invalid, status};
+    }
+    const bool isErrno = status < 0 && status >= -largestErrno;
+    return isErrno ? Answer{Answer::Refusal, status} : Answer{Answer::EndOfFile, 0};
 }
 
 } // namespace

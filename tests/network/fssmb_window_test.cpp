@@ -240,8 +240,14 @@ TEST_F(SmbWindow, SeveralRefused_ReturnsErrnoOfTheLowest) {
                     message = message.left(64) + QByteArray("\x09\0\0\0\0\0\0\0\0", 9);
             });
         }
-        EXPECT_EQ(positioned ? pwrite(content, 0) : write(content), -1);
-        EXPECT_EQ(errno, ENOSPC) << std::strerror(errno);
+        server.stop();
+        std::thread writer([&] {
+            EXPECT_EQ(positioned ? pwrite(content, 0) : write(content), -1);
+            EXPECT_EQ(errno, ENOSPC) << std::strerror(errno);
+        });
+        EXPECT_TRUE(test::eventually([&] { return offsets().size() == 4; }));
+        server.cont();
+        writer.join();
         EXPECT_EQ(proxy->armed(), 0);
         EXPECT_EQ(file->lseek(0, SEEK_END), 0);
     }
