@@ -142,10 +142,10 @@ public:
     ///
     /// While the file is open, other clients may read and write it, but not remove or rename it.
     QSharedPointer<File> open(QString path, int flags, int mode) override;
-    /// Opens a directory and reads the whole listing, in the order of the server. \returns null with
-    /// errno, among them:
-    /// - EBADMSG: the server has sent a malformed entry, or a name that is empty or contains a slash
-    ///   or a NUL. The connection still works.
+    /// Opens a directory and reads the whole listing, in the order of the server. \returns null
+    /// with errno, among them:
+    /// - EBADMSG: an entry is malformed, or its name is empty or contains a slash or a NUL. The
+    ///   connection still works.
     /// - EOVERFLOW: the listing does not end after 10,000 requests.
     ///
     /// Sends as many requests as the listing needs, each within the time-out.
@@ -389,8 +389,8 @@ public:
 
     /// Returns the next entry, which is valid until the next call. "." and ".." are included.
     ///
-    /// Only d_ino, d_type and d_name (cut to 255 bytes) are set. In d_name, U+FFFD stands for half of
-    /// a surrogate pair: such a name cannot be opened.
+    /// Only d_ino, d_type and d_name (cut to 255 bytes) are set. In d_name, U+FFFD stands for half
+    /// of a surrogate pair: such a name cannot be opened.
     ///
     /// \returns null with errno:
     /// - ENOENT: the end is reached, or the directory is closed;

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <QByteArray>
+#include <QList>
 #include <QtEndian>
 
 #include <algorithm>

@@ -8,11 +8,14 @@
 #include <gtest/gtest.h>
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
 #include <QStringList>
 #include <QtEndian>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 
 namespace oru::io {
