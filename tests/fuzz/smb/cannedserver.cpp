@@ -11,13 +11,21 @@ namespace {
 
 /// More than any operation needs, but an end to requests that are repeated for ever.
 constexpr int maxAnswers = 400;
-/// The field of the answers to READ and WRITE with the count of bytes.
-constexpr int dataLength = headerSize + 4;
 
 /// An answer to a request that the client sends now.
 QByteArray addressed(QByteArray message, const Request& request) {
     setField<quint16>(message, field::creditCharge, request.charge);
     setField<quint64>(message, field::messageId, request.messageId);
+    if (fieldOf<quint32>(message, field::status) != success)
+        return message;
+    // The client may transfer in other pieces than when it was recorded.
+    if (request.command == Write)
+        setField<quint32>(message, field::length, request.length);
+    if (request.command == Read && fieldOf<quint32>(message, field::length) > request.length) {
+        setField<quint32>(message, field::length, request.length);
+        constexpr int readData = headerSize + 16;
+        message.truncate(readData + static_cast<int>(request.length));
+    }
     return message;
 }
 
@@ -53,32 +61,51 @@ void CannedServer::beginCall() {
     m_answers.clear();
 }
 
-QList<QByteArray> CannedServer::answersTo(int wanted) const {
+QList<QByteArray> CannedServer::answersTo(const Request& request) const {
     QList<QByteArray> found;
     for (const QByteArray& message : m_answers) {
-        const auto id = fieldOf<quint64>(message, field::messageId);
-        if (std::any_of(m_requests.cbegin(), m_requests.cend(), [&](const Request& request) {
-                return request.command == wanted && request.messageId == id;
-            }))
+        if (fieldOf<quint64>(message, field::messageId) == request.messageId)
             found.append(message);
     }
     return found;
 }
 
+QList<QByteArray> CannedServer::answersTo(int command) const {
+    QList<QByteArray> found;
+    for (const Request& request : m_requests) {
+        if (request.command == command)
+            found += answersTo(request);
+    }
+    return found;
+}
+
 bool CannedServer::isGranted() const {
-    return std::all_of(m_requests.cbegin(), m_requests.cend(), [&](const Request& request) {
-        return std::any_of(m_answers.cbegin(), m_answers.cend(), [&](const QByteArray& message) {
-            return fieldOf<quint64>(message, field::messageId) == request.messageId &&
-                   fieldOf<quint32>(message, field::status) == success;
+    return std::all_of(m_requests.cbegin(), m_requests.cend(), [this](const Request& request) {
+        const QList<QByteArray> found = answersTo(request);
+        return std::any_of(found.cbegin(), found.cend(), [](const QByteArray& message) {
+            return fieldOf<quint32>(message, field::status) == success;
         });
     });
 }
 
+/// Calls `found` with the answers to requests that transfer bytes. \returns whether it returned
+/// true once.
+template <class Found>
+bool CannedServer::hasTransferred(int command, Found found) const {
+    for (const Request& request : m_requests) {
+        if (request.command != command || request.length == 0)
+            continue;
+        for (const QByteArray& message : answersTo(request)) {
+            const auto count = fieldOf<quint32>(message, field::length);
+            if (found(fieldOf<quint32>(message, field::status), count, request.length))
+                return true;
+        }
+    }
+    return false;
+}
+
 bool CannedServer::hasRead(qint64 count) const {
-    const QList<QByteArray> reads = answersTo(Read);
-    return std::any_of(reads.cbegin(), reads.cend(), [count](const QByteArray& message) {
-        const auto result = fieldOf<quint32>(message, field::status);
-        const auto length = fieldOf<quint32>(message, dataLength);
+    return hasTransferred(Read, [count](quint32 result, quint32 length, quint32) {
         const bool isEnd = result == endOfFile || (result == success && length == 0);
         return count == 0 ? isEnd : length >= count && (result == success || result == endOfFile);
     });
@@ -86,18 +113,16 @@ bool CannedServer::hasRead(qint64 count) const {
 
 bool CannedServer::hasWritten(qint64 count) const {
     qint64 written = 0;
-    for (const QByteArray& message : answersTo(Write)) {
-        if (fieldOf<quint32>(message, field::status) == success)
-            written += fieldOf<quint32>(message, dataLength);
-    }
-    return written >= count;
+    return hasTransferred(Write, [&](quint32 result, quint32 length, quint32 sent) {
+        if (result == success)
+            written += std::min(length, sent);
+        return written >= count;
+    });
 }
 
 bool CannedServer::hasWrittenNothing() const {
-    const QList<QByteArray> writes = answersTo(Write);
-    return std::any_of(writes.cbegin(), writes.cend(), [](const QByteArray& message) {
-        return fieldOf<quint32>(message, field::status) == success &&
-               fieldOf<quint32>(message, dataLength) == 0;
+    return hasTransferred(Write, [](quint32 result, quint32 length, quint32) {
+        return result == success && length == 0;
     });
 }
 
@@ -190,7 +215,7 @@ void CannedServer::deliver(QByteArray frame, const QList<Fault>& faults) {
     int copies = 1;
     bool isHeld = false;
     int part = 0;
-    int last = -1;
+    int last = -1; // how many bytes the client gets; -1: all
     for (const Fault& fault : faults) {
         const quint64 argument = fault.arguments[0];
         const int limited = static_cast<int>(std::min<quint64>(argument, 1 << 20));
@@ -241,13 +266,10 @@ void CannedServer::deliver(QByteArray frame, const QList<Fault>& faults) {
     }
     for (int i = 0; i < copies; ++i) {
         if (last >= 0) {
-            transmit(bytes.left(last));
+            send(bytes.left(last));
             close();
-        } else if (part > 0 && part < bytes.size()) {
-            transmit(bytes.left(part), true);
-            transmit(bytes.mid(part));
         } else {
-            transmit(bytes);
+            transmit(bytes, std::min(part, bytes.size()));
         }
     }
     const QList<QByteArray> held = std::move(m_held);
@@ -256,12 +278,15 @@ void CannedServer::deliver(QByteArray frame, const QList<Fault>& faults) {
         transmit(later);
 }
 
-void CannedServer::transmit(const QByteArray& bytes, bool isFollowedByPause) {
+/// Sends a frame. `part` is where it is divided, 0 if it is not.
+void CannedServer::transmit(const QByteArray& bytes, int part) {
     for (const QByteArray& message : messagesOf(bytes.mid(prefixSize))) {
         if (fieldOf<quint32>(message, field::status) != pending)
             m_answers.append(message);
     }
-    send(bytes, isFollowedByPause);
+    if (part > 0)
+        send(bytes.left(part), true);
+    send(bytes.mid(part));
 }
 
 void CannedServer::idle() {

@@ -36,11 +36,14 @@ protected:
     void idle() override;
 
 private:
-    QList<QByteArray> answersTo(int wanted) const;
+    QList<QByteArray> answersTo(const Request& request) const;
+    QList<QByteArray> answersTo(int command) const;
+    template <class Found>
+    bool hasTransferred(int command, Found found) const;
     const RecordedAnswer* find(const Request& request);
     QList<Fault> faultsOf(const Request& request);
     void deliver(QByteArray frame, const QList<Fault>& faults);
-    void transmit(const QByteArray& frame, bool isFollowedByPause = false);
+    void transmit(const QByteArray& bytes, int part = 0);
 
     const Script& m_script;
     const Recording& m_recording;

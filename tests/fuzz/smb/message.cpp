@@ -39,6 +39,8 @@ Request::Request(const QByteArray& message)
       messageId(fieldOf<quint64>(message, field::messageId)) {
     if (command == QueryInfo || command == SetInfo)
         kind = fieldOf<quint16>(message, headerSize + 2);
+    if (command == Read || command == Write)
+        length = fieldOf<quint32>(message, field::length);
 }
 
 QList<QByteArray> messagesOf(const QByteArray& frame) {

@@ -30,6 +30,8 @@ constexpr int nextCommand = 20;
 constexpr int messageId = 24;
 constexpr int asyncId = 32;
 constexpr int sessionId = 40;
+/// READ and WRITE: how many bytes, in requests and answers.
+constexpr int length = headerSize + 4;
 
 } // namespace field
 
@@ -93,6 +95,7 @@ struct Request {
     quint16 kind = 0; ///< QUERY_INFO and SET_INFO: type and class of the information
     quint16 charge = 0;
     quint64 messageId = 0;
+    quint32 length = 0; ///< READ and WRITE: how many bytes
 
     explicit Request(const QByteArray& message = {});
     bool isLike(const Request& other) const {

@@ -29,11 +29,11 @@ constexpr int smallRead = 100;
 constexpr int writtenSize = 150'000; // three requests
 constexpr int shortLength = 10;
 constexpr int smallListing = 3;
-constexpr int largeListing = 300; // with long names: several requests
+constexpr int largeListing = 130; // with long names: several requests
 constexpr int dots = 2;           // "." and ".."
 
 QString largeName(int number) {
-    return QStringLiteral("%1-%2").arg(number, 3, 10, QChar('0')).arg(QString(120, 'n'));
+    return QStringLiteral("%1-%2").arg(number, 3, 10, QChar('0')).arg(QString(230, 'n'));
 }
 
 } // namespace
@@ -111,7 +111,17 @@ auto ShareClient::call(Call call) {
 /// Checks a failed call.
 void ShareClient::checkFailure() {
     require(m_isBroken == (errno == 0), "a failure has an errno, unless the share is broken");
+    takeFailure();
+}
+
+/// Takes note of errno after a call.
+void ShareClient::takeFailure() {
     m_isBroken = m_isBroken || isFatal(errno);
+    m_isConnectionKept = m_isConnectionKept && errno != ECONNRESET;
+}
+
+bool ShareClient::isConnectionKept() const {
+    return m_isConnectionKept;
 }
 
 /// Whether a call was successful.
@@ -139,7 +149,10 @@ bool ShareClient::connect() {
     const int result = call([&] { return m_share.connect(m_login); });
     require(result == 0 || result == -1, "connect() returns 0 or -1");
     require(result == 0 || errno != 0, "a failed connect has an errno");
-    m_isBroken = result == -1 && isFatal(errno);
+    m_isBroken = false;
+    m_isConnectionKept = m_isConnectionKept && result == 0;
+    if (result == -1)
+        takeFailure();
     return result == 0 && m_share.getDialect() == m_login["version"].toString();
 }
 
@@ -148,7 +161,7 @@ bool ShareClient::disconnect() {
     require(result == 0 || result == -1, "disconnect() returns 0 or -1");
     if (result == -1) {
         require(errno != 0, "a failed disconnect has an errno");
-        m_isBroken = m_isBroken || isFatal(errno);
+        takeFailure();
     }
     return result == 0;
 }
@@ -157,6 +170,7 @@ bool ShareClient::echo() {
     const bool isConnected = call([&] { return m_share.isConnected(); });
     require(isConnected || !m_isBroken, "a broken share counts as connected");
     require(!isConnected || m_isBroken || m_witness.isGranted(), "an echo was answered");
+    m_isConnectionKept = m_isConnectionKept && isConnected;
     return isConnected && !m_isBroken;
 }
 
@@ -368,7 +382,7 @@ bool ShareClient::list(const char* path, int expected, bool isRewound) {
     if (isRewound && !m_isBroken) {
         const int result = call([&] { return directory->rewinddir(); });
         require(result == 0, "rewinddir() returns 0");
-        m_isBroken = isFatal(errno);
+        takeFailure();
         if (errno == 0)
             require(m_witness.hasListed(), "a listing is complete");
         isAsExpected &= entries(*directory) == expected + dots;

@@ -63,6 +63,9 @@ public:
     /// operation had the result that it has with `makeFiles()` and a true server.
     bool run(const QByteArray& operation);
 
+    /// Whether no connection has ended but by disconnect().
+    bool isConnectionKept() const;
+
 private:
     struct Operation;
 
@@ -70,6 +73,7 @@ private:
     auto call(Call call);
     bool isDone(int result);
     void checkFailure();
+    void takeFailure();
     bool isGranted(int result);
 
     bool connect();
@@ -103,6 +107,7 @@ private:
     Witness& m_witness;
     Smb2FS m_share;
     bool m_isBroken = false;
+    bool m_isConnectionKept = true;
 };
 
 } // namespace oru::io::test
