@@ -30,13 +30,11 @@ QByteArray addressed(QByteArray message, const Request& request) {
 }
 
 QByteArray interimOf(QByteArray message) {
-    message.truncate(headerSize);
     setField<quint32>(message, field::status, pending);
     setField<quint32>(message, field::flags, fieldOf<quint32>(message, field::flags) | asyncFlag);
     setField<quint32>(message, field::nextCommand, 0);
     setField<quint64>(message, field::asyncId, 1);
-    constexpr char noError[] = {9, 0, 0, 0, 0, 0, 0, 0, 0};
-    return message.append(noError, sizeof noError);
+    return errorOf(message);
 }
 
 QByteArray transformFrame(quint64 size) {

@@ -167,6 +167,6 @@ extern "C" int __wrap_poll(struct pollfd* fds, nfds_t count, int timeout) {
         server->carryOn();
         ready = pollNow(fds, count);
     }
-    oru::io::test::require(ready != 0 || timeout == 0, "a client waits for its connection only");
+    oru::io::test::require(ready != 0 || timeout == 0, "a client that waits has a connection");
     return ready;
 }

@@ -72,6 +72,12 @@ QByteArray frameOf(QList<QByteArray> messages) {
     return prefixed(frame);
 }
 
+QByteArray errorOf(QByteArray message) {
+    constexpr char body[] = {9, 0, 0, 0, 0, 0, 0, 0, 0};
+    message.truncate(headerSize);
+    return message.append(body, sizeof body);
+}
+
 QByteArray prefixed(const QByteArray& frame) {
     char prefix[prefixSize];
     qToBigEndian(static_cast<quint32>(frame.size()), prefix);

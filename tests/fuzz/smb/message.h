@@ -107,6 +107,8 @@ struct Request {
 QList<QByteArray> messagesOf(const QByteArray& frame);
 /// A frame with its prefix. Sets `field::nextCommand` and pads the messages.
 QByteArray frameOf(QList<QByteArray> messages);
+/// An error with the header of a message.
+QByteArray errorOf(QByteArray message);
 /// Prefixes the length of a frame.
 QByteArray prefixed(const QByteArray& frame);
 /// Removes the first frame from `received`, if it has arrived whole, and stores it in `frame`

@@ -20,9 +20,9 @@ struct ChangeName {
 
 /// In the order of Fault::Change.
 constexpr ChangeName changes[] = {
-    {"put", 3},  {"fill", 3},    {"flip", 2},    {"insert", 3},    {"erase", 2}, {"cut", 1},
-    {"grow", 2}, {"length", 1},  {"short", 1},   {"split", 1},     {"drop", 0},  {"double", 0},
-    {"hold", 0}, {"pending", 1}, {"unasked", 3}, {"transform", 1}, {"close", 0},
+    {"put", 3},    {"fill", 3},   {"flip", 2},    {"insert", 3},  {"erase", 2},     {"cut", 1},
+    {"grow", 2},   {"refuse", 1}, {"length", 1},  {"short", 1},   {"split", 1},     {"drop", 0},
+    {"double", 0}, {"hold", 0},   {"pending", 1}, {"unasked", 3}, {"transform", 1}, {"close", 0},
 };
 
 constexpr int maxFaults = 12;
@@ -74,6 +74,10 @@ void Fault::apply(QByteArray& message) const {
     case Grow:
         message.append(
             QByteArray(static_cast<int>(std::min(first, maxSize)), static_cast<char>(second)));
+        break;
+    case Refuse:
+        setField<quint32>(message, field::status, static_cast<quint32>(first));
+        message = errorOf(message);
         break;
     default:
         break;
@@ -139,8 +143,7 @@ std::string Script::toString() const {
         text << fault.operation.constData() << ' ' << nameOf(fault.command) << ' ' << fault.number
              << ' ' << change.name;
         for (int i = 0; i < change.arguments; ++i) {
-            const bool isHex = i == 2 && fault.arguments[i] > 9;
-            text << ' ' << (isHex ? "0x" : "") << (isHex ? std::hex : std::dec)
+            text << ' ' << std::showbase << (fault.arguments[i] > 0xffff ? std::hex : std::dec)
                  << fault.arguments[i] << std::dec;
         }
         text << '\n';
@@ -405,14 +408,18 @@ Fault faultIn(Dice& dice, const Recording& recording) {
     if (dice.oneIn(16))
         fault.number = 0;
     const quint64 layer = dice.below(20);
-    if (layer < 9)
+    if (layer < 2) {
+        fault.change = Fault::Refuse;
+        fault.arguments[0] = statusFor(dice);
+    } else if (layer < 9) {
         chooseField(dice, answer, fault);
-    else if (layer < 13)
+    } else if (layer < 13) {
         chooseHeaderField(dice, answer, fault);
-    else if (layer < 17)
+    } else if (layer < 17) {
         chooseBytes(dice, answer, fault);
-    else
+    } else {
         chooseFrameFault(dice, answer, fault);
+    }
     return fault;
 }
 

@@ -19,6 +19,7 @@
 //     erase OFFSET SIZE           removes bytes
 //     cut SIZE                    shortens the message
 //     grow SIZE BYTE              appends bytes
+//     refuse STATUS               replaces it by an error
 //
 // Changes of the frame that contains the message:
 //
@@ -53,6 +54,7 @@ struct Fault {
         Erase,
         Cut,
         Grow,
+        Refuse,
         Length, // the first one that concerns the frame
         Short,
         Split,
