@@ -16,7 +16,7 @@ packages_demo=("${packages_samba[@]}" e2fsprogs fdisk mount udev util-linux)
 packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-user-static)
 # The emulated device; the tools that build its system and its disks and read its results.
 packages_device=("${packages_armhf[@]}" cpio dosfstools e2fsprogs exfatprogs fdisk kmod python3 qemu-system-arm)
-packages_fuzz=(clang libclang-rt-dev)
+packages_fuzz=(clang debian-archive-keyring dpkg-dev libclang-rt-dev)
 packages_check=(clang-format clang-tidy git pkgconf python3 shellcheck)
 packages_prove=(gcc libc6-dev python3 spin)
 packages_docs=(doxygen doxygen-awesome-css graphviz)

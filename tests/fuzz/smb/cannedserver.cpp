@@ -126,7 +126,10 @@ bool CannedServer::hasWrittenNothing() const {
 
 bool CannedServer::hasListed() const {
     const QList<QByteArray> listings = answersTo(QueryDirectory);
-    return !listings.isEmpty() && fieldOf<quint32>(listings.last(), field::status) == noMoreFiles;
+    if (listings.isEmpty())
+        return false;
+    const auto last = fieldOf<quint32>(listings.last(), field::status);
+    return last == noMoreFiles || (last == noSuchFile && listings.size() == 1);
 }
 
 bool CannedServer::hasLink() const {
@@ -263,7 +266,7 @@ void CannedServer::deliver(QByteArray frame, const QList<Fault>& faults) {
         return;
     }
     for (int i = 0; i < copies; ++i) {
-        if (last >= 0) {
+        if (last >= 0 && last < bytes.size()) {
             send(bytes.left(last));
             close();
         } else {

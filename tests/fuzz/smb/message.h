@@ -65,6 +65,7 @@ enum Command : quint16 {
 constexpr quint32 success = 0;
 constexpr quint32 pending = 0x103;
 constexpr quint32 noMoreFiles = 0x80000006;
+constexpr quint32 noSuchFile = 0xc000000f; ///< also the first answer of an empty directory
 constexpr quint32 endOfFile = 0xc0000011;
 
 /// A name such as "query_info"; "any" for a number that is not a Command.

@@ -84,7 +84,7 @@ void Fault::apply(QByteArray& message) const {
     }
 }
 
-// --- Text ---------------------------------------------------------------------------------------
+// --- Lines ---------------------------------------------------------------------------------------
 
 namespace {
 
@@ -133,22 +133,22 @@ Script Script::parsed(const std::uint8_t* input, std::size_t size) {
 }
 
 std::string Script::toString() const {
-    std::ostringstream text;
-    text << dialect.constData();
+    std::ostringstream lines;
+    lines << dialect.constData();
     for (const QByteArray& operation : operations)
-        text << ' ' << operation.constData();
-    text << '\n';
+        lines << ' ' << operation.constData();
+    lines << '\n';
     for (const Fault& fault : faults) {
         const ChangeName& change = changes[fault.change];
-        text << fault.operation.constData() << ' ' << nameOf(fault.command) << ' ' << fault.number
+        lines << fault.operation.constData() << ' ' << nameOf(fault.command) << ' ' << fault.number
              << ' ' << change.name;
         for (int i = 0; i < change.arguments; ++i) {
-            text << ' ' << std::showbase << (fault.arguments[i] > 0xffff ? std::hex : std::dec)
+            lines << ' ' << std::showbase << (fault.arguments[i] > 0xffff ? std::hex : std::dec)
                  << fault.arguments[i] << std::dec;
         }
-        text << '\n';
+        lines << '\n';
     }
-    return text.str();
+    return lines.str();
 }
 
 // --- Chance -------------------------------------------------------------------------------------
