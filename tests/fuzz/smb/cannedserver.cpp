@@ -132,11 +132,20 @@ bool CannedServer::hasListed() const {
     return last == noMoreFiles || (last == noSuchFile && listings.size() == 1);
 }
 
-bool CannedServer::hasLink() const {
-    const QList<QByteArray> links = answersTo(Ioctl);
-    return std::any_of(links.cbegin(), links.cend(), [](const QByteArray& message) {
+/// Whether a request of a command was answered with a success.
+bool CannedServer::hasGranted(int command) const {
+    const QList<QByteArray> found = answersTo(command);
+    return std::any_of(found.cbegin(), found.cend(), [](const QByteArray& message) {
         return fieldOf<quint32>(message, field::status) == success;
     });
+}
+
+bool CannedServer::hasLink() const {
+    return hasGranted(Ioctl);
+}
+
+bool CannedServer::hasConnected() const {
+    return hasGranted(Negotiate) && hasGranted(SessionSetup) && hasGranted(TreeConnect);
 }
 
 bool CannedServer::connectClient(int client) {

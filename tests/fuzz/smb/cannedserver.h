@@ -28,6 +28,7 @@ public:
     bool hasWrittenNothing() const override;
     bool hasListed() const override;
     bool hasLink() const override;
+    bool hasConnected() const override;
 
     bool connectClient(int client) override;
 
@@ -38,6 +39,7 @@ protected:
 private:
     QList<QByteArray> answersTo(const Request& request) const;
     QList<QByteArray> answersTo(int command) const;
+    bool hasGranted(int command) const;
     template <class Found>
     bool hasTransferred(int command, Found found) const;
     const RecordedAnswer* find(const Request& request);

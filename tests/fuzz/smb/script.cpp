@@ -141,10 +141,10 @@ std::string Script::toString() const {
     for (const Fault& fault : faults) {
         const ChangeName& change = changes[fault.change];
         lines << fault.operation.constData() << ' ' << nameOf(fault.command) << ' ' << fault.number
-             << ' ' << change.name;
+              << ' ' << change.name;
         for (int i = 0; i < change.arguments; ++i) {
             lines << ' ' << std::showbase << (fault.arguments[i] > 0xffff ? std::hex : std::dec)
-                 << fault.arguments[i] << std::dec;
+                  << fault.arguments[i] << std::dec;
         }
         lines << '\n';
     }

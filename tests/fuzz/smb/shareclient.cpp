@@ -149,6 +149,7 @@ bool ShareClient::connect() {
     const int result = call([&] { return m_share.connect(m_login); });
     require(result == 0 || result == -1, "connect() returns 0 or -1");
     require(result == 0 || errno != 0, "a failed connect has an errno");
+    require(result == -1 || m_witness.hasConnected(), "a session was granted by the server");
     m_isBroken = false;
     m_isConnectionKept = m_isConnectionKept && result == 0;
     if (result == -1)

@@ -24,6 +24,10 @@ public:
     virtual bool isGranted() const {
         return true;
     }
+    /// Whether the call had a session and a share that the server granted.
+    virtual bool hasConnected() const {
+        return true;
+    }
     /// Whether the call had a READ that was answered with `count` bytes; 0 stands for the end of
     /// the file.
     virtual bool hasRead(qint64) const {
