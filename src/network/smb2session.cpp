@@ -428,7 +428,6 @@ int Smb2Session::readEntries(const std::uint8_t* directory, Smb2Listing& listing
                                        : read->listing.append(answer->output_buffer, size));
                 break;
             }
-            case SMB2_STATUS_NO_SUCH_FILE: // an empty directory, without "." and ".."
             case SMB2_STATUS_NO_MORE_FILES:
                 read->isEnd = true;
                 read->answer(0);
