@@ -3,9 +3,11 @@
 
 #include <QtEndian>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -198,6 +200,11 @@ private:
 
 namespace {
 
+bool isDialect(std::uint16_t number) {
+    constexpr std::uint16_t dialects[] = {0x0202, 0x0210, 0x0300, 0x0302, 0x0311};
+    return std::find(std::begin(dialects), std::end(dialects), number) != std::end(dialects);
+}
+
 /// Whether libsmb2 can read the challenge of an NTLM server.
 bool isChallenge(const std::uint8_t* token, std::size_t size) {
     constexpr std::size_t shortest = 48;
@@ -291,6 +298,7 @@ int Smb2Frames::checkMessage(const Message& message) {
         return 0;
     const std::uint8_t* const buffer = message.buffer();
     const std::size_t size = message.bufferSize();
+    const bool isSuccess = message.status() == Success;
     bool isReadable = true;
     switch (message.command()) {
     case Negotiate:
@@ -298,21 +306,24 @@ int Smb2Frames::checkMessage(const Message& message) {
             if (message.bodyField<std::uint32_t>(at) < smallestSize)
                 return EPROTO;
         }
+        isReadable = isDialect(message.bodyField<std::uint16_t>(4));
         break;
     case SessionSetup:
         isReadable = message.status() != MoreProcessingRequired || isChallenge(buffer, size);
         break;
     case Ioctl: {
         constexpr std::uint32_t getReparsePoint = 0x900a8;
-        isReadable =
-            message.bodyField<std::uint32_t>(4) == getReparsePoint && isReparsePoint(buffer, size);
+        // With a failure, libsmb2 would never free the record.
+        isReadable = isSuccess ? message.bodyField<std::uint32_t>(4) == getReparsePoint &&
+                                     isReparsePoint(buffer, size)
+                               : size == 0;
         break;
     }
     case QueryDirectory:
         isReadable = size <= longestListing;
         break;
     case QueryInfo:
-        isReadable = size == 0 || isInfo(buffer, size);
+        isReadable = size == 0 || (isSuccess && isInfo(buffer, size));
         break;
     default:
         break;

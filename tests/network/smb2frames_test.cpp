@@ -86,6 +86,7 @@ QByteArray readOf(const QByteArray& data) {
 }
 QByteArray negotiate(quint32 transaction, quint32 read, quint32 write) {
     QByteArray message = answer(Negotiate, 65);
+    message = with<quint16>(message, 64 + 4, 0x0311);
     message = with<quint32>(message, 64 + 28, transaction);
     message = with<quint32>(message, 64 + 32, read);
     return with<quint32>(message, 64 + 36, write);
@@ -293,6 +294,23 @@ TEST(Smb2Frames, SmallSizes_AreRefusedWithEPROTO) {
     }
     EXPECT_EQ(whileConnecting(negotiate(usual, usual, usual)), 0);
     EXPECT_EQ(whileConnecting(error(Negotiate, accessDenied)), 0);
+}
+
+TEST(Smb2Frames, UnknownDialects_AreRefused) {
+    for (const quint16 dialect : {0, 0x0200, 0x02ff, 0x0311, 0x8000}) {
+        const QByteArray message = with(negotiate(4096, 4096, 4096), 64 + 4, dialect);
+        EXPECT_EQ(whileConnecting(message), dialect == 0x0311 ? 0 : ECONNRESET) << dialect;
+    }
+}
+
+// libsmb2 would decode the record and never free it.
+TEST(Smb2Frames, RecordsWithAFailure_AreRefused) {
+    for (const quint32 status : {1U, 0x104U, 0x80000005U, moreProcessing}) {
+        for (const QByteArray& message :
+             {info(QueryInfo, allInfo(6)), ioctlOf(linkTo(4, 16, "link"))})
+            EXPECT_EQ(ofMessage(with(message, 8, status)), ECONNRESET) << status;
+        EXPECT_EQ(ofMessage(with(info(QueryInfo, ""), 8, status)), 0);
+    }
 }
 
 TEST(Smb2Frames, Chains_AreCheckedToTheirEnd) {
