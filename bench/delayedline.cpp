@@ -38,14 +38,13 @@ struct DelayedLine::Stream {
     bool isFull = false;  // the destination takes nothing at the moment
 
     void receive(Clock::duration delay) {
-        constexpr std::size_t chunkSize = 256 << 10;
-        std::vector<char> bytes(chunkSize);
-        const ssize_t count = ::recv(from.fd(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+        thread_local std::array<char, 256 << 10> buffer;
+        const ssize_t count = ::recv(from.fd(), buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (count < 0 && (errno == EAGAIN || errno == EINTR))
             return;
         isAtEnd = count <= 0;
-        bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-        chunks.push_back({Clock::now() + delay, std::move(bytes)});
+        chunks.push_back(
+            {Clock::now() + delay, {buffer.data(), buffer.data() + std::max<ssize_t>(count, 0)}});
     }
 
     /// Sends what is due. An empty chunk is the end.
