@@ -282,12 +282,13 @@ int Smb2Session::carryOut(Writing& writing) {
     QDeadlineTimer due = deadline();
     while (!writing.isComplete()) {
         const int answers = writing.answers;
-        const int loss = writing.queue() ? send() : exchange(due);
+        int loss = writing.queue() ? send() : exchange(due);
         if (!writing.isValid)
-            return fail(ECONNRESET);
+            loss = ECONNRESET;
         if (loss != 0) {
             // All answers may have arrived before the connection ended.
-            const int result = writing.isComplete() ? writing.result() : -loss;
+            const bool hasAll = writing.isValid && writing.isComplete();
+            const int result = hasAll ? writing.result() : -loss;
             m_wasLostInWindow = writing.underWay > 1;
             fail(loss);
             return result;
