@@ -315,15 +315,16 @@ public:
     /// Sends one request. May return less than `len` before the end of the file, if the server
     /// sends less or permits only a smaller request.
     ///
-    /// \returns 0 only if the server reports the end of the file. -1 with errno EBADMSG if it reports
-    /// success without any bytes.
+    /// \returns 0 only if the server reports the end of the file. -1 with errno EBADMSG if it
+    /// reports success without any bytes.
     int read(void* buf, unsigned int len) override;
-    /// Sends requests of up to 64 KiB until all bytes are written: up to 16 of them before the first
-    /// answer, if the server permits as many. Nothing is under way when the call returns.
+    /// Sends requests of up to 64 KiB until all bytes are written: up to 16 of them before the
+    /// first answer, if the server permits as many. Nothing is under way when the call returns.
     ///
     /// - Each request has the time-out from when it is queued, or from the last answer to another
     ///   request of this write. So a long write may take longer than the time-out.
-    /// - After a refused request no more requests are sent. errno is that of the lowest refused one.
+    /// - After a refused request no more requests are sent. errno is that of the lowest refused
+    /// one.
     ///   The position that lseek() reports is unchanged, but the next write continues at the first
     ///   byte that is not written.
     /// - After a refused request or a lost connection, any subset of the requests under way may be
@@ -338,8 +339,8 @@ public:
     int pread(void* buf, unsigned int len, long long offset) override;
     /// As write(), at `offset`. The file position stays.
     ///
-    /// If the server answers to a request that it has written 0 bytes, no more requests are sent. The
-    /// call still returns `len`, although not all bytes are written.
+    /// If the server answers to a request that it has written 0 bytes, no more requests are sent.
+    /// The call still returns `len`, although not all bytes are written.
     int pwrite(const void* buf, unsigned int len, long long offset) override;
     /// Moves the file position, without a request.
     ///
