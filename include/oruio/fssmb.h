@@ -323,8 +323,7 @@ public:
     ///
     /// - Each request has the time-out from when it is queued, or from the last answer to another
     ///   request of this write. So a long write may take longer than the time-out.
-    /// - After a refused request no more requests are sent. errno is that of the lowest refused
-    /// one.
+    /// - After a refused request no more are sent. errno is that of the lowest refused one.
     ///   The position that lseek() reports is unchanged, but the next write continues at the first
     ///   byte that is not written.
     /// - After a refused request or a lost connection, any subset of the requests under way may be
