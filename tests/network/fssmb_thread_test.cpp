@@ -61,7 +61,8 @@ TEST_F(Smb, ConnectFromManyThreads_AllConnect) {
         threads.emplace_back([&] {
             for (int round = 0; round < 5; ++round) {
                 Smb2FS fs(20);
-                ASSERT_EQ(fs.connect(login(server.address())), 0) << strerror();
+                ASSERT_EQ(fs.connect(login(server.address())), 0)
+                    << qPrintable(fs.connectFailure().message);
                 struct stat st;
                 ASSERT_EQ(fs.stat("/", st), 0);
             }
