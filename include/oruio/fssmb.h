@@ -68,7 +68,8 @@
 /// - An operation that was already waiting for the lock of the share is not refused in this way. If
 ///   the connection is lost, it fails with the same errno. If the fatal errno was an answer of the
 ///   server, such as EBUSY, the connection still works and the operation is carried out.
-/// - disconnect() still disconnects. If it fails, errno holds the reason.
+/// - disconnect() still disconnects. If it fails, errno holds the reason. If this reason is not a
+///   fatal one, the server has refused to disconnect, and operations send requests again.
 /// - link(), symlink(), flock(), fchmod(), extended attributes, ioctl() and watches, which this
 ///   backend never provides, fail with their documented reason.
 ///

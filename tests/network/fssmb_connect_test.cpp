@@ -314,6 +314,23 @@ TEST_F(SmbWire, DisconnectRefused_StaysConnected) {
     EXPECT_EQ(proxy->openConnections(), 1);
 }
 
+TEST_F(SmbWire, DisconnectRefusedAfterFatalErrno_RequestsAreSentAgain) {
+    proxy->on({FaultProxy::Response, FaultProxy::TreeDisconnect},
+              FaultProxy::Fault::edit([](QByteArray& message) {
+                  message.replace(8, 4, "\x22\x00\x00\xc0", 4); // STATUS_ACCESS_DENIED
+                  message.replace(64, -1, QByteArray("\x09", 1) + QByteArray(8, '\0'));
+              }));
+    set_errno(&fs, -EBUSY, nullptr, "open", "f");
+    struct stat st;
+    EXPECT_EQ(fs.stat("/", st), -1);
+    EXPECT_EQ(fs.disconnect(), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(fs.brokenBy(), 0);
+    proxy->clear();
+    fs.stat("/", st); // smbd has disconnected, so it refuses
+    EXPECT_GT(proxy->messages().size(), 0);
+}
+
 TEST_F(SmbWire, Destroyed_ClosesTheConnectionWithoutARequest) {
     {
         Smb2FS other(10);

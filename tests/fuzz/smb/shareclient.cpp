@@ -162,6 +162,7 @@ bool ShareClient::disconnect() {
     require(result == 0 || result == -1, "disconnect() returns 0 or -1");
     if (result == -1) {
         require(errno != 0, "a failed disconnect has an errno");
+        m_isBroken = false; // the errno of this failure replaces the one before
         takeFailure();
     }
     return result == 0;
