@@ -4,11 +4,11 @@
 #include "placement.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdlib>
 #include <deque>
 #include <utility>
+#include <vector>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -38,7 +38,7 @@ struct DelayedLine::Stream {
     bool isFull = false;  // the destination takes nothing at the moment
 
     void receive(Clock::duration delay) {
-        thread_local std::array<char, 256 << 10> buffer;
+        thread_local std::vector<char> buffer(256 << 10);
         const ssize_t count = ::recv(from.fd(), buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (count < 0 && (errno == EAGAIN || errno == EINTR))
             return;

@@ -15,7 +15,8 @@ using namespace ipcwire;
 
 namespace {
 
-/// The thread only waits. The rest is for the thread-local data of the program.
+/// The thread only waits. The rest is for the thread-local data of the program. Where that is
+/// larger, the stack has the default size.
 constexpr std::size_t stackSize = 256 * 1024;
 
 } // namespace
@@ -48,7 +49,9 @@ int ClientMutexOwner::Thread::start() {
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    const int failure = pthread_create(&id, &attributes, main, this);
+    int failure = pthread_create(&id, &attributes, main, this);
+    if (failure == EINVAL)
+        failure = pthread_create(&id, nullptr, main, this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attributes);
     return failure;

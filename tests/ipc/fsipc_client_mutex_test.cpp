@@ -85,6 +85,21 @@ TEST_F(IPCFSWithFakeServer, Session_HasOneThreadThatBlocksSignals) {
     EXPECT_EQ(sessionThreads(), QStringList());
 }
 
+namespace {
+
+// Thread-local data lies on the stack of each thread.
+constexpr std::size_t largeSize = 1 << 20;
+thread_local char large[largeSize];
+
+} // namespace
+
+TEST_F(IPCFSWithFakeServer, ProgramWithMuchThreadLocalData_Connects) {
+    large[largeSize - 1] = 1;
+    fs.disconnect();
+    EXPECT_EQ(fs.connect(1, nullptr), 0);
+    EXPECT_EQ(large[largeSize - 1], 1);
+}
+
 TEST_F(IPCFSWithFakeServer, NoThreadCanBeCreated_ConnectFails) {
     fs.disconnect();
     LogCapture log("fsipc=12");
