@@ -52,10 +52,10 @@ bool isUsable(Smb2FS& share) {
 }
 
 QString describe(const Smb2FS::ConnectFailure& failure) {
-    QString text = meaningOf(failure.reason) + " (" + failure.message.trimmed() + ')';
+    QString description = meaningOf(failure.reason) + " (" + failure.message.trimmed() + ')';
     if (!failure.unknownKeys.isEmpty())
-        text += "; unknown properties: " + failure.unknownKeys.join(", ");
-    return text;
+        description += "; unknown properties: " + failure.unknownKeys.join(", ");
+    return description;
 }
 
 QString describeMountFailure(oru::io::StorageLocation& location) {

@@ -234,12 +234,13 @@ void expectFormattedAsByTheCLibrary(const char* format, Values... values) {
     const int length = std::snprintf(expected, sizeof expected, format, values...);
     for (std::size_t size = 1; size <= sizeof expected; ++size) {
         char wanted[sizeof expected + 1];
-        char text[sizeof expected + 1];
+        char formatted[sizeof expected + 1];
         std::memset(wanted, 'x', sizeof wanted);
-        std::memset(text, 'x', sizeof text);
+        std::memset(formatted, 'x', sizeof formatted);
         std::snprintf(wanted, size, format, values...);
-        EXPECT_EQ(formatFields(text, size, format, values...), static_cast<std::size_t>(length));
-        EXPECT_EQ(std::string(text, sizeof text), std::string(wanted, sizeof wanted))
+        EXPECT_EQ(formatFields(formatted, size, format, values...),
+                  static_cast<std::size_t>(length));
+        EXPECT_EQ(std::string(formatted, sizeof formatted), std::string(wanted, sizeof wanted))
             << format << " in " << size;
     }
 }
