@@ -4,11 +4,14 @@
 #include "clip.h"
 #include "files.h"
 #include "placement.h"
+#include "report.h"
 
 #include "support/system/childprocess.h"
 
 #include <QDir>
 #include <QFile>
+#include <QList>
+#include <QProcess>
 
 #include <chrono>
 #include <ctime>
@@ -112,9 +115,28 @@ Share::Context Share::connectLibsmb2(int roundTripMs) {
     return context;
 }
 
-QStringList Share::smbclientArguments(int roundTripMs) {
-    return {QStringLiteral("//127.0.0.1/") + shareName,
-            QStringLiteral("--port=%1").arg(port(roundTripMs)),
-            QStringLiteral("--user=%1%%2").arg(SmbServer::user, SmbServer::password),
-            "--configfile=/dev/null"};
+double Share::runSmbclient(benchmark::State& state, const QString& command, int roundTripMs) {
+    QProcess smbclient;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("LC_ALL", "C");
+    smbclient.setProcessEnvironment(environment);
+    smbclient.setProcessChannelMode(QProcess::MergedChannels);
+    smbclient.start("smbclient",
+                    {QStringLiteral("//127.0.0.1/") + shareName,
+                     QStringLiteral("--port=%1").arg(port(roundTripMs)),
+                     QStringLiteral("--user=%1%%2").arg(SmbServer::user, SmbServer::password),
+                     "--configfile=/dev/null", "-c", command});
+    if (!smbclient.waitForStarted()) {
+        skip(state, "comparison with smbclient: smbclient is not installed");
+        return 0;
+    }
+    smbclient.waitForFinished();
+    // The output ends with "(average 842023.5 kb/s)" or the like, in KiB.
+    const QByteArray output = smbclient.readAll();
+    const QList<QByteArray> words = output.simplified().split(' ');
+    const double speed = words.value(words.size() - 2).toDouble();
+    if (speed > 0 && smbclient.exitCode() == 0)
+        return speed;
+    state.SkipWithError(("smbclient failed: " + output.toStdString()).c_str());
+    return 0;
 }

@@ -8,8 +8,9 @@
 
 #include <oruio/fssmb.h>
 
-#include <QStringList>
+#include <QString>
 #include <QTemporaryDir>
+#include <benchmark/benchmark.h>
 
 #include <map>
 #include <memory>
@@ -38,8 +39,9 @@ public:
     std::unique_ptr<oru::io::Smb2FS> connect(int roundTripMs = 0);
     /// Connects with libsmb2 alone, in the same dialect. \returns null on failure.
     Context connectLibsmb2(int roundTripMs = 0);
-    /// The arguments of smbclient to connect.
-    QStringList smbclientArguments(int roundTripMs = 0);
+    /// Lets smbclient carry out `command`, a transfer. \returns the speed that it prints, in KiB
+    /// per second; 0, with an error in `state`, on failure.
+    double runSmbclient(benchmark::State& state, const QString& command, int roundTripMs = 0);
 
     /// The path of a clip of clipSize bytes, for all clients.
     static constexpr char clip[] = "clip.mov";

@@ -7,9 +7,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <QList>
-#include <QProcess>
-
 #include <cstdint>
 #include <ctime>
 
@@ -215,26 +212,9 @@ void listingOfLibsmb2(State& state) {
 /// benchmarks. 0, with an error in `state`, on failure.
 double getBySmbclient(State& state) {
     const QString get = QStringLiteral("get %1 /dev/null;").arg(Share::clip);
-    QProcess smbclient;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("LC_ALL", "C");
-    smbclient.setProcessEnvironment(environment);
-    smbclient.setProcessChannelMode(QProcess::MergedChannels);
-    smbclient.start("smbclient", Share::instance().smbclientArguments()
-                                     << "-c" << get.repeated(passesOverClip));
-    if (!smbclient.waitForStarted()) {
-        skip(state, "comparison with smbclient: smbclient is not installed");
+    const double speed = Share::instance().runSmbclient(state, get.repeated(passesOverClip));
+    if (speed == 0)
         return 0;
-    }
-    smbclient.waitForFinished();
-    // The output ends with "(average 1542023.5 KiloBytes/sec)".
-    const QByteArray output = smbclient.readAll();
-    const QList<QByteArray> words = output.simplified().split(' ');
-    const double speed = words.value(words.size() - 2).toDouble();
-    if (speed <= 0 || smbclient.exitCode() != 0) {
-        state.SkipWithError(("smbclient failed: " + output.toStdString()).c_str());
-        return 0;
-    }
     constexpr double kibiBytes = double{passesOverClip} * clipSize / 1024;
     return kibiBytes / speed;
 }

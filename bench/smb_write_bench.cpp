@@ -7,9 +7,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <QList>
-#include <QProcess>
-
 #include <cstdint>
 #include <ctime>
 #include <vector>
@@ -78,29 +75,9 @@ void writeByLibsmb2(State& state, int roundTripMs) {
 /// \returns the time of the transfer that smbclient reports. 0, with an error in `state`, on
 /// failure.
 double putBySmbclient(State& state, int roundTripMs) {
-    QProcess smbclient;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("LC_ALL", "C");
-    smbclient.setProcessEnvironment(environment);
-    smbclient.setProcessChannelMode(QProcess::MergedChannels);
-    smbclient.start(
-        "smbclient",
-        Share::instance().smbclientArguments(roundTripMs)
-            << "-c" << QStringLiteral("put \"%1\" %2").arg(Share::instance().clipFile(), copyName));
-    if (!smbclient.waitForStarted()) {
-        skip(state, "comparison with smbclient: smbclient is not installed");
-        return 0;
-    }
-    smbclient.waitForFinished();
-    // The output ends with "(average 842023.5 kb/s)", in KiB.
-    const QByteArray output = smbclient.readAll();
-    const QList<QByteArray> words = output.simplified().split(' ');
-    const double speed = words.value(words.size() - 2).toDouble();
-    if (speed <= 0 || smbclient.exitCode() != 0) {
-        state.SkipWithError(("smbclient failed: " + output.toStdString()).c_str());
-        return 0;
-    }
-    return clipSize / 1024.0 / speed;
+    const QString put = QStringLiteral("put \"%1\" %2").arg(Share::instance().clipFile(), copyName);
+    const double speed = Share::instance().runSmbclient(state, put, roundTripMs);
+    return speed == 0 ? 0 : clipSize / 1024.0 / speed;
 }
 
 void writeBySmbclient(State& state, int roundTripMs, Placement::Where where) {
