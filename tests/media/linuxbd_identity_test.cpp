@@ -47,12 +47,6 @@ protected:
         properties["ID_FS_TYPE"] = "ext4";
         return LinuxBD(properties);
     }
-    /// Detaches the image and attaches it again: for the kernel it is another medium.
-    bool exchange() const {
-        return disk->unplug() && runTool({"losetup", "-d", disk->node()}).status == 0 &&
-               runTool({"losetup", disk->node(), disk->image()}).status == 0 &&
-               runTool({"partx", "--add", disk->node()}).status == 0;
-    }
     /// The results of the operations that must not touch another medium.
     void expectRefused(LinuxBD former) const {
         const auto refused = [](int result) { return result == -1 && errno == ENODEV; };
@@ -93,7 +87,7 @@ TEST_F(LinuxBDIdentity, NumberUnknown_ProgramGetsNone) {
 
 TEST_F(LinuxBDIdentity, MediumExchanged_ENODEVAndNothingStarted) {
     const LinuxBD former = described({{"DISKSEQ", QString(sequence())}});
-    ASSERT_TRUE(exchange());
+    ASSERT_TRUE(disk->exchange());
     LogCapture log("libio=10");
     expectRefused(former);
     const QString refusal = QString("libio 10 %1 is another device now\n").arg(node());

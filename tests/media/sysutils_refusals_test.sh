@@ -310,7 +310,7 @@ disk_with_an_image_of_the_system_is_refused() {
     mount_on "${disk}p1" "$clips/system"
     truncate -s 8M "$clips/system/image"
     mkfs.ext4 -q "$clips/system/image"
-    image=$(losetup --find --show "$clips/system/image")
+    image=$(flock /dev/loop-control losetup --find --show "$clips/system/image")
     mount_on "$image" /boot
     expect_system_disk
     umount /boot

@@ -43,6 +43,19 @@ exec 3<&0
 } <&3 3<&- >/dev/null 2>&1 &
 )";
 
+/// Held by a program while it looks for a free loop device.
+const QString attachLock = "/dev/loop-control";
+
+// Attaches the image $1 again to its loop device $0, as soon as no process has that open.
+constexpr char exchangeScript[] = R"(
+losetup --detach "$0"
+for _ in $(seq 500); do
+    losetup --partscan "$0" "$1" 2>/dev/null && exit
+    sleep 0.02
+done
+exit 1
+)";
+
 /// Starts the guard of an image, which is not a child of this process. \returns a pipe to it.
 FILE* startGuard(const QString& image) {
     const QString script = QStringLiteral("PATH=%1 image='%2'\n%3")
@@ -83,7 +96,8 @@ QString missingTool(const QStringList& names) {
 }
 
 QString LoopDisk::missing() {
-    const QString tool = missingTool({"blockdev", "losetup", "partx", "resizepart", "sfdisk"});
+    const QString tool =
+        missingTool({"blockdev", "flock", "losetup", "partx", "resizepart", "sfdisk"});
     if (!tool.isEmpty())
         return tool + " is not installed";
     const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
@@ -111,8 +125,8 @@ LoopDisk::LoopDisk(qint64 bytes, const QByteArray& table, int sectorSize) {
 void LoopDisk::attach(int sectorSize) {
     // --partscan: the kernel removes the partitions when the device is detached. Its scan finds
     // none here, because the image is still empty.
-    const ToolRun run = runTool({"losetup", "--find", "--show", "--partscan", "--sector-size",
-                                 QString::number(sectorSize), image()});
+    const ToolRun run = runTool({"flock", attachLock, "losetup", "--find", "--show", "--partscan",
+                                 "--sector-size", QString::number(sectorSize), image()});
     m_name = QFileInfo(QString::fromUtf8(run.output).trimmed()).fileName();
     if (run.status != 0 || !isAttached())
         m_problem = "cannot attach a disk: " + QString::fromUtf8(run.errors);
@@ -220,6 +234,13 @@ bool LoopDisk::plugIn() const {
 
 bool LoopDisk::unplug() const {
     return removePartitions() && sendUevent("remove");
+}
+
+bool LoopDisk::exchange() const {
+    return unplug() &&
+           runTool({"flock", attachLock, "sh", "-c", exchangeScript, node(), image()}).status ==
+               0 &&
+           runTool({"partx", "--update", node()}).status == 0;
 }
 
 bool LoopDisk::removePartition(int partition) const {

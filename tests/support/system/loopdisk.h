@@ -63,6 +63,9 @@ public:
     bool plugIn() const;
     /// Removes the partitions and sends "remove" for the disk, as when it is unplugged.
     bool unplug() const;
+    /// Unplugs the disk and attaches its image again under the same name. For the kernel it is
+    /// another medium.
+    bool exchange() const;
     /// Removes one partition, as when the disk is partitioned again.
     bool removePartition(int partition) const;
     /// Sends "remove" for the disk and its partitions, as when it is pulled out while one of them

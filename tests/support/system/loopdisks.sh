@@ -66,7 +66,7 @@ can_attach_disks() {
         can_attach=true
         truncate -s 1M "$clips/probe.img"
         # Root of a user namespace may attach a loop device, but not create a device node.
-        if disk=$(losetup --find --show "$clips/probe.img" 2>/dev/null); then
+        if disk=$(flock /dev/loop-control losetup --find --show "$clips/probe.img" 2>/dev/null); then
             losetup -d "$disk"
             mknod "$clips/probe" b 7 0 2>/dev/null || can_attach=false
         else
@@ -81,7 +81,7 @@ new_disk() {
     local image=$clips/disk${#disks[@]}.img
     truncate -s "$1" "$image"
     shift
-    disk=$(losetup --find --show "$@" "$image" 2>"$work/losetup.err")
+    disk=$(flock /dev/loop-control losetup --find --show "$@" "$image" 2>"$work/losetup.err")
     expect [ -b "$disk" ]
     disks+=("$disk")
 }
