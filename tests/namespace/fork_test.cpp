@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tables in a child of fork(2), whose parent's other threads were using them.
 
+#include "support/system/isolation.h"
 #include "support/system/tempdir.h"
 
 #include <oruio/fdadapter.h>
@@ -41,15 +42,20 @@ int inChild(const std::function<int()>& work, unsigned int seconds = 20) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// The allocator of the address sanitizer may stay locked in a child of fork(2).
 #if defined(__SANITIZE_ADDRESS__)
-#define SKIP_WITH_LOCKED_ALLOCATOR()                                                               \
-    GTEST_SKIP() << "the sanitizer's allocator may stay locked in the forked child"
+constexpr bool isAddressSanitized = true;
 #else
-#define SKIP_WITH_LOCKED_ALLOCATOR()                                                               \
-    do {                                                                                           \
-    } while (false)
+constexpr bool isAddressSanitized = false;
 #endif
+
+/// For tests that fork while other threads allocate memory.
+#define SKIP_WHERE_FORK_BESIDE_THREADS_HANGS()                                                     \
+    do {                                                                                           \
+        if (isAddressSanitized)                                                                    \
+            GTEST_SKIP() << "the sanitizer's allocator may stay locked in the forked child";       \
+        if (test::isEmulated())                                                                    \
+            GTEST_SKIP() << "the emulator's own mutex may stay locked in the forked child";        \
+    } while (false)
 
 /// sync() blocks until the test lets it go on.
 class SlowSync : public PosixFS {
@@ -68,7 +74,7 @@ public:
 } // namespace
 
 TEST(Fork, WhileThreadsOpenAndClose_ChildCanOpenAndClose) {
-    SKIP_WITH_LOCKED_ALLOCATOR();
+    SKIP_WHERE_FORK_BESIDE_THREADS_HANGS();
     const TempDir dir;
     const auto root = FSSwitch::SPtr::create();
     root->add("/", PosixFS::SPtr::create(dir.path()));
@@ -175,7 +181,7 @@ TEST(Fork, InsideSync_ChildHoldsTheTableUntilItReturns) {
 }
 
 TEST(Fork, WhileAThreadCreatesTheRootSwitch_DoesNotDeadlock) {
-    SKIP_WITH_LOCKED_ALLOCATOR();
+    SKIP_WHERE_FORK_BESIDE_THREADS_HANGS();
     FSSwitch::SPtr before = FSSwitch::rootfs();
     std::atomic<bool> isOver{false};
     std::thread creating([&] {
@@ -193,7 +199,7 @@ TEST(Fork, WhileAThreadCreatesTheRootSwitch_DoesNotDeadlock) {
 }
 
 TEST(Fork, RootSwitchAndAdapterOfTheParent_WorkInTheChild) {
-    SKIP_WITH_LOCKED_ALLOCATOR();
+    SKIP_WHERE_FORK_BESIDE_THREADS_HANGS();
     FSSwitch::rootfs()->add("/fork", PosixFS::SPtr::create("/tmp"));
     FDAdapter* const io = FDAdapter::rootfs();
     std::atomic<bool> isOver{false};
