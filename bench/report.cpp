@@ -95,8 +95,19 @@ std::string number(const char* format, double value, const char* unit) {
     return *unit ? std::string(text) + ' ' + unit : text;
 }
 
-void printRow(const Target& target, double measured, double reference) {
-    const double result = value(target, measured, reference);
+/// The median over the rounds: other load on the machine changes between rounds more than within
+/// one.
+double medianValue(const Target& target, const std::vector<double>& measured,
+                   const std::vector<double>& reference) {
+    std::vector<double> values;
+    for (std::size_t round = 0; round < std::min(measured.size(), reference.size()); ++round)
+        values.push_back(value(target, measured[round], reference[round]));
+    return median(values);
+}
+
+void printRow(const Target& target, const std::vector<double>& measured,
+              const std::vector<double>& reference) {
+    const double result = medianValue(target, measured, reference);
     const char* const unit = unitOf(target);
     const char* const resultUnit = isDifference(target) ? unit : "";
     const std::string limit =
@@ -104,7 +115,8 @@ void printRow(const Target& target, double measured, double reference) {
                          : "none";
     const char* const verdict = !hasLimit(target) ? "-" : isMet(target, result) ? "met" : "MISSED";
     std::printf("| %-68s | %13s | %13s | %10s | %-16s | %-7s |\n", target.what,
-                number("%.1f", measured, unit).c_str(), number("%.1f", reference, unit).c_str(),
+                number("%.1f", median(measured), unit).c_str(),
+                number("%.1f", median(reference), unit).c_str(),
                 number(isDifference(target) ? "%.1f" : "%.3f", result, resultUnit).c_str(),
                 limit.c_str(), verdict);
 }
@@ -161,7 +173,7 @@ void Report::printTargets() const {
         const auto measured = results.find(target.measured);
         const auto reference = results.find(target.reference);
         if (measured != results.end() && reference != results.end())
-            printRow(target, median(measured->second), median(reference->second));
+            printRow(target, measured->second, reference->second);
     }
 }
 
