@@ -23,7 +23,7 @@ constexpr auto pollTime = std::chrono::microseconds(300);
 constexpr auto longestYield = std::chrono::microseconds(250);
 /// A yield that is shorter has let no other thread run: the other end is on another processor.
 constexpr auto shortestSwitch = std::chrono::nanoseconds(1500);
-constexpr int looksWithoutYield = 32;
+constexpr int looksWithoutYield = 256;
 constexpr unsigned int mostSkipped = 4096;
 /// After so many polls in a row without a slow yield, the processor counts as idle again. A shorter
 /// row also happens on a busy one.
