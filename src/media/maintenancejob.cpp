@@ -36,6 +36,7 @@ private:
     bool take(const ProgressLine& line);
 
     MaintenanceJob* m_job = nullptr;
+    bool m_wasStarted = false;
     QTimer* m_timer = nullptr; // moves to another thread with the job
 };
 
@@ -47,8 +48,9 @@ void MaintenanceJob::Data::attach(MaintenanceJob* owner) {
 }
 
 int MaintenanceJob::Data::start() {
-    if (run.wasStarted())
+    if (m_wasStarted)
         return failWith(EALREADY);
+    m_wasStarted = true;
     liberrno = Ok;
     isRunning = run.start() == 0;
     if (!isRunning)
