@@ -2,6 +2,8 @@
 #include "sharestate.h"
 
 #include <oruio/error.h>
+#include <oruio/fsnfs.h>
+#include <oruio/sysutils.h>
 
 #include <QStringList>
 
@@ -60,6 +62,11 @@ QString describe(const Smb2FS::ConnectFailure& failure) {
 
 QString describeMountFailure(oru::io::StorageLocation& location) {
     const oru::io::Error error;
-    const auto share = location.fs().dynamicCast<Smb2FS>();
-    return share ? describe(share->connectFailure()) : QString::fromUtf8(error.strerror());
+    if (const auto share = location.fs().dynamicCast<Smb2FS>())
+        return describe(share->connectFailure());
+    if (!location.fs().dynamicCast<oru::io::NFS>())
+        return QString::fromUtf8(error.strerror());
+    // Of an export only the maintenance program knows the reason, and errno is an old one.
+    const QString reason = oru::io::SysCmd::failure();
+    return reason.isEmpty() ? "the maintenance program has given no reason" : reason;
 }

@@ -8,18 +8,26 @@
 ///
 /// What the program gets from this process:
 ///
-/// - the environment, the working directory and the process group;
+/// - the environment and the working directory;
 /// - a standard input that is at end of file;
 /// - no other descriptors, and no blocked signals.
 ///
-/// Up to 1 MiB of its standard output and of its standard error is kept in memory, for the log.
+/// The program runs in a session of its own (setsid(2)), so no signal of a terminal, such as that
+/// of Ctrl-C, reaches it. It writes its output into memory, not into a pipe. So when this process
+/// ends or is killed, the program runs on: a repair is never left half done.
+///
+/// The beginning of its standard output and of its standard error, up to 1 MiB each, is kept for
+/// the log. The end is kept for MaintenanceJob::lastLines(). The rest is discarded.
+///
+/// SysCmd::exec() waits for the program. MaintenanceJob (oruio/maintenancejob.h) runs the same
+/// commands while its caller goes on, reports their progress and can cancel some.
 ///
 /// QProcess runs the program. The application must not take the exit status from QProcess:
 ///
 /// - Do not call wait(2), or waitpid(2) with -1: they may take the exit status of the program. The
 ///   command would then count as successful.
-/// - On kernels without pidfd (before 5.4), Qt installs a handler for SIGCHLD at the first command.
-///   Do not replace this handler. Qt also ignores SIGPIPE then.
+/// - Qt installs a handler for SIGCHLD at the first command, and ignores SIGPIPE. Do not replace
+///   this handler, and do not change the action of SIGPIPE.
 ///
 /// Threads: any thread may call any function; the calls share no data. SysCmd::exec() blocks its
 /// caller until the program has ended.
@@ -63,15 +71,26 @@ public:
     /// - The codec of the locale, which QProcess uses, does not encode an argument as UTF-8.
     /// - The process ignores SIGCHLD, so that the exit status would be lost.
     ///
-    /// errno and liberrno hold no reason of a failure.
+    /// errno and liberrno hold no reason of a failure; failure() does.
     ///
     /// \returns the exit status of the last run that exited, 0 on success; -1 in these cases:
     /// - a run could not be started;
     /// - every run was killed by a signal;
     /// - `runs` is less than 1.
     int exec(int runs);
-    /// The same, with the variables of `environment` added to the environment of the program.
-    int exec(int runs, const Properties& environment);
+
+    /// Returns the command word and the arguments.
+    const QStringList& arguments() const;
+
+    /// Why the last command of this thread failed, as the maintenance program said: the last line
+    /// of its standard error that is not empty. That of the last run, if there were several.
+    ///
+    /// It is set by exec() and by the operations that run a command and wait for it:
+    /// BlockDevice::fsck(), mkfs() and format(), NFS::connect(), and those of the locations.
+    ///
+    /// \returns an empty string if the command succeeded, could not be started, or the program said
+    /// nothing.
+    static QString failure();
 
 private:
     QStringList m_args;

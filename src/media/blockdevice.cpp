@@ -9,6 +9,7 @@
 #include "core/mounttable_p.h"
 #include "core/systemtext_p.h"
 #include "media/bdmon_p.h"
+#include "media/maintenancerun_p.h"
 
 #include <QDir>
 
@@ -83,10 +84,18 @@ void readGeometry(BlockDevice& device, bool isDisk) {
     ::close(fd);
 }
 
+/// What names the medium of an event: the device node and the udev properties.
+struct Medium {
+    explicit Medium(const BlockDevice& device) : node(device.m_devName), props(device.m_props) {}
+
+    QString node;
+    Properties props;
+};
+
 /// The DISKSEQ of the event: a number that the kernel gives to each medium when it appears. Empty
 /// when udev did not report it.
-QString diskSequence(const BlockDevice& device) {
-    return valueOf(device.m_props, QStringLiteral("DISKSEQ"));
+QString diskSequence(const Medium& medium) {
+    return valueOf(medium.props, QStringLiteral("DISKSEQ"));
 }
 
 /// Reads the sequence number of the medium that the node has now. \returns whether it is known.
@@ -110,41 +119,40 @@ bool readDeviceNumber(const QString& node, dev_t& number) {
 
 /// Whether another medium or device has got the node since the event. Where that cannot be known,
 /// it has not.
-bool isExchanged(const BlockDevice& device) {
+bool isExchanged(const Medium& medium) {
     bool isNumber = false;
-    const quint64 wanted = diskSequence(device).toULongLong(&isNumber);
+    const quint64 wanted = diskSequence(medium).toULongLong(&isNumber);
     quint64 found = 0;
-    if (isNumber && readDiskSequence(device.m_devName, found))
+    if (isNumber && readDiskSequence(medium.node, found))
         return found != wanted;
     bool isMajor = false;
     bool isMinor = false;
-    const unsigned int major = valueOf(device.m_props, QStringLiteral("MAJOR")).toUInt(&isMajor);
-    const unsigned int minor = valueOf(device.m_props, QStringLiteral("MINOR")).toUInt(&isMinor);
+    const unsigned int major = valueOf(medium.props, QStringLiteral("MAJOR")).toUInt(&isMajor);
+    const unsigned int minor = valueOf(medium.props, QStringLiteral("MINOR")).toUInt(&isMinor);
     dev_t number = 0;
-    return isMajor && isMinor && readDeviceNumber(device.m_devName, number) &&
+    return isMajor && isMinor && readDeviceNumber(medium.node, number) &&
            number != makedev(major, minor);
 }
 
 /// Checks that the node still is the device of the event, before an operation that would change
 /// another one. \returns false with errno ENODEV when it is not.
-bool checkIdentity(const BlockDevice& device) {
-    if (!isExchanged(device))
+bool checkIdentity(const Medium& medium) {
+    if (!isExchanged(medium))
         return true;
-    ORUIO_LOG(LogWarning, "%s is another device now\n", device.m_devName.toUtf8().constData());
+    ORUIO_LOG(LogWarning, "%s is another device now\n", medium.node.toUtf8().constData());
     errno = ENODEV;
     return false;
 }
 
-/// Runs the maintenance program, which gets the sequence number of the medium, on the device of the
-/// event only.
-int maintain(const BlockDevice& device, SysCmd& command, int runs) {
-    if (!checkIdentity(device))
-        return -1;
-    Properties environment;
-    const QString sequence = diskSequence(device);
+/// The command on the device of the event only. The maintenance program gets the sequence number of
+/// the medium.
+MaintenanceTask taskOf(const BlockDevice& device, const SysCmd& command, int runs) {
+    const Medium medium(device);
+    MaintenanceTask task = {command, runs, {}, [medium] { return checkIdentity(medium); }};
+    const QString sequence = diskSequence(medium);
     if (!sequence.isEmpty())
-        environment[QStringLiteral("ORUIO_DISKSEQ")] = sequence;
-    return command.exec(runs, environment);
+        task.environment[QStringLiteral("ORUIO_DISKSEQ")] = sequence;
+    return task;
 }
 
 /// Reads the write-protect switch. The kernel reports it for SD cards only.
@@ -170,6 +178,34 @@ void probeWriteProtection(BlockDevice& card) {
 }
 
 } // namespace
+
+MaintenanceTask fsckTask(const BlockDevice& device, const Properties* props) {
+    const QString retries = QStringLiteral("retries");
+    const int runs =
+        props && props->contains(retries) ? props->value(retries).toInt() : FSCK_RETRIES;
+    return taskOf(device,
+                  SysCmd("fsck")
+                      .addArg(device.m_fsType, "-t")
+                      .addArg(device.m_devName)
+                      .addArg(optionOf(props, QStringLiteral("cmd_opts"))),
+                  runs);
+}
+
+MaintenanceTask mkfsTask(const BlockDevice& device, const Properties* props) {
+    return taskOf(device,
+                  SysCmd("mkfs")
+                      .addArg(optionOf(props, QStringLiteral("fs_type")), "-t")
+                      .addArg(device.m_devName)
+                      .addArg(optionOf(props, QStringLiteral("cmd_opts"))),
+                  1);
+}
+
+MaintenanceTask formatTask(const BlockDevice& device, const Properties* props) {
+    const bool kills = props && props->contains(QStringLiteral("kill"));
+    return taskOf(
+        device, SysCmd("format").addArg(QString(), kills ? "-k" : nullptr).addArg(device.m_devName),
+        1);
+}
 
 BlockDevice::~BlockDevice() = default;
 
@@ -216,7 +252,7 @@ int LinuxBD::mount(QString mountPoint, const Properties* props) {
     if (!checkQtEncoding(mountPoint))
         return -1;
     const bool isRemount = isSet(props, QStringLiteral("remount"));
-    if (!mountPoint.isEmpty() && !isRemount && !checkIdentity(*this))
+    if (!mountPoint.isEmpty() && !isRemount && !checkIdentity(Medium(*this)))
         return -1;
     if (mountPoint.isEmpty() || !QDir(mountPoint).mkpath(QStringLiteral("."))) {
         errno = ENOENT;
@@ -271,32 +307,17 @@ int LinuxBD::umount(const Properties* props) {
 
 int LinuxBD::fsck(const Properties* props) {
     liberrno = Ok;
-    const QString retries = QStringLiteral("retries");
-    const int runs =
-        props && props->contains(retries) ? props->value(retries).toInt() : FSCK_RETRIES;
-    return maintain(*this,
-                    SysCmd("fsck")
-                        .addArg(m_fsType, "-t")
-                        .addArg(m_devName)
-                        .addArg(optionOf(props, QStringLiteral("cmd_opts"))),
-                    runs);
+    return runToEnd(fsckTask(*this, props));
 }
 
 int LinuxBD::mkfs(const Properties* props) {
     liberrno = Ok;
-    return maintain(*this,
-                    SysCmd("mkfs")
-                        .addArg(optionOf(props, QStringLiteral("fs_type")), "-t")
-                        .addArg(m_devName)
-                        .addArg(optionOf(props, QStringLiteral("cmd_opts"))),
-                    1);
+    return runToEnd(mkfsTask(*this, props));
 }
 
 int LinuxBD::format(const Properties* props) {
     liberrno = Ok;
-    const bool kills = props && props->contains(QStringLiteral("kill"));
-    return maintain(
-        *this, SysCmd("format").addArg(QString(), kills ? "-k" : nullptr).addArg(m_devName), 1);
+    return runToEnd(formatTask(*this, props));
 }
 
 Properties LinuxBD::props() {

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // How the example programs keep a share connected and explain a failure.
 #include "common/sharestate.h"
+#include "support/doubles/maintenanceprogram.h"
+#include "support/system/isolated.h"
 #include "support/system/loopback.h"
 #include "support/system/smbtest.h"
+#include "support/system/tempdir.h"
+
+#include <oruio/fsnfs.h>
 
 #include <gtest/gtest.h>
 
@@ -74,6 +79,27 @@ TEST(ShareState, LocationOfAShare_MountFailureIsDescribed) {
     RemoteLocation location("archive", Smb2FS::SPtr::create(10), &props);
     EXPECT_EQ(location.mount(nullptr), -1);
     EXPECT_EQ(describeMountFailure(location), "nothing listens there (Connection refused)");
+}
+
+namespace {
+
+using Export = test::WithMaintenanceProgram;
+
+} // namespace
+
+TEST_F(Export, LocationOfAnExport_MountFailureIsWhatTheProgramSaid) {
+    const test::TempDir temp;
+    Properties props = {{"target", "server:/x"}};
+    RemoteLocation location("archive", NFS::SPtr::create(temp.path()), &props);
+    {
+        const test::MaintenanceProgram program("echo 'server:/x cannot be mounted' >&2; exit 45");
+        errno = EINTR; // of another call
+        EXPECT_EQ(location.mount(nullptr), 45);
+        EXPECT_EQ(describeMountFailure(location), "server:/x cannot be mounted");
+    }
+    const test::MaintenanceProgram silent("exit 45");
+    EXPECT_EQ(location.mount(nullptr), 45);
+    EXPECT_EQ(describeMountFailure(location), "the maintenance program has given no reason");
 }
 
 } // namespace oru::io
