@@ -45,9 +45,9 @@ void run(const Words& all, const Environment& environment) {
 
 int main(int argc, char* argv[]) {
     umask(022);
-    supervisor::prepareProcess();
     std::string sequence;
     const Environment environment = takeEnvironment(sequence);
+    supervisor::prepareProcess(progress::descriptor());
     run(Words(argv + (argc > 0 ? 1 : 0), argv + argc), environment);
     return EXIT_SUCCESS;
 }

@@ -15,22 +15,22 @@ namespace {
 /// How long a line waits for a reader that does not read.
 constexpr int patienceMs = 1000;
 
-int descriptor = -1;
+int output = -1;
 unsigned long long lastPermille = 0;
 bool hasPermille = false;
 
 /// Writes the line if the reader takes it within this time. A pipe with room takes a short line
 /// whole.
 void report(const std::string& line, int milliseconds) {
-    if (descriptor == -1)
+    if (output == -1)
         return;
-    pollfd writable = {descriptor, POLLOUT, 0};
+    pollfd writable = {output, POLLOUT, 0};
     if (poll(&writable, 1, milliseconds) != 1)
         return;
     const bool isWritten = (writable.revents & POLLOUT) &&
-                           write(descriptor, line.data(), line.size()) != -1;
+                           write(output, line.data(), line.size()) != -1;
     if (!isWritten && errno != EAGAIN) // the reader has gone
-        descriptor = -1;
+        output = -1;
 }
 
 } // namespace
@@ -49,11 +49,15 @@ void progress::open(const char* number) {
     if ((fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDONLY)
         return;
     fcntl(fd, F_SETFD, FD_CLOEXEC);
-    descriptor = fd;
+    output = fd;
 }
 
 bool progress::isWanted() {
-    return descriptor != -1;
+    return output != -1;
+}
+
+int progress::descriptor() {
+    return output;
 }
 
 void progress::phase(const std::string& name) {

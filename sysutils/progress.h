@@ -10,6 +10,8 @@ namespace progress {
 /// the caller has opened for the program. Without it nothing is reported.
 void open(const char* number);
 bool isWanted();
+/// The descriptor; -1 without one.
+int descriptor();
 
 void phase(const std::string& name);
 /// Reports the part of the phase that is done, 0 to 1000, if it has changed.

@@ -9,15 +9,14 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,18 +37,17 @@ void handle(int signal, void (*handler)(int)) {
     sigaction(signal, &action, nullptr);
 }
 
-void closeOnExec() {
-    constexpr unsigned int closeRangeCloexec = 4; // CLOSE_RANGE_CLOEXEC
-    if (syscall(SYS_close_range, 3U, ~0U, closeRangeCloexec) == 0)
-        return;
-    DIR* const directory = opendir("/proc/self/fd"); // before Linux 5.11
-    while (const dirent* const entry = directory ? readdir(directory) : nullptr) {
-        const int fd = std::atoi(entry->d_name);
-        if (fd > STDERR_FILENO)
-            fcntl(fd, F_SETFD, FD_CLOEXEC);
+void closeAllBut(int kept) {
+    std::vector<int> open;
+    {
+        const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir("/proc/self/fd"), &closedir);
+        while (const dirent* const entry = directory ? readdir(directory.get()) : nullptr)
+            open.push_back(std::atoi(entry->d_name));
     }
-    if (directory)
-        closedir(directory);
+    for (const int fd : open) {
+        if (fd > STDERR_FILENO && fd != kept)
+            close(fd);
+    }
 }
 
 pid_t parentOf(pid_t process) {
@@ -89,7 +87,7 @@ pid_t parentOf(pid_t process) {
 
 } // namespace
 
-void supervisor::prepareProcess() {
+void supervisor::prepareProcess(int keptDescriptor) {
     // A device must not get the number of a standard descriptor that the caller has closed.
     int fd = 0;
     do
@@ -97,7 +95,7 @@ void supervisor::prepareProcess() {
     while (fd != -1 && fd <= STDERR_FILENO && fcntl(fd, F_SETFD, 0) == 0);
     if (fd > STDERR_FILENO)
         close(fd);
-    closeOnExec();
+    closeAllBut(keptDescriptor);
     handle(SIGPIPE, SIG_IGN);
     handle(SIGCHLD, [](int) {}); // interrupts a wait; an ignored one would lose the status
     waiting::blockSignals();

@@ -13,9 +13,9 @@
 
 namespace supervisor {
 
-/// Makes the standard descriptors usable, keeps the tools from inheriting any other one, and sets
-/// the signals.
-void prepareProcess();
+/// Makes the standard descriptors usable, closes all others but this one, and sets the signals. A
+/// descriptor of the caller could keep another medium busy, or the lock of this one.
+void prepareProcess(int keptDescriptor);
 
 /// Forks. Returns in the child only.
 void begin();
