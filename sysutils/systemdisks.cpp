@@ -77,11 +77,13 @@ void SystemDisks::addMount(const Mount& mount) {
         addDevice(device);
 }
 
-// The paths of the layers are those of the time when the overlay was mounted. After a change of the
-// root, as from an initramfs, they lead nowhere or back into the overlay.
+// The paths of the layers are those of the time when the overlay was mounted. Those of the root were
+// paths in another root, as of an initramfs: now they lead nowhere, or to another directory.
 void SystemDisks::addLayers(const Mount& overlay) {
     if (!m_seen.insert(overlay.number).second)
         return;
+    if (overlay.target == "/")
+        m_hasUnknown = true;
     std::istringstream options(overlay.options);
     for (std::string option; std::getline(options, option, ',');) {
         const std::size_t equals = option.find('=');
