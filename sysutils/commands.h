@@ -21,6 +21,6 @@ void runMountNfs(Words words);
 Device lockForFileSystem(const std::string& name, const Environment& environment);
 /// Makes a file system of this type with these options.
 void makeFileSystem(const Device& device, const std::string& type, const Words& options);
-/// Releases the device. udevd probes it then. Waits for that, so that udevd's database is up to date
-/// when the program reports success.
+/// Releases the device. udevd probes it then. Waits for that, so that udevd's database is up to
+/// date when the program reports success.
 void release(Device& device);

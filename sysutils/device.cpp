@@ -11,10 +11,10 @@
 #include <regex>
 
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <linux/fs.h>
 
 #ifndef BLKGETDISKSEQ // before Linux 5.15
 #define BLKGETDISKSEQ _IOR(0x12, 128, __u64)

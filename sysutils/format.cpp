@@ -64,8 +64,7 @@ void partitionDisk(const Device& disk, const Layout& layout) {
     if (!partitions::writeTable(disk, claimed.get(), layout.start, layout.code))
         fail(Status::NotPartitioned, disk.name() + " cannot be partitioned");
     if (!partitions::addFirst(disk, layout.start)) {
-        fail(Status::NoPartition,
-             "the kernel does not take the partition of " + disk.name());
+        fail(Status::NoPartition, "the kernel does not take the partition of " + disk.name());
     }
 }
 

@@ -14,8 +14,7 @@ namespace {
 /// HOST:/PATH, where the host contains neither blanks nor slashes.
 bool isTarget(const std::string& target) {
     const std::size_t colon = target.find(":/");
-    return colon != std::string::npos && colon > 0 &&
-           target.find_first_of("/ \t\n\v\f\r") >= colon;
+    return colon != std::string::npos && colon > 0 && target.find_first_of("/ \t\n\v\f\r") >= colon;
 }
 
 bool isDirectory(const std::string& path) {
@@ -49,7 +48,7 @@ void runMountNfs(Words words) {
     if (status == tools::cancelled)
         cancel::end();
     if (status != 0) {
-        fail(Status::NotMounted, target + " cannot be mounted: mount.nfs ended with status " +
-                                     std::to_string(status));
+        fail(Status::NotMounted,
+             target + " cannot be mounted: mount.nfs ended with status " + std::to_string(status));
     }
 }

@@ -35,10 +35,10 @@ bool partitions::writeTable(const Device& disk, int descriptor, std::uint64_t st
     if (fdisk_assign_device_by_fd(context.get(), descriptor, disk.node().c_str(), 0) != 0 ||
         fdisk_create_disklabel(context.get(), "dos") != 0)
         return false;
-    const Type code(
-        fdisk_label_parse_parttype(fdisk_get_label(context.get(), nullptr),
-                                   (std::to_string(type / 16) + "0123456789abcdef"[type % 16]).c_str()),
-        &fdisk_unref_parttype);
+    const Type code(fdisk_label_parse_parttype(
+                        fdisk_get_label(context.get(), nullptr),
+                        (std::to_string(type / 16) + "0123456789abcdef"[type % 16]).c_str()),
+                    &fdisk_unref_parttype);
     const fdisk_sector_t first = start / fdisk_get_sector_size(context.get());
     fdisk_set_first_lba(context.get(), 1); // otherwise 1 MiB
     fdisk_partition_set_partno(partition.get(), 0);

@@ -126,17 +126,15 @@ bool Process::respectsLock() const {
     static const std::vector<struct statx> programs = programsRespectingLock();
     struct statx executed = {};
     return inspect(m_directory->get(), "exe", executed) &&
-           std::any_of(programs.begin(), programs.end(), [&](const struct statx& program) {
-               return isSameFile(program, executed);
-           });
+           std::any_of(programs.begin(), programs.end(),
+                       [&](const struct statx& program) { return isSameFile(program, executed); });
 }
 
 std::vector<Process> processes::using_(const std::set<dev_t>& devices,
                                        const std::set<dev_t>& fileSystems) {
     std::vector<Process> found;
     for (const std::string& name : mounts::processes()) {
-        Descriptor directory(
-            open(("/proc/" + name).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        Descriptor directory(open(("/proc/" + name).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!directory.isOpen())
             continue;
         Process process(std::atoi(name.c_str()), std::move(directory));
@@ -150,8 +148,7 @@ std::string processes::viewOf(const std::string& process) {
     std::string view;
     for (const char* const link : {"/ns/mnt", "/root"}) {
         char target[4096];
-        const ssize_t size =
-            readlink(("/proc/" + process + link).c_str(), target, sizeof target);
+        const ssize_t size = readlink(("/proc/" + process + link).c_str(), target, sizeof target);
         view.append(target, size > 0 ? static_cast<std::size_t>(size) : 0);
     }
     return view;

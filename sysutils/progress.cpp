@@ -27,8 +27,8 @@ void report(const std::string& line, int milliseconds) {
     pollfd writable = {output, POLLOUT, 0};
     if (poll(&writable, 1, milliseconds) != 1)
         return;
-    const bool isWritten = (writable.revents & POLLOUT) &&
-                           write(output, line.data(), line.size()) != -1;
+    const bool isWritten =
+        (writable.revents & POLLOUT) && write(output, line.data(), line.size()) != -1;
     if (!isWritten && errno != EAGAIN) // the reader has gone
         output = -1;
 }

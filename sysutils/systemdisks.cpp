@@ -12,10 +12,10 @@
 #include <sstream>
 
 #include <fcntl.h>
+#include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <linux/loop.h>
 
 namespace {
 
@@ -77,8 +77,8 @@ void SystemDisks::addMount(const Mount& mount) {
         addDevice(device);
 }
 
-// The paths of the layers are those of the time when the overlay was mounted. Those of the root were
-// paths in another root, as of an initramfs: now they lead nowhere, or to another directory.
+// The paths of the layers are those of the time when the overlay was mounted. Those of the root
+// were paths in another root, as of an initramfs: now they lead nowhere, or to another directory.
 void SystemDisks::addLayers(const Mount& overlay) {
     if (!m_seen.insert(overlay.number).second)
         return;
@@ -111,9 +111,8 @@ void SystemDisks::addFileSystem(dev_t number) {
         addDevice(number);
         return;
     }
-    const auto mount = std::find_if(m_mounts.begin(), m_mounts.end(), [number](const Mount& each) {
-        return each.number == number;
-    });
+    const auto mount = std::find_if(m_mounts.begin(), m_mounts.end(),
+                                    [number](const Mount& each) { return each.number == number; });
     if (mount != m_mounts.end())
         addMount(*mount);
     else

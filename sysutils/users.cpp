@@ -146,10 +146,9 @@ void users::requireNoProcesses(const Device& device) {
 void users::free(const Device& device) {
     progress::phase("freeing the disk");
     const std::set<dev_t> devices = numbersOf(device);
-    const bool isFree =
-        waiting::until(lookMs, [&] { return processesUsing(devices).empty(); }) ||
-        endProcesses(device, SIGTERM, "SIGTERM", termMs) ||
-        endProcesses(device, SIGKILL, "SIGKILL", killMs);
+    const bool isFree = waiting::until(lookMs, [&] { return processesUsing(devices).empty(); }) ||
+                        endProcesses(device, SIGTERM, "SIGTERM", termMs) ||
+                        endProcesses(device, SIGKILL, "SIGKILL", killMs);
     if (!isFree)
         requireNone(device, processesUsing(devices), Status::NotFreed);
     unmountAll(device);

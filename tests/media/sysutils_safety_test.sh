@@ -188,6 +188,7 @@ time.sleep(1000)' "$clips/mount/file" "$clips/mapped" &
 mount_point_is_taken_in_exact_bytes() {
     local name
     can_use_disks || return
+    # shellcheck disable=SC1003 # the name ends in a backslash
     for name in $'card\n' ' card ' 'card\' 'card\012'; do
         new_ext4 64M
         mount_on "$partition" "$clips/$name"
@@ -275,6 +276,7 @@ directories_of_the_system_are_refused() {
 # the file system on $partition, which has no path any more, as after the root was changed in an
 # initramfs.
 in_overlay_root() {
+    # shellcheck disable=SC2016 # expanded by that shell
     local script='
         set -e
         cd "$1"
@@ -297,7 +299,6 @@ in_overlay_root() {
         cd /
         exec "$@"'
     mkdir -p "$clips/upper" "$clips/root"
-    # shellcheck disable=SC2016 # expanded by that shell
     SYSUTILS=$sysutils unshare -m sh -c "$script" sh "$clips" "$@"
 }
 
