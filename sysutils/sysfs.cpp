@@ -58,9 +58,10 @@ std::string sysfs::diskOf(const std::string& place) {
 
 std::vector<std::string> sysfs::partitionsOf(const std::string& diskPlace) {
     std::vector<std::string> found;
+    const std::string directory = diskPlace + '/';
     for (const std::string& name : namesIn(diskPlace)) {
-        if (isPartition(diskPlace + '/' + name))
-            found.push_back(diskPlace + '/' + name);
+        if (isPartition(directory + name))
+            found.push_back(directory + name);
     }
     return found;
 }

@@ -128,8 +128,9 @@ void SystemDisks::addDevice(dev_t number) {
         return;
     const std::string diskPlace = sysfs::diskOf(place);
     m_numbers.insert(sysfs::numberAt(diskPlace));
-    for (const std::string& slave : sysfs::namesIn(diskPlace + "/slaves"))
-        addDevice(sysfs::numberAt(diskPlace + "/slaves/" + slave));
+    const std::string slaves = diskPlace + "/slaves/";
+    for (const std::string& slave : sysfs::namesIn(slaves))
+        addDevice(sysfs::numberAt(slaves + slave));
     addImageFile(diskPlace);
 }
 

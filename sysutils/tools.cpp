@@ -125,7 +125,7 @@ int Run::waitForEnd(tools::LinePipe* lines) {
 
 std::string tools::find(const std::string& name) {
     for (const char* const directory : directories) {
-        const std::string path = std::string(directory) + '/' + name;
+        std::string path = std::string(directory) + '/' + name;
         struct stat status = {};
         if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
             access(path.c_str(), X_OK) == 0)
