@@ -90,7 +90,8 @@ int Check::check(const std::string& phase, const char* mode, bool hasOptions) co
     words.push_back(m_device.path());
     if (hasOptions)
         words.insert(words.end(), m_options.begin(), m_options.end());
-    const int status = tools::runOn(m_device, words, hasProgress ? &lines : nullptr);
+    const int status =
+        tools::runOn(m_device, words, Status::NotChecked, hasProgress ? &lines : nullptr);
     if (status == tools::cancelled)
         cancel::end();
     return status;

@@ -49,7 +49,7 @@ void makeFileSystem(const Device& device, const std::string& type, const Words& 
     // The device precedes the options, so that a word that is not an option cannot replace it.
     words.push_back(device.path());
     words.insert(words.end(), options.begin(), options.end());
-    const int status = tools::runOn(device, words);
+    const int status = tools::runOn(device, words, Status::NotMade);
     if (status != 0) {
         fail(Status::NotMade, "no file system on " + device.node() + ": " + tool +
                                   " ended with status " + std::to_string(status));

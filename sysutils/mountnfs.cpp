@@ -3,9 +3,14 @@
 #include "commands.h"
 
 #include "cancel.h"
+#include "mounts.h"
 #include "progress.h"
 #include "supervisor.h"
 #include "tools.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
 
 #include <sys/stat.h>
 
@@ -20,6 +25,16 @@ bool isTarget(const std::string& target) {
 bool isDirectory(const std::string& path) {
     struct stat status = {};
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/// The number of mounts on the directory.
+std::size_t mountsOn(const std::string& directory) {
+    const std::unique_ptr<char, decltype(&std::free)> path(realpath(directory.c_str(), nullptr),
+                                                           &std::free);
+    const std::vector<Mount> all = mounts::of("self");
+    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](const Mount& mount) {
+        return path && mount.target == path.get();
+    }));
 }
 
 } // namespace
@@ -44,9 +59,12 @@ void runMountNfs(Words words) {
         tool.emplace_back("-r");
     if (words.size() > 2 && !words[2].empty())
         tool.insert(tool.end(), {"-o", words[2]});
+    const std::size_t before = mountsOn(directory);
     const int status = tools::run(tool);
-    if (status == tools::cancelled)
+    if (status == tools::cancelled && mountsOn(directory) <= before)
         cancel::end();
+    if (status == tools::cancelled)
+        return; // it had mounted the export when it was to end
     if (status != 0) {
         fail(Status::NotMounted,
              target + " cannot be mounted: mount.nfs ended with status " + std::to_string(status));

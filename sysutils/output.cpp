@@ -26,13 +26,16 @@ std::string held;
 long long takenAt = 0; // when standard output last took something
 bool isGone = false;
 
-void take() {
+/// \returns how much is taken.
+std::size_t take() {
     char bytes[16 * pieceSize];
-    const ssize_t count = read(ends[0], bytes, sizeof bytes);
-    if (count > 0 && !isGone) {
-        held.assign(bytes, static_cast<std::size_t>(count));
+    const ssize_t result = read(ends[0], bytes, sizeof bytes);
+    const std::size_t count = result > 0 ? static_cast<std::size_t>(result) : 0;
+    if (!isGone) {
+        held.assign(bytes, count);
         takenAt = waiting::now();
     }
+    return count;
 }
 
 void discard() {
@@ -87,12 +90,12 @@ void output::relay(const pollfd& toRead, const pollfd& toWrite) {
 
 void output::drain() {
     // A child of the tool that still writes must not keep the program.
-    for (int taken = 0; taken <= pipeSize; taken += static_cast<int>(held.size())) {
+    for (std::size_t taken = 0; taken <= pipeSize;) {
         flush();
         pollfd toRead = {ends[0], POLLIN, 0};
         if (poll(&toRead, 1, 0) != 1 || !(toRead.revents & POLLIN))
             return;
-        take();
+        taken += take();
     }
     flush();
 }

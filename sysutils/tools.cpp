@@ -166,9 +166,9 @@ int tools::run(const Arguments& arguments) {
     return Run(arguments, {}).waitForEnd(nullptr);
 }
 
-int tools::runOn(const Device& device, const Arguments& arguments, LinePipe* lines) {
+int tools::runOn(const Device& device, const Arguments& arguments, Status ifHeld, LinePipe* lines) {
     device.requireSame();
-    device.requireUnclaimed(Status::InUse);
+    device.requireUnclaimed(ifHeld);
     std::vector<int> inherited{device.descriptor(), device.diskDescriptor()};
     if (lines)
         inherited.push_back(lines->writeEnd());

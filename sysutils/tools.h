@@ -52,8 +52,9 @@ private:
 };
 
 /// Runs a tool that inherits the device, and the pipe if there is one. Ends the program if the
-/// device has been exchanged before the tool begins or when it has ended, or if another one holds
-/// the device exclusively: not all tools look for that themselves.
-int runOn(const Device& device, const Arguments& arguments, LinePipe* lines = nullptr);
+/// device has been exchanged before the tool begins or when it has ended. Ends it with `ifHeld` if
+/// another one holds the device exclusively: not all tools look for that themselves.
+int runOn(const Device& device, const Arguments& arguments, Status ifHeld,
+          LinePipe* lines = nullptr);
 
 } // namespace tools
