@@ -6,11 +6,9 @@
 #include "sysfs.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <set>
-#include <sstream>
 
 #include <fcntl.h>
 #include <libmount/libmount.h>
@@ -18,6 +16,18 @@
 #include <sys/sysmacros.h>
 
 namespace {
+
+using Table = std::unique_ptr<libmnt_table, void (*)(libmnt_table*)>;
+
+/// Calls the function for each entry of the table, if there is one, in its order.
+template <typename Function>
+void forEach(const Table& table, Function&& function) {
+    const std::unique_ptr<libmnt_iter, void (*)(libmnt_iter*)> iterator(
+        mnt_new_iter(MNT_ITER_FORWARD), &mnt_free_iter);
+    libmnt_fs* fs = nullptr;
+    while (table && iterator && mnt_table_next_fs(table.get(), iterator.get(), &fs) == 0)
+        function(fs);
+}
 
 std::string stringOf(const char* bytes) {
     return bytes ? bytes : "";
@@ -54,16 +64,11 @@ int mountAt(const std::string& path) {
 std::vector<Mount> mounts::of(const std::string& process) {
     std::vector<Mount> found;
     const std::string path = "/proc/" + process + "/mountinfo";
-    const std::unique_ptr<libmnt_table, void (*)(libmnt_table*)> table(
-        mnt_new_table_from_file(path.c_str()), &mnt_unref_table);
-    const std::unique_ptr<libmnt_iter, void (*)(libmnt_iter*)> iterator(
-        mnt_new_iter(MNT_ITER_FORWARD), &mnt_free_iter);
-    libmnt_fs* fs = nullptr;
-    while (table && iterator && mnt_table_next_fs(table.get(), iterator.get(), &fs) == 0) {
+    forEach(Table(mnt_new_table_from_file(path.c_str()), &mnt_unref_table), [&](libmnt_fs* fs) {
         found.push_back({mnt_fs_get_id(fs), mnt_fs_get_devno(fs), stringOf(mnt_fs_get_fstype(fs)),
                          stringOf(mnt_fs_get_source(fs)), stringOf(mnt_fs_get_target(fs)),
                          stringOf(mnt_fs_get_fs_options(fs))});
-    }
+    });
     return found;
 }
 
@@ -82,11 +87,11 @@ bool mounts::unmount(const Mount& mount) {
     return umount2(mount.target.c_str(), UMOUNT_NOFOLLOW) == 0;
 }
 
-std::vector<std::string> mounts::processes() {
+std::vector<std::string> mounts::swaps() {
     std::vector<std::string> found;
-    for (const std::string& name : sysfs::namesIn("/proc")) {
-        if (name.find_first_not_of("0123456789") == std::string::npos)
-            found.push_back(name);
+    const Table table(mnt_new_table(), &mnt_unref_table);
+    if (table && mnt_table_parse_swaps(table.get(), nullptr) == 0) {
+        forEach(table, [&](libmnt_fs* fs) { found.push_back(stringOf(mnt_fs_get_source(fs))); });
     }
     return found;
 }

@@ -31,7 +31,7 @@ dev_t deviceOf(const Mount& mount);
 /// Unmounts this mount. Fails with errno EBUSY if another mount covers it.
 bool unmount(const Mount& mount);
 
-/// The numbers of all processes.
-std::vector<std::string> processes();
+/// The devices and files with swap space in use.
+std::vector<std::string> swaps();
 
 } // namespace mounts

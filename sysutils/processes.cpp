@@ -2,8 +2,8 @@
 // Processes, known by their directories in /proc.
 #include "processes.h"
 
-#include "mounts.h"
 #include "supervisor.h"
+#include "sysfs.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -130,10 +130,19 @@ bool Process::respectsLock() const {
                        [&](const struct statx& program) { return isSameFile(program, executed); });
 }
 
-std::vector<Process> processes::using_(const std::set<dev_t>& devices,
-                                       const std::set<dev_t>& fileSystems) {
+std::vector<std::string> processes::all() {
+    std::vector<std::string> found;
+    for (const std::string& name : sysfs::namesIn("/proc")) {
+        if (name.find_first_not_of("0123456789") == std::string::npos)
+            found.push_back(name);
+    }
+    return found;
+}
+
+std::vector<Process> processes::thatUse(const std::set<dev_t>& devices,
+                                        const std::set<dev_t>& fileSystems) {
     std::vector<Process> found;
-    for (const std::string& name : mounts::processes()) {
+    for (const std::string& name : all()) {
         Descriptor directory(open(("/proc/" + name).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (!directory.isOpen())
             continue;

@@ -40,8 +40,11 @@ private:
 
 namespace processes {
 
+/// The numbers of all processes.
+std::vector<std::string> all();
+
 /// The processes that use the devices, except for those that respect the lock.
-std::vector<Process> using_(const std::set<dev_t>& devices, const std::set<dev_t>& fileSystems);
+std::vector<Process> thatUse(const std::set<dev_t>& devices, const std::set<dev_t>& fileSystems);
 
 /// A name of the mounts that the process sees: equal for processes that see the same.
 std::string viewOf(const std::string& process);

@@ -2,7 +2,6 @@
 // The users of a device, and how they are ended.
 #include "users.h"
 
-#include "cancel.h"
 #include "mounts.h"
 #include "output.h"
 #include "processes.h"
@@ -15,8 +14,6 @@
 #include <csignal>
 #include <cstring>
 #include <set>
-
-#include <libmount/libmount.h>
 
 namespace {
 
@@ -50,7 +47,7 @@ std::vector<Process> processesUsing(const std::set<dev_t>& devices) {
     std::set<dev_t> fileSystems = devices;
     for (const Mount& mount : mountsOn(devices, "self"))
         fileSystems.insert(mount.number);
-    return processes::using_(devices, fileSystems);
+    return processes::thatUse(devices, fileSystems);
 }
 
 void requireNone(const Device& device, const std::vector<Process>& found, Status status) {
@@ -78,7 +75,7 @@ bool endProcesses(const Device& device, int signal, const char* name, int millis
     return waiting::until(milliseconds, [&] { return processesUsing(devices).empty(); });
 }
 
-/// Whether the mount and those after it on the device are unmounted.
+/// Unmounts the file systems of the device, the latest first.
 void unmountAll(const Device& device) {
     const std::set<dev_t> devices = numbersOf(device);
     std::vector<Mount> found = mountsOn(devices, "self");
@@ -104,7 +101,7 @@ void unmountAll(const Device& device) {
 void users::requireNotMounted(const Device& device, Status status) {
     const std::set<dev_t> devices = numbersOf(device);
     std::set<std::string> seen; // many processes see the same mounts
-    for (const std::string& process : mounts::processes()) {
+    for (const std::string& process : processes::all()) {
         if (!seen.insert(processes::viewOf(process)).second)
             continue;
         const std::vector<Mount> found = mountsOn(devices, process);
@@ -119,15 +116,8 @@ void users::requireNotPartOfSystem(const Device& device) {
         for (const std::string& holder : sysfs::namesIn(place + "/holders"))
             fail(Status::InUse, device.name() + " is part of " + holder);
     }
-    const std::unique_ptr<libmnt_table, void (*)(libmnt_table*)> swaps(mnt_new_table(),
-                                                                       &mnt_unref_table);
-    const std::unique_ptr<libmnt_iter, void (*)(libmnt_iter*)> iterator(
-        mnt_new_iter(MNT_ITER_FORWARD), &mnt_free_iter);
-    libmnt_fs* swap = nullptr;
-    mnt_table_parse_swaps(swaps.get(), nullptr);
-    while (mnt_table_next_fs(swaps.get(), iterator.get(), &swap) == 0) {
-        const char* const source = mnt_fs_get_source(swap);
-        if (source && devices.count(sysfs::numberOfNode(source)) != 0)
+    for (const std::string& swap : mounts::swaps()) {
+        if (devices.count(sysfs::numberOfNode(swap)) != 0)
             fail(Status::InUse, device.name() + " is swap space");
     }
 }
