@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <libmount/libmount.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 namespace {
@@ -47,9 +48,13 @@ const std::set<std::string>& typesWithDevice() {
     return types;
 }
 
-/// The number of the mount that is at the path; -1 if it cannot be found.
-int mountAt(const std::string& path) {
-    const Descriptor opened(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+/// The root of the mount that is at the path.
+Descriptor openRoot(const std::string& path) {
+    return Descriptor(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+}
+
+/// The number of the mount that the open file is on; -1 if it cannot be found.
+int mountOf(const Descriptor& opened) {
     std::ifstream info("/proc/self/fdinfo/" + std::to_string(opened.get()));
     for (std::string word; opened.isOpen() && info >> word;) {
         int id = 0;
@@ -78,9 +83,15 @@ dev_t mounts::deviceOf(const Mount& mount) {
     return typesWithDevice().count(mount.type) != 0 ? sysfs::numberOfNode(mount.source) : 0;
 }
 
+dev_t mounts::numberOfFiles(const Mount& mount) {
+    const Descriptor root = openRoot(mount.target);
+    struct stat status = {};
+    return mountOf(root) == mount.id && fstat(root.get(), &status) == 0 ? status.st_dev : 0;
+}
+
 bool mounts::unmount(const Mount& mount) {
     // umount2(2) takes a path, and unmounts what is there now.
-    if (mountAt(mount.target) != mount.id) {
+    if (mountOf(openRoot(mount.target)) != mount.id) {
         errno = EBUSY;
         return false;
     }

@@ -28,6 +28,10 @@ std::vector<Mount> of(const std::string& process);
 /// nothing. \returns 0 for a file system without a device.
 dev_t deviceOf(const Mount& mount);
 
+/// The number that the files of the mount have. That of a subvolume of btrfs differs from the one
+/// of the file system. \returns 0 if another mount covers this one.
+dev_t numberOfFiles(const Mount& mount);
+
 /// Unmounts this mount. Fails with errno EBUSY if another mount covers it.
 bool unmount(const Mount& mount);
 

@@ -43,10 +43,13 @@ std::vector<Mount> mountsOn(const std::set<dev_t>& devices, const std::string& p
 
 /// The processes that use these devices.
 std::vector<Process> processesUsing(const std::set<dev_t>& devices) {
-    // The files of a file system like btrfs have the number of the file system.
+    // The files of a file system like btrfs have another number than the device.
     std::set<dev_t> fileSystems = devices;
-    for (const Mount& mount : mountsOn(devices, "self"))
+    for (const Mount& mount : mountsOn(devices, "self")) {
         fileSystems.insert(mount.number);
+        if (const dev_t number = mounts::numberOfFiles(mount))
+            fileSystems.insert(number);
+    }
     return processes::thatUse(devices, fileSystems);
 }
 

@@ -8,7 +8,7 @@ packages_build=(cmake g++ ninja-build)
 packages_googletest=(googletest libgmock-dev libgtest-dev)
 packages_samba=(samba samba-common-bin)
 # udev, simulated and real; the tools that the maintenance program runs.
-packages_media=(dosfstools e2fsprogs exfatprogs fdisk iproute2 libumockdev-dev mount udev
+packages_media=(btrfs-progs dosfstools e2fsprogs exfatprogs fdisk iproute2 libumockdev-dev mount udev
     umockdev util-linux)
 # The last ones are for the shell program that the maintenance program is compared with.
 packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libumockdev-dev libglib2.0-dev pkgconf smbclient
