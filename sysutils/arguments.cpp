@@ -5,6 +5,7 @@
 #include "status.h"
 #include "tools.h"
 
+#include <algorithm>
 #include <set>
 
 #include <unistd.h>

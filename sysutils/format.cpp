@@ -24,7 +24,7 @@ constexpr int nodeMs = 5000;
 struct Layout {
     std::string type;    ///< of the file system
     Words options;       ///< to make it
-    unsigned int code;   ///< of the partition
+    const char* code;    ///< of the partition
     std::uint64_t start; ///< of the partition, a multiple of the erase unit of such a card
 };
 
@@ -34,15 +34,15 @@ Layout layoutOf(const Device& disk) {
     if (size < 16 * MiB)
         fail(Status::WrongSize, disk.name() + " has less than 16 MiB");
     if (size <= 2 * GiB) // SDSC
-        return {"vfat", {"-F", "16"}, size < 32 * MiB ? 0x04U : 0x06U, 64 * KiB};
+        return {"vfat", {"-F", "16"}, size < 32 * MiB ? "04" : "06", 64 * KiB};
     if (size <= 32 * GiB) { // SDHC
         // Below 3 GiB, FAT32 would have too few clusters of 32 KiB.
         const std::uint64_t cluster = size < 3 * GiB ? 16 * KiB : 32 * KiB;
         const std::string sectors = std::to_string(cluster / disk.sectorSize());
-        return {"vfat", {"-F", "32", "-s", sectors}, 0x0c, 4 * MiB};
+        return {"vfat", {"-F", "32", "-s", sectors}, "0c", 4 * MiB};
     }
     if (size <= 2048 * GiB) // SDXC
-        return {"exfat", {"-b", "16M"}, 0x07, 16 * MiB};
+        return {"exfat", {"-b", "16M"}, "07", 16 * MiB};
     fail(Status::WrongSize, disk.name() + " has more than 2 TiB");
 }
 

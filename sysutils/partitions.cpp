@@ -26,7 +26,7 @@ bool change(const Device& disk, int operation, blkpg_partition& partition) {
 } // namespace
 
 bool partitions::writeTable(const Device& disk, int descriptor, std::uint64_t start,
-                            unsigned int type) {
+                            const char* type) {
     const Context context(fdisk_new_context(), &fdisk_unref_context);
     const Partition partition(fdisk_new_partition(), &fdisk_unref_partition);
     if (!context || !partition)
@@ -35,9 +35,7 @@ bool partitions::writeTable(const Device& disk, int descriptor, std::uint64_t st
     if (fdisk_assign_device_by_fd(context.get(), descriptor, disk.node().c_str(), 0) != 0 ||
         fdisk_create_disklabel(context.get(), "dos") != 0)
         return false;
-    const Type code(fdisk_label_parse_parttype(
-                        fdisk_get_label(context.get(), nullptr),
-                        (std::to_string(type / 16) + "0123456789abcdef"[type % 16]).c_str()),
+    const Type code(fdisk_label_parse_parttype(fdisk_get_label(context.get(), nullptr), type),
                     &fdisk_unref_parttype);
     const fdisk_sector_t first = start / fdisk_get_sector_size(context.get());
     fdisk_set_first_lba(context.get(), 1); // otherwise 1 MiB

@@ -8,9 +8,9 @@
 
 namespace partitions {
 
-/// Writes a table of type "dos" with one partition of this type, from `start`, in bytes, to the
-/// end. `descriptor` is the disk, open for writing. \returns whether that succeeds.
-bool writeTable(const Device& disk, int descriptor, std::uint64_t start, unsigned int type);
+/// Writes a table of type "dos" with one partition of this type, in hexadecimal, from `start`, in
+/// bytes, to the end. `descriptor` is the disk, open for writing. \returns whether that succeeds.
+bool writeTable(const Device& disk, int descriptor, std::uint64_t start, const char* type);
 
 /// Makes the kernel forget the partitions of the disk. \returns false if one of them is in use.
 bool forgetAll(const Device& disk);
