@@ -16,9 +16,7 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/oruio"
   FILES_MATCHING PATTERN "*.h"
 )
 # The library starts it as /usr/local/bin/oruio_sysutils, which is where the default prefix puts it.
-install(PROGRAMS "${PROJECT_SOURCE_DIR}/sysutils/oruio_sysutils"
-  DESTINATION ${CMAKE_INSTALL_BINDIR}
-)
+install(TARGETS oruio_sysutils RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES "${PROJECT_SOURCE_DIR}/sysutils/oruio_sysutils.8"
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
 )

@@ -19,6 +19,9 @@ packages=(
     libdouble-conversion3 libglib2.0-0 libicu72 libpcre2-16-0 libpcre2-8-0 libzstd1 zlib1g
     # udev
     libudev-dev libudev1 libcap2
+    # the libraries of the maintenance program, and what they link or their .pc files name
+    libblkid-dev libblkid1 libfdisk-dev libfdisk1 libmount-dev libmount1
+    libpcre2-dev libselinux1 libselinux1-dev libsepol-dev libsepol2 libuuid1 uuid-dev
     # the stand-in of the logging service
     libfmt-dev libfmt9 libspdlog-dev libspdlog1.10
     # checksums of the examples

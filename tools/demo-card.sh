@@ -19,7 +19,7 @@ locations=$directory/locations.ini
 
 trap 'stop_monitor; close_slots' EXIT
 
-open_slots "$tools/../sysutils/oruio_sysutils" || {
+open_slots "$programs/../sysutils/oruio_sysutils" || {
     echo "udevd does not start: $(cat /run/udev/log)"
     exit 1
 }

@@ -8,9 +8,11 @@ packages_build=(cmake g++ ninja-build)
 packages_googletest=(googletest libgmock-dev libgtest-dev)
 packages_samba=(samba samba-common-bin)
 # udev, simulated and real; the tools that the maintenance program runs.
-packages_media=(dosfstools e2fsprogs exfatprogs fdisk iproute2 libumockdev-dev mount psmisc udev
+packages_media=(btrfs-progs dosfstools e2fsprogs exfatprogs fdisk iproute2 libumockdev-dev mount udev
     umockdev util-linux)
-packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libumockdev-dev libglib2.0-dev pkgconf smbclient)
+# The last ones are for the shell program that the maintenance program is compared with.
+packages_bench=("${packages_samba[@]}" bindfs libbenchmark-dev libumockdev-dev libglib2.0-dev pkgconf smbclient
+    dosfstools e2fsprogs exfatprogs fdisk mount psmisc util-linux)
 packages_test=("${packages_googletest[@]}" "${packages_samba[@]}" "${packages_media[@]}" pkgconf procps python3 smbclient xxhash)
 packages_demo=("${packages_samba[@]}" e2fsprogs fdisk mount udev util-linux)
 packages_armhf=(debian-archive-keyring dpkg-dev g++-arm-linux-gnueabihf qemu-user-static)

@@ -3,19 +3,20 @@
 # Runs the example programs "locations" and "recorder" with loop disks as cards and a real SMB
 # server, and checks their output.
 #
-#   locations_test.sh LOCATIONS RECORDER
+#   locations_test.sh LOCATIONS RECORDER ORUIO_SYSUTILS
 #
 # Prints "ok NAME" or "not ok NAME" for each case; fails if any of them failed. Exits with 77
 # (skipped) if loop disks cannot be attached.
 set -u
 
-if [ $# -ne 2 ]; then
-    echo "usage: $0 LOCATIONS RECORDER" >&2
+if [ $# -ne 3 ]; then
+    echo "usage: $0 LOCATIONS RECORDER ORUIO_SYSUTILS" >&2
     exit 2
 fi
 
 locations=$1
 recorder=$2
+sysutils=$3
 here=$(dirname "$0")
 # shellcheck source=tools/card-slot.sh
 source "$here/../../tools/card-slot.sh"
@@ -33,7 +34,7 @@ source "$here/../support/suite/cases.sh"
 trap 'close_slots; rm -rf "$work"' EXIT
 
 ip link set lo up
-open_slots "$here/../../sysutils/oruio_sysutils" || {
+open_slots "$sysutils" || {
     echo "no udevd: $(cat /run/udev/log)"
     exit 1
 }

@@ -112,29 +112,65 @@ link_with_blanks_is_formatted() {
     release_disks
 }
 
-# expect_tool_failure TOOL STATUS PATTERN: expects that format fails with this status and error
-# message if the tool fails.
-expect_tool_failure() {
-    local tools=$clips/failing-$1
-    mkdir "$tools"
-    printf '#!/bin/sh\necho "cause 1"\necho "cause 2" >&2\nexit 7\n' >"$tools/$1"
-    chmod +x "$tools/$1"
-    stack_tools "$tools"
+failing_tool_is_reported() {
+    can_use_disks || return
+    new_disk 64M
+    stand_in mkfs.vfat <<'SCRIPT'
+echo "cause 1"
+echo "cause 2" >&2
+exit 7
+SCRIPT
     run "$sysutils" format "$disk"
-    expect_error "$2" "$3" oruio_sysutils
+    expect_error 42 "no file system on ${disk}p1: mkfs.vfat ended with status 7" oruio_sysutils
     expect grep -qx 'cause 1' "$work/out"
     expect grep -qx 'cause 2' "$work/out"
     umount /usr/sbin
+    succeeds format "$disk"
+    release_disks
 }
 
-failing_tools_are_reported() {
+# The image of the disk is on a full file system: what is written to the disk is lost.
+disk_that_cannot_be_written_is_reported() {
     can_use_disks || return
-    new_disk 64M
-    expect_tool_failure wipefs 43 "the old contents of $disk cannot be removed"
-    expect_tool_failure sfdisk 43 "$disk cannot be partitioned"
-    expect_tool_failure partx 44 "the kernel does not take the partition of $disk"
-    expect_tool_failure mkfs.vfat 42 "no file system on ${disk}p1: mkfs.vfat ended with status 7"
+    mkdir "$clips/full"
+    expect mount -t tmpfs -o size=128K full "$clips/full"
+    truncate -s 64M "$clips/full/disk0.img"
+    head -c 1M /dev/zero >"$clips/full/filler" 2>/dev/null
+    disk=$(flock /dev/loop-control losetup --find --show "$clips/full/disk0.img")
+    disks+=("$disk")
+    run "$sysutils" format "$disk"
+    expect_error 43 "$disk cannot be partitioned" oruio_sysutils
+    release_disks
+    umount "$clips/full"
+}
+
+# A loop device on a partition is no process that has it open, and no holder in sysfs.
+partition_that_cannot_be_removed_is_reported() {
+    local upper
+    can_use_disks || return
+    new_partitioned_disk 64M
+    upper=$(flock /dev/loop-control losetup --find --show "$partition")
+    refused 43 "cannot remove the old partitions of $disk" format "$disk"
+    expect [ -b "$partition" ]
+    losetup -d "$upper"
     succeeds format "$disk"
+    release_disks
+}
+
+# The program does not see the old partition, which overlaps the new one.
+partition_that_the_kernel_refuses_is_reported() {
+    local place
+    can_use_disks || return
+    new_partitioned_disk 64M
+    place=/sys/block/${disk#/dev/}
+    mkdir -p "$clips/place/queue" "$clips/place/holders"
+    for file in dev diskseq ro size queue/logical_block_size; do
+        cat "$place/$file" >"$clips/place/$file"
+    done
+    expect mount --bind "$clips/place" "$place"
+    mounts+=("$place")
+    run "$sysutils" format "$disk"
+    expect_error 44 "the kernel does not take the partition of $disk" oruio_sysutils
     release_disks
 }
 
@@ -219,32 +255,16 @@ failed_unmount_is_reported() {
 
 # --- concurrent runs --------------------------------------------------------------------------
 
-# Starts a run of mkfs on $partition, as $first. It stops in mkfs.ext4 until a line is written to
-# $clips/go.
+# Starts a run of mkfs on $partition, as $first. It stops in mkfs.ext4 until continue_tool.
 start_long_run() {
-    mkdir "$clips/tools"
-    mkfifo "$clips/begun" "$clips/go"
-    cat >"$clips/tools/mkfs.ext4" <<SCRIPT
-#!/bin/sh
-echo >$clips/begun
-read -r _ <$clips/go
-exec /usr/sbin/mke2fs -t ext4 "\$@"
-SCRIPT
-    chmod +x "$clips/tools/mkfs.ext4"
-    stack_tools "$clips/tools"
+    stopping_tool mkfs.ext4 /usr/sbin/mke2fs -t ext4
     "$sysutils" mkfs -t ext4 "$partition" >"$work/first.out" 2>"$work/first.err" &
     first=$!
-    expect read -r -t 15 _ <>"$clips/begun"
-}
-
-# Lets a stand-in continue that reads $clips/go; waits until it does.
-continue_run() {
-    # shellcheck disable=SC2016 # expanded by that shell
-    expect timeout 15 sh -c 'echo >"$1"' sh "$clips/go"
+    await_tool
 }
 
 end_long_run() {
-    continue_run
+    continue_tool
     wait "$first"
     expect [ $? -eq 0 ]
     umount /usr/sbin
@@ -276,41 +296,32 @@ second_run_waits_for_the_lock() {
     release_disks
 }
 
+# Both runs have the disk open and wait for the lock, which the test has. The one that gets it
+# searches for processes that use the disk.
 waiting_run_is_not_ended() {
     local second
     can_use_disks || return
     new_partitioned_disk 64M
-    mkdir "$clips/tools"
-    mkfifo "$clips/begun" "$clips/go"
-    # The first run takes the lock and stops. The second run waits for the lock when the first one
-    # searches for processes that use the disk.
-    cat >"$clips/tools/flock" <<SCRIPT
-#!/bin/sh
-/usr/bin/flock "\$@" || exit
-mkdir $clips/first 2>/dev/null || exit 0
-echo >$clips/begun
-read -r _ <$clips/go
-SCRIPT
-    chmod +x "$clips/tools/flock"
-    stack_tools "$clips/tools"
+    take_lock
     "$sysutils" format -k "$disk" >"$work/first.out" 2>"$work/first.err" &
     first=$!
-    expect read -r -t 15 _ <>"$clips/begun"
-    "$sysutils" format "$disk" >"$work/out" 2>"$work/err" &
+    "$sysutils" format -k "$disk" >"$work/out" 2>"$work/err" &
     second=$!
+    expect wait_until is_waiting_for_lock "$first"
     expect wait_until is_waiting_for_lock "$second"
-    continue_run
+    release_lock
     wait "$first"
     expect [ $? -eq 0 ]
     wait "$second"
     expect [ $? -eq 0 ]
     expect [ "$(cat "$work/first.out" "$work/out" | grep -c SIG)" -eq 0 ]
-    umount /usr/sbin
     release_disks
 }
 
 run_cases layout_depends_on_size clusters_are_of_the_standard_size old_contents_are_removed \
     environment_is_ignored uptime_with_leading_zero_is_decimal link_with_blanks_is_formatted \
-    failing_tools_are_reported missing_tools_are_reported users_are_ended \
+    failing_tool_is_reported disk_that_cannot_be_written_is_reported \
+    partition_that_cannot_be_removed_is_reported partition_that_the_kernel_refuses_is_reported \
+    missing_tools_are_reported users_are_ended \
     ancestors_of_the_program_are_not_ended failed_unmount_is_reported second_run_is_refused \
     second_run_waits_for_the_lock waiting_run_is_not_ended

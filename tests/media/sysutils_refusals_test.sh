@@ -234,18 +234,17 @@ short_use_of_a_disk_is_waited_for() {
     new_disk 32M
     for option in '' -k; do
         start_user "$disk"
-        mkdir -p "$clips/tools"
-        cat >"$clips/tools/fuser" <<SCRIPT
-#!/bin/sh
-/usr/bin/fuser "\$@"
-kill -KILL $user
-SCRIPT
-        chmod +x "$clips/tools/fuser"
-        stack_tools "$clips/tools"
-        succeeds format ${option:+"$option"} "$disk" 2>/dev/null
+        take_lock
+        "$sysutils" format ${option:+"$option"} "$disk" >"$work/out" 2>"$work/err" &
+        expect wait_until is_waiting_for_lock $!
+        release_lock
+        # Long enough for the program to see the user, and shorter than it waits.
+        sleep 0.3
+        kill -KILL "$user"
+        wait $! 2>/dev/null
+        expect [ $? -eq 0 ]
         expect_ended_by "$user" 9
         expect [ "$(grep -c SIG "$work/out")" -eq 0 ]
-        umount /usr/sbin
     done
     release_disks
 }

@@ -64,7 +64,7 @@ bool isSoundExt4(const QString& node) {
 }
 
 QString missingToFormat() {
-    return missingTool({"fsck.vfat", "fuser", "mkfs.exfat", "mkfs.vfat"});
+    return missingTool({"fsck.vfat", "mkfs.exfat", "mkfs.vfat"});
 }
 
 QString tagOf(const QString& node, const char* tag) {

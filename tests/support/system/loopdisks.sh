@@ -48,7 +48,7 @@ trap 'release_disks; rm -rf "$work"' EXIT
 # Whether loop disks can be used and these tools are installed; sets $skipped otherwise.
 can_use_disks() {
     local tool
-    for tool in debugfs flock fuser losetup mkfs.exfat mkfs.vfat partx sfdisk wipefs "$@"; do
+    for tool in debugfs flock losetup mkfs.exfat mkfs.vfat partx sfdisk wipefs "$@"; do
         command -v "$tool" >/dev/null || skipped="$tool is not installed"
     done
     if [ "$(id -u)" -ne 0 ]; then
@@ -213,8 +213,58 @@ zero() {
     dd if=/dev/zero of="$1" bs=1 seek="$2" count="$3" conv=notrunc,nocreat,fsync status=none
 }
 
-# Whether the program that runs as process $1 waits for its lock. Looks for a sleeping flock: in a
-# container /proc/locks does not show the locks taken by a process that has ended.
+# The process that does the work of the program that runs as process $1.
+worker_of() {
+    pgrep --parent "$1"
+}
+
+# Whether the program that runs as process $1 waits for its lock: it has opened the disk, and while
+# another one has the lock it does nothing else.
 is_waiting_for_lock() {
-    pgrep --parent "$1" --exact --runstates S flock >/dev/null
+    [ -n "$(find "/proc/$(worker_of "$1")/fd" -lname "$disk" 2>/dev/null)" ]
+}
+
+# take_lock, release_lock: the lock of $disk, taken by the test.
+take_lock() {
+    exec {lock}<"$disk"
+    expect flock -n "$lock"
+}
+release_lock() {
+    exec {lock}<&-
+}
+
+# stand_in TOOL: a script for /bin/sh, which is read from standard input, replaces the tool until
+# /usr/sbin is unmounted.
+stand_in() {
+    mkdir -p "$clips/tools"
+    {
+        echo '#!/bin/sh'
+        cat
+    } >"$clips/tools/$1"
+    chmod +x "$clips/tools/$1"
+    is_mounted /usr/sbin || stack_tools "$clips/tools"
+}
+
+# stopping_tool TOOL COMMAND...: the tool writes a line to $clips/begun, waits for one from
+# $clips/go, and then becomes the command.
+stopping_tool() {
+    local tool=$1
+    shift
+    [ -e "$clips/go" ] || mkfifo "$clips/begun" "$clips/go"
+    stand_in "$tool" <<SCRIPT
+echo >$clips/begun
+read -r _ <$clips/go
+exec $* "\$@"
+SCRIPT
+}
+
+# Waits until a stopping tool has begun.
+await_tool() {
+    expect read -r -t 15 _ <>"$clips/begun"
+}
+
+# Lets a stopping tool continue; waits until it does.
+continue_tool() {
+    # shellcheck disable=SC2016 # expanded by that shell
+    expect timeout 15 sh -c 'echo >"$1"' sh "$clips/go"
 }
