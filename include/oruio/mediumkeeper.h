@@ -5,10 +5,10 @@
 ///
 /// \code
 /// MediumKeeper keeper(&card); // before BDMon::start(), which reports the media that are present
-/// QObject::connect(&keeper, &MediumKeeper::accessChanged, [](StorageLocation* place, auto access)
-/// {
-///     qInfo() << place->name() << StorageLocation::straccess(access);
-/// });
+/// QObject::connect(&keeper, &MediumKeeper::accessChanged,
+///                  [](StorageLocation* place, StorageLocation::AccessType access) {
+///                      qInfo() << place->name() << StorageLocation::straccess(access);
+///                  });
 /// MonitorFollower monitor;
 /// monitor.start(); // then run an event loop
 /// \endcode

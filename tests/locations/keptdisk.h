@@ -27,7 +27,7 @@
 
 namespace oru::io::test {
 
-/// Has a slot, and the monitor and the real maintenance program running.
+/// Has the real maintenance program, and a slot with a keeper that follows the monitor.
 class KeptDisk : public MonitorTest {
 protected:
     void SetUp() override {
