@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sharestate.h"
 
-#include <oruio/error.h>
-
 #include <QStringList>
 
 namespace {
@@ -46,20 +44,9 @@ QString meaningOf(Smb2FS::ConnectFailure::Reason reason) {
 
 } // namespace
 
-bool isUsable(Smb2FS& share) {
-    // After a lost connection isConnected() returns true, but brokenBy() the errno.
-    return share.brokenBy() == 0 && share.isConnected();
-}
-
 QString describe(const Smb2FS::ConnectFailure& failure) {
     QString description = meaningOf(failure.reason) + " (" + failure.message.trimmed() + ')';
     if (!failure.unknownKeys.isEmpty())
         description += "; unknown properties: " + failure.unknownKeys.join(", ");
     return description;
-}
-
-QString describeMountFailure(oru::io::StorageLocation& location) {
-    const oru::io::Error error;
-    const auto share = location.fs().dynamicCast<Smb2FS>();
-    return share ? describe(share->connectFailure()) : QString::fromUtf8(error.strerror());
 }

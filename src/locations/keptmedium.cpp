@@ -5,7 +5,6 @@
 #include "locations/slotcontents_p.h"
 #include "locations/uncleanfs_p.h"
 
-#include <oruio/error.h>
 #include <oruio/maintenancejob.h>
 
 #include <algorithm>
@@ -302,7 +301,6 @@ int KeptMedium::unmount(bool lazy) {
         Properties props;
         if (lazy)
             props["lazy"] = true;
-        liberrno = Ok;
         int result = m_location.umount(&props);
         // The location does not find a mount point with a blank in the table.
         if (result == 0 && isMounted())

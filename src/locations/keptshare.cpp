@@ -3,7 +3,6 @@
 #include "locations/kept_p.h"
 #include "locations/mountpoint_p.h"
 
-#include <oruio/error.h>
 #include <oruio/fsnfs.h>
 #include <oruio/fssmb.h>
 
@@ -85,7 +84,6 @@ int KeptShare::keepConnected() {
 
 int KeptShare::tryToConnect() {
     errno = 0;
-    liberrno = Ok;
     const int result = location.mount(nullptr);
     const int error = errno;
     m_isConnected = result == 0 && !isBroken();

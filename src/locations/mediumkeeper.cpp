@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <oruio/error.h>
 #include <oruio/maintenancejob.h>
 #include <oruio/mediumkeeper.h>
 
@@ -106,6 +107,7 @@ void MediumKeeper::Data::report() {
 /// Calls an operation of the location, and reports what has changed. Keeps its errno.
 template <class Operation>
 int MediumKeeper::Data::operate(Operation operation) {
+    liberrno = Ok; // errno holds the reason
     if (job) {
         errno = EBUSY;
         return -1;
@@ -113,6 +115,7 @@ int MediumKeeper::Data::operate(Operation operation) {
     const int result = operation();
     const int error = errno;
     keeper.step();
+    liberrno = Ok;
     errno = error;
     return result;
 }
