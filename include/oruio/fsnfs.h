@@ -16,6 +16,8 @@
 
 namespace oru::io {
 
+class MaintenanceJob;
+
 /// An export of an NFS server.
 class ORUIO_EXPORT NFS : public PosixFS {
 public:
@@ -41,10 +43,21 @@ public:
     ///   "timeo", calls block as long as the server does not answer.
     /// - "lazy": disconnect() passes `props` to umountPath(), which reads this key.
     ///
-    /// \returns 0, or one of these. The log holds the reason, errno and liberrno do not:
+    /// \returns 0, or one of these. SysCmd::failure() returns what the program said about the
+    /// reason, and the log holds its output; errno and liberrno hold no reason:
     /// - a positive number: the exit status of the maintenance program;
     /// - -1: the program could not be started, or was killed by a signal.
     virtual int connect(Properties props);
+    /// Calls disconnect() of `share`, and makes a job (oruio/maintenancejob.h) that mounts the
+    /// export as connect() does. Starts nothing.
+    ///
+    /// When the job finishes with status 0, the share is connected, before other receivers get the
+    /// signal. While the job runs, do not call connect() or disconnect(). The job holds `share`,
+    /// and must be used on the same thread.
+    ///
+    /// If the job is deleted while it runs, the program runs on and may still mount the export. The
+    /// share does not count as connected then; disconnect() unmounts it all the same.
+    static QSharedPointer<MaintenanceJob> connectJob(const SPtr& share, Properties props);
     /// Unmounts everything that is mounted on the directory, including mounts of other processes.
     ///
     /// \returns the result of umountPath(): 0, also when not connected, or -1 with errno. After -1

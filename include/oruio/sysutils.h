@@ -26,8 +26,8 @@
 ///
 /// - Do not call wait(2), or waitpid(2) with -1: they may take the exit status of the program. The
 ///   command would then count as successful.
-/// - On kernels without pidfd (before 5.4), Qt installs a handler for SIGCHLD at the first command.
-///   Do not replace this handler. Qt also ignores SIGPIPE then.
+/// - Qt installs a handler for SIGCHLD at the first command, and ignores SIGPIPE. Do not replace
+///   this handler, and do not change the action of SIGPIPE.
 ///
 /// Threads: any thread may call any function; the calls share no data. SysCmd::exec() blocks its
 /// caller until the program has ended.

@@ -52,7 +52,7 @@ bool Kept::isCheckDue() const {
     return false;
 }
 
-void Kept::noteCheck(int) {}
+void Kept::noteCheck(int, const QString&) {}
 
 void Kept::setState(MediumKeeper::State now, const QString& why) {
     state = now;

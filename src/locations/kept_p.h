@@ -49,7 +49,7 @@ public:
     virtual QSharedPointer<MaintenanceJob> makeFormat(const Properties* props);
     /// Whether the medium must be checked now, before it is mounted.
     virtual bool isCheckDue() const;
-    virtual void noteCheck(int status);
+    virtual void noteCheck(int status, const QString& why);
 
     StorageLocation& location;
     const MediumKeeper::Policy policy;

@@ -31,7 +31,7 @@ public:
     MaintenanceJob::SPtr makeCheck() override;
     MaintenanceJob::SPtr makeFormat(const Properties* props) override;
     bool isCheckDue() const override;
-    void noteCheck(int status) override;
+    void noteCheck(int status, const QString& why) override;
 
 private:
     enum class Check { Due, Passed, Failed };
@@ -59,7 +59,7 @@ private:
     KernelMount m_mount; ///< of m_mountedDevice
     bool m_isReadOnly = false;
     Check m_check = Check::Due;
-    int m_checkStatus = 0;
+    QString m_checkFailure;
 };
 
 // --- events -------------------------------------------------------------------------------------
@@ -113,8 +113,7 @@ int KeptMedium::stepUnmounted() {
         return never;
     }
     if (m_check == Check::Failed) {
-        setState(MediumKeeper::Failed,
-                 QStringLiteral("its check has failed (%1)").arg(m_checkStatus));
+        setState(MediumKeeper::Failed, m_checkFailure);
         return never;
     }
     if (!canBeMounted()) {
@@ -349,9 +348,11 @@ bool KeptMedium::isCheckDue() const {
             !isClean(*m_location.selectedPart()));
 }
 
-void KeptMedium::noteCheck(int status) {
+void KeptMedium::noteCheck(int status, const QString& why) {
     m_check = status == 0 ? Check::Passed : Check::Failed;
-    m_checkStatus = status;
+    m_checkFailure = QStringLiteral("its check has failed (%1)").arg(status);
+    if (!why.isEmpty())
+        m_checkFailure += ": " + why;
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include <oruio/fsnfs.h>
 #include <oruio/fssmb.h>
+#include <oruio/sysutils.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -91,6 +92,8 @@ int KeptShare::tryToConnect() {
         setAccess(StorageLocation::None);
         m_retry.fail();
         QString why = m_smb ? m_smb->connectFailure().message.trimmed() : QString();
+        if (m_nfs)
+            why = SysCmd::failure();
         if (why.isEmpty() && result > 0)
             why = QStringLiteral("it cannot be mounted (%1)").arg(result);
         else if (why.isEmpty())

@@ -12,6 +12,7 @@
 #include <QTimer>
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 namespace oru::io {
@@ -62,7 +63,7 @@ int MediumKeeper::Data::advance() {
         return wait;
     if (run(kept->makeCheck(), true) == 0)
         return Kept::never;
-    kept->noteCheck(-1);
+    kept->noteCheck(-1, QString::fromUtf8(std::strerror(errno)));
     return kept->step();
 }
 
@@ -83,7 +84,7 @@ void MediumKeeper::Data::endJob(int status) {
     const MaintenanceJob::SPtr ended = std::move(job);
     const QPointer<MediumKeeper> guard(&keeper);
     if (isCheckOfPolicy)
-        kept->noteCheck(status);
+        kept->noteCheck(status, ended->reason());
     Q_EMIT keeper.finished(status);
     if (guard)
         keeper.step();

@@ -68,15 +68,16 @@ void MaintenanceJob::Data::watch(const QProcess& program) {
     m_timer->start(run.pace());
 }
 
-/// \returns whether it was a new phase.
+/// \returns whether the phase has begun with it.
 bool MaintenanceJob::Data::take(const ProgressLine& line) {
     if (line.kind == ProgressLine::Kind::Permille) {
         permille = line.permille;
         return false;
     }
+    const bool isNew = phase != line.phase || permille != -1;
     phase = line.phase;
     permille = -1;
-    return true;
+    return isNew;
 }
 
 /// Emits the signals that are due. Afterwards the job may not exist any more.

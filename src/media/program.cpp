@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "media/program_p.h"
 
-#include "core/forksafemutex_p.h"
 #include "core/systemtext_p.h"
 
 #include <QProcessEnvironment>
-#include <QVector>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <mutex>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -18,7 +15,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace oru::io {
@@ -87,44 +83,6 @@ void closeOpen(int& fd) {
     if (fd != -1)
         ::close(fd);
     fd = -1;
-}
-
-/// Programs whose owner has gone. Each stays a zombie after its end until its exit status is taken.
-class LeftPrograms {
-public:
-    /// Before Linux 5.4 Qt's handler of SIGCHLD takes the exit status.
-    void add(qint64 pid) {
-        const int fd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0U));
-        const std::lock_guard<ForkSafeMutex> lock(m_mutex);
-        if (fd != -1)
-            m_descriptors.append(fd);
-    }
-
-    /// Takes the exit status of those that have ended.
-    void reap() {
-        const std::lock_guard<ForkSafeMutex> lock(m_mutex);
-        const auto hasEnded = [](int fd) {
-            siginfo_t info = {};
-            const auto id = static_cast<id_t>(fd);
-            const int result = waitid(static_cast<idtype_t>(P_PIDFD), id, &info, WEXITED | WNOHANG);
-            const bool isGone = result == -1 || info.si_pid != 0;
-            if (isGone)
-                ::close(fd);
-            return isGone;
-        };
-        m_descriptors.erase(std::remove_if(m_descriptors.begin(), m_descriptors.end(), hasEnded),
-                            m_descriptors.end());
-    }
-
-private:
-    ForkSafeMutex m_mutex; // guards m_descriptors
-    QVector<int> m_descriptors;
-};
-
-/// Never destroyed: detached threads may run commands to the end of the process.
-LeftPrograms& leftPrograms() {
-    static auto* const programs = new LeftPrograms;
-    return *programs;
 }
 
 } // namespace
@@ -226,10 +184,10 @@ Program::Program() {
 Program::~Program() {
     awaitStart();
     disconnect();
-    if (m_hasStarted && state() != NotRunning) {
-        leftPrograms().add(processId());
-        setProcessState(NotRunning); // QProcess kills a program that is still running
-    }
+    // QProcess kills a program that is still running. Qt's handler of SIGCHLD takes the exit
+    // status.
+    if (m_hasStarted)
+        setProcessState(NotRunning);
 }
 
 void Program::setVariables(const Properties& variables) {
@@ -248,7 +206,6 @@ void Program::setVariables(const Properties& variables) {
 
 bool Program::begin(const QStringList& arguments, const Properties& environment,
                     bool reportsProgress) {
-    leftPrograms().reap();
     if (!checkArguments(arguments))
         return false;
     if (!canWaitForChildren()) {

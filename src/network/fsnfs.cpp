@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <oruio/fsnfs.h>
+#include <oruio/maintenancejob.h>
 #include <oruio/sysutils.h>
 
 #include "core/mounttable_p.h"
@@ -22,6 +23,17 @@ namespace {
 [[maybe_unused]] constexpr char DEFAULT_MNT_OPTS[] =
     "nolock,soft,timeo=20,retrans=2,retry=0,vers=3,proto=udp";
 
+/// The command that mounts the export of `props` on `mountPoint`.
+SysCmd mountCommand(const QString& mountPoint, const Properties& props) {
+    const QString readOnly =
+        props.value(QStringLiteral("readonly")).toBool() ? QStringLiteral("-r") : QString();
+    return SysCmd("mount.nfs")
+        .addArg(readOnly)
+        .addArg(props.value(QStringLiteral("target")).toString())
+        .addArg(mountPoint)
+        .addArg(props.value(QStringLiteral("cmd_opts")).toString());
+}
+
 } // namespace
 
 NFS::NFS(QString mountPoint) : PosixFS(std::move(mountPoint), QStringLiteral("NFS")) {}
@@ -36,17 +48,21 @@ int NFS::ioctl(QString, QString&) {
 
 int NFS::connect(Properties props) {
     disconnect();
-    const QString readOnly =
-        props.value(QStringLiteral("readonly")).toBool() ? QStringLiteral("-r") : QString();
-    const int result = SysCmd("mount.nfs")
-                           .addArg(readOnly)
-                           .addArg(props.value(QStringLiteral("target")).toString())
-                           .addArg(mountPoint())
-                           .addArg(props.value(QStringLiteral("cmd_opts")).toString())
-                           .exec(1);
+    const int result = mountCommand(mountPoint(), props).exec(1);
     if (result == 0)
         connectProps = std::move(props);
     return result;
+}
+
+QSharedPointer<MaintenanceJob> NFS::connectJob(const SPtr& share, Properties props) {
+    share->disconnect();
+    const auto job = MaintenanceJob::SPtr::create(mountCommand(share->mountPoint(), props));
+    QObject::connect(job.get(), &MaintenanceJob::finished, job.get(),
+                     [share, props = std::move(props)](int status) {
+                         if (status == 0)
+                             share->connectProps = props;
+                     });
+    return job;
 }
 
 int NFS::disconnect() {

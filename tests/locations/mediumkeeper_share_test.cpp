@@ -243,6 +243,11 @@ TEST_F(KeptExport, CannotBeMounted_DirectoryNotProbed) {
         EXPECT_EQ(keeper->reason(), "it cannot be mounted (32)");
     }
     EXPECT_EQ(QFileInfo(path).lastModified(), before);
+    setProgram("echo 'the server is away' >&2; exit 32");
+    EXPECT_TRUE(eventually([&] {
+        keeper->step();
+        return keeper->reason() == "the server is away";
+    }));
     setProgram(test::mountsMemory);
     EXPECT_TRUE(becomes(*keeper, StorageLocation::Write));
 }

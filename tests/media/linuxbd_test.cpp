@@ -2,6 +2,7 @@
 // LinuxBD: the arguments of mount(2) and of the maintenance program.
 #include <oruio/bdmon.h>
 #include <oruio/error.h>
+#include <oruio/maintenancejob.h>
 
 #include "support/doubles/maintenanceprogram.h"
 #include "support/suite/logcapture.h"
@@ -211,28 +212,47 @@ namespace {
 
 class LinuxBDCommands : public test::WithMaintenanceProgram {
 protected:
-    using Operation = int (BlockDevice::*)(const Properties*);
+    /// An operation that waits, and the job that does the same.
+    struct Operation {
+        int (BlockDevice::*wait)(const Properties*);
+        MaintenanceJob::SPtr (*makeJob)(const BlockDevice&, const Properties*);
+    };
 
+    static int runJob(Operation operation, const Properties* props, const QString& type) {
+        const MaintenanceJob::SPtr job = operation.makeJob(device(type), props);
+        EXPECT_EQ(job->start(), 0);
+        job->waitForFinished();
+        return job->status();
+    }
     /// The arguments of the program for one operation.
     QStringList argumentsOf(Operation operation, const Properties* props,
                             const QString& type = "vfat") {
         const MaintenanceProgram program;
         LinuxBD tested = device(type);
         liberrno = NotFound;
-        EXPECT_EQ((tested.*operation)(props), 0);
+        EXPECT_EQ((tested.*operation.wait)(props), 0);
         EXPECT_EQ(liberrno, Ok);
+        EXPECT_EQ(runJob(operation, props, type), 0);
         const QList<QStringList> calls = program.calls();
-        EXPECT_EQ(calls.size(), 1);
+        EXPECT_EQ(calls.size(), 2);
+        EXPECT_EQ(calls.value(1), calls.value(0));
         return calls.value(0);
     }
     /// The number of runs for an operation when the program always exits with 9.
     int runsOf(Operation operation, const Properties* props) {
-        const MaintenanceProgram program("exit 9");
+        MaintenanceProgram program("exit 9");
         LinuxBD tested = device("vfat");
-        EXPECT_EQ((tested.*operation)(props), 9);
-        return program.calls().size();
+        EXPECT_EQ((tested.*operation.wait)(props), 9);
+        const int runs = program.calls().size();
+        program.forget();
+        EXPECT_EQ(runJob(operation, props, "vfat"), 9);
+        EXPECT_EQ(program.calls().size(), runs);
+        return runs;
     }
 
+    const Operation fsck = {&BlockDevice::fsck, &MaintenanceJob::fsck};
+    const Operation mkfs = {&BlockDevice::mkfs, &MaintenanceJob::mkfs};
+    const Operation format = {&BlockDevice::format, &MaintenanceJob::format};
     const Properties none;
 };
 
@@ -240,54 +260,54 @@ protected:
 
 TEST_F(LinuxBDCommands, Fsck_Properties_BecomeArguments) {
     const QStringList plain = {"fsck", "-t", "vfat", "/dev/test1"};
-    EXPECT_EQ(argumentsOf(&BlockDevice::fsck, nullptr), plain);
-    EXPECT_EQ(argumentsOf(&BlockDevice::fsck, &none), plain);
+    EXPECT_EQ(argumentsOf(fsck, nullptr), plain);
+    EXPECT_EQ(argumentsOf(fsck, &none), plain);
     const Properties props = {{"cmd_opts", "-a -w"}, {"retries", 1}, {"fs_type", "ext4"}};
-    EXPECT_EQ(argumentsOf(&BlockDevice::fsck, &props), plain + QStringList{"-a -w"});
+    EXPECT_EQ(argumentsOf(fsck, &props), plain + QStringList{"-a -w"});
     // Without a file system type, "-t" has no value.
-    EXPECT_EQ(argumentsOf(&BlockDevice::fsck, nullptr, ""),
-              (QStringList{"fsck", "-t", "/dev/test1"}));
+    EXPECT_EQ(argumentsOf(fsck, nullptr, ""), (QStringList{"fsck", "-t", "/dev/test1"}));
 }
 
 TEST_F(LinuxBDCommands, Fsck_RetriesProperty_LimitsRuns) {
     EXPECT_EQ(FSCK_RETRIES, 3);
-    EXPECT_EQ(runsOf(&BlockDevice::fsck, nullptr), 3);
-    EXPECT_EQ(runsOf(&BlockDevice::fsck, &none), 3);
+    EXPECT_EQ(runsOf(fsck, nullptr), 3);
+    EXPECT_EQ(runsOf(fsck, &none), 3);
     const struct {
         QVariant retries;
         int runs;
     } cases[] = {{5, 5}, {"5", 5}, {true, 1}, {2.5, 3}};
     for (const auto& tested : cases) {
         const Properties props = {{"retries", tested.retries}};
-        EXPECT_EQ(runsOf(&BlockDevice::fsck, &props), tested.runs);
+        EXPECT_EQ(runsOf(fsck, &props), tested.runs);
     }
     const MaintenanceProgram program("exit 9");
     for (const QVariant& never :
          {QVariant(0), QVariant(-1), QVariant("many"), QVariant("true"), QVariant()}) {
         const Properties props = {{"retries", never}};
         EXPECT_EQ(device("vfat").fsck(&props), -1);
+        EXPECT_EQ(MaintenanceJob::fsck(device("vfat"), &props)->start(), -1);
+        EXPECT_EQ(errno, EINVAL);
     }
     EXPECT_TRUE(program.calls().isEmpty());
 }
 
 TEST_F(LinuxBDCommands, Mkfs_Properties_BecomeArguments) {
     const QStringList plain = {"mkfs", "-t", "/dev/test1"};
-    EXPECT_EQ(argumentsOf(&BlockDevice::mkfs, nullptr), plain);
-    EXPECT_EQ(argumentsOf(&BlockDevice::mkfs, &none), plain);
+    EXPECT_EQ(argumentsOf(mkfs, nullptr), plain);
+    EXPECT_EQ(argumentsOf(mkfs, &none), plain);
     const Properties props = {{"fs_type", "ext4"}, {"cmd_opts", "-L film"}};
-    EXPECT_EQ(argumentsOf(&BlockDevice::mkfs, &props),
+    EXPECT_EQ(argumentsOf(mkfs, &props),
               (QStringList{"mkfs", "-t", "ext4", "/dev/test1", "-L film"}));
-    EXPECT_EQ(runsOf(&BlockDevice::mkfs, nullptr), 1);
+    EXPECT_EQ(runsOf(mkfs, nullptr), 1);
 }
 
 TEST_F(LinuxBDCommands, Format_Properties_BecomeArguments) {
     const QStringList plain = {"format", "/dev/test1"};
-    EXPECT_EQ(argumentsOf(&BlockDevice::format, nullptr), plain);
-    EXPECT_EQ(argumentsOf(&BlockDevice::format, &none), plain);
+    EXPECT_EQ(argumentsOf(format, nullptr), plain);
+    EXPECT_EQ(argumentsOf(format, &none), plain);
     const Properties kill = {{"kill", false}}; // the value is ignored
-    EXPECT_EQ(argumentsOf(&BlockDevice::format, &kill),
-              (QStringList{"format", "-k", "/dev/test1"}));
-    EXPECT_EQ(runsOf(&BlockDevice::format, &kill), 1);
+    EXPECT_EQ(argumentsOf(format, &kill), (QStringList{"format", "-k", "/dev/test1"}));
+    EXPECT_EQ(runsOf(format, &kill), 1);
 }
 
 TEST_F(LinuxBDCommands, Umount_NotMountedThenNoTable_ZeroThenENOENT) {

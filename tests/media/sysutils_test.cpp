@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SysCmd, umountPath() and the mount table.
 #include <oruio/error.h>
+#include <oruio/maintenancejob.h>
 #include <oruio/sysutils.h>
 
 #include "core/mounttable_p.h"
@@ -154,6 +155,36 @@ TEST_F(SysCmdTest, ExecHangs_FailsAfterFiveSeconds) {
     EXPECT_EQ(errno, ECHILD);
 }
 
+TEST_F(SysCmdTest, ExecHangsInJob_FinishedAfterFiveSeconds) {
+    const MaintenanceProgram program;
+    execHangs = true;
+    MaintenanceJob job(SysCmd("fsck"), 3);
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_EQ(job.start(), 0);
+    EXPECT_LT(timer.elapsed(), 4000); // at once
+    EXPECT_TRUE(job.waitForFinished());
+    execHangs = false;
+    EXPECT_GE(timer.elapsed(), 5000);
+    EXPECT_LT(timer.elapsed(), 10000);
+    EXPECT_EQ(job.status(), -1);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "the child has been reaped";
+    EXPECT_EQ(errno, ECHILD);
+}
+
+// Nothing has been changed by a program that has not begun.
+TEST_F(SysCmdTest, JobDeletedWhileExecHangs_ChildIsKilled) {
+    const MaintenanceProgram program;
+    execHangs = true;
+    {
+        MaintenanceJob job(SysCmd("fsck"));
+        EXPECT_EQ(job.start(), 0);
+    }
+    execHangs = false;
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "the child has been reaped";
+    EXPECT_EQ(errno, ECHILD);
+}
+
 TEST_F(SysCmdTest, ZeroOrNegativeRuns_StartsNothing) {
     const MaintenanceProgram program;
     for (const int runs : {0, -1}) {
@@ -200,6 +231,27 @@ TEST_F(SysCmdTest, FailsAlways_LastStatus) {
     const MaintenanceProgram program("exit $((run + 4))");
     EXPECT_EQ(SysCmd("fsck").exec(3), 7);
     EXPECT_EQ(program.calls().size(), 3);
+}
+
+TEST_F(SysCmdTest, Failure_LastLineOfTheLastRun) {
+    {
+        const MaintenanceProgram program("echo \"first $run\" >&2; echo \"last $run\" >&2; exit 2");
+        EXPECT_EQ(SysCmd("fsck").exec(3), 2);
+        EXPECT_EQ(SysCmd::failure(), "last 3");
+        std::thread([] { EXPECT_EQ(SysCmd::failure(), ""); }).join(); // of another thread
+        EXPECT_EQ(SysCmd("fsck").exec(0), -1);
+        EXPECT_EQ(SysCmd::failure(), "");
+    }
+    const MaintenanceProgram program("echo bad >&2; [ $run = 2 ]");
+    EXPECT_EQ(SysCmd("fsck").exec(1), 1);
+    EXPECT_EQ(SysCmd::failure(), "bad");
+    EXPECT_EQ(SysCmd("fsck").exec(1), 0);
+    EXPECT_EQ(SysCmd::failure(), ""); // a warning of a command that has succeeded
+    program.calls();
+    EXPECT_EQ(SysCmd("fsck").exec(1), 1);
+    ASSERT_TRUE(QFile::remove(MaintenanceProgram::path()));
+    EXPECT_EQ(SysCmd("fsck").exec(1), -1);
+    EXPECT_EQ(SysCmd::failure(), "");
 }
 
 TEST_F(SysCmdTest, Crashes_StatusOfPreviousRun) {
@@ -347,6 +399,12 @@ TEST_F(SysCmdTest, ArgumentNotInLocalesCodec_StartsNothing) {
     const test::LocaleCodec utf8("UTF-8");
     EXPECT_EQ(SysCmd("mkfs").addArg(label).exec(1), 0);
     EXPECT_EQ(program.calls(), (QList<QStringList>{{"mkfs", label}}));
+}
+
+TEST_F(SysCmdTest, Session_IsItsOwn) {
+    const MaintenanceProgram program("read -r pid name state parent group session rest "
+                                     "</proc/$$/stat; [ $session = $$ ] && [ $group = $$ ]");
+    EXPECT_EQ(SysCmd("fsck").exec(1), 0);
 }
 
 // Longer than the 30 seconds that Qt waits by default.

@@ -2,6 +2,7 @@
 // Connecting to an NFS server, with a memory file system in place of the export.
 #include <oruio/error.h>
 #include <oruio/fsnfs.h>
+#include <oruio/maintenancejob.h>
 
 #include "support/suite/logcapture.h"
 #include "support/suite/qtprint.h"
@@ -145,6 +146,53 @@ TEST_F(NfsTest, ConnectFails_ReturnsStatusOfTheProgram) {
     ASSERT_TRUE(QFile::remove(MaintenanceProgram::path()));
     EXPECT_EQ(nfs.connect(target), -1);
     EXPECT_FALSE(nfs.isConnected());
+}
+
+TEST_F(NfsTest, ConnectFails_FailureIsWhatTheProgramSaid) {
+    NFS nfs(path);
+    program.reset();
+    program.emplace("echo 'oruio_sysutils: server:/x cannot be mounted' >&2; exit 45");
+    EXPECT_EQ(nfs.connect(target), 45);
+    EXPECT_EQ(SysCmd::failure(), "oruio_sysutils: server:/x cannot be mounted");
+    program.reset();
+    program.emplace("exit 45"); // says nothing
+    EXPECT_EQ(nfs.connect(target), 45);
+    EXPECT_EQ(SysCmd::failure(), "");
+}
+
+TEST_F(NfsTest, ConnectJob_ConnectsWithTheSameCommand) {
+    const auto share = NFS::SPtr::create(path);
+    const Properties props = {
+        {"target", "server:/export"}, {"readonly", true}, {"cmd_opts", "soft"}};
+    const QStringList expected = argumentsOf(props);
+    program->forget();
+    const auto job = NFS::connectJob(share, props);
+    bool isConnected = false;
+    QObject::connect(job.get(), &MaintenanceJob::finished,
+                     [&](int) { isConnected = share->isConnected(); });
+    EXPECT_EQ(test::devicesAt(path), QStringList()); // nothing is started yet
+    ASSERT_EQ(job->start(), 0);
+    EXPECT_TRUE(job->waitForFinished());
+    EXPECT_EQ(job->status(), 0);
+    EXPECT_TRUE(isConnected);
+    EXPECT_EQ(program->calls(), QList<QStringList>{expected});
+    EXPECT_EQ(test::devicesAt(path).size(), 1);
+    EXPECT_EQ(share->disconnect(), 0);
+    EXPECT_EQ(test::devicesAt(path), QStringList());
+}
+
+TEST_F(NfsTest, ConnectJobFails_NotConnected) {
+    const auto share = NFS::SPtr::create(path);
+    ASSERT_EQ(share->connect(target), 0);
+    program.reset();
+    program.emplace("echo 'no such export' >&2; exit 32");
+    const auto job = NFS::connectJob(share, target);
+    EXPECT_EQ(test::devicesAt(path), QStringList()); // as connect(), it disconnects first
+    ASSERT_EQ(job->start(), 0);
+    EXPECT_TRUE(job->waitForFinished());
+    EXPECT_EQ(job->status(), 32);
+    EXPECT_EQ(job->reason(), "no such export");
+    EXPECT_FALSE(share->isConnected());
 }
 
 TEST_F(NfsTest, BusyMount_IsUnmountedOnlyWhenLazy) {
