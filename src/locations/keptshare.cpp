@@ -35,13 +35,16 @@ private:
     RemoteLocation* const m_remote; // null for a location of another class
     Smb2FS* const m_smb;            // null for another file system
     NFS* const m_nfs;               // null for another file system
+    // Resolved before the export is mounted: later that may wait for a server that is lost.
+    const MountPoint m_exportPoint;
     bool m_isConnected = false;
     QDeadlineTimer m_nextProbe;
 };
 
 KeptShare::KeptShare(StorageLocation& kept, const MediumKeeper::Policy& chosen)
     : Kept(kept, chosen), m_remote(qobject_cast<RemoteLocation*>(&kept)),
-      m_smb(dynamic_cast<Smb2FS*>(kept.fs().data())), m_nfs(dynamic_cast<NFS*>(kept.fs().data())) {}
+      m_smb(dynamic_cast<Smb2FS*>(kept.fs().data())), m_nfs(dynamic_cast<NFS*>(kept.fs().data())),
+      m_exportPoint(m_nfs ? m_nfs->mountPoint() : QString()) {}
 
 int KeptShare::step() {
     if (m_isConnected)
@@ -61,7 +64,7 @@ bool KeptShare::isBroken() const {
     if (m_smb)
         return m_smb->brokenBy() != 0;
     // NFS::isConnected() does not notice that another program has unmounted the export.
-    return m_nfs && MountPoint(m_nfs->mountPoint()).mounts().isEmpty();
+    return m_nfs && m_exportPoint.mounts().isEmpty();
 }
 
 bool KeptShare::answers() {
@@ -116,8 +119,7 @@ int KeptShare::tryToConnect() {
 /// Disconnects. An export whose server is lost can only be detached.
 int KeptShare::disconnect(bool lazy) {
     int result = location.umount(nullptr);
-    if (result != 0 && lazy && m_nfs &&
-        MountPoint(m_nfs->mountPoint()).unmountLast(MNT_FORCE | MNT_DETACH) == 0)
+    if (result != 0 && lazy && m_nfs && m_exportPoint.unmountLast(MNT_FORCE | MNT_DETACH) == 0)
         result = location.umount(nullptr);
     if (result == 0 || lazy) {
         m_isConnected = false;
