@@ -134,13 +134,14 @@ public:
     /// Returns the check or format that runs, or null: its progress, and how to cancel it.
     MaintenanceJob* job() const;
 
-    /// Mounts or remounts the medium, or connects the share, now and whenever it comes back, until
-    /// unmount(). `access` is Write or Read. The policy's check precedes it, unless it has failed.
+    /// Mounts or remounts the medium, or connects the share, and keeps it so until unmount(). What
+    /// is done with the next medium is up to the policy. `access` is Write or Read; Write of a
+    /// write-protected medium is Read. The policy's check precedes it, unless it has failed.
     ///
     /// \returns 0 when it is mounted or a check has begun, else -1 with errno:
     /// - EBUSY: it is being checked or formatted;
     /// - EINVAL: `access` is neither;
-    /// - ENODEV: there is no medium, or it has not arrived whole. It is mounted when it has.
+    /// - ENODEV: there is no medium; or it has not arrived whole, then it is mounted when it has;
     /// - any errno of mount(2) or of connecting; 0 if none is known. It is tried again.
     int mount(StorageLocation::AccessType access = StorageLocation::Write);
     /// Unmounts the medium or disconnects the share. It stays so until mount(), or until another

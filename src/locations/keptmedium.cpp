@@ -168,6 +168,7 @@ void KeptMedium::handOver() {
         pass("add", device);
     m_handed = devices;
     m_handedSelection = m_location.selectedPart();
+    m_retry.reset(); // it may succeed now
 }
 
 /// Gives the largest partition the type of the policy when udev knows no file system.
@@ -301,7 +302,8 @@ int KeptMedium::unmount(bool lazy) {
         if (lazy)
             props["lazy"] = true;
         int result = m_location.umount(&props);
-        // The location does not find a mount point with a blank in the table.
+        // The location does not find a mount point with a blank in the table, nor a mount that it
+        // has not made.
         if (result == 0 && isMounted())
             result = MountPoint(mountPoint()).unmountLast(lazy ? MNT_DETACH : 0);
         if (result != 0) {
