@@ -38,6 +38,8 @@ bool Kept::take(const BDMon::EventListByDeviceSPtr&) {
     return false;
 }
 
+void Kept::stepBusy() {}
+
 QSharedPointer<MaintenanceJob> Kept::makeCheck() {
     errno = ENOTSUP;
     return {};

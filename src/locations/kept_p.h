@@ -42,6 +42,8 @@ public:
     virtual bool take(const BDMon::EventListByDeviceSPtr& events);
     /// Does what is due. \returns the time in ms until the next call, or `never`.
     virtual int step() = 0;
+    /// The same while it is checked or formatted, when nothing is mounted.
+    virtual void stepBusy();
     virtual int mount(StorageLocation::AccessType access) = 0;
     virtual int unmount(bool lazy) = 0;
     /// Makes the job of a check or format. \returns null with errno if it cannot be done.

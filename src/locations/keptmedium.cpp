@@ -26,6 +26,7 @@ public:
 
     bool take(const BDMon::EventListByDeviceSPtr& events) override;
     int step() override;
+    void stepBusy() override;
     int mount(StorageLocation::AccessType access) override;
     int unmount(bool lazy) override;
     MaintenanceJob::SPtr makeCheck() override;
@@ -37,6 +38,7 @@ private:
     enum class Check { Due, Passed, Failed };
 
     void beginMedium();
+    void passOn();
     int stepUnmounted();
     bool isMounted();
     bool isOfMedium(const KernelMount& mount);
@@ -94,11 +96,20 @@ int KeptMedium::step() {
     return policy.probeMs;
 }
 
+void KeptMedium::stepBusy() {
+    passOn();
+}
+
+/// Makes the location know what is in the slot, of which nothing is mounted.
+void KeptMedium::passOn() {
+    handOver();
+    setAccess(m_slot.hasMedium() ? StorageLocation::Presence : StorageLocation::None);
+}
+
 int KeptMedium::stepUnmounted() {
     Properties lazy = {{"lazy", true}};
     m_location.umount(&lazy); // it may not know yet
-    handOver();
-    setAccess(m_slot.hasMedium() ? StorageLocation::Presence : StorageLocation::None);
+    passOn();
     if (!m_slot.hasMedium()) {
         setState(MediumKeeper::Absent);
         return never;

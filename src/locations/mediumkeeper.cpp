@@ -56,8 +56,10 @@ MediumKeeper::Data::Data(MediumKeeper& owner, StorageLocation& location, const P
 
 /// One step, with the policy's check. \returns the time until the next one.
 int MediumKeeper::Data::advance() {
-    if (job)
+    if (job) {
+        kept->stepBusy();
         return Kept::never;
+    }
     const int wait = kept->step();
     if (!kept->isCheckDue())
         return wait;

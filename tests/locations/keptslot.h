@@ -47,8 +47,8 @@ public:
         device->failure = &failure;
         device->m_writeProtected = isProtected;
         const BDMon::Event made(1, action, device);
-        const bool isOtherDisk = number == 0 && present.contains(name) &&
-                                 present[name]->m_totalBlocks != blocks;
+        const bool isOtherDisk =
+            number == 0 && present.contains(name) && present[name]->m_totalBlocks != blocks;
         if (isOtherDisk)
             present.clear();
         // A device that has changed exists, also if its "add" was lost.

@@ -335,12 +335,13 @@ TEST_F(KeptDisk, Format_EventsFollowedAndNewFileSystemMounted) {
 
 TEST_F(KeptDisk, PulledOutDuringFormat_AbsentAndNextCardMounted) {
     program.reset();
-    program = std::make_unique<MaintenanceProgram>("sleep 0.3; exit 5");
+    program = std::make_unique<MaintenanceProgram>("sleep 1; exit 5");
     keep();
     const auto card = insertCard();
     ASSERT_EQ(keeper->unmount(), 0);
     ASSERT_EQ(keeper->format(), 0);
     ASSERT_TRUE(unplug(*card) && update().events);
+    EXPECT_EQ(keeper->access(), StorageLocation::None);
     awaitJob();
     EXPECT_EQ(statuses, QList<int>{5});
     EXPECT_EQ(keeper->state(), MediumKeeper::Absent);

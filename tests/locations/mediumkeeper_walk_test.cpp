@@ -192,7 +192,7 @@ TEST_F(MediumKeeperWalk, EveryStateByEventsAndCallsOfOthers_TrueAndLeft) {
     for (const Operation& operation : disturbances())
         all.push_back(operation);
     Walk walk(all);
-    walk.run(longestSequence(3));
+    walk.run(longestSequence(2));
     EXPECT_GT(walk.states(), 20U);
     RecordProperty("states", static_cast<int>(walk.states()));
 }
