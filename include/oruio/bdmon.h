@@ -52,7 +52,12 @@ inline constexpr int FSCK_RETRIES = 3;
 ///
 /// mount(), umount(), mkfs(), fsck() and format() block until they are done, set liberrno to Ok
 /// first, and return 0 on success. Every other result is a failure: -1, or a positive exit status
-/// of the maintenance program (oruio/sysutils.h).
+/// of the maintenance program (oruio/sysutils.h). SysCmd::failure() returns what the program said
+/// about the reason.
+///
+/// mkfs(), fsck() and format() may take minutes. MaintenanceJob (oruio/maintenancejob.h) runs the
+/// same commands while its caller goes on, reports their progress and can cancel them before they
+/// change the device.
 ///
 /// The name of a device node can pass to another disk before the events of the exchange are read.
 /// So mount() (not a remount), mkfs(), fsck() and format() first compare the node with the event:

@@ -157,7 +157,7 @@ private:
 
     explicit MaintenanceJob(std::unique_ptr<Data> data);
 
-    const std::unique_ptr<Data> m_data;
+    std::unique_ptr<Data> m_data;
 };
 
 } // namespace oru::io

@@ -36,6 +36,7 @@ private:
     bool take(const ProgressLine& line);
 
     MaintenanceJob* m_job = nullptr;
+    bool m_wasStarted = false;
     QTimer* m_timer = nullptr; // moves to another thread with the job
 };
 
@@ -47,8 +48,9 @@ void MaintenanceJob::Data::attach(MaintenanceJob* owner) {
 }
 
 int MaintenanceJob::Data::start() {
-    if (run.wasStarted())
+    if (m_wasStarted)
         return failWith(EALREADY);
+    m_wasStarted = true;
     liberrno = Ok;
     isRunning = run.start() == 0;
     if (!isRunning)
@@ -84,6 +86,7 @@ bool MaintenanceJob::Data::take(const ProgressLine& line) {
 void MaintenanceJob::Data::advance() {
     if (!isRunning)
         return;
+    const CancelGuard guard;
     run.advance();
     if (m_timer->isActive() && m_timer->interval() != run.pace())
         m_timer->setInterval(run.pace());
@@ -117,7 +120,10 @@ MaintenanceJob::MaintenanceJob(std::unique_ptr<Data> data) : m_data(std::move(da
 MaintenanceJob::MaintenanceJob(const SysCmd& command, int runs)
     : MaintenanceJob(std::make_unique<Data>(MaintenanceTask{command, runs, {}, {}})) {}
 
-MaintenanceJob::~MaintenanceJob() = default;
+MaintenanceJob::~MaintenanceJob() {
+    const CancelGuard guard; // close(2) must not unwind the stack out of a destructor
+    m_data.reset();
+}
 
 MaintenanceJob::SPtr MaintenanceJob::fsck(const BlockDevice& device, const Properties* props) {
     return SPtr(new MaintenanceJob(std::make_unique<Data>(fsckTask(device, props))));

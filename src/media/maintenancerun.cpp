@@ -80,10 +80,6 @@ void MaintenanceRun::fail() {
 }
 
 int MaintenanceRun::cancel() {
-    if (!m_isRunning) {
-        errno = ESRCH;
-        return -1;
-    }
     readProgress();
     const Cancellable until = cancellable(m_task.command.arguments().constFirst());
     const bool isSafe = until == Cancellable::Always || (until == Cancellable::UntilCommitted &&
@@ -96,10 +92,6 @@ int MaintenanceRun::cancel() {
     m_program->awaitStart(); // until execve(2) the signal would reach a handler of this process
     m_program->terminate();
     return 0;
-}
-
-bool MaintenanceRun::wasStarted() const {
-    return m_run > 0;
 }
 
 bool MaintenanceRun::isRunning() const {

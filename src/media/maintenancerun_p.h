@@ -46,9 +46,8 @@ public:
 
     /// As MaintenanceJob::start().
     int start();
-    /// As MaintenanceJob::cancel().
+    /// As MaintenanceJob::cancel(), while it is running.
     int cancel();
-    bool wasStarted() const;
     bool isRunning() const;
     int status() const;
     /// After how many milliseconds to call advance() again.

@@ -67,17 +67,28 @@ void closeDescriptorsOnExec() {
     }
 }
 
-/// Moves a new descriptor above the standard ones, which the child gets replaced. \returns -1 with
-/// errno when that fails; `fd` is closed then.
-int aboveStandard(int fd) {
-    if (fd == -1 || fd > STDERR_FILENO)
-        return fd;
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    const int reason = errno;
-    ::close(fd);
-    errno = reason;
-    return moved;
-}
+/// Occupies the standard descriptors that are closed. So no other new descriptor, such as the one
+/// through which QProcess learns of a failed execve(2), is where the child gets its streams.
+class StandardDescriptors {
+public:
+    StandardDescriptors() {
+        while ((m_last = ::open("/dev/null", O_RDWR | O_CLOEXEC)) != -1 && m_last <= STDERR_FILENO)
+            m_occupied[m_count++] = m_last;
+    }
+    ~StandardDescriptors() {
+        while (m_count > 0)
+            ::close(m_occupied[--m_count]);
+        if (m_last != -1)
+            ::close(m_last);
+    }
+    StandardDescriptors(const StandardDescriptors&) = delete;
+    StandardDescriptors& operator=(const StandardDescriptors&) = delete;
+
+private:
+    int m_occupied[STDERR_FILENO + 1] = {};
+    int m_count = 0;
+    int m_last = -1;
+};
 
 void closeOpen(int& fd) {
     if (fd != -1)
@@ -92,7 +103,7 @@ OutputFile::~OutputFile() {
 }
 
 bool OutputFile::open() {
-    m_fd = aboveStandard(memfd_create("oruio-output", MFD_CLOEXEC));
+    m_fd = memfd_create("oruio-output", MFD_CLOEXEC);
     // A program may open its own /dev/stderr again.
     return m_fd != -1 && fcntl(m_fd, F_SETFL, O_APPEND) == 0;
 }
@@ -149,12 +160,11 @@ ProgressPipe::~ProgressPipe() {
 }
 
 bool ProgressPipe::open() {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
-        return false;
+    int ends[2] = {-1, -1};
+    const bool isOpen = pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0;
     m_readEnd = ends[0];
-    m_writeEnd = aboveStandard(ends[1]);
-    return m_writeEnd != -1;
+    m_writeEnd = ends[1];
+    return isOpen;
 }
 
 void ProgressPipe::closeWriteEnd() {
@@ -212,6 +222,7 @@ bool Program::begin(const QStringList& arguments, const Properties& environment,
         errno = ECHILD;
         return false;
     }
+    const StandardDescriptors standard;
     if (!output.open() || !errors.open() || (reportsProgress && !m_pipe.open()))
         return false;
     setVariables(environment);

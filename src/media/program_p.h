@@ -27,7 +27,7 @@ public:
 
     /// \returns false with an errno of memfd_create(2) or fcntl(2).
     bool open();
-    /// The descriptor, above standard error; -1 before open().
+    /// The descriptor; -1 before open().
     int descriptor() const;
     /// The first `longestBeginning` bytes.
     QByteArray beginning() const;
@@ -53,10 +53,10 @@ public:
     ProgressPipe() = default;
     ~ProgressPipe();
 
-    /// \returns false with an errno of pipe2(2) or fcntl(2).
+    /// \returns false with an errno of pipe2(2).
     bool open();
     void closeWriteEnd();
-    /// The write end, above standard error; -1 when it is not open.
+    /// The write end; -1 when it is not open.
     int writeEnd() const;
     /// Reads what is there, at most 64 KiB, into `lines`.
     void read(ProgressLines& lines) const;

@@ -56,14 +56,15 @@ void ProgressLines::add(const char* bytes, int count) {
 }
 
 bool ProgressLines::next(ProgressLine& line) {
-    for (int end = 0; (end = m_bytes.indexOf('\n')) != -1;) {
-        const QByteArray bytes = m_bytes.left(end);
-        m_bytes.remove(0, end + 1);
+    for (int end = 0; (end = m_bytes.indexOf('\n', m_next)) != -1;) {
+        const QByteArray bytes = m_bytes.mid(m_next, end - m_next);
+        m_next = end + 1;
         if (parse(bytes, line))
             return true;
     }
     // The rest of a line that is too long needs no memory: enough is kept to know that it is.
-    m_bytes.truncate(longestLine + 1);
+    m_bytes = m_bytes.mid(m_next, longestLine + 1);
+    m_next = 0;
     return false;
 }
 

@@ -29,6 +29,7 @@ public:
 
 private:
     QByteArray m_bytes;
+    int m_next = 0; // where the bytes begin that are not taken yet
 };
 
 } // namespace oru::io

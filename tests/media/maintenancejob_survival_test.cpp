@@ -4,6 +4,7 @@
 
 #include "support/suite/logcapture.h"
 #include "support/suite/qtprint.h"
+#include "support/system/cancellablethread.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <memory>
 
 #include <sys/wait.h>
@@ -61,6 +63,32 @@ TEST_F(MaintenanceSurvival, JobDeleted_ProgramRunsOnAndIsReaped) {
     EXPECT_TRUE(appears("done-2"));
     EXPECT_TRUE(eventually([] { return children() == 0; })) << "no zombie stays";
     EXPECT_EQ(program.calls().size(), 2) << "no further run";
+}
+
+// A thread that is cancelled leaves no program without a caller that waits for it.
+TEST_F(MaintenanceSurvival, ThreadCancelled_EndsAfterTheCommand) {
+    const MaintenanceProgram program(scriptFunctions + ": >" + file("started") + "; await " +
+                                     file("go") + "; exit 3");
+    for (const bool isJob : {false, true}) {
+        int status = -1;
+        CancellableThread thread([&] {
+            if (isJob) {
+                MaintenanceJob job(SysCmd("fsck"));
+                job.start();
+                job.waitForFinished();
+                status = job.status();
+            } else {
+                status = SysCmd("fsck").exec(1);
+            }
+            pthread_testcancel();
+        });
+        EXPECT_TRUE(appears("started"));
+        thread.cancel();
+        make("go");
+        EXPECT_TRUE(thread.join());
+        EXPECT_EQ(status, 3);
+        EXPECT_TRUE(QFile::remove(temp / "started") && QFile::remove(temp / "go"));
+    }
 }
 
 namespace {
@@ -197,6 +225,30 @@ TEST_F(MaintenanceSurvival, DescriptorsOfTheProcess_AreClosed) {
         job.waitForFinished();
     }
     EXPECT_EQ(openDescriptors(), before);
+}
+
+// A daemon may have closed them.
+TEST_F(MaintenanceSurvival, StandardDescriptorsClosed_SameResults) {
+    const auto resultOf = [](const std::function<int()>& work) {
+        ChildProcess process([&] {
+            ::close(STDIN_FILENO);
+            ::close(STDOUT_FILENO);
+            ::close(STDERR_FILENO);
+            return work();
+        });
+        return process.wait();
+    };
+    const auto fails = [] {
+        MaintenanceJob job(SysCmd("fsck"));
+        job.start();
+        job.waitForFinished();
+        const bool isRight = job.status() == 3 && job.lastLines() == QStringList({"out", "err"});
+        return isRight && SysCmd("fsck").exec(1) == 3 && SysCmd::failure() == "err" ? 0 : 1;
+    };
+    const MaintenanceProgram program("read -r line && exit 4; echo out; echo err >&2; exit 3");
+    EXPECT_EQ(resultOf(fails), 0);
+    ASSERT_TRUE(QFile::remove(MaintenanceProgram::path()));
+    EXPECT_EQ(resultOf([] { return SysCmd("fsck").exec(1) == -1 ? 0 : 1; }), 0);
 }
 
 // A program may open the path of its own standard error, which truncates a file.

@@ -257,7 +257,8 @@ TEST_F(MaintenanceJobTest, CannotBeStarted_ErrnoAndNoSignal) {
         EXPECT_TRUE(job.waitForFinished());
         EXPECT_EQ(job.status(), -1);
         EXPECT_THAT(signalsOf.list, IsEmpty());
-        EXPECT_EQ(job.start(), -1); // a job can be started once
+        EXPECT_EQ(job.start(), -1);
+        EXPECT_EQ(errno, EALREADY);
         return error;
     };
     EXPECT_EQ(startError(formatCommand(), 0), EINVAL);

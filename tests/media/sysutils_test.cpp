@@ -47,7 +47,7 @@ struct UmountFault {
     bool hidesTable = false; ///< /proc/mounts is unreadable after umount2(2)
 } umountFault;
 
-/// execv() writes to standard output and never returns.
+/// execv() writes to standard output and never returns; execve() never returns.
 bool execHangs = false;
 
 /// close_range() fails with ENOSYS. CLOSE_RANGE_CLOEXEC needs Linux 5.11.
@@ -68,6 +68,15 @@ extern "C" Q_DECL_EXPORT int execv(const char* path, char* const* arguments) noe
         pause();
     }
     return next<int(const char*, char* const*)>("execv")(path, arguments);
+}
+
+// QProcess calls it when the program gets variables of its own.
+extern "C" Q_DECL_EXPORT int execve(const char* path, char* const* arguments,
+                                    char* const* environment) noexcept {
+    while (execHangs)
+        pause();
+    return next<int(const char*, char* const*, char* const*)>("execve")(path, arguments,
+                                                                        environment);
 }
 
 extern "C" Q_DECL_EXPORT long syscall(long number, ...) noexcept {
