@@ -103,6 +103,25 @@ TEST_F(KeeperSample, OfMediumKeeper_CardMountedInEventLoop) {
     EXPECT_TRUE(eventuallyInLoop([] { return isMountPoint("/mnt/card"); }));
 }
 
+TEST_F(KeeperSample, PolicyChecksInEventLoop_MountedAfterwards) {
+    const MaintenanceProgram program("sleep 0.1; exit 0");
+    SystemLocation card("card", FS::SPtr(new PosixFS("/mnt/card")), &props);
+    FSSwitch::rootfs()->add("/mnt/card", card.fs());
+    MediumPolicy policy;
+    policy.check = MediumPolicy::Check::Always;
+    MediumKeeper keeper(&card, policy);
+    QList<MediumKeeper::State> states;
+    QObject::connect(&keeper, &MediumKeeper::stateChanged,
+                     [&](MediumKeeper::State state) { states += state; });
+    MonitorFollower monitor(0);
+    ASSERT_TRUE(monitor.start());
+    const LoopDisk disk(20 * MiB, onePartition);
+    ASSERT_TRUE(makeExt4(disk.node(1)) && plugIn(disk) && udevd->settle());
+    EXPECT_TRUE(eventuallyInLoop([&] { return keeper.access() == StorageLocation::Write; }));
+    EXPECT_EQ(states, (QList<MediumKeeper::State>{MediumKeeper::Busy, MediumKeeper::Mounted}));
+    EXPECT_EQ(program.calls().size(), 1);
+}
+
 TEST_F(KeeperSample, MovedToAThread_ActsThere) {
     SystemLocation card("card", FS::SPtr(new PosixFS("/mnt/card")), &props);
     FSSwitch::rootfs()->add("/mnt/card", card.fs());
