@@ -106,6 +106,10 @@ TEST_F(KeptDisk, ReportedAgainWhileRecording_StaysMounted) {
             expectMounted(card->node(1), StorageLocation::Write);
         }
     }
+    ASSERT_EQ(runTool({"e2label", card->node(1), "RENAMED"}).status, 0);
+    ASSERT_TRUE(card->sendUevent("change", 1));
+    ASSERT_TRUE(update().events);
+    expectMounted(card->node(1), StorageLocation::Write);
     EXPECT_EQ(mountId(), mount);
     EXPECT_EQ(clip->write("film", 4), 4);
     EXPECT_EQ(clip->close(), 0);
