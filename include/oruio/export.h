@@ -5,5 +5,5 @@
 
 /// Exports a class, function or variable from liboruio.so.
 #define ORUIO_EXPORT __attribute__((visibility("default")))
-/// Hides a class that is nested in an exported one.
+/// Hides a class or a function that is a member of an exported class.
 #define ORUIO_LOCAL __attribute__((visibility("hidden")))

@@ -155,7 +155,7 @@ private:
     Q_DISABLE_COPY(MaintenanceJob)
     class ORUIO_LOCAL Data;
 
-    explicit MaintenanceJob(std::unique_ptr<Data> data);
+    ORUIO_LOCAL explicit MaintenanceJob(std::unique_ptr<Data> data);
 
     std::unique_ptr<Data> m_data;
 };

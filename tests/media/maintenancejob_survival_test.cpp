@@ -65,8 +65,9 @@ TEST_F(MaintenanceSurvival, JobDeleted_ProgramRunsOnAndIsReaped) {
     EXPECT_EQ(program.calls().size(), 2) << "no further run";
 }
 
-// A thread that is cancelled leaves no program without a caller that waits for it.
-TEST_F(MaintenanceSurvival, ThreadCancelled_EndsAfterTheCommand) {
+// A thread that is cancelled leaves no program without a caller that waits for it. This one reaches
+// no cancellation point after the command.
+TEST_F(MaintenanceSurvival, ThreadCancelled_GetsResultOfTheCommand) {
     const MaintenanceProgram program(scriptFunctions + ": >" + file("started") + "; await " +
                                      file("go") + "; exit 3");
     for (const bool isJob : {false, true}) {
@@ -80,12 +81,11 @@ TEST_F(MaintenanceSurvival, ThreadCancelled_EndsAfterTheCommand) {
             } else {
                 status = SysCmd("fsck").exec(1);
             }
-            pthread_testcancel();
         });
         EXPECT_TRUE(appears("started"));
         thread.cancel();
         make("go");
-        EXPECT_TRUE(thread.join());
+        EXPECT_FALSE(thread.join());
         EXPECT_EQ(status, 3);
         EXPECT_TRUE(QFile::remove(temp / "started") && QFile::remove(temp / "go"));
     }
@@ -156,7 +156,7 @@ TEST_F(MaintenanceSurvival, OutputOf300MB_MemoryIsBounded) {
         exit 1)sh");
     std::ofstream("/proc/self/clear_refs") << 5; // VmHWM begins again
     const long before = kibOf("VmHWM");
-    LogCapture log("libio=10");
+    const LogCapture log("libio=10"); // 1 MiB is read for it
     EXPECT_EQ(SysCmd("fsck").exec(1), 1);
     MaintenanceJob job(SysCmd("fsck"));
     ASSERT_EQ(job.start(), 0);
@@ -166,9 +166,6 @@ TEST_F(MaintenanceSurvival, OutputOf300MB_MemoryIsBounded) {
     const long growth = kibOf("VmHWM") - before;
     RecordProperty("KiB", static_cast<int>(growth));
     EXPECT_LT(growth, 16 << 10);
-    const QStringList messages = log.messages().filter("stdout:");
-    ASSERT_EQ(messages.size(), 2);
-    EXPECT_TRUE(messages[0].startsWith("libio 10 stdout: ooooooo"));
 }
 
 TEST_F(MaintenanceSurvival, ProgressNotRead_ProgramDoesNotBlock) {
