@@ -7,6 +7,8 @@
 #include "support/system/isolation.h"
 
 #include <oruio/bdmon.h>
+#include <oruio/mediumkeeper.h>
+#include <oruio/storagelocation.h>
 #include <oruio/sysutils.h>
 
 #include <benchmark/benchmark.h>
@@ -18,6 +20,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <vector>
 
 #include <libudev.h>
 #include <mntent.h>
@@ -28,6 +32,9 @@ namespace {
 
 using benchmark::State;
 using oru::io::BDMon;
+using oru::io::MediumKeeper;
+using oru::io::Properties;
+using oru::io::SystemLocation;
 
 constexpr int disks = 250;
 constexpr int partitionsOfDisk = 3;
@@ -196,6 +203,19 @@ void updateByLibrary(State& state) {
         state.SkipWithError("events are missing");
 }
 
+/// The keepers are of other slots than the disk of the events.
+void updateWithKeepers(State& state) {
+    constexpr int keepers = 8;
+    std::vector<std::unique_ptr<SystemLocation>> slots;
+    std::vector<std::unique_ptr<MediumKeeper>> kept;
+    for (int i = 0; i < keepers; ++i) {
+        Properties props = {{"blkDevId", "pci-0000:00:1f.2-ata-" + QString::number(i)}};
+        slots.push_back(std::make_unique<SystemLocation>("slot", nullptr, &props));
+        kept.push_back(std::make_unique<MediumKeeper>(slots.back().get()));
+    }
+    updateByLibrary(state);
+}
+
 void updateByLibudev(State& state) {
     if (!hasQueue(state))
         return;
@@ -250,6 +270,7 @@ void tableByGetmntent(State& state) {
 BENCHMARK(startByLibrary)->Name("start/library")->Iterations(1);
 BENCHMARK(startByLibudev)->Name("start/libudev")->Iterations(1);
 BENCHMARK(updateByLibrary)->Name("update/library")->Iterations(4);
+BENCHMARK(updateWithKeepers)->Name("update/8_keepers")->Iterations(4);
 BENCHMARK(updateByLibudev)->Name("update/libudev")->Iterations(4);
 BENCHMARK(tableByLibrary)->Name("mount_table/library");
 BENCHMARK(tableByGetmntent)->Name("mount_table/getmntent");

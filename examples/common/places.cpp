@@ -90,28 +90,6 @@ Places::~Places() {
         FSSwitch::rootfs()->remove(place.directory);
 }
 
-std::vector<Place>& Places::all() {
+const std::vector<Place>& Places::all() const {
     return m_places;
-}
-
-void Places::follow(BDMon& monitor) {
-    QObject::connect(&monitor, &BDMon::notify, &m_follower,
-                     [this](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr) {
-                         for (const Place& place : m_places) {
-                             if (auto* local = qobject_cast<SystemLocation*>(place.location.get()))
-                                 local->processBDEvents(events);
-                         }
-                     });
-}
-
-bool Arrival::isComplete(SystemLocation& location) {
-    constexpr std::chrono::seconds patience(3);
-    if (location.access() == StorageLocation::None) {
-        m_begin.reset();
-        return false;
-    }
-    if (!m_begin)
-        m_begin = Clock::now();
-    const BlockDevice::SPtr medium = location.selectedPart();
-    return (medium && medium->isMountable()) || Clock::now() - *m_begin >= patience;
 }

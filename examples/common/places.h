@@ -2,14 +2,11 @@
 // The storage locations of an application, described by a file.
 #pragma once
 
-#include <oruio/bdmon.h>
 #include <oruio/storagelocation.h>
 
 #include <QString>
 
-#include <chrono>
 #include <memory>
-#include <optional>
 #include <vector>
 
 /// A location and the directory of its files.
@@ -40,26 +37,10 @@ public:
     explicit Places(const QString& file, const QString& only = {});
     ~Places();
 
-    std::vector<Place>& all();
-    /// Passes the events of `monitor` to the local places.
-    void follow(oru::io::BDMon& monitor);
+    const std::vector<Place>& all() const;
 
 private:
     Q_DISABLE_COPY(Places)
 
     std::vector<Place> m_places;
-    QObject m_follower; // ends the connection with the monitor
-};
-
-/// Detects when a medium has been inserted completely: a disk is reported before its partitions.
-class Arrival {
-public:
-    /// \returns whether the location has a file system, or has had a disk without one for three
-    /// seconds.
-    bool isComplete(oru::io::SystemLocation& location);
-
-private:
-    using Clock = std::chrono::steady_clock;
-
-    std::optional<Clock::time_point> m_begin;
 };

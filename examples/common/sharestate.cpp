@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sharestate.h"
 
-#include <oruio/error.h>
-#include <oruio/fsnfs.h>
-#include <oruio/sysutils.h>
-
 #include <QStringList>
 
 namespace {
@@ -48,25 +44,9 @@ QString meaningOf(Smb2FS::ConnectFailure::Reason reason) {
 
 } // namespace
 
-bool isUsable(Smb2FS& share) {
-    // After a lost connection isConnected() returns true, but brokenBy() the errno.
-    return share.brokenBy() == 0 && share.isConnected();
-}
-
 QString describe(const Smb2FS::ConnectFailure& failure) {
     QString description = meaningOf(failure.reason) + " (" + failure.message.trimmed() + ')';
     if (!failure.unknownKeys.isEmpty())
         description += "; unknown properties: " + failure.unknownKeys.join(", ");
     return description;
-}
-
-QString describeMountFailure(oru::io::StorageLocation& location) {
-    const oru::io::Error error;
-    if (const auto share = location.fs().dynamicCast<Smb2FS>())
-        return describe(share->connectFailure());
-    if (!location.fs().dynamicCast<oru::io::NFS>())
-        return QString::fromUtf8(error.strerror());
-    // Of an export only the maintenance program knows the reason, and errno is an old one.
-    const QString reason = oru::io::SysCmd::failure();
-    return reason.isEmpty() ? "the maintenance program has given no reason" : reason;
 }

@@ -4,17 +4,17 @@
 #include "common/failure.h"
 #include "common/places.h"
 #include "common/program.h"
-#include "common/sharestate.h"
 #include "common/stopsignal.h"
 
 #include <oruio/error.h>
-#include <oruio/fssmb.h>
 #include <oruio/fsswitch.h>
+#include <oruio/mediumkeeper.h>
 
 #include <QCommandLineParser>
 
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <thread>
 
 #include <fcntl.h>
@@ -46,111 +46,41 @@ QString recordClip(const Place& place) {
     return QStringLiteral("recorded %1 bytes in %2").arg(size).arg(path);
 }
 
-/// Operates one place: mounts, records and unmounts, one step per call, and reports changes.
-class PlaceManager {
-public:
-    explicit PlaceManager(Place& place)
-        : m_place(place), m_share(place.location->fs().dynamicCast<Smb2FS>()) {}
-
-    void advance() {
-        StorageLocation& location = *m_place.location;
-        auto* const local = qobject_cast<SystemLocation*>(&location);
-        const auto before = m_access;
-        reportAccess();
-        if (before >= StorageLocation::Read && m_access <= StorageLocation::Presence) {
-            unmount(); // the medium was removed while mounted
-            m_arrival = {};
-        }
-        const bool hasArrived = !local || m_arrival.isComplete(*local);
-        if (hasArrived && m_access == (local ? StorageLocation::Presence : StorageLocation::None))
-            mountAndRecord();
-        else if (m_share && m_access == StorageLocation::Write)
-            connectAgain();
-    }
-
-    /// Unmounts. \returns false if something is still mounted.
-    bool unmount() {
-        Properties lazy = {{"lazy", true}};
-        const bool isPulledOut = m_access <= StorageLocation::Presence;
-        liberrno = Ok; // the reason is in errno
-        if (m_place.location->umount(isPulledOut ? &lazy : nullptr) != 0) {
-            report(m_place, QStringLiteral("cannot unmount: ") + strerror());
-            return false;
-        }
-        reportAccess();
-        return true;
-    }
-
-private:
-    using Clock = std::chrono::steady_clock;
-
-    /// Whether it is time to ask a server again, which may take as long as its time-out.
-    bool isDue() {
-        if (Clock::now() < m_nextTry)
-            return false;
-        m_nextTry = Clock::now() + std::chrono::seconds(5);
-        return true;
-    }
-
-    /// Mounts a share again whose server was switched off or restarted.
-    void connectAgain() {
-        if (!isDue() || isUsable(*m_share))
-            return;
-        report(m_place, "the connection is lost");
-        mount();
-    }
-
-    /// After a failure a medium is not tried again, because its access() is then None. A server is,
-    /// every 5 s.
-    void mountAndRecord() {
-        if (isDue())
-            mount();
-    }
-
-    void mount() {
-        Properties readOnly = {{"readonly", true}};
-        liberrno = Ok; // the reason may be in errno
-        if (m_place.location->mount(m_place.location->isWriteProtected() ? &readOnly : nullptr) !=
-            0)
-            return report(m_place, "cannot mount: " + describeMountFailure(*m_place.location));
-        reportAccess();
-        if (m_access == StorageLocation::Write)
-            report(m_place, recordClip(m_place));
-    }
-
-    void reportAccess() {
-        const auto access = m_place.location->access();
-        if (access != m_access)
-            report(m_place, StorageLocation::straccess(access));
-        m_access = access;
-    }
-
-    Place& m_place;
-    const Smb2FS::SPtr m_share; // null for other places
-    StorageLocation::AccessType m_access = StorageLocation::None;
-    Arrival m_arrival;
-    Clock::time_point m_nextTry;
-};
+/// Keeps a place mounted, records on it, and reports changes.
+std::unique_ptr<MediumKeeper> keep(const Place& place) {
+    auto keeper = std::make_unique<MediumKeeper>(place.location.get());
+    QObject::connect(keeper.get(), &MediumKeeper::accessChanged,
+                     [&place](StorageLocation*, StorageLocation::AccessType access) {
+                         report(place, StorageLocation::straccess(access));
+                         if (access == StorageLocation::Write)
+                             report(place, recordClip(place));
+                     });
+    QObject::connect(keeper.get(), &MediumKeeper::stateChanged, [&place, kept = keeper.get()] {
+        if (kept->state() == MediumKeeper::Failed)
+            report(place, kept->reason());
+    });
+    return keeper;
+}
 
 void operate(const QString& file) {
-    constexpr unsigned int quietMs = 500;
-    constexpr std::chrono::milliseconds interval(200);
+    constexpr unsigned int quietMs = 100;
+    constexpr std::chrono::milliseconds interval(100);
     stopsignal::install();
-    Places places(file);
-    std::vector<PlaceManager> managers(places.all().begin(), places.all().end());
-    BDMon& media = *BDMon::instance();
-    places.follow(media);
-    media.start();
+    const Places places(file);
+    std::vector<std::unique_ptr<MediumKeeper>> keepers;
+    for (const Place& place : places.all())
+        keepers.push_back(keep(place));
+    BDMon::instance()->start();
     while (!stopsignal::isRequested()) {
-        media.update(quietMs);
-        for (PlaceManager& manager : managers)
-            manager.advance();
+        BDMon::instance()->update(quietMs);
+        for (const auto& keeper : keepers)
+            keeper->step();
         std::this_thread::sleep_for(interval);
     }
+    BDMon::instance()->stop();
     bool isClean = true;
-    for (PlaceManager& manager : managers)
-        isClean &= manager.unmount();
-    media.stop();
+    for (const auto& keeper : keepers)
+        isClean &= keeper->unmount() == 0;
     if (!isClean)
         throw Failure{"something is still mounted"};
 }

@@ -3,7 +3,6 @@
 
 #include "clock.h"
 #include "common/failure.h"
-#include "common/sharestate.h"
 #include "common/stopsignal.h"
 #include "summary.h"
 
@@ -17,12 +16,7 @@ namespace {
 
 using namespace oru::io;
 
-constexpr std::chrono::seconds patience(30);
-constexpr std::chrono::milliseconds interval(100);
-/// Longer than the time between the events of a disk and its partitions.
-constexpr unsigned int quietMs = 500;
-
-Place& onlyPlace(Places& places, const QString& name, const QString& file) {
+const Place& onlyPlace(const Places& places, const QString& name, const QString& file) {
     if (places.all().empty())
         throw Failure{"there is no location '" + name + "' in " + file};
     return places.all().front();
@@ -32,62 +26,58 @@ Place& onlyPlace(Places& places, const QString& name, const QString& file) {
 
 Medium::Medium(const QString& name, const Options& options)
     : m_isToBeChecked(options.check), m_places(options.locations, name),
-      m_place(onlyPlace(m_places, name, options.locations)) {
-    StorageLocation& location = *m_place.location;
-    if (auto* const local = qobject_cast<SystemLocation*>(&location))
-        await(*local);
-    liberrno = Ok; // the reason may be in errno
-    if (location.mount(nullptr) != 0)
-        throw Failure{"cannot mount the medium of " + name + ": " + describeMountFailure(location)};
-    m_isMounted = true;
+      m_place(onlyPlace(m_places, name, options.locations)), m_keeper(m_place.location.get()) {
+    await();
+    if (m_keeper.state() == MediumKeeper::Failed)
+        throw Failure{"cannot mount the medium of " + name + ": " + m_keeper.reason()};
+    if (m_keeper.state() != MediumKeeper::Mounted)
+        throw Failure{"there is no medium in " + name};
     printRow("mounted", QStringLiteral("%1, on %2").arg(name, m_place.directory));
 }
 
 Medium::~Medium() {
-    // After a failure it may have been pulled out.
-    Properties lazy = {{"lazy", true}};
-    if (m_isMounted)
-        m_place.location->umount(&lazy);
+    m_keeper.unmount(true); // after a failure it may have been pulled out
 }
 
 QString Medium::directory() const {
     return m_place.directory;
 }
 
-void Medium::await(SystemLocation& location) {
+/// Waits until the medium is mounted or cannot be mounted.
+void Medium::await() {
+    constexpr std::chrono::seconds patience(30);
+    constexpr std::chrono::milliseconds interval(100);
+    constexpr unsigned int quietMs = 100;
     BDMon& media = *BDMon::instance();
-    m_places.follow(media);
     media.start();
-    if (location.access() == StorageLocation::None)
+    m_keeper.step();
+    if (m_keeper.state() == MediumKeeper::Absent)
         std::fprintf(stderr, "recorder: waiting for a medium\n");
     const auto limit = Clock::now() + patience;
-    Arrival arrival;
-    while (!arrival.isComplete(location) && Clock::now() < limit && !stopsignal::isRequested()) {
+    while (m_keeper.state() < MediumKeeper::Mounted && Clock::now() < limit &&
+           !stopsignal::isRequested()) {
         std::this_thread::sleep_for(interval);
         media.update(quietMs);
+        m_keeper.step();
     }
     media.stop();
-    if (!arrival.isComplete(location))
-        throw Failure{QStringLiteral("there is no medium in ") + location.name()};
 }
 
 void Medium::unmount() {
     const QString name = m_place.location->name();
-    liberrno = Ok; // the reason is in errno
-    if (m_place.location->umount(nullptr) != 0)
+    if (m_keeper.unmount() != 0)
         throw cannot("unmount the medium of " + name);
-    m_isMounted = false;
     printRow("unmounted", name);
     if (m_isToBeChecked)
         check();
 }
 
 void Medium::check() {
-    auto* const local = qobject_cast<SystemLocation*>(m_place.location.get());
-    if (!local)
+    StorageLocation& location = *m_place.location;
+    if (!qobject_cast<SystemLocation*>(&location))
         return; // only the server can check it
-    const int status = local->check();
-    if (status != 0)
+    const int status = location.check();
+    if (!location.isSuccess(status))
         throw status < 0
             ? cannot("check the medium")
             : Failure{QStringLiteral("the check of the medium has failed (%1)").arg(status)};

@@ -5,6 +5,8 @@
 #include "common/places.h"
 #include "options.h"
 
+#include <oruio/mediumkeeper.h>
+
 #include <QString>
 
 /// Mounted while this object exists.
@@ -23,11 +25,11 @@ public:
 private:
     Q_DISABLE_COPY(Medium)
 
-    void await(oru::io::SystemLocation& location);
+    void await();
     void check();
 
     const bool m_isToBeChecked;
-    Places m_places;
-    Place& m_place;
-    bool m_isMounted = false;
+    const Places m_places;
+    const Place& m_place;
+    oru::io::MediumKeeper m_keeper;
 };

@@ -5,15 +5,27 @@
 /// \code
 /// SystemLocation card("card", FS::SPtr(PosixFS::SPtr::create("/mnt/card")), &props);
 /// FSSwitch::rootfs()->add("/mnt/card", card.fs());
-/// QObject::connect(BDMon::instance(), &BDMon::notify, &card,
-///                  [&](BDMon::EventListSPtr events, BDMon::EventListByDeviceSPtr) {
-///                      card.processBDEvents(events);
-///                      const BlockDevice::SPtr medium = card.selectedPart();
-///                      if (card.access() == StorageLocation::Presence && medium &&
-///                          medium->isMountable())
-///                          card.mount(nullptr);
-///                  });
+/// MediumKeeper keeper(&card); // mounts each medium that arrives: oruio/mediumkeeper.h
+/// QObject::connect(&keeper, &MediumKeeper::accessChanged, &card, &StorageLocation::accessChanged);
+/// MonitorFollower monitor;
+/// monitor.start(); // then run an event loop
 /// \endcode
+///
+/// An application that operates a local medium without a keeper must follow these rules. A
+/// location does not look at the mount table, and several of its states cannot be left by its own
+/// operations.
+///
+/// - udev reports a disk before its partitions, possibly in an earlier batch, and the partitions in
+///   any order. A smaller or larger partition than the selected one may arrive in a later batch,
+///   also after mount().
+/// - An "add" of a medium that is mounted is not a new medium: udev reports a device again when it
+///   is asked to. access() becomes Presence nevertheless, and a mount() then fails with EBUSY and
+///   makes it None. So pass only "remove" events to a location whose access() is Read or Write.
+/// - When access() falls from Read or Write, call umount() with "lazy" before any mount(). A
+///   mount() before it forgets the former mount, or stacks the next medium on it.
+/// - The way out of a state that does not fit the mount table is umountPath() of the mount point.
+///   `selectedPart()->umount()` finds mounts by the name of the device, which a neighbour may have
+///   got in the meantime.
 ///
 /// Results of the operations:
 ///
@@ -27,6 +39,8 @@
 ///   mount() and probe() of an NFS export.
 /// - One exception: check() of a RemoteLocation always returns 1, because there is nothing to
 ///   check. This is not a failure.
+///
+/// StorageLocation::isSuccess() says it of a result of check() or format().
 ///
 /// Threads: only one thread may use a location. Operations return when the medium is mounted,
 /// unmounted, checked or formatted, or when the server has answered.
@@ -94,6 +108,10 @@ public:
     virtual int umount(Properties* props);
     /// Returns whether the write-protection switch of the medium is on. False here.
     virtual bool isWriteProtected();
+
+    /// Returns whether `result`, which check() or format() of this location has returned, is a
+    /// success: 0, and for a RemoteLocation also 1, as there is nothing to check.
+    bool isSuccess(int result) const;
 
 Q_SIGNALS:
     /// Reports a new access state. The owner emits this signal; the library never does.
@@ -189,10 +207,13 @@ public:
     /// - "mountPoint": as for mount(). If mount() got this key, pass the same value here.
     /// - "lazy": as for umountPath().
     ///
-    /// In two cases the medium stays mounted although the result is 0:
+    /// In three cases the medium stays mounted although the result is 0:
+    /// - mount() did not mount it: mkWriteable() did, or a mount() that followed the removal of
+    ///   another medium has forgotten it.
     /// - mount() got a "mountPoint", and this call does not get the same one.
     /// - The mount table of the kernel spells the mount point differently, for example because it
-    ///   contains a blank or a double slash.
+    ///   contains a blank or a double slash. Only umount2(2) unmounts it then; a MediumKeeper calls
+    ///   it.
     ///
     /// \returns 0, also when nothing is mounted; -1 with liberrno NotFound when there is no fs() or
     /// no mount point; else the result of umountPath(): -1 with errno, and liberrno is unchanged.
@@ -218,7 +239,11 @@ public:
 
     /// Returns the selected partition, else the disk, else null.
     BlockDevice::SPtr& selectedPart();
-    /// Sets the file-system type of the selected partition to "exfat" if udev found no file system.
+    /// Sets the file-system type of the selected partition to "exfat" if it is empty.
+    ///
+    /// Events alone never make this necessary: a partition of which udev knows no file system is
+    /// not selected. To use such a partition, set its m_fsType before addBlockDevice(), as a
+    /// MediumKeeper does (MediumPolicy::unknownType).
     ///
     /// \returns true; false when the disk or the partition is not known.
     bool fixFSType();
@@ -287,6 +312,9 @@ public:
     ///    or in the top directory if `subdir` is null. Its name is "ORU-write-check-" followed by
     ///    the value of the environment variable SERIAL_NUMBER, or by "unknown" if the variable is
     ///    not set.
+    ///
+    /// With `noConnect`, ask only for a share that is connected: while an NFS is not, its directory
+    /// is a local one, and `*writable` says whether that can be written to.
     ///
     /// After a fatal failure a Smb2FS counts as connected (Smb2FS::isConnected()). Until the next
     /// mount() this function therefore does not connect, returns 0, and sets `*writable` to false.

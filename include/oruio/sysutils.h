@@ -102,7 +102,7 @@ private:
 ///
 /// - It must be absolute. It must not contain symbolic links, "." or "..", or end with a slash.
 /// - A path with a blank, tab, newline or backslash is never found, because the table escapes these
-///   characters.
+///   characters. Call umount2(2) for it, as a MediumKeeper does.
 ///
 /// If several mounts are stacked on `path`, all of them are unmounted. When umount(2) fails,
 /// umount2(2) is called once, with these flags:

@@ -116,6 +116,11 @@ bool StorageLocation::isWriteProtected() {
     return false;
 }
 
+bool StorageLocation::isSuccess(int result) const {
+    constexpr int nothingToCheck = 1;
+    return result == 0 || (result == nothingToCheck && qobject_cast<const RemoteLocation*>(this));
+}
+
 // --- SystemLocation -----------------------------------------------------------------------------
 
 namespace {

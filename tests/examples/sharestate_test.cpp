@@ -1,13 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // How the example programs keep a share connected and explain a failure.
 #include "common/sharestate.h"
-#include "support/doubles/maintenanceprogram.h"
-#include "support/system/isolated.h"
-#include "support/system/loopback.h"
 #include "support/system/smbtest.h"
-#include "support/system/tempdir.h"
-
-#include <oruio/fsnfs.h>
 
 #include <gtest/gtest.h>
 
@@ -21,6 +15,12 @@ namespace {
 
 using test::login;
 using test::Smb;
+
+/// The loop of fssmb.h: after a lost connection isConnected() returns true, but brokenBy() the
+/// errno.
+bool isUsable(Smb2FS& share) {
+    return share.brokenBy() == 0 && share.isConnected();
+}
 
 /// One turn of a program's loop. \returns whether the share can be used.
 bool keepConnected(Smb2FS& share, const Properties& props) {
@@ -71,35 +71,6 @@ TEST_F(Smb, MisspeltKey_IsNamedInTheDescription) {
     const QString description = describe(share.connectFailure());
     EXPECT_TRUE(description.startsWith("the user has no access (")) << description.toStdString();
     EXPECT_TRUE(description.endsWith("; unknown properties: pass")) << description.toStdString();
-}
-
-TEST(ShareState, LocationOfAShare_MountFailureIsDescribed) {
-    const test::Socket unused = test::boundSocket();
-    Properties props = login(QStringLiteral("127.0.0.1:%1").arg(unused.port()));
-    RemoteLocation location("archive", Smb2FS::SPtr::create(10), &props);
-    EXPECT_EQ(location.mount(nullptr), -1);
-    EXPECT_EQ(describeMountFailure(location), "nothing listens there (Connection refused)");
-}
-
-namespace {
-
-using Export = test::WithMaintenanceProgram;
-
-} // namespace
-
-TEST_F(Export, LocationOfAnExport_MountFailureIsWhatTheProgramSaid) {
-    const test::TempDir temp;
-    Properties props = {{"target", "server:/x"}};
-    RemoteLocation location("archive", NFS::SPtr::create(temp.path()), &props);
-    {
-        const test::MaintenanceProgram program("echo 'server:/x cannot be mounted' >&2; exit 45");
-        errno = EINTR; // of another call
-        EXPECT_EQ(location.mount(nullptr), 45);
-        EXPECT_EQ(describeMountFailure(location), "server:/x cannot be mounted");
-    }
-    const test::MaintenanceProgram silent("exit 45");
-    EXPECT_EQ(location.mount(nullptr), 45);
-    EXPECT_EQ(describeMountFailure(location), "the maintenance program has given no reason");
 }
 
 } // namespace oru::io

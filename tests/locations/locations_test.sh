@@ -125,8 +125,10 @@ states_of() {
     sed -n "s/^$1: \(None\|Presence\|Read\|Write\)\$/\1/p" "$work/out" | paste -sd ' '
 }
 
+# Whether these were its states. A medium that arrives in one batch is mounted before "Presence" is
+# reported.
 went_through() {
-    [ "$(states_of "$1")" = "$2" ]
+    [[ "Presence $(states_of "$1")" =~ ^(Presence )?$2$ ]]
 }
 
 expect_orderly_end() {
@@ -235,7 +237,7 @@ removed_card_is_unmounted() {
     # The next one works.
     make_card "$clips/next.img" 64M
     insert_card "$clips/next.img" slot-card
-    expect wait_until went_through card "Presence Write None Presence Write"
+    expect wait_until went_through card "Presence Write None( Presence)? Write"
     end_with INT
     expect_orderly_end
     expect holds locations-clip.oru 1048576
@@ -250,10 +252,10 @@ failed_mount_is_reported() {
     truncate -s 64M "$clips/card.img"
     start_locations
     insert_card "$clips/card.img" slot-card
-    expect wait_until has_line "card: cannot mount: .*"
+    expect wait_until has_line "card: there is no file system on it"
     end_with INT
     expect [ "$status" -eq 0 ]
-    expect went_through card "Presence None"
+    expect went_through card "Presence"
     eject_card "$card"
 }
 
@@ -263,7 +265,7 @@ share_that_comes_later_is_mounted() {
     add_share "$port"
     kill -STOP -- "-$smbd"
     start_locations
-    expect wait_until has_line 'archive: cannot mount: .* does not answer \(Connection timed out\)'
+    expect wait_until has_line 'archive: Connection timed out'
     kill -CONT -- "-$smbd"
     expect wait_until went_through archive "Write"
     end_with TERM
@@ -279,7 +281,7 @@ share_whose_server_is_killed_is_mounted_again() {
     expect wait_until has_line "archive: recorded .*"
     kill -KILL -- "-$smbd"
     wait "$server"
-    expect wait_until has_line 'archive: cannot mount: nothing listens there \(Connection refused\)'
+    expect wait_until has_line 'archive: Connection refused'
     expect has_line "archive: the connection is lost"
     rm "$clips/server/recordings/locations-clip.oru"
     ORUIO_SMB_PORT=$port start_server
@@ -390,7 +392,7 @@ recorder_records_on_a_share() {
     expect has_size "$clips/server/recordings/a.oru" 4194304
     stop_server
     run "$recorder" --to location:archive --locations "$work/places.ini" --size 4M
-    expect_error 1 "cannot mount the medium of archive: nothing listens there"
+    expect_error 1 "cannot mount the medium of archive: Connection refused"
 }
 
 recorder_without_a_medium_ends() {

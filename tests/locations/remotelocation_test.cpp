@@ -36,6 +36,18 @@ protected:
     RemoteLocation location{"share", smb, &props};
 };
 
+TEST_F(RemoteLocationTest, IsSuccess_NothingToCheckCounts) {
+    EXPECT_TRUE(location.isSuccess(location.check()));
+    EXPECT_TRUE(location.isSuccess(0));
+    EXPECT_FALSE(location.isSuccess(-1));
+    EXPECT_FALSE(location.isSuccess(2));
+    // The status of a local check.
+    SystemLocation card("card", smb, &props);
+    EXPECT_TRUE(card.isSuccess(0));
+    EXPECT_FALSE(card.isSuccess(1));
+    EXPECT_FALSE(card.isSuccess(card.check())) << "there is no medium";
+}
+
 TEST_F(RemoteLocationTest, MountAndUmount_ConnectAndDisconnect) {
     EXPECT_EQ(location.mount(nullptr), 0);
     EXPECT_EQ(smb->calls, QStringList("connect first"));
