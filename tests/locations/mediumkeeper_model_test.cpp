@@ -128,7 +128,8 @@ public:
         if (!untruth.isEmpty())
             return untruth;
         const auto state = m_slot.keeper.state();
-        if (m_slot.isMountable() && (state == MediumKeeper::Mounted) != m_isWanted)
+        const bool isAsWanted = (state == MediumKeeper::Mounted) == m_isWanted || m_isAdopted;
+        if (m_slot.isMountable() && !isAsWanted)
             return QStringLiteral("it should%1 be mounted, the state is %2")
                 .arg(m_isWanted ? "" : " not")
                 .arg(state);
@@ -149,6 +150,7 @@ private:
         m_name = m_chance.onceIn(2) ? "/dev/disk" : "/dev/other";
         m_isProtected = m_chance.onceIn(5);
         m_isWanted = true;
+        m_isAdopted = false;
         QList<BDMon::Event> events{event("add", 0)};
         for (unsigned part = 1 + m_chance.below(2); part > 0; --part) {
             events.insert(static_cast<int>(m_chance.below(2)),
@@ -200,10 +202,11 @@ private:
         if (m_chance.onceIn(2)) {
             m_slot.keeper.mount(wanted);
             m_isWanted = true;
+            m_isAdopted = false;
             return QStringLiteral("mount ") + StorageLocation::straccess(wanted);
         }
         if (m_slot.keeper.unmount(isLazy) == 0)
-            m_isWanted = false;
+            m_isWanted = m_isAdopted = false;
         return "unmount";
     }
     QString callLocation() {
@@ -224,9 +227,8 @@ private:
             }};
         const unsigned which = m_chance.below(static_cast<unsigned>(calls.size()));
         calls[which]();
-        // What was mounted against the owner's wish is the medium's, so it stays.
-        if (!m_isWanted && m_slot.mountsHere().size() == 1)
-            m_isWanted = true;
+        // What it has mounted against the wish stays mounted.
+        m_isAdopted = !m_isWanted;
         return QStringLiteral("call %1 of the location").arg(which);
     }
     QString disturbMounts() {
@@ -245,6 +247,7 @@ private:
     quint64 m_size = 100'000;
     bool m_isProtected = false;
     bool m_isWanted = true;
+    bool m_isAdopted = false; ///< may have been mounted by others, against the wish
 };
 
 // --- a share ------------------------------------------------------------------------------------
