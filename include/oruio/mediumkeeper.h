@@ -115,7 +115,7 @@ public:
     Q_ENUM(State)
 
     /// Keeps `location`, which must exist as long as the keeper. Its file system must have a mount
-    /// point in FSSwitch::rootfs() unless it is a share.
+    /// point in FSSwitch::rootfs(), other than the root directory, unless it is a share.
     ///
     /// Make it before BDMon::start(): the monitor reports each medium only once.
     explicit MediumKeeper(StorageLocation* location, const Policy& policy = {},

@@ -50,6 +50,7 @@ private:
     bool hasArrived() const;
     bool canBeMounted() const;
     bool isIdle();
+    int failToMount(int error, const QString& why);
     int tryToMount();
 
     SystemLocation& m_location;
@@ -252,8 +253,19 @@ void KeptMedium::unmountOthers() {
 
 // --- operations ---------------------------------------------------------------------------------
 
+/// Records that the medium cannot be mounted. \returns -1 with errno `error`.
+int KeptMedium::failToMount(int error, const QString& why) {
+    setAccess(StorageLocation::Presence);
+    m_retry.fail();
+    setState(MediumKeeper::Failed, why);
+    errno = error;
+    return -1;
+}
+
 /// Mounts the selected partition, or remounts it. If it cannot be written to, mounts it read-only.
 int KeptMedium::tryToMount() {
+    if (!MountPoint(mountPoint()).isUsable())
+        return failToMount(ENOENT, QStringLiteral("the location has no mount point"));
     Properties props;
     if (m_mountedDevice)
         props["remount"] = true;
@@ -265,19 +277,13 @@ int KeptMedium::tryToMount() {
         props[readonlyKey] = true;
         result = m_location.mount(&props);
     }
-    int error = result == 0 ? 0 : errno;
-    if (isMounted()) {
-        setAccess(m_isReadOnly ? StorageLocation::Read : StorageLocation::Write);
-        setState(MediumKeeper::Mounted);
-        m_retry.reset();
-    } else {
-        setAccess(StorageLocation::Presence);
-        m_retry.fail();
-        setState(MediumKeeper::Failed, mountPoint().isEmpty()
-                                           ? QStringLiteral("the location has no mount point")
-                                           : QString::fromUtf8(std::strerror(error)));
-        result = -1;
-    }
+    const int error = result == 0 ? 0 : errno;
+    if (!isMounted())
+        return failToMount(error, error == 0 ? QStringLiteral("another program has unmounted it")
+                                             : QString::fromUtf8(std::strerror(error)));
+    setAccess(m_isReadOnly ? StorageLocation::Read : StorageLocation::Write);
+    setState(MediumKeeper::Mounted);
+    m_retry.reset();
     errno = error;
     return result == 0 ? 0 : -1;
 }

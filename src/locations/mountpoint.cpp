@@ -44,6 +44,12 @@ MountPoint::MountPoint(const QString& directory) {
         return;
     const std::unique_ptr<char, Freer> resolved(::realpath(path.constData(), nullptr));
     m_path = resolved ? resolved.get() : path.constData();
+    if (m_path == "/")
+        m_path.clear();
+}
+
+bool MountPoint::isUsable() const {
+    return !m_path.isEmpty();
 }
 
 /// A line is "ID PARENT MAJOR:MINOR ROOT DIRECTORY OPTIONS TAG... - TYPE SOURCE OPTIONS".

@@ -21,11 +21,14 @@ struct KernelMount {
     }
 };
 
-/// A directory, compared with the mount table by its bytes, after symbolic links are resolved.
+/// A directory, compared with the mount table by its bytes, after symbolic links are resolved. Never
+/// the root directory, which must stay mounted.
 class MountPoint {
 public:
     explicit MountPoint(const QString& directory);
 
+    /// Whether there is such a directory, other than the root directory.
+    bool isUsable() const;
     /// The mounts on the directory, the oldest first. Empty also when the table cannot be read.
     QList<KernelMount> mounts() const;
     /// umount2(2) of what was mounted last. \returns 0, or -1 with errno.

@@ -177,6 +177,25 @@ size_t longestSequence(size_t normally) {
 } // namespace
 
 using MediumKeeperWalk = test::Isolated;
+using MediumKeeperMountPoint = test::Isolated;
+
+TEST_F(MediumKeeperMountPoint, RootDirectory_FailsAndStaysMounted) {
+    const test::FreshRootSwitch rootSwitch;
+    const test::TempDir directory;
+    const QString link = directory / "root";
+    ASSERT_TRUE(QFile::link("/", link));
+    Properties props = {{"blkDevId", "slot"}};
+    SystemLocation location("slot", FS::SPtr(new PosixFS(link)), &props);
+    FSSwitch::rootfs()->add(link, location.fs());
+    MediumKeeper keeper(&location);
+    const QStringList before = test::devicesAt("/");
+    test::deliver({BDMon::Event(1, "add", new test::MountingDevice("/dev/disk", 0, 9000, "ext4"))});
+    keeper.step();
+    EXPECT_EQ(keeper.state(), MediumKeeper::Failed);
+    EXPECT_EQ(keeper.reason(), "the location has no mount point");
+    EXPECT_EQ(location.access(), StorageLocation::Presence);
+    EXPECT_EQ(test::devicesAt("/"), before);
+}
 
 TEST_F(MediumKeeperWalk, EveryStateByEvents_TrueAndLeft) {
     const test::FreshRootSwitch rootSwitch;
