@@ -56,7 +56,7 @@ int NFS::connect(Properties props) {
 
 QSharedPointer<MaintenanceJob> NFS::connectJob(const SPtr& share, Properties props) {
     share->disconnect();
-    const auto job = MaintenanceJob::SPtr::create(mountCommand(share->mountPoint(), props));
+    auto job = MaintenanceJob::SPtr::create(mountCommand(share->mountPoint(), props));
     QObject::connect(job.get(), &MaintenanceJob::finished, job.get(),
                      [share, props = std::move(props)](int status) {
                          if (status == 0)
