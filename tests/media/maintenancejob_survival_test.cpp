@@ -170,8 +170,9 @@ TEST_F(MaintenanceSurvival, OutputOf300MB_MemoryIsBounded) {
 
 TEST_F(MaintenanceSurvival, ProgressNotRead_ProgramDoesNotBlock) {
     const MaintenanceProgram program(R"sh(exec bash -c '
-        for ((i = 0; i < 20000; ++i)); do
-            echo "progress $((i % 1001))" >&$ORUIO_PROGRESS_FD
+        printf -v comment "%100s"
+        for ((i = 0; i < 1001; ++i)); do
+            printf "progress $i\\n$comment\\n" >&$ORUIO_PROGRESS_FD
         done 2>/dev/null
         : >)sh" + file("done") + '\'');
     MaintenanceJob job(SysCmd("fsck"));
@@ -251,7 +252,7 @@ TEST_F(MaintenanceSurvival, StandardDescriptorsClosed_SameResults) {
 // A program may open the path of its own standard error, which truncates a file.
 TEST_F(MaintenanceSurvival, ProgramOpensItsStandardErrorAgain_LaterOutputIsKept) {
     const MaintenanceProgram program(
-        "echo first >&2; echo second >/dev/stderr; echo third >&2; exit 1");
+        "echo first >&2; echo second >/proc/self/fd/2; echo third >&2; exit 1");
     MaintenanceJob job(SysCmd("fsck"));
     ASSERT_EQ(job.start(), 0);
     job.waitForFinished();
