@@ -21,8 +21,8 @@ struct KernelMount {
     }
 };
 
-/// A directory, compared with the mount table by its bytes, after symbolic links are resolved. Never
-/// the root directory, which must stay mounted.
+/// A directory, compared with the mount table by its bytes, after symbolic links are resolved.
+/// Never the root directory, which must stay mounted.
 class MountPoint {
 public:
     explicit MountPoint(const QString& directory);
