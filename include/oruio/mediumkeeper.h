@@ -41,7 +41,9 @@ class MaintenanceJob;
 
 /// What a MediumKeeper does with a medium or share without being asked.
 struct ORUIO_EXPORT MediumPolicy {
+    /// How a medium is mounted. ByHand: only by MediumKeeper::mount().
     enum class Mount { ReadWrite, ReadOnly, ByHand };
+    /// When a medium is checked.
     enum class Check { Never, WhenDirty, Always };
 
     /// Whether a medium is mounted when it arrives. One that is write-protected is mounted
@@ -63,6 +65,7 @@ struct ORUIO_EXPORT MediumPolicy {
     /// The time before a failed mount or connect is tried again, in ms. It doubles after each
     /// failure, up to longestRetryMs.
     int firstRetryMs = 1000;
+    /// The longest time before a failed mount or connect is tried again, in ms.
     int longestRetryMs = 30'000;
 };
 
@@ -102,8 +105,10 @@ class ORUIO_EXPORT MediumKeeper : public QObject {
     Q_OBJECT
 
 public:
+    /// What the keeper does without being asked.
     using Policy = MediumPolicy;
 
+    /// What there is, and what is done with it.
     enum State : int {
         Absent = 1, ///< no medium; a share that is not to be connected
         Arriving,   ///< a part of the medium has been reported
@@ -124,7 +129,9 @@ public:
     /// continues.
     ~MediumKeeper() override;
 
+    /// Returns the location.
     StorageLocation* location() const;
+    /// Returns the state at the end of the last step().
     State state() const;
     /// Returns what is so at the end of the last step(): None without a medium, Read or Write while
     /// it is mounted once at its place. The same as access() of the location.
